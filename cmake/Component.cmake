@@ -1,0 +1,20 @@
+# Warnings and sanitizers: for our own code only, never for a consumer's.
+add_library(kelvo_flags INTERFACE)
+target_compile_options(kelvo_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+# GCC 12 sees an uninitialised index wherever a std::optional of a std::variant is moved.
+target_compile_options(kelvo_flags INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+if(KELVO_SANITIZE)
+  target_compile_options(kelvo_flags INTERFACE -fsanitize=${KELVO_SANITIZE} -fno-omit-frame-pointer
+                                               -fno-sanitize-recover=all)
+  target_link_options(kelvo_flags INTERFACE -fsanitize=${KELVO_SANITIZE})
+endif()
+
+# kelvo_component(<folder> LINKS ...): the sources of one folder of src/. LINKS names the folders and packages that it
+# may include from. The archives serve tests and tools; the library itself is made of their objects.
+function(kelvo_component name)
+  cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  add_library(kelvo_${name} STATIC ${sources})
+  target_include_directories(kelvo_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
+  target_link_libraries(kelvo_${name} PUBLIC ${ARG_LINKS} PRIVATE kelvo_flags)
+endfunction()

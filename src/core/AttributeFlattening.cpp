@@ -1,0 +1,118 @@
+#include "core/AttributeFlattening.h"
+
+#include <string>
+#include <utility>
+
+#include "platform/JSON.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+enum class Kind { text, number, dictionary, array, other };
+
+Kind kindOf(const Value& value) {
+  if (value.get<std::string>() != nullptr) return Kind::text;
+  if (value.isNumber()) return Kind::number;
+  if (value.get<Dictionary>() != nullptr) return Kind::dictionary;
+  return value.get<Array>() != nullptr ? Kind::array : Kind::other;
+}
+
+std::optional<std::string> asJSON(const Value& value) {
+  std::string error;
+  auto text = jsonText(value, &error);
+  if (!text) KLV_ERROR("{}: error: {}", "getFlatDictionary", error);
+  return text;
+}
+
+void storeAsJSON(const std::string& key, const Value& value, Dictionary& result) {
+  if (auto text = asJSON(value)) result.set(key, *std::move(text));
+}
+
+Value textOfNumber(const Value& value) {
+  return value.isNumber() ? Value(description(value)) : value;
+}
+
+/// Stores a text or number; a second value under the same key makes an array of both.
+void gather(const std::string& key, const Value& value, Dictionary& result) {
+  const Value* present = result.find(key);
+  if (present == nullptr) {
+    result.set(key, value);
+  } else if (const auto* values = present->get<Array>()) {
+    Array longer = *values;
+    result.set(key, nullptr);  // leaves `longer` the only owner, so that it grows in place
+    longer.append(value);
+    result.set(key, std::move(longer));
+  } else {
+    result.set(key, Array{textOfNumber(*present), textOfNumber(value)});
+  }
+}
+
+void handleArray(const std::string& key, const Array& array, Dictionary& result, int depth);
+
+void handleDictionary(const std::string& prefix, const Dictionary& dictionary, Dictionary& result, int depth) {
+  if (depth < 1) return storeAsJSON(prefix, dictionary, result);
+  for (const auto& [name, value] : dictionary) {
+    const std::string key = prefix + "_" + name;
+    switch (kindOf(value)) {
+      case Kind::dictionary: handleDictionary(key, *value.get<Dictionary>(), result, depth - 1); break;
+      case Kind::array: handleArray(key, *value.get<Array>(), result, depth - 1); break;
+      case Kind::text:
+      case Kind::number: gather(key, value, result); break;
+      case Kind::other: break;
+    }
+  }
+}
+
+/// A mixed array stands as JSON text under its key, unless what its first element asks for overwrites that.
+void stringifyMixed(const std::string& key, const Array& array, Kind kind, Dictionary& result) {
+  for (const Value& element : array) {
+    if (kindOf(element) != kind) return storeAsJSON(key, array, result);
+  }
+}
+
+void handleArray(const std::string& key, const Array& array, Dictionary& result, int depth) {
+  if (array.empty()) return;
+  const Kind kind = kindOf(array[0]);
+  if (kind == Kind::other) return;
+  stringifyMixed(key, array, kind, result);
+  if (kind == Kind::text || kind == Kind::number) {
+    // Kept: a mixed array that begins with a text or a number is stored as it is.
+    result.set(key, array);
+    return;
+  }
+  if (kind == Kind::dictionary) {
+    for (const Value& element : array) {
+      if (const auto* dictionary = element.get<Dictionary>()) {
+        handleDictionary(key, *dictionary, result, depth - 1);
+      } else if (depth - 1 < 1) {
+        storeAsJSON(key, element, result);
+      }
+    }
+    return;
+  }
+  Array texts;
+  for (const Value& element : array) {
+    if (auto text = asJSON(element)) texts.append(*std::move(text));
+  }
+  result.set(key, std::move(texts));
+}
+
+}  // namespace
+
+Dictionary getFlatDictionary(const Dictionary& dictionary, int depth) {
+  Dictionary result;
+  for (const auto& [key, value] : dictionary) {
+    switch (kindOf(value)) {
+      case Kind::dictionary: handleDictionary(key, *value.get<Dictionary>(), result, depth - 1); break;
+      // Kept: the depth is not lowered for an array at the top level, unlike for a dictionary.
+      case Kind::array: handleArray(key, *value.get<Array>(), result, depth); break;
+      case Kind::text:
+      case Kind::number: result.set(key, value); break;
+      case Kind::other: break;
+    }
+  }
+  return result;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,215 @@
+#include <utility>
+
+#include "core/KLVController.h"
+#include "network/KLVServicePaths.h"
+#include "platform/Clock.h"
+#include "platform/Directories.h"
+#include "platform/Files.h"
+#include "platform/UserDefaults.h"
+#include "records/KLVFileNames.h"
+#include "util/KLVException.h"
+#include "util/KLVLogger.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo {
+namespace {
+
+constexpr std::string_view kSessionCount = "klv_session_count";
+constexpr std::string_view kRetentionDay = "klv_ret_day";
+constexpr std::string_view kRetentionDayCount = "klv_ret_day_count";
+
+/// The storage forms of `events` as JSON; an event whose attributes cannot be cleaned is left out, with a line.
+std::optional<std::string> storageForms(const std::vector<std::shared_ptr<KLVEvent>>& events) {
+  Array forms;
+  for (const auto& event : events) {
+    try {
+      forms.append(event->jsonDict());
+    } catch (const KLVInvalidArgument& fault) {
+      KLV_ERROR("{}", fault.what());
+    }
+  }
+  return KLVUtilities::jsonStringFromNSArray(forms);
+}
+
+/// Kept: a failed write goes unreported.
+void rescue(const std::optional<std::string>& content, std::string_view file) {
+  if (content) static_cast<void>(writeFileAtomically(Directories::inLibrary(file), *content));
+}
+
+}  // namespace
+
+void KLVController::onEvent(const std::shared_ptr<KLVEvent>& event) {
+  if (event == nullptr) {
+    KLV_WARN("Event is nil");
+  } else if (event->eventType() == KLVEventType::app && event->identifier() == kKLVAppOpened) {
+    onAppOpened();
+  } else if (event->eventType() == KLVEventType::system && event->identifier() == kKLVBackground) {
+    onBackground();
+  }
+}
+
+void KLVController::onAppOpened() {
+  const auto handler = dataHandler();
+  if (handler == nullptr) return;
+  const auto saved = handler->getEventsInfo();
+  const auto* rescued = saved ? saved->get<Array>() : nullptr;
+  if (rescued == nullptr || rescued->empty()) return;
+  std::vector<std::shared_ptr<KLVEvent>> events;
+  for (const Value& form : *rescued) {
+    if (const auto* dictionary = form.get<Dictionary>()) events.push_back(objectFromJsonDict<KLVEvent>(*dictionary));
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    for (const auto& event : events) eventsBuffer_.push_back(event);
+    // The buffer was written out when storage became ready; nothing else would store what joins it now.
+    if (dataHandlerStarted_) persistEvents(std::exchange(eventsBuffer_, {}));
+  }
+  handler->deleteItemAtPath(std::string(kKLVEventsBuffer));
+}
+
+void KLVController::onBackground() {
+  std::vector<std::shared_ptr<KLVEvent>> events;
+  std::vector<BufferedInfo> infos;
+  {
+    const std::lock_guard lock(mutex_);
+    if (dataHandlerStarted_) return;
+    events.swap(eventsBuffer_);
+    infos.swap(infoBuffer_);
+  }
+  if (!events.empty()) rescue(storageForms(events), kKLVEventsBuffer);
+  for (const BufferedInfo& entry : infos) {
+    // Kept: the last entry of the user overwrites those before it, and what the session was given is dropped.
+    if (entry.isUser) rescue(KLVUtilities::jsonDataFromNSDictionary(entry.info), kKLVUserDB);
+  }
+}
+
+void KLVController::startSessionWithLaunchType(const std::optional<std::string>& launchType) {
+  KLV_DEBUG("Starting session with launch type: {}", launchType);
+  if (!launchType) {
+    KLV_WARN("launchType is nil");
+    return;
+  }
+  if (const auto running = session()) running->stopSession();
+  const auto device = deviceInfo();
+  const auto started = KLVSession::initWithLaunchType(*launchType, device ? device->identifier() : "", *this);
+  const auto handler = std::make_shared<KLVDataHandler>(started->identifier());
+  {
+    const std::lock_guard lock(mutex_);
+    session_ = started;
+    // Kept: only the handler of the first session is ever started; those of later ones keep files only.
+    dataHandler_ = handler;
+  }
+  handler->saveSessionInfo(started, started->identifier());
+  incrementLifetimeSessionCount();
+}
+
+void KLVController::updateChunkEndTime() {
+  controllerSerialQueue_.sync([this] {
+    if (const auto running = session()) running->updateEndTime();
+  });
+}
+
+std::int64_t KLVController::getLifetimeSessionCount() {
+  return UserDefaults::standard().integer(kSessionCount);
+}
+
+void KLVController::incrementLifetimeSessionCount() {
+  const std::int64_t count = getLifetimeSessionCount();
+  KLV_DEBUG("Increasing lifetime session count: {}", count);
+  UserDefaults::standard().set(kSessionCount, count + 1);
+}
+
+std::int64_t KLVController::getRetentionDay() {
+  return UserDefaults::standard().integer(kRetentionDayCount);
+}
+
+void KLVController::updateRetentionDayCount() {
+  auto& defaults = UserDefaults::standard();
+  const auto text = defaults.string(kRetentionDay);
+  const auto first = KLVUtilities::dateFromKLVDateString(text);
+  KLV_DEBUG("Retention date for evaluation: {}", first ? text : std::nullopt);
+  const Date now = Clock::now();
+  if (!first) {
+    defaults.set(kRetentionDay, KLVUtilities::dateKLVStringFromNSDate(now));
+  } else if (const auto hours = std::chrono::duration_cast<std::chrono::hours>(now - *first).count(); hours >= 24) {
+    // Kept: every launch adds the whole days since the first evaluation again.
+    const std::int64_t count = getRetentionDay() + hours / 24;
+    defaults.set(kRetentionDayCount, count);
+    KLV_DEBUG("Increasing retention day count: {}", count);
+  }
+  defaults.synchronize();
+}
+
+void KLVController::sendUserInfo() {
+  const auto form = [](const auto& record) { return record ? Value(record->jsonDictModified()) : Value(); };
+  const auto currentUser = user();
+  const Dictionary body{{"sdk_version", std::to_string(static_cast<int>(kKLVSDKVersion))},
+                        {"app_info", form(appInfo())},
+                        {"device_info", form(deviceInfo())},
+                        {"user_attributes", currentUser ? currentUser->userAttributes() : Dictionary()}};
+  KLV_DEBUG("Sending user info: {}", body);
+  const auto completion = [](const auto&, const auto& response, const auto& error) {
+    if (error) {
+      KLV_ERROR("Cound not send user info: {}", error->localizedDescription);
+    } else if (succeeded(response, error)) {
+      KLV_DEBUG("Send user info response: {}", response->description());
+    }
+  };
+  postDataToURL(std::string(kKLVSDKUserInfoURL) + applicationIdentifier(), body, std::nullopt, completion);
+}
+
+std::shared_ptr<KLVSession> KLVController::retrieveSessionInfoWithIdentifier(
+    const std::optional<std::string>& identifier) {
+  if (!identifier) {
+    KLV_ERROR("Session Info not found for nil identifier");
+    return nullptr;
+  }
+  const auto handler = dataHandler();
+  return handler ? handler->retrieveSessionInfoWithIdentifier(*identifier) : nullptr;
+}
+
+void KLVController::saveSessionInfoWithIndentifier(const std::optional<std::string>& identifier) {
+  if (!identifier) {
+    KLV_WARN("session identifier is nil");
+    return;
+  }
+  if (const auto handler = dataHandler()) handler->saveSessionInfo(session(), *identifier);
+}
+
+void KLVController::saveUserInfo() {
+  if (const auto handler = dataHandler()) handler->saveUserInfo(user());
+}
+
+void KLVController::markFatalAndUpdateDuration(std::optional<Date> duration,
+                                               const std::optional<std::string>& sessionId) {
+  if (!duration || !sessionId) KLV_WARN("duration/identifier is nil");
+  if (!sessionId) return;  // no session has a nil id
+  const auto running = session();
+  if (running != nullptr && running->identifier() == *sessionId) {
+    running->markSessionAsFatal();
+    if (duration) running->updateDuration(*duration);
+    return;
+  }
+  const auto handler = dataHandler();
+  const auto stored = handler ? handler->retrieveSessionInfoWithIdentifier(*sessionId) : nullptr;
+  if (stored == nullptr) return;
+  stored->markSessionAsFatal();
+  if (duration) stored->updateDuration(*duration);
+  handler->saveSessionInfo(stored, *sessionId);
+}
+
+void KLVController::terminateSDK() {
+  {
+    const std::lock_guard lock(mutex_);
+    storeInBuffer_ = false;
+    eventsBuffer_.clear();
+    infoBuffer_.clear();
+  }
+  systemEventMonitor_.stop();
+  // The navigation monitor stops here.
+  deRegisterIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), asListener());
+  deRegisterIdentifer(identifierKey(KLVEventType::system, kKLVBackground), asListener());
+  KLV_INFO("Terminating Kelvo SDK");
+}
+
+}  // namespace kelvo

@@ -1,0 +1,122 @@
+#include "core/KLVController.h"
+
+#include "platform/Bundle.h"
+#include "platform/Clock.h"
+#include "platform/Immortal.h"
+#include "util/KLVLogger.h"
+#include "util/KLVTimer.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo {
+
+KLVController& KLVController::sharedController() {
+  static Immortal<KLVController> instance;
+  return *instance;
+}
+
+KLVController::KLVController() {
+  KLVTimer::sharedTimer().setSDKStartTime(Clock::now());
+  KLVUtilities::initializeDateFormatter();
+}
+
+void KLVController::initialize() {
+  const Dictionary& bundle = Bundle::main().infoDictionary();
+  const auto* meta = bundle["Kelvo"].get<Dictionary>();
+  if (meta == nullptr) {
+    KLV_ERROR("KelvoiOSSDK failed to initialize - invalid Kelvo Meta Info");
+    return;
+  }
+  if (!meta->contains("Core")) {
+    KLV_INFO("Ignoring Kelvo SDK auto init");
+    return;
+  }
+  const auto* core = (*meta)["Core"].get<std::string>();
+  {
+    const std::lock_guard lock(mutex_);
+    applicationIdentifier_ = core != nullptr ? *core : std::string();  // Kept: stored before it is validated.
+  }
+  if (core == nullptr || !KLVUtilities::isValidString(*core)) {
+    KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId");
+    return;
+  }
+  KLV_INFO("Initialising Kelvo SDK automatically with ID: {}", *core);
+  initializeWithKelvoID(*core);
+}
+
+void KLVController::performInOrder(std::function<void()> task) {
+  controllerSerialQueue_.async(std::move(task));
+}
+
+void KLVController::whenStored(std::function<void()> done) {
+  // Host calls go to the controller's queue; activity reports go on from there to the monitor, which asks the
+  // controller again; both end on the bus, which submits what is to be stored.
+  controllerSerialQueue_.async([this, done = std::move(done)]() mutable {
+    systemEventMonitor_.whenDispatched([this, done = std::move(done)]() mutable {
+      eventHandler_.whenClassified([this, done = std::move(done)]() mutable {
+        const auto handler = dataHandler();
+        handler ? handler->whenStored(std::move(done)) : done();
+      });
+    });
+  });
+}
+
+void KLVController::whenPosted(std::function<void()> done) {
+  // Twice over the bus: the first pass queues the deliveries that make the chunk manager cut.
+  whenStored([this, done = std::move(done)]() mutable {
+    eventHandler_.whenClassified([this, done = std::move(done)]() mutable {
+      const auto manager = chunkManager();
+      manager ? manager->whenPosted(std::move(done)) : done();
+    });
+  });
+}
+
+std::shared_ptr<KLVEventListener> KLVController::asListener() {
+  return {std::shared_ptr<void>(), this};  // owns nothing: the controller is never destroyed
+}
+
+std::shared_ptr<KLVDataHandler> KLVController::dataHandler() {
+  const std::lock_guard lock(mutex_);
+  return dataHandler_;
+}
+
+std::shared_ptr<KLVConfigManager> KLVController::configManager() {
+  const std::lock_guard lock(mutex_);
+  return configManager_;
+}
+
+std::shared_ptr<KLVChunkManager> KLVController::chunkManager() {
+  const std::lock_guard lock(mutex_);
+  return chunkManager_;
+}
+
+std::string KLVController::applicationIdentifier() {
+  const std::lock_guard lock(mutex_);
+  return applicationIdentifier_;
+}
+
+std::shared_ptr<KLVSession> KLVController::session() {
+  const std::lock_guard lock(mutex_);
+  return session_;
+}
+
+std::shared_ptr<KLVUser> KLVController::user() {
+  const std::lock_guard lock(mutex_);
+  return user_;
+}
+
+std::shared_ptr<KLVAppInfo> KLVController::appInfo() {
+  const std::lock_guard lock(mutex_);
+  return appInfo_;
+}
+
+std::shared_ptr<KLVDeviceInfo> KLVController::deviceInfo() {
+  const std::lock_guard lock(mutex_);
+  return deviceInfo_;
+}
+
+std::shared_ptr<KLVSDKInfo> KLVController::sdkInfo() {
+  const std::lock_guard lock(mutex_);
+  return sdkInfo_;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,126 @@
+#include "events/KLVEventHandler.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+
+KLVEventHandler::KLVEventHandler(KLVEventHandlerDelegate& delegate) : delegate_(delegate) {}
+
+void KLVEventHandler::registerForEventType(KLVEventType type, Listener listener) {
+  queue_.async([this, type, listener = std::move(listener)] {
+    add(objectsRegisteredOnType_, std::string(stringFromType(type)), listener);
+  });
+}
+
+void KLVEventHandler::deregisterForEventType(KLVEventType type, Listener listener) {
+  queue_.async([this, type, listener = std::move(listener)] {
+    const std::string key(stringFromType(type));
+    const auto byIdentifier = objectsRegisteredOnIdentifier_.find(key);
+    if (byIdentifier == objectsRegisteredOnIdentifier_.end()) return;
+    const auto& listeners = byIdentifier->second;
+    if (std::find(listeners.begin(), listeners.end(), listener) == listeners.end()) return;
+    remove(objectsRegisteredOnType_, key, listener);
+  });
+}
+
+void KLVEventHandler::registerIdentifer(std::string key, Listener listener) {
+  queue_.async([this, key = std::move(key), listener = std::move(listener)] {
+    add(objectsRegisteredOnIdentifier_, key, listener);
+  });
+}
+
+void KLVEventHandler::deRegisterIdentifer(std::string key, Listener listener) {
+  queue_.async([this, key = std::move(key), listener = std::move(listener)] {
+    remove(objectsRegisteredOnIdentifier_, key, listener);
+  });
+}
+
+void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
+  queue_.async([this, event = std::move(event)] {
+    if (!classify(*event)) return;
+    save(event);
+    deliver(event, objectsRegisteredOnType_, std::string(stringFromType(event->eventType())));
+    deliver(event, objectsRegisteredOnIdentifier_, identifierKey(event->eventType(), event->identifier()));
+  });
+}
+
+void KLVEventHandler::waitUntilDelivered() {
+  queue_.sync([] {});  // what is classified by then has its deliveries queued
+  queue_.sync([] {});
+}
+
+bool KLVEventHandler::classify(KLVEvent& event) const {
+  const std::string name = event.identifier();
+  if (event.eventType() == KLVEventType::client || clientEvents_.contains(name)) {
+    KLV_DEBUG("Client event found");
+    event.setEventType(KLVEventType::client);
+    return true;
+  }
+  if (event.eventType() == KLVEventType::aggregate || aggregateEvents_.contains(name)) {
+    KLV_DEBUG("Aggregate event found");
+    event.setEventType(KLVEventType::aggregate);
+    return true;
+  }
+  if (!eventsToBeIgnored_.contains(name)) return true;
+  KLV_DEBUG("Stop event found, ignoring it");
+  return false;
+}
+
+void KLVEventHandler::save(const std::shared_ptr<KLVEvent>& event) {
+  const KLVEventType type = event->eventType();
+  if (type == KLVEventType::client) {
+    KLV_DEBUG("Not saving, Client event found");
+  } else if (type == KLVEventType::aggregate) {
+    KLV_DEBUG("Saving aggregate event found");
+    delegate_.processAggregateEventWithEvent(event);
+  } else if (event->isStorable()) {
+    delegate_.saveEvent(event);
+  }
+  if (type == KLVEventType::app || type == KLVEventType::client) delegate_.saveLifetimeEvent(event);
+}
+
+void KLVEventHandler::deliver(const std::shared_ptr<KLVEvent>& event, const Table& table, const std::string& key) {
+  const auto found = table.find(key);
+  if (found == table.end()) return;
+  for (const Listener& listener : found->second) {
+    queue_.async([event, listener] { listener->onEvent(event); });
+  }
+}
+
+void KLVEventHandler::add(Table& table, const std::string& key, const Listener& listener) {
+  auto& listeners = table[key];
+  if (listener == nullptr || std::find(listeners.begin(), listeners.end(), listener) != listeners.end()) return;
+  listeners.push_back(listener);
+}
+
+void KLVEventHandler::remove(Table& table, const std::string& key, const Listener& listener) {
+  const auto found = table.find(key);
+  if (found == table.end() || listener == nullptr) return;
+  auto& listeners = found->second;
+  listeners.erase(std::remove(listeners.begin(), listeners.end(), listener), listeners.end());
+}
+
+void KLVEventHandler::NameList::set(std::optional<Array> names) {
+  std::unordered_set<std::string> lookup;
+  for (const Value& name : names.value_or(Array())) {
+    if (const auto* text = name.get<std::string>()) lookup.insert(*text);
+  }
+  const std::lock_guard lock(mutex_);
+  names_.swap(names);
+  lookup_.swap(lookup);
+}
+
+std::optional<Array> KLVEventHandler::NameList::names() const {
+  const std::lock_guard lock(mutex_);
+  return names_;
+}
+
+bool KLVEventHandler::NameList::contains(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  return lookup_.count(name) > 0;
+}
+
+}  // namespace kelvo

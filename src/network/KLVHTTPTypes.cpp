@@ -1,0 +1,19 @@
+#include "util/KLVHTTPTypes.h"
+
+#include <fmt/format.h>
+
+namespace kelvo {
+
+std::string HTTPResponse::description() const {
+  return fmt::format("{} (status {})", url, statusCode);
+}
+
+std::string describe(const std::optional<HTTPResponse>& response) {
+  return response ? response->description() : "(null)";
+}
+
+bool succeeded(const std::optional<HTTPResponse>& response, const std::optional<HTTPError>& error) {
+  return !error && response && response->statusCode == 200;
+}
+
+}  // namespace kelvo

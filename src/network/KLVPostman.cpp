@@ -1,0 +1,127 @@
+#include "network/KLVPostman.h"
+
+#include <strings.h>
+
+#include <algorithm>
+
+#include "network/HTTPURL.h"
+#include "platform/Immortal.h"
+#include "platform/JSON.h"
+#include "platform/ServiceEndpoint.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+/// nullopt for text that makes no URL.
+std::optional<std::string> encodedURL(const std::string& text) {
+  std::string encoded = percentEncoded(text);
+  if (!HTTPURL::parse(encoded)) return std::nullopt;
+  return encoded;
+}
+
+/// `baseURL` followed by `path`. Without a base URL the text is empty, which ends the request in an error that says so.
+std::optional<std::string> appendedURL(const std::string& baseURL, const std::string& path) {
+  if (baseURL.empty()) return std::string();
+  return encodedURL(baseURL + path);
+}
+
+std::optional<std::string> urlFor(const std::string& baseURL, const std::string& path) {
+  return path.find("https:") != std::string::npos ? encodedURL(path) : appendedURL(baseURL, path);
+}
+
+bool fitsOneLine(const std::string& text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == text.npos;
+}
+
+void setHeader(HTTPRequest& request, const std::string& name, std::string value) {
+  auto& headers = request.headers;
+  const auto same = std::find_if(headers.begin(), headers.end(), [&](const auto& header) {
+    return strcasecmp(header.first.c_str(), name.c_str()) == 0;
+  });
+  if (same == headers.end()) {
+    headers.emplace_back(name, std::move(value));
+  } else {
+    same->second = std::move(value);
+  }
+}
+
+void setHeaders(HTTPRequest& request, const std::optional<Dictionary>& headerFields) {
+  if (!headerFields) return;
+  for (const auto& [name, value] : *headerFields) {
+    const auto* text = value.get<std::string>();
+    const bool named = !name.empty() && name.find_first_of(": ") == std::string::npos && fitsOneLine(name);
+    if (!named || text == nullptr || !fitsOneLine(*text)) {
+      KLV_WARN("Left out a header that cannot be sent: {}", name);
+      continue;
+    }
+    setHeader(request, name, *text);
+  }
+}
+
+HTTPRequest jsonRequest(std::string method, std::string url) {
+  return {std::move(method), std::move(url), {{"Content-Type", "application/json"}}, {}};
+}
+
+}  // namespace
+
+KLVPostman::KLVPostman() : baseURL_(ServiceEndpoint::shared().baseURL) {}
+
+KLVHTTPSession& KLVPostman::sharedSession() {
+  static Immortal<KLVHTTPSession> session;
+  return *session;
+}
+
+void KLVPostman::getDataFromURLPath(const std::string& path, HTTPCompletion completion) {
+  auto url = urlFor(baseURL_, path);
+  if (!url) {
+    KLV_WARN("Error in URL encoding");
+    return;
+  }
+  send(jsonRequest("GET", *std::move(url)), std::move(completion));
+}
+
+void KLVPostman::postDataToURL(const std::string& path, const std::optional<Dictionary>& body,
+                               const std::optional<Dictionary>& headerFields, HTTPCompletion completion) {
+  auto url = urlFor(baseURL_, path);
+  if (!url) {
+    KLV_WARN("Error in URL encoding");
+    return;
+  }
+  KLV_DEBUG("request URL: {}", *url);
+  HTTPRequest request = jsonRequest("POST", *std::move(url));
+  setHeaders(request, headerFields);
+  if (body) {
+    std::string error;
+    auto json = jsonText(*body, &error);
+    if (!json) {
+      KLV_ERROR("Error geting json object from data: {}", error);
+      KLV_WARN("Unable to create requestBody");
+      return;
+    }
+    KLV_DEBUG("request json: {}", *json);
+    request.body = *std::move(json);
+  }
+  send(std::move(request), std::move(completion));
+}
+
+void KLVPostman::makeDeleteRequestToURLPath(const std::string& path, const std::optional<Dictionary>& headerFields,
+                                            HTTPCompletion completion) {
+  auto url = appendedURL(baseURL_, path);
+  if (!url) {
+    KLV_WARN("Error in URL encoding");
+    return;
+  }
+  HTTPRequest request = jsonRequest("DELETE", *std::move(url));
+  setHeaders(request, headerFields);
+  send(std::move(request), std::move(completion));
+}
+
+void KLVPostman::send(HTTPRequest request, HTTPCompletion completion) {
+  sharedSession().start(std::move(request), [completion = std::move(completion)](auto data, auto response, auto error) {
+    KLV_DEBUG("Response: {}", describe(response));
+    if (completion) completion(std::move(data), std::move(response), std::move(error));
+  });
+}
+
+}  // namespace kelvo

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kelvo {
+
+// Paths of the service; the texts in angle brackets are replaced before use.
+inline constexpr std::string_view kKLVSDKEnableURL = "/v2/api/<app-id>/sdk/enabled-status?platform=ios&sdk_version=";
+inline constexpr std::string_view kKLVSDKConfigURL = "/v2/api/config/<app-id>/ios";
+inline constexpr std::string_view kKLVSDKUserInfoURL = "/v2/api/user?appId=";
+inline constexpr std::string_view kKLVSDKChunkURL = "/v2/api/<app-id>/chunks";
+inline constexpr std::string_view kKLVSDKSyncValidateURL =
+    "/v2/sync/<app-id>/validate?userId=<user-id>&actionType=<action-type>&version=<version>&platform=ios";
+inline constexpr std::string_view kKLVSDKRTASyncURL =
+    "/v2/sync/<app-id>/rta?userId=<user-id>&actionType=rta&version=<version>&platform=ios";
+inline constexpr std::string_view kKLVSDKSurveySyncURL =
+    "/v2/sync/<app-id>/surveys?userId=<user-id>&actionType=survey&version=<version>&platform=ios";
+inline constexpr std::string_view kKLVClientEventValidateURL =
+    "/v2/sync/<app-id>/client-events/validate?userId=<user-id>&version=<version>&platform=ios";
+inline constexpr std::string_view kKLVClientEventsURL =
+    "/v2/sync/<app-id>/client-events?userId=<user-id>&version=<version>&platform=ios";
+
+/// `text` with every `placeholder` replaced by `value`; nothing is escaped.
+std::string byReplacing(std::string_view text, std::string_view placeholder, std::string_view value);
+
+}  // namespace kelvo

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <optional>
+#include <sys/types.h>
+
+namespace kelvo {
+
+/// The right to use this home, which one process at a time has: an advisory lock on `Library/com.kelvo.lock`, held
+/// until the process ends.
+class HomeLock {
+ public:
+  /// Takes the lock; the id of the process that holds it when that is another one. A home in which no lock file can be
+  /// made is nobody's, and counts as taken by this process.
+  [[nodiscard]] static std::optional<pid_t> takeOrFindHolder();
+};
+
+}  // namespace kelvo

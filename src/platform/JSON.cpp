@@ -1,0 +1,234 @@
+#include "platform/JSON.h"
+
+#include <fmt/format.h>
+
+#include <boost/json/basic_parser_impl.hpp>
+#include <boost/json/src.hpp>  // the library's only one: Boost.JSON is compiled here
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace kelvo {
+namespace {
+
+namespace json = boost::json;
+
+constexpr std::size_t kDeepestNesting = 256;
+
+// --- Writing
+
+class Writer {
+ public:
+  enum class Mode { strict, describing };
+  explicit Writer(Mode mode) : mode_(mode) {}
+
+  /// False, with `error` set, at the first member that JSON cannot hold; never in describing mode.
+  bool write(const Value& value, std::size_t depth = 0) {
+    if (const auto* content = value.get<std::string>()) return writeText(*content);
+    if (const auto* array = value.get<Array>()) return writeArray(*array, depth + 1);
+    if (const auto* dictionary = value.get<Dictionary>()) return writeDictionary(*dictionary, depth + 1);
+    if (const auto* flag = value.get<bool>()) return add(*flag ? "true" : "false");
+    if (const auto* number = value.get<float>()) return writeFloating(*number, value);
+    if (const auto* number = value.get<double>()) return writeFloating(*number, value);
+    if (value.isInteger()) return add(description(value));
+    if (value.get<Data>() != nullptr) return refuse("bytes", value);
+    if (value.get<Date>() != nullptr) return refuse("a date", value);
+    return add("null");
+  }
+
+  std::string text;
+  std::string error;
+
+ private:
+  bool add(std::string_view piece) {
+    text += piece;
+    return true;
+  }
+
+  bool writeText(std::string_view content) {
+    serializer_.reset(json::string_view(content.data(), content.size()));
+    char buffer[1024];
+    while (!serializer_.done()) {
+      const auto piece = serializer_.read(buffer);
+      text.append(piece.data(), piece.size());
+    }
+    return true;
+  }
+
+  /// With a fraction or an exponent always, so that it is read back as the floating number it was.
+  bool writeFloating(double number, const Value& value) {
+    if (!std::isfinite(number)) return refuse(std::isnan(number) ? "NaN" : "an infinity", value);
+    const std::size_t start = text.size();
+    fmt::format_to(std::back_inserter(text), "{}", number);
+    if (text.find_first_of(".e", start) == std::string::npos) text += ".0";
+    return true;
+  }
+
+  bool writeArray(const Array& array, std::size_t depth) {
+    if (depth > kDeepestNesting) return refuseDepth();
+    text += '[';
+    for (const Value& value : array) {
+      if (&value != array.begin()) text += ',';
+      if (!write(value, depth)) return false;
+    }
+    return add("]");
+  }
+
+  bool writeDictionary(const Dictionary& dictionary, std::size_t depth) {
+    if (depth > kDeepestNesting) return refuseDepth();
+    text += '{';
+    bool first = true;
+    for (const auto& [key, value] : dictionary) {
+      if (!std::exchange(first, false)) text += ',';
+      writeText(key);
+      text += ':';
+      if (write(value, depth)) continue;
+      if (error.find(" (key: ") == std::string::npos) error += " (key: " + key + ")";
+      return false;
+    }
+    return add("}");
+  }
+
+  bool refuse(const char* what, const Value& value) {
+    if (mode_ == Mode::describing) return writeText(description(value));
+    error = fmt::format("JSON cannot hold {}", what);
+    return false;
+  }
+
+  bool refuseDepth() {
+    if (mode_ == Mode::describing) return writeText("...");
+    error = fmt::format("nested deeper than {} levels", kDeepestNesting);
+    return false;
+  }
+
+  Mode mode_;
+  json::serializer serializer_;
+};
+
+// --- Reading
+
+/// Builds a value out of what the parser finds. Its members' names and signatures are the parser's.
+class Builder {
+ public:
+  static constexpr std::size_t max_object_size = std::numeric_limits<std::size_t>::max();
+  static constexpr std::size_t max_array_size = max_object_size;
+  static constexpr std::size_t max_key_size = max_object_size;
+  static constexpr std::size_t max_string_size = max_object_size;
+
+  bool on_document_begin(json::error_code&) { return true; }
+  bool on_document_end(json::error_code&) { return true; }
+  bool on_object_begin(json::error_code&) { return open(Dictionary()); }
+  bool on_object_end(std::size_t, json::error_code&) { return close(); }
+  bool on_array_begin(json::error_code&) { return open(Array()); }
+  bool on_array_end(std::size_t, json::error_code&) { return close(); }
+  bool on_key_part(json::string_view part, std::size_t, json::error_code&) { return collect(part); }
+  bool on_key(json::string_view part, std::size_t, json::error_code&) {
+    collect(part);
+    open_.back().key = std::exchange(text_, {});
+    return true;
+  }
+  bool on_string_part(json::string_view part, std::size_t, json::error_code&) { return collect(part); }
+  bool on_string(json::string_view part, std::size_t, json::error_code&) {
+    collect(part);
+    return add(std::exchange(text_, {}));
+  }
+  bool on_number_part(json::string_view part, json::error_code&) { return collect(part); }
+  bool on_int64(std::int64_t number, json::string_view, json::error_code&) { return addNumber(number); }
+  bool on_uint64(std::uint64_t number, json::string_view, json::error_code&) { return addNumber(number); }
+  /// The parser's own conversion may be off by the last bit; the digits are the truth.
+  bool on_double(double number, json::string_view part, json::error_code& error) {
+    collect(part);
+    double precise = number;
+    std::from_chars(text_.data(), text_.data() + text_.size(), precise);
+    if (!std::isfinite(precise)) {
+      error = json::error::exponent_overflow;
+      return false;
+    }
+    return addNumber(precise);
+  }
+  bool on_bool(bool flag, json::error_code&) { return add(flag); }
+  bool on_null(json::error_code&) { return add(nullptr); }
+  bool on_comment_part(json::string_view, json::error_code&) { return true; }
+  bool on_comment(json::string_view, json::error_code&) { return true; }
+
+  Value result;
+
+ private:
+  struct Container {
+    std::variant<Array, Dictionary> content;
+    std::string key;  ///< of the member that comes next
+  };
+
+  bool collect(json::string_view part) {
+    text_.append(part.data(), part.size());
+    return true;
+  }
+
+  bool open(std::variant<Array, Dictionary> content) {
+    open_.push_back({std::move(content), {}});
+    return true;
+  }
+
+  bool close() {
+    auto content = std::move(open_.back().content);
+    open_.pop_back();
+    return std::visit([this](auto& container) { return add(std::move(container)); }, content);
+  }
+
+  template <class Number>
+  bool addNumber(Number number) {
+    text_.clear();
+    return add(number);
+  }
+
+  bool add(Value value) {
+    if (open_.empty()) {
+      result = std::move(value);
+    } else if (auto* array = std::get_if<Array>(&open_.back().content)) {
+      array->append(std::move(value));
+    } else {
+      std::get<Dictionary>(open_.back().content).set(open_.back().key, std::move(value));
+    }
+    return true;
+  }
+
+  std::vector<Container> open_;
+  std::string text_;
+};
+
+std::optional<Value> refused(std::string* error, std::string_view what, std::size_t offset) {
+  if (error != nullptr) *error = fmt::format("{} at offset {}", what, offset);
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> jsonText(const Value& value, std::string* error) {
+  Writer writer(Writer::Mode::strict);
+  if (writer.write(value)) return std::move(writer.text);
+  if (error != nullptr) *error = std::move(writer.error);
+  return std::nullopt;
+}
+
+std::string describingJSONText(const Value& value) {
+  Writer writer(Writer::Mode::describing);
+  writer.write(value);
+  return std::move(writer.text);
+}
+
+std::optional<Value> parseJSON(std::string_view text, std::string* error) {
+  json::parse_options options;
+  options.max_depth = kDeepestNesting;
+  options.allow_trailing_commas = true;
+  json::basic_parser<Builder> parser(options);
+  json::error_code failure;
+  const std::size_t consumed = parser.write_some(false, text.data(), text.size(), failure);
+  if (failure) return refused(error, failure.message(), consumed);
+  if (consumed < text.size()) return refused(error, "extra data", consumed);
+  return std::move(parser.handler().result);
+}
+
+}  // namespace kelvo

@@ -1,0 +1,50 @@
+#include "platform/NotificationCenter.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "platform/Immortal.h"
+#include "platform/Problem.h"
+
+namespace kelvo {
+namespace {
+
+void call(const NotificationCenter::Handler& handler) {
+  try {
+    handler();
+  } catch (const std::exception& exception) {
+    reportProblem("NotificationCenter", std::string("A handler threw: ") + exception.what());
+  } catch (...) {
+    reportProblem("NotificationCenter", "A handler threw an unknown exception");
+  }
+}
+
+}  // namespace
+
+NotificationCenter& NotificationCenter::defaultCenter() {
+  static Immortal<NotificationCenter> instance;
+  return *instance;
+}
+
+NotificationCenter::Observation NotificationCenter::observe(std::string_view name, Handler handler) {
+  auto entry = std::make_shared<Entry>(Entry{std::string(name), std::move(handler)});
+  const std::lock_guard lock(mutex_);
+  entries_.erase(std::remove_if(entries_.begin(), entries_.end(), [](const auto& weak) { return weak.expired(); }),
+                 entries_.end());
+  entries_.push_back(entry);
+  return Observation(std::move(entry));
+}
+
+void NotificationCenter::post(std::string_view name) {
+  std::vector<std::weak_ptr<Entry>> entries;
+  {
+    const std::lock_guard lock(mutex_);
+    entries = entries_;
+  }
+  // Looked up one by one: an earlier handler may end a later subscription.
+  for (const auto& weak : entries) {
+    if (const auto entry = weak.lock(); entry != nullptr && entry->name == name) call(entry->handler);
+  }
+}
+
+}  // namespace kelvo

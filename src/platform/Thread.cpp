@@ -1,0 +1,69 @@
+#include "platform/Thread.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <exception>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "platform/Problem.h"
+
+namespace kelvo {
+namespace {
+
+std::atomic<bool> forked{false};
+[[maybe_unused]] const int forkHandler = pthread_atfork(nullptr, nullptr, [] { forked.store(true); });
+
+constexpr std::size_t kLongestName = 15;  // the kernel refuses longer ones
+
+/// Gives the calling thread the mask that its children shall inherit, and its own back at the end.
+class InheritedSignalMask {
+ public:
+  InheritedSignalMask() {
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) sigdelset(&blocked, fault);
+    pthread_sigmask(SIG_SETMASK, &blocked, &before_);
+  }
+  InheritedSignalMask(const InheritedSignalMask&) = delete;
+  InheritedSignalMask& operator=(const InheritedSignalMask&) = delete;
+  ~InheritedSignalMask() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
+
+void runThread(const std::string& name, const std::function<void()>& body) {
+  pthread_setname_np(pthread_self(), name.c_str());
+  try {
+    body();
+  } catch (const std::exception& exception) {
+    reportProblem("Thread", name + " ended by an exception: " + exception.what());
+  } catch (...) {
+    reportProblem("Thread", name + " ended by an unknown exception");
+  }
+}
+
+}  // namespace
+
+bool startThread(const char* name, std::function<void()> body) {
+  if (inForkedChild()) return false;
+  std::string shortName = std::string(name).substr(0, kLongestName);
+  try {
+    const InheritedSignalMask mask;
+    std::thread([ownName = shortName, ownBody = std::move(body)] { runThread(ownName, ownBody); }).detach();
+    return true;
+  } catch (const std::system_error& error) {
+    reportProblem("Thread", shortName + " could not be started: " + error.what());
+    return false;
+  }
+}
+
+bool inForkedChild() noexcept {
+  return forked.load(std::memory_order_relaxed);
+}
+
+}  // namespace kelvo

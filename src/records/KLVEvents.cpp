@@ -1,0 +1,72 @@
+#include "records/KLVEvents.h"
+
+#include "util/KLVTimer.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo {
+namespace {
+constexpr const char* kUndefined = "undefined";
+constexpr const char* kUndefinedScreen = "undefined-screen";
+constexpr std::string_view kName = "name";
+}  // namespace
+
+KLVAppEvent::KLVAppEvent(KLVEventType type, std::string name, const std::optional<Dictionary>& attributes,
+                         KLVLifetimeCounts& counts)
+    : KLVEvent(type) {
+  setIdentifier(name);
+  if (!attributes) return;
+  const std::int64_t count = counts.getLifetimeCountForEventWithName(name);
+  const std::string slot = KLVUtilities::rangeForCount(count);
+  Dictionary info = *attributes;
+  Dictionary custom = KLVUtilities::dictionaryByRemovingNulls(*attributes);
+  info.set("time", KLVTimer::sharedTimer().currentTime());
+  for (Dictionary* counted : {&info, &custom}) {
+    counted->set("klv_lt_count", count);
+    counted->set("klv_lt_count_slot", slot);
+  }
+  setAdditionalInfo(std::move(info));
+  setCustomInfo(std::move(custom));
+}
+
+KLVSystemEvent::KLVSystemEvent(KLVEventType type, SubType subType) : KLVEvent(type) {
+  setIdentifier(std::string(stringFromSystemType(subType)));
+}
+
+std::string_view KLVSystemEvent::stringFromSystemType(SubType subType) {
+  switch (subType) {
+    case SubType::foreground: return kKLVForeground;
+    case SubType::background: return kKLVBackground;
+  }
+  return kUndefined;
+}
+
+KLVSystemEvent::SubType KLVSystemEvent::systemTypeFromString(std::string_view name) {
+  return name == kKLVForeground ? SubType::foreground : SubType::background;
+}
+
+KLVNavigationEvent::KLVNavigationEvent(const std::optional<std::string>& viewControllerId)
+    : KLVEvent(KLVEventType::navigation) {
+  setIdentifier(viewControllerId.value_or(kUndefined));
+  setInfo(0, "duration");
+  setInfo(identifier(), kName);
+}
+
+KLVNavigationEvent::KLVNavigationEvent(const std::optional<std::string>& navigationId,
+                                       const std::optional<std::string>& name)
+    : KLVEvent(KLVEventType::navigation) {
+  setIdentifier(navigationId.value_or(kUndefined));
+  setInfo(name.value_or(kUndefinedScreen), kName);
+}
+
+KLVCENavEvent::KLVCENavEvent(const std::optional<std::string>& viewControllerId)
+    : KLVEvent(KLVEventType::ceNavigation) {
+  setIdentifier(viewControllerId.value_or(kUndefined));
+}
+
+KLVCENavEvent::KLVCENavEvent(const std::optional<std::string>& navigationId, const std::optional<std::string>& name)
+    : KLVEvent(KLVEventType::ceNavigation) {
+  setIdentifier(navigationId.value_or(kUndefined));
+  setInfo(name.value_or(kUndefinedScreen), kName);
+}
+
+}  // namespace kelvo

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string_view>
+
+namespace kelvo {
+
+// Files in the Library directory. Names on disk are part of the interface and never change.
+inline constexpr std::string_view kKLVAppInfo = "app_info";
+inline constexpr std::string_view kKLVDeviceInfo = "device_info";
+inline constexpr std::string_view kKLVSDKInfo = "sdk_info";
+inline constexpr std::string_view kKLVSessionInfo = "session_info";
+inline constexpr std::string_view kKLVUserDB = "com.kelvo.db.user";
+inline constexpr std::string_view kKLVEventsBuffer = "com.kelvo.db.eventsbuffer";
+inline constexpr std::string_view kKLVSDKFrequencyConfig = "com.kelvo.frequency.config.json";
+inline constexpr std::string_view kKLVClientEventsPath = "com.kelvo.SDK.clientevents";
+inline constexpr std::string_view kKLVSDKPIDMIDForRTA = "com.kelvo.SDK.rta.pidmid";
+inline constexpr std::string_view kKLVSDKPIDMIDForSurvey = "com.kelvo.SDK.survey.pidmid";
+inline constexpr std::string_view kKLVSdkConfigLocation = "com.kelvo.SDK.config.json";
+inline constexpr std::string_view kKLVSDKEnableStatusConfig = "com.kelvo.SDK.enable.status.json";
+
+}  // namespace kelvo

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+namespace kelvo {
+
+/// Why a call of the SQLite layer failed.
+struct FMKLVError {
+  std::string domain = "FMDatabase";
+  int code = 0;  ///< SQLite's result code
+  std::string message;
+};
+
+}  // namespace kelvo

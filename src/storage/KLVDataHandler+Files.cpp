@@ -1,0 +1,168 @@
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+#include "platform/Directories.h"
+#include "platform/Files.h"
+#include "platform/JSON.h"
+#include "records/KLVFileNames.h"
+#include "storage/KLVDataHandler.h"
+#include "storage/KLVDataHandlerJobs.h"
+#include "util/KLVException.h"
+#include "util/KLVLogger.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo {
+namespace {
+
+/// A record's storage form for a log line. One that cannot be stored is logged by its job, too.
+Value storageForm(const KLVInfo& record) {
+  try {
+    return record.jsonDict();
+  } catch (const KLVInvalidArgument& error) {
+    return error.what();
+  }
+}
+
+/// `path` is relative to the Library directory.
+[[nodiscard]] bool writeJSON(const Dictionary& content, std::string_view path) {
+  const auto data = KLVUtilities::jsonDataFromNSDictionary(content);
+  return data && writeFileAtomically(Directories::inLibrary(path), *data);
+}
+
+/// Writes Library/`session`/`name`, in a directory that is made when there is none.
+[[nodiscard]] bool writeSessionRecord(const KLVInfo& record, const std::string& session, std::string_view name) {
+  const auto directory = Directories::inLibrary(session);
+  if (FileError error; !fileExists(directory) && !makeDirectory(directory, false, &error)) {
+    KLV_ERROR("Failed to create directory with path: {} due to: {}", directory, error);
+  }
+  return writeJSON(record.jsonDict(), joinPath(session, name));
+}
+
+/// Whether `path` names something below the directory that it is relative to.
+bool staysInside(const std::filesystem::path& path) {
+  const auto named = [](const auto& part) { return !part.empty() && part != "." && part != "/"; };
+  return std::none_of(path.begin(), path.end(), [](const auto& part) { return part == ".."; }) &&
+         std::any_of(path.begin(), path.end(), named);
+}
+
+bool isContainer(const Value& value) {
+  return value.get<Dictionary>() != nullptr || value.get<Array>() != nullptr;
+}
+
+template <class Record>
+std::shared_ptr<Record> recordFromFile(const std::optional<Value>& content) {
+  const auto* form = content ? content->get<Dictionary>() : nullptr;
+  return form != nullptr ? objectFromJsonDict<Record>(*form) : nullptr;
+}
+
+}  // namespace
+
+void KLVDataHandler::saveAppInfo(std::shared_ptr<KLVAppInfo> info, std::string identifier) {
+  if (!info) return;
+  jobs_->async([info = std::move(info), identifier = std::move(identifier)] {
+    if (!writeSessionRecord(*info, identifier, kKLVAppInfo)) KLV_ERROR("Failed to save AppInfo");
+  });
+}
+
+void KLVDataHandler::saveDeviceInfo(std::shared_ptr<KLVDeviceInfo> info) {
+  if (!info) return;
+  jobs_->async([info = std::move(info)] {
+    if (!writeJSON(info->jsonDict(), kKLVDeviceInfo)) KLV_ERROR("Failed to save DeviceInfo");
+  });
+}
+
+void KLVDataHandler::saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string identifier) {
+  if (!info) return;
+  jobs_->async([info = std::move(info), identifier = std::move(identifier)] {
+    if (!writeSessionRecord(*info, identifier, kKLVSDKInfo)) KLV_ERROR("Failed to save SDKInfo");
+  });
+}
+
+void KLVDataHandler::saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier) {
+  if (!session) return;
+  KLV_DEBUG("Saving session: {} with identifier: {}", storageForm(*session), identifier);
+  jobs_->async([session = std::move(session), identifier = std::move(identifier)] {
+    if (!writeSessionRecord(*session, identifier, kKLVSessionInfo)) KLV_ERROR("Failed to save SessionInfo");
+  });
+}
+
+void KLVDataHandler::saveUserInfo(std::shared_ptr<KLVUser> user) {
+  if (!user) return;
+  KLV_DEBUG("Saving user info: {}", storageForm(*user));
+  jobs_->async([user = std::move(user)] {
+    static_cast<void>(writeJSON(user->jsonDict(), kKLVUserDB));  // Kept: a failure goes without a word.
+  });
+}
+
+std::shared_ptr<KLVSession> KLVDataHandler::retrieveSessionInfoWithIdentifier(const std::string& identifier) {
+  return recordFromFile<KLVSession>(objectFromFileWithPath(joinPath(identifier, kKLVSessionInfo)));
+}
+
+std::shared_ptr<KLVUser> KLVDataHandler::retrieveUser() {
+  return jobs_->sync([&] { return recordFromFile<KLVUser>(objectFromFileWithPath(std::string(kKLVUserDB))); });
+}
+
+void KLVDataHandler::deleteItemAtPath(std::string path) {
+  jobs_->async([path = std::move(path)] {
+    FileError error = "it is not inside the Library directory";
+    if (staysInside(path) && removeItem(Directories::inLibrary(path), &error)) return;
+    KLV_ERROR("Unable to remove file due to: {}", error);
+  });
+}
+
+std::optional<Value> KLVDataHandler::objectFromFileWithPath(const std::optional<std::string>& path) {
+  if (!path) {
+    KLV_WARN("Invalid path");
+    return std::nullopt;
+  }
+  return jobs_->sync([&]() -> std::optional<Value> {
+    FileError error;
+    const auto text = readFile(Directories::inLibrary(*path), &error);
+    if (!text) {
+      KLV_WARN("Opening file:{} . Error: {}", *path, error);
+      return std::nullopt;
+    }
+    error = "neither an array nor an object";
+    if (auto object = parseJSON(*text, &error); object && isContainer(*object)) return *std::move(object);
+    KLV_ERROR("parsing json file {})", error);
+    return std::nullopt;
+  });
+}
+
+std::optional<Value> KLVDataHandler::getEventsInfo() {
+  return objectFromFileWithPath(std::string(kKLVEventsBuffer));
+}
+
+void KLVDataHandler::persist(Dictionary config, std::string path, std::string failure) {
+  jobs_->async([config = std::move(config), path = std::move(path), failure = std::move(failure)] {
+    if (!writeJSON(config, path)) KLV_ERROR("{}", failure);
+  });
+}
+
+void KLVDataHandler::persistFrequencyConfig(Dictionary config) {
+  persist(std::move(config), std::string(kKLVSDKFrequencyConfig), "Unable to save freq config");
+}
+
+std::optional<Value> KLVDataHandler::retrieveFrequencyConfig() {
+  return objectFromFileWithPath(std::string(kKLVSDKFrequencyConfig));
+}
+
+void KLVDataHandler::persistClientEvents(Dictionary config) {
+  persist(std::move(config), std::string(kKLVClientEventsPath), "Unable to save client events config");
+}
+
+std::optional<Value> KLVDataHandler::getClientEvents() {
+  return objectFromFileWithPath(std::string(kKLVClientEventsPath));
+}
+
+void KLVDataHandler::persistPIDMIDDict(Dictionary config, std::string path) {
+  // Kept: the same words as for the frequency configuration.
+  persist(std::move(config), std::move(path), "Unable to save freq config");
+}
+
+std::optional<Value> KLVDataHandler::getPIDMIDDictAtPath(const std::string& path) {
+  return objectFromFileWithPath(path);
+}
+
+}  // namespace kelvo

@@ -1,0 +1,94 @@
+#include "storage/KLVDataHandler.h"
+
+#include <utility>
+
+#include "storage/KLVDataHandlerJobs.h"
+#include "storage/KLVSchema.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+/// The events table of one session.
+std::string suffixIdentifierToTableName(const std::string& identifier, std::string_view table) {
+  return std::string(table) + "_" + identifier;
+}
+
+std::string eventsTable(const std::string& identifier) {
+  return suffixIdentifierToTableName(identifier, kKLVEvents);
+}
+
+}  // namespace
+
+KLVDataHandler::KLVDataHandler(std::string identifier)
+    : sessionIdentifier_(std::move(identifier)), jobs_(std::make_shared<KLVDataHandlerJobs>()) {
+  KLV_DEBUG("Init data handler with identifier: {}", sessionIdentifier_);
+}
+
+KLVDataHandler::~KLVDataHandler() = default;
+
+void KLVDataHandler::startWithCompletionHandler(const std::function<void()>& completion) {
+  auto store = std::make_unique<KLVPersistantStore>();
+  store->createEventsTableWithTableName(eventsTable(sessionIdentifier_));
+  store->createChunkMetaInfoTableWithTableName(kKLVChunkMetaInfo);
+  store->createAggregateEventsTable();
+  store->createLifetimeEventsTable();
+  jobs_->setStore(std::move(store));
+  if (completion) completion();
+}
+
+void KLVDataHandler::saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier) {
+  if (!event) return;
+  jobs_->write([event = std::move(event), identifier = std::move(identifier)](KLVPersistantStore& store) {
+    return store.insertDataWithTableName(eventsTable(identifier), event->jsonDict());
+  });
+}
+
+std::vector<Dictionary> KLVDataHandler::getEventsBetween(std::uint64_t start, std::uint64_t end,
+                                                         const std::string& identifier,
+                                                         const std::optional<std::string>& eventType) {
+  return jobs_->sync([&]() -> std::vector<Dictionary> {
+    auto* store = jobs_->store();
+    if (store == nullptr) return {};
+    return store->retrieveDataWithTableName(eventsTable(identifier), start, end, std::string(kKLVEventType), eventType);
+  });
+}
+
+std::uint64_t KLVDataHandler::numberOfEventsWithIdentifier(const std::string& identifier) {
+  return jobs_->sync([&]() -> std::uint64_t {
+    auto* store = jobs_->store();
+    if (store == nullptr) return 0;
+    return static_cast<std::uint64_t>(store->retrieveNumberOfRecordsInTable(eventsTable(identifier)));
+  });
+}
+
+std::vector<std::string> KLVDataHandler::getSessions() {
+  return jobs_->sync([&] {
+    std::vector<std::string> sessions;
+    auto* store = jobs_->store();
+    if (store == nullptr) return sessions;
+    for (const auto& table : store->retrieveTableNames()) {
+      if (table.rfind(kKLVEvents, 0) != 0) continue;
+      // Kept: an identifier that itself holds a "_" comes back up to there only.
+      const auto from = table.find('_');
+      if (from == std::string::npos) continue;
+      sessions.push_back(table.substr(from + 1, table.find('_', from + 1) - from - 1));
+    }
+    return sessions;
+  });
+}
+
+void KLVDataHandler::deleteSession(std::string identifier) {
+  jobs_->async([jobs = jobs_, identifier = std::move(identifier)] {
+    auto* store = jobs->store();
+    if (store != nullptr && !store->removeTableWithName(eventsTable(identifier))) {
+      KLV_ERROR("Couldn't delete session entry");
+    }
+  });
+}
+
+void KLVDataHandler::whenStored(std::function<void()> done) {
+  jobs_->async(std::move(done));
+}
+
+}  // namespace kelvo

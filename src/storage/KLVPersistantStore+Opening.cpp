@@ -1,0 +1,148 @@
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include <fmt/format.h>
+
+#include "platform/Clock.h"
+#include "platform/Directories.h"
+#include "platform/Files.h"
+#include "storage/KLVPersistantStore.h"
+#include "storage/KLVSchema.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+/// Present when a statement has found the database corrupt since it was opened.
+std::string corruptionMarker() {
+  return KLVPersistantStore::getDBPathForIdentifier(fmt::format("{}.corrupt-found", kKLVDatabaseFile));
+}
+
+bool isCorruption(int code) {
+  return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
+}
+
+/// Keeps other users out without a change of the process's file creation mask; SQLite gives its side files the mode
+/// of the database. Makes the file itself when there is none, but never opens one that may be in use: closing it
+/// would drop the locks that SQLite holds on it.
+void makePrivate(const std::string& path) {
+  const int file = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+  if (file >= 0) {
+    ::close(file);
+  } else if (errno == EEXIST && ::chmod(path.c_str(), 0600) != 0) {
+    KLV_WARN("Unable to make {} private: {}", path, std::strerror(errno));
+  }
+}
+
+/// Renames the database and what belongs to it. The database goes last, so that an interrupted move is done again.
+bool setAside(const std::string& path, const std::string& reason) {
+  using std::chrono::milliseconds;
+  const auto now = std::chrono::duration_cast<milliseconds>(Clock::now().time_since_epoch()).count();
+  const auto aside = fmt::format("{}.{}.corrupt", path, now);
+  for (const char* suffix : {"-wal", "-shm", ""}) {
+    if (std::rename((path + suffix).c_str(), (aside + suffix).c_str()) == 0 || errno == ENOENT) continue;
+    KLV_ERROR("Unable to set aside {}{}: {}", path, suffix, std::strerror(errno));
+    return false;
+  }
+  KLV_ERROR("The database is corrupt ({}). It is set aside as {}, and a new one is begun", reason, aside);
+  return true;
+}
+
+/// Sets the connection up and reads from the file for the first time; the failure when SQLite calls it corrupt.
+std::optional<FMKLVError> prepareConnection(FMKLVDatabaseQueue& queue) {
+  std::optional<FMKLVError> corruption;
+  queue.inDatabase([&](FMKLVDatabase& db) {
+    const auto isSound = [&](const auto& runs) {
+      static_cast<void>(runs());
+      if (isCorruption(db.lastErrorCode())) corruption = db.lastError();
+      return !corruption;
+    };
+    const auto query = [&](const char* sql) {
+      return [&db, sql] {
+        const auto rows = db.executeQuery(sql);
+        return rows && rows->next();
+      };
+    };
+    // A commit then costs no disk flush, and what was committed survives a crash of the process.
+    static_cast<void>(isSound(query("pragma journal_mode=WAL")) &&
+                      isSound([&] { return db.executeUpdate("pragma synchronous=NORMAL"); }) &&
+                      isSound(query("select COUNT(*) from sqlite_master")));
+  });
+  return corruption;
+}
+
+}  // namespace
+
+KLVPersistantStore::KLVPersistantStore() {
+  createDBDirectory();
+  const auto path = getDBPathForIdentifier(kKLVDatabaseFile);
+  KLV_DEBUG("dbpath: {}", path);
+  if (const auto marker = corruptionMarker(); fileExists(marker)) {
+    if (!fileExists(path) || setAside(path, "found at an earlier run")) static_cast<void>(removeItem(marker));
+  }
+  db_ = openDatabase(path);
+  KLV_DEBUG("SQLite Thread Safe: {}", FMKLVDatabase::isSQLiteThreadSafe() ? "YES" : "NO");
+}
+
+KLVPersistantStore::~KLVPersistantStore() = default;
+
+std::unique_ptr<FMKLVDatabaseQueue> KLVPersistantStore::openDatabase(const std::string& path) {
+  makePrivate(path);
+  auto queue = FMKLVDatabaseQueue::databaseQueueWithPath(path);
+  if (!queue) return nullptr;
+  const auto corruption = prepareConnection(*queue);
+  if (!corruption) return queue;
+
+  queue.reset();
+  if (!setAside(path, corruption->message)) return nullptr;
+  makePrivate(path);
+  queue = FMKLVDatabaseQueue::databaseQueueWithPath(path);
+  if (queue) static_cast<void>(prepareConnection(*queue));
+  return queue;
+}
+
+std::string KLVPersistantStore::dbDirectoryPath() {
+  return joinPath(Directories::documents(), kKLVDatabaseDirectory);
+}
+
+void KLVPersistantStore::createDBDirectory() {
+  if (!fileExists(dbDirectoryPath())) static_cast<void>(makeDirectory(dbDirectoryPath(), true));
+}
+
+std::string KLVPersistantStore::getDBPathForIdentifier(std::string_view component) {
+  return joinPath(dbDirectoryPath(), component);
+}
+
+void KLVPersistantStore::onDatabase(const FMKLVDatabaseQueue::Block& block) {
+  if (!db_) return;
+  db_->inDatabase([&](FMKLVDatabase& db) {
+    db.setLogsErrors(reportsFailures());
+    block(db);
+    noteCorruption(db);
+  });
+}
+
+bool KLVPersistantStore::onDatabase(bool (FMKLVDatabase::*operation)()) {
+  bool done = false;
+  onDatabase([&](FMKLVDatabase& db) { done = (db.*operation)(); });
+  return done;
+}
+
+void KLVPersistantStore::noteCorruption(const FMKLVDatabase& db) {
+  if (foundCorrupt_ || !isCorruption(db.lastErrorCode())) return;
+  foundCorrupt_ = true;
+  KLV_ERROR("The database is corrupt ({}). The next start will set it aside", db.lastErrorMessage());
+  if (FileError error; !writeFileAtomically(corruptionMarker(), "", &error)) {
+    KLV_ERROR("Unable to mark the database as corrupt: {}", error);
+  }
+}
+
+}  // namespace kelvo

@@ -1,0 +1,183 @@
+#include "storage/KLVPersistantStore.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "kelvo/Value.h"
+#include "storage/KLVSchema.h"
+#include "util/KLVLogger.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo {
+namespace {
+
+/// "a='1' AND b='2'" and the like: `format` takes key and value.
+std::string joined(const Dictionary& parameters, std::string_view first, std::string_view then,
+                   fmt::string_view format) {
+  std::string text;
+  std::string_view separator = first;
+  for (const auto& [key, value] : parameters) {
+    text += separator;
+    const auto valueText = description(value);
+    text += fmt::vformat(format, fmt::make_format_args(key, valueText));
+    separator = then;
+  }
+  return text;
+}
+
+}  // namespace
+
+bool KLVPersistantStore::create(std::string_view table, std::string_view columns, bool failureIsError) {
+  bool created = false;
+  onDatabase([&](FMKLVDatabase& db) {
+    created = db.executeUpdate(fmt::format("create table if not exists '{}' ( {} )", table, columns));
+    if (created) return;
+    if (failureIsError) {
+      KLV_ERROR("create table failed: {}", db.lastErrorMessage());
+    } else {
+      KLV_DEBUG("create table failed: {}", db.lastErrorMessage());
+    }
+  });
+  return created;
+}
+
+bool KLVPersistantStore::createEventsTableWithTableName(std::string_view table) {
+  return create(table, kKLVEventsColumns, false);
+}
+
+bool KLVPersistantStore::createChunkMetaInfoTableWithTableName(std::string_view table) {
+  return create(table, kKLVChunkMetaInfoColumns, true);
+}
+
+bool KLVPersistantStore::createAggregateEventsTable() {
+  return create(kKLVAggEvents, kKLVAggEventsColumns, false);
+}
+
+bool KLVPersistantStore::createLifetimeEventsTable() {
+  return create(kKLVLifetimeEvents, kKLVLifetimeEventsColumns, false);
+}
+
+bool KLVPersistantStore::removeTableWithName(std::string_view table) {
+  return write(fmt::format("DROP TABLE IF EXISTS '{}'", table));
+}
+
+std::vector<std::string> KLVPersistantStore::retrieveTableNames() {
+  std::vector<std::string> names;
+  for (const auto& row : rows("SELECT name FROM 'sqlite_master' WHERE type='table'")) {
+    if (const auto* name = row["name"].get<std::string>()) names.push_back(*name);
+  }
+  return names;
+}
+
+KLVPersistantStore::Rows KLVPersistantStore::rows(const std::string& sql) {
+  Rows result;
+  onDatabase([&](FMKLVDatabase& db) {
+    const auto set = db.executeQuery(sql);
+    while (set && set->next()) {
+      if (const auto row = set->resultDictionary()) result.push_back(KLVUtilities::dictionaryByRemovingNulls(*row));
+    }
+  });
+  return result;
+}
+
+int KLVPersistantStore::retrieveNumberOfRecordsInTable(std::string_view table) {
+  int count = 0;
+  onDatabase([&](FMKLVDatabase& db) { count = db.intForQuery(fmt::format("select COUNT(*) from '{}'", table)); });
+  return count;
+}
+
+namespace {
+
+std::string rangeQuery(std::string_view table, const std::string& where, const std::optional<std::string>& column,
+                       const std::optional<std::string>& value) {
+  if (!column || !value) return fmt::format("select * from '{}' {}", table, where);
+  return fmt::format("select * from '{}' {} and {} = '{}'", table, where, *column, *value);
+}
+
+}  // namespace
+
+KLVPersistantStore::Rows KLVPersistantStore::retrieveDataWithTableName(std::string_view table, std::uint64_t from,
+                                                                       std::uint64_t to,
+                                                                       const std::optional<std::string>& column,
+                                                                       const std::optional<std::string>& value) {
+  const auto where = fmt::format("where identifier >= {} and identifier <= {}", from, to);
+  return rows(rangeQuery(table, where, column, value));
+}
+
+KLVPersistantStore::Rows KLVPersistantStore::retrieveDataWithTableName(std::string_view table, int from,
+                                                                       const std::optional<std::string>& column,
+                                                                       const std::optional<std::string>& value) {
+  return rows(rangeQuery(table, fmt::format("where identifier >= {}", from), column, value));
+}
+
+KLVPersistantStore::Rows KLVPersistantStore::retrieveDataWithTableName(std::string_view table, std::string_view key,
+                                                                       const Value& value) {
+  return rows(fmt::format("select * from '{}' where {} = '{}'", table, key, description(value)));
+}
+
+KLVPersistantStore::Rows KLVPersistantStore::retrieveDataForIdentifier(std::string_view column, std::string_view table,
+                                                                       const Parameters& conditions) {
+  if (conditions.empty()) return {};
+  return rows(fmt::format("select {} from '{}' where {}", column, table, joined(conditions, "", " AND ", "{} = '{}'")));
+}
+
+KLVPersistantStore::Rows KLVPersistantStore::retrieveAllDataWithTableName(std::string_view table) {
+  return rows(fmt::format("select * from '{}'", table));
+}
+
+KLVPersistantStore::Rows KLVPersistantStore::retrieveSetOfValuesFromTable(std::string_view table,
+                                                                          std::string_view key) {
+  return rows(fmt::format("select DISTINCT({}) from '{}'", key, table));
+}
+
+bool KLVPersistantStore::write(const std::string& sql, const Parameters& parameters) {
+  bool written = false;
+  onDatabase([&](FMKLVDatabase& db) {
+    written = db.executeUpdate(sql, parameters);
+    if (!written && reportsFailures()) KLV_ERROR("KLVError {}: {}", db.lastErrorCode(), db.lastErrorMessage());
+  });
+  return written;
+}
+
+std::string KLVPersistantStore::insertStatementWithTableName(std::string_view table, const Parameters& parameters) {
+  auto statement = fmt::format("INSERT INTO '{}' ({}) VALUES ({})", table, joined(parameters, " ", ", ", "{0}"),
+                               joined(parameters, " ", ", ", ":{0}"));
+  KLV_DEBUG("insert statement: {}", statement);
+  return statement;
+}
+
+bool KLVPersistantStore::insertDataWithTableName(std::string_view table, const Parameters& parameters) {
+  return write(insertStatementWithTableName(table, parameters), parameters);
+}
+
+bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const Parameters& values,
+                                                 const Parameters& conditions) {
+  const auto statement = fmt::format("UPDATE {} SET{} where{}", table, joined(values, " ", ", ", "{}={}"),
+                                     joined(conditions, " ", " AND ", "{}='{}'"));
+  KLV_DEBUG("update statement: {}", statement);
+  return write(statement);
+}
+
+bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const Parameters& values,
+                                                 std::string_view field, const Value& having) {
+  const auto statement = fmt::format("UPDATE '{}' SET{} where {} = '{}'", table, joined(values, " ", ", ", "{0}=:{0}"),
+                                     field, description(having));
+  KLV_DEBUG("update statement: {}", statement);
+  return write(statement, values);
+}
+
+bool KLVPersistantStore::updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions) {
+  // Kept: three blanks before the first condition.
+  const auto statement =
+      fmt::format("UPDATE {} SET {}={} where {} IS NULL AND {} IS NULL AND  {}", kKLVAggEvents, kKLVAggCount, count,
+                  kKLVAttrKey, kKLVAttrValue, joined(conditions, " ", " AND ", "{}='{}'"));
+  KLV_DEBUG("Aggregate events count record update query: {}", statement);
+  return write(statement);
+}
+
+bool KLVPersistantStore::removeDataWithTableName(std::string_view table, std::string_view field, const Value& having) {
+  return write(fmt::format("delete from '{}' where {} = '{}'", table, field, description(having)));
+}
+
+}  // namespace kelvo

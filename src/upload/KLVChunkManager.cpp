@@ -1,0 +1,173 @@
+#include "upload/KLVChunkManager.h"
+
+#include <utility>
+
+#include "records/KLVEvents.h"
+#include "util/KLVLogger.h"
+#include "util/KLVTimer.h"
+
+namespace kelvo {
+namespace {
+
+constexpr double kDefaultIntervalSeconds = 30;
+constexpr std::string_view kChunkPath = "/v2/api/<app-id>/chunks";
+
+std::string chunkPath(const std::string& applicationIdentifier) {
+  constexpr std::string_view kPlaceholder = "<app-id>";
+  std::string path(kChunkPath);
+  return path.replace(path.find(kPlaceholder), kPlaceholder.size(), applicationIdentifier);
+}
+
+KLVChunkRow rowOf(const KLVChunkMetaInfo& meta) {
+  const Dictionary info = meta.additionalInfo();
+  const auto* sid = info["sid"].get<std::string>();
+  return {meta.identifier(),      sid != nullptr ? *sid : std::string(),
+          info["cid"].asUInt64(), info["start"].asUInt64(),
+          info["end"].asUInt64(), info["status"].asBool()};
+}
+
+/// An entry whose record is missing is left out of the body.
+template <class Record>
+void setForm(Dictionary& body, std::string_view key, const std::shared_ptr<Record>& record) {
+  if (record != nullptr) body.set(key, record->jsonDictModified());
+}
+
+}  // namespace
+
+std::shared_ptr<KLVChunkManager> KLVChunkManager::initWithConfiguration(const std::optional<Dictionary>& configuration,
+                                                                        KLVChunkManagerDelegate& delegate) {
+  KLV_DEBUG("Init chunk manager with config: {}", configuration);
+  auto manager = std::make_shared<KLVChunkManager>(delegate);
+  const double interval = configuration ? (*configuration)["max_fg_chunk_send_time"].asDouble() : 0;
+  manager->registerForChunkCreationWithInterval(interval == 0 ? kDefaultIntervalSeconds : interval);
+  return manager;
+}
+
+KLVChunkManager::KLVChunkManager(KLVChunkManagerDelegate& delegate)
+    : delegate_(delegate), currentSessionIdentifier_(delegate.session() ? delegate.session()->identifier() : "") {}
+
+void KLVChunkManager::registerForChunkCreationWithInterval(double seconds) {
+  delegate_.registerIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), shared_from_this());
+  delegate_.registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), shared_from_this());
+  KLVTimer::sharedTimer().registerForTimerNotificationWithInterval(seconds, [weak = weak_from_this()] {
+    if (const auto manager = weak.lock()) manager->sendCurrentChunk();
+  });
+}
+
+void KLVChunkManager::onEvent(const std::shared_ptr<KLVEvent>& event) {
+  if (event->eventType() == KLVEventType::app && event->identifier() == kKLVAppOpened) {
+    flushPreviousChunks();
+  } else if (event->eventType() == KLVEventType::system && event->identifier() == kKLVBackground) {
+    sendCurrentChunk();
+  }
+}
+
+void KLVChunkManager::sendCurrentChunk() {
+  queue_.async([self = shared_from_this()] { self->cutCurrentSession(); });
+}
+
+void KLVChunkManager::flushPreviousChunks() {
+  queue_.async([self = shared_from_this()] { self->flush(); });
+}
+
+void KLVChunkManager::cutCurrentSession() {
+  delegate_.dispatchEvent(std::make_shared<KLVChunkEvent>());
+  delegate_.waitUntilDelivered();  // the session has saved itself, so the chunk carries its latest duration
+  const std::uint64_t last = delegate_.numberOfEventsWithIdentifier(currentSessionIdentifier_);
+  sendChunk(currentSessionIdentifier_, currentChunkIndex_, currentEventIndex_, last, true);
+}
+
+void KLVChunkManager::flush() {
+  std::vector<KLVChunkRow> rows;
+  for (const auto& meta : delegate_.retrieveChunkMetaInfo()) rows.push_back(rowOf(*meta));
+  const auto cuts = cutsOfEarlierSessions(rows, delegate_.getSessions(), currentSessionIdentifier_);
+  if (!cuts) return;
+  for (const KLVChunkCut& cut : *cuts) {
+    const std::uint64_t last = delegate_.numberOfEventsWithIdentifier(cut.sid);
+    const bool nothingBehindLastChunk = cut.start > 1 && last < cut.start;
+    if (!nothingBehindLastChunk) sendChunk(cut.sid, cut.cid, cut.start, last, true);
+  }
+  checkChunkStatusAndCleanTables(rows);
+}
+
+void KLVChunkManager::checkChunkStatusAndCleanTables(const std::vector<KLVChunkRow>& rows) {
+  for (const KLVChunkRow& row : rows) {
+    if (!row.sent) sendChunk(row.sid, row.cid, row.start, row.end, false);
+  }
+  for (const std::string& sid : deliveredSessions(rows)) {
+    delegate_.deleteSession(sid);
+    delegate_.deleteItemAtPath(sid);
+    delegate_.deleteChunkMetaInfo(std::make_shared<KLVChunk>(sid));
+    delegate_.deleteAggregateEventsWithSessionId(sid);
+  }
+}
+
+void KLVChunkManager::updateCurrentIndicies(std::uint64_t end) {
+  currentEventIndex_ = end + 1;
+  currentChunkIndex_ += 1;
+}
+
+void KLVChunkManager::sendChunk(const std::optional<std::string>& sid, std::uint64_t cid, std::uint64_t start,
+                                std::uint64_t end, bool shouldCreateNewEntryInMetaTable) {
+  if (!sid) {
+    KLV_WARN("session identifier shouldn't be nil");
+    return;
+  }
+  if (end < start) {
+    KLV_WARN("illegal arguments (end < start)");
+    return;
+  }
+  auto events = delegate_.getEventsBetween(start, end, sid, KLVEventType::system);
+  if (events.empty()) {
+    KLV_INFO("No events to send, wait for next turn");
+    return;
+  }
+  const Array reportingTimes{KLVTimer::sharedTimer().currentTimeInMillis()};
+  const auto meta = std::make_shared<KLVChunkMetaInfo>(*sid, cid, start, end, reportingTimes);
+  KLVChunk chunk(cid, *sid);
+  chunk.setInfo(reportingTimes, "reporting_times");
+  recordMeta(*sid, meta, end, shouldCreateNewEntryInMetaTable);
+
+  // This read waits for the writes before it: the meta row is in the database before the body leaves the process.
+  const Array aggregateEvents = delegate_.retrieveAggregateEventsWithSessionIdentifier(*sid);
+  const auto user = delegate_.user();
+  const auto currentSession = delegate_.session();
+  Dictionary body;
+  setForm(body, "sdk_info", delegate_.sdkInfo());
+  setForm(body, "session_info", delegate_.retrieveSessionInfoWithIdentifier(sid));
+  setForm(body, "app_info", delegate_.appInfo());
+  setForm(body, "device_info", delegate_.deviceInfo());
+  body.set("chunk_meta", chunk.jsonDictModified());
+  body.set("chunk_details",
+           constructChunkDetailsWithEvents(std::move(events), user ? user->userAttributes() : Dictionary(),
+                                           currentSession ? currentSession->sessionAttributes() : Dictionary(),
+                                           chunk.chunkAttributes(), aggregateEvents));
+  postChunk(body, chunk.identifier());
+}
+
+void KLVChunkManager::recordMeta(const std::string& sid, const std::shared_ptr<KLVChunkMetaInfo>& meta,
+                                 std::uint64_t end, bool shouldCreateNewEntryInMetaTable) {
+  const bool isCurrent = sid == currentSessionIdentifier_;
+  // Kept: the indices advance before the upload is known to succeed; a failed chunk is sent again from its row.
+  if (isCurrent) updateCurrentIndicies(end);
+  if (isCurrent || shouldCreateNewEntryInMetaTable) {
+    delegate_.saveChunkMetaInfo(meta);
+  } else {
+    delegate_.updateChunkMetaInfo(meta);
+  }
+}
+
+void KLVChunkManager::postChunk(const Dictionary& body, const std::string& chunkId) {
+  const auto completion = [this, chunkId](const auto&, const auto& response, const auto& error) {
+    const long statusCode = response ? response->statusCode : 0;
+    if (error || statusCode != 200) {
+      KLV_WARN("failed to send chunk - {}, responsecode - {}", chunkId, statusCode);
+      return;
+    }
+    delegate_.updateChunkMetaStatus(std::make_shared<KLVChunk>(chunkId));
+    KLV_DEBUG("Successfully sent chunk - {}, responsecode - {}", chunkId, statusCode);
+  };
+  delegate_.postDataToURL(chunkPath(delegate_.applicationIdentifier()), body, std::nullopt, completion);
+}
+
+}  // namespace kelvo

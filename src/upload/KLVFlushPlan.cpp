@@ -1,0 +1,71 @@
+#include "upload/KLVFlushPlan.h"
+
+#include <algorithm>
+#include <charconv>
+#include <map>
+
+namespace kelvo {
+namespace {
+
+/// The row with the greatest end of each session, in the order in which the sessions are first met; of equal ends
+/// the first.
+std::vector<const KLVChunkRow*> lastRows(const std::vector<KLVChunkRow>& rows) {
+  std::vector<const KLVChunkRow*> last;
+  std::map<std::string_view, std::size_t> places;
+  for (const KLVChunkRow& row : rows) {
+    const auto [place, isNew] = places.try_emplace(row.sid, last.size());
+    if (isNew) {
+      last.push_back(&row);
+    } else if (row.end > last[place->second]->end) {
+      last[place->second] = &row;
+    }
+  }
+  return last;
+}
+
+/// The pieces of a chunk id before and after its first "_".
+KLVChunkCut cutBehind(const KLVChunkRow& row) {
+  const auto underscore = std::min(row.id.find('_'), row.id.size());
+  std::uint64_t number = 0;
+  if (underscore < row.id.size()) {
+    std::from_chars(row.id.data() + underscore + 1, row.id.data() + row.id.size(), number);
+  }
+  return {row.id.substr(0, underscore), number + 1, row.end + 1};
+}
+
+}  // namespace
+
+std::optional<std::vector<KLVChunkCut>> cutsOfEarlierSessions(const std::vector<KLVChunkRow>& rows,
+                                                              const std::vector<std::string>& sessions,
+                                                              const std::string& current) {
+  const auto last = lastRows(rows);
+  const auto others = static_cast<std::size_t>(
+      std::count_if(sessions.begin(), sessions.end(), [&](const auto& s) { return s != current; }));
+  if (others == 0) return std::nullopt;
+
+  std::vector<KLVChunkCut> cuts;
+  if (others == last.size()) {
+    for (const KLVChunkRow* row : last) cuts.push_back(cutBehind(*row));
+  } else if (others > last.size()) {
+    for (const std::string& sid : sessions) {
+      const bool hasRow = std::any_of(last.begin(), last.end(), [&](const auto* row) { return row->sid == sid; });
+      if (!hasRow) cuts.push_back({sid, 1, 1});
+    }
+  }
+  return cuts;
+}
+
+std::vector<std::string> deliveredSessions(const std::vector<KLVChunkRow>& rows) {
+  std::vector<std::string> sessions;
+  std::map<std::string_view, bool> delivered;
+  for (const KLVChunkRow& row : rows) {
+    const auto [place, isNew] = delivered.try_emplace(row.sid, row.sent);
+    if (isNew) sessions.push_back(row.sid);
+    if (!row.sent) place->second = false;
+  }
+  sessions.erase(std::remove_if(sessions.begin(), sessions.end(), [&](const auto& sid) { return !delivered[sid]; }),
+                 sessions.end());
+  return sessions;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,86 @@
+#include "util/KLVMobileProvision.h"
+
+#include <array>
+#include <mutex>
+
+#include "platform/Bundle.h"
+#include "platform/Files.h"
+#include "platform/Immortal.h"
+#include "platform/PropertyList.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+struct Cache {
+  std::mutex mutex;
+  std::optional<Dictionary> profile;
+};
+
+Cache& cache() {
+  static Immortal<Cache> instance;
+  return *instance;
+}
+
+/// The property list amid the signature's binary parts; both tags included.
+std::optional<std::string> extractedPlist(const std::string& text) {
+  constexpr std::string_view kEnd = "</plist>";
+  const auto start = text.find("<plist");
+  if (start == std::string::npos) {
+    KLV_DEBUG("unable to find beginning of plist");
+    return std::nullopt;
+  }
+  const auto end = text.find(kEnd, start);
+  if (end == std::string::npos) {
+    KLV_DEBUG("unable to find end of plist");
+    return std::nullopt;
+  }
+  return text.substr(start, end + kEnd.size() - start);
+}
+
+std::optional<Dictionary> parsed(const std::string& plist, std::string& error) {
+  const auto value = parsePropertyList(plist, &error);
+  if (!value) return std::nullopt;
+  if (const auto* profile = value->get<Dictionary>()) return *profile;
+  error = "its root is no dictionary";
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<Dictionary> KLVMobileProvision::getMobileProvision() {
+  {
+    const std::lock_guard lock(cache().mutex);
+    if (cache().profile) return cache().profile;
+  }
+  const auto path = Bundle::main().pathForResource("embedded", "mobileprovision");
+  const auto text = path ? readFile(*path) : std::nullopt;
+  const auto plist = text ? extractedPlist(*text) : std::nullopt;
+  if (!plist) return std::nullopt;
+  std::string error;
+  auto profile = parsed(*plist, error);
+  {
+    const std::lock_guard lock(cache().mutex);
+    cache().profile = profile;
+  }
+  if (!profile) KLV_ERROR("error parsing extracted plist — {}", error);
+  return profile;
+}
+
+KLVMobileProvision::ReleaseMode KLVMobileProvision::releaseMode() {
+  const auto profile = getMobileProvision();
+  if (!profile || profile->empty()) return ReleaseMode::simulator;
+  if ((*profile)["ProvisionsAllDevices"].asBool()) return ReleaseMode::enterprise;
+  const auto* devices = (*profile)["ProvisionedDevices"].get<Array>();
+  if (devices == nullptr || devices->empty()) return ReleaseMode::appStore;
+  const auto* entitlements = (*profile)["Entitlements"].get<Dictionary>();
+  const bool debuggable = entitlements != nullptr && (*entitlements)["get-task-allow"].asBool();
+  return debuggable ? ReleaseMode::developer : ReleaseMode::adHoc;
+}
+
+std::string KLVMobileProvision::releaseModeString() {
+  constexpr std::array<const char*, 6> kTexts{"Unknown", "Simulator", "Developer", "AdHoc", "AppStore", "Enterprise"};
+  return kTexts.at(static_cast<std::size_t>(releaseMode()));
+}
+
+}  // namespace kelvo

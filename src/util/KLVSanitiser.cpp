@@ -1,0 +1,186 @@
+#include "util/KLVSanitiser.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+constexpr int kDeepestLevel = 64;
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+
+/// What a byte at the start of a character says of the bytes that follow.
+struct Lead {
+  std::size_t following = 0;     ///< 0: no such start
+  unsigned char lowest = 0x80;   ///< of the second byte: excludes longer forms than needed
+  unsigned char highest = 0xBF;  ///< of the second byte: excludes surrogates and what lies above U+10FFFF
+};
+
+Lead leadOf(unsigned char byte) noexcept {
+  if (byte >= 0xC2 && byte <= 0xDF) return {1};
+  if (byte == 0xE0) return {2, 0xA0, 0xBF};
+  if (byte == 0xED) return {2, 0x80, 0x9F};
+  if (byte >= 0xE1 && byte <= 0xEF) return {2};
+  if (byte == 0xF0) return {3, 0x90, 0xBF};
+  if (byte >= 0xF1 && byte <= 0xF3) return {3};
+  if (byte == 0xF4) return {3, 0x80, 0x8F};
+  return {};
+}
+
+struct Character {
+  std::size_t size = 1;
+  bool valid = true;
+};
+
+/// The character, or the part of one that breaks off, at the start of `text`, which is not empty.
+Character firstCharacter(std::string_view text) noexcept {
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  if (byte(0) < 0x80) return {};
+  const Lead lead = leadOf(byte(0));
+  if (lead.following == 0) return {1, false};
+  for (std::size_t i = 1; i <= lead.following; ++i) {
+    const unsigned char lowest = i == 1 ? lead.lowest : 0x80;
+    const unsigned char highest = i == 1 ? lead.highest : 0xBF;
+    if (i >= text.size() || byte(i) < lowest || byte(i) > highest) return {i, false};
+  }
+  return {lead.following + 1, true};
+}
+
+/// The length of the valid beginning of `text`.
+std::size_t validSize(std::string_view text) noexcept {
+  std::size_t at = 0;
+  while (at < text.size()) {
+    std::uint64_t eight = 0;
+    if (text.size() - at >= sizeof eight) {
+      std::memcpy(&eight, text.data() + at, sizeof eight);
+      if ((eight & 0x8080808080808080U) == 0) {
+        at += sizeof eight;
+        continue;
+      }
+    }
+    const Character character = firstCharacter(text.substr(at));
+    if (!character.valid) return at;
+    at += character.size;
+  }
+  return at;
+}
+
+bool isValid(std::string_view text) noexcept {
+  return validSize(text) == text.size();
+}
+
+std::string repaired(std::string_view text) {
+  std::string result;
+  result.reserve(text.size() + kReplacement.size());
+  while (!text.empty()) {
+    const std::size_t good = validSize(text);
+    result += text.substr(0, good);
+    text.remove_prefix(good);
+    if (text.empty()) break;
+    result += kReplacement;
+    text.remove_prefix(firstCharacter(text).size);
+  }
+  return result;
+}
+
+bool isNotFinite(const Value& value) noexcept {
+  if (const auto* number = value.get<double>()) return !std::isfinite(*number);
+  const auto* number = value.get<float>();
+  return number != nullptr && !std::isfinite(*number);
+}
+
+bool isContainer(const Value& value) noexcept {
+  return value.get<Array>() != nullptr || value.get<Dictionary>() != nullptr;
+}
+
+/// First looks whether anything is wrong, which allocates nothing, and only then makes a repaired copy. Neither
+/// goes below the deepest level.
+class Sanitiser {
+ public:
+  [[nodiscard]] static bool isClean(const Value& value, int level) noexcept {
+    if (const auto* text = value.get<std::string>()) return isValid(*text);
+    if (isContainer(value) && level > kDeepestLevel) return false;
+    if (const auto* array = value.get<Array>()) {
+      for (const Value& element : *array) {
+        if (!isClean(element, level + 1)) return false;
+      }
+    }
+    const auto* dictionary = value.get<Dictionary>();
+    return dictionary == nullptr ? !isNotFinite(value) : isClean(*dictionary, level);
+  }
+
+  [[nodiscard]] static bool isClean(const Dictionary& dictionary, int level) noexcept {
+    for (const auto& [key, value] : dictionary) {
+      if (!isValid(key) || !isClean(value, level + 1)) return false;
+    }
+    return true;
+  }
+
+  Dictionary repair(const Dictionary& dictionary, int level) {
+    if (isClean(dictionary, level)) return dictionary;
+    Dictionary result;
+    for (const auto& [key, value] : dictionary) {
+      if (!drops(value, level + 1)) result.set(repair(key), repair(value, level + 1));
+    }
+    return result;
+  }
+
+  std::string repair(const std::string& text) {
+    if (isValid(text)) return text;
+    repairsText_ = true;
+    return repaired(text);
+  }
+
+  void report() const {
+    if (dropsNumbers_) KLV_WARN("NaN or infinity dropped: only finite numbers can be kept");
+    if (dropsDepth_) KLV_WARN("Value dropped: it is nested deeper than {} levels", kDeepestLevel);
+    if (repairsText_) KLV_WARN("Invalid UTF-8 in a text or key replaced by U+FFFD");
+  }
+
+ private:
+  bool drops(const Value& value, int level) {
+    const bool tooDeep = level > kDeepestLevel && isContainer(value);
+    dropsDepth_ = dropsDepth_ || tooDeep;
+    dropsNumbers_ = dropsNumbers_ || isNotFinite(value);
+    return tooDeep || isNotFinite(value);
+  }
+
+  Value repair(const Value& value, int level) {
+    if (const auto* text = value.get<std::string>()) return repair(*text);
+    if (const auto* dictionary = value.get<Dictionary>()) return repair(*dictionary, level);
+    const auto* array = value.get<Array>();
+    if (array == nullptr || isClean(value, level)) return value;
+    Array result;
+    for (const Value& element : *array) {
+      if (!drops(element, level + 1)) result.append(repair(element, level + 1));
+    }
+    return result;
+  }
+
+  bool dropsNumbers_ = false;
+  bool dropsDepth_ = false;
+  bool repairsText_ = false;
+};
+
+}  // namespace
+
+std::optional<Dictionary> sanitised(std::optional<Dictionary> dictionary) {
+  if (!dictionary || Sanitiser::isClean(*dictionary, 1)) return dictionary;
+  Sanitiser sanitiser;
+  dictionary = sanitiser.repair(*dictionary, 1);
+  sanitiser.report();
+  return dictionary;
+}
+
+std::optional<std::string> sanitised(std::optional<std::string> text) {
+  if (!text || isValid(*text)) return text;
+  Sanitiser sanitiser;
+  text = sanitiser.repair(*text);
+  sanitiser.report();
+  return text;
+}
+
+}  // namespace kelvo

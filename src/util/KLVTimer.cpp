@@ -1,0 +1,37 @@
+#include "util/KLVTimer.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "platform/Clock.h"
+#include "platform/Immortal.h"
+#include "platform/MainQueue.h"
+
+namespace kelvo {
+namespace {
+constexpr double kLongestInterval = 1e9;  // seconds; some 31 years, which nanoseconds still count
+}
+
+KLVTimer& KLVTimer::sharedTimer() {
+  static Immortal<KLVTimer> instance;
+  return *instance;
+}
+
+std::int64_t KLVTimer::currentTime() const {
+  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - SDKStartTime()).count();
+}
+
+std::int64_t KLVTimer::currentTimeInMillis() const {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
+}
+
+void KLVTimer::registerForTimerNotificationWithInterval(double interval, std::function<void()> closure) {
+  if (!(interval > 0) || !closure) return;
+  const std::chrono::duration<double> seconds(std::min(interval, kLongestInterval));
+  // Never zero: a timer of less than a nanosecond would keep the main loop busy for ever.
+  const auto period =
+      std::max(std::chrono::duration_cast<std::chrono::nanoseconds>(seconds), std::chrono::nanoseconds(1));
+  MainQueue::repeatEvery(period, std::move(closure));
+}
+
+}  // namespace kelvo

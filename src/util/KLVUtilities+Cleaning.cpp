@@ -1,0 +1,130 @@
+// Checks of single values, and the clean-up of what a host hands over before it is stored or sent.
+#include <algorithm>
+
+#include "util/KLVException.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo {
+namespace {
+
+/// What becomes of one member: it stays, goes, or is replaced.
+struct Verdict {
+  enum class Kind { keep, drop, replace } kind = Kind::keep;
+  Value replacement;
+};
+
+constexpr auto kKeep = Verdict::Kind::keep;
+constexpr auto kDrop = Verdict::Kind::drop;
+constexpr auto kReplace = Verdict::Kind::replace;
+
+/// `container` after `judge` has had its say on each member; the same shared content when all stay.
+template <class Container, class Add, class Judge>
+Container judged(const Container& container, Add add, Judge judge) {
+  Container result;
+  bool changed = false;
+  for (const auto& member : container) {
+    Verdict verdict = judge(member);
+    if (verdict.kind != kKeep && !changed) {
+      changed = true;
+      for (const auto* kept = container.begin(); kept != &member; ++kept) add(result, *kept, nullptr);
+    }
+    if (!changed || verdict.kind == kDrop) continue;
+    add(result, member, verdict.kind == kReplace ? &verdict.replacement : nullptr);
+  }
+  return changed ? result : container;
+}
+
+template <class Judge>
+Dictionary judgedEntries(const Dictionary& dictionary, Judge judge) {
+  const auto add = [](Dictionary& result, const Dictionary::Entry& entry, Value* replacement) {
+    result.set(entry.first, replacement == nullptr ? entry.second : std::move(*replacement));
+  };
+  return judged(dictionary, add, judge);
+}
+
+/// Whether a clean-up left the content as it was, and shared.
+template <class Container>
+bool isUntouched(const Container& before, const Container& after) {
+  return before.begin() == after.begin() && before.size() == after.size();
+}
+
+template <class Container>
+Verdict keptOrReplaced(const Container& before, Container after) {
+  if (isUntouched(before, after)) return {kKeep, {}};
+  return {kReplace, std::move(after)};
+}
+
+Verdict verdictOnEntry(const Dictionary::Entry& entry) {
+  const auto& [key, value] = entry;
+  if (value.isNumber()) return {kKeep, {}};
+  if (const auto* text = value.get<std::string>()) return {text->empty() ? kDrop : kKeep, {}};
+  if (const auto* dictionary = value.get<Dictionary>()) {
+    auto clean = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(*dictionary);
+    if (!clean || clean->empty()) return {kDrop, {}};
+    return keptOrReplaced(*dictionary, *std::move(clean));
+  }
+  if (const auto* array = value.get<Array>()) {
+    auto valid = KLVUtilities::validArrayForArray(*array);
+    if (!valid) throw KLVInvalidArgument("object cannot be nil (key: " + key + ")");
+    return keptOrReplaced(*array, *std::move(valid));
+  }
+  return {kDrop, {}};
+}
+
+Verdict verdictOnElement(const Value& value) {
+  if (value.isNumber() || value.get<std::string>() != nullptr) return {kKeep, {}};
+  if (const auto* dictionary = value.get<Dictionary>()) {
+    auto clean = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(*dictionary);
+    if (!clean) throw KLVInvalidArgument("object cannot be nil");
+    return keptOrReplaced(*dictionary, *std::move(clean));
+  }
+  if (const auto* array = value.get<Array>()) {
+    auto valid = KLVUtilities::validArrayForArray(*array);
+    if (!valid) throw KLVInvalidArgument("object cannot be nil");
+    return keptOrReplaced(*array, *std::move(valid));
+  }
+  return {kDrop, {}};
+}
+
+}  // namespace
+
+std::optional<std::string> KLVUtilities::validStringForString(std::optional<std::string> text) {
+  return text;
+}
+
+bool KLVUtilities::isNumericString(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char character) { return character >= '0' && character <= '9'; });
+}
+
+bool KLVUtilities::isValidDictionary(const Value& value) {
+  const auto* dictionary = value.get<Dictionary>();
+  return dictionary != nullptr && !dictionary->empty();
+}
+
+Dictionary KLVUtilities::addTwoDictionaries(const Dictionary& first, const Dictionary& second) {
+  Dictionary sum = first;
+  for (const auto& [key, value] : second) sum.set(key, value);
+  return sum;
+}
+
+Dictionary KLVUtilities::dictionaryByRemovingNulls(const Dictionary& dictionary) {
+  return judgedEntries(dictionary, [](const Dictionary::Entry& entry) {
+    return Verdict{entry.second.isNull() ? kDrop : kKeep, {}};
+  });
+}
+
+std::optional<Dictionary> KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(
+    const std::optional<Dictionary>& dictionary) {
+  if (!dictionary || dictionary->empty()) return std::nullopt;
+  return judgedEntries(*dictionary, verdictOnEntry);
+}
+
+std::optional<Array> KLVUtilities::validArrayForArray(const Array& array) {
+  if (array.empty()) return std::nullopt;
+  const auto add = [](Array& result, const Value& element, Value* replacement) {
+    result.append(replacement == nullptr ? element : std::move(*replacement));
+  };
+  return judged(array, add, verdictOnElement);
+}
+
+}  // namespace kelvo

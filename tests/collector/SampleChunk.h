@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+namespace kelvo::test {
+
+/// A chunk with an event of every kind, as text.
+inline const std::string kSampleChunk = R"json({
+  "sdk_info": {"sdk_version": 288.0, "config_id": "undefined", "tick_interval": 1, "chunk_retry_window": 1,
+    "sdk_start_time": 1700000000000},
+  "session_info": {"id": "1700000000123-D1", "launch_time": 1700000000123,
+    "launch_time_string": "2023-11-14T22:13:20.123+0000", "launch_type": "normal", "duration": 12.5,
+    "startup_time": 0, "process_name": "Undefined", "is_first_session": true, "is_background": false,
+    "is_fatal": false, "additional_info": {"plan": "gold"}},
+  "app_info": {"app_name": "Shop", "app_version": "2.4(118)", "bundle_id": "com.shop", "app_mode": "Unknown",
+    "installation_time": 1690000000000},
+  "device_info": {"id": "D1", "hardware_model": "x86_64", "os_version": "12", "platform": "ios",
+    "dimensions": {"width": 0, "height": 0.5}},
+  "chunk_meta": {"id": "1700000000123-D1_3", "number": 3, "reporting_times": [1700000030000]},
+  "chunk_details": {"user_attributes": {"age": 7}, "session_attributes": {}, "chunk_attributes": {},
+    "agg_events": [{"name": "Scroll", "count": 4, "attributes": {"dir": [["up", 3], [null, 1]]}}],
+    "system_events": [{"name": "FOREGROUND", "time": 0}],
+    "navigation_events": [{"navigation_id": "Home", "name": "Home", "duration": 3.25, "transition_time": 2}],
+    "app_events": [{"name": "Open", "time": 1}, {"name": "Buy", "time": 5, "additional_info": {"price": 3}}],
+    "user_events": [{"id": "Tap", "time": 6, "type": "UserInteraction", "x": 1}],
+    "incidents": [{"incident_id": "I1", "incident_type": "KLVCustomError", "time_of_occurrence": 9,
+      "incident_specific_details": {"error_message": "no"}}]}})json";
+
+/// The sample with the first occurrence of `from` replaced.
+inline std::string sampleChunk(const std::string& from, const std::string& to) {
+  std::string text = kSampleChunk;
+  return text.replace(text.find(from), from.size(), to);
+}
+
+}  // namespace kelvo::test

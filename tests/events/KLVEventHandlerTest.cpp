@@ -1,0 +1,147 @@
+#include "events/KLVEventHandler.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <stdexcept>
+
+#include "events/KLVSystemEventsMonitor.h"
+#include "records/KLVEvents.h"
+#include "support/LogCapture.h"
+
+namespace kelvo::test {
+namespace {
+
+/// What the bus had saved and delivered, in order, as one text each.
+class Recorder final : public KLVEventHandlerDelegate {
+ public:
+  void processAggregateEventWithEvent(const std::shared_ptr<KLVEvent>& event) override { add("counted", *event); }
+  void saveEvent(const std::shared_ptr<KLVEvent>& event) override { add("saved", *event); }
+  void saveLifetimeEvent(const std::shared_ptr<KLVEvent>& event) override { add("for life", *event); }
+  void add(const std::string& what, const KLVEvent& event) { all.push_back(what + " " + event.identifier()); }
+  std::vector<std::string> all;
+};
+
+class Listener final : public KLVEventListener {
+ public:
+  Listener(std::string name, Recorder& recorder) : name_(std::move(name)), recorder_(recorder) {}
+  void onEvent(const std::shared_ptr<KLVEvent>& event) override { recorder_.add(name_, *event); }
+
+ private:
+  std::string name_;
+  Recorder& recorder_;
+};
+
+class EventHandler : public testing::Test {
+ protected:
+  std::shared_ptr<KLVEvent> event(KLVEventType type, const std::string& name) {
+    auto made = std::make_shared<KLVEvent>(type);
+    made->setIdentifier(name);
+    return made;
+  }
+  std::shared_ptr<Listener> listener(const std::string& name) { return std::make_shared<Listener>(name, recorder); }
+  /// What happened until the queue is empty.
+  std::vector<std::string> happened() {
+    for (int pass = 0; pass < 2; ++pass) {  // deliveries are queued by what the first pass waits for
+      std::promise<void> done;
+      bus.whenClassified([&] { done.set_value(); });
+      done.get_future().wait();
+    }
+    return std::exchange(recorder.all, {});
+  }
+  using Texts = std::vector<std::string>;
+
+  Recorder recorder;
+  KLVEventHandler bus{recorder};
+};
+
+TEST_F(EventHandler, ClassifiesByTypeAndListsInTheirOrder) {
+  bus.setClientEvents(Array{"client", "clientAndStop"});
+  bus.setAggregateEvents(Array{"agg", 7});
+  bus.setEventsToBeIgnored(Array{"stop", "clientAndStop", "aggAndStop"});
+  bus.registerForEventType(KLVEventType::app, listener("app"));
+  bus.registerForEventType(KLVEventType::client, listener("client"));
+  bus.registerForEventType(KLVEventType::aggregate, listener("agg"));
+
+  bus.enqueueEvent(event(KLVEventType::app, "plain"));
+  EXPECT_EQ(happened(), (Texts{"saved plain", "for life plain", "app plain"}));
+  bus.enqueueEvent(event(KLVEventType::app, "client"));
+  EXPECT_EQ(happened(), (Texts{"for life client", "client client"}));
+  bus.enqueueEvent(event(KLVEventType::app, "clientAndStop"));
+  EXPECT_EQ(happened(), (Texts{"for life clientAndStop", "client clientAndStop"}));
+  bus.enqueueEvent(event(KLVEventType::app, "agg"));
+  EXPECT_EQ(happened(), (Texts{"counted agg", "agg agg"}));
+  bus.enqueueEvent(event(KLVEventType::aggregate, "aggAndStop"));
+  EXPECT_EQ(happened(), (Texts{"counted aggAndStop", "agg aggAndStop"}));
+  bus.enqueueEvent(event(KLVEventType::app, "stop"));
+  EXPECT_EQ(happened(), Texts());
+  bus.enqueueEvent(std::make_shared<KLVSessionEvent>());
+  EXPECT_EQ(happened(), Texts()) << "a signal is never saved";
+}
+
+TEST_F(EventHandler, DeliversToTypeListenersFirstAndToTheExactEventUnderItsChangedType) {
+  bus.setClientEvents(Array{"Sale"});
+  const auto twice = listener("by type");
+  bus.registerIdentifer("5___Sale", listener("exact"));
+  bus.registerIdentifer("4___Sale", listener("exact under the old type"));
+  bus.registerForEventType(KLVEventType::client, twice);
+  bus.registerForEventType(KLVEventType::client, twice);
+  bus.registerForEventType(KLVEventType::client, nullptr);
+  bus.enqueueEvent(event(KLVEventType::app, "Sale"));
+  bus.enqueueEvent(event(KLVEventType::navigation, "Home"));
+  EXPECT_EQ(happened(), (Texts{"for life Sale", "saved Home", "by type Sale", "exact Sale"}))
+      << "what is enqueued earlier is classified before anything is delivered";
+}
+
+TEST_F(EventHandler, ForgetsIdentifierListenersButKeepsThoseRegisteredByTypeAlone) {
+  const auto both = listener("both");
+  const auto typeOnly = listener("type only");
+  bus.registerForEventType(KLVEventType::navigation, both);
+  bus.registerForEventType(KLVEventType::navigation, typeOnly);
+  bus.registerIdentifer("Navigation", both);
+  bus.registerIdentifer("2___Home", both);
+  bus.deRegisterIdentifer("2___Home", both);
+  bus.deregisterForEventType(KLVEventType::navigation, both);
+  bus.deregisterForEventType(KLVEventType::navigation, typeOnly);
+  bus.enqueueEvent(event(KLVEventType::navigation, "Home"));
+  EXPECT_EQ(happened(), (Texts{"saved Home", "type only Home"}));
+}
+
+TEST_F(EventHandler, GoesOnWhenAListenerThrows) {
+  class Thrower final : public KLVEventListener {
+    void onEvent(const std::shared_ptr<KLVEvent>&) override { throw std::runtime_error("listener's own"); }
+  };
+  const LogCapture log;
+  bus.registerForEventType(KLVEventType::push, std::make_shared<Thrower>());
+  bus.registerForEventType(KLVEventType::push, listener("next"));
+  bus.enqueueEvent(event(KLVEventType::push, "P"));
+  EXPECT_EQ(happened(), (Texts{"saved P", "next P"}));
+  EXPECT_EQ(log.count("listener's own"), 1u);
+}
+
+TEST(SystemEventsMonitor, TellsTransitionsInTheirOrderWhileItIsStarted) {
+  class Delegate final : public KLVSystemEventsMonitorDelegate {
+   public:
+    void updateChunkEndTime() override { all.emplace_back("end time"); }
+    void dispatchEvent(const std::shared_ptr<KLVEvent>& event) override { all.push_back(event->identifier()); }
+    std::vector<std::string> all;
+  } delegate;
+  KLVSystemEventsMonitor monitor(delegate);
+  auto& center = NotificationCenter::defaultCenter();
+  center.post(kApplicationDidBecomeActive);
+  monitor.start();
+  for (int i = 0; i < 2; ++i) {
+    center.post(kApplicationDidBecomeActive);
+    center.post(kApplicationWillResignActive);
+  }
+  monitor.stop();
+  center.post(kApplicationWillResignActive);
+  std::promise<void> done;
+  monitor.whenDispatched([&] { done.set_value(); });
+  done.get_future().wait();
+  EXPECT_EQ(delegate.all,
+            (std::vector<std::string>{"FOREGROUND", "end time", "BACKGROUND", "FOREGROUND", "end time", "BACKGROUND"}));
+}
+
+}  // namespace
+}  // namespace kelvo::test

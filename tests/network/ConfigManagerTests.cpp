@@ -1,0 +1,121 @@
+#include <filesystem>
+
+#include "network/KLVConfigManager.h"
+#include "network/NetworkTest.h"
+#include "support/TestHome.h"
+
+namespace kelvo::test {
+namespace {
+
+const std::string kFile = "com.kelvo.SDK.config.json";
+
+class Controller final : public KLVConfigManagerDelegate {
+ public:
+  std::string applicationIdentifier() override { return identifier; }
+  void setAndSaveEnableSDKState(bool state) override { enabled = state; }
+  void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
+    KLVPostman().getDataFromURLPath(*path, [completion, end = ended.collect()](auto data, auto response, auto error) {
+      completion(data, response, error);
+      end(data, response, error);
+    });
+  }
+  std::string identifier = "APP";
+  std::optional<bool> enabled;
+  Replies ended;
+};
+
+class ConfigManager : public NetworkTest {
+ protected:
+  /// Whether the manager called back.
+  static bool download() {
+    Controller controller;
+    KLVConfigManager manager(controller);
+    const auto inForce = manager.configDetails();
+    bool calledBack = false;
+    manager.getAndSaveLatestConfigurationWithCompletionHandler([&] { calledBack = true; });
+    controller.ended.wait();
+    EXPECT_EQ(manager.configDetails(), inForce);
+    return calledBack;
+  }
+};
+
+TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefault) {
+  const struct {
+    const char* saved;  // nullptr: nothing
+    bool enabled;
+    bool isDefault;
+    const char* message;
+  } cases[] = {{nullptr, true, true, ""},
+               {"", true, true, "<KLV ERROR> parsing json file "},
+               {"{\"enable\":tru", true, true, "<KLV ERROR> parsing json file "},
+               {"[true]", true, true, ""},
+               {"{\"enable\":true,\"other\":1}", true, false, ""},
+               {"{\"enable\":false}", false, false, ""},
+               {"{\"other\":1}", false, false, ""},
+               {"{\"enable\":\"true\"}", false, false, ""},
+               {"{\"enable\":null}", false, false, ""}};
+  for (const auto& [saved, enabled, isDefault, message] : cases) {
+    SCOPED_TRACE(saved == nullptr ? "no file" : saved);
+    if (saved != nullptr) writeFileForTest(library(kFile), saved);
+    Controller controller;
+    const KLVConfigManager manager(controller);
+    EXPECT_EQ(controller.enabled, enabled);
+    ASSERT_TRUE(manager.configDetails());
+    EXPECT_EQ((*manager.configDetails())["max_chunk_event_count"] == Value(30), isDefault);
+    EXPECT_TRUE(*message == '\0' || log.count(message) > 0);
+  }
+}
+
+TEST_F(ConfigManager, TheDefaultNamesTheApplicationAndIsSwitchedOffWhenItCannotBeRead) {
+  const std::string end =
+      "\"max_bg_chunk_send_time\":5,\"max_fg_chunk_send_time\":30,\"service_paths\":{\"chunk_paths\":"
+      "\"/v2/api/A/chunks\",\n\"gzip_chunk_path\":\"/v2/api/gzip-chunks?appId=A\",\n"
+      "\"logs_paths\":\"/v1/api/appsA\",\n}}";
+  const std::string text = KLVConfigManager::defaultConfig("A");
+  EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
+
+  Controller controller;
+  controller.identifier = "\"";
+  const KLVConfigManager manager(controller);
+  EXPECT_FALSE(manager.configDetails());
+  EXPECT_EQ(controller.enabled, false);
+  EXPECT_EQ(log.count("<KLV ERROR> Error getting configuration: "), 1U);
+}
+
+TEST_F(ConfigManager, SavesAValidDownloadForTheNextStartAndKeepsTheOldFileOtherwise) {
+  const std::string before = R"({"enable":true,"service_paths":1,"old":true})";
+  const std::string invalid = "<KLV WARN> Invalid json result while fetching config: ";
+  const struct {
+    Script script;
+    std::string after;
+    std::string message;
+  } cases[] = {{{200, R"({"details":{"service_paths":{},"enable":false,"n":18446744073709551615},"more":1})"},
+                R"({"service_paths":{},"enable":false,"n":18446744073709551615})",
+                "Recieved Config: {\"details\":"},
+               {{200, R"({"details":{"enable":true}})"}, before, "Fetch Config response: http://127.0.0.1"},
+               {{200, R"({"details":{"enable":true,"service_paths":null}})"}, before, ""},
+               {{200, R"({"details":[1]})"}, before, "Recieved Config: {\"details\":[1]}"},
+               {{200, "{}"}, before, invalid + "{} with response: http://127.0.0.1"},
+               {{200, "null"}, before, invalid + "(null) with"},
+               {{200, "[1]"}, before, invalid + "[1] with"},
+               {{200, "<html>"}, before, "<KLV ERROR> JSON Error: "},
+               {{500, before}, before, "<KLV ERROR> Cound not get Configuration: (null)"},
+               {Script::cut(), before, "<KLV ERROR> Cound not get Configuration: "}};
+  for (const auto& [script, after, message] : cases) {
+    SCOPED_TRACE(script.body() + " " + message);
+    writeFileForTest(library(kFile), before);
+    server.answer("/v2/api/config/APP/ios", script);
+    const auto earlier = log.count(message);
+    EXPECT_EQ(download(), after != before);
+    EXPECT_EQ(contentOf(library(kFile)), after);
+    EXPECT_GT(log.count(message), earlier);
+  }
+  std::filesystem::remove(library(kFile));
+  std::filesystem::create_directories(library(kFile) + "/in the way");
+  server.answer("/ios", cases[0].script);
+  EXPECT_FALSE(download());
+  EXPECT_EQ(log.count("<KLV ERROR> Couldn't write sdk config to file"), 1U);
+}
+
+}  // namespace
+}  // namespace kelvo::test

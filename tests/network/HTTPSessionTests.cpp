@@ -1,0 +1,134 @@
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <future>
+#include <stdexcept>
+#include <thread>
+
+#include "network/NetworkTest.h"
+
+namespace kelvo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class HTTPSession : public NetworkTest {
+ protected:
+  void start(const std::string& path) { session.start({"GET", server.baseURL() + path, {}, {}}, replies.collect()); }
+  KLVHTTPSession session{2s};
+};
+
+TEST_F(HTTPSession, HandsEveryOutcomeOverAsItIs) {
+  const struct {
+    const char* name;
+    Script script;
+    long status;  // 0: an error
+    std::string body;
+  } cases[] = {{"success", {200, "{}"}, 200, "{}"},
+               {"without a body", {204, ""}, 204, ""},
+               {"failing service", {500, "{\"x\":1}"}, 500, "{\"x\":1}"},
+               {"garbage", Script::garbage(), 200, Script::garbage().body()},
+               {"no answer", Script::never(), 0, ""},
+               {"reset", Script::cut(), 0, ""},
+               {"cut body", Script::cutShort(), 0, ""},
+               {"body beyond all reason", {200, std::string((64 << 20) + 1, 'x')}, 0, ""}};
+  std::size_t count = 0;
+  for (const auto& [name, script, status, body] : cases) {
+    SCOPED_TRACE(name);
+    server.answer("/case", script);
+    start("/case");
+    const Reply reply = replies.wait(++count);
+    EXPECT_EQ(reply.response.value_or(HTTPResponse()).statusCode, status);
+    EXPECT_EQ(reply.data.has_value(), status != 0);
+    EXPECT_TRUE(reply.data.value_or("") == body);
+    EXPECT_EQ(succeeded(reply.response, reply.error), status == 200);
+    EXPECT_EQ(reply.error.value_or(HTTPError()).localizedDescription.empty(), status != 0);
+  }
+  server.stop();
+  start("/case");
+  EXPECT_TRUE(replies.wait(++count).error);
+}
+
+TEST_F(HTTPSession, OpensSixConnectionsAndLetsTheOthersWaitBeyondTheTimeLimit) {
+  server.answer("/slow", Script::late(800ms));
+  for (int i = 0; i < 20; ++i) start("/slow");
+  EXPECT_TRUE(replies.wait(20).response);
+  EXPECT_EQ(server.maximumConcurrent(), 6U);
+  EXPECT_EQ(server.requests("/slow").size(), 20U);
+}
+
+TEST_F(HTTPSession, ACallbackThatBlocksOrThrowsHoldsUpNobody) {
+  std::promise<void> release;
+  const HTTPRequest request{"GET", server.baseURL() + "/x", {}, {}};
+  session.start(request, [&](auto, auto, auto) { release.get_future().wait(); });
+  for (int i = 0; i < 5; ++i) session.start(request, [](auto, auto, auto) { throw std::runtime_error("oops"); });
+  session.start(request, nullptr);
+  start("/next");
+  EXPECT_TRUE(replies.wait().response);
+  EXPECT_GE(session.unfinished(), 1U);
+  release.set_value();
+  while (session.unfinished() > 0) std::this_thread::yield();
+  EXPECT_EQ(log.count("oops"), 5U);
+}
+
+TEST_F(HTTPSession, NoProxyStandsBetweenItAndThisMachine) {
+  for (const char* name : {"http_proxy", "https_proxy"}) setenv(name, "http://127.0.0.1:1", 1);
+  setenv("no_proxy", "example.com", 1);
+  start("/direct");
+  EXPECT_TRUE(replies.wait(1).response);
+  session.start({"GET", "https://192.0.2.1/", {}, {}}, replies.collect());
+  EXPECT_NE(replies.wait(2).error->localizedDescription.find("127.0.0.1 port 1"), std::string::npos);
+}
+
+/// The URL of a service that answers one request with a redirect to `target`.
+std::string redirectorTo(const std::string& target) {
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(listen(listener, 1), 0);
+  EXPECT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  std::thread([listener, answer = "HTTP/1.1 302 Found\r\nContent-Length: 0\r\nLocation: " + target + "\r\n\r\n"] {
+    const int client = accept(listener, nullptr, nullptr);
+    char request[4096];
+    if (recv(client, request, sizeof request, 0) > 0) send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+    close(client);
+    close(listener);
+  }).detach();
+  return "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+}
+
+TEST_F(HTTPSession, NeitherARequestNorARedirectGoesToAnotherMachineInCleartext) {
+  session.start({"POST", "http://192.0.2.1/x", {}, "secret"}, replies.collect());
+  EXPECT_TRUE(replies.wait(1).error);
+  EXPECT_EQ(log.count("<KLV ERROR> Refused to send cleartext to 192.0.2.1"), 1U);
+  session.start({"POST", redirectorTo(server.baseURL() + "/final"), {}, "body"}, replies.collect());
+  EXPECT_EQ(replies.wait(2).response->url, server.baseURL() + "/final");
+  EXPECT_EQ(server.requests("/final").at(0).method, "GET");
+  session.start({"GET", redirectorTo("http://192.0.2.1/"), {}, {}}, replies.collect());
+  EXPECT_EQ(replies.wait(3).error->localizedDescription, "A redirect to cleartext was refused");
+}
+
+TEST_F(HTTPSession, AForkedChildSendsNothingAndEndsAtOnce) {
+  start("/parent");
+  replies.wait(1);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(20);
+    start("/child");
+#ifdef __SANITIZE_ADDRESS__
+    _exit(0);  // its leak check does not know the stacks of threads that stayed behind
+#endif
+    std::exit(0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  start("/parent");
+  replies.wait(2);
+  EXPECT_TRUE(server.requests("/child").empty());
+}
+
+}  // namespace
+}  // namespace kelvo::test

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <condition_variable>
+#include <cstdlib>
+
+#include "kelvo-collector/Server.h"
+#include "network/KLVPostman.h"
+#include "support/LogCapture.h"
+
+namespace kelvo::test {
+
+using collector::Script;
+
+struct Reply {
+  std::optional<std::string> data;
+  std::optional<HTTPResponse> response;
+  std::optional<HTTPError> error;
+};
+
+/// Collects the outcomes of requests, and sees to it that they come on the callback queue's threads.
+class Replies {
+ public:
+  HTTPCompletion collect() {
+    return [state = state_](auto data, auto response, auto error) {
+      char thread[16] = {};
+      pthread_getname_np(pthread_self(), thread, sizeof thread);
+      EXPECT_EQ(std::string(thread).substr(0, 10), "kelvo.pool");
+      EXPECT_NE(response.has_value(), error.has_value());
+      const std::lock_guard lock(state->mutex);
+      state->all.push_back({std::move(data), std::move(response), std::move(error)});
+      state->changed.notify_all();
+    };
+  }
+
+  /// The last one, once there are `count`.
+  Reply wait(std::size_t count = 1) {
+    std::unique_lock lock(state_->mutex);
+    EXPECT_TRUE(state_->changed.wait_for(lock, std::chrono::seconds(20), [&] { return state_->all.size() >= count; }));
+    EXPECT_EQ(state_->all.size(), count);
+    return state_->all.empty() ? Reply() : state_->all.back();
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Reply> all;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+/// The service on this machine, as the endpoint of this process.
+class NetworkTest : public testing::Test {
+ protected:
+  NetworkTest() {
+    EXPECT_NE(server.start(), 0);
+    setenv("KELVO_SERVER_BASE_URL", server.baseURL().c_str(), 1);
+  }
+
+  collector::Server server;
+  LogCapture log;
+  Replies replies;
+};
+
+}  // namespace kelvo::test

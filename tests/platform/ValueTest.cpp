@@ -1,0 +1,213 @@
+#include "kelvo/Value.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <thread>
+
+#include "platform/JSON.h"
+
+namespace kelvo::test {
+namespace {
+
+constexpr std::int64_t kMinimum = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kMaximum = std::numeric_limits<std::int64_t>::max();
+constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kLargestDouble = std::numeric_limits<double>::max();
+
+TEST(Value, ConvertsWithoutEverLeavingTheRange) {
+  const struct {
+    Value value;
+    std::int64_t asInt64;
+    std::uint64_t asUInt64;
+    double asDouble;
+    bool asBool;
+  } cases[] = {
+      {nullptr, 0, 0, 0, false},
+      {true, 1, 1, 1, true},
+      {-7, -7, 0, -7, true},
+      {kLargest, kMaximum, kLargest, 18446744073709551616.0, true},
+      {-2.9, -2, 0, -2.9, true},
+      {0.5F, 0, 0, 0.5, true},
+      {9223372036854775808.0, kMaximum, std::uint64_t{1} << 63, 9223372036854775808.0, true},
+      {1e300, kMaximum, kLargest, 1e300, true},
+      {-kInfinity, kMinimum, 0, -kInfinity, true},
+      {"  +42 apples", 42, 42, 42, false},
+      {"-12.75", -12, 0, -12.75, false},
+      {"99999999999999999999", kMaximum, kLargest, 1e20, true},
+      {"-99999999999999999999", kMinimum, 0, -1e20, false},
+      {"1e999", 1, 1, kLargestDouble, true},
+      {"1e-999", 1, 1, 0, true},
+      {"infinity", 0, 0, 0, false},
+      {"+-3", 0, 0, 0, false},
+      {"yes", 0, 0, 0, true},
+      {"True", 0, 0, 0, true},
+      {"", 0, 0, 0, false},
+      {Data{49}, 0, 0, 0, false},
+      {Date{std::chrono::seconds(5)}, 0, 0, 0, false},
+      {Array{1}, 0, 0, 0, false},
+  };
+  for (const auto& [value, asInt64, asUInt64, asDouble, asBool] : cases) {
+    SCOPED_TRACE(description(value));
+    EXPECT_EQ(value.asInt64(), asInt64);
+    EXPECT_EQ(value.asUInt64(), asUInt64);
+    EXPECT_EQ(value.asDouble(), asDouble);
+    EXPECT_EQ(value.asBool(), asBool);
+  }
+  EXPECT_EQ(Value(kNaN).asInt64(), 0);
+  EXPECT_EQ(Value(kNaN).asUInt64(), 0U);
+}
+
+TEST(Value, DescribesItself) {
+  const struct {
+    Value value;
+    const char* text;
+  } cases[] = {
+      {nullptr, "(null)"},
+      {std::optional<std::string>(), "(null)"},
+      {true, "1"},
+      {kMinimum, "-9223372036854775808"},
+      {kLargest, "18446744073709551615"},
+      {288.0, "288"},
+      {0.1, "0.1"},
+      {0.1F, "0.1"},
+      {100000.0, "100000"},
+      {1e300, "1e+300"},
+      {-kNaN, "nan"},
+      {"text \"as it is\"", "text \"as it is\""},
+      {Data{0x0A, 0xFF}, "0aff"},
+      {Date{std::chrono::seconds(1709627829)}, "2024-03-05 08:37:09 +0000"},
+      {Date{std::chrono::milliseconds(-1)}, "1969-12-31 23:59:59 +0000"},
+      {Array{1, "a\n", nullptr, true, 1.0}, R"([1,"a\n",null,true,1.0])"},
+      {Dictionary{{"z", 1}, {"a", Dictionary{{"n", kNaN}, {"d", Date{}}, {"b", Data{1}}}}},
+       R"({"z":1,"a":{"n":"nan","d":"1970-01-01 00:00:00 +0000","b":"01"}})"},
+  };
+  for (const auto& [value, text] : cases) EXPECT_EQ(description(value), text);
+}
+
+TEST(Value, ComparesNumbersByWhatTheyStandFor) {
+  EXPECT_EQ(Value(false), Value(0));
+  EXPECT_EQ(Value(1), Value(1.0F));
+  EXPECT_EQ(Value(std::uint64_t{7}), Value(std::int64_t{7}));
+  EXPECT_NE(Value(std::int64_t{-1}), Value(kLargest));
+  EXPECT_NE(Value(9007199254740993), Value(9007199254740992.0)) << "equal only when rounded to a double";
+  EXPECT_NE(Value(kMaximum), Value(9223372036854775808.0));
+  EXPECT_NE(Value("1"), Value(1));
+  EXPECT_NE(Value(nullptr), Value(0));
+  EXPECT_EQ(Value(Array{1, Dictionary{{"a", 1}, {"b", true}}}), Value(Array{1.0, Dictionary{{"b", 1}, {"a", true}}}));
+  EXPECT_NE(Value(Array{1, 2}), Value(Array{2, 1}));
+  EXPECT_NE(Value(Dictionary{{"a", nullptr}}), Value(Dictionary{{"b", nullptr}}));
+  EXPECT_NE(Value(Array{}), Value(Dictionary{}));
+}
+
+TEST(Dictionary, KeepsTheOrderInWhichKeysWereFirstSet) {
+  Dictionary dictionary{{"z", 1}, {"a", 2}, {"m", 3}, {"z", 4}};
+  dictionary.remove("a");
+  dictionary.set("m", 5);
+  dictionary.set("a", 6);
+  EXPECT_EQ(*jsonText(dictionary), R"({"z":4,"m":5,"a":6})");
+  EXPECT_TRUE(dictionary["missing"].isNull());
+}
+
+/// Against a plain list of pairs, through the sizes at which the index comes and goes.
+TEST(Dictionary, BehavesAsAListOfPairsWhateverItsSize) {
+  std::mt19937 random(288);
+  Dictionary dictionary;
+  std::vector<std::pair<std::string, int>> model;
+  for (int step = 0; step < 4000; ++step) {
+    const bool shrinks = (step / 500) % 2 == 1;
+    const std::string key = "key" + std::to_string(random() % 60);
+    const auto place = std::find_if(model.begin(), model.end(), [&](const auto& entry) { return entry.first == key; });
+    if (random() % 4 == 0 || (shrinks && random() % 2 == 0)) {
+      dictionary.remove(key);
+      if (place != model.end()) model.erase(place);
+    } else {
+      dictionary.set(key, step);
+      place == model.end() ? void(model.emplace_back(key, step)) : void(place->second = step);
+    }
+    ASSERT_EQ(dictionary.size(), model.size());
+    const Dictionary::Entry* entry = dictionary.begin();
+    for (const auto& [name, value] : model) {
+      ASSERT_EQ(entry->first, name);
+      ASSERT_EQ(entry++->second, Value(value));
+      ASSERT_EQ(dictionary[name], Value(value));
+    }
+  }
+}
+
+TEST(Dictionary, StaysFastWithAHundredThousandKeys) {
+  constexpr int kKeys = 100'000;
+  Dictionary dictionary;
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < kKeys; ++i) dictionary.set(std::to_string(i), i);
+  for (int i = 0; i < kKeys; ++i) ASSERT_EQ(dictionary[std::to_string(i)].asInt64(), i);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "looking through takes minutes";
+}
+
+TEST(CopyOnWrite, AChangeNeverShowsInAnotherCopy) {
+  Dictionary first{{"a", Array{1, 2}}, {"b", "text"}};
+  Dictionary second = first;
+  EXPECT_EQ(first.begin(), second.begin()) << "a copy shares the content";
+  second.set("a", 3);
+  second.remove("b");
+  EXPECT_EQ(*jsonText(first), R"({"a":[1,2],"b":"text"})");
+  EXPECT_EQ(*jsonText(second), R"({"a":3})");
+
+  Array array = *first["a"].get<Array>();
+  array.append(array);  // into itself
+  EXPECT_EQ(*jsonText(array), "[1,2,[1,2]]");
+  EXPECT_EQ(*jsonText(first["a"]), "[1,2]");
+
+  const Dictionary shared = first;
+  first.set(first.begin()->first, first["b"]);  // key and value out of the content it lets go of
+  first.set(*first["b"].get<std::string>(), first["b"]);
+  first.set("self", first);
+  EXPECT_EQ(*jsonText(first), R"({"a":"text","b":"text","text":"text","self":{"a":"text","b":"text","text":"text"}})");
+  first = *first["self"].get<Dictionary>();  // its owner dies in this assignment
+  EXPECT_EQ(first.size(), 3U);
+}
+
+TEST(CopyOnWrite, CopiesMayBeUsedOnDifferentThreads) {
+  Dictionary original{{"list", Array{1, "two", Dictionary{{"three", 3}}}}, {"text", std::string(100, 'x')}};
+  const std::string before = description(original);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([copy = original, t]() mutable {
+      for (int i = 0; i < 500; ++i) {
+        Dictionary own = copy;
+        own.set("thread", t);
+        Array list = *own["list"].get<Array>();
+        list.append(i);
+        own.set("list", list);
+        copy = i % 2 == 0 ? own : copy;
+        ASSERT_EQ(own["thread"].asInt64(), t);
+      }
+    });
+  }
+  const std::string seenMeanwhile = description(original);
+  original.set("text", "changed while others read the old content");
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(seenMeanwhile, before);
+  EXPECT_EQ(original.size(), 2U);
+}
+
+TEST(Nesting, OfAnyDepthDiesComparesAndDescribesWithoutAStackOverflow) {
+  const auto chain = [](const Value& end) {
+    Value value = end;
+    for (int i = 0; i < 1'000'000; ++i) {
+      value = i % 2 == 0 ? Value(Array{std::move(value)}) : Value(Dictionary{{"k", std::move(value)}});
+    }
+    return value;
+  };
+  const Value one = chain(1);
+  EXPECT_EQ(one, chain(1));
+  EXPECT_NE(one, chain(2));
+  EXPECT_NE(description(one).find("\"...\""), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kelvo::test

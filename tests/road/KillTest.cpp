@@ -1,0 +1,66 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+
+#include "road/Road.h"
+
+namespace kelvo::test {
+namespace {
+
+/// What the service holds: chunk ids by event name.
+std::map<std::string, std::set<std::string>> chunksByEvent(const std::vector<Value>& chunks) {
+  std::map<std::string, std::set<std::string>> all;
+  for (const Value& chunk : chunks) {
+    const Value events = at(chunk, {"chunk_details", "app_events"});
+    for (const Value& event : *events.get<Array>()) {
+      all[description(at(event, {"name"}))].insert(description(at(chunk, {"chunk_meta", "id"})));
+    }
+  }
+  return all;
+}
+
+TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneChunkId) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  int number = 0;
+  for (int round = 0; round < 30; ++round) {
+    auto host = launch();
+    host.untilReady();
+    ASSERT_TRUE(host.waitForError("initialized!")) << host.errors();
+    const int calls = std::uniform_int_distribution(1, 300)(random);
+    for (int i = 0; i < calls; ++i) {
+      host.log("E" + std::to_string(++number));
+      if (i % 90 == 60) host.play(R"({"call": "willResignActive"})");
+    }
+    ::usleep(std::uniform_int_distribution(0U, 20000U)(random));
+    host.kill();
+
+    ASSERT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"}) << "round " << round;
+    std::vector<std::string> accepted = storedEvents();
+    // One undisturbed launch delivers what the killed one left.
+    auto undisturbed = launch();
+    ASSERT_EQ(undisturbed.quit(), 0) << undisturbed.errors();
+    const auto arrived = chunksByEvent(service.chunks());
+    for (const auto& event : accepted) {
+      if (event[0] != 'E') continue;
+      const auto found = arrived.find(event);
+      ASSERT_NE(found, arrived.end()) << event << " was stored but never arrived; round " << round;
+      ASSERT_EQ(found->second.size(), 1u) << event << " arrived under several chunk ids; round " << round;
+    }
+  }
+}
+
+TEST_F(Road, ANormalExitRightAfterAThousandCallsStoresThemAll) {
+  Program host({KELVO_TEST_HOST}, {{"KELVO_SERVER_BASE_URL", service.baseURL()}});
+  ASSERT_EQ(host.wait(), 0) << host.errors();
+  EXPECT_EQ(host.output(), "KelvoiOSSDK finalizer\n");
+  const auto events = storedEvents();
+  EXPECT_EQ(std::count(events.begin(), events.end(), "Last words"), 1000);
+}
+
+}  // namespace
+}  // namespace kelvo::test

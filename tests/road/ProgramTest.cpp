@@ -1,0 +1,68 @@
+#include "road/Road.h"
+
+namespace kelvo::test {
+namespace {
+
+TEST_F(Road, BadLinesAreNamedAndTheRestStillRuns) {
+  auto host = launch();
+  host.untilReady().play("").play("# a comment").play("no JSON").play("[1]").play(R"({"call": "nonsense"})");
+  host.play(R"({"name": 7})").play(R"({"call": "deviceToken", "hex": "0G"})").log("Good");
+  EXPECT_EQ(host.quit(), 1);
+  for (const char* line : {"line 4: no JSON", "line 5: no JSON object", "line 6: no such call: nonsense",
+                           "line 7: \"name\" is no text", "line 8: \"hex\" is no text of two hexadecimal"}) {
+    EXPECT_EQ(count(host.errors(), line), 1u) << line << host.errors();
+  }
+  EXPECT_EQ(arrivedEvents(), std::vector<std::string>{"Good"});
+}
+
+TEST_F(Road, WrongUsageIsTold) {
+  EXPECT_EQ(launch({"--wait", "soon"}).quit(), 2);
+  EXPECT_EQ(launch({"--nonsense"}).quit(), 2);
+  EXPECT_EQ(launch({"/no/such/file"}).quit(), 2);
+  auto neverStarted = launch({});
+  EXPECT_EQ(neverStarted.log("Event").quit(), 2);
+  EXPECT_EQ(count(neverStarted.errors(), "kelvo-log: the library was never started"), 1u);
+  EXPECT_EQ(launch({"--help"}).quit(), 0);
+}
+
+TEST_F(Road, TheDeviceIdIsPrintedAndKept) {
+  const auto printed = [this] {
+    auto host = launch();
+    host.play(R"({"call": "getDeviceID"})").untilReady().play(R"({"call": "getDeviceID"})");
+    EXPECT_EQ(host.quit(), 0);
+    return host.output();
+  };
+  const std::string first = printed();
+  EXPECT_EQ(first.find("\n"), 0u) << "none before the start has ended";
+  EXPECT_EQ(first.size(), 1 + 36 + 1 + std::string("KelvoiOSSDK finalizer\n").size());
+  EXPECT_EQ(printed(), first);
+}
+
+TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
+  logDebugLines();
+  auto host = launch({"--app-id", ""});
+  host.play(R"({"call": "initializeKelvoWithID"})").play(R"({"call": "initializeKelvoWithID", "id": "shop"})");
+  host.untilReady();
+  host.play(R"({"info": {"a": 1}})").play(R"({"call": "logClientEventWithName"})");
+  host.play(R"({"name": "Faulty", "info": {"list": []}})").play(R"({"call": "reportCustomError"})");
+  host.play(R"({"call": "setUserIdentifier"})").play(R"({"call": "setUserCustomInfo", "info": {"a": null}})");
+  host.play(R"({"call": "setSessionCustomInfo", "info": {"a": ""}})").play(R"({"call": "deviceToken", "text": ""})");
+  host.play(R"({"call": "deviceToken"})").play(R"({"call": "logScreenWithName", "name": "Home"})");
+  EXPECT_EQ(host.quit(), 0);
+  const std::pair<const char*, std::size_t> expected[] = {
+      {"<KLV ERROR> KelvoiOSSDK failed to initialize - invalid appId: ", 2},
+      {"<KLV WARN> Improper app event logged", 2},
+      {"<KLV ERROR> object cannot be nil (key: list)", 1},
+      {"<KLV WARN> Improper observation reported", 1},
+      {"<KLV ERROR> Identifier passed is nil", 1},
+      {"<KLV ERROR> SDK not enabled - user attributes won't get logged", 1},
+      {"<KLV ERROR> SDK not enabled - session attributes won't get logged", 1},
+      {"<KLV WARN> Invalid token data!", 1},
+      {"<KLV WARN> Invalid token object!", 1},
+      {"<KLV WARN> Ignoring screen log with title: Home", 1}};
+  for (const auto& [line, times] : expected) EXPECT_EQ(count(host.errors(), line), times) << line;
+  EXPECT_EQ(arrivedEvents(), std::vector<std::string>());
+}
+
+}  // namespace
+}  // namespace kelvo::test

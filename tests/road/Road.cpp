@@ -1,0 +1,102 @@
+#include "road/Road.h"
+
+#include <sqlite3.h>
+
+#include <csignal>
+#include <stdexcept>
+
+#include "platform/JSON.h"
+
+namespace kelvo::test {
+namespace {
+
+Program::Environment withService(Program::Environment environment, const std::string& url) {
+  environment.emplace("KELVO_SERVER_BASE_URL", url);
+  return environment;
+}
+
+std::vector<std::string> command(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), KELVO_LOG_PROGRAM);
+  return arguments;
+}
+
+}  // namespace
+
+Launch::Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment)
+    : program_(
+          std::make_unique<Program>(command(std::move(arguments)), withService(std::move(environment), serviceURL))) {}
+
+Launch& Launch::play(const std::string& line) {
+  program_->writeLine(line);
+  return *this;
+}
+
+int Launch::quit() {
+  program_->closeInput();
+  return program_->wait();
+}
+
+Launch& Launch::kill() {
+  program_->kill(SIGKILL);
+  program_->wait();
+  return *this;
+}
+
+std::vector<std::string> Road::stored(const std::string& query) {
+  sqlite3* database = nullptr;
+  sqlite3_open(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite").c_str(), &database);
+  const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(database, sqlite3_close);
+  std::vector<std::string> rows;
+  const auto collect = [](void* all, int columns, char** values, char**) {
+    std::string row;
+    for (int i = 0; i < columns; ++i) row += (i > 0 ? "|" : "") + std::string(values[i] != nullptr ? values[i] : "");
+    static_cast<std::vector<std::string>*>(all)->push_back(row);
+    return 0;
+  };
+  char* error = nullptr;
+  sqlite3_exec(database, query.c_str(), collect, &rows, &error);
+  if (error != nullptr) rows.emplace_back(error);
+  sqlite3_free(error);
+  return rows;
+}
+
+std::vector<std::string> Road::storedEvents() {
+  std::vector<std::string> all;
+  for (const auto& table : stored("select name from sqlite_master where name like 'events%'")) {
+    for (auto& id : stored("select id from '" + table + "' order by identifier")) all.push_back(std::move(id));
+  }
+  return all;
+}
+
+std::vector<std::string> Road::arrivedEvents() const {
+  std::vector<std::string> names;
+  for (const Value& chunk : service.chunks()) {
+    const Value events = at(chunk, {"chunk_details", "app_events"});
+    for (const Value& event : *events.get<Array>()) {
+      auto name = description(at(event, {"name"}));
+      if (name != "klv_app_opened") names.push_back(std::move(name));
+    }
+  }
+  return names;
+}
+
+void Road::logDebugLines() {
+  writeFileForTest(library("com.kelvo.SDK.config.json"), R"({"enable": true, "log_level": "debug"})");
+}
+
+Value at(const Value& value, std::initializer_list<std::string_view> path) {
+  Value member = value;
+  for (const auto& name : path) {
+    const auto* dictionary = member.get<Dictionary>();
+    member = dictionary != nullptr ? Value((*dictionary)[name]) : Value();
+  }
+  return member;
+}
+
+std::size_t count(const std::string& text, const std::string& part) {
+  std::size_t found = 0;
+  for (auto place = text.find(part); place != std::string::npos; place = text.find(part, place + 1)) ++found;
+  return found;
+}
+
+}  // namespace kelvo::test

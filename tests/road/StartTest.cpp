@@ -1,0 +1,179 @@
+#include <filesystem>
+
+#include "road/Road.h"
+
+namespace kelvo::test {
+namespace {
+
+constexpr const char* kStatusFile = "com.kelvo.SDK.enable.status.json";
+constexpr const char* kDefaultsFile = "Preferences/kelvo-log.plist";
+
+std::string propertyList(const std::string& dictionary) {
+  return R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)" + dictionary + "</dict></plist>";
+}
+
+/// What a launch without a bundle says before anything else.
+std::string bundle(const std::string& infoPlist) {
+  const std::string directory = home() + "/app.bundle";
+  writeFileForTest(directory + "/Info.plist", propertyList(infoPlist));
+  return directory;
+}
+
+struct Switch {
+  const char* name;
+  Script answer;
+  const char* savedSwitch;  ///< content of the status file; empty for none
+  bool collects;
+  const char* line;
+};
+
+class EnableSwitch : public Road, public testing::WithParamInterface<Switch> {};
+
+TEST_P(EnableSwitch, DecidesWhetherThisLaunchCollects) {
+  const Switch& given = GetParam();
+  service.answer("/enabled-status", given.answer);
+  if (*given.savedSwitch != '\0') writeFileForTest(library(kStatusFile), given.savedSwitch);
+  auto host = launch();
+  host.untilReady().log("Event");
+  EXPECT_EQ(host.quit(), given.collects ? 0 : 4) << host.errors();
+  EXPECT_EQ(service.chunks().size(), given.collects ? 1u : 0u);
+  EXPECT_EQ(count(host.errors(), given.line), 1u) << host.errors();
+  EXPECT_EQ(contentOf(library(kStatusFile)), given.collects ? R"({"status":true})" : R"({"status":false})");
+  if (!given.collects) {
+    EXPECT_EQ(count(host.errors(), "Terminating Kelvo SDK"), 1u);
+    EXPECT_GE(count(host.errors(), "<KLV ERROR> SDK Disabled - ignoring event"), 1u);
+    EXPECT_FALSE(std::filesystem::exists(documents("kelvo-db"))) << "no session was started";
+  }
+}
+
+constexpr const char* kInitialized = "<KLV INFO> KelvoiOSSDK (288) : initialized!";
+INSTANTIATE_TEST_SUITE_P(
+    Answers, EnableSwitch,
+    testing::Values(Switch{"zero", Script(200, R"({"enabled": 0})"), "", false, "<KLV ERROR> SDK not enabled"},
+                    Switch{"false", Script(200, R"({"enabled": false})"), "", false, "<KLV ERROR> SDK not enabled"},
+                    Switch{"missing", Script(200, "{}"), R"({"status":false})", true, kInitialized},
+                    Switch{"unparsable", Script::garbage(), R"({"status":false})", true,
+                           "<KLV ERROR> Error while fetching SDK enable status: "},
+                    Switch{"status500", Script(500), R"({"status":false})", true, kInitialized},
+                    Switch{"transportErrorSavedOff", Script::cut(), R"({"status":false})", false,
+                           "<KLV ERROR> SDK enable network call failed : "},
+                    Switch{"transportErrorSavedOn", Script::cut(), R"({"status":true})", true, kInitialized},
+                    Switch{"transportErrorNothingSaved", Script::cut(), "", true, kInitialized}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(Road, TheLegacySwitchCountsForOneLaunch) {
+  writeFileForTest(library(kDefaultsFile), propertyList("<key>klv_enable_sdk</key><false/>"));
+  service.answer("/enabled-status", Script::cut());
+  EXPECT_EQ(launch().quit(), 4);
+  EXPECT_EQ(count(contentOf(library(kDefaultsFile)), "klv_enable_sdk"), 0u);
+  std::filesystem::remove(library(kStatusFile));
+  EXPECT_EQ(launch().quit(), 0);
+}
+
+TEST_F(Road, ADownloadedConfigurationCountsFromTheNextLaunch) {
+  service.state().setConfigurationValue("enable", false);
+  EXPECT_EQ(launch().quit(), 0);
+  EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u);
+  auto second = launch();
+  EXPECT_EQ(second.quit(), 4);
+  EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u) << "the hash is known by now";
+}
+
+TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostCan) {
+  const Program::Environment environment{
+      {"KELVO_BUNDLE", bundle("<key>Kelvo</key><dict><key>Core</key><string>auto</string></dict>"
+                              "<key>CFBundleName</key><string>Shop</string>"
+                              "<key>CFBundleShortVersionString</key><string>2.4</string>"
+                              "<key>CFBundleVersion</key><string>118</string>")}};
+  auto host = launch({}, environment);
+  host.play(R"({"call": "initializeKelvoWithID", "id": "manual"})").log("Event");
+  EXPECT_EQ(host.quit(), 0) << host.errors();
+  EXPECT_EQ(host.errors().rfind("<KLV INFO> Initialising Kelvo SDK automatically with ID: auto", 0), 0u);
+  EXPECT_EQ(count(host.errors(), "<KLV INFO> Kelvo SDK already initialized. Ignoring this call"), 1u);
+  EXPECT_EQ(service.requests("/v2/api/auto/chunks").size(), 1u);
+  EXPECT_EQ(at(service.chunks()[0], {"app_info", "app_name"}), Value("Shop"));
+  EXPECT_EQ(at(service.chunks()[0], {"app_info", "app_version"}), Value("2.4(118)"));
+  EXPECT_EQ(host.output(), "KelvoiOSSDK finalizer\n");
+}
+
+TEST_F(Road, ABundleThatNamesNoIdLeavesTheStartToTheHost) {
+  const auto firstLineWith = [this](const std::string& kelvo) {
+    auto host = launch({"--app-id", "manual"}, {{"KELVO_BUNDLE", bundle(kelvo)}});
+    EXPECT_EQ(host.quit(), 0) << host.errors();
+    return host.errors().substr(0, host.errors().find(" KLVController"));
+  };
+  EXPECT_EQ(firstLineWith("<key>Kelvo</key><dict><key>SomePlugin</key><false/></dict>"),
+            "<KLV INFO> Ignoring Kelvo SDK auto init");
+  EXPECT_EQ(firstLineWith("<key>Kelvo</key><dict><key>Core</key><string></string></dict>"),
+            "<KLV ERROR> KelvoiOSSDK failed to initialize - invalid appId");
+  EXPECT_EQ(firstLineWith(""), "<KLV ERROR> KelvoiOSSDK failed to initialize - invalid Kelvo Meta Info");
+}
+
+TEST_F(Road, WhatIsLoggedWhileTheServiceThinksIsStoredFirst) {
+  service.answer("/enabled-status", Script::late(std::chrono::milliseconds(300)));
+  auto host = launch();
+  host.play(R"({"call": "setUserCustomInfo", "info": {"plan": "early"}})");
+  host.play(R"({"call": "setUserIdentifier", "identifier": "refused"})");
+  host.play(R"({"call": "deviceToken", "hex": "0aFF"})").log("Early");
+  host.untilReady().log("Later");
+  EXPECT_EQ(host.quit(), 0);
+  // An application event that waits for storage is buffered by two paths, and so stored twice.
+  EXPECT_EQ(arrivedEvents(), (std::vector<std::string>{"Early", "Early", "Later"}));
+  EXPECT_EQ(stored("select count from lifetime_events where name = 'Early'"), std::vector<std::string>{"2"});
+  const Value chunk = service.chunks()[0];
+  EXPECT_EQ(at(chunk, {"chunk_details", "user_attributes"}), Value(Dictionary{{"plan", "early"}}));
+  EXPECT_EQ(at(chunk, {"device_info", "device_registration_token"}), Value("0AFF"));
+  EXPECT_EQ(count(host.errors(), "<KLV ERROR> SDK not enabled - user identifier not set"), 1u);
+}
+
+TEST_F(Road, AttributesSetBeforeTheStartWinOverStoredOnesAndTheOthersSurvive) {
+  EXPECT_EQ(launch().untilReady().play(R"({"call": "setUserCustomInfo", "info": {"plan": "old", "since": 1}})").quit(),
+            0);
+  service.answer("/enabled-status", Script::late(std::chrono::milliseconds(300)));
+  EXPECT_EQ(launch().play(R"({"call": "setUserCustomInfo", "info": {"plan": "new"}})").quit(), 0);
+  EXPECT_EQ(at(service.chunks().back(), {"chunk_details", "user_attributes"}),
+            Value(Dictionary{{"plan", "new"}, {"since", 1}}));
+}
+
+TEST_F(Road, BackgroundRescuesWhatStorageNeverTookForTheNextLaunch) {
+  service.answer("/enabled-status", Script::never());
+  auto first = launch();
+  first.log("Rescued").play(R"({"call": "willResignActive"})");
+  const std::string file = library("com.kelvo.db.eventsbuffer");
+  for (int i = 0; i < 2000 && contentOf(file).empty(); ++i) usleep(5000);
+  EXPECT_EQ(count(contentOf(file), R"("id":"Rescued")"), 2u);
+  first.kill();
+
+  service.answerNormally("/enabled-status");
+  EXPECT_EQ(launch().quit(), 0);
+  EXPECT_EQ(arrivedEvents(), (std::vector<std::string>{"Rescued", "Rescued"}));
+  EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST_F(Road, CorruptFilesCountAsMissing) {
+  const std::vector<std::string> files{"com.kelvo.SDK.config.json",  kStatusFile,
+                                       "com.kelvo.db.user",          "com.kelvo.db.eventsbuffer",
+                                       "com.kelvo.SDK.clientevents", kDefaultsFile};
+  for (const char* content : {"", "{\"cut", "[1, 2]", "\"text\"", "\xff\xfe\x00"}) {
+    for (const auto& file : files) writeFileForTest(library(file), content);
+    auto host = launch();
+    host.untilReady().log("Event");
+    EXPECT_EQ(host.quit(), 0) << content << host.errors();
+  }
+  EXPECT_EQ(arrivedEvents().size(), 5u);
+  EXPECT_TRUE(std::filesystem::exists(library(std::string(kDefaultsFile) + ".corrupt")));
+}
+
+TEST_F(Road, OneProcessAtATimeUsesAHome) {
+  auto first = launch();
+  first.untilReady();
+  ASSERT_TRUE(first.waitForError("initialized!"));
+  auto second = launch();
+  EXPECT_EQ(second.log("Event").quit(), 4);
+  EXPECT_EQ(count(second.errors(), "<KLV ERROR> Process "), 1u) << second.errors();
+  EXPECT_EQ(first.log("Mine").quit(), 0);
+  EXPECT_EQ(arrivedEvents(), std::vector<std::string>{"Mine"});
+}
+
+}  // namespace
+}  // namespace kelvo::test

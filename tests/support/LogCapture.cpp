@@ -1,0 +1,60 @@
+#include "support/LogCapture.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+
+#include "util/KLVLogger.h"
+
+namespace kelvo::test {
+namespace {
+
+struct Lines {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> all;
+};
+Lines& captured() {
+  static Lines& lines = *new Lines;  // the log thread may outlive every static
+  return lines;
+}
+
+bool contains(const std::vector<std::string>& lines, const std::string& text) {
+  return std::any_of(lines.begin(), lines.end(),
+                     [&](const auto& line) { return line.find(text) != std::string::npos; });
+}
+
+}  // namespace
+
+LogCapture::LogCapture() {
+  KLVLogger::setLogLevel(0);
+  KLVLogger::setSink([](KLVLogger::Level, std::string_view line) {
+    const std::lock_guard lock(captured().mutex);
+    captured().all.emplace_back(line);
+    captured().changed.notify_all();
+  });
+}
+
+LogCapture::~LogCapture() {
+  KLVLogger::drain(std::chrono::seconds(5));
+  KLVLogger::setSink({});
+}
+
+std::vector<std::string> LogCapture::lines() const {
+  KLVLogger::drain(std::chrono::seconds(5));
+  const std::lock_guard lock(captured().mutex);
+  return captured().all;
+}
+
+std::size_t LogCapture::count(const std::string& text) const {
+  const auto all = lines();
+  return static_cast<std::size_t>(
+      std::count_if(all.begin(), all.end(), [&](const auto& line) { return line.find(text) != std::string::npos; }));
+}
+
+bool LogCapture::waitFor(const std::string& text, std::chrono::seconds limit) const {
+  std::unique_lock lock(captured().mutex);
+  return captured().changed.wait_for(lock, limit, [&] { return contains(captured().all, text); });
+}
+
+}  // namespace kelvo::test

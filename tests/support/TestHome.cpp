@@ -1,0 +1,51 @@
+#include "support/TestHome.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace kelvo::test {
+namespace {
+std::string homeDirectory;
+}
+
+const std::string& home() {
+  return homeDirectory;
+}
+std::string library(const std::string& relativePath) {
+  return homeDirectory + "/Library/" + relativePath;
+}
+std::string documents(const std::string& relativePath) {
+  return homeDirectory + "/Documents/" + relativePath;
+}
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
+void writeFileForTest(const std::string& path, const std::string& content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+}  // namespace kelvo::test
+
+/// Every test runs in a process of its own, with a home of its own. A death test's child starts over in its parent's.
+int main(int argc, char** argv) {
+  std::string fresh = (std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX").string();
+  if (mkdtemp(fresh.data()) == nullptr) return 1;
+  setenv("KELVO_HOME", fresh.c_str(), 1);
+  unsetenv("KELVO_SERVER_BASE_URL");
+  kelvo::test::homeDirectory = fresh;
+  testing::InitGoogleTest(&argc, argv);
+  const int result = RUN_ALL_TESTS();
+  std::filesystem::remove_all(fresh);
+  return result;
+}

@@ -1,0 +1,155 @@
+#include "util/KLVLogger.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <future>
+#include <regex>
+#include <sstream>
+
+#include "platform/Problem.h"
+#include "support/LogCapture.h"
+
+namespace kelvo::test {
+
+/// Has names as the library's own classes have.
+struct KLVSpeaker {
+  static void say() { KLV_WARN("from {} and {} {} {}", "a class", 1, true, std::optional<std::string>()); }
+  [[nodiscard]] std::vector<std::pair<std::string, int>> sayFromLambda(const std::string& text) const {
+    [&] { KLV_INFO("{}", text); }();
+    return {};
+  }
+};
+
+namespace {
+
+void sayFromNowhere() {
+  KLV_INFO("here");
+}
+
+TEST(Logger, TheLevelDecidesWhatIsWritten) {
+  const LogCapture log;
+  const struct {
+    int level;
+    bool debug, warn, error;
+  } cases[] = {{0, true, true, true},   {1, true, true, true},    {2, false, true, true},
+               {3, false, false, true}, {4, false, false, false}, {-1, true, true, true}};
+  std::size_t infos = 0;
+  for (const auto& [level, debug, warn, error] : cases) {
+    KLVLogger::setLogLevel(level);
+    const std::string name = "at level " + std::to_string(level) + ".";
+    KLV_DEBUG("{}", name);
+    KLV_INFO("{}", name);
+    KLV_WARN("{}", name);
+    KLV_ERROR("{}", name);
+    EXPECT_EQ(log.count("<KLV DEBUG> " + name), debug ? 1U : 0U) << name;
+    EXPECT_EQ(log.count("<KLV WARN> " + name), warn ? 1U : 0U) << name;
+    EXPECT_EQ(log.count("<KLV ERROR> " + name), error ? 1U : 0U) << name;
+    EXPECT_EQ(log.count("<KLV INFO> "), ++infos) << name;
+  }
+  int evaluations = 0;
+  KLVLogger::setLogLevel(3);
+  KLV_DEBUG("{}", ++evaluations);
+  EXPECT_EQ(evaluations, 0) << "a filtered line leaves its arguments alone";
+}
+
+TEST(Logger, ALineNamesItsMethodAndPlace) {
+  const LogCapture log;
+  const auto before = log.lines().size();
+  KLVSpeaker::say();
+  static_cast<void>(KLVSpeaker().sayFromLambda("{} %s\\n stays as it is"));
+  sayFromNowhere();
+  reportProblem("void kelvo::Files::write(int)", "disk full");
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size() - before, 4U);
+  const char* expected[] = {
+      R"(<KLV WARN> from a class and 1 1 \(null\) test::KLVSpeaker::say:\d+)",
+      R"(<KLV INFO> \{\} %s\\n stays as it is test::KLVSpeaker::sayFromLambda:\d+)",
+      R"(<KLV INFO> here test::.*sayFromNowhere:\d+)",
+      R"(<KLV ERROR> disk full Files::write:\d+)",
+  };
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_TRUE(std::regex_match(lines[before + i], std::regex(expected[i]))) << lines[before + i];
+  }
+}
+
+TEST(Logger, ASinkMayThrowAndBeReplacedAndLog) {
+  int seen = 0;  // on the log thread only, until drained
+  KLVLogger::setSink([&](KLVLogger::Level, std::string_view) {
+    if (++seen == 1) KLV_INFO("from inside the sink");
+    throw std::runtime_error("the host's own trouble");
+  });
+  KLV_INFO("one");
+  ASSERT_TRUE(KLVLogger::drain(std::chrono::seconds(10)));
+  ASSERT_TRUE(KLVLogger::drain(std::chrono::seconds(10)));  // what the sink itself logged
+  EXPECT_EQ(seen, 2);
+  const LogCapture log;
+  KLV_INFO("two");
+  EXPECT_EQ(log.count("two"), 1U);
+  EXPECT_EQ(seen, 2);
+}
+
+/// Standard error as a pipe that nobody reads until `readAll`.
+class StalledStandardError {
+ public:
+  StalledStandardError() : before_(::dup(STDERR_FILENO)) {
+    EXPECT_EQ(::pipe2(pipe_, O_CLOEXEC), 0);
+    ::dup2(pipe_[1], STDERR_FILENO);
+    ::close(pipe_[1]);
+  }
+  StalledStandardError(const StalledStandardError&) = delete;
+  StalledStandardError& operator=(const StalledStandardError&) = delete;
+  ~StalledStandardError() { ::close(pipe_[0]); }
+
+  /// Everything up to the end, which comes when standard error is given back.
+  std::string readAll() {
+    std::string text;
+    auto reader = std::async(std::launch::async, [&] {
+      char buffer[65536];
+      for (ssize_t count = 0; (count = ::read(pipe_[0], buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(count));
+      }
+    });
+    EXPECT_TRUE(KLVLogger::drain(std::chrono::seconds(60)));
+    ::dup2(before_, STDERR_FILENO);
+    ::close(before_);
+    reader.get();
+    return text;
+  }
+
+ private:
+  int before_;
+  int pipe_[2] = {-1, -1};
+};
+
+TEST(Logger, AStalledReaderNeverHoldsACallerUpAndLostLinesAreCounted) {
+  KLVLogger::setLogLevel(0);
+  constexpr int kLines = 20000;
+  StalledStandardError standardError;
+  for (int i = 0; i < kLines; ++i) KLV_INFO("line {}.", i);  // would hang here
+  EXPECT_FALSE(KLVLogger::drain(std::chrono::milliseconds(50))) << "the limit ends the wait";
+  const std::string text = standardError.readAll();
+
+  const std::regex form("<KLV (?:INFO> line (\\d+)\\.|WARN> (\\d+) log lines were dropped).*");
+  std::size_t written = 0;
+  std::size_t dropped = 0;
+  int last = -1;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(line, match, form)) << line;
+    if (match[2].matched) {
+      dropped += std::stoul(match[2]);
+      continue;
+    }
+    EXPECT_LT(std::exchange(last, std::stoi(match[1])), std::stoi(match[1])) << "in order";
+    ++written;
+  }
+  EXPECT_GT(dropped, 0U);
+  EXPECT_GE(written, 4096U) << "as many as may wait";
+  EXPECT_EQ(written + dropped, std::size_t{kLines});
+}
+
+}  // namespace
+}  // namespace kelvo::test

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "kelvo/Value.h"
+
+namespace kelvo::collector {
+
+class ServiceState;
+class Store;
+
+/// What a client asks, decoded.
+struct Question {
+  std::string method;
+  std::string path;
+  std::multimap<std::string, std::string> parameters;  ///< of the query
+  std::string body;
+};
+
+struct Reply {
+  int status = 200;
+  Dictionary body;
+  std::string allow;                   ///< the methods of the path, when the one that was used is none of them
+  std::optional<std::string> chunkOf;  ///< the application whose chunk is accepted hereby
+};
+
+/// True for the paths that show what arrived. Asking them leaves no trace.
+[[nodiscard]] bool isDebugPath(const std::string& path);
+
+/// The service's answer, whatever is asked. Nothing is stored here.
+[[nodiscard]] Reply reply(const Question& question, const ServiceState& state, const Store& store);
+
+}  // namespace kelvo::collector

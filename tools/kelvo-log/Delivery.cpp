@@ -1,0 +1,75 @@
+#include "kelvo-log/Delivery.h"
+
+#include <algorithm>
+#include <future>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include "core/KLVController.h"
+
+namespace kelvo::log {
+namespace {
+
+constexpr std::chrono::milliseconds kPoll(5);
+constexpr std::chrono::seconds kLongestStart(35);  // a request that makes no progress ends before
+
+KLVController& controller() {
+  return KLVController::sharedController();
+}
+
+template <class Condition>
+bool waitFor(Deadline deadline, Condition condition) {
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(kPoll);
+  }
+  return true;
+}
+
+/// Waits until the callback that `request` takes has come.
+template <class Request>
+bool waitForCallback(Deadline deadline, Request request) {
+  const auto done = std::make_shared<std::promise<void>>();
+  request([done] { done->set_value(); });
+  return done->get_future().wait_until(deadline) == std::future_status::ready;
+}
+
+/// Chunks that the service has not accepted, and one more for each session with events behind its last chunk.
+std::size_t chunksWaiting() {
+  std::size_t waiting = 0;
+  std::map<std::string, std::uint64_t> covered;
+  for (const auto& meta : controller().retrieveChunkMetaInfo()) {
+    const Dictionary info = meta->additionalInfo();
+    if (!info["status"].asBool()) ++waiting;
+    auto& end = covered[description(info["sid"])];
+    end = std::max(end, info["end"].asUInt64());
+  }
+  for (const std::string& sid : controller().getSessions()) {
+    if (controller().numberOfEventsWithIdentifier(sid) > covered[sid]) ++waiting;
+  }
+  return waiting;
+}
+
+}  // namespace
+
+Deadline deadlineIn(std::chrono::duration<double> seconds) {
+  return std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds);
+}
+
+bool waitUntilStarted(Deadline deadline) {
+  return waitFor(deadline, [] { return controller().hasStarted(); });
+}
+
+void waitUntilStored() {
+  if (controller().isSDKInitCalled()) waitUntilStarted(deadlineIn(kLongestStart));
+  waitForCallback(deadlineIn(kLongestStart), [](auto done) { controller().whenStored(std::move(done)); });
+}
+
+std::size_t chunksLeftBehind(Deadline deadline) {
+  waitForCallback(deadline, [](auto done) { controller().whenPosted(std::move(done)); });
+  waitFor(deadline, [] { return KLVPostman::sharedSession().unfinished() == 0; });
+  return chunksWaiting();
+}
+
+}  // namespace kelvo::log
