@@ -186,6 +186,10 @@ void KLVController::deleteAggregateEventsWithSessionId(const std::optional<std::
   }
 }
 
+void KLVController::writeTogether(const std::function<void()>& deletions) {
+  if (const auto handler = dataHandler()) handler->writeTogether(deletions);
+}
+
 void KLVController::getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) {
   if (!path) {
     KLV_WARN("URL/requestMethod is nil");

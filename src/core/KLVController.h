@@ -130,6 +130,7 @@ class KLVController final : public KLVEventListener,
   void deleteSession(const std::optional<std::string>& identifier) override;
   void deleteItemAtPath(const std::optional<std::string>& path) override;
   void deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) override;
+  void writeTogether(const std::function<void()>& deletions) override;
 
   void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override;
   void postDataToURL(const std::optional<std::string>& path, const std::optional<Dictionary>& body,

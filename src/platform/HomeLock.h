@@ -1,7 +1,7 @@
 #pragma once
 
-#include <optional>
 #include <sys/types.h>
+#include <optional>
 
 namespace kelvo {
 

@@ -63,10 +63,8 @@ void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk) {
 
 void KLVDataHandler::deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk) {
   if (!chunk) return;
-  jobs_->async([jobs = jobs_, chunk = std::move(chunk)] {
-    auto* store = jobs->store();
-    if (store == nullptr) return;
-    static_cast<void>(store->removeDataWithTableName(kKLVChunkMetaInfo, kKLVChunkSid, chunk->identifier()));
+  jobs_->write([chunk = std::move(chunk)](KLVPersistantStore& store) {
+    return store.removeDataWithTableName(kKLVChunkMetaInfo, kKLVChunkSid, chunk->identifier());
   });
 }
 

@@ -106,9 +106,8 @@ void KLVDataHandler::updateAggregateEventsCountRecordHavingParameters(const Dict
 }
 
 void KLVDataHandler::deleteAggregateEventsWithSessionId(std::string identifier) {
-  jobs_->async([jobs = jobs_, identifier = std::move(identifier)] {
-    auto* store = jobs->store();
-    if (store != nullptr) static_cast<void>(store->removeDataWithTableName(kKLVAggEvents, kKLVAggSid, identifier));
+  jobs_->write([identifier = std::move(identifier)](KLVPersistantStore& store) {
+    return store.removeDataWithTableName(kKLVAggEvents, kKLVAggSid, identifier);
   });
 }
 

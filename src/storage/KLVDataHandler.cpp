@@ -79,12 +79,15 @@ std::vector<std::string> KLVDataHandler::getSessions() {
 }
 
 void KLVDataHandler::deleteSession(std::string identifier) {
-  jobs_->async([jobs = jobs_, identifier = std::move(identifier)] {
-    auto* store = jobs->store();
-    if (store != nullptr && !store->removeTableWithName(eventsTable(identifier))) {
-      KLV_ERROR("Couldn't delete session entry");
-    }
+  jobs_->write([identifier = std::move(identifier)](KLVPersistantStore& store) {
+    const bool removed = store.removeTableWithName(eventsTable(identifier));
+    if (!removed && store.reportsFailures()) KLV_ERROR("Couldn't delete session entry");
+    return removed;
   });
+}
+
+void KLVDataHandler::writeTogether(const std::function<void()>& submit) {
+  jobs_->writeTogether(submit);
 }
 
 void KLVDataHandler::whenStored(std::function<void()> done) {

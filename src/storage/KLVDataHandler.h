@@ -84,6 +84,9 @@ class KLVDataHandler {
   void persistPIDMIDDict(Dictionary config, std::string path);
   std::optional<Value> getPIDMIDDictAtPath(const std::string& path);
 
+  /// What `submit` deletes, on the calling thread, goes in one transaction: a kill leaves all of it or nothing.
+  void writeTogether(const std::function<void()>& submit);
+
   /// Calls `done` on the handler's queue once all that was submitted so far is stored.
   void whenStored(std::function<void()> done);
 

@@ -15,6 +15,9 @@ constexpr const char* kKLVDataMonitoringQueue = "com.kelvo.serial.datamonitoring
 /// Bounds how long a transaction keeps other readers of the file on old data, and what a failure makes run again.
 constexpr std::ptrdiff_t kWritesPerTransaction = 512;
 
+/// Where this thread's writes go while it submits some that belong together.
+thread_local std::vector<KLVPersistantStore::Job>* together = nullptr;
+
 }  // namespace
 
 KLVDataHandlerJobs::KLVDataHandlerJobs() : queue_(kKLVDataMonitoringQueue) {}
@@ -32,12 +35,27 @@ KLVPersistantStore* KLVDataHandlerJobs::store() const noexcept {
 
 void KLVDataHandlerJobs::write(KLVPersistantStore::Job job) {
   if (store() == nullptr) return;
+  if (together != nullptr) return together->push_back(std::move(job));
   const std::lock_guard lock(mutex_);
   if (!open_) {
     open_ = std::make_shared<Group>();
     queue_.async([self = shared_from_this(), group = open_] { self->perform(group); });
   }
   open_->push_back(std::move(job));
+}
+
+void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit) {
+  Group group;
+  {
+    struct Collecting {
+      explicit Collecting(Group& into) { together = &into; }
+      ~Collecting() { together = nullptr; }
+    } const collecting(group);
+    submit();
+  }
+  async([self = shared_from_this(), group = std::move(group)] {
+    if (auto* target = self->store()) target->performGrouped(group);
+  });
 }
 
 void KLVDataHandlerJobs::perform(const std::shared_ptr<Group>& group) {

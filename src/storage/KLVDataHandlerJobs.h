@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -27,6 +28,9 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
 
   /// Submits a database write; dropped when there is no store.
   void write(KLVPersistantStore::Job job);
+  /// The writes that `submit` submits on this thread become one job and one transaction: all of them survive a kill,
+  /// or none. Other jobs that it submits come before.
+  void writeTogether(const std::function<void()>& submit);
   /// Submits any other job. One that throws is logged with the reason.
   void async(DispatchQueue::Task job);
   /// Runs `job` after all that was submitted before, and returns its result; at once from inside a job.

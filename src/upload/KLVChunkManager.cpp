@@ -95,10 +95,12 @@ void KLVChunkManager::checkChunkStatusAndCleanTables(const std::vector<KLVChunkR
     if (!row.sent) sendChunk(row.sid, row.cid, row.start, row.end, false);
   }
   for (const std::string& sid : deliveredSessions(rows)) {
-    delegate_.deleteSession(sid);
-    delegate_.deleteItemAtPath(sid);
-    delegate_.deleteChunkMetaInfo(std::make_shared<KLVChunk>(sid));
-    delegate_.deleteAggregateEventsWithSessionId(sid);
+    delegate_.writeTogether([&] {
+      delegate_.deleteSession(sid);
+      delegate_.deleteItemAtPath(sid);
+      delegate_.deleteChunkMetaInfo(std::make_shared<KLVChunk>(sid));
+      delegate_.deleteAggregateEventsWithSessionId(sid);
+    });
   }
 }
 

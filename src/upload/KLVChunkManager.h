@@ -53,6 +53,9 @@ class KLVChunkManagerDelegate {
   virtual void deleteItemAtPath(const std::optional<std::string>& path) = 0;
   virtual void deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) = 0;
 
+  /// The deletions that `deletions` asks for are all done, or none, whenever the process is killed.
+  virtual void writeTogether(const std::function<void()>& deletions) = 0;
+
   /// `completion` is not called when no request could be formed.
   virtual void postDataToURL(const std::optional<std::string>& path, const std::optional<Dictionary>& body,
                              const std::optional<Dictionary>& headerFields, HTTPCompletion completion) = 0;

@@ -50,11 +50,11 @@ class KLVLogger {
 
 }  // namespace kelvo
 
-#define KLV_LOG(level, ...)                                                          \
-  do {                                                                               \
-    if (::kelvo::KLVLogger::writes(level)) {                                         \
-      ::kelvo::KLVLogger::log(level, __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__);     \
-    }                                                                                \
+#define KLV_LOG(level, ...)                                                       \
+  do {                                                                            \
+    if (::kelvo::KLVLogger::writes(level)) {                                      \
+      ::kelvo::KLVLogger::log(level, __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__); \
+    }                                                                             \
   } while (false)
 #define KLV_DEBUG(...) KLV_LOG(::kelvo::KLVLogger::Level::debug, __VA_ARGS__)
 #define KLV_INFO(...) KLV_LOG(::kelvo::KLVLogger::Level::info, __VA_ARGS__)

@@ -129,6 +129,7 @@ TEST(DispatchQueue, EightThreadsMixingSyncAndAsyncExcludeEachOtherAndLoseNothing
     if (inside.fetch_add(1) != 0 || last[thread] != number) disorder = true;
     last[thread] = number + 1;
     ++total;
+    if (number % 8 == 0) std::this_thread::yield();  // time for another to come in, if it could
     inside.fetch_sub(1);
   };
   std::vector<std::thread> threads;

@@ -11,20 +11,18 @@ namespace kelvo::test {
 namespace {
 
 TEST(JSON, ReadsBackWhatItWrote) {
-  const Value values[] = {
-      std::numeric_limits<std::int64_t>::min(),
-      std::numeric_limits<std::int64_t>::max(),
-      std::numeric_limits<std::uint64_t>::max(),
-      0.1F,
-      -0.0,
-      1.0,
-      std::numeric_limits<double>::denorm_min(),
-      "quotes \" \\ / \t \x01 \u00e9 \U0001F600 end",
-      std::string("nul\0inside", 10),
-      std::string(5000, '"'),
-      Array{},
-      Dictionary{{"", nullptr}, {"z", Array{true, false}}, {"a\n", Dictionary{}}},
-  };
+  const Value values[] = {std::numeric_limits<std::int64_t>::min(),
+                          std::numeric_limits<std::int64_t>::max(),
+                          std::numeric_limits<std::uint64_t>::max(),
+                          0.1F,
+                          -0.0,
+                          1.0,
+                          std::numeric_limits<double>::denorm_min(),
+                          "quotes \" \\ / \t \x01 \u00e9 \U0001F600 end",
+                          std::string("nul\0inside", 10),
+                          std::string(5000, '"'),
+                          Array{},
+                          Dictionary{{"", nullptr}, {"z", Array{true, false}}, {"a\n", Dictionary{}}}};
   for (const Value& value : values) {
     const auto text = jsonText(value);
     ASSERT_TRUE(text);
@@ -54,13 +52,11 @@ TEST(JSON, WritesNothingItCannotHold) {
   const struct {
     Value value;
     const char* error;
-  } cases[] = {
-      {Dictionary{{"a", Dictionary{{"token", Data{1}}}}}, "JSON cannot hold bytes (key: token)"},
-      {Array{Date{}}, "JSON cannot hold a date"},
-      {std::nan(""), "JSON cannot hold NaN"},
-      {-std::numeric_limits<float>::infinity(), "JSON cannot hold an infinity"},
-      {Array{deep}, "nested deeper than 256 levels"},
-  };
+  } cases[] = {{Dictionary{{"a", Dictionary{{"token", Data{1}}}}}, "JSON cannot hold bytes (key: token)"},
+               {Array{Date{}}, "JSON cannot hold a date"},
+               {std::nan(""), "JSON cannot hold NaN"},
+               {-std::numeric_limits<float>::infinity(), "JSON cannot hold an infinity"},
+               {Array{deep}, "nested deeper than 256 levels"}};
   for (const auto& [value, reason] : cases) {
     std::string error;
     EXPECT_FALSE(jsonText(value, &error));
@@ -79,13 +75,11 @@ TEST(JSON, RefusesWithThePlaceOfTheFault) {
   const struct {
     std::string text;
     const char* error;
-  } cases[] = {
-      {"", "at offset 0"},        {"{\"a\":", "incomplete JSON at offset 5"},
-      {"[1 2]", "at offset 3"},   {"[1]x", "extra data at offset 3"},
-      {"// c\n1", "at offset 0"}, {"\"\xff\"", "at offset 1"},
-      {"[1e999]", "exponent"},    {std::string(257, '[') + std::string(257, ']'), "too deep at offset 256"},
-      {"{a:1}", "at offset 1"},   {"nan", "syntax"},
-  };
+  } cases[] = {{"", "at offset 0"},        {"{\"a\":", "incomplete JSON at offset 5"},
+               {"[1 2]", "at offset 3"},   {"[1]x", "extra data at offset 3"},
+               {"// c\n1", "at offset 0"}, {"\"\xff\"", "at offset 1"},
+               {"[1e999]", "exponent"},    {std::string(257, '[') + std::string(257, ']'), "too deep at offset 256"},
+               {"{a:1}", "at offset 1"},   {"nan", "syntax"}};
   for (const auto& [text, reason] : cases) {
     std::string error;
     EXPECT_FALSE(parseJSON(text, &error)) << text;

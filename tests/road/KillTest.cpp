@@ -27,31 +27,37 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   int number = 0;
+  int checked = 0;
   for (int round = 0; round < 30; ++round) {
+    // A home of its own, with one session that was delivered already. (An earlier session in which nothing at all was
+    // stored would stay for ever, and have the flush leave the tails of others alone: that is not asked about here.)
+    moveToFreshHome("round" + std::to_string(round));
+    ASSERT_EQ(launch().quit(), 0);
+
     auto host = launch();
     host.untilReady();
-    ASSERT_TRUE(host.waitForError("initialized!")) << host.errors();
     const int calls = std::uniform_int_distribution(1, 300)(random);
     for (int i = 0; i < calls; ++i) {
       host.log("E" + std::to_string(++number));
       if (i % 90 == 60) host.play(R"({"call": "willResignActive"})");
     }
-    ::usleep(std::uniform_int_distribution(0U, 20000U)(random));
+    ::usleep(std::uniform_int_distribution(0U, 60000U)(random));
     host.kill();
 
     ASSERT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"}) << "round " << round;
-    std::vector<std::string> accepted = storedEvents();
-    // One undisturbed launch delivers what the killed one left.
+    const std::vector<std::string> accepted = storedEvents();
     auto undisturbed = launch();
     ASSERT_EQ(undisturbed.quit(), 0) << undisturbed.errors();
     const auto arrived = chunksByEvent(service.chunks());
     for (const auto& event : accepted) {
       if (event[0] != 'E') continue;
+      ++checked;
       const auto found = arrived.find(event);
       ASSERT_NE(found, arrived.end()) << event << " was stored but never arrived; round " << round;
       ASSERT_EQ(found->second.size(), 1u) << event << " arrived under several chunk ids; round " << round;
     }
   }
+  EXPECT_GT(checked, 100) << "the kills came too early to say anything";
 }
 
 TEST_F(Road, ANormalExitRightAfterAThousandCallsStoresThemAll) {

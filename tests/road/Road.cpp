@@ -42,9 +42,9 @@ Launch& Launch::kill() {
   return *this;
 }
 
-std::vector<std::string> Road::stored(const std::string& query) {
+std::vector<std::string> Road::stored(const std::string& query) const {
   sqlite3* database = nullptr;
-  sqlite3_open(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite").c_str(), &database);
+  sqlite3_open((homeOfLaunches_ + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite").c_str(), &database);
   const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(database, sqlite3_close);
   std::vector<std::string> rows;
   const auto collect = [](void* all, int columns, char** values, char**) {
@@ -60,7 +60,7 @@ std::vector<std::string> Road::stored(const std::string& query) {
   return rows;
 }
 
-std::vector<std::string> Road::storedEvents() {
+std::vector<std::string> Road::storedEvents() const {
   std::vector<std::string> all;
   for (const auto& table : stored("select name from sqlite_master where name like 'events%'")) {
     for (auto& id : stored("select id from '" + table + "' order by identifier")) all.push_back(std::move(id));

@@ -45,19 +45,26 @@ class Road : public testing::Test {
 
   /// A launch started by hand with the application id "shop".
   Launch launch(std::vector<std::string> arguments = {"--app-id", "shop"}, Program::Environment environment = {}) {
+    environment.emplace("KELVO_HOME", homeOfLaunches_);
     return {service.baseURL(), std::move(arguments), std::move(environment)};
   }
 
+  /// From here on there is nothing on the disk: another home.
+  void moveToFreshHome(const std::string& name) { homeOfLaunches_ = home() + "/" + name; }
+
   /// Everything that the database answers to `query`, a text a row, columns joined by "|".
-  static std::vector<std::string> stored(const std::string& query);
+  [[nodiscard]] std::vector<std::string> stored(const std::string& query) const;
   /// The id column of all stored events of all sessions.
-  static std::vector<std::string> storedEvents();
+  [[nodiscard]] std::vector<std::string> storedEvents() const;
   /// Names of the application events of all chunks that arrived, but for "klv_app_opened".
   [[nodiscard]] std::vector<std::string> arrivedEvents() const;
   /// Switches debug lines on for the launches that follow.
   static void logDebugLines();
 
   collector::Server service;
+
+ private:
+  std::string homeOfLaunches_ = home();
 };
 
 /// The member at the end of a path: `at(chunk, {"chunk_meta", "id"})`; null when there is none.

@@ -63,12 +63,10 @@ TEST(Logger, ALineNamesItsMethodAndPlace) {
   reportProblem("void kelvo::Files::write(int)", "disk full");
   const auto lines = log.lines();
   ASSERT_EQ(lines.size() - before, 4U);
-  const char* expected[] = {
-      R"(<KLV WARN> from a class and 1 1 \(null\) test::KLVSpeaker::say:\d+)",
-      R"(<KLV INFO> \{\} %s\\n stays as it is test::KLVSpeaker::sayFromLambda:\d+)",
-      R"(<KLV INFO> here test::.*sayFromNowhere:\d+)",
-      R"(<KLV ERROR> disk full Files::write:\d+)",
-  };
+  const char* expected[] = {R"(<KLV WARN> from a class and 1 1 \(null\) test::KLVSpeaker::say:\d+)",
+                            R"(<KLV INFO> \{\} %s\\n stays as it is test::KLVSpeaker::sayFromLambda:\d+)",
+                            R"(<KLV INFO> here test::.*sayFromNowhere:\d+)",
+                            R"(<KLV ERROR> disk full Files::write:\d+)"};
   for (std::size_t i = 0; i < 4; ++i) {
     EXPECT_TRUE(std::regex_match(lines[before + i], std::regex(expected[i]))) << lines[before + i];
   }
@@ -83,53 +81,32 @@ TEST(Logger, ASinkMayThrowAndBeReplacedAndLog) {
   KLV_INFO("one");
   ASSERT_TRUE(KLVLogger::drain(std::chrono::seconds(10)));
   ASSERT_TRUE(KLVLogger::drain(std::chrono::seconds(10)));  // what the sink itself logged
-  EXPECT_EQ(seen, 2);
   const LogCapture log;
   KLV_INFO("two");
   EXPECT_EQ(log.count("two"), 1U);
   EXPECT_EQ(seen, 2);
 }
 
-/// Standard error as a pipe that nobody reads until `readAll`.
-class StalledStandardError {
- public:
-  StalledStandardError() : before_(::dup(STDERR_FILENO)) {
-    EXPECT_EQ(::pipe2(pipe_, O_CLOEXEC), 0);
-    ::dup2(pipe_[1], STDERR_FILENO);
-    ::close(pipe_[1]);
-  }
-  StalledStandardError(const StalledStandardError&) = delete;
-  StalledStandardError& operator=(const StalledStandardError&) = delete;
-  ~StalledStandardError() { ::close(pipe_[0]); }
-
-  /// Everything up to the end, which comes when standard error is given back.
-  std::string readAll() {
-    std::string text;
-    auto reader = std::async(std::launch::async, [&] {
-      char buffer[65536];
-      for (ssize_t count = 0; (count = ::read(pipe_[0], buffer, sizeof buffer)) > 0;) {
-        text.append(buffer, static_cast<std::size_t>(count));
-      }
-    });
-    EXPECT_TRUE(KLVLogger::drain(std::chrono::seconds(60)));
-    ::dup2(before_, STDERR_FILENO);
-    ::close(before_);
-    reader.get();
-    return text;
-  }
-
- private:
-  int before_;
-  int pipe_[2] = {-1, -1};
-};
-
 TEST(Logger, AStalledReaderNeverHoldsACallerUpAndLostLinesAreCounted) {
-  KLVLogger::setLogLevel(0);
   constexpr int kLines = 20000;
-  StalledStandardError standardError;
+  int pipe[2];  // in place of standard error, and read by nobody
+  ASSERT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
+  const int standardError = ::dup(STDERR_FILENO);
+  ::dup2(pipe[1], STDERR_FILENO);
+  ::close(pipe[1]);
   for (int i = 0; i < kLines; ++i) KLV_INFO("line {}.", i);  // would hang here
   EXPECT_FALSE(KLVLogger::drain(std::chrono::milliseconds(50))) << "the limit ends the wait";
-  const std::string text = standardError.readAll();
+
+  std::string text;
+  auto reader = std::async(std::launch::async, [&] {
+    char buffer[65536];
+    for (ssize_t count = 0; (count = ::read(pipe[0], buffer, sizeof buffer)) > 0;) {
+      text.append(buffer, static_cast<std::size_t>(count));
+    }
+  });
+  EXPECT_TRUE(KLVLogger::drain(std::chrono::seconds(60)));
+  ::dup2(standardError, STDERR_FILENO);  // ends the pipe
+  reader.get();
 
   const std::regex form("<KLV (?:INFO> line (\\d+)\\.|WARN> (\\d+) log lines were dropped).*");
   std::size_t written = 0;

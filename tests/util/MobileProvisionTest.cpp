@@ -35,8 +35,7 @@ TEST(MobileProvision, TellsHowTheApplicationWasDistributed) {
       {{{"ProvisionedDevices", devices}, {"Entitlements", Dictionary{{"get-task-allow", false}}}}, "AdHoc"},
       {{{"ProvisionedDevices", devices}, {"Entitlements", "of the wrong type"}}, "AdHoc"},
       {{{"ProvisionedDevices", Array{}}, {"Entitlements", debuggable}}, "AppStore"},
-      {{}, "Simulator"},
-  };
+      {{}, "Simulator"}};
   for (const auto& [profile, mode] : cases) {
     EXPECT_EXIT(
         {

@@ -34,8 +34,7 @@ TEST(Sanitiser, RepairsTextsByTheLongestPartThatBreaksOff) {
       {"\xF4\x90\x80\x80", kBad + kBad + kBad + kBad},  // above the last character
       {"12345678\xC3"
        "12345678\xE9",
-       "12345678" + kBad + "12345678" + kBad},
-  };
+       "12345678" + kBad + "12345678" + kBad}};
   for (const auto& [before, after] : cases) EXPECT_EQ(sanitised(std::optional<std::string>(before)), after);
   EXPECT_EQ(sanitised(std::optional<std::string>()), std::nullopt);
   EXPECT_EQ(sanitised(std::optional<Dictionary>()), std::nullopt);
@@ -50,15 +49,15 @@ TEST(Sanitiser, DropsAndRepairsWithOneLineAKind) {
       {"keep", Array{1, infinity, Dictionary{{"f", -std::numeric_limits<float>::infinity()}, {"g", 0.5F}}, "\xFF"}},
       {"k\xFF", 1},
       {"k\xFE", 2},
-      {"bytes", Data{0xFF}},
-  };
+      {"bytes", Data{0xFF}}};
   const auto clean = sanitised(std::optional<Dictionary>(dirty));
   ASSERT_TRUE(clean);
   const Dictionary expected{{"keep", Array{1, Dictionary{{"g", 0.5}}, kBad}}, {"k" + kBad, 2}, {"bytes", Data{0xFF}}};
   EXPECT_EQ(description(*clean), description(expected));
-  EXPECT_EQ(log.lines().size() - before, 2U);
-  EXPECT_EQ(log.count("<KLV WARN> NaN or infinity dropped"), 1U);
-  EXPECT_EQ(log.count("<KLV WARN> Invalid UTF-8"), 1U);
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size() - before, 2U);
+  EXPECT_EQ(lines[before].find("<KLV WARN> NaN or infinity dropped"), 0U);
+  EXPECT_EQ(lines[before + 1].find("<KLV WARN> Invalid UTF-8"), 0U);
 }
 
 TEST(Sanitiser, KeepsSixtyFourLevelsAndNoMore) {
