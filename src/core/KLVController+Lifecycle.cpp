@@ -1,7 +1,6 @@
 #include <utility>
 
 #include "core/KLVController.h"
-#include "network/KLVServicePaths.h"
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
@@ -9,6 +8,7 @@
 #include "records/KLVFileNames.h"
 #include "util/KLVException.h"
 #include "util/KLVLogger.h"
+#include "util/KLVServicePaths.h"
 #include "util/KLVUtilities.h"
 
 namespace kelvo {

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "core/KLVController.h"
-#include "network/KLVServicePaths.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "platform/HomeLock.h"
@@ -11,6 +10,7 @@
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
 #include "util/KLVLogger.h"
+#include "util/KLVServicePaths.h"
 #include "util/KLVUtilities.h"
 
 namespace kelvo {

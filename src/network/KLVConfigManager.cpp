@@ -1,11 +1,11 @@
 #include "network/KLVConfigManager.h"
 
-#include "network/KLVServicePaths.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "platform/JSON.h"
 #include "records/KLVFileNames.h"
 #include "util/KLVLogger.h"
+#include "util/KLVServicePaths.h"
 #include "util/KLVUtilities.h"
 
 namespace kelvo {

@@ -4,19 +4,13 @@
 
 #include "records/KLVEvents.h"
 #include "util/KLVLogger.h"
+#include "util/KLVServicePaths.h"
 #include "util/KLVTimer.h"
 
 namespace kelvo {
 namespace {
 
 constexpr double kDefaultIntervalSeconds = 30;
-constexpr std::string_view kChunkPath = "/v2/api/<app-id>/chunks";
-
-std::string chunkPath(const std::string& applicationIdentifier) {
-  constexpr std::string_view kPlaceholder = "<app-id>";
-  std::string path(kChunkPath);
-  return path.replace(path.find(kPlaceholder), kPlaceholder.size(), applicationIdentifier);
-}
 
 KLVChunkRow rowOf(const KLVChunkMetaInfo& meta) {
   const Dictionary info = meta.additionalInfo();
@@ -169,7 +163,8 @@ void KLVChunkManager::postChunk(const Dictionary& body, const std::string& chunk
     delegate_.updateChunkMetaStatus(std::make_shared<KLVChunk>(chunkId));
     KLV_DEBUG("Successfully sent chunk - {}, responsecode - {}", chunkId, statusCode);
   };
-  delegate_.postDataToURL(chunkPath(delegate_.applicationIdentifier()), body, std::nullopt, completion);
+  delegate_.postDataToURL(byReplacing(kKLVSDKChunkURL, "<app-id>", delegate_.applicationIdentifier()), body,
+                          std::nullopt, completion);
 }
 
 }  // namespace kelvo

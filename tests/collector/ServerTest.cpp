@@ -120,7 +120,7 @@ TEST_F(CollectorServer, WhatIsWrongIsAnsweredWithAReasonAndListed) {
 
   const CurlResult unknown = get("/v2/api/a/b/chunks");
   EXPECT_EQ(unknown.status, 404);
-  EXPECT_EQ(unknown.json()["paths"].get<Array>()->size(), 11U);
+  EXPECT_EQ(unknown.json()["paths"].get<Array>()->size(), 12U);
   const CurlResult method = curl("--include -X DELETE " + url("/v2/api/app7/chunks"));
   EXPECT_EQ(method.status, 405);
   EXPECT_NE(method.body.find("Allow: POST"), std::string::npos);
@@ -178,6 +178,20 @@ TEST_F(CollectorServer, ScriptsTakeTurnsAndTheFragmentSetLastWins) {
   server.answer("/sync", 500);
   server.answer("client-events", Script(418).times(1));
   EXPECT_EQ(statuses(2), (std::vector<int>{418, 500}));
+}
+
+TEST_F(CollectorServer, AnAnswerCanBeChangedFromTheShell) {
+  const auto put = [this](const std::string& query) {
+    return curl("-X PUT '" + url("/debug/answer?" + query) + "'").status;
+  };
+  EXPECT_EQ(put("path=/chunks&status=503&times=2"), 200);
+  EXPECT_EQ(postChunk().status, 503);
+  EXPECT_EQ(put("path=/chunks"), 200);
+  EXPECT_EQ(postChunk().status, 200);
+  for (const char* wrong : {"", "status=500", "path=/chunks&status=99", "path=/chunks&status=500&times=0"}) {
+    EXPECT_EQ(put(wrong), 400) << wrong;
+  }
+  EXPECT_EQ(postChunk().status, 200);
 }
 
 TEST_F(CollectorServer, HangingRequestsHoldUpNeitherOthersNorTheEnd) {

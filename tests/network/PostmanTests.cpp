@@ -2,7 +2,7 @@
 #include <limits>
 
 #include "network/HTTPURL.h"
-#include "network/KLVServicePaths.h"
+#include "util/KLVServicePaths.h"
 #include "network/NetworkTest.h"
 
 namespace kelvo::test {

@@ -186,6 +186,7 @@ struct Server::Impl {
 
   int start(int port, TLSContext context);
   void route(httplib::Server& http);
+  void handleDebug(const Question& question, httplib::Response& response);
   void handle(const httplib::Request& request, const std::string& body, httplib::Response& response);
 
   std::unique_ptr<Store> ownStore;
@@ -214,9 +215,17 @@ void Server::Impl::route(httplib::Server& http) {
     const auto append = [&body](const char* bytes, std::size_t size) { return body.append(bytes, size), true; };
     if (reader(append)) handle(request, body, response);
   });
+  // Without a length there is no body; the library would wait for one until the connection ends.
+  http.set_pre_routing_handler([this](const auto& request, auto& response) {
+    if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    handle(request, {}, response);
+    return httplib::Server::HandlerResponse::Handled;
+  });
   http.set_error_handler([](const auto&, auto& response) {
     const bool ours = response.has_header("Content-Type");
-    if (!ours) send({response.status, {{"error", "this is no request that can be served"}}, {}, {}}, response);
+    if (!ours) send({response.status, {{"error", "this is no request that can be served"}}, {}, {}, {}}, response);
   });
 }
 
@@ -235,9 +244,18 @@ int Server::Impl::start(int port, TLSContext context) {
   return bound;
 }
 
+void Server::Impl::handleDebug(const Question& question, httplib::Response& response) {
+  Reply answer = reply(question, state, store);
+  if (answer.change) {
+    const std::lock_guard lock(mutex);
+    scripts.set(answer.change->fragment, std::move(answer.change->scripts));
+  }
+  send(answer, response);
+}
+
 void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
   const Question question{request.method, request.path, {request.params.begin(), request.params.end()}, body};
-  if (isDebugPath(request.path)) return send(reply(question, state, store), response);
+  if (isDebugPath(request.path)) return handleDebug(question, response);
 
   const auto script = [&] {
     const std::lock_guard lock(mutex);
@@ -250,7 +268,7 @@ void Server::Impl::handle(const httplib::Request& request, const std::string& bo
   if (serves) answer = reply(question, state, store);
   ReceivedRequest arrived = received(request, body);
   if (answers) arrived.status = serves ? answer.status : script->status();
-  if (!store.add(arrived, answer.chunkOf)) return send({500, {{"error", "the store failed"}}, {}, {}}, response);
+  if (!store.add(arrived, answer.chunkOf)) return send({500, {{"error", "the store failed"}}, {}, {}, {}}, response);
   return script ? play(*script, answer, response) : send(answer, response);
 }
 

@@ -1,5 +1,6 @@
 #include "kelvo-collector/Service.h"
 
+#include <charconv>
 #include <cstdlib>
 #include <string_view>
 #include <utility>
@@ -28,10 +29,10 @@ struct Context {
 };
 
 Reply refusal(int status, std::string reason) {
-  return {status, {{"error", std::move(reason)}}, {}, {}};
+  return {status, {{"error", std::move(reason)}}, {}, {}, {}};
 }
 Reply success(Dictionary body) {
-  return {200, std::move(body), {}, {}};
+  return {200, std::move(body), {}, {}, {}};
 }
 
 /// Checks the body with `faultOf`; a reply only when it is refused.
@@ -102,6 +103,33 @@ Reply listChunks(const Context& context) {
   return success({{"chunks", std::move(list)}});
 }
 
+/// A whole number from `least`, or nullopt.
+std::optional<int> numberOf(const std::string& text, int least) {
+  int number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || number < least) return std::nullopt;
+  return number;
+}
+
+Reply changeAnswer(const Context& context) {
+  const std::string fragment = context.parameter("path");
+  if (fragment.empty()) return refusal(400, "the query names no path");
+  Reply changed = success({{"path", fragment}});
+  changed.change = ScriptChange{fragment, {}};
+  if (context.question.parameters.count("status") == 0) return changed;
+
+  const auto status = numberOf(context.parameter("status"), 200);
+  if (!status || *status > 599) return refusal(400, "status is no number from 200 to 599");
+  Script script(*status);
+  if (context.question.parameters.count("times") > 0) {
+    const auto times = numberOf(context.parameter("times"), 1);
+    if (!times) return refusal(400, "times is no number from 1");
+    script = script.times(static_cast<std::size_t>(*times));
+  }
+  changed.change->scripts.push_back(std::move(script));
+  return changed;
+}
+
 bool isUTF8(const std::string& text) {
   return parseJSON(jsonText(text).value_or("")).has_value();
 }
@@ -127,6 +155,7 @@ constexpr Route kRoutes[] = {
     {"GET", "/v2/sync/<app-id>/client-events", [](const Context& c) { return success(c.state.clientEventsReply()); }},
     {"GET", "/debug/requests", listRequests},
     {"GET", "/debug/chunks", listChunks},
+    {"PUT", "/debug/answer", changeAnswer},
 };
 
 /// Whether `path` has the form of `pattern`; then `application` is what stands for the placeholder.

@@ -3,7 +3,9 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "kelvo-collector/Script.h"
 #include "kelvo/Value.h"
 
 namespace kelvo::collector {
@@ -19,11 +21,18 @@ struct Question {
   std::string body;
 };
 
+/// How requests whose path and query contain `fragment` are answered from now on; normally without scripts.
+struct ScriptChange {
+  std::string fragment;
+  std::vector<Script> scripts;
+};
+
 struct Reply {
   int status = 200;
   Dictionary body;
   std::string allow;                   ///< the methods of the path, when the one that was used is none of them
   std::optional<std::string> chunkOf;  ///< the application whose chunk is accepted hereby
+  std::optional<ScriptChange> change;
 };
 
 /// True for the paths that show what arrived. Asking them leaves no trace.

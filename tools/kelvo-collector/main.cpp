@@ -36,6 +36,9 @@ What arrived, as JSON, times in milliseconds since 1970:
                    "conflict" when it came before with other events
 Both take ?after=N, to leave out what came up to request N.
 
+PUT /debug/answer?path=/chunks&status=503[&times=N] answers requests whose path
+holds that text so, for the next N or for good; without a status, as usual.
+
 Exit status: 0 after a signal, 1 when it cannot serve, 2 for wrong usage.
 )";
 

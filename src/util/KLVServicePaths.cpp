@@ -1,4 +1,4 @@
-#include "network/KLVServicePaths.h"
+#include "util/KLVServicePaths.h"
 
 namespace kelvo {
 
