@@ -1,66 +1,61 @@
-#include <array>
+#include "upload/KLVChunkDetails.h"
+
 #include <string_view>
 #include <utility>
 
-#include "upload/KLVChunkManager.h"
+#include "records/KLVEvent.h"
 
 namespace kelvo {
 namespace {
 
-/// The list of the upload that a kind of event goes to, and the class whose names it takes there.
-struct EventGroup {
-  std::string_view list;
+/// One list of the upload: its name, the class whose names its events take, and whether it is there when empty.
+struct Group {
+  std::string_view name;
   std::string_view className;
+  bool always;
 };
 
-constexpr EventGroup kSystemEvents{"system_events", "KLVSystemEvent"};
-constexpr EventGroup kNavigationEvents{"navigation_events", "KLVNavigationEvent"};
-constexpr EventGroup kUserEvents{"user_events", "KLVUserEvent"};
-constexpr EventGroup kAppEvents{"app_events", "KLVAppEvent"};
-constexpr EventGroup kIncidents{"incidents", "KLVObservationEvent"};
+enum GroupIndex : std::size_t { kSystem, kNavigation, kApp, kUser, kIncidents, kNotSent };
+constexpr std::array<Group, kNotSent> kGroupTable{{{"system_events", "KLVSystemEvent", true},
+                                                   {"navigation_events", "KLVNavigationEvent", true},
+                                                   {"app_events", "KLVAppEvent", true},
+                                                   {"user_events", "KLVUserEvent", false},
+                                                   {"incidents", "KLVObservationEvent", false}}};
 
-const EventGroup* groupOf(KLVEventType type) {
+GroupIndex groupOf(KLVEventType type) {
   switch (type) {
-    case KLVEventType::system: return &kSystemEvents;
-    case KLVEventType::navigation: return &kNavigationEvents;
-    case KLVEventType::userInteraction: return &kUserEvents;
-    case KLVEventType::app: return &kAppEvents;
+    case KLVEventType::system: return kSystem;
+    case KLVEventType::navigation: return kNavigation;
+    case KLVEventType::userInteraction: return kUser;
+    case KLVEventType::app: return kApp;
     case KLVEventType::customError:
-    case KLVEventType::applicationCrash: return &kIncidents;
-    default: return nullptr;
+    case KLVEventType::applicationCrash: return kIncidents;
+    default: return kNotSent;
   }
 }
 
 }  // namespace
 
-Dictionary constructChunkDetailsWithEvents(std::vector<Dictionary> rows, const Dictionary& userAttributes,
-                                           const Dictionary& sessionAttributes, const Dictionary& chunkAttributes,
-                                           const Array& aggregateEvents) {
-  struct List {
-    const EventGroup* group;
-    bool always;
-    Array events;
-  };
-  std::array<List, 5> lists{{{&kSystemEvents, true, {}},
-                             {&kNavigationEvents, true, {}},
-                             {&kAppEvents, true, {}},
-                             {&kUserEvents, false, {}},
-                             {&kIncidents, false, {}}}};
+void KLVChunkDetails::addEvents(std::vector<Dictionary> rows) {
+  static_assert(kGroups == kGroupTable.size());
+  rows_ += rows.size();
   for (Dictionary& row : rows) {
     const auto event = objectFromJsonDict<KLVEvent>(std::exchange(row, {}));
-    const EventGroup* group = groupOf(event->eventType());
-    if (group == nullptr) continue;
-    for (List& list : lists) {
-      if (list.group == group) list.events.append(event->jsonDictModifiedforInstanceWithName(group->className));
-    }
+    const GroupIndex group = groupOf(event->eventType());
+    if (group == kNotSent) continue;
+    groups_[group].append(event->jsonDictModifiedforInstanceWithName(kGroupTable[group].className));
   }
+}
 
+Dictionary KLVChunkDetails::constructChunkDetails(const Dictionary& userAttributes, const Dictionary& sessionAttributes,
+                                                  const Dictionary& chunkAttributes,
+                                                  const Array& aggregateEvents) const {
   Dictionary details{{"user_attributes", userAttributes},
                      {"session_attributes", sessionAttributes},
                      {"chunk_attributes", chunkAttributes},
                      {"agg_events", aggregateEvents}};
-  for (List& list : lists) {
-    if (list.always || !list.events.empty()) details.set(list.group->list, std::move(list.events));
+  for (std::size_t group = 0; group < kGroups; ++group) {
+    if (kGroupTable[group].always || !groups_[group].empty()) details.set(kGroupTable[group].name, groups_[group]);
   }
   return details;
 }

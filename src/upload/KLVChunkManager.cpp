@@ -1,5 +1,6 @@
 #include "upload/KLVChunkManager.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "records/KLVEvents.h"
@@ -11,6 +12,7 @@ namespace kelvo {
 namespace {
 
 constexpr double kDefaultIntervalSeconds = 30;
+constexpr std::uint64_t kRowsAtATime = 1000;
 
 KLVChunkRow rowOf(const KLVChunkMetaInfo& meta) {
   const Dictionary info = meta.additionalInfo();
@@ -113,8 +115,8 @@ void KLVChunkManager::sendChunk(const std::optional<std::string>& sid, std::uint
     KLV_WARN("illegal arguments (end < start)");
     return;
   }
-  auto events = delegate_.getEventsBetween(start, end, sid, KLVEventType::system);
-  if (events.empty()) {
+  const KLVChunkDetails details = readEvents(*sid, start, end);
+  if (details.empty()) {
     KLV_INFO("No events to send, wait for next turn");
     return;
   }
@@ -135,10 +137,21 @@ void KLVChunkManager::sendChunk(const std::optional<std::string>& sid, std::uint
   setForm(body, "device_info", delegate_.deviceInfo());
   body.set("chunk_meta", chunk.jsonDictModified());
   body.set("chunk_details",
-           constructChunkDetailsWithEvents(std::move(events), user ? user->userAttributes() : Dictionary(),
-                                           currentSession ? currentSession->sessionAttributes() : Dictionary(),
-                                           chunk.chunkAttributes(), aggregateEvents));
+           details.constructChunkDetails(user ? user->userAttributes() : Dictionary(),
+                                         currentSession ? currentSession->sessionAttributes() : Dictionary(),
+                                         chunk.chunkAttributes(), aggregateEvents));
   postChunk(body, chunk.identifier());
+}
+
+/// In slices, so that the stored rows of a long range never stand in memory all at once.
+KLVChunkDetails KLVChunkManager::readEvents(const std::string& sid, std::uint64_t start, std::uint64_t end) {
+  KLVChunkDetails details;
+  for (std::uint64_t first = start; first <= end; first += kRowsAtATime) {
+    auto rows = delegate_.getEventsBetween(first, std::min(end, first + kRowsAtATime - 1), sid, KLVEventType::system);
+    if (rows.empty()) break;
+    details.addEvents(std::move(rows));
+  }
+  return details;
 }
 
 void KLVChunkManager::recordMeta(const std::string& sid, const std::shared_ptr<KLVChunkMetaInfo>& meta,

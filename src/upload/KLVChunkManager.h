@@ -15,6 +15,7 @@
 #include "records/KLVSDKInfo.h"
 #include "records/KLVSession.h"
 #include "records/KLVUser.h"
+#include "upload/KLVChunkDetails.h"
 #include "upload/KLVFlushPlan.h"
 #include "util/KLVHTTPTypes.h"
 
@@ -94,6 +95,7 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   void updateCurrentIndicies(std::uint64_t end);
   void sendChunk(const std::optional<std::string>& sid, std::uint64_t cid, std::uint64_t start, std::uint64_t end,
                  bool shouldCreateNewEntryInMetaTable);
+  KLVChunkDetails readEvents(const std::string& sid, std::uint64_t start, std::uint64_t end);
   void recordMeta(const std::string& sid, const std::shared_ptr<KLVChunkMetaInfo>& meta, std::uint64_t end,
                   bool shouldCreateNewEntryInMetaTable);
   void postChunk(const Dictionary& body, const std::string& chunkId);
@@ -104,11 +106,5 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   const std::string currentSessionIdentifier_;
   DispatchQueue queue_{"com.kelvo.serial.chunkmanager"};
 };
-
-/// "chunk_details": the given attributes, and the events of `rows` (storage forms) grouped by kind in their order, in
-/// the upload form of each kind. Events of other kinds are left out. Each row is freed once it is translated.
-Dictionary constructChunkDetailsWithEvents(std::vector<Dictionary> rows, const Dictionary& userAttributes,
-                                           const Dictionary& sessionAttributes, const Dictionary& chunkAttributes,
-                                           const Array& aggregateEvents);
 
 }  // namespace kelvo
