@@ -76,6 +76,9 @@ TEST_P(RefusedChunk, IsSentAgainWithTheSameEventsAtTheNextLaunch) {
   const auto time = [](const Value& chunk) { return at(chunk, {"chunk_meta", "reporting_times"}); };
   EXPECT_EQ(time(sameId.back()).get<Array>()->size(), 1u);
   EXPECT_FALSE(time(sameId.back()) == time(refused)) << "the reporting time is a fresh one";
+  const std::string id = description(at(refused, {"chunk_meta", "id"}));
+  EXPECT_EQ(stored("select reporting_times, status from chunkmeta where id = '" + id + "'"),
+            std::vector<std::string>{description(time(sameId.back())) + "|1"});
 }
 
 INSTANTIATE_TEST_SUITE_P(Services, RefusedChunk,

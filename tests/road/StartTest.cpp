@@ -79,6 +79,24 @@ TEST_F(Road, ADownloadedConfigurationCountsFromTheNextLaunch) {
   EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u) << "the hash is known by now";
 }
 
+TEST_F(Road, TheConfigurationSaysHowMuchIsLogged) {
+  struct Level {
+    const char* configured;
+    std::size_t debugLines;
+    std::size_t warnings;
+  };
+  for (const Level& level : {Level{R"(, "log_level": "debug")", 1, 1}, Level{R"(, "log_level": "warn")", 0, 1},
+                             Level{R"(, "log_level": "DEBUG")", 0, 0}, Level{"", 0, 0}}) {
+    const std::string configuration = std::string(R"({"enable": true)") + level.configured + "}";
+    writeFileForTest(library("com.kelvo.SDK.config.json"), configuration);
+    auto host = launch();
+    host.untilReady().play(R"({"info": {"no": "name"}})");
+    EXPECT_EQ(host.quit(), 0);
+    EXPECT_EQ(count(host.errors(), "<KLV DEBUG> Sending user info: {"), level.debugLines) << level.configured;
+    EXPECT_EQ(count(host.errors(), "<KLV WARN> Improper app event logged"), level.warnings) << level.configured;
+  }
+}
+
 TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostCan) {
   const Program::Environment environment{
       {"KELVO_BUNDLE", bundle("<key>Kelvo</key><dict><key>Core</key><string>auto</string></dict>"
