@@ -4,10 +4,8 @@
 
 #include <future>
 
-#include "Curl.h"
-#include "SampleChunk.h"
+#include "CollectorTest.h"
 #include "kelvo-collector/ServiceState.h"
-#include "support/TestHome.h"
 
 namespace kelvo::test {
 namespace {
@@ -24,44 +22,18 @@ class CollectorServer : public testing::Test {
   [[nodiscard]] CurlResult postChunk(const std::string& body = kSampleChunk, const std::string& more = {}) const {
     return post(url("/v2/api/app7/chunks"), body, more);
   }
-  [[nodiscard]] std::string hash(const std::string& path) const { return description(get(path).json()["hash"]); }
 
   collector::Server server;
   int port = 0;
 };
 
 TEST_F(CollectorServer, AnswersTheSwitchAndTheConfigurationOfTheAskingApplication) {
-  const Dictionary status = get("/v2/api/app7/sdk/enabled-status?platform=ios&sdk_version=288.000000").json();
-  EXPECT_EQ(status["enabled"], Value(true));
   const Dictionary details = *get("/v2/api/config/a%20b/ios").json()["details"].get<Dictionary>();
-  EXPECT_EQ(details["enable"], Value(true));
   EXPECT_EQ((*details["service_paths"].get<Dictionary>())["chunk_paths"], Value("/v2/api/a b/chunks"));
-
-  server.state().setEnabled(false);
-  EXPECT_EQ(get("/v2/api/app7/sdk/enabled-status").json()["enabled"], Value(false));
-  EXPECT_EQ(server.requests("a%20b").size(), 1U);
-}
-
-TEST_F(CollectorServer, AHashChangesExactlyWhenItsContentDoes) {
-  auto& state = server.state();
-  const std::string configuration = "/v2/api/app7/sdk/enabled-status", events = "/v2/sync/app7/client-events/validate",
-                    actions = "/v2/sync/app7/validate?actionType=survey";
-  const std::string first[] = {hash(configuration), hash(events), hash(actions)};
-  ASSERT_EQ(first[0].size(), 16U);
-
-  state.setConfigurationValue("max_fg_chunk_send_time", 5);
-  state.setClientEvents({"Buy"}, {}, {});
-  state.setActions("rta", {{"P1", "M1", {}}});
-  EXPECT_NE(hash(configuration), first[0]);
-  EXPECT_NE(hash(events), first[1]);
-  EXPECT_EQ(hash(actions), first[2]);
-
-  state.setConfigurationValue("max_fg_chunk_send_time", 30);
-  state.setClientEvents({}, {"Buy"}, {});
-  EXPECT_EQ(hash(configuration), first[0]);
-  EXPECT_NE(hash(events), first[1]);
-  EXPECT_EQ(*get("/v2/sync/app7/client-events").json()["events"].get<Dictionary>(),
-            (Dictionary{{"action", Array{}}, {"agg", Array{"Buy"}}, {"stop", Array{}}}));
+  for (const bool enabled : {true, false}) {
+    server.state().setEnabled(enabled);
+    EXPECT_EQ(get("/v2/api/app7/sdk/enabled-status").json()["enabled"], Value(enabled));
+  }
 }
 
 TEST_F(CollectorServer, AnnouncesActionsAndSendsThoseThatAreAskedFor) {
@@ -92,16 +64,10 @@ TEST_F(CollectorServer, KeepsAcceptedChunksAndTellsRepeatsFromConflicts) {
   const auto at = [&](std::size_t i) { return *chunks[i].get<Dictionary>(); };
   EXPECT_EQ(at(0)["session"], Value("1700000000123-D1"));
   EXPECT_EQ(at(0)["number"], Value(3));
-  EXPECT_EQ(at(0)["events"], Value(Dictionary{{"system_events", 1},
-                                              {"navigation_events", 1},
-                                              {"app_events", 2},
-                                              {"user_events", 1},
-                                              {"incidents", 1},
-                                              {"agg_events", 1}}));
-  const bool expected[][2] = {{false, false}, {true, false}, {false, true}, {false, false}};
+  EXPECT_EQ((*at(0)["events"].get<Dictionary>())["app_events"], Value(2));
   for (std::size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(at(i)["duplicate"], Value(expected[i][0])) << i;
-    EXPECT_EQ(at(i)["conflict"], Value(expected[i][1])) << i;
+    EXPECT_EQ(at(i)["duplicate"], Value(i == 1)) << i;
+    EXPECT_EQ(at(i)["conflict"], Value(i == 2)) << i;
   }
   EXPECT_EQ(get("/debug/chunks?after=3").json()["chunks"].get<Array>()->size(), 1U);
 }
@@ -115,9 +81,7 @@ TEST_F(CollectorServer, WhatIsWrongIsAnsweredWithAReasonAndListed) {
   }
   EXPECT_EQ(postChunk(std::string(5000, '[') + std::string(5000, ']')).status, 400);
   EXPECT_EQ(post(url("/v2/api/user?appId=app7"), "{}").json()["error"], Value("sdk_version is missing"));
-
   EXPECT_EQ(get("/v2/api/config/%ff/ios").status, 400);
-
   const CurlResult unknown = get("/v2/api/a/b/chunks");
   EXPECT_EQ(unknown.status, 404);
   EXPECT_EQ(unknown.json()["paths"].get<Array>()->size(), 12U);
@@ -130,31 +94,26 @@ TEST_F(CollectorServer, WhatIsWrongIsAnsweredWithAReasonAndListed) {
   const Array listed = *get("/debug/requests").json()["requests"].get<Array>();
   ASSERT_EQ(listed.size(), 11U);
   const auto& first = *listed[0].get<Dictionary>();
-  EXPECT_EQ(first["method"], Value("POST"));
-  EXPECT_EQ(first["path"], Value("/v2/api/app7/chunks"));
   EXPECT_EQ(first["status"], Value(400));
   EXPECT_NE(first["body"].get<Dictionary>(), nullptr);
   EXPECT_EQ((*listed[3].get<Dictionary>())["body"], Value("??"));
-  EXPECT_EQ(server.requests()[0].header("content-type"), "application/json");
 }
 
 TEST_F(CollectorServer, EachScriptLooksToTheClientAsItSays) {
-  struct Case {
+  const struct {
     const char* name;
     Script script;
     int exitCode, status;
     std::size_t accepted;
     int recorded;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"refusal", {503, "busy"}, 0, 503, 0, 503},       {"empty success", 200, 0, 200, 0, 200},
       {"garbage", Script::garbage(), 0, 200, 0, 200},   {"cut", Script::cut(), 56, 0, 0, 0},
       {"cut short", Script::cutShort(), 18, 200, 0, 0}, {"answer lost", Script::losingTheAnswer(), 56, 0, 1, 0},
       {"late", Script::late(50ms), 0, 200, 1, 200},     {"too late", Script::late(1h), 28, 0, 1, 200},
-      {"never", Script::never(), 28, 0, 0, 0},
-  };
+      {"never", Script::never(), 28, 0, 0, 0}};
   std::size_t accepted = 0;
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     server.answer("/chunks", c.script);
     const CurlResult result = postChunk(kSampleChunk, c.exitCode == 28 ? "--max-time 0.3" : "--max-time 20");
     EXPECT_EQ(result.exitCode, c.exitCode) << c.name;
@@ -197,14 +156,10 @@ TEST_F(CollectorServer, AnAnswerCanBeChangedFromTheShell) {
 TEST_F(CollectorServer, HangingRequestsHoldUpNeitherOthersNorTheEnd) {
   server.answer("/rta", Script::never());
   auto hanging = std::async(std::launch::async, [this] {
-    return curl("--no-progress-meter --parallel --parallel-immediate --parallel-max 40 '" +
-                url("/v2/sync/app7/rta?n=[1-40]") + "'");
+    return curl("--parallel --parallel-immediate --parallel-max 40 '" + url("/v2/sync/app7/rta?n=[1-40]") + "'");
   });
   ASSERT_TRUE(server.waitFor(40, "/rta"));
   EXPECT_EQ(get("/v2/api/config/app7/ios").status, 200);
-  EXPECT_GE(server.maximumConcurrent(), 41U);
-  EXPECT_FALSE(server.waitFor(41, "/rta", 10ms));
-
   server.stop();
   EXPECT_NE(hanging.get().exitCode, 0);
   EXPECT_EQ(get("/debug/chunks").exitCode, 7);
@@ -212,33 +167,6 @@ TEST_F(CollectorServer, HangingRequestsHoldUpNeitherOthersNorTheEnd) {
   // The network is back: the same port, the same store.
   EXPECT_EQ(server.start(port), port);
   EXPECT_EQ(get("/debug/requests").json()["requests"].get<Array>()->size(), 41U);
-}
-
-TEST_F(CollectorServer, AConnectionServesManyRequestsAndAPortOneServer) {
-  const std::string path = url("/v2/api/config/app7/ios");
-  std::string tenTimes;
-  for (int i = 0; i < 10; ++i) tenTimes += " '" + path + "'";
-  EXPECT_EQ(curl(tenTimes).exitCode, 0);
-  EXPECT_EQ(server.requests().size(), 10U);
-  EXPECT_EQ(server.numberOfConnections(), 1U);
-  EXPECT_EQ(collector::Server().start(port), 0);
-}
-
-TEST_F(CollectorServer, SpeaksTLSAndCutsThereToo) {
-  const std::string certificate = home() + "/certificate.pem", key = home() + "/key.pem";
-  ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
-                         "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " +
-                         key + " -out " + certificate + " 2>/dev/null")
-                            .c_str()),
-            0);
-  EXPECT_EQ(server.startTLS(certificate, certificate), 0);
-  ASSERT_NE(server.startTLS(certificate, key), 0);
-  EXPECT_EQ(server.baseURL().rfind("https://127.0.0.1:", 0), 0U);
-  EXPECT_EQ(postChunk(kSampleChunk, "--cacert " + certificate).status, 200);
-  EXPECT_EQ(get("/debug/chunks").exitCode, 60);  // nobody trusts it unasked
-  server.answer("/chunks", Script::losingTheAnswer());
-  EXPECT_EQ(postChunk(kSampleChunk, "--cacert " + certificate).exitCode, 56);
-  EXPECT_EQ(server.chunks().size(), 2U);
 }
 
 }  // namespace

@@ -24,36 +24,20 @@ class Controller final : public KLVConfigManagerDelegate {
   Replies ended;
 };
 
-class ConfigManager : public NetworkTest {
- protected:
-  /// Whether the manager called back.
-  static bool download() {
-    Controller controller;
-    KLVConfigManager manager(controller);
-    const auto inForce = manager.configDetails();
-    bool calledBack = false;
-    manager.getAndSaveLatestConfigurationWithCompletionHandler([&] { calledBack = true; });
-    controller.ended.wait();
-    EXPECT_EQ(manager.configDetails(), inForce);
-    return calledBack;
-  }
-};
+using ConfigManager = NetworkTest;
 
 TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefault) {
   const struct {
     const char* saved;  // nullptr: nothing
-    bool enabled;
-    bool isDefault;
+    bool enabled, isDefault;
     const char* message;
   } cases[] = {{nullptr, true, true, ""},
-               {"", true, true, "<KLV ERROR> parsing json file "},
                {"{\"enable\":tru", true, true, "<KLV ERROR> parsing json file "},
                {"[true]", true, true, ""},
                {"{\"enable\":true,\"other\":1}", true, false, ""},
                {"{\"enable\":false}", false, false, ""},
                {"{\"other\":1}", false, false, ""},
-               {"{\"enable\":\"true\"}", false, false, ""},
-               {"{\"enable\":null}", false, false, ""}};
+               {"{\"enable\":\"true\"}", false, false, ""}};
   for (const auto& [saved, enabled, isDefault, message] : cases) {
     SCOPED_TRACE(saved == nullptr ? "no file" : saved);
     if (saved != nullptr) writeFileForTest(library(kFile), saved);
@@ -67,13 +51,10 @@ TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefault) {
 }
 
 TEST_F(ConfigManager, TheDefaultNamesTheApplicationAndIsSwitchedOffWhenItCannotBeRead) {
-  const std::string end =
+  EXPECT_TRUE(KLVConfigManager::defaultConfig("A").ends_with(
       "\"max_bg_chunk_send_time\":5,\"max_fg_chunk_send_time\":30,\"service_paths\":{\"chunk_paths\":"
       "\"/v2/api/A/chunks\",\n\"gzip_chunk_path\":\"/v2/api/gzip-chunks?appId=A\",\n"
-      "\"logs_paths\":\"/v1/api/appsA\",\n}}";
-  const std::string text = KLVConfigManager::defaultConfig("A");
-  EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end);
-
+      "\"logs_paths\":\"/v1/api/appsA\",\n}}"));
   Controller controller;
   controller.identifier = "\"";
   const KLVConfigManager manager(controller);
@@ -87,20 +68,28 @@ TEST_F(ConfigManager, SavesAValidDownloadForTheNextStartAndKeepsTheOldFileOtherw
   const std::string invalid = "<KLV WARN> Invalid json result while fetching config: ";
   const struct {
     Script script;
-    std::string after;
-    std::string message;
+    std::string after, message;
   } cases[] = {{{200, R"({"details":{"service_paths":{},"enable":false,"n":18446744073709551615},"more":1})"},
                 R"({"service_paths":{},"enable":false,"n":18446744073709551615})",
                 "Recieved Config: {\"details\":"},
                {{200, R"({"details":{"enable":true}})"}, before, "Fetch Config response: http://127.0.0.1"},
-               {{200, R"({"details":{"enable":true,"service_paths":null}})"}, before, ""},
                {{200, R"({"details":[1]})"}, before, "Recieved Config: {\"details\":[1]}"},
                {{200, "{}"}, before, invalid + "{} with response: http://127.0.0.1"},
                {{200, "null"}, before, invalid + "(null) with"},
-               {{200, "[1]"}, before, invalid + "[1] with"},
                {{200, "<html>"}, before, "<KLV ERROR> JSON Error: "},
                {{500, before}, before, "<KLV ERROR> Cound not get Configuration: (null)"},
                {Script::cut(), before, "<KLV ERROR> Cound not get Configuration: "}};
+  Controller controller;
+  KLVConfigManager manager(controller);
+  const auto inForce = manager.configDetails();
+  std::size_t downloads = 0;
+  const auto download = [&] {  // whether the manager called back
+    bool calledBack = false;
+    manager.getAndSaveLatestConfigurationWithCompletionHandler([&] { calledBack = true; });
+    controller.ended.wait(++downloads);
+    EXPECT_EQ(manager.configDetails(), inForce);
+    return calledBack;
+  };
   for (const auto& [script, after, message] : cases) {
     SCOPED_TRACE(script.body() + " " + message);
     writeFileForTest(library(kFile), before);

@@ -1,13 +1,16 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <filesystem>
 #include <future>
 #include <stdexcept>
 #include <thread>
 
 #include "network/NetworkTest.h"
+#include "support/Program.h"
+#include "support/TestHome.h"
 
 namespace kelvo::test {
 namespace {
@@ -29,7 +32,6 @@ TEST_F(HTTPSession, HandsEveryOutcomeOverAsItIs) {
   } cases[] = {{"success", {200, "{}"}, 200, "{}"},
                {"without a body", {204, ""}, 204, ""},
                {"failing service", {500, "{\"x\":1}"}, 500, "{\"x\":1}"},
-               {"garbage", Script::garbage(), 200, Script::garbage().body()},
                {"no answer", Script::never(), 0, ""},
                {"reset", Script::cut(), 0, ""},
                {"cut body", Script::cutShort(), 0, ""},
@@ -75,7 +77,6 @@ TEST_F(HTTPSession, ACallbackThatBlocksOrThrowsHoldsUpNobody) {
 
 TEST_F(HTTPSession, NoProxyStandsBetweenItAndThisMachine) {
   for (const char* name : {"http_proxy", "https_proxy"}) setenv(name, "http://127.0.0.1:1", 1);
-  setenv("no_proxy", "example.com", 1);
   start("/direct");
   EXPECT_TRUE(replies.wait(1).response);
   session.start({"GET", "https://192.0.2.1/", {}, {}}, replies.collect());
@@ -113,21 +114,94 @@ TEST_F(HTTPSession, NeitherARequestNorARedirectGoesToAnotherMachineInCleartext) 
 TEST_F(HTTPSession, AForkedChildSendsNothingAndEndsAtOnce) {
   start("/parent");
   replies.wait(1);
-  const pid_t child = fork();
-  if (child == 0) {
+  const auto child = [this] {
     alarm(20);
     start("/child");
 #ifdef __SANITIZE_ADDRESS__
     _exit(0);  // its leak check does not know the stacks of threads that stayed behind
 #endif
     std::exit(0);
+  };
+  EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+  EXPECT_EQ(server.requests().size(), 1U);
+}
+
+// --- TLS
+
+class TLS : public testing::Test {
+ protected:
+  /// A service whose certificate is good for `names` and signed by itself, and perhaps trusted by this process.
+  void serve(const std::string& names, bool trusted) {
+    const std::string certificate = home() + "/certificate.pem", key = home() + "/key.pem";
+    const std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=test"
+        " -addext subjectAltName=" +
+        names + " -keyout " + key + " -out " + certificate + " 2>/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const std::string entry = trusted ? "<key>KelvoCAFile</key><string>" + certificate + "</string>" : "";
+    writeFileForTest(home() + "/bundle/Info.plist", "<plist version=\"1.0\"><dict>" + entry + "</dict></plist>");
+    setenv("KELVO_BUNDLE", (home() + "/bundle").c_str(), 1);
+    ASSERT_NE(server.startTLS(certificate, key), 0);
   }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-  start("/parent");
-  replies.wait(2);
-  EXPECT_TRUE(server.requests("/child").empty());
+
+  /// Why a request failed; empty when it did not.
+  std::string failure() {
+    Replies replies;
+    session.start({"POST", server.baseURL() + "/x", {}, "{}"}, replies.collect());
+    const auto error = replies.wait().error;
+    EXPECT_EQ(server.requests().empty(), error.has_value());
+    return error ? error->localizedDescription : "";
+  }
+
+  collector::Server server;
+  KLVHTTPSession session;
+};
+
+TEST_F(TLS, ThePrivateAuthorityIsTrusted) {
+  serve("IP:127.0.0.1", true);
+  EXPECT_EQ(failure(), "");
+}
+
+TEST_F(TLS, AnUnknownAuthorityIsNot) {
+  serve("IP:127.0.0.1", false);
+  EXPECT_NE(failure().find("certificate"), std::string::npos);
+}
+
+TEST_F(TLS, ACertificateOfAnotherHostIsRefused) {
+  serve("DNS:elsewhere.example", true);
+  EXPECT_NE(failure().find("target host name '127.0.0.1'"), std::string::npos);
+}
+
+/// A host that takes its time to end, after the TLS library took itself down.
+[[gnu::destructor]] void endSlowly() {
+  if (getenv("KELVO_TEST_EXIT_URL") != nullptr) usleep(100'000);
+}
+
+TEST_F(TLS, TheProcessMayExitInTheMiddleOfUploads) {
+  if (const char* url = getenv("KELVO_TEST_EXIT_URL")) {
+    static KLVHTTPSession busy;
+    static std::atomic<int> answers{0};
+    // The end of every upload starts the next: TLS is busy for good.
+    static const std::function<void()> keepUploading = [url] {
+      busy.start({"POST", url, {}, std::string(1 << 20, 'x')}, [](auto, auto, auto) {
+        ++answers;
+        answers.notify_all();
+        keepUploading();
+      });
+    };
+    alarm(20);
+    for (int i = 0; i < 8; ++i) keepUploading();
+    while (answers < 3) answers.wait(answers);
+    std::filesystem::remove_all(home());
+    std::exit(42);
+  }
+  serve("IP:127.0.0.1", true);
+  server.answer("/upload", Script::cut());  // so that every upload begins with a handshake
+  for (int round = 0; round < 8; ++round) {
+    Program process({"/proc/self/exe", "--gtest_filter=TLS.TheProcessMayExitInTheMiddleOfUploads"},
+                    {{"KELVO_TEST_EXIT_URL", server.baseURL() + "/upload"}});
+    EXPECT_EQ(process.wait(), 42);
+  }
 }
 
 }  // namespace

@@ -59,7 +59,6 @@ class NetworkTest : public testing::Test {
     EXPECT_NE(server.start(), 0);
     setenv("KELVO_SERVER_BASE_URL", server.baseURL().c_str(), 1);
   }
-
   collector::Server server;
   LogCapture log;
   Replies replies;

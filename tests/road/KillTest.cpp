@@ -1,9 +1,9 @@
-#include <unistd.h>
-
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "road/Road.h"
 
@@ -32,7 +32,10 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
     // A home of its own, with one session that was delivered already. (An earlier session in which nothing at all was
     // stored would stay for ever, and have the flush leave the tails of others alone: that is not asked about here.)
     moveToFreshHome("round" + std::to_string(round));
+    const auto begun = std::chrono::steady_clock::now();
     ASSERT_EQ(launch().quit(), 0);
+    const std::chrono::microseconds ofOneLaunch =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begun);
 
     auto host = launch();
     host.untilReady();
@@ -41,7 +44,7 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
       host.log("E" + std::to_string(++number));
       if (i % 90 == 60) host.play(R"({"call": "willResignActive"})");
     }
-    ::usleep(std::uniform_int_distribution(0U, 60000U)(random));
+    std::this_thread::sleep_for(ofOneLaunch * std::uniform_real_distribution(0.0, 2.0)(random));
     host.kill();
 
     ASSERT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"}) << "round " << round;

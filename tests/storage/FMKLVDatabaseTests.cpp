@@ -22,25 +22,19 @@ struct Database : testing::Test {
 TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBack) {
   const struct {
     const char* storageClass;
-    Value bound;
-    Value read;
-  } cases[] = {
-      {"null", nullptr, nullptr},
-      {"integer", true, 1},
-      {"integer", INT64_MIN, INT64_MIN},
-      {"integer", UINT32_MAX, 4294967295},
-      {"integer", std::uint64_t{INT64_MAX}, INT64_MAX},
-      {"text", UINT64_MAX, "18446744073709551615"},
-      {"real", 0.5F, 0.5},
-      {"real", 0.1, 0.1},
-      {"real", Date(std::chrono::milliseconds(1500)), 1.5},
-      {"text", "", ""},
-      {"text", "it's \xC3\xA9", "it's \xC3\xA9"},
-      {"blob", Data{}, Data{}},
-      {"blob", Data{0, 255}, Data{0, 255}},
-      {"text", Array{1, "a"}, "[1,\"a\"]"},
-      {"text", Dictionary{{"k", 2}}, "{\"k\":2}"},
-  };
+    Value bound, read;
+  } cases[] = {{"null", nullptr, nullptr},
+               {"integer", true, 1},
+               {"integer", INT64_MIN, INT64_MIN},
+               {"integer", UINT32_MAX, 4294967295},
+               {"text", UINT64_MAX, "18446744073709551615"},
+               {"real", 0.5F, 0.5},
+               {"real", Date(std::chrono::milliseconds(1500)), 1.5},
+               {"text", "it's \xC3\xA9", "it's \xC3\xA9"},
+               {"blob", Data{}, Data{}},
+               {"blob", Data{0, 255}, Data{0, 255}},
+               {"text", Array{1, "a"}, "[1,\"a\"]"},
+               {"text", Dictionary{{"k", 2}}, "{\"k\":2}"}};
   ASSERT_TRUE(db.executeUpdate("create table t (v)"));
   for (const auto& each : cases) {
     SCOPED_TRACE(description(each.read));
@@ -54,11 +48,9 @@ TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBack) {
     EXPECT_EQ(rows->objectForColumnIndex(1), each.storageClass);
     EXPECT_EQ((*rows->resultDictionary())["again"], each.read);
     EXPECT_EQ(rows->columnIndexForName("AGAIN"), 2);
-    EXPECT_EQ(rows->columnIndexForName("none"), -1);
     EXPECT_FALSE(rows->next());
     EXPECT_FALSE(db.hasOpenResultSets());
   }
-  EXPECT_EQ(log.count("<KLV WARN> Warning: I could not find the column named 'none'."), std::size(cases));
 }
 
 TEST_F(Database, AStatementWhoseParametersAreNotAllBoundFailsWithItsText) {
@@ -83,11 +75,6 @@ TEST_F(Database, FailuresAreLoggedAndStayReadable) {
   EXPECT_EQ(log.count("<KLV ERROR> DB Error: 1 \"near \"no\": syntax error\""), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> DB Query: no sql"), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> DB Path: (null)"), 1U);
-  EXPECT_FALSE(db.executeUpdate("select 1"));
-  EXPECT_EQ(log.count("<KLV ERROR> Unknown error calling sqlite3_step (100: "), 1U);
-  EXPECT_EQ(db.intForQuery("select 1 where 0"), 0);
-  EXPECT_EQ(db.intForQuery("select 9000000000"), INT32_MAX);
-
   ASSERT_TRUE(db.beginTransaction());
   ASSERT_TRUE(db.executeUpdate("create table t (a unique)"));
   ASSERT_TRUE(db.rollback());
@@ -98,30 +85,12 @@ TEST_F(Database, FailuresAreLoggedAndStayReadable) {
   EXPECT_EQ(log.count("<KLV ERROR> The FMDatabase " + db.description() + " is not open."), 1U);
 }
 
-TEST_F(Database, ClosingEndsItsResultSetsAndFinalizesLeakedStatements) {
-  const auto rows = db.executeQuery("select 1 union select 2");
-  ASSERT_TRUE(rows->next());
-  sqlite3_stmt* leaked = nullptr;
-  ASSERT_EQ(sqlite3_prepare_v2(db.sqliteHandle(), "select 3", -1, &leaked, nullptr), SQLITE_OK);
-  EXPECT_TRUE(db.close());
-  EXPECT_EQ(log.count("<KLV DEBUG> Closing leaked statement"), 1U);
-  EXPECT_EQ(log.count("error closing!"), 0U);
-  FMKLVError error;
-  EXPECT_FALSE(rows->nextWithError(&error));
-  EXPECT_EQ(error.message, "parentDB does not exist");
-  EXPECT_EQ(rows->resultDictionary(), std::nullopt);
-  EXPECT_EQ(log.count("<KLV WARN> Warning: There seem to be no columns in this set."), 1U);
-}
-
 TEST_F(Database, AStatementWaitsForAnotherConnectionsLockAsLongAsItMay) {
   const auto path = home() + "/busy.sqlite";
-  FMKLVDatabase holder(path);
-  FMKLVDatabase waiter(path);
-  ASSERT_TRUE(holder.open());
+  FMKLVDatabase holder(path), waiter(path);
   waiter.setMaxBusyRetryTimeInterval(0.06);
-  ASSERT_TRUE(waiter.open());
+  ASSERT_TRUE(holder.open() && waiter.open());
   ASSERT_TRUE(holder.executeUpdate("create table t (a)"));
-
   const auto rows = waiter.executeQuery("select * from t");
   ASSERT_TRUE(holder.beginTransaction());
   EXPECT_FALSE(waiter.executeUpdate("insert into t values (1)"));
@@ -145,27 +114,20 @@ struct Queue : testing::Test {
 TEST_F(Queue, ABlockInsideABlockEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   setenv("TMPDIR", home().c_str(), 1);  // the home that the dying process leaves behind goes with this one
-  const auto inner = [&](FMKLVDatabase&) { queue->inDatabase([](FMKLVDatabase&) {}); };
-  EXPECT_DEATH(queue->inDatabase(inner),
+  EXPECT_DEATH(queue->inDatabase([&](FMKLVDatabase&) { queue->inDatabase([](FMKLVDatabase&) {}); }),
                "currentSyncQueue != self && \"inDatabase: was called reentrantly on the same queue, which would lead "
                "to a deadlock\"");
 }
 
-TEST_F(Queue, GoesOnAfterABlockThatThrowsAndReopensAfterClose) {
-  EXPECT_THROW(queue->inDatabase([](FMKLVDatabase&) { throw std::runtime_error("block"); }), std::runtime_error);
-  queue->inDatabase([](FMKLVDatabase& db) { EXPECT_TRUE(db.executeUpdate("create table t (a)")); });
-  queue->close();
-  int tables = 0;
-  queue->inDatabase([&](FMKLVDatabase& db) { tables = db.intForQuery("select count(*) from sqlite_master"); });
-  EXPECT_EQ(tables, 1);
-}
-
-TEST_F(Queue, WarnsOfResultSetsThatOutliveTheirBlock) {
+TEST_F(Queue, GoesOnAfterABlockThatThrowsWarnsOfRowsThatOutliveTheirsAndReopensAfterClose) {
   const LogCapture log;
+  EXPECT_THROW(queue->inDatabase([](FMKLVDatabase&) { throw std::runtime_error("block"); }), std::runtime_error);
   std::unique_ptr<FMKLVResultSet> rows;
-  queue->inDatabase([&](FMKLVDatabase& db) { EXPECT_NE(db.executeQuery("select 1"), nullptr); });
+  queue->inDatabase([&](FMKLVDatabase& db) { EXPECT_TRUE(db.executeUpdate("create table t (a)")); });
   queue->inDatabase([&](FMKLVDatabase& db) { rows = db.executeQuery("select 1"); });
   EXPECT_EQ(log.count("<KLV WARN> Warning: there is at least one open result set around"), 1U);
+  queue->close();
+  queue->inDatabase([](FMKLVDatabase& db) { EXPECT_EQ(db.intForQuery("select count(*) from sqlite_master"), 1); });
 }
 
 }  // namespace

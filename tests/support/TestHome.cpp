@@ -46,6 +46,7 @@ int main(int argc, char** argv) {
   kelvo::test::homeDirectory = fresh;
   testing::InitGoogleTest(&argc, argv);
   const int result = RUN_ALL_TESTS();
-  std::filesystem::remove_all(fresh);
+  std::error_code inUse;  // a write in the background may still add a file
+  std::filesystem::remove_all(fresh, inUse);
   return result;
 }

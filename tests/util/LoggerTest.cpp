@@ -16,8 +16,8 @@ namespace kelvo::test {
 /// Has names as the library's own classes have.
 struct KLVSpeaker {
   static void say() { KLV_WARN("from {} and {} {} {}", "a class", 1, true, std::optional<std::string>()); }
-  [[nodiscard]] std::vector<std::pair<std::string, int>> sayFromLambda(const std::string& text) const {
-    [&] { KLV_INFO("{}", text); }();
+  [[nodiscard]] std::vector<std::pair<std::string, int>> sayFromLambda() const {
+    [] { KLV_INFO("{}", "{} %s\\n stays as it is"); }();
     return {};
   }
 };
@@ -30,23 +30,18 @@ void sayFromNowhere() {
 
 TEST(Logger, TheLevelDecidesWhatIsWritten) {
   const LogCapture log;
-  const struct {
-    int level;
-    bool debug, warn, error;
-  } cases[] = {{0, true, true, true},   {1, true, true, true},    {2, false, true, true},
-               {3, false, false, true}, {4, false, false, false}, {-1, true, true, true}};
-  std::size_t infos = 0;
-  for (const auto& [level, debug, warn, error] : cases) {
+  const std::pair<int, const char*> cases[] = {{-1, "DIWE"}, {0, "DIWE"}, {1, "DIWE"}, {2, "IWE"}, {3, "IE"}, {4, "I"}};
+  for (const auto& [level, expected] : cases) {
     KLVLogger::setLogLevel(level);
-    const std::string name = "at level " + std::to_string(level) + ".";
-    KLV_DEBUG("{}", name);
-    KLV_INFO("{}", name);
-    KLV_WARN("{}", name);
-    KLV_ERROR("{}", name);
-    EXPECT_EQ(log.count("<KLV DEBUG> " + name), debug ? 1U : 0U) << name;
-    EXPECT_EQ(log.count("<KLV WARN> " + name), warn ? 1U : 0U) << name;
-    EXPECT_EQ(log.count("<KLV ERROR> " + name), error ? 1U : 0U) << name;
-    EXPECT_EQ(log.count("<KLV INFO> "), ++infos) << name;
+    const auto before = log.lines().size();
+    KLV_DEBUG("debug");
+    KLV_INFO("info");
+    KLV_WARN("warn");
+    KLV_ERROR("error");
+    std::string written;
+    const auto lines = log.lines();
+    for (auto i = before; i < lines.size(); ++i) written += lines[i].at(5);  // "<KLV DEBUG> ..."
+    EXPECT_EQ(written, expected) << level;
   }
   int evaluations = 0;
   KLVLogger::setLogLevel(3);
@@ -58,7 +53,7 @@ TEST(Logger, ALineNamesItsMethodAndPlace) {
   const LogCapture log;
   const auto before = log.lines().size();
   KLVSpeaker::say();
-  static_cast<void>(KLVSpeaker().sayFromLambda("{} %s\\n stays as it is"));
+  static_cast<void>(KLVSpeaker().sayFromLambda());
   sayFromNowhere();
   reportProblem("void kelvo::Files::write(int)", "disk full");
   const auto lines = log.lines();
@@ -109,23 +104,21 @@ TEST(Logger, AStalledReaderNeverHoldsACallerUpAndLostLinesAreCounted) {
   reader.get();
 
   const std::regex form("<KLV (?:INFO> line (\\d+)\\.|WARN> (\\d+) log lines were dropped).*");
-  std::size_t written = 0;
-  std::size_t dropped = 0;
-  int last = -1;
+  int written = 0, dropped = 0, last = -1;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     std::smatch match;
     ASSERT_TRUE(std::regex_match(line, match, form)) << line;
     if (match[2].matched) {
-      dropped += std::stoul(match[2]);
+      dropped += std::stoi(match[2]);
       continue;
     }
     EXPECT_LT(std::exchange(last, std::stoi(match[1])), std::stoi(match[1])) << "in order";
     ++written;
   }
-  EXPECT_GT(dropped, 0U);
-  EXPECT_GE(written, 4096U) << "as many as may wait";
-  EXPECT_EQ(written + dropped, std::size_t{kLines});
+  EXPECT_GT(dropped, 0);
+  EXPECT_GE(written, 4096) << "as many as may wait";
+  EXPECT_EQ(written + dropped, kLines);
 }
 
 }  // namespace

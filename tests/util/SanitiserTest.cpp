@@ -17,24 +17,16 @@ TEST(Sanitiser, RepairsTextsByTheLongestPartThatBreaksOff) {
   const std::pair<std::string, std::string> cases[] = {
       {"plain \u00e9\u20ac\U0001F600\U0010FFFF", "plain \u00e9\u20ac\U0001F600\U0010FFFF"},
       {std::string("a\0b", 3), std::string("a\0b", 3)},
-      {"a\xFF"
-       "b",
-       "a" + kBad + "b"},
+      {"a\xFF.", "a" + kBad + "."},
       {"\x80\x80", kBad + kBad},
       {"\xE2\x82", kBad},  // a euro sign cut off at the end
-      {"\xE2\x82"
-       "A",
-       kBad + "A"},
-      {"\xF0\x9F\x98"
-       "\xC3\xA9",
-       kBad + "\u00e9"},
+      {"\xE2\x82.", kBad + "."},
+      {"\xF0\x9F\x98\u00e9", kBad + "\u00e9"},
       {"\xC0\xAF", kBad + kBad},  // longer than needed
       {"\xE0\x80\xAF", kBad + kBad + kBad},
       {"\xED\xA0\x80", kBad + kBad + kBad},             // a surrogate
       {"\xF4\x90\x80\x80", kBad + kBad + kBad + kBad},  // above the last character
-      {"12345678\xC3"
-       "12345678\xE9",
-       "12345678" + kBad + "12345678" + kBad}};
+      {"........\xC3........\xE9", "........" + kBad + "........" + kBad}};
   for (const auto& [before, after] : cases) EXPECT_EQ(sanitised(std::optional<std::string>(before)), after);
   EXPECT_EQ(sanitised(std::optional<std::string>()), std::nullopt);
   EXPECT_EQ(sanitised(std::optional<Dictionary>()), std::nullopt);
@@ -44,16 +36,17 @@ TEST(Sanitiser, DropsAndRepairsWithOneLineAKind) {
   const LogCapture log;
   const auto before = log.lines().size();
   const double infinity = std::numeric_limits<double>::infinity();
+  const Dictionary clean{{"a", Array{1.5, "text", Dictionary{{"b", nullptr}}}}, {"d", Date{}}};
+  EXPECT_EQ(sanitised(std::optional<Dictionary>(clean))->begin(), clean.begin()) << "shares what needs no repair";
+  EXPECT_EQ(log.lines().size(), before);
   const Dictionary dirty{
       {"nan", std::nan("")},
       {"keep", Array{1, infinity, Dictionary{{"f", -std::numeric_limits<float>::infinity()}, {"g", 0.5F}}, "\xFF"}},
       {"k\xFF", 1},
       {"k\xFE", 2},
       {"bytes", Data{0xFF}}};
-  const auto clean = sanitised(std::optional<Dictionary>(dirty));
-  ASSERT_TRUE(clean);
   const Dictionary expected{{"keep", Array{1, Dictionary{{"g", 0.5}}, kBad}}, {"k" + kBad, 2}, {"bytes", Data{0xFF}}};
-  EXPECT_EQ(description(*clean), description(expected));
+  EXPECT_EQ(description(*sanitised(std::optional<Dictionary>(dirty))), description(expected));
   const auto lines = log.lines();
   ASSERT_EQ(lines.size() - before, 2U);
   EXPECT_EQ(lines[before].find("<KLV WARN> NaN or infinity dropped"), 0U);
@@ -76,16 +69,6 @@ TEST(Sanitiser, KeepsSixtyFourLevelsAndNoMore) {
     EXPECT_EQ(text.find("deepest"), std::string::npos);
   }
   EXPECT_EQ(log.count("<KLV WARN> Value dropped: it is nested deeper than 64 levels"), 2U);
-}
-
-TEST(Sanitiser, SharesWhatNeedsNoRepair) {
-  const LogCapture log;
-  const auto before = log.lines().size();
-  const Dictionary clean{{"a", Array{1.5, "text", Dictionary{{"b", nullptr}}}}, {"d", Date{}}};
-  EXPECT_EQ(sanitised(std::optional<Dictionary>(clean))->begin(), clean.begin());
-  EXPECT_EQ(log.lines().size(), before);
-  const Dictionary partly{{"clean", clean}, {"nan", std::nan("")}};
-  EXPECT_EQ((*sanitised(std::optional<Dictionary>(partly)))["clean"].get<Dictionary>()->begin(), clean.begin());
 }
 
 }  // namespace

@@ -1,8 +1,47 @@
 #pragma once
 
-#include <string>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/JSON.h"
+#include "support/TestHome.h"
 
 namespace kelvo::test {
+
+/// What the curl program made of a request: a client that has nothing in common with the server under test.
+struct CurlResult {
+  int exitCode = -1;  ///< 0, or curl's number for the transport error
+  int status = 0;
+  std::string body;
+
+  [[nodiscard]] Dictionary json() const {
+    const Value value = parseJSON(body).value_or(Value());
+    return value.get<Dictionary>() == nullptr ? Dictionary{} : *value.get<Dictionary>();
+  }
+};
+
+/// Runs curl with `arguments`, which a shell reads.
+inline CurlResult curl(const std::string& arguments) {
+  CurlResult result;
+  FILE* pipe = popen(("curl --silent --noproxy '*' --write-out '\\n%{http_code}' " + arguments).c_str(), "r");
+  for (int byte; pipe != nullptr && (byte = fgetc(pipe)) != EOF;) result.body += static_cast<char>(byte);
+  const int ended = pipe != nullptr ? pclose(pipe) : -1;
+  result.exitCode = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
+  if (const auto line = result.body.rfind('\n'); line != std::string::npos) {
+    result.status = std::atoi(result.body.c_str() + line + 1);
+    result.body.resize(line);
+  }
+  return result;
+}
+
+/// Posts `body` to `url`.
+inline CurlResult post(const std::string& url, const std::string& body, const std::string& moreArguments = {}) {
+  writeFileForTest(home() + "/body", body);
+  return curl(moreArguments + " -H 'Content-Type: application/json' --data-binary @'" + home() + "/body' '" + url +
+              "'");
+}
 
 /// A chunk with an event of every kind, as text.
 inline const std::string kSampleChunk = R"json({
