@@ -1,5 +1,5 @@
 // The whole of it: start, log, go on. Run it against `kelvo-collector`:
-//   KELVO_SERVER_BASE_URL=http://127.0.0.1:8080 hello
+//   KELVO_SERVER_BASE_URL=http://127.0.0.1:8288 hello
 
 #include <chrono>
 #include <thread>

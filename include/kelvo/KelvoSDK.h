@@ -32,7 +32,7 @@ class KELVO_EXPORT KelvoSDK {
   /// The host's own id of its user; kept with the user's attributes. Refused until the start-up has ended.
   static void setUserIdentifier(OptionalText identifier) noexcept;
 
-  /// The user sees the screen `title` now.
+  /// The user sees the screen `title` now. Screens are not followed yet: gives a warning and records nothing.
   static void logScreenWithName(OptionalText title) noexcept;
 
   /// Adds or replaces attributes of the user (kept for later launches) or of the session.

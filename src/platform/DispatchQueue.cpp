@@ -65,12 +65,14 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
     std::unique_lock lock(mutex);
     Ticket mine;
     items.push_back({nullptr, &mine});
+    ++tickets;
     if (owned) {
       mine.changed.wait(lock, [&] { return mine.granted; });
     }
     owned = true;
     while (items.front().ticket != &mine) runFront(lock);
     items.pop_front();
+    --tickets;
   }
 
   void release() {
@@ -116,8 +118,9 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
   /// Hands the ownership to the first thread that waits in `sync`, which needs no pool thread for the tasks before
   /// its own; else gives it up.
   void letGo() {
-    const auto next = std::find_if(items.begin(), items.end(), [](const Item& item) { return item.ticket != nullptr; });
-    if (next != items.end()) {
+    if (tickets > 0) {
+      const auto next =
+          std::find_if(items.begin(), items.end(), [](const Item& item) { return item.ticket != nullptr; });
       next->ticket->granted = true;
       next->ticket->changed.notify_one();  // under the mutex: the ticket dies as soon as its thread wakes
       return;
@@ -134,6 +137,7 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
 
   std::mutex mutex;
   std::deque<Item> items;
+  std::size_t tickets = 0;  // among them
   bool owned = false;
   bool scheduled = false;  // a drain was posted and has not begun
 };

@@ -21,28 +21,26 @@ constexpr int kLinesBetweenStores = 500;
 enum ExitStatus { kDelivered = 0, kBadLines = 1, kWrongUsage = 2, kNotDelivered = 3, kNotCollecting = 4 };
 
 constexpr const char* kHelp =
-    R"(kelvo-log [--app-id ID] [--wait SECONDS] [FILE]
+    R"(usage: kelvo-log [--app-id ID] [--wait SECONDS] [FILE]
 
-Plays host calls through the library: reads FILE, or standard input, one JSON object a line, and plays each line as it
-arrives. Blank lines and lines that begin with # are skipped. Without --app-id, the bundle's Info.plist decides.
-At the end it reports that the application resigns active and waits until every chunk is accepted.
+Plays host calls through the library: reads FILE or standard input, one JSON
+object a line, and plays each line as it arrives. Blank lines and lines that
+begin with # are skipped. Without --app-id, the bundle's Info.plist decides. At
+the end it waits up to --wait seconds (10) until every chunk is accepted.
 
-  {"name": "Purchase", "info": {"item": "book"}}      "call" names the call; without it, logAppEventWithName
-  initializeKelvoWithID      id
-  logAppEventWithName        name, info, isAggregate, shouldFlatten
-  logClientEventWithName     name, info, shouldFlatten
-  logScreenWithName          name
-  setUserIdentifier          identifier
-  setUserCustomInfo, setSessionCustomInfo    info
-  reportCustomError          error, info
-  deviceToken                text, or hex (bytes)
-  didBecomeActive, willResignActive
-  getDeviceID                prints it
-  wait, waitUntilReady       seconds
+"call" names the call; without it, logAppEventWithName:
+  initializeKelvoWithID   id             getDeviceID
+  logAppEventWithName     name, info, isAggregate, shouldFlatten
+  logClientEventWithName  name, info, shouldFlatten
+  logScreenWithName       name           setUserIdentifier     identifier
+  setUserCustomInfo       info           setSessionCustomInfo  info
+  reportCustomError       error, info    deviceToken           text, or hex
+  didBecomeActive, willResignActive      wait, waitUntilReady  seconds
 
-Environment: KELVO_SERVER_BASE_URL (the service), KELVO_HOME (where data lies), KELVO_BUNDLE.
-Exit status: 0 all delivered; 1 delivered, but bad lines were skipped; 2 wrong usage; 3 something was not delivered;
-4 collection is disabled, or another process uses the home.
+Environment: KELVO_SERVER_BASE_URL (the service), KELVO_HOME (where data lies),
+KELVO_BUNDLE (the bundle). Exit status: 0 all delivered; 1 delivered, but bad
+lines were skipped; 2 wrong usage; 3 something was not delivered; 4 collection
+is disabled, or another process uses the home.
 )";
 
 struct Options {
