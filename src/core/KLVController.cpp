@@ -74,49 +74,4 @@ std::shared_ptr<KLVEventListener> KLVController::asListener() {
   return {std::shared_ptr<void>(), this};  // owns nothing: the controller is never destroyed
 }
 
-std::shared_ptr<KLVDataHandler> KLVController::dataHandler() {
-  const std::lock_guard lock(mutex_);
-  return dataHandler_;
-}
-
-std::shared_ptr<KLVConfigManager> KLVController::configManager() {
-  const std::lock_guard lock(mutex_);
-  return configManager_;
-}
-
-std::shared_ptr<KLVChunkManager> KLVController::chunkManager() {
-  const std::lock_guard lock(mutex_);
-  return chunkManager_;
-}
-
-std::string KLVController::applicationIdentifier() {
-  const std::lock_guard lock(mutex_);
-  return applicationIdentifier_;
-}
-
-std::shared_ptr<KLVSession> KLVController::session() {
-  const std::lock_guard lock(mutex_);
-  return session_;
-}
-
-std::shared_ptr<KLVUser> KLVController::user() {
-  const std::lock_guard lock(mutex_);
-  return user_;
-}
-
-std::shared_ptr<KLVAppInfo> KLVController::appInfo() {
-  const std::lock_guard lock(mutex_);
-  return appInfo_;
-}
-
-std::shared_ptr<KLVDeviceInfo> KLVController::deviceInfo() {
-  const std::lock_guard lock(mutex_);
-  return deviceInfo_;
-}
-
-std::shared_ptr<KLVSDKInfo> KLVController::sdkInfo() {
-  const std::lock_guard lock(mutex_);
-  return sdkInfo_;
-}
-
 }  // namespace kelvo

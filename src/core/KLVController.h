@@ -104,12 +104,12 @@ class KLVController final : public KLVEventListener,
   void executeAfterDelay(double seconds, std::function<void()> block);
   std::int64_t currentSDKTimeInMillis();
 
-  std::string applicationIdentifier() override;
-  std::shared_ptr<KLVSession> session() override;
-  std::shared_ptr<KLVUser> user() override;
-  std::shared_ptr<KLVAppInfo> appInfo() override;
-  std::shared_ptr<KLVDeviceInfo> deviceInfo() override;
-  std::shared_ptr<KLVSDKInfo> sdkInfo() override;
+  std::string applicationIdentifier() override { return locked(applicationIdentifier_); }
+  std::shared_ptr<KLVSession> session() override { return locked(session_); }
+  std::shared_ptr<KLVUser> user() override { return locked(user_); }
+  std::shared_ptr<KLVAppInfo> appInfo() override { return locked(appInfo_); }
+  std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return locked(deviceInfo_); }
+  std::shared_ptr<KLVSDKInfo> sdkInfo() override { return locked(sdkInfo_); }
 
   void registerForEventWithType(KLVEventType type, const std::shared_ptr<KLVEventListener>& listener) override;
   void deregisterForEventWithType(KLVEventType type, const std::shared_ptr<KLVEventListener>& listener) override;
@@ -168,10 +168,16 @@ class KLVController final : public KLVEventListener,
   bool clean(std::optional<Dictionary>& info);
   void onAppOpened();
   void onBackground();
-  std::shared_ptr<KLVDataHandler> dataHandler();
-  std::shared_ptr<KLVConfigManager> configManager();
-  std::shared_ptr<KLVChunkManager> chunkManager();
+  std::shared_ptr<KLVDataHandler> dataHandler() { return locked(dataHandler_); }
+  std::shared_ptr<KLVConfigManager> configManager() { return locked(configManager_); }
+  std::shared_ptr<KLVChunkManager> chunkManager() { return locked(chunkManager_); }
   std::shared_ptr<KLVEventListener> asListener();
+
+  template <class Field>
+  Field locked(const Field& field) {
+    const std::lock_guard lock(mutex_);
+    return field;
+  }
 
   std::atomic<bool> enableSDK_{false};
   std::atomic<bool> isSDKInitCalled_{false};

@@ -38,11 +38,10 @@ class Members {
     const std::string digits = text(name).value_or("");
     Data bytes;
     for (std::size_t at = 0; at < digits.size(); at += 2) {
-      std::size_t used = 0;
       const std::string pair = digits.substr(at, 2);
       const bool isHex = pair.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos && pair.size() == 2;
       if (!isHex) throw bad(name, "text of two hexadecimal digits a byte");
-      bytes.push_back(static_cast<std::uint8_t>(std::stoul(pair, &used, 16)));
+      bytes.push_back(static_cast<std::uint8_t>(std::stoul(pair, nullptr, 16)));
     }
     return bytes;
   }
