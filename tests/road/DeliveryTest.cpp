@@ -89,6 +89,33 @@ INSTANTIATE_TEST_SUITE_P(Services, RefusedChunk,
                                          Refusal{"lostAnswer", Script::losingTheAnswer(), 10}),
                          [](const auto& test) { return test.param.name; });
 
+struct Breakage {
+  const char* name;
+  Script onEveryPath;
+  int exitStatus;
+};
+
+class BrokenService : public Road, public testing::WithParamInterface<Breakage> {};
+
+TEST_P(BrokenService, NeverReachesTheHostAndTheNextLaunchDelivers) {
+  service.answer("/v2", GetParam().onEveryPath);
+  auto first = launch({"--app-id", "shop", "--wait", "1"});
+  first.play(R"({"call": "didBecomeActive"})").log("Event");
+  EXPECT_EQ(first.quit(), GetParam().exitStatus) << first.errors();
+  EXPECT_EQ(arrivedEvents(), std::vector<std::string>());
+
+  service.answerNormally("/v2");
+  EXPECT_EQ(launch().quit(), 0);
+  const bool countsAsAccepted = GetParam().exitStatus == 0;  // a status of 200 does, whatever the body
+  EXPECT_EQ(arrivedEvents().empty(), countsAsAccepted);
+}
+
+INSTANTIATE_TEST_SUITE_P(Services, BrokenService,
+                         testing::Values(Breakage{"garbage", Script::garbage(), 0},
+                                         Breakage{"status500", Script(500), 3}, Breakage{"reset", Script::cut(), 3},
+                                         Breakage{"never", Script::never(), 3}),
+                         [](const auto& test) { return test.param.name; });
+
 TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguous) {
   auto host = launch();
   host.untilReady();

@@ -61,8 +61,12 @@ bool waitUntilStarted(Deadline deadline) {
   return waitFor(deadline, [] { return controller().hasStarted(); });
 }
 
-void waitUntilStored() {
+void keepPace() {
   if (controller().isSDKInitCalled()) waitUntilStarted(deadlineIn(kLongestStart));
+  waitUntilStored();
+}
+
+void waitUntilStored() {
   waitForCallback(deadlineIn(kLongestStart), [](auto done) { controller().whenStored(std::move(done)); });
 }
 
