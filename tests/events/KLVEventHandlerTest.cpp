@@ -87,8 +87,11 @@ TEST_F(EventHandler, DeliversToTypeListenersFirstAndToTheExactEventUnderItsChang
   bus.registerForEventType(KLVEventType::client, twice);
   bus.registerForEventType(KLVEventType::client, twice);
   bus.registerForEventType(KLVEventType::client, nullptr);
+  std::promise<void> bothAreThere;
+  bus.whenClassified([&] { bothAreThere.get_future().wait(); });
   bus.enqueueEvent(event(KLVEventType::app, "Sale"));
   bus.enqueueEvent(event(KLVEventType::navigation, "Home"));
+  bothAreThere.set_value();
   EXPECT_EQ(happened(), (Texts{"for life Sale", "saved Home", "by type Sale", "exact Sale"}))
       << "what is enqueued earlier is classified before anything is delivered";
 }
