@@ -135,8 +135,9 @@ struct Dictionary::Rep : Shared {
   /// Its key must be new.
   void append(Entry entry) {
     // In small steps: there are many dictionaries of a few entries, and most grow no more.
-    if (entries.size() == entries.capacity())
+    if (entries.size() == entries.capacity()) {
       entries.reserve(entries.size() + std::max<std::size_t>(2, entries.size() / 4));
+    }
     entries.push_back(std::move(entry));
     if (slots.size() >= 2 * entries.size()) {
       fill(entries.size() - 1);

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "kelvo/Value.h"
-#include "records/KLVEventType.h"
 
 namespace kelvo {
 

@@ -137,6 +137,16 @@ TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguous) {
   EXPECT_EQ(arrivedEvents(), (std::vector<std::string>{"A", "A", "B", "B", "C", "C"}));
 }
 
+TEST_F(Road, ARangeThatIsReadInSlicesArrivesWholeAndInOrder) {
+  auto host = launch();
+  host.untilReady();
+  std::vector<std::string> names;
+  for (int i = 0; i < 2500; ++i) host.log(names.emplace_back("E" + std::to_string(i)));
+  EXPECT_EQ(host.quit(), 0);
+  EXPECT_EQ(service.chunks().size(), 1u);
+  EXPECT_EQ(arrivedEvents(), names);
+}
+
 TEST_F(Road, IntegersAndDoublesKeepTheirKindFromTheCallToTheWireAndBack) {
   const std::string info =
       R"({"min": -9223372036854775808, "max": 9223372036854775807, "big": 18446744073709551615, "one": 1.0, )"

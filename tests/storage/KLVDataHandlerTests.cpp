@@ -62,6 +62,19 @@ TEST_F(StartedHandler, JobsOfEveryKindKeepTheOrderOfTheirSubmission) {
   EXPECT_EQ((*handler.retrieveLifetimeEventWithName("a"))["count"], 2);
 }
 
+TEST_F(StartedHandler, DeletionsThatBelongTogetherWaitForOneAnother) {
+  handler.saveEventInfo(event("a"), "S");
+  handler.saveChunkMetaInfo(std::make_shared<KLVChunkMetaInfo>("S", 1, 1, 1, Array{5}));
+  handler.writeTogether([&] {
+    handler.deleteSession("S");
+    handler.deleteChunkMetaInfo(std::make_shared<KLVChunk>("S"));
+    EXPECT_EQ(handler.getSessions().size(), 1U) << "a kill here must leave everything";
+    EXPECT_EQ(handler.retrieveChunkMetaInfo().size(), 1U);
+  });
+  EXPECT_TRUE(handler.getSessions().empty());
+  EXPECT_TRUE(handler.retrieveChunkMetaInfo().empty());
+}
+
 TEST_F(StartedHandler, WhatWasAcceptedIsStoredThoughTheHandlerHasGone) {
   std::promise<void> hold, stored;
   {
