@@ -1,6 +1,10 @@
-# Warnings and sanitizers: for our own code only, never for a consumer's.
+# Warnings and sanitizers: for our own code only, never for a consumer's. Inside another project, whose compiler may
+# know warnings that ours does not, none of them is an error.
 add_library(kelvo_flags INTERFACE)
-target_compile_options(kelvo_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+target_compile_options(kelvo_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+if(PROJECT_IS_TOP_LEVEL)
+  target_compile_options(kelvo_flags INTERFACE -Werror)
+endif()
 # GCC 12 warns falsely: of an uninitialised index wherever a std::optional of a std::variant is moved, and of
 # overlapping memory where a literal and a std::string are added.
 target_compile_options(kelvo_flags INTERFACE "$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict>")
@@ -18,4 +22,8 @@ function(kelvo_component name)
   add_library(kelvo_${name} STATIC ${sources})
   target_include_directories(kelvo_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
   target_link_libraries(kelvo_${name} PUBLIC ${ARG_LINKS} PRIVATE kelvo_flags)
+  # A guest is small: a release is built for size, which costs a call next to nothing, and in sections of which the
+  # linker keeps those that are used.
+  target_compile_options(kelvo_${name} PRIVATE
+                         "$<$<CONFIG:Release,MinSizeRel>:-Os;-ffunction-sections;-fdata-sections>")
 endfunction()

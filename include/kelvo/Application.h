@@ -1,11 +1,13 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string_view>
 
 #include "kelvo/Export.h"
 #include "kelvo/Nilable.h"
 #include "kelvo/Value.h"
+#include "kelvo/ViewTree.h"
 
 namespace kelvo {
 
@@ -39,6 +41,21 @@ class KELVO_EXPORT Application {
   /// Takes the library's log lines, one a call without a line feed, in place of standard error; an empty function
   /// gives them back. Called on the log thread. A sink that was replaced may still be called for lines already taken.
   static void setLogSink(std::function<void(LogLevel level, std::string_view line)> sink) noexcept;
+
+  /// The host's windows and views, so that actions of the service can point at one; nullptr takes them away. Handed
+  /// over for the first time, or at the start, it is asked once for the screen that shows then.
+  static void setViewTree(std::shared_ptr<ViewTree> tree) noexcept;
+
+  /// `screen` is about to appear, and has appeared. The time on a screen is recorded when the next one has appeared,
+  /// or when the application leaves the foreground. A screen of the same class as the one before is the same screen,
+  /// and a navigation is none. The title is asked on the main queue later, and not waited for here; nullptr gives one
+  /// log line.
+  static void willShow(std::shared_ptr<ViewController> screen) noexcept;
+  static void didShow(std::shared_ptr<ViewController> screen) noexcept;
+  /// The same for a host without view controllers. Without a title the class names the screen; no class or an empty
+  /// one gives one log line.
+  static void willShow(OptionalText className, OptionalText title = {}) noexcept;
+  static void didShow(OptionalText className, OptionalText title = {}) noexcept;
 
   /// The host's interface is drawn by a cross-platform framework.
   static void markAsReactNative() noexcept;

@@ -32,7 +32,8 @@ class KELVO_EXPORT KelvoSDK {
   /// The host's own id of its user; kept with the user's attributes. Refused until the start-up has ended.
   static void setUserIdentifier(OptionalText identifier) noexcept;
 
-  /// The user sees the screen `title` now. Screens are not followed yet: gives a warning and records nothing.
+  /// The user sees the screen `title` now, a named screen inside the one that `Application::didShow` reported last. It
+  /// is recorded with the time spent on it when the next screen appears, or when the application leaves the foreground.
   static void logScreenWithName(OptionalText title) noexcept;
 
   /// Adds or replaces attributes of the user (kept for later launches) or of the session.

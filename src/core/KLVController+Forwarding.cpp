@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <utility>
 
 #include "core/KLVController.h"
@@ -60,7 +61,9 @@ void KLVController::registerForTimerNotificationWithInterval(double seconds, std
 }
 
 void KLVController::executeAfterDelay(double seconds, std::function<void()> block) {
-  const auto delay = std::chrono::nanoseconds(static_cast<std::int64_t>(seconds * 1e9));
+  constexpr double kLongestDelay = 1e9;  // seconds; what is not a number is no delay
+  const double delaySeconds = seconds > 0 ? std::min(seconds, kLongestDelay) : 0;
+  const auto delay = std::chrono::nanoseconds(static_cast<std::int64_t>(delaySeconds * 1e9));
   controllerSerialQueue_.after(delay, std::move(block));
 }
 

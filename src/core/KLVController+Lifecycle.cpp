@@ -4,6 +4,7 @@
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
+#include "platform/JSON.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
 #include "util/KLVException.h"
@@ -18,9 +19,9 @@ constexpr std::string_view kSessionCount = "klv_session_count";
 constexpr std::string_view kRetentionDay = "klv_ret_day";
 constexpr std::string_view kRetentionDayCount = "klv_ret_day_count";
 
-/// The storage forms of `events` as JSON; an event whose attributes cannot be cleaned is left out, with a line.
-std::optional<std::string> storageForms(const std::vector<std::shared_ptr<KLVEvent>>& events) {
-  Array forms;
+/// The storage forms of `events`, behind `forms`, as JSON; an event whose attributes cannot be cleaned is left out,
+/// with a line.
+std::optional<std::string> storageForms(const std::vector<std::shared_ptr<KLVEvent>>& events, Array forms = {}) {
   for (const auto& event : events) {
     try {
       forms.append(event->jsonDict());
@@ -81,6 +82,24 @@ void KLVController::onBackground() {
     // Kept: the last entry of the user overwrites those before it, and what the session was given is dropped.
     if (entry.isUser) rescue(KLVUtilities::jsonDataFromNSDictionary(entry.info), kKLVUserDB);
   }
+}
+
+void KLVController::rescueEvents() {
+  std::vector<std::shared_ptr<KLVEvent>> events;
+  {
+    const std::lock_guard lock(mutex_);
+    if (dataHandlerStarted_) return;
+    for (const auto& event : eventsBuffer_) {
+      // What was logged before storage is ready stands there twice, one behind the other.
+      if (events.empty() || events.back() != event) events.push_back(event);
+    }
+    eventsBuffer_.clear();
+  }
+  if (events.empty()) return;
+  const auto text = readFile(Directories::inLibrary(kKLVEventsBuffer));
+  const auto earlier = text ? parseJSON(*text) : std::nullopt;
+  const auto* forms = earlier ? earlier->get<Array>() : nullptr;
+  rescue(storageForms(events, forms != nullptr ? *forms : Array()), kKLVEventsBuffer);
 }
 
 void KLVController::startSessionWithLaunchType(const std::optional<std::string>& launchType) {
@@ -206,7 +225,7 @@ void KLVController::terminateSDK() {
     infoBuffer_.clear();
   }
   systemEventMonitor_.stop();
-  // The navigation monitor stops here.
+  navigationMonitor_->stop();
   deRegisterIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), asListener());
   deRegisterIdentifer(identifierKey(KLVEventType::system, kKLVBackground), asListener());
   KLV_INFO("Terminating Kelvo SDK");

@@ -45,8 +45,11 @@ void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
 }
 
 void KLVController::logScreenWithName(const std::optional<std::string>& title) {
-  // Goes to the navigation monitor.
-  KLV_WARN("Ignoring screen log with title: {}", title);
+  if (KLVUtilities::isInvalidString(title)) {
+    KLV_WARN("Invalid title: {} given", title);
+    return;
+  }
+  controllerSerialQueue_.async([this, title = *title] { navigationMonitor_->logScreenWithName(title); });
 }
 
 void KLVController::logClientEventWithName(std::optional<std::string> name, std::optional<Dictionary> info,
@@ -65,6 +68,7 @@ void KLVController::logAppEventWithName(std::optional<std::string> name, std::op
                                         bool shouldFlatten, bool isAggregate) {
   if (!clean(info)) return;
   controllerSerialQueue_.async([this, name = std::move(name), info = std::move(info), shouldFlatten, isAggregate] {
+    if (const auto handler = dataHandler()) handler->catchUp();  // a call that waits here is smaller than its event
     if (!name) {
       KLV_WARN("Improper app event logged");
       return;
@@ -185,9 +189,12 @@ void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event) {
     KLV_WARN("Event passed is nil");
     return;
   }
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   if (dataHandlerStarted_) {
-    dataHandler_->saveEventInfo(event, session_->identifier());
+    const auto handler = dataHandler_;
+    const auto running = session_;
+    lock.unlock();  // making the storage form takes its time
+    handler->saveEventInfo(event, running->identifier());
   } else if (storeInBuffer_) {
     eventsBuffer_.push_back(event);
   } else {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/KLVController.h"
+#include "platform/Bundle.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "platform/HomeLock.h"
@@ -56,7 +57,7 @@ void KLVController::stepA(const std::string& appId) {
   registerIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), asListener());
   registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), asListener());
   systemEventMonitor_.start();
-  // The navigation monitor starts here.
+  navigationMonitor_->start();
   const std::string path = byReplacing(kKLVSDKEnableURL, "<app-id>", appId);
   postman_.getDataFromURLPath(fmt::format("{}{:f}", path, kKLVSDKVersion),
                               [this](auto data, auto response, auto error) { stepB(data, response, error); });
@@ -87,7 +88,7 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   startRecords();
   startSessionWithLaunchType("normal");
   setupLoggerLevel();
-  // The client-event configuration is loaded here.
+  loadClientAndAggregateEvents();
   dataHandler()->startWithCompletionHandler([this] { stepC(); });
   controllerSerialQueue_.sync([this] { mergeStoredUser(); });  // no attribute of the host gets lost between the two
   auto chunks = KLVChunkManager::initWithConfiguration(manager->configDetails(), *this);
@@ -95,7 +96,9 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
     const std::lock_guard lock(mutex_);
     chunkManager_ = std::move(chunks);
   }
-  // The plug-ins are loaded here.
+  const auto* plugins = Bundle::main().infoDictionary()["Kelvo"].get<Dictionary>();
+  pluginManager_.loadPlugins(plugins != nullptr ? std::optional(*plugins) : std::nullopt,
+                             manager->configDetails().value_or(Dictionary()));
   sendUserInfo();
   logAppEventWithName(std::string(kKLVAppOpened), Dictionary{{"type", "normal"}}, false, false);
   KLV_INFO("KelvoiOSSDK ({}) : initialized!", fmt::format("{:.0f}", kKLVSDKVersion));

@@ -8,6 +8,9 @@
 #include "util/KLVUtilities.h"
 
 namespace kelvo {
+namespace {
+constexpr std::chrono::milliseconds kLongestWaitForTitle(1000);
+}  // namespace
 
 KLVController& KLVController::sharedController() {
   static Immortal<KLVController> instance;
@@ -49,25 +52,41 @@ void KLVController::performInOrder(std::function<void()> task) {
 
 void KLVController::whenStored(std::function<void()> done) {
   // Host calls go to the controller's queue; activity reports go on from there to the monitor, which asks the
-  // controller again; both end on the bus, which submits what is to be stored.
+  // controller again; both end on the bus, which delivers the latter to the navigation monitor. Its events go to the
+  // bus, too, which submits what is to be stored.
   controllerSerialQueue_.async([this, done = std::move(done)]() mutable {
     systemEventMonitor_.whenDispatched([this, done = std::move(done)]() mutable {
-      eventHandler_.whenClassified([this, done = std::move(done)]() mutable {
-        const auto handler = dataHandler();
-        handler ? handler->whenStored(std::move(done)) : done();
+      whenDelivered([this, done = std::move(done)]() mutable {
+        navigationMonitor_->whenDispatched([this, done = std::move(done)]() mutable {
+          eventHandler_.whenClassified([this, done = std::move(done)]() mutable {
+            const auto handler = dataHandler();
+            handler ? handler->whenStored(std::move(done)) : done();
+          });
+        });
       });
     });
   });
 }
 
 void KLVController::whenPosted(std::function<void()> done) {
-  // Twice over the bus: the first pass queues the deliveries that make the chunk manager cut.
   whenStored([this, done = std::move(done)]() mutable {
-    eventHandler_.whenClassified([this, done = std::move(done)]() mutable {
+    whenDelivered([this, done = std::move(done)]() mutable {
       const auto manager = chunkManager();
       manager ? manager->whenPosted(std::move(done)) : done();
     });
   });
+}
+
+/// Twice over the bus: the first pass queues the deliveries.
+void KLVController::whenDelivered(std::function<void()> done) {
+  eventHandler_.whenClassified(
+      [this, done = std::move(done)]() mutable { eventHandler_.whenClassified(std::move(done)); });
+}
+
+void KLVController::waitUntilDelivered() {
+  // The screen that BACKGROUND ends is in the chunk that it cuts, unless a busy main loop keeps its title back.
+  if (!navigationMonitor_->waitUntilDispatched(kLongestWaitForTitle)) KLV_DEBUG("Not waiting for a title any longer");
+  eventHandler_.waitUntilDelivered();
 }
 
 std::shared_ptr<KLVEventListener> KLVController::asListener() {

@@ -10,12 +10,16 @@
 #include <vector>
 
 #include "core/KLVEventSource.h"
+#include "core/KLVPluginLoader.h"
 #include "events/KLVEventHandler.h"
+#include "events/KLVNavigationMonitor.h"
 #include "events/KLVSystemEventsMonitor.h"
 #include "network/KLVConfigManager.h"
 #include "network/KLVPostman.h"
+#include "network/KLVSyncManager.h"
 #include "storage/KLVDataHandler.h"
 #include "upload/KLVChunkManager.h"
+#include "util/KLVUtilities.h"
 
 namespace kelvo {
 
@@ -28,10 +32,12 @@ namespace kelvo {
 class KLVController final : public KLVEventListener,
                             public KLVEventHandlerDelegate,
                             public KLVSystemEventsMonitorDelegate,
+                            public KLVNavigationMonitorDelegate,
                             public KLVEventSourceDelegate,
                             public KLVSessionDelegate,
                             public KLVUserDelegate,
                             public KLVConfigManagerDelegate,
+                            public KLVSyncManagerDelegate,
                             public KLVChunkManagerDelegate {
  public:
   static KLVController& sharedController();
@@ -63,7 +69,7 @@ class KLVController final : public KLVEventListener,
 
   // --- Events on their way to the bus and to storage.
   void dispatchEvent(const std::shared_ptr<KLVEvent>& event) override;
-  void waitUntilDelivered() override { eventHandler_.waitUntilDelivered(); }
+  void waitUntilDelivered() override;
   void saveLifetimeEvent(const std::shared_ptr<KLVEvent>& event) override;
   void saveEvent(const std::shared_ptr<KLVEvent>& event) override;
   void saveEvent(const std::shared_ptr<KLVEvent>& event, const std::optional<std::string>& sessionId);
@@ -84,14 +90,27 @@ class KLVController final : public KLVEventListener,
   void saveUserInfo() override;
   void markFatalAndUpdateDuration(std::optional<Date> duration, const std::optional<std::string>& sessionId);
 
+  // --- What the service steers: the lists that classify events, and the actions of plug-ins.
+  /// Asks the service whether its lists have changed and puts them, or else the saved ones, to use.
+  void loadClientAndAggregateEvents();
+  void loadEventsWithConfig(const std::optional<Dictionary>& config);
+  std::optional<Dictionary> getClientEvents();
+  void persistClientEvents(const Dictionary& config);
+  static std::optional<std::string> retrieveClientEventsHash();
+  static void persistClientEventsHash(const std::string& hash);
+  void getSyncDataForActionType(const std::string& actionType, const std::string& version,
+                                std::function<void()> completion);
+  std::optional<Dictionary> getPIDMIDDictForType(const std::string& type) override;
+  void persistPIDMIDDict(const std::optional<Dictionary>& record, const std::string& type) override;
+
   // --- Forwarding.
   std::optional<std::string> getDeviceID();
   std::optional<std::string> getHardwareModel();
   std::optional<std::string> getSessionId();
   void markAsCordova() noexcept { isCordova_ = true; }
   [[nodiscard]] bool isCordova() const noexcept { return isCordova_; }
-  void markAsReactNative() noexcept { isReactNative_ = true; }
-  [[nodiscard]] bool isReactNative() const noexcept { return isReactNative_; }
+  void markAsReactNative() noexcept { KLVUtilities::setIsReactNative(true); }
+  [[nodiscard]] bool isReactNative() const noexcept { return KLVUtilities::isReactNative(); }
   [[nodiscard]] bool actionInProgress() const noexcept { return actionInProgress_; }
   void setActionInProgress(bool inProgress) noexcept { actionInProgress_ = inProgress; }
   void saveFrequencyInfo(const Value& info, const std::optional<std::string>& identifier);
@@ -139,11 +158,16 @@ class KLVController final : public KLVEventListener,
                                   HTTPCompletion completion);
 
   // --- Quiescence: for the exit hook and for tools.
+  /// From now on nothing waits for the host's main loop.
+  void stopWaitingForMainLoop() { navigationMonitor_->stopReadingTitles(); }
   /// Runs `task` on the controller's queue, behind all host calls so far.
   void performInOrder(std::function<void()> task);
   /// Calls `done` once all that was handed over so far has reached the database.
   void whenStored(std::function<void()> done);
-  /// Calls `done` once that is so and the chunks that it caused to be cut are handed to the HTTP client.
+  /// At the end of a process whose start-up has not reached the database: writes the events that wait for it to a file,
+  /// behind those of earlier such launches. The next launch stores them.
+  void rescueEvents();
+  /// Calls `done` once all is stored and the chunks that it caused to be cut are handed to the HTTP client.
   void whenPosted(std::function<void()> done);
 
  private:
@@ -158,6 +182,7 @@ class KLVController final : public KLVEventListener,
   bool serviceAllowsCollection(const std::optional<std::string>& data, const std::optional<HTTPResponse>& response,
                                const std::optional<HTTPError>& error, std::optional<std::string>& hash);
   void updateConfiguration(const std::optional<std::string>& serviceHash);
+  void fetchClientEvents(const std::string& hash);
   void startRecords();
   void mergeStoredUser();
   void stepC();
@@ -172,6 +197,7 @@ class KLVController final : public KLVEventListener,
   std::shared_ptr<KLVConfigManager> configManager() { return locked(configManager_); }
   std::shared_ptr<KLVChunkManager> chunkManager() { return locked(chunkManager_); }
   std::shared_ptr<KLVEventListener> asListener();
+  void whenDelivered(std::function<void()> done);
 
   template <class Field>
   Field locked(const Field& field) {
@@ -183,7 +209,6 @@ class KLVController final : public KLVEventListener,
   std::atomic<bool> isSDKInitCalled_{false};
   std::atomic<bool> hasStarted_{false};
   std::atomic<bool> isCordova_{false};
-  std::atomic<bool> isReactNative_{false};
   std::atomic<bool> actionInProgress_{false};
 
   // Guards what follows; never held across I/O or a callback.
@@ -210,6 +235,9 @@ class KLVController final : public KLVEventListener,
   DispatchQueue controllerSerialQueue_{"com.kelvo.serial.controller"};
   KLVEventHandler eventHandler_{*this};
   KLVSystemEventsMonitor systemEventMonitor_{*this};
+  const std::shared_ptr<KLVNavigationMonitor> navigationMonitor_ = std::make_shared<KLVNavigationMonitor>(*this);
+  KLVPluginLoader pluginManager_;
+  KLVSyncManager syncManager_{*this};
 };
 
 }  // namespace kelvo

@@ -6,6 +6,7 @@
 #include "core/KLVController.h"
 #include "facade/Guard.h"
 #include "platform/Device.h"
+#include "platform/HostInterface.h"
 #include "platform/MainQueue.h"
 #include "platform/NotificationCenter.h"
 #include "util/KLVSanitiser.h"
@@ -14,10 +15,31 @@ namespace kelvo {
 namespace {
 
 /// Behind the host's calls so far, so that a start which is under way has begun to listen.
-void report(std::string_view notification) {
+void report(std::string_view notification, std::any userInfo = {}) {
   guarded([&] {
-    KLVController::sharedController().performInOrder(
-        [notification] { NotificationCenter::defaultCenter().post(notification); });
+    KLVController::sharedController().performInOrder([notification, userInfo = std::move(userInfo)] {
+      NotificationCenter::defaultCenter().post(notification, userInfo);
+    });
+  });
+}
+
+void report(std::string_view notification, std::shared_ptr<ViewController> screen) {
+  guarded([&] {
+    if (screen == nullptr) {
+      KLV_WARN("Ignoring a screen without a view controller");
+      return;
+    }
+    report(notification, std::any(Screen(std::move(screen))));
+  });
+}
+
+void report(std::string_view notification, OptionalText className, OptionalText title) {
+  guarded([&] {
+    if (!className || className->empty()) {
+      KLV_WARN("Ignoring a screen without a class name, title: {}", std::optional<std::string>(std::move(title)));
+      return;
+    }
+    report(notification, std::any(Screen(*std::move(className), std::move(title))));
   });
 }
 
@@ -67,6 +89,29 @@ void Application::setLogSink(std::function<void(LogLevel, std::string_view)> sin
       sink(static_cast<LogLevel>(level), line);
     });
   });
+}
+
+void Application::setViewTree(std::shared_ptr<ViewTree> tree) noexcept {
+  guarded([&] {
+    HostInterface::setViewTree(std::move(tree));
+    report(kViewTreeDidChange);
+  });
+}
+
+void Application::willShow(std::shared_ptr<ViewController> screen) noexcept {
+  report(kWillShowViewController, std::move(screen));
+}
+
+void Application::didShow(std::shared_ptr<ViewController> screen) noexcept {
+  report(kDidShowViewController, std::move(screen));
+}
+
+void Application::willShow(OptionalText className, OptionalText title) noexcept {
+  report(kWillShowViewController, std::move(className), std::move(title));
+}
+
+void Application::didShow(OptionalText className, OptionalText title) noexcept {
+  report(kDidShowViewController, std::move(className), std::move(title));
 }
 
 void Application::markAsReactNative() noexcept {

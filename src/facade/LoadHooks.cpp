@@ -6,6 +6,7 @@
 
 #include "core/KLVController.h"
 #include "facade/Guard.h"
+#include "network/KLVHTTPSession.h"
 #include "platform/ServiceEndpoint.h"
 #include "util/KLVLogger.h"
 
@@ -19,14 +20,17 @@ constexpr std::chrono::milliseconds kLogLimit(250);
 void storeAcceptedWork() {
   auto& controller = KLVController::sharedController();
   if (!controller.isSDKInitCalled()) return;
+  controller.stopWaitingForMainLoop();
   const auto stored = std::make_shared<std::promise<void>>();
   controller.whenStored([stored] { stored->set_value(); });
   stored->get_future().wait_for(kStoreLimit);
+  controller.rescueEvents();
 }
 
 void finalizer() {
   guarded([] {
     storeAcceptedWork();
+    KLVHTTPSession::parkAtExit();
     KLVLogger::drain(kLogLimit);
   });
   std::printf("KelvoiOSSDK finalizer\n");

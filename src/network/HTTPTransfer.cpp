@@ -1,7 +1,9 @@
 #include "network/HTTPTransfer.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <utility>
 
@@ -58,7 +60,12 @@ bool HTTPTransfer::configure(const Settings& settings) {
   const curl_opensocket_callback openSocket = [](void* transfer, curlsocktype, curl_sockaddr* address) {
     if (!static_cast<HTTPTransfer*>(transfer)->mayLeave()) return CURL_SOCKET_BAD;
     // A program that the host starts must not inherit the connection.
-    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    const int opened = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (opened < 0 || opened > STDERR_FILENO) return opened;
+    // The host has closed a standard stream, and may print to it all the same.
+    const int moved = ::fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(opened);
+    return moved;
   };
   set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
   set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));

@@ -1,9 +1,15 @@
 #include "network/KLVHTTPSession.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <climits>
 #include <condition_variable>
@@ -81,15 +87,47 @@ class Parking {
   std::atomic<bool> closing_{false};
 };
 
-void parkAtExit() {
-  if (!inForkedChild()) Parking::shared().closeAndWait();
+/// The TLS library takes itself down at exit. Asked before its set-up begins, it parks the network thread first,
+/// even when the process ends in the middle of that set-up. It is curl's, so it is looked up, not linked.
+void parkBeforeTLSEnds() {
+  using Register = int (*)(void (*)());
+  const auto atEndOfTLS = reinterpret_cast<Register>(::dlsym(RTLD_DEFAULT, "OPENSSL_atexit"));
+  if (atEndOfTLS != nullptr) atEndOfTLS(KLVHTTPSession::parkAtExit);
 }
 
-/// True when curl is ready for use. Its set-up registers the TLS library's exit handler; ours is registered after it,
-/// so it runs before it.
+/// True when curl is ready for use. Our exit handler is registered after those that its set-up registers, so it runs
+/// before them.
 bool setUpTransport() {
-  static const bool ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK && std::atexit(parkAtExit) == 0;
+  static const bool ready = [] {
+    parkBeforeTLSEnds();
+    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK && std::atexit(KLVHTTPSession::parkAtExit) == 0;
+  }();
   return ready;
+}
+
+/// curl wakes itself up through a pair of sockets that a program which the host starts would inherit, and does not
+/// name them. They are sought where they must be, on the numbers that were `free` right before, and known by the byte
+/// that waits between them; when another thread took a number meanwhile, they stay as they are.
+void keepFromChildren(const std::array<int, 2>& free) {
+  const auto isLocal = [](int socket) {
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    return ::getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX;
+  };
+  int received = 0;
+  int sent = 0;
+  if (!isLocal(free[0]) || !isLocal(free[1])) return;
+  if (::ioctl(free[0], FIONREAD, &received) != 0 || ::ioctl(free[1], SIOCOUTQ, &sent) != 0) return;
+  if (received != 1 || sent == 0) return;
+  for (const int socket : free) ::fcntl(socket, F_SETFD, FD_CLOEXEC);
+}
+
+/// The two numbers that the next descriptors of this process will have.
+std::array<int, 2> freeDescriptors() {
+  std::array<int, 2> pair{-1, -1};
+  if (::pipe2(pair.data(), O_CLOEXEC) != 0) return pair;
+  for (const int end : pair) ::close(end);
+  return pair;
 }
 
 /// The environment's list of hosts to reach directly, and always those of this machine.
@@ -166,6 +204,7 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
   void run() noexcept {
     onNetworkThread = true;
     Parking::shared().enter(this);
+    if (Parking::shared().closing()) Parking::shared().stayFor(this);
     try {
       serve();
     } catch (const std::exception& exception) {
@@ -176,7 +215,9 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
   }
 
   void serve() {
-    CURLM* const multi = setUpTransport() ? curl_multi_init() : nullptr;
+    if (!setUpTransport()) return;
+    const auto free = freeDescriptors();
+    CURLM* const multi = curl_multi_init();
     if (multi == nullptr) return;
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaximumConnectionsToHost);
     settings_.caFile = ServiceEndpoint::shared().caFile;
@@ -187,6 +228,7 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
     }
     // Without a free descriptor for the wake-up at birth, look for requests once a second.
     const int patience = curl_multi_wakeup(multi) == CURLM_OK ? INT_MAX : 1000;
+    keepFromChildren(free);
     for (;;) {
       if (Parking::shared().closing()) Parking::shared().stayFor(this);
       if (!acceptWaiting(multi)) return;
@@ -289,6 +331,10 @@ void KLVHTTPSession::start(HTTPRequest request, HTTPCompletion completion) {
 
 std::size_t KLVHTTPSession::unfinished() const {
   return impl_->unfinished();
+}
+
+void KLVHTTPSession::parkAtExit() {
+  if (!inForkedChild()) Parking::shared().closeAndWait();
 }
 
 }  // namespace kelvo

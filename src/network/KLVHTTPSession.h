@@ -42,6 +42,10 @@ class KLVHTTPSession {
   /// Requests whose completion has not returned yet.
   [[nodiscard]] std::size_t unfinished() const;
 
+  /// Parks the network threads for good and waits for that, half a second at most. Runs by itself before the TLS
+  /// library takes itself down; the last exit hook calls it for a process that ends before the TLS library is set up.
+  static void parkAtExit();
+
  private:
   struct Impl;
   std::shared_ptr<Impl> impl_;

@@ -20,9 +20,10 @@ std::optional<std::string> encodedURL(const std::string& text) {
   return encoded;
 }
 
-/// `baseURL` followed by `path`. Without a base URL the text is empty, which ends the request in an error that says so.
+/// `baseURL` followed by `path`. Without a base URL, or with one that is none, the text is empty, which ends the
+/// request in an error that says so: a start that got no answer at all would never end.
 std::optional<std::string> appendedURL(const std::string& baseURL, const std::string& path) {
-  if (baseURL.empty()) return std::string();
+  if (!HTTPURL::parse(baseURL)) return std::string();
   return encodedURL(baseURL + path);
 }
 

@@ -5,9 +5,9 @@
 namespace kelvo {
 
 /// Facts about the machine and its screen.
-struct ScreenSize {
-  float width = 0;   ///< points
-  float height = 0;  ///< points
+struct alignas(8) ScreenSize {  // so that every compiler reads and writes it at once, without a lock
+  float width = 0;              ///< points
+  float height = 0;             ///< points
 };
 
 class Device {

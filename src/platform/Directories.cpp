@@ -52,12 +52,7 @@ std::optional<std::string> sharedDataDirectory() {
 }
 
 std::string root() {
-  if (const auto given = environment("KELVO_HOME")) {
-    std::error_code failure;
-    const auto absolute = std::filesystem::absolute(*given, failure);  // the host may change its directory later
-    return failure ? *given : absolute.string();
-  }
-  if (const auto data = sharedDataDirectory()) return joinPath(*data, Bundle::main().storageName());
+  if (auto home = Directories::homeFor(Bundle::main())) return *std::move(home);
   reportProblem(__PRETTY_FUNCTION__, "there is no home directory: nothing can be stored (set KELVO_HOME or HOME)");
   return kNowhere;
 }
@@ -91,6 +86,16 @@ const std::string& Directories::library() {
 }
 const std::string& Directories::documents() {
   return paths().documents;
+}
+
+std::optional<std::string> Directories::homeFor(const Bundle& bundle) {
+  if (const auto given = environment("KELVO_HOME")) {
+    std::error_code failure;
+    const auto absolute = std::filesystem::absolute(*given, failure);  // the host may change its directory later
+    return failure ? *given : absolute.string();
+  }
+  const auto data = sharedDataDirectory();
+  return data ? std::optional(joinPath(*data, bundle.storageName())) : std::nullopt;
 }
 
 std::string Directories::inLibrary(std::string_view relativePath) {

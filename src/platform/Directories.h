@@ -1,9 +1,12 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace kelvo {
+
+class Bundle;
 
 /// Where this process keeps its files; both directories are private to the user and made on first use.
 ///
@@ -18,6 +21,9 @@ class Directories {
 
   /// The full path of a file that is named relative to the Library directory.
   static std::string inLibrary(std::string_view relativePath);
+
+  /// The directory that a program with `bundle` keeps both in; nothing is made. nullopt without any home.
+  static std::optional<std::string> homeFor(const Bundle& bundle);
 };
 
 }  // namespace kelvo

@@ -55,9 +55,13 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
     if (kind == Kind::concurrent) {
       return postToPool([self = shared_from_this(), ownTask = std::move(task)] { self->runReporting(ownTask); });
     }
-    const std::lock_guard lock(mutex);
-    items.push_back({std::move(task)});
-    if (!owned) schedule();
+    bool isFirst = false;
+    {
+      const std::lock_guard lock(mutex);
+      items.push_back({std::move(task)});
+      isFirst = !owned && !std::exchange(scheduled, true);
+    }
+    if (isFirst) postDrain();  // the thread that it wakes finds the mutex free
   }
 
   /// Drains on the calling thread up to the caller's place in the queue, and makes it the owner.
@@ -130,8 +134,10 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
   }
 
   void schedule() {
-    if (scheduled) return;
-    scheduled = true;
+    if (!std::exchange(scheduled, true)) postDrain();
+  }
+
+  void postDrain() {
     postToPool([self = shared_from_this()] { self->drainOnPool(); });
   }
 
@@ -139,7 +145,7 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
   std::deque<Item> items;
   std::size_t tickets = 0;  // among them
   bool owned = false;
-  bool scheduled = false;  // a drain was posted and has not begun
+  bool scheduled = false;  // a drain is being posted or was, and has not begun
 };
 
 DispatchQueue::DispatchQueue(std::string label, Kind kind) : state_(std::make_shared<State>(std::move(label), kind)) {}

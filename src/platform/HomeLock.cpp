@@ -3,10 +3,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <string_view>
+
 #include "platform/Directories.h"
+#include "platform/Files.h"
 
 namespace kelvo {
 namespace {
+
+constexpr std::string_view kLockFile = "com.kelvo.lock";
 
 /// A record lock, not flock: it names its holder, and a forked child does not inherit it.
 struct flock wholeFile() {
@@ -16,17 +21,30 @@ struct flock wholeFile() {
   return region;
 }
 
+std::optional<pid_t> holder(int file) {
+  auto region = wholeFile();
+  if (::fcntl(file, F_GETLK, &region) != 0 || region.l_type == F_UNLCK) return std::nullopt;
+  return region.l_pid;
+}
+
 }  // namespace
 
 std::optional<pid_t> HomeLock::takeOrFindHolder() {
-  const int file = ::open(Directories::inLibrary("com.kelvo.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const int file = ::open(Directories::inLibrary(kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (file < 0) return std::nullopt;
   auto region = wholeFile();
   if (::fcntl(file, F_SETLK, &region) == 0) return std::nullopt;  // stays open: closing would let go of the lock
-  std::optional<pid_t> holder;
-  if (region = wholeFile(); ::fcntl(file, F_GETLK, &region) == 0 && region.l_type != F_UNLCK) holder = region.l_pid;
+  const auto found = holder(file);
   ::close(file);
-  return holder;
+  return found;
+}
+
+std::optional<pid_t> HomeLock::holderOf(const std::string& library) {
+  const int file = ::open(joinPath(library, kLockFile).c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return std::nullopt;
+  const auto found = holder(file);
+  ::close(file);
+  return found;
 }
 
 }  // namespace kelvo

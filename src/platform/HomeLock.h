@@ -1,7 +1,9 @@
 #pragma once
 
 #include <sys/types.h>
+
 #include <optional>
+#include <string>
 
 namespace kelvo {
 
@@ -12,6 +14,9 @@ class HomeLock {
   /// Takes the lock; the id of the process that holds it when that is another one. A home in which no lock file can be
   /// made is nobody's, and counts as taken by this process.
   [[nodiscard]] static std::optional<pid_t> takeOrFindHolder();
+
+  /// The process that uses the home with this Library directory now; nothing is taken or made.
+  [[nodiscard]] static std::optional<pid_t> holderOf(const std::string& library);
 };
 
 }  // namespace kelvo

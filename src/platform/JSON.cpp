@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/src.hpp>  // the library's only one: Boost.JSON is compiled here
 #include <charconv>
@@ -33,7 +34,8 @@ class Writer {
     if (const auto* flag = value.get<bool>()) return add(*flag ? "true" : "false");
     if (const auto* number = value.get<float>()) return writeFloating(*number, value);
     if (const auto* number = value.get<double>()) return writeFloating(*number, value);
-    if (value.isInteger()) return add(description(value));
+    if (const auto* number = value.get<std::int64_t>()) return writeInteger(*number);
+    if (const auto* number = value.get<std::uint64_t>()) return writeInteger(*number);
     if (value.get<Data>() != nullptr) return refuse("bytes", value);
     if (value.get<Date>() != nullptr) return refuse("a date", value);
     return add("null");
@@ -48,14 +50,41 @@ class Writer {
     return true;
   }
 
+  /// Most texts need no escape and are copied as they are.
   bool writeText(std::string_view content) {
-    serializer_.reset(json::string_view(content.data(), content.size()));
-    char buffer[1024];
-    while (!serializer_.done()) {
-      const auto piece = serializer_.read(buffer);
-      text.append(piece.data(), piece.size());
+    text += '"';
+    std::size_t written = 0;
+    for (std::size_t i = 0; i < content.size(); ++i) {
+      const auto character = static_cast<unsigned char>(content[i]);
+      if (character >= 0x20 && character != '"' && character != '\\') continue;
+      text += content.substr(written, i - written);
+      writeEscaped(character);
+      written = i + 1;
     }
+    text += content.substr(written);
+    text += '"';
     return true;
+  }
+
+  void writeEscaped(unsigned char character) {
+    constexpr std::string_view kShort = "\bb\tt\nn\ff\rr\"\"\\\\";  // character and letter in turn
+    for (std::size_t i = 0; i < kShort.size(); i += 2) {
+      if (static_cast<unsigned char>(kShort[i]) != character) continue;
+      text += '\\';
+      text += kShort[i + 1];
+      return;
+    }
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    text += "\\u00";
+    text += kDigits[character >> 4U];
+    text += kDigits[character & 15U];
+  }
+
+  template <class Integer>
+  bool writeInteger(Integer number) {
+    std::array<char, 24> digits{};
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    return add({digits.data(), static_cast<std::size_t>(end - digits.data())});
   }
 
   /// With a fraction or an exponent always, so that it is read back as the floating number it was.
@@ -105,7 +134,6 @@ class Writer {
   }
 
   Mode mode_;
-  json::serializer serializer_;
 };
 
 // --- Reading

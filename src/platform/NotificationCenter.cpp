@@ -9,9 +9,9 @@
 namespace kelvo {
 namespace {
 
-void call(const NotificationCenter::Handler& handler) {
+void call(const NotificationCenter::InfoHandler& handler, const std::any& userInfo) {
   try {
-    handler();
+    handler(userInfo);
   } catch (const std::exception& exception) {
     reportProblem("NotificationCenter", std::string("A handler threw: ") + exception.what());
   } catch (...) {
@@ -27,6 +27,10 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 }
 
 NotificationCenter::Observation NotificationCenter::observe(std::string_view name, Handler handler) {
+  return observe(name, [plain = std::move(handler)](const std::any&) { plain(); });
+}
+
+NotificationCenter::Observation NotificationCenter::observe(std::string_view name, InfoHandler handler) {
   auto entry = std::make_shared<Entry>(Entry{std::string(name), std::move(handler)});
   const std::lock_guard lock(mutex_);
   entries_.erase(std::remove_if(entries_.begin(), entries_.end(), [](const auto& weak) { return weak.expired(); }),
@@ -35,7 +39,7 @@ NotificationCenter::Observation NotificationCenter::observe(std::string_view nam
   return Observation(std::move(entry));
 }
 
-void NotificationCenter::post(std::string_view name) {
+void NotificationCenter::post(std::string_view name, const std::any& userInfo) {
   std::vector<std::weak_ptr<Entry>> entries;
   {
     const std::lock_guard lock(mutex_);
@@ -43,7 +47,7 @@ void NotificationCenter::post(std::string_view name) {
   }
   // Looked up one by one: an earlier handler may end a later subscription.
   for (const auto& weak : entries) {
-    if (const auto entry = weak.lock(); entry != nullptr && entry->name == name) call(entry->handler);
+    if (const auto entry = weak.lock(); entry != nullptr && entry->name == name) call(entry->handler, userInfo);
   }
 }
 

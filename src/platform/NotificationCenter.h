@@ -1,5 +1,6 @@
 #pragma once
 
+#include <any>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -19,6 +20,8 @@ inline constexpr std::string_view kApplicationWillResignActive = "UIApplicationW
 class NotificationCenter {
  public:
   using Handler = std::function<void()>;
+  /// For those that want what the notification carries: empty, or of the type that all posts of its name agree on.
+  using InfoHandler = std::function<void(const std::any& userInfo)>;
 
   /// The subscription: ends when it dies or is reset. A handler that already runs on another thread is not
   /// waited for.
@@ -35,12 +38,13 @@ class NotificationCenter {
   static NotificationCenter& defaultCenter();
 
   [[nodiscard]] Observation observe(std::string_view name, Handler handler);
-  void post(std::string_view name);
+  [[nodiscard]] Observation observe(std::string_view name, InfoHandler handler);
+  void post(std::string_view name, const std::any& userInfo = {});
 
  private:
   struct Entry {
     std::string name;
-    Handler handler;
+    InfoHandler handler;
   };
   std::mutex mutex_;
   std::vector<std::weak_ptr<Entry>> entries_;

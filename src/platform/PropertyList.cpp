@@ -7,6 +7,8 @@
 #include <limits>
 #include <memory>
 
+#include "platform/ClassicLocale.h"
+
 namespace kelvo {
 namespace {
 
@@ -81,12 +83,22 @@ class BinaryShape {
     return result;
   }
 
-  bool visit(std::uint64_t object, int depth) {
+  /// The parser ends the process at a key with a zero in it.
+  [[nodiscard]] bool isWholeKey(std::uint64_t kind, std::uint64_t offset, std::uint64_t count) const {
+    constexpr std::uint64_t kWideText = 6;  // two bytes a character; others have one
+    const std::uint64_t width = kind == kWideText ? 2 : 1;
+    for (std::uint64_t i = 0; i < count; ++i) {
+      if (number(offset + i * width, width) == 0) return false;
+    }
+    return true;
+  }
+
+  bool visit(std::uint64_t object, int depth, bool asKey = false) {
     if (object >= objects_ || depth > kDeepestNesting || --budget_ < 0) return false;
     std::uint64_t offset = number(table_ + object * offsetSize_, offsetSize_);
     const std::uint64_t marker = number(offset, 1);
     const std::uint64_t kind = marker >> 4;
-    if (kind != 0xA && kind != 0xD) return true;
+    if (kind != 0xA && kind != 0xD && !asKey) return true;
     ++offset;
     std::uint64_t count = marker & 0xF;
     if (count == 0xF) {  // the count did not fit and follows as an integer of its own
@@ -95,9 +107,10 @@ class BinaryShape {
       offset += 1 + size;
     }
     if (count > text_.size()) return false;
-    if (kind == 0xD) count *= 2;  // keys, then values
-    for (std::uint64_t i = 0; i < count; ++i) {
-      if (!visit(number(offset + i * referenceSize_, referenceSize_), depth + 1)) return false;
+    if (kind != 0xA && kind != 0xD) return isWholeKey(kind, offset, count);
+    const std::uint64_t keys = kind == 0xD ? count : 0;
+    for (std::uint64_t i = 0; i < keys + count; ++i) {
+      if (!visit(number(offset + i * referenceSize_, referenceSize_), depth + 1, i < keys)) return false;
     }
     return true;
   }
@@ -254,6 +267,7 @@ std::optional<Value> parsePropertyList(std::string_view text, std::string* error
   if (binary ? !BinaryShape(text).isShallow() : !isShallowXML(text)) {
     return refused(error, "it is damaged or nests too deep");
   }
+  const InClassicLocale numbersWithAPoint;
   plist_t root = nullptr;
   plist_from_memory(text.data(), size, &root);
   if (root == nullptr) return refused(error, "it is no property list");
@@ -262,6 +276,7 @@ std::optional<Value> parsePropertyList(std::string_view text, std::string* error
 }
 
 std::string serialisePropertyList(const Dictionary& content) {
+  const InClassicLocale numbersWithAPoint;
   const Node root(dictionaryNode(content, 1));
   char* text = nullptr;
   std::uint32_t size = 0;

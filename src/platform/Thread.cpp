@@ -54,7 +54,9 @@ bool startThread(const char* name, std::function<void()> body) {
   std::string shortName = std::string(name).substr(0, kLongestName);
   try {
     const InheritedSignalMask mask;
-    std::thread([ownName = shortName, ownBody = std::move(body)] { runThread(ownName, ownBody); }).detach();
+    std::thread thread([ownName = shortName, ownBody = std::move(body)] { runThread(ownName, ownBody); });
+    pthread_setname_np(thread.native_handle(), shortName.c_str());  // here, too: whoever looks first finds the name
+    thread.detach();
     return true;
   } catch (const std::system_error& error) {
     reportProblem("Thread", shortName + " could not be started: " + error.what());

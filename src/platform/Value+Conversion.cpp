@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "kelvo/Value.h"
+#include "platform/ClassicLocale.h"
 #include "platform/JSON.h"
 
 namespace kelvo {
@@ -46,7 +47,7 @@ double leadingDouble(std::string_view text) {
     return result;
   }
   constexpr double kLargest = std::numeric_limits<double>::max();
-  const double rough = std::strtod(std::string(text).c_str(), nullptr);  // tells too large from too small
+  const double rough = ::strtod_l(std::string(text).c_str(), nullptr, classicLocale());  // too large, or too small?
   return std::isinf(rough) ? std::copysign(kLargest, rough) : rough;
 }
 

@@ -169,6 +169,8 @@ struct Dictionary::Rep : Shared {
 };
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries) {
+  if (entries.size() == 0) return;
+  own().entries.reserve(entries.size());
   for (const Entry& entry : entries) set(entry.first, entry.second);
 }
 Dictionary::Dictionary(const Dictionary& other) noexcept : rep_(retained(other.rep_)) {}

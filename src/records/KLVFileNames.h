@@ -15,6 +15,8 @@ inline constexpr std::string_view kKLVSDKFrequencyConfig = "com.kelvo.frequency.
 inline constexpr std::string_view kKLVClientEventsPath = "com.kelvo.SDK.clientevents";
 inline constexpr std::string_view kKLVSDKPIDMIDForRTA = "com.kelvo.SDK.rta.pidmid";
 inline constexpr std::string_view kKLVSDKPIDMIDForSurvey = "com.kelvo.SDK.survey.pidmid";
+inline constexpr std::string_view kKLVSDKRTAConfigLocation = "com.kelvo.SDK.v2.rta.config.json";
+inline constexpr std::string_view kKLVSDKSurveyConfigLocation = "com.kelvo.SDK.v2.survey.config.json";
 inline constexpr std::string_view kKLVSdkConfigLocation = "com.kelvo.SDK.config.json";
 inline constexpr std::string_view kKLVSDKEnableStatusConfig = "com.kelvo.SDK.enable.status.json";
 

@@ -25,6 +25,24 @@ FMKLVDatabase::~FMKLVDatabase() {
   close();
 }
 
+std::string FMKLVDatabase::FMDBUserVersion() {
+  return "2.5";
+}
+
+int FMKLVDatabase::FMDBVersion() {
+  static const int version = [] {
+    auto text = FMDBUserVersion();
+    if (std::count(text.begin(), text.end(), '.') < 2) text += ".0";
+    text.erase(std::remove(text.begin(), text.end(), '.'), text.end());
+    return std::stoi(text, nullptr, 16);
+  }();
+  return version;
+}
+
+std::string FMKLVDatabase::sqliteLibVersion() {
+  return sqlite3_libversion();
+}
+
 bool FMKLVDatabase::isSQLiteThreadSafe() noexcept {
   return sqlite3_threadsafe() != 0;
 }
@@ -32,20 +50,22 @@ bool FMKLVDatabase::isSQLiteThreadSafe() noexcept {
 bool FMKLVDatabase::open() {
   if (isOpen()) return true;
   sqlite3* handle = nullptr;
-  const int code = sqlite3_open(databasePath_ ? databasePath_->c_str() : ":memory:", &handle);
+  const int code = sqlite3_open(sqlitePath(), &handle);
   return adopt(handle, code);
 }
 
 bool FMKLVDatabase::openWithFlags(int flags) {
   if (isOpen()) return true;
   sqlite3* handle = nullptr;
-  const int code = sqlite3_open_v2(databasePath_ ? databasePath_->c_str() : ":memory:", &handle, flags, nullptr);
+  const int code = sqlite3_open_v2(sqlitePath(), &handle, flags, nullptr);
   return adopt(handle, code);
 }
 
 bool FMKLVDatabase::adopt(sqlite3* handle, int code) {
+  forgetFailure();
   if (code != SQLITE_OK) {
     KLV_ERROR("error opening!: {}", code);
+    keepFailure({"FMDatabase", code, sqlite3_errmsg(handle)});
     sqlite3_close(handle);  // there is one even after a failure
     return false;
   }
@@ -55,12 +75,18 @@ bool FMKLVDatabase::adopt(sqlite3* handle, int code) {
 }
 
 bool FMKLVDatabase::close() {
-  if (inForkedChild()) {  // closing would write to the file that the parent still works on
-    db_ = nullptr;
-    return true;
-  }
+  clearCachedStatements();
   closeOpenResultSets();
-  if (!isOpen()) return true;
+  forgetFailure();
+  // In a forked child, closing would write to the file that the parent still works on.
+  if (isOpen() && !inForkedChild()) closeHandle();
+  db_ = nullptr;
+  forgetFunctions();
+  connectionDidClose();
+  return true;
+}
+
+void FMKLVDatabase::closeHandle() {
   int code = sqlite3_close(db_);
   if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
     while (sqlite3_stmt* leaked = sqlite3_next_stmt(db_, nullptr)) {
@@ -70,18 +96,23 @@ bool FMKLVDatabase::close() {
     code = sqlite3_close(db_);
   }
   if (code != SQLITE_OK) KLV_ERROR("error closing!: {}", code);
-  db_ = nullptr;
-  inTransaction_ = false;
-  return true;
+}
+
+bool FMKLVDatabase::goodConnection() {
+  if (!isOpen()) return false;
+  const auto tables = executeQuery("select name from sqlite_master where type='table'");
+  FMKLVError error;
+  return tables && (tables->nextWithError(&error) || error.code == SQLITE_OK);
 }
 
 std::string FMKLVDatabase::description() const {
   return fmt::format("<FMKLVDatabase: {}>", fmt::ptr(this));
 }
 
-bool FMKLVDatabase::databaseExists() const {
+bool FMKLVDatabase::databaseExists() {
   if (isOpen()) return true;
   KLV_ERROR("The FMDatabase {} is not open.", description());
+  keepFailure({"FMDatabase", SQLITE_MISUSE, "The connection is not open"});
   return false;
 }
 
@@ -119,42 +150,40 @@ int FMKLVDatabase::busyHandler(void* database, int count) {
   return 1;
 }
 
+int FMKLVDatabase::busyRetryTimeout() const {
+  KLV_WARN("FMDB: busyRetryTimeout no longer works, please use maxBusyRetryTimeInterval");
+  return -1;
+}
+
+void FMKLVDatabase::setBusyRetryTimeout(int) {
+  KLV_WARN("FMDB: setBusyRetryTimeout does nothing, please use setMaxBusyRetryTimeInterval:");
+}
+
 std::string FMKLVDatabase::lastErrorMessage() const {
-  return sqlite3_errmsg(db_);
+  if (failure_) return failure_->message;
+  return isOpen() ? sqlite3_errmsg(db_) : "";
 }
 
 int FMKLVDatabase::lastErrorCode() const noexcept {
-  return sqlite3_errcode(db_);
+  if (failure_) return failure_->code;
+  return isOpen() ? sqlite3_errcode(db_) : SQLITE_OK;
+}
+
+void FMKLVDatabase::noteFailure(int code) {
+  if (code == sqlite3_errcode(db_) && code < SQLITE_ROW) return;
+  keepFailure({"FMDatabase", code, sqlite3_errstr(code)});
 }
 
 FMKLVError FMKLVDatabase::errorWithMessage(std::string message) const {
   return {"FMDatabase", lastErrorCode(), std::move(message)};
 }
 
-bool FMKLVDatabase::beginTransaction() {
-  const bool begun = executeUpdate("begin exclusive transaction");
-  if (begun) inTransaction_ = true;
-  return begun;
+std::int64_t FMKLVDatabase::lastInsertRowId() const noexcept {
+  return isOpen() ? sqlite3_last_insert_rowid(db_) : 0;
 }
 
-bool FMKLVDatabase::beginDeferredTransaction() {
-  const bool begun = executeUpdate("begin deferred transaction");
-  if (begun) inTransaction_ = true;
-  return begun;
-}
-
-bool FMKLVDatabase::commit() {
-  const bool committed = executeUpdate("commit transaction");
-  if (committed) inTransaction_ = false;
-  return committed;
-}
-
-bool FMKLVDatabase::rollback() {
-  // After a full disk, for one, SQLite has rolled back on its own and would refuse to do it again.
-  const bool undone =
-      (inTransaction_ && isOpen() && sqlite3_get_autocommit(db_) != 0) || executeUpdate("rollback transaction");
-  if (undone) inTransaction_ = false;
-  return undone;
+int FMKLVDatabase::changes() const noexcept {
+  return isOpen() ? sqlite3_changes(db_) : 0;
 }
 
 void FMKLVDatabase::closeOpenResultSets() {

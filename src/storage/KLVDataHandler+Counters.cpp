@@ -3,6 +3,7 @@
 #include <limits>
 #include <utility>
 
+#include "storage/KLVCountCache.h"
 #include "storage/KLVDataHandler.h"
 #include "storage/KLVDataHandlerJobs.h"
 #include "storage/KLVSchema.h"
@@ -15,21 +16,42 @@ std::optional<Dictionary> first(std::vector<Dictionary> rows) {
   return rows.empty() ? std::nullopt : std::optional(std::move(rows.front()));
 }
 
-std::optional<Dictionary> lifetimeEvent(KLVPersistantStore& store, const std::string& name) {
-  return first(store.retrieveDataWithTableName(kKLVLifetimeEvents, kKLVLifetimeEventName, name));
+/// The statements on a name with a quote in it fail, each with its log lines; they are not to be spared.
+bool isRemembered(const std::string& name) {
+  return name.find('\'') == std::string::npos;
 }
 
-bool countLifetimeEvent(KLVPersistantStore& store, const std::string& name) {
+std::optional<std::int64_t> lifetimeCount(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name) {
+  const auto generation = store.rollbacks();
+  if (const auto known = cache.find(name, generation)) return known;
+  const auto row = first(store.retrieveDataWithTableName(kKLVLifetimeEvents, kKLVLifetimeEventName, name));
+  if (!row) return std::nullopt;
+  const std::int64_t count = (*row)[kKLVLifetimeCount].asInt64();
+  cache.found(name, count, generation);
+  return count;
+}
+
+void remember(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name, std::int64_t count) {
+  if (isRemembered(name)) cache.written(name, count, store.rollbacks());
+}
+
+bool countLifetimeEvent(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name) {
   Dictionary counted;
-  if (const auto row = lifetimeEvent(store, name)) {
-    counted.set(kKLVLifetimeCount, (*row)[kKLVLifetimeCount].asInt64() + 1);
-    if (store.updateDataWithTableName(kKLVLifetimeEvents, counted, kKLVLifetimeEventName, name)) return true;
+  if (const auto count = lifetimeCount(store, cache, name)) {
+    counted.set(kKLVLifetimeCount, *count + 1);
+    if (store.updateDataWithTableName(kKLVLifetimeEvents, counted, kKLVLifetimeEventName, name)) {
+      remember(store, cache, name, *count + 1);
+      return true;
+    }
     if (KLVPersistantStore::reportsFailures()) KLV_ERROR("Couldn't update lifetime event count");
     return false;
   }
   counted.set(kKLVLifetimeEventName, name);
   counted.set(kKLVLifetimeCount, 1);
-  if (store.insertDataWithTableName(kKLVLifetimeEvents, counted)) return true;
+  if (store.insertDataWithTableName(kKLVLifetimeEvents, counted)) {
+    remember(store, cache, name, 1);
+    return true;
+  }
   if (KLVPersistantStore::reportsFailures()) KLV_ERROR("Couldn't insert lifetime event");
   return false;
 }
@@ -38,13 +60,16 @@ bool countLifetimeEvent(KLVPersistantStore& store, const std::string& name) {
 
 void KLVDataHandler::upsertLifetimeEvent(std::shared_ptr<KLVEvent> event) {
   if (!event) return;
-  jobs_->write(
-      [event = std::move(event)](KLVPersistantStore& store) { return countLifetimeEvent(store, event->identifier()); });
+  jobs_->write([cache = lifetimeCounts_, name = event->identifier()](KLVPersistantStore& store) {
+    return countLifetimeEvent(store, *cache, name);
+  });
 }
 
 std::optional<Dictionary> KLVDataHandler::retrieveLifetimeEventWithName(const std::string& name) {
   auto* store = jobs_->store();
-  return store == nullptr ? std::nullopt : lifetimeEvent(*store, name);
+  const auto count = store == nullptr ? std::nullopt : lifetimeCount(*store, *lifetimeCounts_, name);
+  if (!count) return std::nullopt;
+  return Dictionary{{std::string(kKLVLifetimeEventName), name}, {std::string(kKLVLifetimeCount), *count}};
 }
 
 void KLVDataHandler::saveAggregateEventInfo(std::shared_ptr<KLVEvent> event, const std::string& /*identifier*/) {

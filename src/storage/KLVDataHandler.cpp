@@ -1,13 +1,18 @@
 #include "storage/KLVDataHandler.h"
 
+#include <exception>
 #include <utility>
 
+#include "storage/KLVCountCache.h"
 #include "storage/KLVDataHandlerJobs.h"
 #include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
+
+/// Some hundred kilobytes, and a few dozen milliseconds of work.
+constexpr std::size_t kMostWaitingWrites = 2048;
 
 /// The events table of one session.
 std::string suffixIdentifierToTableName(const std::string& identifier, std::string_view table) {
@@ -21,7 +26,9 @@ std::string eventsTable(const std::string& identifier) {
 }  // namespace
 
 KLVDataHandler::KLVDataHandler(std::string identifier)
-    : sessionIdentifier_(std::move(identifier)), jobs_(std::make_shared<KLVDataHandlerJobs>()) {
+    : sessionIdentifier_(std::move(identifier)),
+      jobs_(std::make_shared<KLVDataHandlerJobs>()),
+      lifetimeCounts_(std::make_shared<KLVCountCache>()) {
   KLV_DEBUG("Init data handler with identifier: {}", sessionIdentifier_);
 }
 
@@ -38,9 +45,17 @@ void KLVDataHandler::startWithCompletionHandler(const std::function<void()>& com
 }
 
 void KLVDataHandler::saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier) {
-  if (!event) return;
-  jobs_->write([event = std::move(event), identifier = std::move(identifier)](KLVPersistantStore& store) {
-    return store.insertDataWithTableName(eventsTable(identifier), event->jsonDict());
+  if (!event || jobs_->store() == nullptr) return;
+  // The storage form is made at once: of a burst, thousands wait, and it is much smaller than the event.
+  Dictionary row;
+  try {
+    row = event->jsonDict();
+  } catch (const std::exception& error) {
+    KLV_ERROR("{}", error.what());
+    return;
+  }
+  jobs_->write([row = std::move(row), identifier = std::move(identifier)](KLVPersistantStore& store) {
+    return store.insertDataWithTableName(eventsTable(identifier), row);
   });
 }
 
@@ -88,6 +103,10 @@ void KLVDataHandler::deleteSession(std::string identifier) {
 
 void KLVDataHandler::writeTogether(const std::function<void()>& submit) {
   jobs_->writeTogether(submit);
+}
+
+void KLVDataHandler::catchUp() {
+  if (jobs_->waitingWrites() > kMostWaitingWrites) jobs_->sync([] {});
 }
 
 void KLVDataHandler::whenStored(std::function<void()> done) {

@@ -17,6 +17,7 @@
 
 namespace kelvo {
 
+class KLVCountCache;
 class KLVDataHandlerJobs;
 
 /// Decides what is kept in which table, file or key.
@@ -87,6 +88,10 @@ class KLVDataHandler {
   /// What `submit` deletes, on the calling thread, goes in one transaction: a kill leaves all of it or nothing.
   void writeTogether(const std::function<void()>& submit);
 
+  /// While many writes wait, does not return before they are done, some of them on the calling thread. For threads of
+  /// the library that make writes faster than the disk takes them.
+  void catchUp();
+
   /// Calls `done` on the handler's queue once all that was submitted so far is stored.
   void whenStored(std::function<void()> done);
 
@@ -97,6 +102,7 @@ class KLVDataHandler {
 
   std::string sessionIdentifier_;
   std::shared_ptr<KLVDataHandlerJobs> jobs_;
+  std::shared_ptr<KLVCountCache> lifetimeCounts_;
 };
 
 }  // namespace kelvo

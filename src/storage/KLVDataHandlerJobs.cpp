@@ -42,6 +42,7 @@ void KLVDataHandlerJobs::write(KLVPersistantStore::Job job) {
     queue_.async([self = shared_from_this(), group = open_] { self->perform(group); });
   }
   open_->push_back(std::move(job));
+  waitingWrites_.fetch_add(1, std::memory_order_relaxed);
 }
 
 void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit) {
@@ -54,7 +55,7 @@ void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit) {
     submit();
   }
   async([self = shared_from_this(), group = std::move(group)] {
-    if (auto* target = self->store()) target->performGrouped(group);
+    if (auto* target = self->store()) target->performTogether(group);
   });
 }
 
@@ -66,8 +67,10 @@ void KLVDataHandlerJobs::perform(const std::shared_ptr<Group>& group) {
   auto* target = store();
   if (target == nullptr) return;
   for (auto next = group->begin(); next != group->end();) {
-    const auto last = next + std::min(kWritesPerTransaction, std::distance(next, group->end()));
+    const auto count = std::min(kWritesPerTransaction, std::distance(next, group->end()));
+    const auto last = next + count;
     target->performGrouped(Group(std::make_move_iterator(next), std::make_move_iterator(last)));
+    waitingWrites_.fetch_sub(static_cast<std::size_t>(count), std::memory_order_relaxed);
     next = last;
   }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -31,6 +32,8 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
   /// The writes that `submit` submits on this thread become one job and one transaction: all of them survive a kill,
   /// or none. Other jobs that it submits come before.
   void writeTogether(const std::function<void()>& submit);
+  /// Those of `write` that are not done yet.
+  [[nodiscard]] std::size_t waitingWrites() const noexcept { return waitingWrites_.load(std::memory_order_relaxed); }
   /// Submits any other job. One that throws is logged with the reason.
   void async(DispatchQueue::Task job);
   /// Runs `job` after all that was submitted before, and returns its result; at once from inside a job.
@@ -50,6 +53,7 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
   std::shared_ptr<Group> open_;  // the newest job on the queue, while it is a group that has not begun
   std::unique_ptr<KLVPersistantStore> owned_;
   std::atomic<KLVPersistantStore*> store_{nullptr};
+  std::atomic<std::size_t> waitingWrites_{0};
 };
 
 }  // namespace kelvo

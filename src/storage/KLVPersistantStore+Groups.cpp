@@ -27,7 +27,7 @@ class KLVPersistantStore::Transaction {
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
   ~Transaction() {
-    if (open_) static_cast<void>(store_.onDatabase(&FMKLVDatabase::rollback));
+    if (open_) store_.rollBack();
   }
   [[nodiscard]] bool isOpen() const noexcept { return open_; }
   [[nodiscard]] bool commit() {
@@ -45,8 +45,20 @@ bool KLVPersistantStore::reportsFailures() noexcept {
   return !tryingGroup;
 }
 
+void KLVPersistantStore::rollBack() {
+  onDatabase([this](FMKLVDatabase& db) {
+    static_cast<void>(db.rollback());
+    recordCounts_.clear();
+    ++rollbacks_;
+  });
+}
+
 void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
-  if (jobs.size() > 1 && performInOneTransaction(jobs)) return;
+  openAndMakeTables();
+  if (jobs.size() > 1) {
+    const GroupTrial trial;
+    if (performInOneTransaction(jobs)) return;
+  }
   for (const Job& job : jobs) {
     try {
       static_cast<void>(job(*this));  // it has logged its own failure
@@ -56,10 +68,14 @@ void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
   }
 }
 
+void KLVPersistantStore::performTogether(const std::vector<Job>& jobs) {
+  openAndMakeTables();
+  static_cast<void>(performInOneTransaction(jobs));  // the one that failed has logged it
+}
+
 bool KLVPersistantStore::performInOneTransaction(const std::vector<Job>& jobs) {
   std::vector<std::string> refusals;  // by jobs that threw: no reason to give the others up
   {
-    const GroupTrial trial;
     Transaction transaction(*this);
     if (!transaction.isOpen()) return false;
     for (const Job& job : jobs) {

@@ -82,17 +82,22 @@ std::optional<FMKLVError> prepareConnection(FMKLVDatabaseQueue& queue) {
 }  // namespace
 
 KLVPersistantStore::KLVPersistantStore() {
-  createDBDirectory();
-  const auto path = getDBPathForIdentifier(kKLVDatabaseFile);
-  KLV_DEBUG("dbpath: {}", path);
-  if (const auto marker = corruptionMarker(); fileExists(marker)) {
-    if (!fileExists(path) || setAside(path, "found at an earlier run")) static_cast<void>(removeItem(marker));
-  }
-  db_ = openDatabase(path);
+  KLV_DEBUG("dbpath: {}", getDBPathForIdentifier(kKLVDatabaseFile));
+  open();
   KLV_DEBUG("SQLite Thread Safe: {}", FMKLVDatabase::isSQLiteThreadSafe() ? "YES" : "NO");
 }
 
 KLVPersistantStore::~KLVPersistantStore() = default;
+
+void KLVPersistantStore::open() {
+  createDBDirectory();
+  const auto path = getDBPathForIdentifier(kKLVDatabaseFile);
+  if (const auto marker = corruptionMarker(); fileExists(marker)) {
+    if (!fileExists(path) || setAside(path, "found at an earlier run")) static_cast<void>(removeItem(marker));
+  }
+  db_ = openDatabase(path);
+  opened_.store(db_.get(), std::memory_order_release);
+}
 
 std::unique_ptr<FMKLVDatabaseQueue> KLVPersistantStore::openDatabase(const std::string& path) {
   makePrivate(path);
@@ -122,15 +127,16 @@ std::string KLVPersistantStore::getDBPathForIdentifier(std::string_view componen
 }
 
 void KLVPersistantStore::onDatabase(const FMKLVDatabaseQueue::Block& block) {
-  if (!db_) return;
-  db_->inDatabase([&](FMKLVDatabase& db) {
+  auto* const opened = opened_.load(std::memory_order_acquire);
+  if (opened == nullptr) return;
+  opened->inDatabase([&](FMKLVDatabase& db) {
     db.setLogsErrors(reportsFailures());
     block(db);
     noteCorruption(db);
   });
 }
 
-bool KLVPersistantStore::onDatabase(bool (FMKLVDatabase::*operation)()) {
+bool KLVPersistantStore::onDatabase(bool (FMKLVTransactions::*operation)()) {
   bool done = false;
   onDatabase([&](FMKLVDatabase& db) { done = (db.*operation)(); });
   return done;

@@ -1,7 +1,9 @@
 #include "storage/KLVPersistantStore.h"
 
 #include <fmt/format.h>
+#include <sqlite3.h>
 
+#include <limits>
 #include <utility>
 
 #include "kelvo/Value.h"
@@ -26,6 +28,17 @@ std::string joined(const Dictionary& parameters, std::string_view first, std::st
   return text;
 }
 
+/// The keys alone, each behind `mark`: " a, b" or " :a, :b".
+std::string joinedKeys(const Dictionary& parameters, std::string_view mark) {
+  std::string text;
+  std::string_view separator = " ";
+  for (const auto& entry : parameters) {
+    text.append(separator).append(mark).append(entry.first);
+    separator = ", ";
+  }
+  return text;
+}
+
 }  // namespace
 
 bool KLVPersistantStore::create(std::string_view table, std::string_view columns, bool failureIsError) {
@@ -39,7 +52,16 @@ bool KLVPersistantStore::create(std::string_view table, std::string_view columns
       KLV_DEBUG("create table failed: {}", db.lastErrorMessage());
     }
   });
+  if (!created) missingTables_.push_back({std::string(table), std::string(columns), failureIsError});
   return created;
+}
+
+void KLVPersistantStore::openAndMakeTables() {
+  if (db_ == nullptr) open();
+  if (db_ == nullptr) return;
+  for (const MissingTable& table : std::exchange(missingTables_, {})) {
+    static_cast<void>(create(table.name, table.columns, table.failureIsError));
+  }
 }
 
 bool KLVPersistantStore::createEventsTableWithTableName(std::string_view table) {
@@ -59,7 +81,7 @@ bool KLVPersistantStore::createLifetimeEventsTable() {
 }
 
 bool KLVPersistantStore::removeTableWithName(std::string_view table) {
-  return write(fmt::format("DROP TABLE IF EXISTS '{}'", table));
+  return writeAndForgetCount(table, fmt::format("DROP TABLE IF EXISTS '{}'", table));
 }
 
 std::vector<std::string> KLVPersistantStore::retrieveTableNames() {
@@ -83,7 +105,14 @@ KLVPersistantStore::Rows KLVPersistantStore::rows(const std::string& sql) {
 
 int KLVPersistantStore::retrieveNumberOfRecordsInTable(std::string_view table) {
   int count = 0;
-  onDatabase([&](FMKLVDatabase& db) { count = db.intForQuery(fmt::format("select COUNT(*) from '{}'", table)); });
+  onDatabase([&](FMKLVDatabase& db) {
+    if (const auto counted = recordCounts_.find(table); counted != recordCounts_.end()) {
+      count = counted->second;
+      return;
+    }
+    count = db.intForQuery(fmt::format("select COUNT(*) from '{}'", table));
+    if (db.lastErrorCode() == SQLITE_OK) recordCounts_.emplace(table, count);
+  });
   return count;
 }
 
@@ -133,22 +162,41 @@ KLVPersistantStore::Rows KLVPersistantStore::retrieveSetOfValuesFromTable(std::s
 
 bool KLVPersistantStore::write(const std::string& sql, const Parameters& parameters) {
   bool written = false;
+  onDatabase([&](FMKLVDatabase& db) { written = update(db, sql, parameters); });
+  return written;
+}
+
+bool KLVPersistantStore::update(FMKLVDatabase& db, const std::string& sql, const Parameters& parameters) {
+  const bool written = db.executeUpdate(sql, parameters);
+  if (!written && reportsFailures()) KLV_ERROR("KLVError {}: {}", db.lastErrorCode(), db.lastErrorMessage());
+  return written;
+}
+
+bool KLVPersistantStore::writeAndForgetCount(std::string_view table, const std::string& sql) {
+  bool written = false;
   onDatabase([&](FMKLVDatabase& db) {
-    written = db.executeUpdate(sql, parameters);
-    if (!written && reportsFailures()) KLV_ERROR("KLVError {}: {}", db.lastErrorCode(), db.lastErrorMessage());
+    written = update(db, sql, {});
+    if (const auto counted = recordCounts_.find(table); counted != recordCounts_.end()) recordCounts_.erase(counted);
   });
   return written;
 }
 
 std::string KLVPersistantStore::insertStatementWithTableName(std::string_view table, const Parameters& parameters) {
-  auto statement = fmt::format("INSERT INTO '{}' ({}) VALUES ({})", table, joined(parameters, " ", ", ", "{0}"),
-                               joined(parameters, " ", ", ", ":{0}"));
+  auto statement =
+      fmt::format("INSERT INTO '{}' ({}) VALUES ({})", table, joinedKeys(parameters, ""), joinedKeys(parameters, ":"));
   KLV_DEBUG("insert statement: {}", statement);
   return statement;
 }
 
 bool KLVPersistantStore::insertDataWithTableName(std::string_view table, const Parameters& parameters) {
-  return write(insertStatementWithTableName(table, parameters), parameters);
+  bool inserted = false;
+  const auto statement = insertStatementWithTableName(table, parameters);
+  onDatabase([&](FMKLVDatabase& db) {
+    inserted = update(db, statement, parameters);
+    const auto counted = inserted ? recordCounts_.find(table) : recordCounts_.end();
+    if (counted != recordCounts_.end() && counted->second < std::numeric_limits<int>::max()) ++counted->second;
+  });
+  return inserted;
 }
 
 bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const Parameters& values,
@@ -177,7 +225,7 @@ bool KLVPersistantStore::updateAggregateEventsCountRecordWithCount(int count, co
 }
 
 bool KLVPersistantStore::removeDataWithTableName(std::string_view table, std::string_view field, const Value& having) {
-  return write(fmt::format("delete from '{}' where {} = '{}'", table, field, description(having)));
+  return writeAndForgetCount(table, fmt::format("delete from '{}' where {} = '{}'", table, field, description(having)));
 }
 
 }  // namespace kelvo

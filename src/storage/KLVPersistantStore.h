@@ -1,7 +1,9 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -48,6 +50,7 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] std::vector<std::string> retrieveTableNames();
 
   // --- Reads.
+  /// Counted by SQLite once for each table, which reads all of it, and kept up to date from then on.
   [[nodiscard]] int retrieveNumberOfRecordsInTable(std::string_view table);
   /// Rows whose "identifier" lies from `from` to `to`, both included, ascending; without a column or a value, all.
   [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, std::uint64_t from, std::uint64_t to,
@@ -83,10 +86,15 @@ class KLVPersistantStore final : public KLVPersistentStore {
 
   /// Runs the jobs in order inside one transaction. When a statement fails, it is rolled back and the jobs run one by
   /// one, so that a failure costs its own job only, and is logged only then. A job that throws costs only itself,
-  /// too, and is logged with the reason.
+  /// too, and is logged with the reason. What a start could not do, the disk being full or all descriptors in use, is
+  /// tried again first: opening the database, and making its tables.
   void performGrouped(const std::vector<Job>& jobs);
+  /// The same for jobs of which all must have their effect, or none: when one fails, none is run again.
+  void performTogether(const std::vector<Job>& jobs);
   /// False while a group is tried whose failures come again one by one: a job then logs nothing of its own.
   [[nodiscard]] static bool reportsFailures() noexcept;
+  /// How many groups were rolled back; whoever remembers what was read or written compares.
+  [[nodiscard]] std::uint64_t rollbacks() const noexcept { return rollbacks_.load(); }
 
  private:
   class Transaction;
@@ -94,14 +102,32 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] static std::unique_ptr<FMKLVDatabaseQueue> openDatabase(const std::string& path);
   [[nodiscard]] bool performInOneTransaction(const std::vector<Job>& jobs);
   void onDatabase(const FMKLVDatabaseQueue::Block& block);
-  [[nodiscard]] bool onDatabase(bool (FMKLVDatabase::*operation)());
+  [[nodiscard]] bool onDatabase(bool (FMKLVTransactions::*operation)());
   [[nodiscard]] bool create(std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] Rows rows(const std::string& sql);
   [[nodiscard]] bool write(const std::string& sql, const Parameters& parameters = {});
+  [[nodiscard]] bool writeAndForgetCount(std::string_view table, const std::string& sql);
+  /// Inside a block of the database's queue.
+  [[nodiscard]] static bool update(FMKLVDatabase& db, const std::string& sql, const Parameters& parameters);
+  void open();
+  void openAndMakeTables();
+  void rollBack();
   void noteCorruption(const FMKLVDatabase& db);
 
   std::unique_ptr<FMKLVDatabaseQueue> db_;
-  bool foundCorrupt_ = false;  // touched on the database's queue only
+  std::atomic<FMKLVDatabaseQueue*> opened_{nullptr};  // `db_`, for any thread
+  std::atomic<std::uint64_t> rollbacks_{0};
+  // Touched on the database's queue only.
+  bool foundCorrupt_ = false;
+  std::map<std::string, int, std::less<>> recordCounts_;  // of the tables that were asked for
+
+  /// One that could not be made so far. Touched by one thread at a time, like `performGrouped`.
+  struct MissingTable {
+    std::string name;
+    std::string columns;
+    bool failureIsError;
+  };
+  std::vector<MissingTable> missingTables_;
 };
 
 }  // namespace kelvo

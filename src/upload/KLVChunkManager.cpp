@@ -13,6 +13,8 @@ namespace {
 
 constexpr double kDefaultIntervalSeconds = 30;
 constexpr std::uint64_t kRowsAtATime = 1000;
+/// One body for each connection that the HTTP client opens to a host, and two so that none of them runs dry.
+constexpr std::size_t kBodiesAtATime = 8;
 
 KLVChunkRow rowOf(const KLVChunkMetaInfo& meta) {
   const Dictionary info = meta.additionalInfo();
@@ -87,17 +89,24 @@ void KLVChunkManager::flush() {
 }
 
 void KLVChunkManager::checkChunkStatusAndCleanTables(const std::vector<KLVChunkRow>& rows) {
-  for (const KLVChunkRow& row : rows) {
-    if (!row.sent) sendChunk(row.sid, row.cid, row.start, row.end, false);
-  }
+  // In line behind the cuts, whose events are read by then; before the chunks that are sent again, which are of other
+  // sessions and may take as long as the service likes.
   for (const std::string& sid : deliveredSessions(rows)) {
-    delegate_.writeTogether([&] {
-      delegate_.deleteSession(sid);
-      delegate_.deleteItemAtPath(sid);
-      delegate_.deleteChunkMetaInfo(std::make_shared<KLVChunk>(sid));
-      delegate_.deleteAggregateEventsWithSessionId(sid);
-    });
+    inLine([this, sid] { purge(sid); });
   }
+  for (const KLVChunkRow& row : rows) {
+    if (row.sent) continue;
+    inLine([this, row] { sendChunk(row.sid, row.cid, row.start, row.end, false); });
+  }
+}
+
+void KLVChunkManager::purge(const std::string& sid) {
+  delegate_.writeTogether([&] {
+    delegate_.deleteSession(sid);
+    delegate_.deleteItemAtPath(sid);
+    delegate_.deleteChunkMetaInfo(std::make_shared<KLVChunk>(sid));
+    delegate_.deleteAggregateEventsWithSessionId(sid);
+  });
 }
 
 void KLVChunkManager::updateCurrentIndicies(std::uint64_t end) {
@@ -115,24 +124,28 @@ void KLVChunkManager::sendChunk(const std::optional<std::string>& sid, std::uint
     KLV_WARN("illegal arguments (end < start)");
     return;
   }
-  const KLVChunkDetails details = readEvents(*sid, start, end);
-  if (details.empty()) {
+  if (!hasEvents(*sid, start, end)) {
     KLV_INFO("No events to send, wait for next turn");
     return;
   }
   const Array reportingTimes{KLVTimer::sharedTimer().currentTimeInMillis()};
-  const auto meta = std::make_shared<KLVChunkMetaInfo>(*sid, cid, start, end, reportingTimes);
-  KLVChunk chunk(cid, *sid);
-  chunk.setInfo(reportingTimes, "reporting_times");
-  recordMeta(*sid, meta, end, shouldCreateNewEntryInMetaTable);
+  const KLVChunkRow chunk{KLVChunk::CMID(*sid, cid), *sid, cid, start, end, false};
+  recordMeta(chunk, reportingTimes, shouldCreateNewEntryInMetaTable);
+  if (!shouldCreateNewEntryInMetaTable) return buildAndPost(chunk, reportingTimes);  // it was in line already
+  inLine([this, chunk, reportingTimes] { buildAndPost(chunk, reportingTimes); });
+}
 
+void KLVChunkManager::buildAndPost(const KLVChunkRow& row, const Array& reportingTimes) {
+  KLVChunk chunk(row.cid, row.sid);
+  chunk.setInfo(reportingTimes, "reporting_times");
+  const KLVChunkDetails details = readEvents(row.sid, row.start, row.end);
   // This read waits for the writes before it: the meta row is in the database before the body leaves the process.
-  const Array aggregateEvents = delegate_.retrieveAggregateEventsWithSessionIdentifier(*sid);
+  const Array aggregateEvents = delegate_.retrieveAggregateEventsWithSessionIdentifier(row.sid);
   const auto user = delegate_.user();
   const auto currentSession = delegate_.session();
   Dictionary body;
   setForm(body, "sdk_info", delegate_.sdkInfo());
-  setForm(body, "session_info", delegate_.retrieveSessionInfoWithIdentifier(sid));
+  setForm(body, "session_info", delegate_.retrieveSessionInfoWithIdentifier(row.sid));
   setForm(body, "app_info", delegate_.appInfo());
   setForm(body, "device_info", delegate_.deviceInfo());
   body.set("chunk_meta", chunk.jsonDictModified());
@@ -154,11 +167,19 @@ KLVChunkDetails KLVChunkManager::readEvents(const std::string& sid, std::uint64_
   return details;
 }
 
-void KLVChunkManager::recordMeta(const std::string& sid, const std::shared_ptr<KLVChunkMetaInfo>& meta,
-                                 std::uint64_t end, bool shouldCreateNewEntryInMetaTable) {
-  const bool isCurrent = sid == currentSessionIdentifier_;
+bool KLVChunkManager::hasEvents(const std::string& sid, std::uint64_t start, std::uint64_t end) {
+  const auto any = [&](std::uint64_t last) {
+    return !delegate_.getEventsBetween(start, last, sid, KLVEventType::system).empty();
+  };
+  return any(start) || any(std::min(end, start + kRowsAtATime - 1));
+}
+
+void KLVChunkManager::recordMeta(const KLVChunkRow& chunk, const Array& reportingTimes,
+                                 bool shouldCreateNewEntryInMetaTable) {
+  const auto meta = std::make_shared<KLVChunkMetaInfo>(chunk.sid, chunk.cid, chunk.start, chunk.end, reportingTimes);
+  const bool isCurrent = chunk.sid == currentSessionIdentifier_;
   // Kept: the indices advance before the upload is known to succeed; a failed chunk is sent again from its row.
-  if (isCurrent) updateCurrentIndicies(end);
+  if (isCurrent) updateCurrentIndicies(chunk.end);
   if (isCurrent || shouldCreateNewEntryInMetaTable) {
     delegate_.saveChunkMetaInfo(meta);
   } else {
@@ -167,7 +188,7 @@ void KLVChunkManager::recordMeta(const std::string& sid, const std::shared_ptr<K
 }
 
 void KLVChunkManager::postChunk(const Dictionary& body, const std::string& chunkId) {
-  const auto completion = [this, chunkId](const auto&, const auto& response, const auto& error) {
+  const auto completion = [this, chunkId, place = takePlace()](const auto&, const auto& response, const auto& error) {
     const long statusCode = response ? response->statusCode : 0;
     if (error || statusCode != 200) {
       KLV_WARN("failed to send chunk - {}, responsecode - {}", chunkId, statusCode);
@@ -178,6 +199,37 @@ void KLVChunkManager::postChunk(const Dictionary& body, const std::string& chunk
   };
   delegate_.postDataToURL(byReplacing(kKLVSDKChunkURL, "<app-id>", delegate_.applicationIdentifier()), body,
                           std::nullopt, completion);
+}
+
+// --- The line
+
+void KLVChunkManager::whenPosted(std::function<void()> done) {
+  queue_.async([self = shared_from_this(), done = std::move(done)]() mutable { self->inLine(std::move(done)); });
+}
+
+void KLVChunkManager::inLine(Task task) {
+  line_.push_back(std::move(task));
+  serveLine();
+}
+
+void KLVChunkManager::serveLine() {
+  while (!line_.empty() && placesTaken_ < kBodiesAtATime) {
+    const Task next = std::move(line_.front());
+    line_.pop_front();
+    next();
+  }
+}
+
+KLVChunkManager::Place KLVChunkManager::takePlace() {
+  ++placesTaken_;
+  return Place(nullptr, [weak = weak_from_this()](void*) {
+    const auto self = weak.lock();
+    if (self == nullptr) return;
+    self->queue_.async([self] {
+      --self->placesTaken_;
+      self->serveLine();
+    });
+  });
 }
 
 }  // namespace kelvo

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -71,6 +73,9 @@ class KLVChunkManagerDelegate {
 /// timer, when the application goes to the background, and at launch for earlier sessions. One whose upload failed is
 /// sent again at the next launch with the same id, range and events; a session all of whose chunks were accepted is
 /// deleted. All state is touched on the chunk queue only.
+///
+/// Only so many bodies are with the HTTP client at once; later chunks wait in a line, first come, first served. What
+/// waits there is small: a chunk's row is in the database, and its events are read when its turn comes.
 class KLVChunkManager final : public KLVEventListener, public std::enable_shared_from_this<KLVChunkManager> {
  public:
   /// Registers on the bus and starts the timer: "max_fg_chunk_send_time" of `configuration` in seconds, 30 without.
@@ -85,25 +90,38 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   void flushPreviousChunks();
 
   /// Calls `done` on the chunk queue once all cuts and flushes so far are posted.
-  void whenPosted(std::function<void()> done) { queue_.async(std::move(done)); }
+  void whenPosted(std::function<void()> done);
 
  private:
+  using Task = std::function<void()>;
+  /// One of the places with the HTTP client; free again when the last copy dies.
+  using Place = std::shared_ptr<void>;
+
   void registerForChunkCreationWithInterval(double seconds);
   void cutCurrentSession();
   void flush();
   void checkChunkStatusAndCleanTables(const std::vector<KLVChunkRow>& rows);
+  void purge(const std::string& sid);
   void updateCurrentIndicies(std::uint64_t end);
   void sendChunk(const std::optional<std::string>& sid, std::uint64_t cid, std::uint64_t start, std::uint64_t end,
                  bool shouldCreateNewEntryInMetaTable);
+  [[nodiscard]] bool hasEvents(const std::string& sid, std::uint64_t start, std::uint64_t end);
   KLVChunkDetails readEvents(const std::string& sid, std::uint64_t start, std::uint64_t end);
-  void recordMeta(const std::string& sid, const std::shared_ptr<KLVChunkMetaInfo>& meta, std::uint64_t end,
-                  bool shouldCreateNewEntryInMetaTable);
+  void recordMeta(const KLVChunkRow& chunk, const Array& reportingTimes, bool shouldCreateNewEntryInMetaTable);
+  void buildAndPost(const KLVChunkRow& chunk, const Array& reportingTimes);
   void postChunk(const Dictionary& body, const std::string& chunkId);
+
+  /// Runs `task` once those before it have had their turn and there is a place for what it may post.
+  void inLine(Task task);
+  void serveLine();
+  [[nodiscard]] Place takePlace();
 
   KLVChunkManagerDelegate& delegate_;
   std::uint64_t currentChunkIndex_ = 1;
   std::uint64_t currentEventIndex_ = 1;
   const std::string currentSessionIdentifier_;
+  std::deque<Task> line_;
+  std::size_t placesTaken_ = 0;
   DispatchQueue queue_{"com.kelvo.serial.chunkmanager"};
 };
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <string_view>
+#include <unordered_set>
 
 namespace kelvo {
 namespace {
@@ -47,9 +49,10 @@ std::optional<std::vector<KLVChunkCut>> cutsOfEarlierSessions(const std::vector<
   if (others == last.size()) {
     for (const KLVChunkRow* row : last) cuts.push_back(cutBehind(*row));
   } else if (others > last.size()) {
+    std::unordered_set<std::string_view> withRow;
+    for (const KLVChunkRow* row : last) withRow.insert(row->sid);
     for (const std::string& sid : sessions) {
-      const bool hasRow = std::any_of(last.begin(), last.end(), [&](const auto* row) { return row->sid == sid; });
-      if (!hasRow) cuts.push_back({sid, 1, 1});
+      if (withRow.count(sid) == 0) cuts.push_back({sid, 1, 1});
     }
   }
   return cuts;

@@ -1,7 +1,10 @@
 #include "util/KLVLogger.h"
 
+#include <fcntl.h>
 #include <fmt/args.h>
 #include <fmt/format.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,6 +12,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
@@ -71,14 +75,62 @@ struct Record {
   }
 };
 
-void writeToStandardError(std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;  // nobody to tell
-    text.remove_prefix(static_cast<std::size_t>(written));
+/// Standard error, for one batch of lines.
+///
+/// A host may close it, and the next file that anybody in the process opens gets its number: a database, a connection.
+/// Lines go there only while it is the file that it was at first, or one that lines may be added to: a terminal or
+/// another device, a pipe, a file opened for appending.
+class StandardError {
+ public:
+  struct Identity {
+    bool isOpen = false;
+    struct stat facts {};
+  };
+  static Identity identityOf(int descriptor) {
+    Identity identity;
+    identity.isOpen = ::fstat(descriptor, &identity.facts) == 0;
+    return identity;
   }
-}
+
+  explicit StandardError(const Identity& atFirst) {
+    // A descriptor of our own: between the look and the write, nothing else can take its place.
+    own_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    target_ = own_ < 0 && errno != EBADF ? STDERR_FILENO : own_;  // none is left to the process
+    if (!takesLines(atFirst)) target_ = -1;
+  }
+  StandardError(const StandardError&) = delete;
+  StandardError& operator=(const StandardError&) = delete;
+  ~StandardError() {
+    if (own_ >= 0) ::close(own_);
+  }
+
+  void write(std::string_view text) const {
+    while (target_ >= 0 && !text.empty()) {
+      const ssize_t written = ::write(target_, text.data(), text.size());
+      if (written > 0) {
+        text.remove_prefix(static_cast<std::size_t>(written));
+      } else if (written < 0 && errno == EAGAIN) {  // the host made it non-blocking
+        pollfd room{target_, POLLOUT, 0};
+        ::poll(&room, 1, -1);
+      } else if (written == 0 || errno != EINTR) {
+        return;  // nobody to tell
+      }
+    }
+  }
+
+ private:
+  [[nodiscard]] bool takesLines(const Identity& atFirst) const {
+    const Identity now = identityOf(target_);
+    if (!now.isOpen) return false;
+    const bool isTheSame =
+        atFirst.isOpen && now.facts.st_dev == atFirst.facts.st_dev && now.facts.st_ino == atFirst.facts.st_ino;
+    if (isTheSame || S_ISCHR(now.facts.st_mode) || S_ISFIFO(now.facts.st_mode)) return true;
+    return S_ISREG(now.facts.st_mode) && (::fcntl(target_, F_GETFL) & O_APPEND) != 0;
+  }
+
+  int own_ = -1;
+  int target_ = -1;
+};
 
 class Writer {
  public:
@@ -91,7 +143,9 @@ class Writer {
     lines_.push_back(std::move(record));
     ++accepted_;
     if (!running_) running_ = startThread("kelvo.log", [this] { run(); });
-    if (idle_) wake_.notify_one();
+    const bool wakes = std::exchange(idle_, false);
+    lock.unlock();  // the thread that it wakes finds the mutex free
+    if (wakes) wake_.notify_one();
   }
 
   void setSink(KLVLogger::Sink sink) {
@@ -119,16 +173,15 @@ class Writer {
       const auto dropped = std::exchange(dropped_, 0);
       const auto sink = sink_;
       lock.unlock();
-      for (const Record& record : batch) write(record, sink.get());
       if (dropped > 0) {
-        write({KLVLogger::Level::warn,
-               __PRETTY_FUNCTION__,
-               __LINE__,
-               "{} log lines were dropped: nobody read them",
-               {Value(dropped)}},
-              sink.get());
+        batch.push_back({KLVLogger::Level::warn,
+                         __PRETTY_FUNCTION__,
+                         __LINE__,
+                         "{} log lines were dropped: nobody read them",
+                         {Value(dropped)}});
       }
-      const auto count = batch.size();
+      write(batch, sink.get());
+      const auto count = batch.size() - (dropped > 0 ? 1 : 0);
       batch.clear();
       lock.lock();
       done_ += count;
@@ -136,15 +189,23 @@ class Writer {
     }
   }
 
-  static void write(const Record& record, const KLVLogger::Sink* sink) {
-    try {
-      const std::string line = record.text();
-      if (sink == nullptr) return writeToStandardError(line);
-      (*sink)(record.level, std::string_view(line).substr(0, line.size() - 1));
-    } catch (...) {  // a host's sink may throw anything; the log has nowhere left to tell it
+  void write(const std::deque<Record>& batch, const KLVLogger::Sink* sink) const {
+    std::optional<StandardError> standardError;
+    if (sink == nullptr) standardError.emplace(standardErrorAtFirst_);
+    for (const Record& record : batch) {
+      try {
+        const std::string line = record.text();
+        if (standardError) {
+          standardError->write(line);
+        } else {
+          (*sink)(record.level, std::string_view(line).substr(0, line.size() - 1));
+        }
+      } catch (...) {  // a host's sink may throw anything; the log has nowhere left to tell it
+      }
     }
   }
 
+  const StandardError::Identity standardErrorAtFirst_ = StandardError::identityOf(STDERR_FILENO);
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable written_;

@@ -38,15 +38,17 @@ std::optional<std::string> extractedPlist(const std::string& text) {
   return text.substr(start, end + kEnd.size() - start);
 }
 
-std::optional<Dictionary> parsed(const std::string& plist, std::string& error) {
-  const auto value = parsePropertyList(plist, &error);
-  if (!value) return std::nullopt;
-  if (const auto* profile = value->get<Dictionary>()) return *profile;
-  error = "its root is no dictionary";
+}  // namespace
+
+std::optional<Dictionary> KLVMobileProvision::profileIn(const std::string& text) {
+  const auto plist = extractedPlist(text);
+  if (!plist) return std::nullopt;
+  std::string error = "its root is no dictionary";
+  const auto value = parsePropertyList(*plist, &error);
+  if (const auto* profile = value ? value->get<Dictionary>() : nullptr) return *profile;
+  KLV_ERROR("error parsing extracted plist — {}", error);
   return std::nullopt;
 }
-
-}  // namespace
 
 std::optional<Dictionary> KLVMobileProvision::getMobileProvision() {
   {
@@ -55,20 +57,17 @@ std::optional<Dictionary> KLVMobileProvision::getMobileProvision() {
   }
   const auto path = Bundle::main().pathForResource("embedded", "mobileprovision");
   const auto text = path ? readFile(*path) : std::nullopt;
-  const auto plist = text ? extractedPlist(*text) : std::nullopt;
-  if (!plist) return std::nullopt;
-  std::string error;
-  auto profile = parsed(*plist, error);
-  {
-    const std::lock_guard lock(cache().mutex);
-    cache().profile = profile;
-  }
-  if (!profile) KLV_ERROR("error parsing extracted plist — {}", error);
+  auto profile = text ? profileIn(*text) : std::nullopt;
+  const std::lock_guard lock(cache().mutex);
+  cache().profile = profile;
   return profile;
 }
 
 KLVMobileProvision::ReleaseMode KLVMobileProvision::releaseMode() {
-  const auto profile = getMobileProvision();
+  return releaseModeOf(getMobileProvision());
+}
+
+KLVMobileProvision::ReleaseMode KLVMobileProvision::releaseModeOf(const std::optional<Dictionary>& profile) {
   if (!profile || profile->empty()) return ReleaseMode::simulator;
   if ((*profile)["ProvisionsAllDevices"].asBool()) return ReleaseMode::enterprise;
   const auto* devices = (*profile)["ProvisionedDevices"].get<Array>();

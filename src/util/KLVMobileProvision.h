@@ -15,8 +15,11 @@ class KLVMobileProvision {
   /// The embedded profile; the first one that parses is kept for the process. nullopt when there is none or it is
   /// malformed.
   static std::optional<Dictionary> getMobileProvision();
+  /// The profile that the text of a signed file holds.
+  static std::optional<Dictionary> profileIn(const std::string& text);
   /// Never `unknown`; `simulator` without a profile.
   static ReleaseMode releaseMode();
+  static ReleaseMode releaseModeOf(const std::optional<Dictionary>& profile);
   /// "Simulator", "Developer", "AdHoc", "AppStore" or "Enterprise".
   static std::string releaseModeString();
 };

@@ -1,10 +1,15 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
+#include <string>
+#include <utility>
 
+#include "kelvo-collector/Server.h"
 #include "platform/JSON.h"
 #include "support/TestHome.h"
 
@@ -64,6 +69,74 @@ inline const std::string kSampleChunk = R"json({
     "user_events": [{"id": "Tap", "time": 6, "type": "UserInteraction", "x": 1}],
     "incidents": [{"incident_id": "I1", "incident_type": "KLVCustomError", "time_of_occurrence": 9,
       "incident_specific_details": {"error_message": "no"}}]}})json";
+
+/// An application event.
+inline std::string event(const std::string& name, const std::string& info = "{}") {
+  return R"({"name": ")" + name + R"(", "time": 1, "additional_info": )" + info + "}";
+}
+
+/// A chunk of which a test says what matters, in JSON; `app` is what stands between the brackets of a list.
+struct ChunkOf {
+  int number = 1;
+  std::string app = {};
+  std::string session = "1700000000000-D1";
+  std::string navigation = "[]";
+  std::string system = "[]";
+  std::string aggregates = "[]";
+  std::string user = "{}";
+  double duration = 1;
+
+  [[nodiscard]] std::string text() const {
+    Dictionary chunk = *parseJSON(kSampleChunk)->get<Dictionary>();
+    const auto change = [&chunk](const char* part, const Dictionary& changes) {
+      Dictionary members = *chunk[part].get<Dictionary>();
+      for (const auto& [name, value] : changes) members.set(name, value);
+      chunk.set(part, members);
+    };
+    change("session_info", {{"id", session}, {"duration", duration}});
+    change("chunk_meta", {{"id", session + "_" + std::to_string(number)}, {"number", number}});
+    change("chunk_details", {{"app_events", *parseJSON("[" + app + "]")},
+                             {"navigation_events", *parseJSON(navigation)},
+                             {"system_events", *parseJSON(system)},
+                             {"agg_events", *parseJSON(aggregates)},
+                             {"user_attributes", *parseJSON(user)},
+                             {"user_events", Array{}},
+                             {"incidents", Array{}}});
+    return *jsonText(chunk);
+  }
+};
+
+/// The member at the end of a path of names and positions; null when there is none.
+inline Value in(const Value& value, std::initializer_list<std::string> path) {
+  Value found = value;
+  for (const std::string& step : path) {
+    Value next;
+    if (const auto* object = found.get<Dictionary>()) next = (*object)[step];
+    const auto* list = found.get<Array>();
+    const auto at = static_cast<std::size_t>(std::atoi(step.c_str()));
+    if (list != nullptr && at < list->size()) next = (*list)[at];
+    found = next;
+  }
+  return found;
+}
+
+/// A collector that listens.
+class ServingCollector : public testing::Test {
+ protected:
+  [[nodiscard]] CurlResult get(const std::string& path, const std::string& more = {}) const {
+    return curl(more + " '" + server.baseURL() + path + "'");
+  }
+  [[nodiscard]] CurlResult send(const std::string& method, const std::string& path,
+                                const std::string& body = {}) const {
+    return post(server.baseURL() + path, body, "-X " + method);
+  }
+  [[nodiscard]] CurlResult postChunk(const std::string& body = kSampleChunk, const std::string& more = {}) const {
+    return post(server.baseURL() + "/v2/api/app7/chunks", body, more);
+  }
+
+  collector::Server server;
+  const int port = server.start();
+};
 
 /// The sample with the first occurrence of `from` replaced.
 inline std::string sampleChunk(const std::string& from, const std::string& to) {

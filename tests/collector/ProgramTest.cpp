@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <thread>
 
 #include "CollectorTest.h"
 #include "support/Program.h"
@@ -11,32 +10,48 @@ namespace kelvo::test {
 namespace {
 
 /// The program of this build.
-Program collector(const char* option, const std::string& value = {}) {
+Program collector(std::vector<std::string> arguments) {
   const auto tests = std::filesystem::canonical("/proc/self/exe").parent_path();
-  std::vector<std::string> command{tests.parent_path() / "tools/kelvo-collector/kelvo-collector", option};
-  if (!value.empty()) command.push_back(value);
-  return {command, {}};
+  arguments.insert(arguments.begin(), tests.parent_path() / "tools/kelvo-collector/kelvo-collector");
+  return {arguments, {}};
 }
 
-TEST(CollectorProgram, SaysWhereItListensServesAndEndsAtASignal) {
-  for (const int signal : {SIGINT, SIGTERM}) {
-    Program program = collector("--port", "0");
-    while (program.output().find('\n') == std::string::npos) std::this_thread::yield();
-    const std::string first = program.output(), begin = "listening on ";
-    ASSERT_EQ(first.rfind(begin + "http://127.0.0.1:", 0), 0U) << first;
-    const std::string url = first.substr(begin.size(), first.find('\n') - begin.size());
-    EXPECT_EQ(curl(url + "/debug/requests").json()["requests"], Value(Array{}));
+/// The address that a collector says it listens on.
+std::string addressOf(const Program& program) {
+  EXPECT_TRUE(program.waitForOutput("\n"));
+  const std::string first = program.output(), begin = "listening on ";
+  EXPECT_EQ(first.rfind(begin + "http", 0), 0U) << first;
+  return first.substr(begin.size(), first.find('\n') - begin.size());
+}
 
-    EXPECT_EQ(collector("--port", url.substr(url.rfind(':') + 1)).wait(), 1);  // it is taken
+TEST(CollectorProgram, ServesUntilASignalAndTheNextRunKnowsWhatTheLastOneKept) {
+  const std::string key = home() + "/key.pem", certificate = home() + "/cert.pem";
+  ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -keyout " + key + " -out " +
+                         certificate + " 2>/dev/null")
+                            .c_str()),
+            0);
+  std::vector<std::string> arguments{"--port", "0", "--data", home() + "/made/for/it"};
+  for (const int signal : {SIGINT, SIGTERM}) {
+    Program program = collector(arguments);
+    const std::string url = addressOf(program);
+    if (signal == SIGINT) {
+      EXPECT_EQ(collector({"--port", url.substr(url.rfind(':') + 1)}).wait(), 1) << "it is taken";
+      EXPECT_EQ(post(url + "/v2/api/app7/chunks", kSampleChunk).status, 200);
+      EXPECT_EQ(curl("-X PUT -d '{\"enabled\": false}' " + url + "/debug/enabled").status, 200);
+    }
+    EXPECT_EQ(curl("-k " + url + "/debug/counts").json()["chunks"], Value(1));
+    EXPECT_EQ(curl("-k " + url + "/v2/api/app7/sdk/enabled-status").json()["enabled"], Value(false));
     program.kill(signal);
     EXPECT_EQ(program.wait(), 0);
+    arguments.insert(arguments.end(), {"--tls-cert", certificate, "--tls-key", key});
   }
 }
 
 TEST(CollectorProgram, WrongUsageEndsWithTwo) {
-  for (const char* port : {"65536", "-1", "80x"}) EXPECT_EQ(collector("--port", port).wait(), 2) << port;
-  EXPECT_EQ(collector("--port").wait(), 2);
-  EXPECT_EQ(collector("--verbose").wait(), 2);
+  for (const char* port : {"65536", "-1", "80x"}) EXPECT_EQ(collector({"--port", port}).wait(), 2) << port;
+  const std::vector<std::string> wrong[] = {{"--port"}, {"--verbose"}, {"--data", ""}, {"--tls-cert", "c.pem"}};
+  for (const auto& arguments : wrong) EXPECT_EQ(collector(arguments).wait(), 2) << arguments[0];
+  EXPECT_EQ(collector({"--port", "0", "--tls-cert", "/absent", "--tls-key", "/absent"}).wait(), 1);
 }
 
 }  // namespace

@@ -1,49 +1,19 @@
-#include "core/KLVController.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <future>
-#include <thread>
-
-#include "kelvo-collector/Server.h"
+#include "core/CoreTest.h"
 #include "platform/Clock.h"
+#include "platform/HostInterface.h"
+#include "platform/MainQueue.h"
 #include "platform/NotificationCenter.h"
 #include "platform/UserDefaults.h"
-#include "support/LogCapture.h"
-#include "support/TestHome.h"
-#include "util/KLVUtilities.h"
 
 namespace kelvo::test {
 namespace {
 
-using namespace std::chrono_literals;
-
-/// The controller of this process, against a collector in it.
-class Controller : public testing::Test {
+class Controller : public CoreTest {
  protected:
-  Controller() {
-    service.start();
-    setenv("KELVO_SERVER_BASE_URL", service.baseURL().c_str(), 1);
-  }
-
-  void start() {
-    controller().initializeWithKelvoID("shop");
-    while (!controller().hasStarted()) std::this_thread::sleep_for(1ms);
-  }
-  void settle() {
-    std::promise<void> done;
-    controller().whenPosted([&] { done.set_value(); });
-    done.get_future().wait();
-  }
-  void report(std::string_view notification) {
+  static void report(std::string_view notification) {
     controller().performInOrder([=] { NotificationCenter::defaultCenter().post(notification); });
     settle();
   }
-  static KLVController& controller() { return KLVController::sharedController(); }
-
-  collector::Server service;
-  const LogCapture log;
 };
 
 TEST_F(Controller, ALongAbsenceStartsANewSessionOnce) {
@@ -98,6 +68,58 @@ TEST_F(Controller, TheTimerCutsAndDoesNotSendAnEmptyChunk) {
   EXPECT_TRUE(controller().retrieveChunkMetaInfo().at(0)->additionalInfo()["status"].asBool());
 }
 
+/// A screen whose title is given only once the library has begun to cut a chunk.
+class SlowScreen final : public ViewController, public KLVEventListener {
+ public:
+  std::string className() const override { return "Slow"; }
+  std::optional<std::string> title() const override {
+    cut_.get_future().wait();
+    return "At last";
+  }
+  void onEvent(const std::shared_ptr<KLVEvent>&) override { cut_.set_value(); }
+
+ private:
+  mutable std::promise<void> cut_;
+};
+
+/// Shows `screen`, and leaves the foreground.
+void showOnceMore(const std::shared_ptr<SlowScreen>& screen) {
+  KLVController::sharedController().performInOrder([screen] {
+    NotificationCenter::defaultCenter().post(kDidShowViewController, Screen(screen));
+    NotificationCenter::defaultCenter().post(kApplicationWillResignActive);
+  });
+}
+
+TEST_F(Controller, TheScreenThatBackgroundEndsIsInTheChunkThatItCuts) {
+  start();
+  settle();
+  const auto screen = std::make_shared<SlowScreen>();
+  controller().registerForEventWithType(KLVEventType::chunk, screen);
+  showOnceMore(screen);
+  ASSERT_TRUE(service.waitForChunks(1));
+  const Value details = (*service.chunks()[0].get<Dictionary>())["chunk_details"];
+  const auto screens = *(*details.get<Dictionary>())["navigation_events"].get<Array>();
+  ASSERT_EQ(screens.size(), 1u);
+  EXPECT_EQ((*screens[0].get<Dictionary>())["name"], Value("At last"));
+}
+
+TEST_F(Controller, AMainLoopThatHangsHoldsUpNeitherChunksNorEvents) {
+  start();
+  settle();
+  std::promise<void> end;
+  MainQueue::async([&] { end.get_future().wait(); });
+  const auto screen = std::make_shared<SlowScreen>();
+  showOnceMore(screen);
+  EXPECT_TRUE(service.waitForChunks(1));
+  controller().logAppEventWithName("Meanwhile", {}, false, false);
+  while (controller().getLifetimeCountForEventWithName("Meanwhile") == 0) std::this_thread::sleep_for(1ms);
+  screen->onEvent(nullptr);
+  end.set_value();
+  settle();
+  const auto events = controller().getEventsBetween(1, 9, controller().getSessionId(), KLVEventType::navigation);
+  EXPECT_EQ(events.size(), 1u) << "it is only late";
+}
+
 TEST_F(Controller, ForwardsAndRefusesAsEachCallSays) {
   EXPECT_EQ(controller().getDeviceID(), std::nullopt);
   EXPECT_EQ(controller().numberOfEventsWithIdentifier("nothing yet"), 0u);
@@ -119,10 +141,6 @@ TEST_F(Controller, ForwardsAndRefusesAsEachCallSays) {
   EXPECT_EQ(controller().getLifetimeCountForEvents({}), std::nullopt);
   EXPECT_EQ(controller().getLifetimeCountForEvents({"klv_app_opened", "never"}),
             (Dictionary{{"klv_app_opened", 1}, {"never", 0}}));
-  controller().saveFrequencyInfo(Dictionary{{"shown", 3}}, "campaign");
-  controller().saveFrequencyInfo(Dictionary(), "ignored");
-  EXPECT_EQ(controller().retrieveFrequencyConfigWithIdentifier("campaign"), Value(Dictionary{{"shown", 3}}));
-  EXPECT_EQ(controller().retrieveFrequencyConfigWithIdentifier("ignored"), std::nullopt);
 }
 
 TEST_F(Controller, ACrashedSessionIsMarkedWhetherItRunsOrIsStored) {
@@ -142,6 +160,7 @@ TEST_F(Controller, ACrashedSessionIsMarkedWhetherItRunsOrIsStored) {
 
 TEST_F(Controller, ATerminatedControllerRefusesWorkAndStaysSo) {
   start();
+  settle();
   controller().terminateSDK();
   controller().terminateSDK();
   EXPECT_EQ(log.count("<KLV INFO> Terminating Kelvo SDK"), 2u);

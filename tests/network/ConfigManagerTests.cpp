@@ -28,26 +28,25 @@ using ConfigManager = NetworkTest;
 
 TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefault) {
   const struct {
-    const char* saved;  // nullptr: nothing
+    const char* saved;  // empty: nothing
     bool enabled, isDefault;
-    const char* message;
-  } cases[] = {{nullptr, true, true, ""},
-               {"{\"enable\":tru", true, true, "<KLV ERROR> parsing json file "},
-               {"[true]", true, true, ""},
-               {"{\"enable\":true,\"other\":1}", true, false, ""},
-               {"{\"enable\":false}", false, false, ""},
-               {"{\"other\":1}", false, false, ""},
-               {"{\"enable\":\"true\"}", false, false, ""}};
-  for (const auto& [saved, enabled, isDefault, message] : cases) {
-    SCOPED_TRACE(saved == nullptr ? "no file" : saved);
-    if (saved != nullptr) writeFileForTest(library(kFile), saved);
+  } cases[] = {{"", true, true},
+               {"{\"enable\":tru", true, true},
+               {"[true]", true, true},
+               {"{\"enable\":true,\"other\":1}", true, false},
+               {"{\"enable\":false}", false, false},
+               {"{\"other\":1}", false, false},
+               {"{\"enable\":\"true\"}", false, false}};
+  for (const auto& [saved, enabled, isDefault] : cases) {
+    SCOPED_TRACE(saved);
+    if (*saved != '\0') writeFileForTest(library(kFile), saved);
     Controller controller;
     const KLVConfigManager manager(controller);
     EXPECT_EQ(controller.enabled, enabled);
     ASSERT_TRUE(manager.configDetails());
     EXPECT_EQ((*manager.configDetails())["max_chunk_event_count"] == Value(30), isDefault);
-    EXPECT_TRUE(*message == '\0' || log.count(message) > 0);
   }
+  EXPECT_EQ(log.count("<KLV ERROR> parsing json file "), 1U);
 }
 
 TEST_F(ConfigManager, TheDefaultNamesTheApplicationAndIsSwitchedOffWhenItCannotBeRead) {
@@ -65,7 +64,6 @@ TEST_F(ConfigManager, TheDefaultNamesTheApplicationAndIsSwitchedOffWhenItCannotB
 
 TEST_F(ConfigManager, SavesAValidDownloadForTheNextStartAndKeepsTheOldFileOtherwise) {
   const std::string before = R"({"enable":true,"service_paths":1,"old":true})";
-  const std::string invalid = "<KLV WARN> Invalid json result while fetching config: ";
   const struct {
     Script script;
     std::string after, message;
@@ -73,9 +71,9 @@ TEST_F(ConfigManager, SavesAValidDownloadForTheNextStartAndKeepsTheOldFileOtherw
                 R"({"service_paths":{},"enable":false,"n":18446744073709551615})",
                 "Recieved Config: {\"details\":"},
                {{200, R"({"details":{"enable":true}})"}, before, "Fetch Config response: http://127.0.0.1"},
-               {{200, R"({"details":[1]})"}, before, "Recieved Config: {\"details\":[1]}"},
-               {{200, "{}"}, before, invalid + "{} with response: http://127.0.0.1"},
-               {{200, "null"}, before, invalid + "(null) with"},
+               {{200, "null"},
+                before,
+                "<KLV WARN> Invalid json result while fetching config: (null) with response: http://127.0.0.1"},
                {{200, "<html>"}, before, "<KLV ERROR> JSON Error: "},
                {{500, before}, before, "<KLV ERROR> Cound not get Configuration: (null)"},
                {Script::cut(), before, "<KLV ERROR> Cound not get Configuration: "}};

@@ -112,65 +112,33 @@ TEST_F(HTTPSession, NeitherARequestNorARedirectGoesToAnotherMachineInCleartext) 
   EXPECT_EQ(replies.wait(3).error->localizedDescription, "A redirect to cleartext was refused");
 }
 
-TEST_F(HTTPSession, AForkedChildSendsNothingAndEndsAtOnce) {
-  start("/parent");
-  replies.wait(1);
-  const auto child = [this] {
-    alarm(20);
-    start("/child");
-#ifdef __SANITIZE_ADDRESS__
-    _exit(0);  // its leak check does not know the stacks of threads that stayed behind
-#endif
-    std::exit(0);
-  };
-  EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
-  EXPECT_EQ(server.requests().size(), 1U);
-}
-
 // --- TLS
 
 class TLS : public testing::Test {
  protected:
-  /// A service whose certificate is good for `names` and signed by itself, and perhaps trusted by this process.
-  void serve(const std::string& names, bool trusted) {
+  /// A service whose certificate is good for this machine, signed by itself, and trusted by this process.
+  void serve() {
     const std::string certificate = home() + "/certificate.pem", key = home() + "/key.pem";
     const std::string command =
         "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=test"
-        " -addext subjectAltName=" +
-        names + " -keyout " + key + " -out " + certificate + " 2>/dev/null";
+        " -addext subjectAltName=IP:127.0.0.1 -keyout " +
+        key + " -out " + certificate + " 2>/dev/null";
     ASSERT_EQ(std::system(command.c_str()), 0);
-    const std::string entry = trusted ? "<key>KelvoCAFile</key><string>" + certificate + "</string>" : "";
-    writeFileForTest(home() + "/bundle/Info.plist", "<plist version=\"1.0\"><dict>" + entry + "</dict></plist>");
+    writeFileForTest(home() + "/bundle/Info.plist", "<plist version=\"1.0\"><dict><key>KelvoCAFile</key><string>" +
+                                                        certificate + "</string></dict></plist>");
     setenv("KELVO_BUNDLE", (home() + "/bundle").c_str(), 1);
     ASSERT_NE(server.startTLS(certificate, key), 0);
   }
 
-  /// Why a request failed; empty when it did not.
-  std::string failure() {
-    Replies replies;
-    session.start({"POST", server.baseURL() + "/x", {}, "{}"}, replies.collect());
-    const auto error = replies.wait().error;
-    EXPECT_EQ(server.requests().empty(), error.has_value());
-    return error ? error->localizedDescription : "";
-  }
-
   collector::Server server;
-  KLVHTTPSession session;
 };
 
 TEST_F(TLS, ThePrivateAuthorityIsTrusted) {
-  serve("IP:127.0.0.1", true);
-  EXPECT_EQ(failure(), "");
-}
-
-TEST_F(TLS, AnUnknownAuthorityIsNot) {
-  serve("IP:127.0.0.1", false);
-  EXPECT_NE(failure().find("certificate"), std::string::npos);
-}
-
-TEST_F(TLS, ACertificateOfAnotherHostIsRefused) {
-  serve("DNS:elsewhere.example", true);
-  EXPECT_NE(failure().find("target host name '127.0.0.1'"), std::string::npos);
+  serve();
+  Replies replies;
+  KLVHTTPSession session;
+  session.start({"POST", server.baseURL() + "/x", {}, "{}"}, replies.collect());
+  EXPECT_TRUE(replies.wait().response);
 }
 
 /// A host that takes its time to end, after the TLS library took itself down.
@@ -196,7 +164,7 @@ TEST_F(TLS, TheProcessMayExitInTheMiddleOfUploads) {
     std::filesystem::remove_all(home());
     std::exit(42);
   }
-  serve("IP:127.0.0.1", true);
+  serve();
   server.answer("/upload", Script::cut());  // so that every upload begins with a handshake
   for (int round = 0; round < 8; ++round) {
     Program process({"/proc/self/exe", "--gtest_filter=TLS.TheProcessMayExitInTheMiddleOfUploads"},

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <array>
@@ -53,74 +52,62 @@ std::string threadName() {
 
 // --- Dispatch queues
 
-TEST(DispatchQueue, SyncNeedsNoPoolThread) {
-  const auto busy = keepPoolBusy();
-  DispatchQueue queue("third");
-  int before = 0, syncs = 0;
-  bool early = false;
-  for (int i = 0; i < 100; ++i) queue.async([&] { ++before; });
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 16; ++i) {
-    threads.emplace_back([&] {
-      DispatchQueue("own").sync([&] {
-        queue.async([&] { ++syncs; });
-        queue.sync([&] {
-          ++syncs;
-          early = early || before < 100;
-        });
+/// Eight threads, of which none may wait for a pool thread or, in a nested sync, for itself.
+TEST(DispatchQueue, ExcludesKeepsTheOrderAndLosesNothingThoughThePoolIsBusy) {
+  constexpr int kThreads = 8, kTasks = 500;
+  for (const bool poolIsBusy : {false, true}) {
+    const auto busy = poolIsBusy ? keepPoolBusy() : std::promise<void>();
+    DispatchQueue queue("stress");
+    std::array<int, kThreads> last{};
+    int total = 0;  // plain on purpose: two tasks at a time are a data race
+    bool disorder = false;
+    std::atomic<int> inside{0};
+    std::vector<std::thread> threads;
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+      threads.emplace_back([&, thread] {
+        for (int i = 0; i < kTasks; ++i) {
+          const auto task = [&, thread, i] {
+            if (inside.fetch_add(1) != 0 || last[thread] != i || !queue.isCurrent()) disorder = true;
+            last[thread] = i + 1;
+            ++total;
+            if (i % 8 == 0) std::this_thread::yield();  // time for another to come in, if it could
+            inside.fetch_sub(1);
+          };
+          DispatchQueue own("own");
+          if (i % 3 == 0) {
+            own.sync([&] { queue.sync([&] { own.sync([&] { queue.sync(task); }); }); });
+          } else {
+            queue.async(task);
+          }
+          EXPECT_FALSE(queue.isCurrent() || own.isCurrent());
+        }
       });
-    });
+    }
+    for (auto& thread : threads) thread.join();
+    queue.sync([] {});
+    EXPECT_EQ(total, kThreads * kTasks);
+    EXPECT_FALSE(disorder);
   }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(syncs, 32);
-  EXPECT_FALSE(early) << "a task that was submitted before had not run";
-}
-
-TEST(DispatchQueue, NestedSyncNeverWaitsForItself) {
-  DispatchQueue concurrent("concurrent", DispatchQueue::Kind::concurrent);
-  DispatchQueue outer("outer"), inner("inner");
-  int depth = 0;
-  outer.sync([&] {
-    concurrent.sync([&] {
-      concurrent.sync([&] {
-        inner.sync([&] {
-          EXPECT_TRUE(outer.isCurrent() && concurrent.isCurrent() && inner.isCurrent());
-          outer.sync([&] { depth = 5; });
-        });
-        EXPECT_FALSE(inner.isCurrent());
-      });
-    });
-    std::thread([&] { EXPECT_FALSE(outer.isCurrent()) << "another thread"; }).join();
-  });
-  EXPECT_EQ(depth, 5);
-  EXPECT_FALSE(outer.isCurrent() || concurrent.isCurrent());
 }
 
 TEST(DispatchQueue, DelayedTasksComeInTheOrderOfTheirTimesOnAMovedClock) {
   DispatchQueue queue("after");
   std::string seen;
-  std::latch first(1), last(2);
-  const auto add = [&](std::chrono::hours delay, char letter, std::latch& done) {
-    queue.after(delay, [&, letter] {
-      seen += letter;
-      done.count_down();
-    });
+  for (const auto& [delay, letter] : {std::pair(3h, 'c'), std::pair(1h, 'a'), std::pair(3h, 'd')}) {
+    queue.after(delay, [&seen, own = letter] { seen += own; });
+  }
+  const auto seenAfter = [&](std::chrono::hours time, std::size_t count) {
+    Clock::advance(time);
+    while (queue.sync([&] { return seen.size(); }) < count) std::this_thread::yield();
+    return queue.sync([&] { return seen; });
   };
-  add(3h, 'c', last);
-  add(1h, 'a', first);
-  add(3h, 'd', last);
-  EXPECT_EQ(queue.sync([&] { return seen; }), "");
-  Clock::advance(2h);
-  first.wait();
-  EXPECT_EQ(queue.sync([&] { return seen; }), "a");
-  Clock::advance(2h);
-  last.wait();
-  EXPECT_EQ(queue.sync([&] { return seen; }), "acd");
+  EXPECT_EQ(seenAfter(0h, 0), "");
+  EXPECT_EQ(seenAfter(2h, 1), "a");
+  EXPECT_EQ(seenAfter(2h, 3), "acd");
 }
 
 TEST(DispatchQueue, WaitingTasksOutliveTheHandle) {
   std::latch done(101);
-  bool ran = false;
   {
     const auto busy = keepPoolBusy();
     DispatchQueue queue("short-lived");
@@ -129,15 +116,15 @@ TEST(DispatchQueue, WaitingTasksOutliveTheHandle) {
   }
   done.wait();
   auto queue = std::make_unique<DispatchQueue>("dies inside");
-  queue->sync([&] {
-    queue.reset();
-    ran = true;
-  });
-  EXPECT_TRUE(ran);
+  queue->sync([&] { queue.reset(); });
 }
 
-TEST(DispatchQueue, ExceptionsEndTheirTaskOnly) {
+TEST(Queues, ExceptionsEndTheirTaskOnly) {
   const LogCapture log;
+  std::latch alarms(1);
+  TimerService::schedule(std::chrono::nanoseconds::max(), [] { FAIL() << "centuries early"; });
+  TimerService::schedule(1ms, [] { throw std::runtime_error("loud"); });
+  TimerService::schedule(2ms, [&] { alarms.count_down(); });
   DispatchQueue queue("throwing");
   EXPECT_THROW(queue.sync([] { throw std::runtime_error("to the caller"); }), std::runtime_error);
   queue.async([] { throw std::runtime_error("to the log"); });
@@ -148,63 +135,8 @@ TEST(DispatchQueue, ExceptionsEndTheirTaskOnly) {
   EXPECT_EQ(log.count("<KLV ERROR> A task on throwing threw: to the log"), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> A task on throwing threw an unknown exception"), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> A task threw: broken MainQueue"), 1U);
-}
-
-TEST(DispatchQueue, EightThreadsMixingSyncAndAsyncExcludeEachOtherAndLoseNothing) {
-  constexpr int kThreads = 8, kTasks = 500;
-  DispatchQueue queue("stress");
-  std::array<int, kThreads> last{};
-  int total = 0;  // plain on purpose: two tasks at a time are a data race
-  bool disorder = false;
-  std::atomic<int> inside{0};
-  std::vector<std::thread> threads;
-  for (std::size_t thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (int i = 0; i < kTasks; ++i) {
-        const auto task = [&, thread, i] {
-          if (inside.fetch_add(1) != 0 || last[thread] != i) disorder = true;
-          last[thread] = i + 1;
-          ++total;
-          if (i % 8 == 0) std::this_thread::yield();  // time for another to come in, if it could
-          inside.fetch_sub(1);
-        };
-        (static_cast<std::size_t>(i) + thread) % 3 == 0 ? queue.sync(task) : queue.async(task);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  queue.sync([] {});
-  EXPECT_EQ(total, kThreads * kTasks);
-  EXPECT_FALSE(disorder);
-}
-
-// --- Threads
-
-TEST(Thread, ThreadsOfTheLibraryCarryNamesAndLeaveSignalsToTheHost) {
-  sigset_t before, after;
-  sigemptyset(&before);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  const std::pair<std::string, std::function<void(std::function<void()>)>> cases[] = {
-      {"kelvo.pool.", [](auto task) { DispatchQueue::global().async(task); }},
-      {"kelvo.main", [](auto task) { MainQueue::async(task); }},
-      {"a name that is ", [](auto task) { ASSERT_TRUE(startThread("a name that is too long", task)); }}};
-  for (const auto& [name, start] : cases) {
-    std::promise<std::string> found;
-    sigset_t mask;
-    start([&] {
-      pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-      found.set_value(threadName());
-    });
-    EXPECT_EQ(found.get_future().get().substr(0, name.size()), name);
-    for (const int number : {SIGINT, SIGTERM, SIGPIPE, SIGCHLD, SIGALRM, SIGUSR1, SIGPROF, SIGRTMIN}) {
-      EXPECT_EQ(sigismember(&mask, number), 1) << name << " may run the host's handler of signal " << number;
-    }
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
-      EXPECT_EQ(sigismember(&mask, fault), 0) << name << " hides fault " << fault;
-    }
-  }
-  pthread_sigmask(SIG_SETMASK, nullptr, &after);
-  EXPECT_EQ(sigismember(&after, SIGTERM), 0) << "the caller's own mask changed";
+  alarms.wait();
+  EXPECT_EQ(log.count("<KLV ERROR> An alarm threw: loud"), 1U);
 }
 
 TEST(Thread, AForkedChildRunsSyncAtOnceAndDropsTheRest) {
@@ -295,32 +227,20 @@ TEST(MainQueue, ARepeatingTimerNeverPilesUpTicks) {
   host.take();
   static int ticks = 0;
   MainQueue::repeatEvery(10s, [] { ++ticks; });
-  const auto pass = [](std::chrono::seconds time) {  // until all timers due by then have fired
+  const auto waitingAfter = [&](std::chrono::seconds time) {  // once all timers due by then have fired
     std::latch passed(1);
     TimerService::schedule(time, [&] { passed.count_down(); });
     Clock::advance(time);
     passed.wait();
+    return host.waiting();
   };
-  pass(9s);
-  EXPECT_EQ(host.waiting(), 0U);
-  for (const auto step : {2s, 10s, 3600s}) pass(step);
-  EXPECT_EQ(host.waiting(), 1U) << "one tick waits, the others are left out";
+  EXPECT_EQ(waitingAfter(9s), 0U);
+  for (const auto step : {2s, 10s, 3600s}) EXPECT_EQ(waitingAfter(step), 1U) << "the other ticks are left out";
   host.turn();
-  pass(10s);
-  EXPECT_EQ(host.waiting(), 1U) << "the rhythm goes on";
+  EXPECT_EQ(waitingAfter(10s), 1U) << "the rhythm goes on";
   host.turn();
   EXPECT_EQ(ticks, 2);
   MainQueue::handOver({}, {});
-}
-
-TEST(TimerService, AnAlarmThatThrowsSpoilsNoOtherAndNoneComesEarly) {
-  const LogCapture log;
-  std::latch done(1);
-  TimerService::schedule(std::chrono::nanoseconds::max(), [] { FAIL() << "centuries early"; });
-  TimerService::schedule(1ms, [] { throw std::runtime_error("loud"); });
-  TimerService::schedule(2ms, [&] { done.count_down(); });
-  done.wait();
-  EXPECT_EQ(log.count("<KLV ERROR> An alarm threw: loud"), 1U);
 }
 
 }  // namespace

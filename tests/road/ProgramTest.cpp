@@ -16,9 +16,10 @@ TEST_F(Road, BadLinesAreNamedAndTheRestStillRuns) {
 }
 
 TEST_F(Road, WrongUsageIsTold) {
-  EXPECT_EQ(launch({"--wait", "soon"}).quit(), 2);
-  EXPECT_EQ(launch({"--nonsense"}).quit(), 2);
-  EXPECT_EQ(launch({"/no/such/file"}).quit(), 2);
+  using Arguments = std::vector<std::string>;
+  for (const auto& wrong : {Arguments{"--wait", "soon"}, Arguments{"--nonsense"}, Arguments{"/no/such/file"}}) {
+    EXPECT_EQ(launch(wrong).quit(), 2) << wrong[0];
+  }
   auto neverStarted = launch({});
   EXPECT_EQ(neverStarted.log("Event").quit(), 2);
   EXPECT_EQ(count(neverStarted.errors(), "kelvo-log: the library was never started"), 1u);
@@ -47,7 +48,8 @@ TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
   host.play(R"({"name": "Faulty", "info": {"list": []}})").play(R"({"call": "reportCustomError"})");
   host.play(R"({"call": "setUserIdentifier"})").play(R"({"call": "setUserCustomInfo", "info": {"a": null}})");
   host.play(R"({"call": "setSessionCustomInfo", "info": {"a": ""}})").play(R"({"call": "deviceToken", "text": ""})");
-  host.play(R"({"call": "deviceToken"})").play(R"({"call": "logScreenWithName", "name": "Home"})");
+  host.play(R"({"call": "deviceToken"})").play(R"({"call": "logScreenWithName"})");
+  host.play(R"({"call": "didShow", "title": "Nowhere"})");
   EXPECT_EQ(host.quit(), 0);
   const std::pair<const char*, std::size_t> expected[] = {
       {"<KLV ERROR> KelvoiOSSDK failed to initialize - invalid appId: ", 2},
@@ -59,7 +61,8 @@ TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
       {"<KLV ERROR> SDK not enabled - session attributes won't get logged", 1},
       {"<KLV WARN> Invalid token data!", 1},
       {"<KLV WARN> Invalid token object!", 1},
-      {"<KLV WARN> Ignoring screen log with title: Home", 1}};
+      {"<KLV WARN> Invalid title: (null) given", 1},
+      {"<KLV WARN> Ignoring a screen without a class name, title: Nowhere", 1}};
   for (const auto& [line, times] : expected) EXPECT_EQ(count(host.errors(), line), times) << line;
   EXPECT_EQ(arrivedEvents(), std::vector<std::string>());
 }

@@ -8,23 +8,14 @@
 #include "platform/JSON.h"
 
 namespace kelvo::test {
-namespace {
 
-Program::Environment withService(Program::Environment environment, const std::string& url) {
-  environment.emplace("KELVO_SERVER_BASE_URL", url);
-  return environment;
+Launch::Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment,
+               std::vector<std::string> wrapper) {
+  wrapper.emplace_back(KELVO_LOG_PROGRAM);
+  wrapper.insert(wrapper.end(), arguments.begin(), arguments.end());
+  environment.emplace("KELVO_SERVER_BASE_URL", serviceURL);
+  program_ = std::make_unique<Program>(wrapper, environment);
 }
-
-std::vector<std::string> command(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), KELVO_LOG_PROGRAM);
-  return arguments;
-}
-
-}  // namespace
-
-Launch::Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment)
-    : program_(
-          std::make_unique<Program>(command(std::move(arguments)), withService(std::move(environment), serviceURL))) {}
 
 Launch& Launch::play(const std::string& line) {
   program_->writeLine(line);
@@ -68,16 +59,28 @@ std::vector<std::string> Road::storedEvents() const {
   return all;
 }
 
-std::vector<std::string> Road::arrivedEvents() const {
-  std::vector<std::string> names;
+std::vector<std::pair<std::string, std::string>> Road::arrivals() const {
+  std::vector<std::pair<std::string, std::string>> all;
   for (const Value& chunk : service.chunks()) {
     const Value events = at(chunk, {"chunk_details", "app_events"});
     for (const Value& event : *events.get<Array>()) {
-      auto name = description(at(event, {"name"}));
-      if (name != "klv_app_opened") names.push_back(std::move(name));
+      const std::string name = description(at(event, {"name"}));
+      if (name != "klv_app_opened") all.emplace_back(name, description(at(chunk, {"chunk_meta", "id"})));
     }
   }
+  return all;
+}
+
+std::vector<std::string> Road::arrivedEvents() const {
+  std::vector<std::string> names;
+  for (const auto& [name, chunk] : arrivals()) names.push_back(name);
   return names;
+}
+
+std::string Road::bundle(const std::string& kelvo, const std::string& more) {
+  writeFileForTest(home() + "/app.bundle/Info.plist", R"(<plist version="1.0"><dict>)" + more +
+                                                          "<key>Kelvo</key><dict>" + kelvo + "</dict></dict></plist>");
+  return home() + "/app.bundle";
 }
 
 void Road::logDebugLines() {

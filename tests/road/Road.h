@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -20,7 +21,9 @@ using collector::Script;
 /// One launch of kelvo-log, a real process on this test's home. Lines are played as they are added.
 class Launch {
  public:
-  Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment);
+  /// `wrapper` stands before the program's name: another program that sets limits and runs it.
+  Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment,
+         std::vector<std::string> wrapper = {});
 
   /// Plays one JSON line.
   Launch& play(const std::string& line);
@@ -44,20 +47,26 @@ class Road : public testing::Test {
   Road() { service.start(); }
 
   /// A launch started by hand with the application id "shop".
-  Launch launch(std::vector<std::string> arguments = {"--app-id", "shop"}, Program::Environment environment = {}) {
+  Launch launch(std::vector<std::string> arguments = {"--app-id", "shop"}, Program::Environment environment = {},
+                std::vector<std::string> wrapper = {}) {
     environment.emplace("KELVO_HOME", homeOfLaunches_);
-    return {service.baseURL(), std::move(arguments), std::move(environment)};
+    return {service.baseURL(), std::move(arguments), std::move(environment), std::move(wrapper)};
   }
 
   /// From here on there is nothing on the disk: another home.
   void moveToFreshHome(const std::string& name) { homeOfLaunches_ = home() + "/" + name; }
+  [[nodiscard]] const std::string& homeOfLaunches() const { return homeOfLaunches_; }
 
   /// Everything that the database answers to `query`, a text a row, columns joined by "|".
   [[nodiscard]] std::vector<std::string> stored(const std::string& query) const;
   /// The id column of all stored events of all sessions.
   [[nodiscard]] std::vector<std::string> storedEvents() const;
-  /// Names of the application events of all chunks that arrived, but for "klv_app_opened".
+  /// The application events of all chunks that arrived, but for "klv_app_opened": the name and the chunk's id.
+  [[nodiscard]] std::vector<std::pair<std::string, std::string>> arrivals() const;
+  /// Their names.
   [[nodiscard]] std::vector<std::string> arrivedEvents() const;
+  /// A bundle whose Info.plist holds `kelvo` under that name, and `more`.
+  static std::string bundle(const std::string& kelvo, const std::string& more = {});
   /// Switches debug lines on for the launches that follow.
   static void logDebugLines();
 
@@ -66,6 +75,13 @@ class Road : public testing::Test {
  private:
   std::string homeOfLaunches_ = home();
 };
+
+/// Waits until `condition` holds.
+template <class Condition>
+[[nodiscard]] bool reached(Condition condition) {
+  for (int i = 0; i < 4000 && !condition(); ++i) usleep(5000);
+  return condition();
+}
 
 /// The member at the end of a path: `at(chunk, {"chunk_meta", "id"})`; null when there is none.
 Value at(const Value& value, std::initializer_list<std::string_view> path);

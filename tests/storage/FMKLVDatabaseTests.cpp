@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "storage/FMKLVDatabaseQueue.h"
+#include "storage/FMKLVDatabase.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
 
@@ -27,7 +27,7 @@ TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBack) {
                {"integer", true, 1},
                {"integer", INT64_MIN, INT64_MIN},
                {"integer", UINT32_MAX, 4294967295},
-               {"text", UINT64_MAX, "18446744073709551615"},
+               {"integer", UINT64_MAX, -1},
                {"real", 0.5F, 0.5},
                {"real", Date(std::chrono::milliseconds(1500)), 1.5},
                {"text", "it's \xC3\xA9", "it's \xC3\xA9"},
@@ -57,11 +57,13 @@ TEST_F(Database, AStatementWhoseParametersAreNotAllBoundFailsWithItsText) {
   ASSERT_TRUE(db.executeUpdate("create table t (a, b)"));
   const std::string insert = "insert into t values (:a, :b)";
   EXPECT_FALSE(db.executeUpdate(insert, Array{1}));
+  EXPECT_FALSE(db.executeUpdate(insert, 1, 2, 3));
   EXPECT_FALSE(db.executeUpdate(insert, Dictionary{{"a", 1}, {"c", 2}}));
   EXPECT_EQ(log.count("<KLV ERROR> Could not find index for c "), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> Error: the bind count (1) is not correct for the # of variables in the query (2) (" +
                       insert + ") (executeUpdate)"),
             2U);
+  EXPECT_EQ(log.count("Error: the bind count (3) is not"), 1U);
   EXPECT_EQ(db.executeQuery("select ?", Array{}), nullptr);
   EXPECT_EQ(log.count("<KLV ERROR> Error: the bind count is not correct for the # of variables (executeQuery)"), 1U);
   EXPECT_TRUE(db.executeUpdate(insert, Dictionary{{"a", 1}, {"b", 2}, {"c", 3}}));
@@ -69,20 +71,320 @@ TEST_F(Database, AStatementWhoseParametersAreNotAllBoundFailsWithItsText) {
   EXPECT_EQ(sqlite3_next_stmt(db.sqliteHandle(), nullptr), nullptr);
 }
 
+TEST_F(Database, ArgumentsLastAsLongAsTheRowsWhateverBecomesOfTheCallersOwn) {
+  const std::string text(100, 't');
+  for (const bool cache : {false, true, true}) {
+    db.setShouldCacheStatements(cache);
+    const auto check = [&](const FMKLVDatabase::ResultSet& rows) {
+      ASSERT_TRUE(rows && rows->next());
+      EXPECT_EQ(rows->stringForColumnIndex(0), text);
+      EXPECT_EQ(rows->stringForColumnIndex(1), "[\"" + text + "\"]");
+      EXPECT_EQ(rows->dataForColumnIndex(2), Data(100, 7));
+    };
+    check(db.executeQuery("select ?, ?, ?", Array{text, Array{text}, Data(100, 7)}));
+    check(db.executeQuery("select :a, :b, :c", Dictionary{{"c", Data(100, 7)}, {"b", Array{text}}, {"a", text}}));
+    check(db.executeQuery("select ?, ?, ?", std::string(text), Value(Array{text}), Data(100, 7)));
+    check(db.executeQueryWithFormat("select %s, %@, %@", std::string(text), Array{text}, Data(100, 7)));
+    Array changing{text, Array{text}, Data(100, 7)};
+    auto rows = db.executeQuery("select ?, ?, ?", changing);
+    for (int i = 0; i < 20; ++i) changing.append(i);
+    check(rows);
+  }
+}
+
+TEST_F(Database, FormatsTakeAsManyValuesAsTheyHaveItems) {
+  const auto row = db.executeQueryWithFormat("select %5.2f+%ld, %@, '100%%', %lld", 0.5, 2, "it's", nullptr);
+  ASSERT_TRUE(row && row->next());
+  EXPECT_EQ((*row)[0], 2.5);
+  EXPECT_EQ((*row)[1], "it's");
+  EXPECT_EQ((*row)[2], "100%");
+  EXPECT_TRUE((*row)[3].isNull());
+
+  ASSERT_TRUE(db.executeUpdate("create table t (a)"));
+  EXPECT_TRUE(db.executeUpdateWithFormat("insert into t values (%d)", 1));
+  EXPECT_EQ(log.count("ERROR"), 0U);
+  EXPECT_FALSE(db.executeUpdateWithFormat("insert into t values (%d)", 1, 2));
+  EXPECT_EQ(db.executeQueryWithFormat("select %d"), nullptr);
+  EXPECT_EQ(log.count("Error: the bind count"), 2U);
+  EXPECT_FALSE(db.executeUpdateWithFormat("insert into t values (%y)", 1));
+  EXPECT_FALSE(db.executeUpdateWithFormat("insert into t values ('%d')", 1));  // no parameter inside of quotes
+  EXPECT_FALSE(db.executeUpdateWithFormat("delete from t %"));
+  EXPECT_TRUE(db.hadError());
+  EXPECT_EQ(db.intForQuery("select count(*) from t"), 1);
+}
+
+TEST_F(Database, GettersConvertAndAreMildToWhatIsNotThere) {
+  const auto row = db.executeQuery(
+      "select 5000000000 as big, '12abc' as Txt, 2.9 as dbl, x'00ff' as blb, null as nil, -1 as neg, x'' as empty");
+  EXPECT_FALSE(row->hasAnotherRow());
+  EXPECT_TRUE((*row)[0].isNull());
+  ASSERT_TRUE(row->next());
+  EXPECT_TRUE(row->hasAnotherRow());
+  EXPECT_EQ(row->columnCount(), 7);
+  EXPECT_EQ(row->intForColumn("BIG"), INT32_MAX);
+  EXPECT_EQ(row->longForColumn("big"), 5000000000);
+  EXPECT_EQ(row->longLongIntForColumn("txt"), 12);
+  EXPECT_EQ(row->intForColumn("dbl"), 2);
+  EXPECT_EQ(row->unsignedLongLongIntForColumn("neg"), UINT64_MAX);
+  EXPECT_TRUE(row->boolForColumn("neg"));
+  EXPECT_DOUBLE_EQ(row->doubleForColumn("dbl"), 2.9);
+  EXPECT_EQ(row->stringForColumn("big"), "5000000000");
+  EXPECT_STREQ(row->UTF8StringForColumnName("txt"), "12abc");
+  EXPECT_EQ(row->dataForColumn("txt"), (Data{'1', '2', 'a', 'b', 'c'}));
+  EXPECT_EQ(row->dataNoCopyForColumn("blb")->back(), 0xFF);
+  EXPECT_EQ(row->dataForColumn("empty"), Data());
+  EXPECT_EQ(row->dateForColumn("dbl"), Date(std::chrono::milliseconds(2900)));
+  EXPECT_EQ((*row)["blb"], (Data{0, 255}));
+  EXPECT_EQ(log.count("WARN"), 0U);
+  for (const char* absent : {"nil", "no such"}) {
+    EXPECT_TRUE(row->columnIsNull(absent));
+    EXPECT_EQ(row->longForColumn(absent), 0);
+    EXPECT_EQ(row->stringForColumn(absent), std::nullopt);
+    EXPECT_EQ(row->dateForColumn(absent), std::nullopt);
+    EXPECT_EQ(row->dataForColumn(absent), std::nullopt);
+    EXPECT_TRUE(row->objectForColumnName(absent).isNull());
+  }
+  EXPECT_EQ(log.count("<KLV WARN> Warning: I could not find the column named 'no such'."), 6U);
+  std::vector<std::pair<std::string, std::optional<std::string>>> set;
+  row->kvcMagic([&](const std::string& name, auto text) { set.emplace_back(name, text); });
+  ASSERT_EQ(set.size(), 7U);
+  EXPECT_EQ(set[1], (std::pair<std::string, std::optional<std::string>>("Txt", "12abc")));
+  EXPECT_EQ(set[4].second, std::nullopt);
+
+  FMKLVError error;
+  EXPECT_FALSE(row->nextWithError(&error));
+  EXPECT_EQ(error.code, SQLITE_OK);
+  EXPECT_EQ(row->resultDictionary(), std::nullopt);
+  EXPECT_EQ(log.count("<KLV WARN> Warning: There seem to be no columns in this set."), 1U);
+  EXPECT_FALSE(row->nextWithError(&error));
+  EXPECT_EQ(error.message, "parentDB does not exist");
+  EXPECT_EQ(log.count("<KLV ERROR> Error calling sqlite3_step (21: parentDB does not exist) rs"), 1U);
+}
+
 TEST_F(Database, FailuresAreLoggedAndStayReadable) {
-  EXPECT_FALSE(db.executeUpdate("no sql"));
-  EXPECT_EQ(db.lastError().code, SQLITE_ERROR);
+  FMKLVError error;
+  EXPECT_FALSE(db.executeUpdateWithErrorAndBindings("no sql", &error, 1));
+  EXPECT_EQ(error.code, SQLITE_ERROR);
+  EXPECT_EQ(db.lastError().message, error.message);
   EXPECT_EQ(log.count("<KLV ERROR> DB Error: 1 \"near \"no\": syntax error\""), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> DB Query: no sql"), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> DB Path: (null)"), 1U);
-  ASSERT_TRUE(db.beginTransaction());
   ASSERT_TRUE(db.executeUpdate("create table t (a unique)"));
-  ASSERT_TRUE(db.rollback());
-  EXPECT_FALSE(db.inTransaction());
-  EXPECT_FALSE(db.executeUpdate("insert into t values (1)"));
+  EXPECT_FALSE(db.hadError());
+  EXPECT_TRUE(db.update("insert into t values (?)", &error, 1));
+  EXPECT_EQ(db.lastInsertRowId(), 1);
+  EXPECT_EQ(db.changes(), 1);
+  for (const bool cache : {false, true}) {
+    db.setShouldCacheStatements(cache);
+    EXPECT_FALSE(db.update("insert into t values (?)", &error, 1));
+    EXPECT_EQ(error.code, SQLITE_CONSTRAINT);
+    EXPECT_TRUE(db.hadError());
+  }
+  EXPECT_EQ(log.count("<KLV ERROR> Unknown error calling sqlite3_step (19: UNIQUE constraint failed: t.a) eu"), 2U);
+  EXPECT_EQ(log.count("<KLV ERROR> Unknown error finalizing or resetting statement (19: "), 2U);
+  EXPECT_FALSE(db.executeUpdate("insert into t values (?)"));  // SQLite itself sees nothing wrong in that
+  EXPECT_EQ(db.lastErrorCode(), SQLITE_RANGE);
+  const int limit = sqlite3_limit(db.sqliteHandle(), SQLITE_LIMIT_LENGTH, 200);
+  EXPECT_FALSE(db.executeUpdate("insert into t values (?)", std::string(201, 'x')));
+  EXPECT_EQ(db.lastErrorCode(), SQLITE_TOOBIG);
+  sqlite3_limit(db.sqliteHandle(), SQLITE_LIMIT_LENGTH, limit);
+  EXPECT_FALSE(db.executeUpdate("-- nothing"));
+  EXPECT_EQ(db.lastErrorCode(), SQLITE_MISUSE);
+  EXPECT_FALSE(db.setKey("k") || db.setKeyWithData({1}) || db.rekey("k") || db.rekeyWithData({1}));
+  EXPECT_TRUE(db.hadError());
+
+  db.setLogsErrors(false);
+  const auto logged = log.count("ERROR");
+  EXPECT_FALSE(db.executeUpdate("no sql"));
+  EXPECT_EQ(log.count("ERROR"), logged);
   db.close();
   EXPECT_FALSE(db.executeUpdate("select 1"));
-  EXPECT_EQ(log.count("<KLV ERROR> The FMDatabase " + db.description() + " is not open."), 1U);
+  EXPECT_EQ(db.lastErrorCode(), SQLITE_MISUSE);
+  EXPECT_FALSE(db.executeUpdateWithFormat("select 1", 1) || db.validateSQL("select 1"));
+  EXPECT_EQ(db.lastErrorCode(), SQLITE_MISUSE);
+  EXPECT_EQ(log.count("<KLV ERROR> The FMDatabase " + db.description() + " is not open."), 3U);
+  FMKLVDatabase nowhere(home() + "/no/such/directory");
+  EXPECT_FALSE(nowhere.openWithFlags(6));
+  EXPECT_EQ(nowhere.lastErrorCode(), SQLITE_CANTOPEN);
+  EXPECT_EQ(log.count("<KLV ERROR> error opening!: 14"), 1U);
+}
+
+TEST_F(Database, AFailedPrepareEndsTheProcessWhenAskedTo) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  setenv("TMPDIR", home().c_str(), 1);
+  db.setCrashOnErrors(true);
+  EXPECT_DEATH(static_cast<void>(db.executeUpdate("no sql")), "");
+}
+
+TEST_F(Database, CloseFinalizesWhatLeakedAndEndsOpenResultSets) {
+  sqlite3_stmt* leaked = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db.sqliteHandle(), "select 1", -1, &leaked, nullptr), SQLITE_OK);
+  const auto rows = db.executeQuery("select 1 union select 2");
+  ASSERT_TRUE(rows->next());
+  sqlite3_stmt* prepared = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db.db(), "select 1", -1, &prepared, nullptr), SQLITE_OK);
+  const auto made = FMKLVResultSet::resultSetWithStatement(std::make_shared<FMKLVStatement>(prepared, "select 1"), db);
+  EXPECT_TRUE(made->next() && db.goodConnection());
+  EXPECT_TRUE(db.close());
+  EXPECT_FALSE(made->next());
+  EXPECT_EQ(log.count("<KLV DEBUG> Closing leaked statement "), 1U);
+  EXPECT_EQ(log.count("error closing!"), 0U);
+  EXPECT_FALSE(rows->next());
+  EXPECT_EQ(db.sqliteHandle(), nullptr);
+  EXPECT_FALSE(db.goodConnection());
+  EXPECT_TRUE(db.open());
+  EXPECT_TRUE(db.goodConnection());
+}
+
+TEST_F(Database, BatchesRunUpToTheFirstFailureAndHandOutTheirRows) {
+  std::vector<Dictionary> rows;
+  const auto take = [&](const Dictionary& row) {
+    rows.push_back(row);
+    return 0;
+  };
+  const std::string batch = "create table t (a); insert into t values (1), (null); select a as A from t; ";
+  EXPECT_TRUE(db.executeStatements(batch, take));
+  EXPECT_EQ(rows, (std::vector<Dictionary>{{{"A", "1"}}, {{"A", nullptr}}}));
+  EXPECT_FALSE(db.executeStatements("delete from t; no sql; insert into t values (1)"));
+  EXPECT_EQ(log.count("<KLV ERROR> Error inserting batch: near \"no\": syntax error"), 1U);
+  EXPECT_EQ(db.intForQuery("select count(*) from t"), 0);
+  EXPECT_FALSE(db.executeStatements("select 1; insert into t values (1)", [](const Dictionary&) { return 1; }));
+  const auto throwing = [](const Dictionary&) -> int { throw std::runtime_error("block"); };
+  EXPECT_THROW(static_cast<void>(db.executeStatements("select 1", throwing)), std::runtime_error);
+  EXPECT_TRUE(db.executeStatements("insert into t values (1)"));
+  EXPECT_EQ(db.intForQuery("select count(*) from t"), 1);
+}
+
+TEST_F(Database, DatesAreStoredByTheFormatterWhenThereIsOne) {
+  const Date date(std::chrono::seconds(951827696));  // 29 February
+  EXPECT_EQ(db.stringFromDate(date), std::nullopt);
+  EXPECT_EQ(db.dateForQuery("select ?", date), date);
+  const Date now = std::chrono::time_point_cast<std::chrono::microseconds>(Clock::now());
+  EXPECT_EQ(db.dateForQuery("select ?", now), now);
+  EXPECT_EQ(db.dateForQuery("select 1e300"), std::nullopt);
+  db.setDateFormat(FMKLVDatabase::storeableDateFormat("%A %d %b %Y, %H:%M:%S"));
+  EXPECT_EQ(db.stringForQuery("select ?", date), "Tuesday 29 Feb 2000, 12:34:56");
+  EXPECT_EQ(db.dateForQuery("select ?", date), date);
+  EXPECT_EQ(db.dateForQuery("select 'Tuesday 29 Feb 2000'"), std::nullopt);
+  EXPECT_EQ(db.dateForQuery("select 'Tuesday 29 Feb 2000, 12:34:56 and more'"), std::nullopt);
+  db.setDateFormat(FMKLVDateFormatter("%Y-%m-%dT%H:%M:%S%z"));
+  EXPECT_EQ(db.dateFromString("2000-02-29T13:34:56+0100"), date);
+}
+
+TEST_F(Database, FunctionsOfOurOwnTakeAndGiveEveryKindOfValue) {
+  ASSERT_TRUE(db.makeFunctionNamed("same", 1, [](const Array& arguments) { return arguments[0]; }));
+  for (const Value& value :
+       {Value(nullptr), Value(INT64_MIN), Value(0.5), Value("x\xC3\xA9"), Value(Data{0, 1}), Value(Data{})}) {
+    const auto row = db.executeQuery("select same(?), typeof(same(?1)) = typeof(?1)", value);
+    ASSERT_TRUE(row && row->next());
+    EXPECT_EQ((*row)[0], value);
+    EXPECT_TRUE(row->boolForColumnIndex(1));
+  }
+  EXPECT_EQ(db.stringForQuery("select same(1, 2)"), std::nullopt);
+  EXPECT_EQ(log.count("(1: too many arguments) rs"), 1U);
+  ASSERT_TRUE(db.makeFunctionNamed("SAME", -1, [this](const Array& arguments) -> Value {
+    if (arguments.empty()) throw std::runtime_error("of what?");
+    return db.executeUpdate("delete from t") ? "reentrant" : "in use";
+  }));
+  ASSERT_TRUE(db.executeUpdate("create table t (a)"));
+  EXPECT_FALSE(db.executeUpdate("insert into t values (same())"));
+  EXPECT_EQ(db.lastErrorMessage(), "of what?");
+  EXPECT_TRUE(db.executeUpdate("insert into t values (same(1, 2, 3))"));
+  EXPECT_EQ(db.stringForQuery("select a from t"), "in use");
+  EXPECT_EQ(log.count("<KLV ERROR> The FMDatabase " + db.description() + " is currently in use."), 1U);
+}
+
+TEST_F(Database, TheAdditionsKnowTheSchemaAndTheFilesNumbers) {
+  ASSERT_TRUE(db.executeStatements("create table \"It's\" (First, second); create index i on \"It's\" (First)"));
+  EXPECT_TRUE(db.tableExists("IT'S") && db.columnExists("FIRST", "it's"));
+  EXPECT_FALSE(db.tableExists("i") || db.tableExists("no") || db.columnExists("third", "it's") ||
+               db.columnExists("first", "no"));
+  const auto schema = db.getSchema();
+  ASSERT_TRUE(schema->next());
+  EXPECT_EQ(schema->stringForColumn("name"), "It's");
+  EXPECT_TRUE(schema->next() && !schema->next());
+  EXPECT_TRUE(db.setUserVersion(7) && db.setApplicationID(0xFFFFFFFE));
+  EXPECT_EQ(db.userVersion(), 7U);
+  EXPECT_EQ(db.applicationID(), 0xFFFFFFFE);
+  FMKLVError error;
+  EXPECT_TRUE(db.validateSQL("drop table \"It's\"", &error));
+  EXPECT_TRUE(db.tableExists("it's"));
+  EXPECT_EQ(log.count("ERROR"), 0U);
+  EXPECT_FALSE(db.executeUpdate("select ?"));
+  EXPECT_FALSE(db.validateSQL("drop", &error));
+  EXPECT_EQ(error.code, SQLITE_ERROR) << "not what the call before left";
+  EXPECT_EQ(log.count("DB Error"), 0U);
+  EXPECT_EQ(FMKLVDatabase::FMDBVersion(), 0x250);
+  EXPECT_TRUE(db.boolForQuery("select ?", 2) && db.dataForQuery("select x'01'") == Data{1} &&
+              db.longForQuery("select ?", -5) == -5);
+  EXPECT_EQ(db.doubleForQuery("select 1 where 0"), 0);
+}
+
+TEST_F(Database, TracingAndObsoleteCallsLeaveTheirLines) {
+  db.setTraceExecution(true);
+  EXPECT_EQ(db.intForQuery("select length(?) + ?", Data(3), "4"), 7);
+  EXPECT_TRUE(db.beginTransaction() && db.rollback());
+  EXPECT_EQ(log.count("<KLV DEBUG> " + db.description() + " executeQuery: select length(?) + ? "), 1U);
+  EXPECT_EQ(log.count("<KLV DEBUG> " + db.description() + " executeUpdate: begin exclusive transaction "), 1U);
+  EXPECT_EQ(log.count("<KLV DEBUG> data: 3 bytes ") + log.count("<KLV DEBUG> obj: 4 "), 2U);
+  static_cast<void>(db.busyRetryTimeout());
+  db.setBusyRetryTimeout(1);
+  EXPECT_EQ(log.count("<KLV WARN> FMDB: busyRetryTimeout no longer works, please use maxBusyRetryTimeInterval "), 1U);
+  EXPECT_EQ(log.count("<KLV WARN> FMDB: setBusyRetryTimeout does nothing, please use setMaxBusyRetryTimeInterval: "),
+            1U);
+}
+
+struct Cache : Database {
+  Cache() { db.setShouldCacheStatements(true); }
+  bool nothingPrepared() { return sqlite3_next_stmt(db.sqliteHandle(), nullptr) == nullptr; }
+};
+
+TEST_F(Cache, AStatementServesItsTextAgainWithNothingLeftOfItsLastUse) {
+  ASSERT_TRUE(db.executeUpdate("create table t (a, b)"));
+  const std::string insert = "insert into t values (:a, :b)";
+  EXPECT_FALSE(db.executeUpdate(insert, Dictionary{{"a", 1}}));
+  EXPECT_EQ(db.cachedStatements().count(insert), 0U);
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(db.executeUpdate(insert, Dictionary{{"a", i}, {"b", std::string(50, 'b')}}));
+  EXPECT_FALSE(db.executeUpdate(insert, Dictionary{{"a", 9}}));  // the b of the last use is gone
+  const auto& statements = db.cachedStatements().at(insert);
+  ASSERT_EQ(statements.size(), 1U);
+  EXPECT_EQ(statements[0]->useCount(), 3);
+  EXPECT_NE(statements[0]->description().find(" 3 hit(s) for query " + insert), std::string::npos);
+  char* expanded = sqlite3_expanded_sql(statements[0]->statement());
+  EXPECT_STREQ(expanded, "insert into t values (NULL, NULL)");
+  sqlite3_free(expanded);
+  ASSERT_TRUE(db.executeUpdate("alter table t add column c"));
+  EXPECT_EQ(db.executeQuery("select * from t where a = ?", 1)->columnCount(), 3);
+  EXPECT_TRUE(db.close());
+  EXPECT_EQ(log.count("leaked"), 0U);
+}
+
+TEST_F(Cache, AStatementInUseIsLeftAloneAndOutlivesTheCache) {
+  const std::string sql = "select 1 union select 2";
+  const auto first = db.executeQuery(sql);
+  ASSERT_TRUE(first->next());
+  auto second = db.executeQuery(sql);
+  ASSERT_TRUE(second->next());
+  EXPECT_EQ(first->intForColumnIndex(0), 1);
+  EXPECT_EQ(db.cachedStatements().at(sql).size(), 2U);
+  EXPECT_EQ(db.cachedStatementForQuery(sql), nullptr);
+  second->close();
+  EXPECT_FALSE(second->hasAnotherRow());
+  const auto idle = db.cachedStatementForQuery(sql);
+  ASSERT_NE(idle, nullptr);
+  second = db.executeQuery(sql);
+  EXPECT_EQ(db.cachedStatements().at(sql).size(), 2U);
+  EXPECT_TRUE(idle->inUse());
+  second->close();
+
+  db.setShouldCacheStatements(false);
+  EXPECT_TRUE(db.cachedStatements().empty());
+  EXPECT_EQ(idle->statement(), nullptr);
+  ASSERT_TRUE(first->next());
+  EXPECT_EQ(first->intForColumnIndex(0), 2);
+  EXPECT_FALSE(nothingPrepared());
+  EXPECT_FALSE(first->next());
+  EXPECT_TRUE(nothingPrepared());
 }
 
 TEST_F(Database, AStatementWaitsForAnotherConnectionsLockAsLongAsItMay) {
@@ -105,29 +407,6 @@ TEST_F(Database, AStatementWaitsForAnotherConnectionsLockAsLongAsItMay) {
   });
   EXPECT_TRUE(waiter.executeUpdate("insert into t values (1)"));
   release.join();
-}
-
-struct Queue : testing::Test {
-  std::unique_ptr<FMKLVDatabaseQueue> queue = FMKLVDatabaseQueue::databaseQueueWithPath(home() + "/queue.sqlite");
-};
-
-TEST_F(Queue, ABlockInsideABlockEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  setenv("TMPDIR", home().c_str(), 1);  // the home that the dying process leaves behind goes with this one
-  EXPECT_DEATH(queue->inDatabase([&](FMKLVDatabase&) { queue->inDatabase([](FMKLVDatabase&) {}); }),
-               "currentSyncQueue != self && \"inDatabase: was called reentrantly on the same queue, which would lead "
-               "to a deadlock\"");
-}
-
-TEST_F(Queue, GoesOnAfterABlockThatThrowsWarnsOfRowsThatOutliveTheirsAndReopensAfterClose) {
-  const LogCapture log;
-  EXPECT_THROW(queue->inDatabase([](FMKLVDatabase&) { throw std::runtime_error("block"); }), std::runtime_error);
-  std::unique_ptr<FMKLVResultSet> rows;
-  queue->inDatabase([&](FMKLVDatabase& db) { EXPECT_TRUE(db.executeUpdate("create table t (a)")); });
-  queue->inDatabase([&](FMKLVDatabase& db) { rows = db.executeQuery("select 1"); });
-  EXPECT_EQ(log.count("<KLV WARN> Warning: there is at least one open result set around"), 1U);
-  queue->close();
-  queue->inDatabase([](FMKLVDatabase& db) { EXPECT_EQ(db.intForQuery("select count(*) from sqlite_master"), 1); });
 }
 
 }  // namespace

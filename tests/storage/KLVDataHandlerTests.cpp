@@ -1,18 +1,13 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <future>
-#include <random>
 
 #include "records/KLVEvents.h"
 #include "records/KLVFileNames.h"
 #include "storage/FMKLVDatabase.h"
 #include "storage/KLVDataHandler.h"
 #include "support/LogCapture.h"
-#include "support/Program.h"
 #include "support/TestHome.h"
 
 namespace kelvo::test {
@@ -51,28 +46,60 @@ TEST_F(StartedHandler, JobsOfEveryKindKeepTheOrderOfTheirSubmission) {
   handler.saveEventInfo(event("a"), "S");
   handler.deleteSession("S");
   handler.saveEventInfo(event("too late"), "S");
-  bool storedBefore = false;
+  Value storedBefore;
   handler.upsertLifetimeEvent(event("a"));
-  handler.whenStored([&] { storedBefore = handler.retrieveLifetimeEventWithName("a").has_value(); });
+  handler.whenStored(
+      [&] { storedBefore = handler.retrieveLifetimeEventWithName("a").value_or(Dictionary())["count"]; });
   handler.upsertLifetimeEvent(event("a"));
   release.set_value();
   waitUntilStored(handler);
   EXPECT_EQ(log.count("KLVError 1: no such table: events_S"), 1U);
-  EXPECT_TRUE(storedBefore);
+  EXPECT_EQ(storedBefore, 1);
   EXPECT_EQ((*handler.retrieveLifetimeEventWithName("a"))["count"], 2);
 }
 
-TEST_F(StartedHandler, DeletionsThatBelongTogetherWaitForOneAnother) {
+TEST_F(StartedHandler, CountsThatAreRememberedStayRight) {
   handler.saveEventInfo(event("a"), "S");
-  handler.saveChunkMetaInfo(std::make_shared<KLVChunkMetaInfo>("S", 1, 1, 1, Array{5}));
-  handler.writeTogether([&] {
-    handler.deleteSession("S");
-    handler.deleteChunkMetaInfo(std::make_shared<KLVChunk>("S"));
-    EXPECT_EQ(handler.getSessions().size(), 1U) << "a kill here must leave everything";
-    EXPECT_EQ(handler.retrieveChunkMetaInfo().size(), 1U);
-  });
-  EXPECT_TRUE(handler.getSessions().empty());
-  EXPECT_TRUE(handler.retrieveChunkMetaInfo().empty());
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 1U);
+  auto release = block();
+  handler.saveEventInfo(event("b"), "S");
+  handler.upsertLifetimeEvent(event("a"));
+  handler.saveEventInfo(event("c"), "no such session");  // the group is rolled back and done one by one
+  release.set_value();
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 2U);
+  EXPECT_EQ((*handler.retrieveLifetimeEventWithName("a"))["count"], 1);
+
+  for (int round = 0; round < 2; ++round) {
+    for (int name = 0; name < 600; ++name) handler.upsertLifetimeEvent(event(std::to_string(name)));
+  }
+  waitUntilStored(handler);
+  for (const char* name : {"0", "599"}) EXPECT_EQ((*handler.retrieveLifetimeEventWithName(name))["count"], 2) << name;
+
+  handler.upsertLifetimeEvent(event("it's"));
+  handler.upsertLifetimeEvent(event("it's"));
+  waitUntilStored(handler);
+  EXPECT_EQ(handler.retrieveLifetimeEventWithName("it's"), std::nullopt);
+  EXPECT_EQ(log.count("Couldn't insert lifetime event"), 1U);
+  EXPECT_EQ(log.count("Couldn't update lifetime event count"), 0U);
+
+  handler.deleteSession("S");
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 0U);
+}
+
+TEST_F(StartedHandler, AProducerCatchesUpOnlyWhenMuchWaitsAndWhatIsReportedAsStoredSurvivesAKill) {
+  FMKLVDatabase other(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite"));
+  ASSERT_TRUE(other.open());
+  const auto survivors = [&] { return other.intForQuery("select count(*) from events_S"); };
+  auto release = block();
+  for (int i = 0; i < 100; ++i) handler.saveEventInfo(event("a"), "S");
+  handler.catchUp();  // or nobody would ever release the queue
+  int whenReported = 0;
+  handler.whenStored([&] { whenReported = survivors(); });
+  release.set_value();
+  for (int i = 0; i < 20000; ++i) handler.saveEventInfo(event("a"), "S");
+  handler.catchUp();
+  EXPECT_GE(survivors(), 18000);
+  EXPECT_GE(whenReported, 100);
 }
 
 TEST_F(StartedHandler, WhatWasAcceptedIsStoredThoughTheHandlerHasGone) {
@@ -89,21 +116,15 @@ TEST_F(StartedHandler, WhatWasAcceptedIsStoredThoughTheHandlerHasGone) {
   EXPECT_EQ(handler.numberOfEventsWithIdentifier("T"), 1U);
 }
 
-TEST_F(Handler, WithoutAStartKeepsFilesButNoRows) {
+TEST_F(Handler, WithoutAStartKeepsFilesAndLogsTheirFailuresButNoRows) {
   handler.saveEventInfo(event("a"), "S");
-  handler.fetchAndIncrementCountForParameters({{"sid", "S"}});
   handler.deleteSession("S");
   EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 0U);
-  EXPECT_TRUE(handler.getSessions().empty());
   EXPECT_TRUE(handler.retrieveChunkMetaInfo().empty());
   EXPECT_EQ(handler.retrieveLifetimeEventWithName("a"), std::nullopt);
+  EXPECT_FALSE(std::filesystem::exists(documents("kelvo-db")));
   handler.persistClientEvents({{"a", 1}});
   EXPECT_EQ(handler.getClientEvents(), Dictionary({{"a", 1}}));
-  EXPECT_EQ(log.count("<KLV ERROR>"), 0U);
-  EXPECT_FALSE(std::filesystem::exists(documents("kelvo-db")));
-}
-
-TEST_F(Handler, FilesComeBackAndFailuresAreLoggedInTheirOwnWords) {
   const auto user = std::make_shared<KLVUser>("me");
   user->setCustomInfo(42, "age");
   handler.saveUserInfo(user);
@@ -112,6 +133,7 @@ TEST_F(Handler, FilesComeBackAndFailuresAreLoggedInTheirOwnWords) {
 
   writeFileForTest(library("broken"), "{");
   writeFileForTest(library("fragment"), "1");
+  std::filesystem::remove(library("com.kelvo.SDK.clientevents"));
   writeFileForTest(library("com.kelvo.SDK.clientevents/x"), "a directory where the file should be");
   writeFileForTest(home() + "/outside", "kept");
   for (const char* path : {"absent", "broken", "fragment"}) {
@@ -132,63 +154,6 @@ TEST_F(Handler, FilesComeBackAndFailuresAreLoggedInTheirOwnWords) {
   for (const auto& [line, times] : expected) EXPECT_EQ(log.count(line), times) << line;
   EXPECT_EQ(contentOf(home() + "/outside"), "kept");
   EXPECT_EQ(contentOf(library("broken")), "{");
-}
-
-// --- Kills
-
-constexpr std::uint32_t kBatch = 20;
-
-/// Runs in a process of its own until it is killed: stores events named 1, 2, 3 ... and reports the number of each
-/// batch once the handler says that it is stored.
-TEST(Kill, DISABLED_Writer) {
-  const char* itsHome = std::getenv("KELVO_TEST_WRITER_HOME");
-  if (itsHome == nullptr) GTEST_SKIP() << "only a part of another test";
-  setenv("KELVO_HOME", itsHome, 1);
-  const std::string session = std::getenv("KELVO_TEST_WRITER_SESSION");
-  KLVDataHandler handler(session);
-  handler.startWithCompletionHandler({});
-  for (std::uint32_t number = 1;; ++number) {
-    handler.saveEventInfo(event(std::to_string(number)), session);
-    handler.upsertLifetimeEvent(event("all"));
-    if (number % kBatch != 0) continue;
-    waitUntilStored(handler);
-    dprintf(STDERR_FILENO, "stored %u.\n", number);
-  }
-}
-
-TEST(Kill, WhatWasReportedAsStoredSurvivesAKillAtAnyMoment) {
-  std::mt19937 random{std::random_device()()};
-  std::int64_t counted = 0;
-  for (int round = 1; round <= 10; ++round) {
-    const auto session = "S" + std::to_string(round);
-    SCOPED_TRACE(session);
-    // What the writer's own start leaves behind lies in this test's home, too, and goes with it.
-    Program writer({"/proc/self/exe", "--gtest_filter=Kill.DISABLED_Writer", "--gtest_also_run_disabled_tests"},
-                   {{"TMPDIR", home()}, {"KELVO_TEST_WRITER_HOME", home()}, {"KELVO_TEST_WRITER_SESSION", session}});
-    ASSERT_TRUE(writer.waitForError("stored " + std::to_string((random() % 40 + 1) * kBatch) + "."));
-    for (volatile auto spin = random() % 500000; spin > 0;) spin = spin - 1;  // to somewhere inside a batch
-    writer.kill(SIGKILL);
-    ASSERT_EQ(writer.wait(), -SIGKILL);
-    const std::string reports = writer.errors();
-    const auto reported = std::stoul(reports.substr(reports.rfind("stored ") + 7));
-
-    KLVDataHandler handler("after");
-    handler.startWithCompletionHandler({});
-    FMKLVDatabase db(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite"));
-    ASSERT_TRUE(db.open());
-    const auto check = db.executeQuery("pragma integrity_check");
-    ASSERT_TRUE(check && check->next());
-    EXPECT_EQ(check->objectForColumnIndex(0), "ok");
-
-    const auto rows = handler.getEventsBetween(1, UINT64_MAX, session, std::nullopt);
-    ASSERT_GE(rows.size(), reported);
-    ASSERT_LE(rows.size(), reported + kBatch);
-    for (std::size_t row = 0; row < rows.size(); ++row) ASSERT_EQ(rows[row]["id"], std::to_string(row + 1));
-    const auto count = (*handler.retrieveLifetimeEventWithName("all"))["count"].asInt64();
-    EXPECT_GE(count, counted + static_cast<std::int64_t>(reported));
-    EXPECT_LE(count, counted + static_cast<std::int64_t>(rows.size()));
-    counted = count;
-  }
 }
 
 }  // namespace

@@ -27,6 +27,10 @@ bool contains(const std::vector<std::string>& lines, const std::string& text) {
 }  // namespace
 
 LogCapture::LogCapture() {
+  {
+    const std::lock_guard lock(captured().mutex);
+    captured().all.clear();
+  }
   KLVLogger::setLogLevel(0);
   KLVLogger::setSink([](KLVLogger::Level, std::string_view line) {
     const std::lock_guard lock(captured().mutex);

@@ -112,9 +112,9 @@ std::string Program::errors() const {
   return contentOf(files_ + ".err");
 }
 
-bool Program::waitForError(const std::string& text, std::chrono::seconds limit) const {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (errors().find(text) == std::string::npos) {
+bool Program::waitFor(std::string (Program::*text)() const, const std::string& part) const {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while ((this->*text)().find(part) == std::string::npos) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }

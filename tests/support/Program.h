@@ -25,12 +25,16 @@ class Program {
   /// Waits for the end: the exit status, or the negative number of the signal that ended it.
   int wait();
 
+  [[nodiscard]] pid_t id() const { return process_; }
   [[nodiscard]] std::string output() const;
   [[nodiscard]] std::string errors() const;
-  /// Waits until the errors contain `text`.
-  [[nodiscard]] bool waitForError(const std::string& text, std::chrono::seconds limit = std::chrono::seconds(20)) const;
+  /// Wait until the output or the errors contain `text`.
+  [[nodiscard]] bool waitForOutput(const std::string& text) const { return waitFor(&Program::output, text); }
+  [[nodiscard]] bool waitForError(const std::string& text) const { return waitFor(&Program::errors, text); }
 
  private:
+  bool waitFor(std::string (Program::*text)() const, const std::string& part) const;
+
   std::string files_;  // path without ending
   pid_t process_ = -1;
   int input_ = -1;

@@ -6,7 +6,6 @@
 
 #include <future>
 #include <regex>
-#include <sstream>
 
 #include "platform/Problem.h"
 #include "support/LogCapture.h"
@@ -23,10 +22,6 @@ struct KLVSpeaker {
 };
 
 namespace {
-
-void sayFromNowhere() {
-  KLV_INFO("here");
-}
 
 TEST(Logger, TheLevelDecidesWhatIsWritten) {
   const LogCapture log;
@@ -54,15 +49,13 @@ TEST(Logger, ALineNamesItsMethodAndPlace) {
   const auto before = log.lines().size();
   KLVSpeaker::say();
   static_cast<void>(KLVSpeaker().sayFromLambda());
-  sayFromNowhere();
   reportProblem("void kelvo::Files::write(int)", "disk full");
   const auto lines = log.lines();
-  ASSERT_EQ(lines.size() - before, 4U);
+  ASSERT_EQ(lines.size() - before, 3U);
   const char* expected[] = {R"(<KLV WARN> from a class and 1 1 \(null\) test::KLVSpeaker::say:\d+)",
                             R"(<KLV INFO> \{\} %s\\n stays as it is test::KLVSpeaker::sayFromLambda:\d+)",
-                            R"(<KLV INFO> here test::.*sayFromNowhere:\d+)",
                             R"(<KLV ERROR> disk full Files::write:\d+)"};
-  for (std::size_t i = 0; i < 4; ++i) {
+  for (std::size_t i = 0; i < 3; ++i) {
     EXPECT_TRUE(std::regex_match(lines[before + i], std::regex(expected[i]))) << lines[before + i];
   }
 }
@@ -92,30 +85,22 @@ TEST(Logger, AStalledReaderNeverHoldsACallerUpAndLostLinesAreCounted) {
   for (int i = 0; i < kLines; ++i) KLV_INFO("line {}.", i);  // would hang here
   EXPECT_FALSE(KLVLogger::drain(std::chrono::milliseconds(50))) << "the limit ends the wait";
 
-  std::string text;
-  auto reader = std::async(std::launch::async, [&] {
-    char buffer[65536];
-    for (ssize_t count = 0; (count = ::read(pipe[0], buffer, sizeof buffer)) > 0;) {
-      text.append(buffer, static_cast<std::size_t>(count));
+  int written = 0, dropped = 0, last = -1;
+  auto reader = std::async(std::launch::async, [&, file = ::fdopen(pipe[0], "r")] {
+    int number = 0;
+    for (char line[256]; std::fgets(line, sizeof line, file) != nullptr;) {
+      if (std::sscanf(line, "<KLV WARN> %d log lines were dropped", &number) == 1) {
+        dropped += number;
+      } else {
+        EXPECT_EQ(std::sscanf(line, "<KLV INFO> line %d.", &number), 1) << line;
+        EXPECT_LT(std::exchange(last, number), number) << "in order";
+        ++written;
+      }
     }
   });
   EXPECT_TRUE(KLVLogger::drain(std::chrono::seconds(60)));
   ::dup2(standardError, STDERR_FILENO);  // ends the pipe
   reader.get();
-
-  const std::regex form("<KLV (?:INFO> line (\\d+)\\.|WARN> (\\d+) log lines were dropped).*");
-  int written = 0, dropped = 0, last = -1;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    std::smatch match;
-    ASSERT_TRUE(std::regex_match(line, match, form)) << line;
-    if (match[2].matched) {
-      dropped += std::stoi(match[2]);
-      continue;
-    }
-    EXPECT_LT(std::exchange(last, std::stoi(match[1])), std::stoi(match[1])) << "in order";
-    ++written;
-  }
   EXPECT_GT(dropped, 0);
   EXPECT_GE(written, 4096) << "as many as may wait";
   EXPECT_EQ(written + dropped, kLines);

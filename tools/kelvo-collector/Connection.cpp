@@ -18,6 +18,9 @@ using std::chrono::steady_clock;
 
 /// A client that stops in the middle of a request is given up after this long.
 constexpr milliseconds kReadLimit{30'000};
+/// So is one that does not take its answer.
+constexpr milliseconds kWriteLimit{30'000};
+constexpr std::size_t kTLSPiece = 4096;
 
 int clamped(std::size_t size) {
   return static_cast<int>(std::min<std::size_t>(size, INT_MAX));
@@ -78,6 +81,18 @@ bool Connection::stay(std::optional<milliseconds> limit) {
   return poll(&stopped, 1, 0) == 0;
 }
 
+Connection::Waited Connection::await(int descriptor, milliseconds limit) {
+  const auto end = steady_clock::now() + limit;
+  for (;;) {
+    pollfd watched[] = {{socket_, POLLRDHUP, 0}, {stopDescriptor_, POLLIN, 0}, {descriptor, POLLIN, 0}};
+    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
+    const int ready = poll(watched, 3, static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX)));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) return Waited::TimeOver;
+    return ready > 0 && watched[0].revents == 0 && watched[1].revents == 0 ? Waited::Readable : Waited::Gone;
+  }
+}
+
 ssize_t Connection::read(char* bytes, std::size_t size) {
   if (begin_ == end_) {
     const ssize_t received = receive(buffer_.data(), buffer_.size());
@@ -97,8 +112,10 @@ ssize_t Connection::receive(char* bytes, std::size_t size) {
 }
 
 ssize_t Connection::write(const char* bytes, std::size_t size) {
-  if (cut_) return -1;
-  return tls_ ? SSL_write(tls_.get(), bytes, clamped(size)) : send(socket_, bytes, size, MSG_NOSIGNAL);
+  if (cut_ || !wait(POLLOUT, kWriteLimit)) return -1;
+  // Not more than surely fits where there is room at all: what must wait for room would not see the server stop.
+  if (tls_) return SSL_write(tls_.get(), bytes, clamped(std::min(size, kTLSPiece)));
+  return send(socket_, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 }  // namespace kelvo::collector

@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 
@@ -32,10 +33,13 @@ class Connection {
   [[nodiscard]] bool waitForRequest(std::chrono::milliseconds limit);
   /// Waits until the client has closed or `limit` has passed (never without one); true when it is still there.
   bool stay(std::optional<std::chrono::milliseconds> limit);
+  enum class Waited : std::uint8_t { Readable, TimeOver, Gone };
+  /// The same until `descriptor` becomes readable.
+  [[nodiscard]] Waited await(int descriptor, std::chrono::milliseconds limit);
   /// Sends nothing from now on.
   void cut() noexcept { cut_ = true; }
 
-  /// As of the C library: bytes moved, 0 at the end, -1 for an error.
+  /// As of the C library: bytes moved, 0 at the end, -1 for an error. A client that takes nothing for long is given up.
   ssize_t read(char* bytes, std::size_t size);
   ssize_t write(const char* bytes, std::size_t size);
 

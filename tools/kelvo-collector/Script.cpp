@@ -21,6 +21,12 @@ Script Script::garbage() {
   return {200, std::string(bytes, sizeof bytes - 1)};
 }
 
+Script Script::after(std::chrono::milliseconds delay) const {
+  Script script = *this;
+  script.delay_ = delay;
+  return script;
+}
+
 Script Script::times(std::size_t count) const {
   Script script = *this;
   script.left_ = count;
@@ -28,6 +34,7 @@ Script Script::times(std::size_t count) const {
 }
 
 void ScriptBook::set(const std::string& fragment, std::vector<Script> scripts) {
+  const std::lock_guard lock(mutex_);
   entries_.remove_if([&](const auto& entry) { return entry.first == fragment; });
   if (scripts.empty()) return;
   // One that came before others and had no end would hide them.
@@ -36,6 +43,7 @@ void ScriptBook::set(const std::string& fragment, std::vector<Script> scripts) {
 }
 
 std::optional<Script> ScriptBook::take(const std::string& target) {
+  const std::lock_guard lock(mutex_);
   const auto found = std::find_if(entries_.begin(), entries_.end(),
                                   [&](const auto& entry) { return target.find(entry.first) != std::string::npos; });
   if (found == entries_.end()) return std::nullopt;
@@ -44,6 +52,16 @@ std::optional<Script> ScriptBook::take(const std::string& target) {
   if (script.left_ > 0 && --turn.front().left_ == 0) turn.pop_front();
   if (turn.empty()) entries_.erase(found);
   return script;
+}
+
+void ScriptBook::clear() {
+  const std::lock_guard lock(mutex_);
+  entries_.clear();
+}
+
+ScriptBook::Entries ScriptBook::entries() const {
+  const std::lock_guard lock(mutex_);
+  return entries_;
 }
 
 }  // namespace kelvo::collector

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -34,6 +35,8 @@ class Script {
   static Script garbage();
   /// Takes the request (and stores the chunk), then resets the connection.
   static Script losingTheAnswer() { return Script(Kind::LoseAnswer); }
+  /// The same script, `delay` later; for scripts that give an answer.
+  [[nodiscard]] Script after(std::chrono::milliseconds delay) const;
   /// The same script for the next `count` requests only; for good when it is 0.
   [[nodiscard]] Script times(std::size_t count) const;
 
@@ -44,6 +47,8 @@ class Script {
   [[nodiscard]] int status() const noexcept { return status_; }
   [[nodiscard]] const std::string& body() const noexcept { return body_; }
   [[nodiscard]] std::chrono::milliseconds delay() const noexcept { return delay_; }
+  /// Requests that it is still for; 0 for good.
+  [[nodiscard]] std::size_t left() const noexcept { return left_; }
 
  private:
   friend class ScriptBook;
@@ -56,16 +61,22 @@ class Script {
   std::size_t left_ = 0;  // 0: for good
 };
 
-/// Which script the next request follows. Not thread-safe.
+/// Which script the next request follows. Safe to use from any thread.
 class ScriptBook {
  public:
+  using Entries = std::list<std::pair<std::string, std::deque<Script>>>;
+
   /// The scripts in turn for requests that contain `fragment`, in place of those set for it before; none to end it.
   void set(const std::string& fragment, std::vector<Script> scripts);
   /// The script for a request of `target`, used up by one; nullopt to answer normally.
   [[nodiscard]] std::optional<Script> take(const std::string& target);
+  void clear();
+  /// Fragments and their scripts; the fragment set last comes first.
+  [[nodiscard]] Entries entries() const;
 
  private:
-  std::list<std::pair<std::string, std::deque<Script>>> entries_;  // the fragment set last comes first
+  mutable std::mutex mutex_;
+  Entries entries_;
 };
 
 }  // namespace kelvo::collector

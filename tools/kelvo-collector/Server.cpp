@@ -1,19 +1,24 @@
 #include "kelvo-collector/Server.h"
 
+#include <fmt/chrono.h>
 #include <httplib.h>
 #include <openssl/ssl.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <ctime>
 #include <mutex>
 #include <optional>
 #include <string_view>
 #include <thread>
 #include <utility>
 
+#include "kelvo-collector/Access.h"
+#include "kelvo-collector/Bell.h"
 #include "kelvo-collector/Connection.h"
+#include "kelvo-collector/Debug.h"
+#include "kelvo-collector/Listener.h"
+#include "kelvo-collector/Live.h"
+#include "kelvo-collector/Page.h"
 #include "kelvo-collector/Service.h"
 #include "kelvo-collector/ServiceState.h"
 #include "platform/JSON.h"
@@ -23,91 +28,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::size_t kThreads = 64;
-constexpr std::size_t kLargestBody = 64U << 20U;
-constexpr std::size_t kRequestsOfAConnection = 1'000'000;
-constexpr std::chrono::seconds kKeepAlive{60};
 constexpr const char* kHost = "127.0.0.1";
 constexpr const char* kJSONType = "application/json";
-
-/// A `Connection` as the HTTP library wants to see it.
-class Wire final : public httplib::Stream {
- public:
-  explicit Wire(Connection& connection) : connection_(connection) {}
-  bool is_readable() const override { return true; }
-  bool is_writable() const override { return true; }
-  ssize_t read(char* bytes, std::size_t size) override { return connection_.read(bytes, size); }
-  ssize_t write(const char* bytes, std::size_t size) override { return connection_.write(bytes, size); }
-  void get_remote_ip_and_port(std::string& ip, int& port) const override { ip = kHost, port = 0; }
-  void get_local_ip_and_port(std::string& ip, int& port) const override { ip = kHost, port = 0; }
-  socket_t socket() const override { return connection_.socket(); }
-
- private:
-  Connection& connection_;
-};
-
-/// How many connections there are, were at most, and have been.
-struct Tally {
-  std::atomic<std::size_t> open{0};
-  std::atomic<std::size_t> most{0};
-  std::atomic<std::size_t> all{0};
-
-  void opened() noexcept {
-    ++all;
-    const std::size_t now = ++open;
-    for (std::size_t known = most; known < now && !most.compare_exchange_weak(known, now);) {
-    }
-  }
-};
-
-/// The connection that the calling thread serves.
-thread_local Connection* servedConnection = nullptr;
-
-/// The HTTP library's server over connections of our own, which can be broken and stop at once.
-class Listener final : public httplib::Server {
- public:
-  Listener(Tally& tally, ssl_ctx_st* tls) : tally_(tally), tls_(tls), stopDescriptor_(eventfd(0, EFD_CLOEXEC)) {
-    new_task_queue = [] { return std::make_unique<httplib::ThreadPool>(kThreads).release(); };
-    set_payload_max_length(kLargestBody);
-    set_keep_alive_max_count(kRequestsOfAConnection);  // this and the next for the header that announces them
-    set_keep_alive_timeout(kKeepAlive.count());
-    set_tcp_nodelay(true);  // head and body leave in two writes
-    // Not the library's default, which lets two processes share one port.
-    set_socket_options([](socket_t socket) {
-      const int yes = 1;
-      setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    });
-  }
-  ~Listener() override { close(stopDescriptor_); }
-
-  void end() {
-    eventfd_write(stopDescriptor_, 1);
-    stop();
-  }
-
- private:
-  bool process_and_close_socket(socket_t socket) override {
-    Connection connection(socket, stopDescriptor_, tls_);
-    tally_.opened();
-    servedConnection = &connection;
-    if (connection.open()) serve(connection);
-    servedConnection = nullptr;
-    --tally_.open;
-    return true;
-  }
-
-  void serve(Connection& connection) {
-    Wire wire(connection);
-    while (connection.waitForRequest(kKeepAlive)) {
-      bool closed = false;
-      if (!process_request(wire, false, closed, nullptr) || closed) return;
-    }
-  }
-
-  Tally& tally_;
-  ssl_ctx_st* tls_;
-  int stopDescriptor_;
-};
 
 struct TLSFreer {
   void operator()(ssl_ctx_st* context) const noexcept { SSL_CTX_free(context); }
@@ -148,6 +70,11 @@ ReceivedRequest received(const httplib::Request& request, const std::string& bod
   return result;
 }
 
+/// As headers have it: "Sat, 21 Nov 2026 06:15:09 GMT".
+std::string dateOfNow() {
+  return fmt::format("{:%a, %d %b %Y %H:%M:%S} GMT", fmt::gmtime(std::time(nullptr)));
+}
+
 void send(const Reply& reply, httplib::Response& response) {
   response.status = reply.status;
   if (!reply.allow.empty()) response.set_header("Allow", reply.allow);
@@ -165,15 +92,15 @@ void sendCutShort(int status, httplib::Response& response) {
 
 /// Does what `script` says; `answer` is what the service says itself.
 void play(const Script& script, const Reply& answer, httplib::Response& response) {
+  Connection& connection = Listener::served();
+  if (script.delay().count() > 0 && !connection.stay(script.delay())) return connection.cut();
   switch (script.kind()) {
     case Script::Kind::Answer: response.status = script.status(); return response.set_content(script.body(), kJSONType);
-    case Script::Kind::Late:
-      if (!servedConnection->stay(script.delay())) return servedConnection->cut();
-      return send(answer, response);
+    case Script::Kind::Late: return send(answer, response);
     case Script::Kind::CutShort: return sendCutShort(script.status(), response);
-    case Script::Kind::Never: servedConnection->stay(std::nullopt); return servedConnection->cut();
+    case Script::Kind::Never: connection.stay(std::nullopt); return connection.cut();
     case Script::Kind::Cut:
-    case Script::Kind::LoseAnswer: return servedConnection->cut();
+    case Script::Kind::LoseAnswer: return connection.cut();
   }
 }
 
@@ -186,35 +113,40 @@ struct Server::Impl {
 
   int start(int port, TLSContext context);
   void route(httplib::Server& http);
-  void handleDebug(const Question& question, httplib::Response& response);
   void handle(const httplib::Request& request, const std::string& body, httplib::Response& response);
+  void handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response);
+  void stream(const httplib::Request& request, httplib::Response& response);
+  void handleService(const httplib::Request& request, const Question& question, httplib::Response& response);
 
   std::unique_ptr<Store> ownStore;
   std::unique_ptr<ServiceState> ownState;
   Store& store;
   ServiceState& state;
 
-  Tally tally;
+  Tallied tally;
+  ScriptBook scripts;
+  Bell bell;
   TLSContext tls;
   std::unique_ptr<Listener> listener;
   std::thread thread;
 
   std::mutex mutex;  // guards what follows
   std::string baseURL;
-  ScriptBook scripts;
 };
 
 void Server::Impl::route(httplib::Server& http) {
   const httplib::Server::Handler all = [this](const auto& request, auto& response) {
     handle(request, request.body, response);
   };
-  http.Get(".*", all).Put(".*", all).Patch(".*", all).Delete(".*", all).Options(".*", all);
+  http.Get(".*", all).Patch(".*", all).Delete(".*", all).Options(".*", all);
   // Read by ourselves: the library would take a body without a content type for a form, and refuse a large one.
-  http.Post(".*", [this](const auto& request, auto& response, const httplib::ContentReader& reader) {
+  const httplib::Server::HandlerWithContentReader withBody = [this](const auto& request, auto& response,
+                                                                    const httplib::ContentReader& reader) {
     std::string body;
     const auto append = [&body](const char* bytes, std::size_t size) { return body.append(bytes, size), true; };
     if (reader(append)) handle(request, body, response);
-  });
+  };
+  http.Post(".*", withBody).Put(".*", withBody);
   // Without a length there is no body; the library would wait for one until the connection ends.
   http.set_pre_routing_handler([this](const auto& request, auto& response) {
     if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
@@ -223,9 +155,10 @@ void Server::Impl::route(httplib::Server& http) {
     handle(request, {}, response);
     return httplib::Server::HandlerResponse::Handled;
   });
+  http.set_post_routing_handler([](const auto&, auto& response) { response.set_header("Date", dateOfNow()); });
   http.set_error_handler([](const auto&, auto& response) {
     const bool ours = response.has_header("Content-Type");
-    if (!ours) send({response.status, {{"error", "this is no request that can be served"}}, {}, {}, {}}, response);
+    if (!ours) send(refusal(response.status, "this is no request that can be served"), response);
   });
 }
 
@@ -244,31 +177,57 @@ int Server::Impl::start(int port, TLSContext context) {
   return bound;
 }
 
-void Server::Impl::handleDebug(const Question& question, httplib::Response& response) {
-  Reply answer = reply(question, state, store);
-  if (answer.change) {
-    const std::lock_guard lock(mutex);
-    scripts.set(answer.change->fragment, std::move(answer.change->scripts));
+void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
+  const std::string host = request.get_header_value("Host");
+  if (!isLoopbackHost(host)) return send(refusal(403, "the collector answers to loopback names only"), response);
+  const Question question{request.method, request.path, {request.params.begin(), request.params.end()}, body};
+  if (isDebugPath(request.path)) {
+    const bool own = isOwnOrigin(request.get_header_value("Origin"), host, tls != nullptr);
+    if (!own) return send(refusal(403, "only the collector's own page may ask this"), response);
+    return handleDebug(request, question, response);
   }
-  send(answer, response);
+  const bool reads = request.method == "GET" || request.method == "HEAD";
+  if (const PageFile* file = reads ? pageFile(request.path) : nullptr) {
+    return response.set_content(file->content.data(), file->content.size(), contentTypeOf(file->name));
+  }
+  handleService(request, question, response);
 }
 
-void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
-  const Question question{request.method, request.path, {request.params.begin(), request.params.end()}, body};
-  if (isDebugPath(request.path)) return handleDebug(question, response);
+void Server::Impl::handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response) {
+  DebugReply answer = debugReply(question, {state, store, scripts});
+  if (answer.news == DebugReply::News::Service) bell.serviceChanged();
+  if (answer.news == DebugReply::News::Reset) bell.wasReset();
+  if (answer.live == DebugReply::Live::Stream && request.method == "GET") return stream(request, response);
+  if (answer.live == DebugReply::Live::Wait) {
+    auto reply = waitForEvents(question, store, bell, Listener::served());
+    if (!reply) return Listener::served().cut();
+    answer.reply = std::move(*reply);
+  }
+  send(answer.reply, response);
+}
 
-  const auto script = [&] {
-    const std::lock_guard lock(mutex);
-    return scripts.take(request.target);
-  }();
+void Server::Impl::stream(const httplib::Request& request, httplib::Response& response) {
+  const auto lastEventId = request.get_header_value("Last-Event-ID");
+  response.set_chunked_content_provider("text/event-stream", [this, lastEventId](std::size_t, httplib::DataSink& sink) {
+    streamEvents(store, bell, Listener::served(), lastEventId,
+                 [&sink](const std::string& text) { return sink.write(text.data(), text.size()); });
+    return false;  // the connection ends with it
+  });
+}
+
+void Server::Impl::handleService(const httplib::Request& request, const Question& question,
+                                 httplib::Response& response) {
+  const auto script = scripts.take(request.target);
+  if (script && script->left() > 0) bell.serviceChanged();  // one time less
   const bool serves = !script || script->serves();
   const bool answers = !script || script->answers();
 
   Reply answer;
   if (serves) answer = reply(question, state, store);
-  ReceivedRequest arrived = received(request, body);
+  ReceivedRequest arrived = received(request, question.body);
   if (answers) arrived.status = serves ? answer.status : script->status();
-  if (!store.add(arrived, answer.chunkOf)) return send({500, {{"error", "the store failed"}}, {}, {}, {}}, response);
+  if (!store.add(arrived, answer.accepted)) return send(refusal(500, "the store failed"), response);
+  if (answer.accepted.chunkOf || answer.accepted.userOf) bell.ring();
   return script ? play(*script, answer, response) : send(answer, response);
 }
 
@@ -322,7 +281,6 @@ void Server::answer(const std::string& pathFragment, Script script) {
 }
 
 void Server::answerInTurn(const std::string& pathFragment, std::vector<Script> scripts) {
-  const std::lock_guard lock(impl_->mutex);
   impl_->scripts.set(pathFragment, std::move(scripts));
 }
 

@@ -20,8 +20,8 @@ class ServiceState;
 ///
 /// It is stopped, or started; it may be started again (on the same port, to stand for a network that comes back).
 /// `start` and `stop` belong to one thread; everything else may be called from any thread at any time. Each connection
-/// has a thread of its own, so up to 64 requests may hang without holding up others. The process ignores SIGPIPE from
-/// the first start on.
+/// has a thread of its own, so up to 256 may be open, and hang, without holding up others. The process ignores SIGPIPE
+/// from the first start on. Requests whose host is no loopback name are refused.
 class Server {
  public:
   /// A server with a store in memory and a service state of its own.

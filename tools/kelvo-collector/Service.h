@@ -3,15 +3,16 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelvo-collector/Script.h"
+#include "kelvo-collector/Store.h"
 #include "kelvo/Value.h"
 
 namespace kelvo::collector {
 
 class ServiceState;
-class Store;
 
 /// What a client asks, decoded.
 struct Question {
@@ -21,24 +22,31 @@ struct Question {
   std::string body;
 };
 
-/// How requests whose path and query contain `fragment` are answered from now on; normally without scripts.
-struct ScriptChange {
-  std::string fragment;
-  std::vector<Script> scripts;
-};
-
 struct Reply {
   int status = 200;
   Dictionary body;
-  std::string allow;                   ///< the methods of the path, when the one that was used is none of them
-  std::optional<std::string> chunkOf;  ///< the application whose chunk is accepted hereby
-  std::optional<ScriptChange> change;
+  std::string allow;  ///< the methods of the path, when the one that was used is none of them
+  Accepted accepted;  ///< what the store is to keep
 };
 
-/// True for the paths that show what arrived. Asking them leaves no trace.
-[[nodiscard]] bool isDebugPath(const std::string& path);
+/// What a question is answered from.
+struct Context {
+  const Question& question;
+  const ServiceState& state;
+  const Store& store;
+  std::string application;  ///< what stands for <app-id> in the path
+
+  /// A parameter of the query; the empty text when there is none.
+  [[nodiscard]] std::string parameter(const char* name) const;
+};
 
 /// The service's answer, whatever is asked. Nothing is stored here.
 [[nodiscard]] Reply reply(const Question& question, const ServiceState& state, const Store& store);
+
+[[nodiscard]] Reply refusal(int status, std::string reason);
+[[nodiscard]] Reply success(Dictionary body);
+
+/// "GET /path" of every path of the service, for the list that an unknown path is answered with.
+[[nodiscard]] std::vector<std::string> servicePaths();
 
 }  // namespace kelvo::collector

@@ -76,6 +76,20 @@ void ServiceState::setActions(const std::string& type, std::vector<Action> actio
   actions_[type] = std::move(actions);
 }
 
+Dictionary ServiceState::configuration() const {
+  const std::lock_guard lock(mutex_);
+  return configuration_;
+}
+
+Array ServiceState::actions(const std::string& type) const {
+  const std::lock_guard lock(mutex_);
+  Array list;
+  for (const Action& action : actionsOf(type)) {
+    list.append(Dictionary{{"pid", action.pid}, {"mid", action.mid}, {"config", action.config}});
+  }
+  return list;
+}
+
 Dictionary ServiceState::enabledStatus() const {
   const std::lock_guard lock(mutex_);
   return {{"enabled", enabled_}, {"hash", fingerprint(configuration_)}};

@@ -36,6 +36,11 @@ class ServiceState {
   /// The actions of "rta" or "survey", in place of the earlier ones.
   void setActions(const std::string& type, std::vector<Action> actions);
 
+  /// The configuration as it was set.
+  [[nodiscard]] Dictionary configuration() const;
+  /// The actions of "rta" or "survey", each with "pid", "mid" and "config".
+  [[nodiscard]] Array actions(const std::string& type) const;
+
   // The answers, as the library reads them.
   [[nodiscard]] Dictionary enabledStatus() const;
   [[nodiscard]] Dictionary configurationReply(const std::string& applicationId) const;

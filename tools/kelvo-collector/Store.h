@@ -11,9 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "kelvo-collector/Database.h"
 #include "kelvo/Value.h"
-
-struct sqlite3;
 
 namespace kelvo::collector {
 
@@ -47,7 +46,13 @@ struct ReceivedChunk {
   bool conflict = false;   ///< came before with other events
 };
 
-/// Keeps what arrived, in SQLite. Safe to use from any thread.
+/// What a request brought that the service accepted: the application that sent a chunk or its user's attributes.
+struct Accepted {
+  std::optional<std::string> chunkOf;
+  std::optional<std::string> userOf;
+};
+
+/// Keeps what arrived, and the service's documents, in SQLite. Safe to use from any thread.
 class Store {
  public:
   /// `path` is a file to open or make; throws std::runtime_error when that fails.
@@ -58,11 +63,18 @@ class Store {
 
   /// Keeps the request, together with the chunk that it brought when `chunkOf` names the application that sent one.
   /// Both or neither are kept; false when they could not be.
-  [[nodiscard]] bool add(const ReceivedRequest& request, const std::optional<std::string>& chunkOf);
+  [[nodiscard]] bool add(const ReceivedRequest& request, const std::optional<std::string>& chunkOf) {
+    return add(request, Accepted{chunkOf, std::nullopt});
+  }
+  [[nodiscard]] bool add(const ReceivedRequest& request, const Accepted& accepted);
+  /// Forgets what arrived; the documents stay, and sequence numbers go on.
+  [[nodiscard]] bool reset();
 
-  /// Requests whose path and query contain `fragment`, after the one with the sequence number `after`.
-  [[nodiscard]] std::vector<ReceivedRequest> requests(const std::string& fragment = {}, std::int64_t after = 0) const;
-  [[nodiscard]] std::vector<ReceivedChunk> chunks(std::int64_t after = 0) const;
+  /// Requests whose path and query contain `fragment`, after the one with the sequence number `after`, and no more than
+  /// `most`; of chunks, it is the sequence number of the request that brought one.
+  [[nodiscard]] std::vector<ReceivedRequest> requests(const std::string& fragment = {}, std::int64_t after = 0,
+                                                      std::int64_t most = INT64_MAX) const;
+  [[nodiscard]] std::vector<ReceivedChunk> chunks(std::int64_t after = 0, std::int64_t most = INT64_MAX) const;
   /// The bodies of the accepted chunks, in order of arrival.
   [[nodiscard]] std::vector<Value> chunkBodies() const;
 
@@ -71,19 +83,23 @@ class Store {
                                      std::chrono::milliseconds timeout) const;
   [[nodiscard]] bool waitForChunks(std::size_t count, std::chrono::milliseconds timeout) const;
 
- private:
-  class Statement;
-  struct Closer {
-    void operator()(sqlite3* connection) const noexcept;
-  };
+  /// A document of the service by its name; nullopt when none was kept.
+  [[nodiscard]] std::optional<std::string> document(const std::string& name) const;
+  [[nodiscard]] bool keepDocument(const std::string& name, const std::string& body);
 
-  bool run(const char* sql) const;
-  bool insertChunk(const ReceivedRequest& request, const std::string& application) const;
+  /// What `reader` makes of the database, while nothing else uses it.
+  template <class Reader>
+  auto read(Reader reader) const {
+    const std::lock_guard lock(mutex_);
+    return reader(*database_);
+  }
+
+ private:
   [[nodiscard]] std::size_t count(const char* sql, const std::string& fragment) const;
 
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;
-  std::unique_ptr<sqlite3, Closer> connection_;
+  std::unique_ptr<Database> database_;
 };
 
 }  // namespace kelvo::collector

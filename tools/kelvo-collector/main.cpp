@@ -5,11 +5,15 @@
 #include <charconv>
 #include <cstdio>
 #include <exception>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 
+#include "kelvo-collector/Documents.h"
 #include "kelvo-collector/Server.h"
 #include "kelvo-collector/ServiceState.h"
 #include "kelvo-collector/Store.h"
+#include "platform/Files.h"
 
 namespace {
 
@@ -17,30 +21,40 @@ constexpr int kStandardPort = 8288;
 constexpr int kWrongUsage = 2;
 
 constexpr const char* kHelp =
-    R"(usage: kelvo-collector [--port N]
+    R"(usage: kelvo-collector [--port N] [--data DIR] [--tls-cert FILE --tls-key FILE]
 
 The analytics service on 127.0.0.1: answers every path that an application with
-Kelvo asks for, checks each chunk that arrives and keeps it until the end. It
-prints the address it listens on and serves until SIGINT or SIGTERM.
+Kelvo asks for, checks each chunk that arrives and keeps it. It prints the
+address it listens on and serves until SIGINT or SIGTERM.
 
-  --port N   the port, 0 for a free one (8288 when not given)
-  --help     this text
+  --port N          the port, 0 for a free one (8288 when not given)
+  --data DIR        keep what arrives, and the service's documents, in DIR;
+                    without it, in memory until the end
+  --tls-cert FILE   serve HTTPS: the certificate chain and
+  --tls-key FILE    its key, as PEM
+  --help            this text
 
 Point an application at it with
   KELVO_SERVER_BASE_URL=http://127.0.0.1:8288 ./application
+and open the address in a browser to see what arrives, as it arrives, and to
+make the service misbehave.
 
-What arrived, as JSON, times in milliseconds since 1970:
-  /debug/requests  every request: method, path, query, body, status answered
-  /debug/chunks    every accepted chunk: session, number, events by kind;
-                   "duplicate" when it came before with the same events,
-                   "conflict" when it came before with other events
-Both take ?after=N, to leave out what came up to request N.
-
+For tests and scripts, as JSON:
+  /debug/wait?count=N[&name=...][&kind=...][&session=...][&timeout=S]
+  /debug/events, /debug/counts, /debug/problems, /debug/requests
 PUT /debug/answer?path=/chunks&status=503[&times=N] answers requests whose path
 holds that text so, for the next N or for good; without a status, as usual.
+An unknown path lists all.
 
 Exit status: 0 after a signal, 1 when it cannot serve, 2 for wrong usage.
 )";
+
+struct Options {
+  int port = kStandardPort;
+  std::string data;
+  std::string certificate;
+  std::string key;
+};
 
 int refuse(std::string_view argument) {
   std::fprintf(stderr, "kelvo-collector: cannot use \"%.*s\"; see kelvo-collector --help\n",
@@ -53,7 +67,14 @@ bool readPort(std::string_view text, int& port) {
   return error == std::errc() && end == text.data() + text.size() && port >= 0 && port <= 65535;
 }
 
-int serve(int port) {
+std::string storeIn(const std::string& directory) {
+  if (directory.empty()) return ":memory:";
+  kelvo::FileError error;
+  if (!kelvo::makeDirectory(directory, true, &error)) throw std::runtime_error(directory + ": " + error);
+  return kelvo::joinPath(directory, "collector.db");
+}
+
+int serve(const Options& options) {
   // Blocked before the first thread starts, so every thread has them blocked and only sigwait takes them.
   sigset_t ends;
   sigemptyset(&ends);
@@ -61,11 +82,15 @@ int serve(int port) {
   sigaddset(&ends, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 
-  kelvo::collector::Store store;
+  kelvo::collector::Store store(storeIn(options.data));
   kelvo::collector::ServiceState state;
+  kelvo::collector::loadDocuments(state, store);
   kelvo::collector::Server server(store, state);
-  if (server.start(port) == 0) {
-    std::fprintf(stderr, "kelvo-collector: cannot listen on port %d of 127.0.0.1\n", port);
+  const int port = options.certificate.empty() ? server.start(options.port)
+                                               : server.startTLS(options.certificate, options.key, options.port);
+  if (port == 0) {
+    std::fprintf(stderr, "kelvo-collector: cannot listen on port %d of 127.0.0.1%s\n", options.port,
+                 options.certificate.empty() ? "" : ", or not use the certificate and its key");
     return 1;
   }
   std::printf("listening on %s\n", server.baseURL().c_str());
@@ -80,18 +105,27 @@ int serve(int port) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  int port = kStandardPort;
+  Options options;
   for (int i = 1; i < count; ++i) {
     const std::string_view argument = arguments[i];
     if (argument == "--help") {
       std::fputs(kHelp, stdout);
       return 0;
     }
-    if (argument != "--port" || i + 1 == count) return refuse(argument);
-    if (!readPort(arguments[++i], port)) return refuse(arguments[i]);
+    std::string* text = argument == "--data"       ? &options.data
+                        : argument == "--tls-cert" ? &options.certificate
+                        : argument == "--tls-key"  ? &options.key
+                                                   : nullptr;
+    if ((argument != "--port" && text == nullptr) || i + 1 == count) return refuse(argument);
+    const std::string_view value = arguments[++i];
+    if (text != nullptr) *text = value;
+    if (text == nullptr ? !readPort(value, options.port) : value.empty()) return refuse(value);
+  }
+  if (options.certificate.empty() != options.key.empty()) {
+    return refuse(options.key.empty() ? "--tls-cert without --tls-key" : "--tls-key without --tls-cert");
   }
   try {
-    return serve(port);
+    return serve(options);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kelvo-collector: %s\n", error.what());
     return 1;

@@ -54,7 +54,9 @@ std::size_t chunksWaiting() {
 }  // namespace
 
 Deadline deadlineIn(std::chrono::duration<double> seconds) {
-  return std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds);
+  constexpr std::chrono::duration<double> kLongest(1e9);  // some 31 years, which nanoseconds still count
+  return std::chrono::steady_clock::now() +
+         std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::min(seconds, kLongest));
 }
 
 bool waitUntilStarted(Deadline deadline) {
@@ -74,6 +76,10 @@ std::size_t chunksLeftBehind(Deadline deadline) {
   waitForCallback(deadline, [](auto done) { controller().whenPosted(std::move(done)); });
   waitFor(deadline, [] { return KLVPostman::sharedSession().unfinished() == 0; });
   return chunksWaiting();
+}
+
+bool storedFirstEvent() {
+  return controller().getLifetimeCountForEventWithName(std::string(kKLVAppOpened)) > 0;
 }
 
 }  // namespace kelvo::log

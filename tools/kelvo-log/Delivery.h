@@ -20,5 +20,7 @@ void keepPace();
 /// Waits until all chunks, those of earlier launches included, are accepted, nothing more is under way, or `deadline`
 /// has come. The number of chunks that wait for the next launch.
 std::size_t chunksLeftBehind(Deadline deadline);
+/// Whether the library's own first event was stored: it comes before all that is played.
+bool storedFirstEvent();
 
 }  // namespace kelvo::log

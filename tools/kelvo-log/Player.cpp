@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "kelvo-log/Delivery.h"
+#include "kelvo-log/Listening.h"
 #include "kelvo/KelvoSDK.h"
 #include "platform/JSON.h"
 
@@ -21,6 +22,13 @@ class Members {
   [[nodiscard]] OptionalText text(std::string_view name) const { return get<std::string, OptionalText>(name, "text"); }
   [[nodiscard]] OptionalDictionary info() const { return get<Dictionary, OptionalDictionary>("info", "object"); }
   [[nodiscard]] bool has(std::string_view name) const { return !members_[name].isNull(); }
+
+  /// A text that must not be left out.
+  [[nodiscard]] std::string needed(std::string_view name) const {
+    const auto given = text(name);
+    if (!given) throw bad(name, "text");
+    return *given;
+  }
 
   [[nodiscard]] bool flag(std::string_view name) const {
     if (has(name) && members_[name].get<bool>() == nullptr) throw bad(name, "bool");
@@ -97,6 +105,12 @@ void printDeviceID() {
   std::fflush(stdout);
 }
 
+void listen(const Members& line) {
+  if (line.has("type") == line.has("identifier")) throw BadLine("listen takes either \"type\" or \"identifier\"");
+  if (line.has("identifier")) return listenForIdentifier(line.needed("identifier"));
+  if (!listenForType(line.needed("type"))) throw BadLine("no such type: " + line.needed("type"));
+}
+
 using Call = std::function<void(const Members&)>;
 
 const std::map<std::string, Call>& calls() {
@@ -111,9 +125,14 @@ const std::map<std::string, Call>& calls() {
       {"reportCustomError", [](const Members& line) { KelvoSDK::reportCustomError(line.text("error"), line.info()); }},
       {"deviceToken", deviceToken},
       {"didBecomeActive", [](const Members&) { Application::didBecomeActive(); }},
+      {"willShow", [](const Members& line) { Application::willShow(line.text("screen"), line.text("title")); }},
+      {"didShow", [](const Members& line) { Application::didShow(line.text("screen"), line.text("title")); }},
       {"willResignActive", [](const Members&) { Application::willResignActive(); }},
       {"getDeviceID", [](const Members&) { printDeviceID(); }},
-      {"wait", [](const Members& line) { std::this_thread::sleep_for(line.seconds()); }},
+      {"listen", listen},
+      {"sync",
+       [](const Members& line) { sync(line.needed("type"), line.text("version").value_or("1"), line.seconds()); }},
+      {"wait", [](const Members& line) { std::this_thread::sleep_until(deadlineIn(line.seconds())); }},
       {"waitUntilReady", [](const Members& line) { waitUntilStarted(deadlineIn(line.seconds())); }},
   };
   return all;

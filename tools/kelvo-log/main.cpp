@@ -32,10 +32,15 @@ the end it waits up to --wait seconds (10) until every chunk is accepted.
   initializeKelvoWithID   id             getDeviceID
   logAppEventWithName     name, info, isAggregate, shouldFlatten
   logClientEventWithName  name, info, shouldFlatten
-  logScreenWithName       name           setUserIdentifier     identifier
+  logScreenWithName       name           willShow, didShow     screen, title
   setUserCustomInfo       info           setSessionCustomInfo  info
   reportCustomError       error, info    deviceToken           text, or hex
-  didBecomeActive, willResignActive      wait, waitUntilReady  seconds
+  setUserIdentifier       identifier     wait, waitUntilReady  seconds
+  didBecomeActive, willResignActive
+  listen: from now on each delivered event of a type ("App", "Client", "Agg" ...)
+    or exact identifier ("4___Purchase") is printed as one JSON line
+  sync: type ("rta", "survey"), version (1), seconds: brings the saved actions in
+    step with the service, and prints whether the callback came in time
 
 Environment: KELVO_SERVER_BASE_URL (the service), KELVO_HOME (where data lies),
 KELVO_BUNDLE (the bundle). Exit status: 0 all delivered; 1 delivered, but bad
@@ -123,6 +128,10 @@ ExitStatus finish(const Options& options, int bad) {
   }
   if (const std::size_t left = chunksLeftBehind(deadline); left > 0) {
     std::fprintf(stderr, "kelvo-log: %zu chunks wait for the next launch\n", left);
+    return kNotDelivered;
+  }
+  if (!storedFirstEvent()) {
+    std::fprintf(stderr, "kelvo-log: not everything could be stored\n");
     return kNotDelivered;
   }
   return bad > 0 ? kBadLines : kDelivered;

@@ -1,0 +1,29 @@
+# cmake -DFROM=<directory> -DTO=<source> -P Embed.cmake: writes a C++ source with the content of each file in FROM, for
+# kelvo-collector/Page.h.
+file(GLOB files RELATIVE ${FROM} ${FROM}/*)
+list(SORT files)
+set(contents "")
+set(table "")
+set(count 0)
+foreach(file IN LISTS files)
+  file(READ ${FROM}/${file} hex HEX)
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
+  # Ends with a 0, so that an empty file is an array too.
+  string(APPEND contents "constexpr unsigned char kFile${count}[] = {${bytes}0};\n")
+  string(APPEND table "    {\"${file}\", {reinterpret_cast<const char*>(kFile${count}), sizeof kFile${count} - 1}},\n")
+  math(EXPR count "${count} + 1")
+endforeach()
+file(WRITE ${TO} "#include \"kelvo-collector/Page.h\"
+
+namespace kelvo::collector {
+namespace {
+${contents}}  // namespace
+
+extern const PageFile kPageFiles[];
+extern const unsigned kNumberOfPageFiles;
+const PageFile kPageFiles[] = {
+${table}};
+const unsigned kNumberOfPageFiles = ${count};
+
+}  // namespace kelvo::collector
+")

@@ -1,0 +1,71 @@
+# kelvo_add_bundle(<target> APP_ID <id>
+#                  [BUNDLE_ID <id>] [NAME <name>] [VERSION <version>] [BUILD <build>]
+#                  [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
+#
+# Writes `<executable>.bundle/Info.plist` beside the executable `target`; with it the library starts when the program
+# is loaded. BUNDLE_ID names the directory of the data (the executable's name without it), NAME, VERSION and BUILD are
+# what the service shows (the target's name; nothing), PLUGINS are the plug-ins to load, SERVER_BASE_URL is the service
+# endpoint and CA_FILE a private authority in PEM form, by its full path on the machine that runs the program.
+function(kelvo_add_bundle target)
+  cmake_parse_arguments(ARG "" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
+  if(NOT TARGET ${target})
+    message(FATAL_ERROR "kelvo_add_bundle: there is no target ${target}")
+  endif()
+  get_target_property(type ${target} TYPE)
+  if(NOT type STREQUAL "EXECUTABLE")
+    message(FATAL_ERROR "kelvo_add_bundle: ${target} is no executable; programs have bundles, libraries have none")
+  endif()
+  if(ARG_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "kelvo_add_bundle: unknown arguments: ${ARG_UNPARSED_ARGUMENTS}")
+  endif()
+  if(NOT ARG_APP_ID)
+    message(FATAL_ERROR "kelvo_add_bundle: APP_ID is missing; it is the id of the application at the service")
+  endif()
+  if(ARG_SERVER_BASE_URL AND NOT ARG_SERVER_BASE_URL MATCHES "^https?://")
+    message(FATAL_ERROR "kelvo_add_bundle: SERVER_BASE_URL ${ARG_SERVER_BASE_URL} does not begin with https:// (or with "
+                        "http://, which is for loopback addresses)")
+  endif()
+  if(ARG_CA_FILE AND NOT IS_ABSOLUTE "${ARG_CA_FILE}")
+    message(FATAL_ERROR "kelvo_add_bundle: CA_FILE ${ARG_CA_FILE} is no full path; the program may run in any directory")
+  endif()
+  if(NOT ARG_NAME)
+    set(ARG_NAME ${target})
+  endif()
+
+  set(entries "")
+  macro(add_entry key value)
+    if(NOT "${value}" STREQUAL "")
+      _kelvo_xml_text("${value}" text)
+      string(APPEND entries "  <key>${key}</key><string>${text}</string>\n")
+    endif()
+  endmacro()
+  add_entry(CFBundleIdentifier "${ARG_BUNDLE_ID}")
+  add_entry(CFBundleName "${ARG_NAME}")
+  add_entry(CFBundleShortVersionString "${ARG_VERSION}")
+  add_entry(CFBundleVersion "${ARG_BUILD}")
+  add_entry(KelvoServerBaseURL "${ARG_SERVER_BASE_URL}")
+  add_entry(KelvoCAFile "${ARG_CA_FILE}")
+
+  _kelvo_xml_text("${ARG_APP_ID}" text)
+  string(APPEND entries "  <key>Kelvo</key>\n  <dict>\n    <key>Core</key><string>${text}</string>\n")
+  foreach(plugin IN LISTS ARG_PLUGINS)
+    _kelvo_xml_text("${plugin}" text)
+    string(APPEND entries "    <key>${text}</key><true/>\n")
+  endforeach()
+  string(APPEND entries "  </dict>\n")
+
+  file(GENERATE OUTPUT "$<TARGET_FILE:${target}>.bundle/Info.plist" CONTENT
+"<?xml version=\"1.0\" encoding=\"UTF-8\"?>
+<plist version=\"1.0\">
+<dict>
+${entries}</dict>
+</plist>
+")
+endfunction()
+
+function(_kelvo_xml_text text result)
+  string(REPLACE "&" "&amp;" text "${text}")
+  string(REPLACE "<" "&lt;" text "${text}")
+  string(REPLACE ">" "&gt;" text "${text}")
+  set(${result} "${text}" PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,207 @@
+#include "events/KLVNavigationMonitor.h"
+
+#include <future>
+#include <utility>
+
+#include "platform/MainQueue.h"
+#include "util/KLVLogger.h"
+#include "util/KLVSanitiser.h"
+#include "util/KLVTimer.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo {
+namespace {
+
+std::optional<Screen> screenOf(const std::any& userInfo) {
+  const auto* screen = std::any_cast<Screen>(&userInfo);
+  return screen != nullptr ? std::optional(*screen) : std::nullopt;
+}
+
+/// Whether it is a screen at all. One that only shows others is none.
+bool isScreen(const std::optional<Screen>& next) {
+  if (!next) return false;
+  if (next->kind != ViewController::Kind::navigation) return true;
+  KLV_DEBUG("next vc is navigation controller");
+  return false;
+}
+
+std::string nameOf(const Screen& screen) {
+  return *sanitised(std::optional(screen.klvName()));
+}
+
+/// The event of the screen `name` that is logged while `navigationId`, if there is one, shows.
+template <class Event>
+std::shared_ptr<Event> eventOfNamedScreen(const std::optional<std::string>& navigationId, const std::string& name) {
+  if (KLVUtilities::isValidString(navigationId)) return std::make_shared<Event>(navigationId, name);
+  return std::make_shared<Event>(name);
+}
+
+}  // namespace
+
+void KLVNavigationMonitor::start() {
+  KLV_DEBUG("Starting navigation monitor");
+  const auto self = shared_from_this();
+  MainQueue::async([self] { self->lookUpFirstScreen(); });
+  delegate_.registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), self);
+  delegate_.registerIdentifer(identifierKey(KLVEventType::system, kKLVForeground), self);
+  auto& center = NotificationCenter::defaultCenter();
+  const std::lock_guard lock(mutex_);
+  willShow_ = center.observe(kWillShowViewController,
+                             [this](const std::any& info) { navigationWillChangeNotification(screenOf(info)); });
+  didShow_ = center.observe(kDidShowViewController,
+                            [this](const std::any& info) { navigationChangeNotification(screenOf(info)); });
+  viewTreeDidChange_ = center.observe(
+      kViewTreeDidChange, [this] { MainQueue::async([self = shared_from_this()] { self->lookUpFirstScreen(); }); });
+}
+
+void KLVNavigationMonitor::stop() {
+  KLV_DEBUG("Stopping navigation monitor");
+  const std::lock_guard lock(mutex_);
+  willShow_.reset();
+  didShow_.reset();
+  viewTreeDidChange_.reset();
+}
+
+void KLVNavigationMonitor::lookUpFirstScreen() {
+  if (firstScreenIsLookedUp_ || HostInterface::viewTree() == nullptr) return;
+  firstScreenIsLookedUp_ = true;
+  const auto window = KLVUtilities::keyWindow();
+  const auto top = window ? KLVUtilities::topViewController(window->rootViewController()) : nullptr;
+  if (top != nullptr) handleFirstScreen(Screen(top));
+}
+
+/// Behind all work before, also where that waits for a title.
+void KLVNavigationMonitor::perform(Task task) {
+  navEventDispatchSerialQueue_.async(
+      [self = shared_from_this(), task = std::move(task)]() mutable { self->runInOrder(std::move(task)); });
+}
+
+void KLVNavigationMonitor::runInOrder(Task task) {
+  if (waitingForTitle_) return heldBack_.push_back(std::move(task));
+  task();
+}
+
+/// `use` comes on the queue, and before all work that is queued from now on.
+void KLVNavigationMonitor::readTitle(const Screen& screen, UseOfTitle use) {
+  if (screen.controller == nullptr || !readsTitles_) return use(screen.title);
+  waitingForTitle_ = std::move(use);
+  const auto title = std::make_shared<std::optional<std::string>>();
+  // Dies with the last copy of the task: run, ended by an exception, or dropped by a host whose loop has ended.
+  const std::shared_ptr<void> whenRead(nullptr, [self = shared_from_this(), title](void*) {
+    self->navEventDispatchSerialQueue_.async([self, title] { self->titleIsRead(*title); });
+  });
+  MainQueue::async([controller = screen.controller, title, whenRead] { *title = controller->title(); });
+}
+
+void KLVNavigationMonitor::titleIsRead(const std::optional<std::string>& title) {
+  if (!waitingForTitle_) return;  // it is too late
+  std::exchange(waitingForTitle_, nullptr)(title);
+  while (!waitingForTitle_ && !heldBack_.empty()) {
+    const Task task = std::move(heldBack_.front());
+    heldBack_.pop_front();
+    task();
+  }
+}
+
+void KLVNavigationMonitor::stopReadingTitles() {
+  navEventDispatchSerialQueue_.async([self = shared_from_this()] {
+    self->readsTitles_ = false;
+    self->titleIsRead(std::nullopt);
+  });
+}
+
+bool KLVNavigationMonitor::waitUntilDispatched(std::chrono::milliseconds limit) {
+  const auto done = std::make_shared<std::promise<void>>();
+  navEventDispatchSerialQueue_.sync([&] { runInOrder([done] { done->set_value(); }); });
+  return done->get_future().wait_for(limit) == std::future_status::ready;
+}
+
+void KLVNavigationMonitor::handleFirstScreen(std::optional<Screen> screen) {
+  if (!screen) return;
+  perform([this, screen = *std::move(screen)] {
+    if (previousNavEvent_ == nullptr) enter(screen, [] {});
+  });
+}
+
+void KLVNavigationMonitor::navigationWillChangeNotification(std::optional<Screen> next) {
+  KLV_DEBUG("Navigation will change notified");
+  perform([this, next = std::move(next)] {
+    if (!isScreen(next)) return;
+    const std::string name = nameOf(*next);
+    if (name == currScreenNameForCE_) return;
+    currNavId_ = currScreenNameForCE_ = name;
+    delegate_.dispatchEvent(std::make_shared<KLVCENavEvent>(name));
+  });
+}
+
+void KLVNavigationMonitor::navigationChangeNotification(std::optional<Screen> next) {
+  KLV_DEBUG("Navigation change notified");
+  perform([this, next = std::move(next)] {
+    if (isScreen(next)) handleNavigationChangeToViewController(*next);
+  });
+}
+
+void KLVNavigationMonitor::handleNavigationChangeToViewController(const Screen& screen) {
+  KLV_INFO("Navigated to screen: {}", nameOf(screen));
+  enter(screen, [this, before = currentNavEvent_] {
+    previousNavEvent_ = before;
+    dispatch(previousNavEvent_, currentNavEvent_->createdTime());
+  });
+}
+
+/// Makes `screen` the current one, unless it is already, and calls `whenCurrent`.
+void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whenCurrent) {
+  const std::string name = nameOf(screen);
+  if (name == currScreenName_) {
+    KLV_ERROR("Ignoring screen notification with title: {}", name);
+    return;
+  }
+  currNavId_ = currScreenName_ = name;
+  const auto event = std::make_shared<KLVNavigationEvent>(name);
+  readTitle(screen, [this, event, whenCurrent = std::move(whenCurrent)](const std::optional<std::string>& title) {
+    if (title) event->setInfo(*sanitised(title), "name");
+    currentNavEvent_ = event;
+    whenCurrent();
+  });
+}
+
+void KLVNavigationMonitor::logScreenWithName(std::string name) {
+  perform([this, name = std::move(name)] {
+    currScreenName_ = currScreenNameForCE_ = name;
+    previousNavEvent_ = currentNavEvent_;
+    delegate_.dispatchEvent(eventOfNamedScreen<KLVCENavEvent>(currNavId_, name));
+    currentNavEvent_ = eventOfNamedScreen<KLVNavigationEvent>(currNavId_, name);
+    dispatch(previousNavEvent_, currentNavEvent_->createdTime());
+  });
+}
+
+void KLVNavigationMonitor::onEvent(const std::shared_ptr<KLVEvent>& event) {
+  if (event->eventType() != KLVEventType::system) return;
+  perform([this, name = event->identifier()] {
+    if (name == kKLVBackground) onBackground();
+    if (name == kKLVForeground) onForeground();
+  });
+}
+
+void KLVNavigationMonitor::onBackground() {
+  dispatch(currentNavEvent_, KLVTimer::sharedTimer().currentTime());
+}
+
+/// The time away belongs to no screen: the current one is counted again from now.
+void KLVNavigationMonitor::onForeground() {
+  previousNavEvent_ = currentNavEvent_;
+  if (currentNavEvent_ == nullptr) return;
+  const auto again = std::make_shared<KLVNavigationEvent>(currentNavEvent_->identifier());
+  const Value name = currentNavEvent_->additionalInfo()["name"];
+  if (!name.isNull()) again->setInfo(name, "name");
+  currentNavEvent_ = again;
+}
+
+/// `event`, if there is one, with the time from its creation to `endTime`, both in seconds since the SDK started.
+void KLVNavigationMonitor::dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime) {
+  if (event == nullptr) return;
+  event->setInfo(endTime - event->createdTime(), "duration");
+  delegate_.dispatchEvent(event);
+}
+
+}  // namespace kelvo

@@ -1,0 +1,216 @@
+#include "events/KLVNavigationMonitor.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/Clock.h"
+#include "platform/MainQueue.h"
+#include "support/LogCapture.h"
+#include "util/KLVTimer.h"
+
+namespace kelvo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Controller final : ViewController {
+  Controller(std::string itsName, std::optional<std::string> itsTitle, Kind itsKind = Kind::plain)
+      : name(std::move(itsName)), text(std::move(itsTitle)), ofKind(itsKind) {}
+  std::string className() const override { return name; }
+  Kind kind() const override { return ofKind; }
+  std::optional<std::string> title() const override {
+    EXPECT_TRUE(MainQueue::isCurrent());
+    if (text == "throws") throw std::runtime_error("no title");
+    return text;
+  }
+  std::string name;
+  std::optional<std::string> text;
+  Kind ofKind;
+};
+
+std::shared_ptr<Controller> controller(const std::string& name, std::optional<std::string> title = {}) {
+  return std::make_shared<Controller>(name, std::move(title));
+}
+
+struct TreeOf final : ViewTree {
+  struct Shown final : Window {
+    std::string className() const override { return "Window"; }
+    Rect frame() const override { return {}; }
+    bool isKey() const override { return true; }
+    std::shared_ptr<ViewController> rootViewController() const override { return controller("Front", "Door"); }
+  };
+  std::vector<std::shared_ptr<Window>> windows() override { return {std::make_shared<Shown>()}; }
+};
+
+class NavigationMonitor : public testing::Test, public KLVNavigationMonitorDelegate {
+ protected:
+  NavigationMonitor() { begin(); }
+
+  /// A new monitor, to which nothing has happened.
+  void begin() {
+    if (monitor != nullptr) monitor->stop();
+    KLVTimer::sharedTimer().setSDKStartTime(Clock::now());
+    monitor = std::make_shared<KLVNavigationMonitor>(*this);
+    happened.clear();
+    monitor->start();
+  }
+  void registerIdentifer(const std::string& key, const std::shared_ptr<KLVEventListener>&) override {
+    keys += key + " ";
+  }
+  /// "~Detail" is announced; "Detail 15" was shown for 15 seconds; a name of its own follows in brackets.
+  void dispatchEvent(const std::shared_ptr<KLVEvent>& event) override {
+    const Dictionary info = event->additionalInfo();
+    happened += event->eventType() == KLVEventType::ceNavigation ? "~" : "";
+    happened += event->identifier();
+    if (!info["name"].isNull() && info["name"] != Value(event->identifier())) {
+      happened += "(" + description(info["name"]) + ")";
+    }
+    happened += (info.contains("duration") ? " " + description(info["duration"]) : "") + "; ";
+  }
+
+  static void post(std::string_view signal, std::shared_ptr<ViewController> next) {
+    NotificationCenter::defaultCenter().post(signal, Screen(std::move(next)));
+  }
+  /// Plays the words of a script: "will:Class/Title", "did:Class/Title" (a controller), "named:Class/Title" (without
+  /// one), "navigation:Class", "top:Class" (the first screen), "log:Name", "background", "foreground", "+5" (seconds).
+  void play(const std::string& script) {
+    std::istringstream words(script);
+    for (std::string word; words >> word;) {
+      if (word[0] == '+') Clock::advance(std::chrono::seconds(std::stoi(word)));
+      const auto colon = word.find(':');
+      const std::string what = word.substr(0, colon);
+      const std::string whole = colon != std::string::npos ? word.substr(colon + 1) : "";
+      const std::string name = whole.substr(0, whole.find('/'));
+      std::optional<std::string> title;
+      if (whole.size() > name.size()) title = whole.substr(name.size() + 1);
+      if (what == "will") post(kWillShowViewController, controller(name, title));
+      if (what == "did") post(kDidShowViewController, controller(name, title));
+      if (what == "named") NotificationCenter::defaultCenter().post(kDidShowViewController, Screen(name, title));
+      if (what == "navigation") {
+        const auto next = std::make_shared<Controller>(name, title, ViewController::Kind::navigation);
+        for (const auto signal : {kWillShowViewController, kDidShowViewController}) post(signal, next);
+      }
+      if (what == "top") monitor->handleFirstScreen(Screen(controller(name, title)));
+      if (what == "log") monitor->logScreenWithName(name);
+      if (what == "background") system(KLVSystemEvent::SubType::background);
+      if (what == "foreground") system(KLVSystemEvent::SubType::foreground);
+      ASSERT_TRUE(monitor->waitUntilDispatched(20s)) << word;
+    }
+  }
+  void system(KLVSystemEvent::SubType type) {
+    monitor->onEvent(std::make_shared<KLVSystemEvent>(KLVEventType::system, type));
+  }
+
+  std::string keys, happened;
+  std::shared_ptr<KLVNavigationMonitor> monitor;
+};
+
+TEST_F(NavigationMonitor, TellsScreensAndTheTimeOnEach) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"dispatched when the next one appears", "+10 did:A +15 did:B +5 did:C", "A 15; B 5; "},
+      {"module prefix, titles", "did:Shop.Home/Start +2 did:Shop.ui.Item/ named:Cart/Basket did:X",
+       "Home(Start) 2; Item() 0; Cart(Basket) 0; "},
+      {"announced once", "will:A will:A did:A will:B will:A", "~A; ~B; ~A; "},
+      {"shown twice in a row", "did:A +3 did:A/Other +4 did:B", "A 7; "},
+      {"a navigation is no screen", "did:A navigation:N +1 did:B", "A 1; "},
+      {"a title that cannot be read", "did:A/throws +1 did:B", "A 1; "},
+      {"first screen", "top:A/Title +3 top:A +2 did:B top:C did:D", "A(Title) 5; B 0; "},
+      {"first screen after a change", "did:A did:B top:C +1 did:D", "A 0; B 1; "},
+      {"logged before any other", "log:Login +4 log:Help +1 did:A", "~Login; ~Help; Login 4; Help 1; "},
+      {"logged inside a screen", "will:A did:A +2 log:Tab +3 did:B", "~A; ~A(Tab); A 2; A(Tab) 3; "},
+      {"logged inside one announced", "did:A will:B +1 log:Tab did:A", "~B; ~B(Tab); A 1; B(Tab) 0; "},
+      {"logged name is the current one", "log:A did:A will:A +1 did:B", "~A; A 1; "},
+      {"background", "background did:A +10 background +3 background", "A 10; A 13; "},
+      {"back again", "did:A/T +10 background +100 foreground +7 did:B", "A(T) 10; A(T) 7; "},
+      {"back to a logged one", "did:A log:Tab background +9 foreground +1 background",
+       "~A(Tab); A 0; A(Tab) 0; A(Tab) 1; "},
+      {"back without a screen", "foreground did:A +1 background", "A 1; "}};
+  for (const auto& [name, script, expected] : cases) {
+    begin();
+    play(script);
+    EXPECT_EQ(happened, expected) << name << ": " << script;
+  }
+}
+
+TEST_F(NavigationMonitor, SaysWhatItIgnores) {
+  const LogCapture log;
+  play("did:A did:A navigation:N");
+  NotificationCenter::defaultCenter().post(kDidShowViewController);  // without a screen
+  play("background");
+  EXPECT_EQ(log.count("<KLV ERROR> Ignoring screen notification with title: A "), 1u);
+  EXPECT_EQ(log.count("<KLV DEBUG> next vc is navigation controller"), 2u);
+  EXPECT_EQ(happened, "A 0; ");
+}
+
+TEST_F(NavigationMonitor, PicksUpTheFirstScreenOnceThereIsATreeAndEndsWithItsSubscriptions) {
+  const auto lookedUp = [this] {
+    MainQueue::sync([] {});
+    play("background");
+  };
+  EXPECT_EQ(keys, "0___BACKGROUND 0___FOREGROUND ");
+  lookedUp();
+  EXPECT_EQ(happened, "");
+  HostInterface::setViewTree(std::make_shared<TreeOf>());
+  for (int i = 0; i < 2; ++i) {
+    NotificationCenter::defaultCenter().post(kViewTreeDidChange);
+    lookedUp();
+  }
+  EXPECT_EQ(happened, "Front(Door) 0; Front(Door) 0; ");
+  begin();  // the tree is there before the start
+  lookedUp();
+  EXPECT_EQ(happened, "Front(Door) 0; ");
+  monitor->stop();
+  play("did:B will:B");
+  EXPECT_EQ(happened, "Front(Door) 0; ");
+}
+
+/// The tasks of a host's main loop that is busy.
+class BusyLoop {
+ public:
+  BusyLoop() {
+    MainQueue::handOver([this](MainQueue::Task task) { tasks.push_back(std::move(task)); },
+                        [thread = std::this_thread::get_id()] { return std::this_thread::get_id() == thread; });
+  }
+  ~BusyLoop() { MainQueue::handOver(nullptr, nullptr); }
+  std::vector<MainQueue::Task> tasks;  // of the monitor's queue, then of the test
+};
+
+TEST_F(NavigationMonitor, KeepsTheOrderWhileATitleIsWaitedForAndHoldsUpNoThread) {
+  MainQueue::sync([] {});  // what the start has asked for is over
+  BusyLoop loop;
+  play("named:A");
+  const auto show = [](const char* title) { post(kDidShowViewController, controller("B", title)); };
+  show("Late");
+  monitor->logScreenWithName("Tab");
+  system(KLVSystemEvent::SubType::background);
+  EXPECT_FALSE(monitor->waitUntilDispatched(1ms));
+  EXPECT_EQ(happened, "");
+  ASSERT_EQ(loop.tasks.size(), 1u);
+  loop.tasks[0]();
+  loop.tasks.clear();
+  ASSERT_TRUE(monitor->waitUntilDispatched(20s));
+  EXPECT_EQ(std::exchange(happened, ""), "A 0; ~B(Tab); B(Late) 0; B(Tab) 0; ");
+
+  show("Dropped");
+  EXPECT_FALSE(monitor->waitUntilDispatched(1ms));
+  loop.tasks.clear();  // as a loop that has ended
+  play("named:C");
+  EXPECT_EQ(std::exchange(happened, ""), "B(Tab) 0; B 0; ");
+
+  show("Too late");
+  system(KLVSystemEvent::SubType::background);
+  EXPECT_FALSE(monitor->waitUntilDispatched(1ms));
+  monitor->stopReadingTitles();
+  play("did:D/Unread");
+  EXPECT_EQ(happened, "C 0; B 0; B 0; ");
+  for (const auto& task : loop.tasks) task();
+  loop.tasks.clear();
+  play("background");
+  EXPECT_EQ(happened, "C 0; B 0; B 0; D 0; ");
+}
+
+}  // namespace
+}  // namespace kelvo::test

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "manners/Manners.h"
+
+namespace kelvo::test {
+
+/// Launches on machines that are broken, and on one that works.
+class Faults : public Hosts {
+ protected:
+  Launch launch(const Machine& machine = {}, const std::string& waitSeconds = "5") {
+    return Road::launch({"--app-id", "shop", "--wait", waitSeconds}, machine.environment, machine.wrapper);
+  }
+
+  /// A launch on the machine that works: it delivers what it logs, and finds the store whole.
+  void expectTheNextLaunchGoesOn() {
+    const auto earlier = arrived("After");
+    auto next = launch();
+    next.untilReady().log("After");
+    EXPECT_EQ(next.quit(), 0) << next.errors();
+    EXPECT_EQ(arrived("After"), earlier + 1) << next.errors();
+    EXPECT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"});
+  }
+
+  /// The events of that name that arrived in different chunks.
+  [[nodiscard]] std::vector<Value> arrivedEvents(const std::string& name) const {
+    std::vector<Value> found;
+    std::set<std::string> chunks;
+    for (const Value& chunk : service.chunks()) {
+      if (!chunks.insert(description(at(chunk, {"chunk_meta", "id"}))).second) continue;
+      const Value events = at(chunk, {"chunk_details", "app_events"});
+      for (const Value& event : *events.get<Array>()) {
+        if (at(event, {"name"}) == Value(name)) found.push_back(event);
+      }
+    }
+    return found;
+  }
+  [[nodiscard]] long arrived(const std::string& name) const { return static_cast<long>(arrivedEvents(name).size()); }
+};
+
+}  // namespace kelvo::test

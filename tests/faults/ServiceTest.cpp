@@ -1,0 +1,77 @@
+#include "faults/Faults.h"
+
+namespace kelvo::test {
+namespace {
+
+// --- Services that cannot be reached, or must not be
+
+struct Endpoint {
+  const char* name;
+  const char* url;
+  const char* line;
+  // Of a certificate; none when a URL is given.
+  const char* certified = "";
+  int days = 2;
+  bool trusted = true;
+};
+
+const Endpoint kEndpoints[] = {
+    {"none", "", "<KLV ERROR> No service endpoint: set KELVO_SERVER_BASE_URL"},
+    {"noURL", "somewhere", "<KLV ERROR> No service endpoint: set KELVO_SERVER_BASE_URL"},
+    {"unknownName", "https://no-such-host.invalid", "failed : Could not resolve host: no-such-host.invalid"},
+    {"nobodyListens", "https://127.0.0.1:1", "failed : Failed to connect to 127.0.0.1"},
+    {"cleartext", "http://192.0.2.1", "<KLV ERROR> Refused to send cleartext to 192.0.2.1"},
+    {"wrongHost", "", "SSL: no alternative certificate subject name matches target host name '127.0.0.1'",
+     "DNS:elsewhere.example"},
+    {"unknownAuthority", "", "SSL certificate problem: self-signed certificate", "IP:127.0.0.1", 2, false},
+    {"expired", "", "SSL certificate problem: certificate has expired", "IP:127.0.0.1", -1},
+};
+
+class Unreachable : public Faults, public testing::WithParamInterface<Endpoint> {};
+
+TEST_P(Unreachable, ServiceGetsNothingAndTheNextLaunchDelivers) {
+  const Endpoint& given = GetParam();
+  collector::Server elsewhere;
+  Machine machine{{}, {{"KELVO_SERVER_BASE_URL", given.url}}};
+  if (*given.certified != '\0') {
+    machine.environment = serveTLS(elsewhere, given.certified, given.days, given.trusted);
+  }
+  auto faulty = launch(machine);
+  faulty.untilReady().log("During");
+  EXPECT_EQ(faulty.quit(), 3) << faulty.errors();
+  EXPECT_GE(count(faulty.errors(), given.line), 1U) << faulty.errors();
+  EXPECT_TRUE(elsewhere.requests().empty());
+  expectTheNextLaunchGoesOn();
+  EXPECT_EQ(arrived("During"), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Endpoints, Unreachable, testing::ValuesIn(kEndpoints),
+                         [](const auto& test) { return test.param.name; });
+
+TEST_F(Faults, AServiceThatIsBrokenOnEveryPathNeverReachesTheHostAndTheNextLaunchDelivers) {
+  const struct {
+    const char* name;
+    Script onEveryPath;
+    int exitStatus;
+    bool accepted;  // a status of 200 counts, whatever the body
+  } cases[] = {{"never", Script::never(), 3, false},
+               {"status500", 500, 3, false},
+               {"reset", Script::cut(), 3, false},
+               {"garbage", Script::garbage(), 0, true},
+               {"aMegabyte", Script(200, R"({"details": ")" + std::string(1 << 20, 'x') + R"("})"), 0, true},
+               {"late", Script::late(std::chrono::milliseconds(200)), 0, false}};
+  for (const auto& given : cases) {
+    SCOPED_TRACE(given.name);
+    moveToFreshHome(given.name);
+    service.answer("/v2", given.onEveryPath);
+    auto faulty = launch({}, given.exitStatus == 0 ? "10" : "1");
+    faulty.play(R"({"call": "didBecomeActive"})").log(given.name);
+    EXPECT_EQ(faulty.quit(), given.exitStatus) << faulty.errors();
+    service.answerNormally("/v2");
+    expectTheNextLaunchGoesOn();
+    EXPECT_EQ(arrived(given.name) > 0, !given.accepted);
+  }
+}
+
+}  // namespace
+}  // namespace kelvo::test

@@ -1,0 +1,137 @@
+// A host that knows the library by a plug-in only, which it loads at run time. It uses SQLite and curl for itself, and
+// has set up the process to its taste.
+
+#include <curl/curl.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <string>
+
+namespace {
+
+class PlugIn {
+ public:
+  explicit PlugIn(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
+    if (handle_ == nullptr) std::cerr << dlerror() << std::endl;
+  }
+  PlugIn(const PlugIn&) = delete;
+  PlugIn& operator=(const PlugIn&) = delete;
+  ~PlugIn() { dlclose(handle_); }
+
+  void call(const char* function) const { reinterpret_cast<void (*)()>(dlsym(handle_, function))(); }
+
+ private:
+  void* handle_;
+};
+
+void untilTold() {
+  std::cin.ignore(100, '\n');
+}
+
+/// As text: what a process has once, and a library could change under its host.
+std::map<std::string, std::string> settings() {
+  std::map<std::string, std::string> all;
+  const auto bytes = [](const auto& value) {
+    return std::string(reinterpret_cast<const char*>(&value), sizeof value);  // compared, not read
+  };
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction action {};
+    if (sigaction(number, nullptr, &action) != 0) continue;
+    all["signal " + std::to_string(number)] =
+        bytes(action.sa_handler) + bytes(action.sa_flags) + bytes(sigismember(&action.sa_mask, SIGUSR2));
+  }
+  std::ifstream status("/proc/self/status"), limits("/proc/self/limits");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("SigBlk", 0) == 0 || line.rfind("Umask", 0) == 0) all[line.substr(0, 5)] = line;
+  }
+  all["limits"] = {std::istreambuf_iterator<char>(limits), {}};
+  for (char** entry = environ; *entry != nullptr; ++entry) all["environment"] += std::string(*entry) + "\n";
+  for (int file = 0; file < 3; ++file) all["flags of " + std::to_string(file)] = std::to_string(fcntl(file, F_GETFL));
+  all["locale"] = std::setlocale(LC_ALL, nullptr);
+  all["directory"] = std::filesystem::current_path();
+  all["terminate handler"] = bytes(std::get_terminate());
+  all["SQLite's limits"] =
+      std::to_string(sqlite3_soft_heap_limit64(-1)) + " " + std::to_string(sqlite3_hard_heap_limit64(-1));
+  return all;
+}
+
+void setUpToTaste() {
+  std::setlocale(LC_ALL, "");
+  umask(027);
+  static_cast<void>(!chdir("/"));
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  action.sa_flags = SA_RESTART;
+  for (const int number : {SIGUSR1, SIGSEGV, SIGTERM, SIGCHLD}) sigaction(number, &action, nullptr);
+  std::signal(SIGHUP, SIG_IGN);
+  sigset_t own;
+  sigemptyset(&own);
+  sigaddset(&own, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &own, nullptr);
+  std::set_terminate([] { _exit(99); });
+  sqlite3_soft_heap_limit64(64 << 20);
+}
+
+void useSQLite() {
+  sqlite3* database = nullptr;
+  const bool works = sqlite3_open(":memory:", &database) == SQLITE_OK &&
+                     sqlite3_exec(database, "create table t (a)", nullptr, nullptr, nullptr) == SQLITE_OK;
+  sqlite3_close(database);
+  if (!works) std::cout << "SQLite does not work" << std::endl;
+}
+
+void useCurl() {
+  CURL* const curl = curl_easy_init();
+  const std::string url = std::string(getenv("KELVO_SERVER_BASE_URL")) + "/debug/requests";
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+  const CURLcode code = curl_easy_perform(curl);
+  if (code != CURLE_OK) std::cout << "curl does not work: " << curl_easy_strerror(code) << std::endl;
+  curl_easy_cleanup(curl);
+}
+
+/// The host lets go of the plug-in and of its own curl while the library goes on, and comes back to both.
+void compareSettings(const char* path) {
+  setUpToTaste();
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  useCurl();
+  useSQLite();
+  const auto before = settings();
+  PlugIn(path).call("start");
+  untilTold();
+  PlugIn(path).call("logAndResign");
+  if (dlopen(path, RTLD_NOW | RTLD_NOLOAD) != nullptr) std::cout << "the plug-in is still there" << std::endl;
+  untilTold();
+  useCurl();
+  curl_global_cleanup();
+  const PlugIn plugIn(path);
+  plugIn.call("start");
+  plugIn.call("logAndResign");
+  untilTold();
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  useCurl();
+  useSQLite();
+  for (const auto& [name, value] : settings()) {
+    if (before.at(name) != value) std::cout << "changed: " << name << std::endl;
+  }
+  std::cout << "compared " << before.size() << std::endl;
+}
+
+}  // namespace
+
+int main(int, char** arguments) {
+  compareSettings(arguments[1]);
+  return 0;
+}

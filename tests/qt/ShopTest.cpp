@@ -1,0 +1,89 @@
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "road/Road.h"
+
+namespace kelvo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class Shop : public Road {
+ protected:
+  [[nodiscard]] Program run(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> command = {KELVO_QT_SHOP_DRIVER};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return Program(command, {{"KELVO_HOME", homeOfLaunches()},
+                             {"KELVO_SERVER_BASE_URL", service.baseURL()},
+                             {"QT_QPA_PLATFORM", "offscreen"}});
+  }
+  /// Until the start is over, whose last event is klv_app_opened, and the application is in the foreground.
+  [[nodiscard]] bool waitUntilInForeground() const {
+    const std::string database = homeOfLaunches() + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
+    for (const auto end = std::chrono::steady_clock::now() + 20s; std::chrono::steady_clock::now() < end;) {
+      if (std::filesystem::exists(database)) {
+        const auto events = storedEvents();
+        const auto has = [&](const char* id) { return std::count(events.begin(), events.end(), id) > 0; };
+        if (has("klv_app_opened") && has("FOREGROUND")) return true;
+      }
+      std::this_thread::sleep_for(10ms);
+    }
+    return false;
+  }
+  /// Every event of `kind` that arrived, in order, each as "name" or as its value under `key`.
+  [[nodiscard]] std::vector<std::string> arrived(const char* kind, std::string_view key = "name") const {
+    std::vector<std::string> all;
+    for (const Value& chunk : service.chunks()) {
+      const auto events = at(chunk, {"chunk_details", kind});
+      if (events.get<Array>() == nullptr) continue;
+      for (const Value& event : *events.get<Array>()) all.push_back(description(at(event, {key})));
+    }
+    return all;
+  }
+};
+
+TEST_F(Shop, AVisitArrivesAsScreensEventsAndActivity) {
+  Program visit = run({});
+  ASSERT_TRUE(service.waitForChunks(1)) << visit.errors();
+  const std::vector<std::string> screens = {"ProductList", "ProductDetail", "Basket",
+                                            "ProductList", "Settings",      "ProductList"};
+  EXPECT_EQ(arrived("navigation_events", "navigation_id"), screens) << visit.errors();
+  const std::vector<std::string> titles = {"Products", "Product", "Basket", "Products", "Settings", "Products"};
+  EXPECT_EQ(arrived("navigation_events"), titles);
+  const auto durations = arrived("navigation_events", "duration");
+  ASSERT_EQ(durations.size(), screens.size());
+  EXPECT_GE(Value(durations[0]).asInt64(), 1) << "the customer looked at the list for more than a second";
+  EXPECT_LE(Value(durations[1]).asInt64(), 1);
+  auto events = arrived("app_events");
+  std::erase(events, "klv_app_opened");
+  EXPECT_EQ(events, (std::vector<std::string>{"Add to basket", "Check out", "Settings opened"}));
+  EXPECT_EQ(arrived("system_events"), (std::vector<std::string>{"FOREGROUND", "BACKGROUND"}));
+
+  visit.writeLine("");
+  ASSERT_TRUE(service.waitForChunks(2)) << visit.errors();
+  EXPECT_EQ(arrived("system_events"),
+            (std::vector<std::string>{"FOREGROUND", "BACKGROUND", "FOREGROUND", "BACKGROUND"}));
+  EXPECT_EQ(arrived("navigation_events").size(), screens.size() + 1) << "the screen counts again after the return";
+  visit.closeInput();
+  EXPECT_EQ(visit.wait(), 0) << visit.errors();
+  EXPECT_EQ(count(visit.errors(), "Ignoring screen notification"), 0U) << visit.errors();
+}
+
+TEST_F(Shop, TheFirstScreenAndTheForegroundCountOnceInWhateverOrderItOpens) {
+  const std::string allSteps[] = {"ais", "asi", "ias", "isa", "sai", "sia", "waswi", "iwswa", "siwa", "aiwsw"};
+  for (const std::string& steps : allSteps) {
+    moveToFreshHome(steps);
+    Program opened = run({"", steps});
+    ASSERT_TRUE(waitUntilInForeground()) << steps << opened.errors();
+    opened.closeInput();  // it ends in front, which ends the screen as well; the events wait in the database
+    EXPECT_EQ(opened.wait(), 0) << steps << opened.errors();
+    EXPECT_EQ(count(opened.errors(), "Ignoring screen notification"), 0U) << steps << opened.errors();
+    auto events = storedEvents();
+    std::erase(events, "klv_app_opened");
+    EXPECT_EQ(events, (std::vector<std::string>{"FOREGROUND", "BACKGROUND", "ProductList"})) << steps;
+  }
+}
+
+}  // namespace
+}  // namespace kelvo::test

@@ -1,0 +1,418 @@
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMainWindow>
+#include <QMenu>
+#include <QPushButton>
+#include <QScrollBar>
+#include <QStackedWidget>
+#include <QStringListModel>
+#include <QTabWidget>
+#include <QTableWidget>
+#include <QTreeWidget>
+#include <QVBoxLayout>
+#include <QtTest/QTest>
+#include <atomic>
+#include <thread>
+
+#include "adapters/qt/MainLoopRelay.h"
+#include "adapters/qt/ScreenFollower.h"
+#include "adapters/qt/WidgetClasses.h"
+#include "kelvo/Plugin.h"
+#include "kelvo/Qt.h"
+#include "platform/HostInterface.h"
+#include "platform/MainQueue.h"
+#include "platform/NotificationCenter.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo::test {
+namespace {
+
+class BuyButton : public QPushButton {
+ public:
+  using QPushButton::QPushButton;
+};
+
+/// An attached application, and a window with a bit of everything.
+class Widgets : public testing::Test {
+ protected:
+  Widgets() {
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    application_ = std::make_unique<QApplication>(count_, arguments_);
+    qt::attach(*application_);
+    window_ = std::make_unique<QMainWindow>();
+    auto* page = new QWidget;
+    auto* layout = new QVBoxLayout(page);
+    heading = new QLabel("Heading");
+    layout->addWidget(heading);
+    auto* box = new QWidget;  // lifted: its children count as the page's
+    auto* inBox = new QVBoxLayout(box);
+    buy = new BuyButton("Buy");
+    buy->setObjectName("buy");
+    buy->setProperty(qt::kTagProperty, 17);
+    inBox->addWidget(buy);
+    layout->addWidget(box);
+    rows = new QListWidget;
+    rows->addItems({"one", "two", "three"});
+    layout->addWidget(rows);
+    window_->setCentralWidget(page);
+    window_->resize(400, 400);
+    window_->show();
+    EXPECT_TRUE(QTest::qWaitForWindowActive(window_.get()));
+  }
+  ~Widgets() override { window_.reset(); }
+
+  static std::shared_ptr<View> find(const char* identifier, const char* type) {
+    return KLVUtilities::getViewWithIdentifier(std::string(identifier), type);
+  }
+  /// Its class, or "-" for none.
+  static std::string found(const char* identifier, const char* type = "p") {
+    const auto view = find(identifier, type);
+    return view == nullptr ? "-" : view->className();
+  }
+
+  QLabel* heading = nullptr;
+  BuyButton* buy = nullptr;
+  QListWidget* rows = nullptr;
+  std::unique_ptr<QMainWindow> window_;
+
+ private:
+  int count_ = 1;
+  char name_[5] = "test";
+  char* arguments_[2] = {name_, nullptr};
+  std::unique_ptr<QApplication> application_;
+};
+
+TEST_F(Widgets, AreFoundByTagByIdAndByPath) {
+  EXPECT_EQ(found("17", "t"), "BuyButton");
+  EXPECT_EQ(found("18", "t"), "-");
+  EXPECT_EQ(found("QLabel:0"), "QLabel");
+  EXPECT_EQ(found("KLV:BuyButton:1"), "BuyButton") << "in reading order, lifted out of the box";
+  EXPECT_EQ(found("QListWidget:2"), "QListWidget");
+  EXPECT_EQ(found("QListWidget:2:UITableViewCell:2"), "UITableViewCell");
+  EXPECT_EQ(found("2", "t"), "UITableViewCell") << "the search by path gave the row its tag";
+  EXPECT_EQ(found("UITableViewCell:3"), "-");
+  EXPECT_EQ(PluginServices::getViewWithIdentifier("17", "t")->className(), "BuyButton");
+  std::thread elsewhere([] { EXPECT_EQ(PluginServices::getViewWithIdentifier("17", "t"), nullptr); });
+  elsewhere.join();
+  heading->setVisible(false);
+  EXPECT_EQ(found("BuyButton:0"), "BuyButton") << "the hidden label counts no longer";
+  buy->parentWidget()->setVisible(false);
+  EXPECT_EQ(found("BuyButton:0"), "-");
+
+  KLVUtilities::setIsReactNative(true);
+  EXPECT_EQ(found("[klv_buy_klv]", "i"), "BuyButton");
+}
+
+TEST_F(Widgets, TellTheirPlaceAndTheirClasses) {
+  const auto frame = find("17", "t")->frame();
+  const QPoint corner = buy->mapTo(window_.get(), QPoint());
+  EXPECT_EQ(frame.x, corner.x());
+  EXPECT_EQ(frame.y, corner.y());
+  EXPECT_EQ(frame.width, buy->width());
+
+  const auto counterpart = [](const QWidget& widget) {
+    for (const auto& name : qt::superclassNamesOf(widget)) {
+      if (name.starts_with("UI")) return name;
+    }
+    return std::string("-");
+  };
+  EXPECT_EQ(counterpart(QPushButton()), "UIButton");
+  EXPECT_EQ(counterpart(QCheckBox()), "UISwitch") << "the nearest class counts";
+  EXPECT_EQ(counterpart(QLineEdit()), "UITextField");
+  EXPECT_EQ(counterpart(QWidget()), "-");
+  QListView icons;
+  icons.setViewMode(QListView::IconMode);
+  EXPECT_EQ(counterpart(icons), "UICollectionView");
+}
+
+TEST_F(Widgets, ThatAreDeletedWhileASearchHoldsThemAnswerAsHidden) {
+  const auto views = HostInterface::viewTree()->windows();
+  ASSERT_EQ(views.size(), 1U);
+  std::vector<std::shared_ptr<View>> all(views.begin(), views.end());
+  std::thread([&views] { EXPECT_TRUE(views[0]->isHidden()) << "no other thread sees widgets"; }).join();
+  for (std::size_t i = 0; i < all.size(); ++i) {  // grows meanwhile
+    for (const auto& view : all[i]->subviews()) all.push_back(view);
+  }
+  ASSERT_GT(all.size(), 6U);
+  window_.reset();
+  for (const auto& view : all) {
+    EXPECT_TRUE(view->isHidden());
+    EXPECT_EQ(view->alpha() > 0 && view->frame().width > 0, false);
+    EXPECT_TRUE(view->subviews().empty());
+    EXPECT_EQ(view->nativeID(), std::nullopt);
+    EXPECT_EQ(view->indexPathForCell(*view).has_value(), false);
+    view->setTag(1);
+    EXPECT_EQ(view->tag(), 0);
+  }
+}
+
+TEST_F(Widgets, OneWindowIsKeyAlsoWhileAMenuIsOpen) {
+  QMenu menu(window_.get());
+  menu.addAction("Copy");
+  menu.popup({0, 0});
+  std::size_t keys = 0;
+  for (const auto& window : HostInterface::viewTree()->windows()) keys += window->isKey() ? 1 : 0;
+  EXPECT_EQ(keys, 1U);
+  EXPECT_EQ(KLVUtilities::keyWindow()->className(), "QMainWindow");
+}
+
+TEST_F(Widgets, NumbersStayWithTheirRows) {
+  EXPECT_EQ(found("UITableViewCell:1"), "UITableViewCell");
+  auto cell = find("1", "t");
+  rows->insertItem(0, "new");
+  delete rows->takeItem(1);  // was the first one
+  EXPECT_EQ(cell->frame().y, find("1", "t")->frame().y);
+  EXPECT_EQ(cell->tag(), 1);
+  delete rows->takeItem(1);
+  EXPECT_TRUE(cell->isHidden());
+  EXPECT_EQ(found("1", "t"), "-");
+
+  // A cell that dies on another thread leaves the model alone, whether its view is gone or not.
+  QStringListModel model({"one", "two", "three"});
+  for (const bool viewGoesFirst : {false, true}) {
+    auto* view = new QListView;
+    view->setModel(&model);
+    window_->setCentralWidget(view);
+    QCoreApplication::processEvents();
+    ASSERT_EQ(found("UITableViewCell:2"), "UITableViewCell");
+    cell = find("2", "t");
+    if (viewGoesFirst) delete window_->takeCentralWidget();
+    std::thread elsewhere([held = std::move(cell)]() mutable { held.reset(); });
+    for (int i = 0; i < 100; ++i) {
+      model.insertRows(0, 1);
+      model.removeRows(0, 1);
+    }
+    elsewhere.join();
+  }
+}
+
+TEST_F(Widgets, CellsAreTheRowsInView) {
+  const auto put = [this](QWidget* items) {
+    delete window_->takeCentralWidget();
+    window_->setCentralWidget(items);
+    QCoreApplication::processEvents();
+  };
+  const auto places = [](QAbstractItemView* items) {
+    std::vector<std::pair<std::int64_t, std::int64_t>> all;
+    items->setObjectName("items");
+    KLVUtilities::setIsReactNative(true);
+    const auto view = find("[klv_items_klv]", "i");
+    for (const auto& cell : view->subviews()) {
+      if (const auto place = view->indexPathForCell(*cell)) all.emplace_back(place->section, place->row);
+    }
+    return all;
+  };
+  using Places = std::vector<std::pair<std::int64_t, std::int64_t>>;
+  auto* tree = new QTreeWidget;
+  for (int i = 0; i < 2; ++i) {
+    auto* top = new QTreeWidgetItem(tree, {"top"});
+    new QTreeWidgetItem(top, {"child"});
+    new QTreeWidgetItem(new QTreeWidgetItem(top, {"child"}), {"grandchild"});
+  }
+  tree->topLevelItem(1)->setExpanded(true);
+  tree->topLevelItem(1)->child(1)->setExpanded(true);
+  put(tree);
+  EXPECT_EQ(places(tree), (Places{{0, 0}, {1, 0}, {1, 1}, {1, 2}}));
+
+  tree->setRootIndex(tree->model()->index(1, 0));
+  EXPECT_EQ(places(tree), (Places{{0, 0}, {1, 0}, {1, 1}})) << "from where the tree begins";
+
+  auto* icons = new QListWidget;
+  icons->setViewMode(QListView::IconMode);
+  icons->setSpacing(20);
+  icons->addItems({"one", "two", "three"});
+  put(icons);
+  EXPECT_EQ(places(icons), (Places{{0, 0}, {0, 1}, {0, 2}}));
+
+  auto* table = new QTableWidget(5000, 2);
+  put(table);
+  table->setRowHidden(2500, true);
+  table->scrollTo(table->model()->index(2499, 0), QAbstractItemView::PositionAtTop);
+  const auto shown = places(table);
+  ASSERT_FALSE(shown.empty());
+  EXPECT_EQ(shown[0], (std::pair<std::int64_t, std::int64_t>(0, 2499)));
+  EXPECT_LT(shown.size(), 30U) << "the rows out of sight are none";
+  table->setColumnHidden(0, true);
+  EXPECT_EQ(places(table), shown);
+  table->setColumnHidden(0, false);
+  table->setColumnWidth(1, 5000);
+  table->horizontalScrollBar()->setValue(table->horizontalScrollBar()->maximum());
+  EXPECT_EQ(places(table), shown) << "the first column is out of sight";
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), std::pair<std::int64_t, std::int64_t>(0, 2500)), 0);
+}
+
+TEST_F(Widgets, TheScreenIsThePageTheTabOrTheDialogInFront) {
+  qt::ScreenFollower screens;
+  const auto shown = [&] {
+    const auto screen = screens.takeShown();
+    return screen == nullptr ? "none" : screen->className() + "/" + screen->title().value_or("-");
+  };
+  window_->setWindowTitle("Shop[*]");
+  EXPECT_EQ(shown(), "QMainWindow/Shop");
+
+  auto* tabs = new QTabWidget;
+  auto* first = new QWidget;
+  first->setObjectName("firstTab");
+  tabs->addTab(first, "&First && last");
+  auto* inner = new QStackedWidget;
+  inner->addWidget(new BuyButton("Buy"));
+  tabs->addTab(inner, "Second");
+  window_->setCentralWidget(tabs);
+  QCoreApplication::processEvents();
+  EXPECT_EQ(shown(), "firstTab/First & last");
+  tabs->setCurrentIndex(1);
+  EXPECT_EQ(shown(), "BuyButton/Shop");
+
+  QDialog dialog(window_.get());
+  dialog.setWindowTitle("Settings");
+  dialog.open();
+  EXPECT_EQ(shown(), "QDialog/Settings");
+  QDialog question(&dialog);
+  question.setObjectName("question");
+  question.open();
+  EXPECT_EQ(shown(), "question/-");
+  question.close();
+  EXPECT_EQ(shown(), "QDialog/Settings");
+
+  QMainWindow other;
+  other.setWindowTitle("Other");
+  other.resize(900, 900);
+  other.show();
+  other.activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&other));
+  EXPECT_EQ(shown(), "QMainWindow/Other") << "the dialog belongs to another window";
+  QWidget tool(&other, Qt::Tool);
+  tool.show();
+  tool.activateWindow();
+  EXPECT_TRUE(QTest::qWaitForWindowActive(&tool));
+  EXPECT_EQ(shown(), "QMainWindow/Other") << "a tool is no screen";
+  dialog.close();
+  window_->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window_.get()));
+  EXPECT_EQ(shown(), "BuyButton/Shop");
+  QApplication::setActiveWindow(nullptr);
+  EXPECT_EQ(shown(), "BuyButton/Shop") << "in the background, too";
+  other.hide();
+  window_->showMinimized();
+  EXPECT_EQ(shown(), "none");
+  window_->hide();
+  EXPECT_EQ(shown(), "none");
+}
+
+TEST_F(Widgets, ASearchTakesNoScreenFromTheReports) {
+  std::vector<std::string> reported;
+  const auto observation =
+      NotificationCenter::defaultCenter().observe(kDidShowViewController, [&reported](const std::any& screen) {
+        MainQueue::async([&reported, name = std::any_cast<Screen>(screen).className] { reported.push_back(name); });
+      });
+  auto* pages = new QStackedWidget;
+  for (const char* name : {"first", "second"}) {
+    auto* page = new QWidget;
+    page->setObjectName(name);
+    pages->addWidget(page);
+  }
+  window_->setCentralWidget(pages);
+  QTest::qWait(20);
+  EXPECT_TRUE(reported.empty()) << "the library has not started";
+  EXPECT_EQ(KLVUtilities::keyWindow()->rootViewController()->className(), "first") << "what the start asks for";
+  pages->setCurrentIndex(1);
+  EXPECT_EQ(found("17", "t"), "-");
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !reported.empty(); }, 20000));
+  EXPECT_EQ(reported, std::vector<std::string>{"second"});
+}
+
+TEST_F(Widgets, TasksHaveTheirTurnWhileOneShowsADialog) {
+  std::string order;
+  QEventLoop dialog;
+  MainQueue::async([&] {
+    order += "(";
+    dialog.exec();
+    order += ")";
+  });
+  MainQueue::async([&] { order += "2"; });
+  MainQueue::async([&] {
+    order += "3";
+    MainQueue::async([&] { dialog.quit(); });
+  });
+  EXPECT_TRUE(QTest::qWaitFor([&] { return order.size() == 4; }, 20000));
+  EXPECT_EQ(order, "(23)");
+}
+
+TEST(Application, ASecondOneCanBeAttachedOnceTheFirstIsGone) {
+  qputenv("QT_QPA_PLATFORM", "offscreen");
+  char name[] = "test";
+  char* arguments[] = {name, nullptr};
+  int count = 1;
+  for (int i = 0; i < 2; ++i) {
+    bool ran = false;
+    {
+      QApplication application(count, arguments);
+      qt::attach(application);
+      ASSERT_NE(HostInterface::viewTree(), nullptr);
+      MainQueue::async([&ran] { ran = true; });
+    }
+    EXPECT_TRUE(ran) << "what waits is run at the end";
+    EXPECT_EQ(HostInterface::viewTree(), nullptr);
+    EXPECT_FALSE(MainQueue::isCurrent());
+    MainQueue::sync([] {});  // the library has its own loop again
+  }
+}
+
+TEST_F(Widgets, TheApplicationsLoopIsTheMainQueue) {
+  constexpr int kThreads = 4, kTasks = 500;
+  std::vector<int> last(kThreads, 0);
+  std::vector<std::thread> threads;
+  int done = 0;
+  std::atomic<int> finished = 0;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int task = 1; task <= kTasks; ++task) {
+        MainQueue::async([&, thread, task] {
+          EXPECT_TRUE(MainQueue::isCurrent());
+          EXPECT_EQ(std::exchange(last[static_cast<std::size_t>(thread)], task), task - 1);
+          ++done;
+        });
+      }
+      MainQueue::sync([&] { EXPECT_TRUE(MainQueue::isCurrent()); });
+      ++finished;
+    });
+  }
+  EXPECT_TRUE(QTest::qWaitFor([&] { return finished == kThreads; }, 20000));
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(done, kThreads * kTasks);
+}
+
+TEST(Attributes, CarryWhatQtHolds) {
+  const QVariantMap map = {{"text", "Grüße"},
+                           {"count", 3},
+                           {"large", QVariant::fromValue<qulonglong>(18446744073709551615ULL)},
+                           {"price", 12.5},
+                           {"yes", true},
+                           {"bytes", QByteArray("\x01\x02", 2)},
+                           {"when", QDateTime::fromMSecsSinceEpoch(1500)},
+                           {"list", QVariantList{1, "two", QVariantMap{{"three", 3}}}},
+                           {"names", QStringList{"a", "b"}},
+                           {"url", QUrl("https://example.com/")},
+                           {"nothing", QVariant()}};
+  const Dictionary expected = {{"text", "Grüße"},
+                               {"count", 3},
+                               {"large", 18446744073709551615ULL},
+                               {"price", 12.5},
+                               {"yes", true},
+                               {"bytes", Data{1, 2}},
+                               {"when", Date(std::chrono::milliseconds(1500))},
+                               {"list", Array{1, "two", Dictionary{{"three", 3}}}},
+                               {"names", Array{"a", "b"}},
+                               {"url", "https://example.com/"},
+                               {"nothing", nullptr}};
+  EXPECT_EQ(qt::attributes(map), expected);
+}
+
+}  // namespace
+}  // namespace kelvo::test

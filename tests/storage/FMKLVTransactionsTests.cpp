@@ -1,0 +1,268 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <set>
+#include <stdexcept>
+#include <thread>
+
+#include "storage/FMKLVDatabasePool.h"
+#include "storage/FMKLVDatabaseQueue.h"
+#include "support/LogCapture.h"
+#include "support/TestHome.h"
+
+namespace kelvo::test {
+namespace {
+
+using Block = FMKLVWork::TransactionBlock;
+using Kind = FMKLVTransactions::Kind;
+
+std::string path() {
+  return home() + "/file.sqlite";
+}
+
+/// Everything that runs a block as a unit of work, over one file.
+struct Units : testing::Test {
+  Units() {
+    EXPECT_TRUE(other.open() && other.executeStatements("create table t (a); create table parent (p primary key); "
+                                                        "create table child (parent references parent deferrable "
+                                                        "initially deferred)"));
+    const auto foreignKeys = [](FMKLVDatabase& db) { EXPECT_TRUE(db.executeUpdate("pragma foreign_keys=on")); };
+    EXPECT_TRUE(queue->inDatabase(foreignKeys) && pool.inDatabase(foreignKeys));
+    EXPECT_TRUE(connection.open());
+    foreignKeys(connection);
+  }
+  FMKLVDatabase other{path()}, connection{path()};
+  std::unique_ptr<FMKLVDatabaseQueue> queue = FMKLVDatabaseQueue::databaseQueueWithPath(path());
+  FMKLVDatabasePool pool{path()};
+  LogCapture log;
+
+  struct Unit {
+    const char* name;
+    std::function<bool(const Block&, FMKLVError*)> run;
+  };
+  std::vector<Unit> units = {
+      {"queue, exclusive", [this](auto& block, auto* error) { return queue->inTransaction(block, error); }},
+      {"queue, deferred", [this](auto& block, auto* error) { return queue->inDeferredTransaction(block, error); }},
+      {"queue, savepoint", [this](auto& block, auto* error) { return queue->inSavePoint(block, error); }},
+      {"pool, exclusive", [this](auto& block, auto* error) { return pool.inTransaction(block, error); }},
+      {"pool, deferred", [this](auto& block, auto* error) { return pool.inDeferredTransaction(block, error); }},
+      {"pool, savepoint", [this](auto& block, auto* error) { return pool.inSavePoint(block, error); }},
+      {"connection, savepoint",
+       [this](auto& block, auto* error) {
+         return connection.inSavePoint([&](bool& undo) { block(connection, undo); }, error);
+       }},
+  };
+};
+
+TEST_F(Units, AreCommittedOrUndoneByFlagByExceptionAndWhenTheyCannotBeCommitted) {
+  const auto insert = [](FMKLVDatabase& db) { EXPECT_TRUE(db.executeUpdate("insert into t values (1)")); };
+  int committed = 0;
+  for (const auto& unit : units) {
+    SCOPED_TRACE(unit.name);
+    EXPECT_TRUE(unit.run([&](FMKLVDatabase& db, bool&) { insert(db); }, nullptr));
+    ++committed;
+    EXPECT_TRUE(unit.run(
+        [&](FMKLVDatabase& db, bool& undo) {
+          insert(db);
+          undo = true;
+        },
+        nullptr));
+    const auto throwing = [&](FMKLVDatabase& db, bool&) {
+      insert(db);
+      throw std::runtime_error("block");
+    };
+    EXPECT_THROW(static_cast<void>(unit.run(throwing, nullptr)), std::runtime_error);
+    FMKLVError error;
+    FMKLVDatabase* used = nullptr;
+    const auto orphan = [&](FMKLVDatabase& db, bool&) {
+      used = &db;
+      insert(db);
+      EXPECT_TRUE(db.executeUpdate("insert into child values (99)"));
+    };
+    EXPECT_FALSE(unit.run(orphan, &error));
+    EXPECT_EQ(error.code, SQLITE_CONSTRAINT);
+    EXPECT_EQ(used->lastErrorCode(), SQLITE_CONSTRAINT);
+    EXPECT_FALSE(used->inTransaction());
+    error = {};
+    const auto ended = [&](FMKLVDatabase& db, bool&) { EXPECT_TRUE(db.executeUpdate("rollback")); };
+    EXPECT_FALSE(unit.run(ended, &error));
+    EXPECT_EQ(error.code, SQLITE_ERROR);
+    EXPECT_EQ(other.intForQuery("select count(*) from t"), committed);
+    EXPECT_EQ(other.intForQuery("select count(*) from child"), 0);
+  }
+}
+
+TEST_F(Units, DoNotBeginWhileAnotherConnectionHoldsTheLock) {
+  queue->inDatabase([](FMKLVDatabase& db) { db.setMaxBusyRetryTimeInterval(0); });
+  ASSERT_TRUE(other.beginTransaction());
+  FMKLVError error;
+  EXPECT_FALSE(queue->inTransaction([](FMKLVDatabase&, bool&) { FAIL(); }, &error));
+  EXPECT_EQ(error.code, SQLITE_BUSY);
+  ASSERT_TRUE(other.rollback());
+  EXPECT_TRUE(queue->inTransaction([](FMKLVDatabase& db, bool&) { EXPECT_TRUE(db.inTransaction()); }));
+}
+
+TEST_F(Units, SavepointsNestUnderAnyName) {
+  const auto insert = [this](int a) { EXPECT_TRUE(connection.executeUpdate("insert into t values (?)", a)); };
+  for (const char* name : {"it's", "''", "a \"b\"; drop table t; --"}) {
+    ASSERT_TRUE(connection.executeUpdate("delete from t"));
+    EXPECT_TRUE(connection.startSavePointWithName("outer'"));
+    insert(1);
+    EXPECT_TRUE(connection.startSavePointWithName(name));
+    insert(2);
+    EXPECT_TRUE(connection.rollbackToSavePointWithName(name));
+    insert(3);
+    EXPECT_TRUE(connection.releaseSavePointWithName(name));
+    FMKLVError error;
+    EXPECT_FALSE(connection.releaseSavePointWithName(name, &error));
+    EXPECT_EQ(error.code, SQLITE_ERROR);
+    EXPECT_TRUE(connection.releaseSavePointWithName("outer'"));
+    EXPECT_EQ(other.stringForQuery("select group_concat(a) from t"), "1,3");
+  }
+  const auto nested = [&](bool innerThrows) {
+    return connection.inSavePoint([&](bool&) {
+      insert(4);
+      EXPECT_TRUE(connection.inSavePoint([&](bool& undo) {
+        insert(5);
+        undo = true;
+        if (innerThrows) throw std::runtime_error("inner");
+      }));
+    });
+  };
+  EXPECT_TRUE(nested(false));
+  EXPECT_THROW(static_cast<void>(nested(true)), std::runtime_error);
+  EXPECT_EQ(other.stringForQuery("select group_concat(a) from t"), "1,3,4");
+}
+
+TEST_F(Units, AThrowingBlockUndoesOnlyTheTransactionThatItBeganItself) {
+  const auto insertAndThrow = [](FMKLVDatabase& db) {
+    EXPECT_TRUE(db.executeUpdate("insert into t values (1)"));
+    throw std::runtime_error("block");
+  };
+  const auto begin = [](FMKLVDatabase& db) { EXPECT_TRUE(db.beginTransaction()); };
+  EXPECT_THROW(queue->inDatabase([&](FMKLVDatabase& db) { begin(db), insertAndThrow(db); }), std::runtime_error);
+  EXPECT_THROW(pool.inDatabase([&](FMKLVDatabase& db) { begin(db), insertAndThrow(db); }), std::runtime_error);
+  EXPECT_EQ(pool.countOfCheckedOutDatabases(), 0U);
+  EXPECT_EQ(other.intForQuery("select count(*) from t"), 0);
+  queue->inDatabase(begin);
+  EXPECT_THROW(queue->inDatabase(insertAndThrow), std::runtime_error);
+  EXPECT_FALSE(queue->inTransaction([](FMKLVDatabase&, bool&) { FAIL(); }));
+  queue->inDatabase([](FMKLVDatabase& db) { EXPECT_TRUE(db.commit()); });
+  EXPECT_EQ(other.intForQuery("select count(*) from t"), 1);
+}
+
+TEST_F(Units, TheQueueWarnsOfRowsThatOutliveTheirBlockAndReopensAfterClose) {
+  FMKLVDatabase::ResultSet rows;
+  queue->inDatabase([&](FMKLVDatabase& db) { rows = db.executeQuery("select 1"); });
+  EXPECT_EQ(log.count("<KLV WARN> Warning: there is at least one open result set around after performing "
+                      "[FMDatabaseQueue inDatabase:] "),
+            1U);
+  queue->close();
+  EXPECT_FALSE(rows->next());
+  queue->inDatabase([](FMKLVDatabase& db) { EXPECT_TRUE(db.tableExists("t")); });
+  EXPECT_EQ(FMKLVDatabaseQueue::databaseQueueWithPath(home() + "/no/such/file"), nullptr);
+  EXPECT_EQ(log.count("<KLV DEBUG> Could not create database queue for path " + home() + "/no/such/file "), 1U);
+}
+
+TEST_F(Units, ABlockInsideABlockOfOneQueueEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  setenv("TMPDIR", home().c_str(), 1);  // the home that the dying process leaves behind goes with this one
+  const auto nested = [&](FMKLVDatabase&) { static_cast<void>(queue->inSavePoint([](FMKLVDatabase&, bool&) {})); };
+  EXPECT_DEATH(queue->inDatabase(nested),
+               "currentSyncQueue != self && \"inDatabase: was called reentrantly on the same queue, which would lead "
+               "to a deadlock\"");
+}
+
+struct Pool : testing::Test {
+  static std::unique_ptr<FMKLVDatabase> patient(std::optional<std::string> file) {
+    auto db = FMKLVDatabase::databaseWithPath(std::move(file));
+    db->setMaxBusyRetryTimeInterval(60);
+    return db;
+  }
+  FMKLVDatabasePool pool{path(), FMKLVDatabasePool::kReadWriteAndCreate, &patient};
+  LogCapture log;
+};
+
+TEST_F(Pool, EightThreadsShareThreeConnectionsOneThreadAtATimeEach) {
+  constexpr std::uint64_t kMaximum = 3;
+  pool.setMaximumNumberOfDatabasesToCreate(kMaximum);
+  pool.inDatabase([](FMKLVDatabase& db) { EXPECT_TRUE(db.executeUpdate("create table t (a)")); });
+  std::atomic<std::uint64_t> out{0}, mostOut{0};
+  std::atomic<int> refused{0};
+  const auto user = [&] {
+    for (int done = 0; done < 50;) {
+      const bool served = pool.inDatabase([&](FMKLVDatabase& db) {
+        std::uint64_t now = ++out, most = mostOut;
+        while (now > most && !mostOut.compare_exchange_weak(most, now)) {
+        }
+        EXPECT_TRUE(db.checkedOut());
+        static_cast<void>(db.intForQuery("select count(*) from t"));
+        --out;
+      });
+      served ? ++done : ++refused;
+    }
+    while (!pool.inTransaction(
+        [](FMKLVDatabase& db, bool&) { EXPECT_TRUE(db.executeUpdate("insert into t values (1)")); })) {
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) threads.emplace_back(user);
+  for (auto& thread : threads) thread.join();
+  EXPECT_LE(mostOut, kMaximum);
+  EXPECT_LE(pool.countOfOpenDatabases(), kMaximum);
+  EXPECT_EQ(pool.countOfCheckedOutDatabases(), 0U);
+  EXPECT_EQ(log.count("is currently in use"), 0U);
+  pool.inDatabase([](FMKLVDatabase& db) { EXPECT_EQ(db.intForQuery("select count(*) from t"), 8); });
+}
+
+TEST_F(Pool, GivesItsLastConnectionAgainUpToItsMaximumAndReportsADoubleReturn) {
+  pool.setMaximumNumberOfDatabasesToCreate(2);
+  const auto first = pool.db(), second = pool.db();
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(pool.db(), nullptr);
+  EXPECT_EQ(log.count("<KLV DEBUG> Maximum number of databases (2) has already been reached! "), 1U);
+  FMKLVError error;
+  EXPECT_FALSE(pool.inTransaction([](FMKLVDatabase&, bool&) { FAIL(); }, &error));
+  EXPECT_TRUE(error.code != 0);
+  pool.pushDatabaseBackInPool(first);
+  pool.pushDatabaseBackInPool(first);
+  EXPECT_EQ(log.count("<KLV ERROR> Database already in pool"), 1U);
+  EXPECT_EQ(pool.countOfCheckedInDatabases(), 1U);
+  EXPECT_EQ(pool.countOfOpenDatabases(), 2U);
+  EXPECT_FALSE(first->checkedOut());
+  first->close();
+  EXPECT_EQ(pool.db(), first);
+  EXPECT_TRUE(first->isOpen());
+  pool.releaseAllDatabases();
+  pool.pushDatabaseBackInPool(second);
+  EXPECT_EQ(pool.countOfOpenDatabases(), 0U);
+  EXPECT_NE(pool.db(), second);
+}
+
+TEST_F(Pool, OpensNothingThatItsDelegateRefusesOrSQLiteCannot) {
+  struct Delegate final : FMKLVDatabasePoolDelegate {
+    bool databasePoolShouldAddDatabaseToPool(FMKLVDatabasePool& asking, FMKLVDatabase& db) override {
+      EXPECT_TRUE(db.isOpen());
+      return asking.countOfOpenDatabases() == 0;
+    }
+    void databasePoolDidAddDatabase(FMKLVDatabasePool&, FMKLVDatabase& db) noexcept override { added.insert(&db); }
+    std::set<FMKLVDatabase*> added;
+  } delegate;
+  pool.setDelegate(&delegate);
+  const auto first = pool.db();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(delegate.added, std::set<FMKLVDatabase*>{first.get()});
+  EXPECT_EQ(pool.db(), nullptr);
+  EXPECT_FALSE(pool.inDatabase([](FMKLVDatabase&) { FAIL(); }));
+  EXPECT_EQ(pool.countOfOpenDatabases(), 1U);
+  pool.pushDatabaseBackInPool(first);
+  EXPECT_TRUE(pool.inDatabase([&](FMKLVDatabase& db) { EXPECT_EQ(&db, first.get()); }));
+  FMKLVDatabasePool nowhere(home() + "/no/such/file");
+  EXPECT_EQ(nowhere.db(), nullptr);
+  EXPECT_EQ(log.count("<KLV DEBUG> Could not open up the database at path " + home() + "/no/such/file "), 1U);
+}
+
+}  // namespace
+}  // namespace kelvo::test

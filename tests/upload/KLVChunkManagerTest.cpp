@@ -1,0 +1,199 @@
+#include "upload/KLVChunkManager.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <iterator>
+#include <map>
+#include <stdexcept>
+
+namespace kelvo::test {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// A database, of which the counts are enough, and a service that answers when it is told to.
+class Delegate final : public KLVChunkManagerDelegate {
+ public:
+  std::map<std::string, std::uint64_t> sessions;
+  std::vector<KLVChunkRow> rows;
+  bool refusesToPost = false;
+
+  Texts done;  ///< what was asked for, in order
+  std::vector<HTTPCompletion> unanswered;
+  /// Cuts that are meant; any other one marks a place on the manager's queue and ends there.
+  std::atomic<int> cuts{0};
+  std::shared_ptr<std::promise<void>> mark;
+
+  std::string applicationIdentifier() override { return "shop"; }
+  std::shared_ptr<KLVSession> session() override { return std::make_shared<KLVSession>("now"); }
+  std::shared_ptr<KLVUser> user() override { return nullptr; }
+  std::shared_ptr<KLVAppInfo> appInfo() override { return nullptr; }
+  std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return nullptr; }
+  std::shared_ptr<KLVSDKInfo> sdkInfo() override { return nullptr; }
+  void registerIdentifer(const std::string&, const std::shared_ptr<KLVEventListener>&) override {}
+  void dispatchEvent(const std::shared_ptr<KLVEvent>&) override {
+    if (cuts > 0) {
+      --cuts;
+      return;
+    }
+    const auto own = mark;
+    own->set_value();
+    throw std::runtime_error("marked");  // what comes after is not looked at any more
+  }
+  void waitUntilDelivered() override {}
+  std::uint64_t numberOfEventsWithIdentifier(const std::optional<std::string>& id) override { return sessions[*id]; }
+  std::vector<Dictionary> getEventsBetween(std::uint64_t start, std::uint64_t end, const std::optional<std::string>& id,
+                                           std::optional<KLVEventType>) override {
+    std::vector<Dictionary> events;
+    for (auto i = start; i <= std::min(end, sessions[*id]); ++i) events.push_back({{"id", "e"}, {"type", "App"}});
+    return events;
+  }
+  Array retrieveAggregateEventsWithSessionIdentifier(const std::string&) override { return {}; }
+  std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::optional<std::string>&) override {
+    return nullptr;
+  }
+  std::vector<std::string> getSessions() override {
+    std::vector<std::string> all;
+    for (const auto& session : sessions) all.push_back(session.first);
+    return all;
+  }
+  std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override {
+    std::vector<std::shared_ptr<KLVChunkMetaInfo>> all;
+    for (const KLVChunkRow& row : rows) {
+      all.push_back(std::make_shared<KLVChunkMetaInfo>(row.sid, row.cid, row.start, row.end, Array{1}));
+      all.back()->setInfo(row.sent, "status");
+    }
+    return all;
+  }
+  void saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override {
+    done.push_back("save " + meta->identifier());
+  }
+  void updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override {
+    done.push_back("update " + meta->identifier());
+  }
+  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>&) override {}
+  void deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>&) override {}
+  void deleteSession(const std::optional<std::string>& id) override {
+    sessions.erase(*id);
+    done.push_back("purge " + *id);
+  }
+  void deleteItemAtPath(const std::optional<std::string>&) override {}
+  void deleteAggregateEventsWithSessionId(const std::optional<std::string>&) override {}
+  void writeTogether(const std::function<void()>& deletions) override { deletions(); }
+  void postDataToURL(const std::optional<std::string>&, const std::optional<Dictionary>& body,
+                     const std::optional<Dictionary>&, HTTPCompletion completion) override {
+    const auto& details = *(*body)["chunk_details"].get<Dictionary>();
+    const auto events = details["app_events"].get<Array>()->size();
+    done.push_back("post " + description((*(*body)["chunk_meta"].get<Dictionary>())["id"]) + " of " +
+                   std::to_string(events));
+    if (!refusesToPost) unanswered.push_back(std::move(completion));
+  }
+};
+
+class ChunkManager : public testing::Test {
+ protected:
+  void cut() {
+    ++delegate.cuts;
+    manager->sendCurrentChunk();
+  }
+  /// What was done by the time when the manager's queue has nothing left.
+  Texts happened() {
+    for (int pass = 0; pass < 3; ++pass) {  // a place that becomes free queues another task
+      delegate.mark = std::make_shared<std::promise<void>>();
+      auto reached = delegate.mark->get_future();
+      manager->sendCurrentChunk();
+      reached.wait();
+    }
+    return std::exchange(delegate.done, {});
+  }
+  void answer(std::size_t count) {
+    auto& all = delegate.unanswered;
+    const auto end = all.begin() + static_cast<std::ptrdiff_t>(std::min(count, all.size()));
+    const std::vector<HTTPCompletion> now(std::make_move_iterator(all.begin()), std::make_move_iterator(end));
+    all.erase(all.begin(), end);  // before the first one dies: the manager goes on at once then
+    for (const auto& each : now) each({}, HTTPResponse{200, ""}, {});
+  }
+  /// A chunk of ten events of the session "old".
+  static KLVChunkRow row(std::uint64_t cid) { return {"", "old", cid, cid * 10 - 9, cid * 10, false}; }
+  /// Sends again what an earlier session left, in so many chunks.
+  void flushChunks(std::uint64_t count) {
+    delegate.sessions = {{"now", 0}, {"old", count * 10}};
+    for (std::uint64_t cid = 1; cid <= count; ++cid) delegate.rows.push_back(row(cid));
+    manager->flushPreviousChunks();
+  }
+  static Texts sentAgain(std::uint64_t first, std::uint64_t last) {
+    Texts texts;
+    for (auto cid = first; cid <= last; ++cid) {
+      texts.push_back("update old_" + std::to_string(cid));
+      texts.push_back("post old_" + std::to_string(cid) + " of 10");
+    }
+    return texts;
+  }
+
+  Delegate delegate;
+  std::shared_ptr<KLVChunkManager> manager = KLVChunkManager::initWithConfiguration({}, delegate);
+};
+
+TEST_F(ChunkManager, HoldsFewBodiesAtOnceAndKeepsTheOrder) {
+  bool posted = false;
+  flushChunks(20);
+  manager->whenPosted([&] { posted = true; });
+  EXPECT_EQ(happened(), sentAgain(1, 8)) << "and the others wait unread";
+  answer(3);
+  EXPECT_EQ(happened(), sentAgain(9, 11));
+  answer(8);
+  EXPECT_EQ(happened(), sentAgain(12, 19));
+  EXPECT_FALSE(posted);
+  answer(1);
+  EXPECT_EQ(happened(), sentAgain(20, 20));
+  answer(8);
+  EXPECT_EQ(happened(), Texts());
+  EXPECT_TRUE(posted);
+}
+
+TEST_F(ChunkManager, ACutIsOnRecordAtOnceThoughItsBodyWaits) {
+  flushChunks(8);
+  EXPECT_EQ(happened(), sentAgain(1, 8));
+  delegate.sessions["now"] = 5;
+  cut();
+  EXPECT_EQ(happened(), Texts{"save now_1"});
+  delegate.sessions["now"] = 7;
+  cut();
+  EXPECT_EQ(happened(), Texts{"save now_2"}) << "the cut before covers the first five";
+  answer(2);
+  EXPECT_EQ(happened(), (Texts{"post now_1 of 5", "post now_2 of 2"}));
+}
+
+TEST_F(ChunkManager, PurgesSessionsOnceTheirTailsAreReadAndBeforeOthersAreSentAgain) {
+  delegate.sessions = {{"now", 0}, {"old", 10}};
+  delegate.rows = {row(1)};
+  Texts cuts, purges;
+  for (const std::string sid : {"a", "b", "c", "d", "e", "f", "g", "h", "i"}) {
+    delegate.sessions[sid] = 3;
+    delegate.rows.push_back({"", sid, 1, 1, 2, true});
+    cuts.push_back("save " + sid + "_2");
+    cuts.push_back("post " + sid + "_2 of 1");
+    purges.push_back("purge " + sid);
+  }
+  const std::string lastTail = cuts.back();
+  cuts.pop_back();
+  manager->flushPreviousChunks();
+  EXPECT_EQ(happened(), cuts);
+  answer(1);
+  EXPECT_EQ(happened(), Texts{lastTail}) << "the session was still there";
+  answer(8);
+  purges.insert(purges.end(), {"update old_1", "post old_1 of 10"});
+  EXPECT_EQ(happened(), purges);
+}
+
+TEST_F(ChunkManager, ARequestThatCannotBeMadeHoldsNoPlace) {
+  delegate.refusesToPost = true;
+  flushChunks(20);
+  EXPECT_EQ(happened().size(), 40u);
+}
+
+}  // namespace
+}  // namespace kelvo::test

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <charconv>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace kelvo::collector {
+
+/// What a query says, decoded.
+class Parameters {
+ public:
+  using Pairs = std::multimap<std::string, std::string>;
+  explicit Parameters(const Pairs& pairs) : pairs_(pairs) {}
+
+  [[nodiscard]] bool has(const char* name) const { return pairs_.count(name) > 0; }
+  /// The empty text when there is none.
+  [[nodiscard]] std::string text(const char* name) const {
+    const auto found = pairs_.find(name);
+    return found == pairs_.end() ? std::string() : found->second;
+  }
+  /// A whole number in that range; nullopt for everything else.
+  [[nodiscard]] std::optional<std::int64_t> number(const char* name, std::int64_t least, std::int64_t most) const {
+    const std::string digits = text(name);
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (error != std::errc() || end != digits.data() + digits.size() || number < least || number > most) {
+      return std::nullopt;
+    }
+    return number;
+  }
+
+ private:
+  const Pairs& pairs_;
+};
+
+}  // namespace kelvo::collector

@@ -1,0 +1,73 @@
+#pragma once
+
+namespace kelvo::collector {
+
+/// The tables. Every list that a page shows is found by an index and read from a place onwards; every number that it
+/// shows is counted at arrival. Session 0 in a table of counts means all sessions together.
+inline constexpr const char* kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS requests (sequence INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL,
+  method TEXT NOT NULL, target TEXT NOT NULL, headers TEXT NOT NULL, status INTEGER NOT NULL, body BLOB NOT NULL);
+
+CREATE TABLE IF NOT EXISTS chunks (request INTEGER PRIMARY KEY, time INTEGER NOT NULL, application TEXT NOT NULL,
+  id TEXT NOT NULL, session INTEGER NOT NULL, session_id TEXT NOT NULL, number INTEGER NOT NULL,
+  event_counts TEXT NOT NULL, events INTEGER NOT NULL, last_event REAL NOT NULL, fingerprint TEXT NOT NULL,
+  duplicate INTEGER NOT NULL, conflict INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS chunks_by_id ON chunks (application, id);
+CREATE INDEX IF NOT EXISTS chunks_by_session ON chunks (session, request);
+
+CREATE TABLE IF NOT EXISTS sessions (key INTEGER PRIMARY KEY, application TEXT NOT NULL, id TEXT NOT NULL,
+  record TEXT NOT NULL, user TEXT NOT NULL, device TEXT NOT NULL, app TEXT NOT NULL, sdk TEXT NOT NULL,
+  launch INTEGER NOT NULL, length REAL NOT NULL, highest_chunk INTEGER NOT NULL, received INTEGER NOT NULL,
+  sequence INTEGER NOT NULL, chunks INTEGER NOT NULL, events INTEGER NOT NULL, problems INTEGER NOT NULL);
+CREATE UNIQUE INDEX IF NOT EXISTS sessions_by_id ON sessions (id, application);
+CREATE INDEX IF NOT EXISTS sessions_by_arrival ON sessions (sequence);
+
+CREATE TABLE IF NOT EXISTS events (id INTEGER PRIMARY KEY, session INTEGER NOT NULL, chunk INTEGER NOT NULL,
+  request INTEGER NOT NULL, kind TEXT NOT NULL, name TEXT NOT NULL, time REAL NOT NULL, attributes TEXT NOT NULL,
+  position INTEGER NOT NULL, size INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS events_by_session ON events (session);
+CREATE INDEX IF NOT EXISTS events_by_kind ON events (kind);
+CREATE INDEX IF NOT EXISTS events_by_name ON events (name);
+CREATE INDEX IF NOT EXISTS screens ON events (session, time) WHERE kind = 'navigation';
+CREATE INDEX IF NOT EXISTS activity ON events (session, time) WHERE kind = 'system';
+CREATE UNIQUE INDEX IF NOT EXISTS aggregates ON events (session, name) WHERE kind = 'aggregate';
+
+CREATE TABLE IF NOT EXISTS points (session INTEGER, second INTEGER, kind TEXT, name TEXT, count INTEGER NOT NULL,
+  PRIMARY KEY (session, second, kind, name)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS names (session INTEGER, kind TEXT, name TEXT, count INTEGER NOT NULL,
+  PRIMARY KEY (session, kind, name)) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS names_in_any_case ON names (lower(name)) WHERE session = 0;
+CREATE TABLE IF NOT EXISTS counters (session INTEGER, what TEXT, item TEXT, count INTEGER NOT NULL,
+  PRIMARY KEY (session, what, item)) WITHOUT ROWID;
+
+CREATE TABLE IF NOT EXISTS attributes (key INTEGER PRIMARY KEY, session INTEGER NOT NULL, kind TEXT NOT NULL,
+  name TEXT NOT NULL, attribute TEXT NOT NULL, types INTEGER NOT NULL, distinct_values INTEGER NOT NULL);
+CREATE UNIQUE INDEX IF NOT EXISTS attributes_by_name ON attributes (session, name, kind, attribute);
+CREATE TABLE IF NOT EXISTS attribute_values (attribute INTEGER, value TEXT, count INTEGER NOT NULL,
+  PRIMARY KEY (attribute, value)) WITHOUT ROWID;
+
+CREATE TABLE IF NOT EXISTS problems (id INTEGER PRIMARY KEY, session INTEGER NOT NULL, kind TEXT NOT NULL,
+  message TEXT NOT NULL, value TEXT NOT NULL, event INTEGER, chunk INTEGER, time INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS problems_by_session ON problems (session);
+CREATE INDEX IF NOT EXISTS problems_by_kind ON problems (kind);
+CREATE INDEX IF NOT EXISTS missing_chunks ON problems (session, chunk) WHERE kind = 'missing-chunk';
+
+CREATE TABLE IF NOT EXISTS users (key INTEGER PRIMARY KEY, application TEXT NOT NULL, id TEXT NOT NULL,
+  attributes TEXT NOT NULL, received INTEGER NOT NULL);
+CREATE UNIQUE INDEX IF NOT EXISTS users_by_id ON users (id, application);
+CREATE INDEX IF NOT EXISTS users_by_arrival ON users (received);
+CREATE TABLE IF NOT EXISTS user_history (id INTEGER PRIMARY KEY, user INTEGER NOT NULL, received INTEGER NOT NULL,
+  attributes TEXT NOT NULL, changed TEXT NOT NULL);
+CREATE INDEX IF NOT EXISTS history_by_user ON user_history (user);
+
+CREATE TABLE IF NOT EXISTS documents (name TEXT PRIMARY KEY, body TEXT NOT NULL) WITHOUT ROWID;
+)sql";
+
+/// Forgets what arrived; the documents stay, and sequence numbers go on.
+inline constexpr const char* kForgetArrivals = R"sql(
+DELETE FROM requests; DELETE FROM chunks; DELETE FROM sessions; DELETE FROM events; DELETE FROM points;
+DELETE FROM names; DELETE FROM counters; DELETE FROM attributes; DELETE FROM attribute_values; DELETE FROM problems;
+DELETE FROM users; DELETE FROM user_history;
+)sql";
+
+}  // namespace kelvo::collector

@@ -1,0 +1,81 @@
+// What the page asks of the collector, and the stream of what happens there.
+
+/** An answer that is no success: `errors` lists what is wrong with a document. */
+export class Refusal extends Error {
+  constructor(message, status, errors) {
+    super(message);
+    this.status = status;
+    this.errors = errors;
+  }
+}
+
+/** Keeps whole numbers that a double cannot hold, as BigInt, where the browser tells their text. */
+function exact(key, value, context) {
+  if (typeof value !== "number" || Number.isSafeInteger(value) || !/^-?\d+$/.test(context?.source ?? "")) return value;
+  return BigInt(context.source);
+}
+
+async function ask(method, path, parameters, body) {
+  const query = new URLSearchParams();
+  for (const [name, value] of Object.entries(parameters ?? {})) {
+    if (value !== null && value !== undefined && value !== "") query.set(name, value);
+  }
+  const address = `${query}` === "" ? path : `${path}?${query}`;
+  const options = { method, cache: "no-store" };
+  if (body !== undefined) {
+    options.body = body;
+    options.headers = { "Content-Type": "application/json" };
+  }
+  let answer;
+  try {
+    answer = await fetch(address, options);
+  } catch {
+    throw new Refusal("The collector does not answer.", 0);
+  }
+  const text = await answer.text();
+  let json = {};
+  try {
+    json = JSON.parse(text, exact);
+  } catch {
+    if (answer.ok) throw new Refusal(`${path} answered no JSON.`, answer.status);
+  }
+  if (!answer.ok) throw new Refusal(json.error ?? `${path} answered ${answer.status}.`, answer.status, json.errors);
+  return json;
+}
+
+export const get = (path, parameters) => ask("GET", path, parameters);
+/** `body` is JSON text. */
+export const put = (path, parameters, body) => ask("PUT", path, parameters, body);
+export const post = (path) => ask("POST", path);
+export const remove = (path) => ask("DELETE", path);
+
+/**
+ * Follows the collector's event stream: `onEvent(type, data)` for each, and the type "resync" whenever the stream
+ * begins anew, since something may have been missed. A page that nobody sees follows nothing: a browser keeps few
+ * connections to one host, and forgotten tabs would use them up.
+ */
+export function followStream(onEvent, onState) {
+  let source = null;
+  const open = () => {
+    source = new EventSource("/debug/stream");
+    source.addEventListener("open", () => {
+      onState("live");
+      onEvent("resync", {});
+    });
+    source.addEventListener("error", () => {
+      onState("waiting");
+      // A browser gives up for good after an answer that is no stream.
+      if (source.readyState === EventSource.CLOSED) setTimeout(turn, 2000);
+    });
+    for (const type of ["chunk", "session", "service", "reset"]) {
+      source.addEventListener(type, (event) => onEvent(type, JSON.parse(event.data || "{}", exact)));
+    }
+  };
+  const turn = () => {
+    source?.close();
+    source = null;
+    if (!document.hidden) open();
+  };
+  document.addEventListener("visibilitychange", turn);
+  turn();
+}

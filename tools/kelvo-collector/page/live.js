@@ -1,0 +1,187 @@
+// The live view: the chosen session's facts, its timeline, and its events, kept up to date by the stream.
+
+import { get } from "./api.js";
+import { byId, coalesced, h, reconcile } from "./dom.js";
+import { EventList } from "./events.js";
+import { clock, count, duration, shown } from "./format.js";
+import { icon, labelOf, sortedKinds } from "./kinds.js";
+import { SessionList, flagsOf, versionOf } from "./sessions.js";
+import { Timeline } from "./timeline.js";
+
+export class LiveView {
+  #id = null;
+  #anew = true; // the next timeline is another session's
+  #kind = "";
+
+  constructor(onError) {
+    this.sessions = new SessionList((row, byHand) => this.#chosen(row, byHand));
+    this.events = new EventList(onError);
+    this.timeline = new Timeline(byId("plot"), byId("readout"), (kind, name) => {
+      this.#filterKind(kind);
+      this.events.filter({ name });
+    });
+    this.follow = byId("follow");
+    this.follow.addEventListener("change", () => this.#chooseNewest());
+    this.reload = coalesced(() => this.#reload(), onError);
+    this.refreshTimeline = coalesced(() => this.#loadTimeline(), onError, 250);
+    this.refreshHead = coalesced(() => this.#loadHead(), onError, 250);
+    byId("zoom-in").addEventListener("click", () => this.timeline.zoom(0.5));
+    byId("zoom-out").addEventListener("click", () => this.timeline.zoom(2));
+    byId("zoom-all").addEventListener("click", () => this.timeline.zoom(0));
+    byId("welcome-command").textContent = `export KELVO_SERVER_BASE_URL=${location.origin}\n./your-application`;
+  }
+
+  onEvent(type, data) {
+    if (type === "session") {
+      this.sessions.put(data).then(() => this.#chooseNewest());
+      if (data.id === this.#id) this.refreshHead();
+    } else if (type === "chunk" && data.session === this.#id) {
+      this.refreshTimeline();
+      this.events.refresh();
+    } else if (type === "resync") {
+      this.reload();
+    } else if (type === "reset") {
+      this.sessions.forget();
+      this.#id = null;
+      this.follow.checked = true;
+      this.reload();
+    }
+  }
+
+  /** The session of a problem, or of the page's address; with an event, that one unfolded. */
+  async open(id, event = null) {
+    this.follow.checked = false;
+    if (!this.sessions.rows().some((row) => row.id === id)) {
+      await this.sessions.put((await get("/debug/session", { id })).session);
+    }
+    this.sessions.choose(id, true);
+    if (event === null) return;
+    this.#filterKind("");
+    byId("event-text").value = "";
+    this.events.filter({ text: "", name: null });
+    this.events.open(event);
+  }
+
+  async #reload() {
+    const id = this.#id;
+    await this.sessions.load();
+    // One chosen by hand may lie far down, beyond the first page.
+    if (id && !this.sessions.chosen) {
+      try {
+        await this.sessions.put((await get("/debug/session", { id })).session);
+      } catch {
+        this.sessions.forget();
+        this.#id = null;
+        await this.sessions.load();
+      }
+    }
+    this.#chooseNewest();
+    if (id && id === this.#id) {
+      this.refreshHead();
+      this.refreshTimeline();
+      this.events.refresh();
+    }
+  }
+
+  #chooseNewest() {
+    const newest = this.sessions.rows()[0];
+    if (newest && (this.follow.checked || !this.sessions.chosen)) this.sessions.choose(newest.id);
+    byId("welcome").hidden = Boolean(newest);
+    byId("chosen").hidden = !newest;
+  }
+
+  #chosen(row, byHand) {
+    if (byHand) {
+      this.follow.checked = false;
+      history.replaceState(null, "", `#live/${encodeURIComponent(row.id)}`);
+    }
+    this.#id = row.id;
+    this.#anew = true;
+    byId("chosen").hidden = false;
+    byId("session-head").replaceChildren(...headOf(row));
+    this.events.show(row.id);
+    this.#filterKind("");
+    this.refreshHead();
+    this.refreshTimeline();
+  }
+
+  async #loadHead() {
+    const id = this.#id;
+    const told = await get("/debug/session", { id });
+    if (id !== this.#id) return;
+    const head = byId("session-head");
+    const open = head.querySelector("details")?.open;
+    head.replaceChildren(...headOf(told.session, told));
+    if (open) head.querySelector("details").open = true;
+  }
+
+  async #loadTimeline() {
+    const id = this.#id;
+    const [data, all] = await Promise.all([get("/debug/timeline", { session: id }), get("/debug/counts")]);
+    if (id !== this.#id) return;
+    this.timeline.show(data, this.#anew);
+    this.#anew = false;
+    // Not every kind has marks; how often it came is only known where all marks are there.
+    const totals = new Map(Object.keys(all.byKind).map((kind) => [kind, null]));
+    if (!data.sampled) {
+      for (const point of data.points) totals.set(point.kind, (totals.get(point.kind) ?? 0) + point.count);
+      if (data.screens.length > 0) totals.set("navigation", data.screens.length);
+    }
+    this.#legend(totals);
+  }
+
+  #legend(totals) {
+    const host = byId("kinds");
+    reconcile(host, ["", ...sortedKinds(totals.keys())], (kind) => kind, (kind) => {
+      const label = kind === "" ? "All" : [icon(kind), labelOf(kind), h("span", { class: "number" })];
+      const chosen = String(kind === this.#kind);
+      const choose = () => this.#filterKind(kind);
+      const attributes = { "aria-pressed": chosen, "data-kind": kind, click: choose };
+      return h("button", { type: "button", class: "chip", ...attributes }, label);
+    });
+    for (const number of host.querySelectorAll(".number")) {
+      const total = totals.get(number.parentElement.itemKey);
+      number.textContent = total === null ? "" : count(total);
+    }
+  }
+
+  /** One choice for the plot and the list. */
+  #filterKind(kind) {
+    this.#kind = kind;
+    for (const button of byId("kinds").children) {
+      button.setAttribute("aria-pressed", String(button.dataset.kind === kind));
+    }
+    this.timeline.emphasise(kind);
+    this.events.filter({ kind });
+  }
+}
+
+function headOf(row, told = null) {
+  const fact = (name, value) => h("div", {}, h("dt", {}, name), h("dd", {}, value || "–"));
+  return [
+    h("div", { class: "title" },
+      h("h2", {}, row.app_name || row.application, " ", versionOf(row)),
+      flagsOf(row)),
+    h("dl", { class: "facts" },
+      fact("Launched", `${clock(row.launch_time)}, ${row.launch_type || "–"}`),
+      fact("Duration", duration(row.duration)),
+      fact("Device", [row.hardware_model, row.os_version].filter(Boolean).join(" · ")),
+      fact("Chunks", count(row.chunks)),
+      fact("Events", count(row.events)),
+      fact("Last received", clock(row.last_received)),
+      fact("Session", h("code", {}, row.id))),
+    told ? recordsOf(told) : null,
+  ].filter(Boolean);
+}
+
+/** What came beside the events: the records as they were last received. */
+function recordsOf(told) {
+  const parts = { Session: told.record, User: told.user, Device: told.device, Application: told.app, SDK: told.sdk };
+  return h("details", {},
+    h("summary", {}, "Session, user, device, application and SDK records"),
+    h("div", { class: "records" }, Object.entries(parts).map(([name, record]) =>
+      h("div", {}, h("h4", {}, name),
+        h("dl", { class: "attributes" }, Object.entries(record ?? {}).map(([key, value]) => [
+          h("dt", {}, key), h("dd", {}, h("span", { class: "value" }, shown(value))),
+        ]))))));
+}

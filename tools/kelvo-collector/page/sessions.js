@@ -1,0 +1,162 @@
+// The list of sessions, newest first, with a mark for what arrived since a session was last looked at.
+
+import { get } from "./api.js";
+import { byId, h, reconcile } from "./dom.js";
+import { clock, count, duration, plural } from "./format.js";
+
+const PAGE = 50;
+const MOST = 500;
+
+/** One listbox; the focus stays on the list, which names the chosen option. */
+export class SessionList {
+  #rows = new Map(); // id -> the row as last told
+  #seen = new Map(); // id -> how many events were there when it was last shown
+  #optionIds = new Map();
+  #next = null;
+  #chosen = null;
+
+  /** `onChoose(row, byHand)` when another session is chosen. */
+  constructor(onChoose) {
+    this.onChoose = onChoose;
+    this.list = byId("sessions");
+    this.older = byId("older-sessions");
+    this.list.addEventListener("keydown", (event) => this.#key(event));
+    this.older.addEventListener("click", () => this.#loadMore());
+  }
+
+  get chosen() {
+    return this.#rows.get(this.#chosen) ?? null;
+  }
+
+  get size() {
+    return this.#rows.size;
+  }
+
+  /** Newest first. */
+  rows() {
+    return [...this.#rows.values()].sort((a, b) => b.last_received - a.last_received || (a.id < b.id ? 1 : -1));
+  }
+
+  async load() {
+    const page = await get("/debug/sessions", { limit: PAGE });
+    const first = this.#rows.size === 0;
+    this.#rows.clear();
+    for (const row of page.sessions) {
+      this.#rows.set(row.id, row);
+      // What was there before the page opened is not new.
+      if (first && !this.#seen.has(row.id)) this.#seen.set(row.id, row.events);
+    }
+    this.#next = page.next;
+    this.#draw();
+  }
+
+  async #loadMore() {
+    const page = await get("/debug/sessions", { limit: PAGE, before: this.#next });
+    for (const row of page.sessions) {
+      this.#rows.set(row.id, row);
+      if (!this.#seen.has(row.id)) this.#seen.set(row.id, row.events);
+    }
+    this.#next = page.next;
+    this.#draw();
+  }
+
+  /** A row that is new or has changed. */
+  async put(row) {
+    this.#rows.set(row.id, row);
+    if (this.#rows.size > MOST) await this.load();
+    else this.#draw();
+  }
+
+  forget() {
+    this.#rows.clear();
+    this.#seen.clear();
+    this.#optionIds.clear();
+    this.#chosen = null;
+    this.#next = null;
+    this.#draw();
+  }
+
+  choose(id, byHand = false) {
+    const row = this.#rows.get(id);
+    if (!row) return;
+    const same = id === this.#chosen;
+    this.#chosen = id;
+    this.#draw();
+    if (byHand) this.list.querySelector('[aria-selected="true"]')?.scrollIntoView({ block: "nearest" });
+    if (!same) this.onChoose(row, byHand);
+  }
+
+  #key(event) {
+    const rows = this.rows();
+    const at = rows.findIndex((row) => row.id === this.#chosen);
+    const to = { ArrowDown: at + 1, ArrowUp: at - 1, Home: 0, End: rows.length - 1 }[event.key];
+    if (to === undefined || rows.length === 0) return;
+    event.preventDefault();
+    this.choose(rows[Math.min(Math.max(to, 0), rows.length - 1)].id, true);
+  }
+
+  #optionId(id) {
+    if (!this.#optionIds.has(id)) this.#optionIds.set(id, `session-${this.#optionIds.size}`);
+    return this.#optionIds.get(id);
+  }
+
+  #draw() {
+    if (this.chosen) this.#seen.set(this.#chosen, this.chosen.events);
+    reconcile(this.list, this.rows(), (row) => row.id, (row) => this.#option(row));
+    for (const option of this.list.children) this.#update(option, this.#rows.get(option.itemKey));
+    this.older.hidden = this.#next === null || this.#next === undefined;
+    if (this.chosen) this.list.setAttribute("aria-activedescendant", this.#optionId(this.#chosen));
+    else this.list.removeAttribute("aria-activedescendant");
+  }
+
+  #option(row) {
+    const option = h("li", { role: "option", id: this.#optionId(row.id), class: "fresh" });
+    option.addEventListener("click", () => this.choose(row.id, true));
+    return option;
+  }
+
+  #update(option, row) {
+    const unseen = row.events - (this.#seen.get(row.id) ?? 0);
+    option.setAttribute("aria-selected", String(row.id === this.#chosen));
+    const state = JSON.stringify([row, unseen], (key, value) => (typeof value === "bigint" ? String(value) : value));
+    if (option.drawn === state) return;
+    option.drawn = state;
+    option.replaceChildren(
+      h("span", { class: "name" },
+        row.app_name || row.application, " ", versionOf(row)),
+      h("time", { class: "when" }, clock(row.launch_time)),
+      h("span", { class: "machine" }, [row.hardware_model, row.os_version, row.device].filter(Boolean).join(" · ")),
+      h("span", { class: "facts" },
+        h("span", {}, `${plural(row.events, "event")} · ${duration(row.duration)} · ${row.launch_type || "launch"}`),
+        h("span", { class: "flags" }, flagsOf(row),
+          unseen > 0
+            ? h("span", { class: "badge new", title: "Arrived since you last looked" }, `${count(unseen)} new`)
+            : null)),
+    );
+  }
+}
+
+/** Without a bundle an application has no version, but still the brackets of its build. */
+export function versionOf(row) {
+  return row.app_version && row.app_version !== "()" ? h("span", { class: "version" }, row.app_version) : null;
+}
+
+/** First launch, fatal end and problems, as badges. */
+export function flagsOf(row) {
+  return [
+    row.is_first_session ? h("span", { class: "badge" }, "first") : null,
+    row.is_fatal ? h("span", { class: "badge bad" }, "fatal") : null,
+    row.problems > 0 ? h("span", { class: "badge warn" }, plural(row.problems, "problem")) : null,
+  ];
+}
+
+/** Fills a select with the sessions; what was chosen stays chosen. */
+export function fillSessionSelect(select, rows) {
+  const value = select.value;
+  select.replaceChildren(
+    h("option", { value: "" }, "All sessions"),
+    ...rows.map((row) =>
+      h("option", { value: row.id }, `${row.app_name || row.application} · ${clock(row.launch_time)}`)),
+  );
+  select.value = rows.some((row) => row.id === value) ? value : "";
+}

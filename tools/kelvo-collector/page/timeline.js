@@ -1,0 +1,332 @@
+// One session as a plot over the seconds since its launch: chunk boundaries, foreground, screens, and a lane of marks
+// for each kind of event. Sizes are SVG attributes, so a strict policy for styles has nothing to object to.
+
+import { s } from "./dom.js";
+import { count, duration, sinceLaunch } from "./format.js";
+import { glyph, labelOf, sortedKinds } from "./kinds.js";
+
+const AXIS = 22;
+const CHUNKS = 18;
+const ACTIVE = 14;
+const SCREENS = 26;
+const LANE = 22; // of a lane whose marks all have room beside each other
+const LEVEL = 9; // more for each further row of marks
+const MOST_LEVELS = 6;
+const GAP = 5;
+const TINTS = 6;
+const LETTER = 6.4; // width of a letter of a band's name, roughly
+const STEPS = [0.1, 0.2, 0.5, 1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 14400, 43200, 86400];
+const ROOM_FOR_LINES = 24; // more chunk boundaries than one in so many pixels stay in their lane
+const REACH = 14; // how far from a mark the pointer still means it
+
+export class Timeline {
+  #data = null;
+  #kind = "";
+  #range = null; // [from, to] when zoomed
+  #marks = []; // what pointer and arrow keys find: {left, right, y, text, pick}
+  #cursor = -1;
+
+  /** `onPick(kind, name)` when a mark is chosen. */
+  constructor(host, readout, onPick) {
+    this.host = host;
+    this.readout = readout;
+    this.onPick = onPick;
+    new ResizeObserver(() => this.#draw()).observe(host);
+    host.addEventListener("keydown", (event) => this.#key(event));
+    host.addEventListener("pointermove", (event) => this.#hover(event));
+    host.addEventListener("pointerleave", () => this.#show(-1));
+    host.addEventListener("pointerdown", (event) => this.#drag(event));
+  }
+
+  /** Another session begins unzoomed; the same one keeps what is looked at. */
+  show(data, anew) {
+    this.#data = data;
+    if (anew) this.#range = null;
+    this.#draw();
+  }
+
+  emphasise(kind) {
+    this.#kind = kind;
+    this.#draw();
+  }
+
+  /** Zooms by `factor` around the middle; 0 shows the whole session. */
+  zoom(factor) {
+    const [from, to] = this.#span();
+    const half = ((to - from) * factor) / 2;
+    const middle = (from + to) / 2;
+    this.#zoomTo(factor === 0 ? null : [middle - half, middle + half]);
+  }
+
+  #whole() {
+    const { length, points, screens, chunks } = this.#data;
+    const times = [0, 1, length ?? 0, ...points.map((p) => p.time), ...chunks.map((c) => c.time ?? 0),
+      ...screens.flatMap((b) => [b.start, b.start + b.duration])];
+    return [times.reduce((a, b) => Math.min(a, b)), times.reduce((a, b) => Math.max(a, b))];
+  }
+
+  #span() {
+    return this.#range ?? this.#whole();
+  }
+
+  #zoomTo(range) {
+    const [first, last] = this.#whole();
+    const [from, to] = range ? [Math.max(first, range[0]), Math.min(last, range[1])] : [first, last];
+    if (to - from < 0.2) return;
+    this.#range = from === first && to === last ? null : [from, to];
+    this.#draw();
+  }
+
+  #draw() {
+    const width = this.host.clientWidth;
+    if (!this.#data || width === 0) return;
+    const kinds = sortedKinds(new Set(this.#data.points.map((point) => point.kind)));
+    const left = width < 560 ? 4 : 88;
+    const right = width - 10;
+    const [from, to] = this.#span();
+    const x = (time) => left + ((time - from) / (to - from)) * (right - left);
+    this.frame = { left, right, x, from, to, labels: left > 10 };
+    const lanes = this.#lanes(kinds);
+    const height = lanes.reduce((sum, lane) => sum + lane.height, this.#top("points")) + 4;
+    this.frame.height = height;
+    this.#marks = [];
+    this.#cursor = -1;
+
+    const parts = [...this.#axis(), ...this.#chunks(), ...this.#active(), ...this.#screens(), ...this.#points(lanes)];
+    this.crosshair = s("path", { class: "crosshair", d: "M0 0", visibility: "hidden" });
+    this.selection = s("rect", { class: "selection", y: AXIS, height: height - AXIS, visibility: "hidden" });
+    const frame = { width, height, viewBox: `0 0 ${width} ${height}` };
+    this.svg = s("svg", { ...frame, role: "img", "aria-label": this.#summary() },
+      this.#laneNames(lanes), parts, this.crosshair, this.selection);
+    this.host.replaceChildren(this.svg);
+    this.#marks.sort((a, b) => a.left - b.left);
+    this.#show(-1);
+  }
+
+  #summary() {
+    const { screens, points, chunks } = this.#data;
+    const marks = `${points.length} marks of events`;
+    return `${screens.length} screens, ${marks}, ${chunks.length} chunks in ${duration(this.#whole()[1])}`;
+  }
+
+  #visible(timed) {
+    const { from, to } = this.frame;
+    return timed.filter(({ time }) => time >= from && time <= to);
+  }
+
+  /** Where a stretch of time lies as far as it is visible; null when it is not. */
+  #stretch(start, end) {
+    const { left, right, x } = this.frame;
+    if (x(end) < left || x(start) > right) return null;
+    const from = Math.max(x(start), left);
+    return [from, Math.max(from + 2, Math.min(x(end), right))];
+  }
+
+  #top(lane) {
+    const tops = { chunks: AXIS, active: AXIS + CHUNKS + GAP };
+    tops.screens = tops.active + ACTIVE + GAP;
+    tops.points = tops.screens + SCREENS + GAP;
+    return tops[lane];
+  }
+
+  /** Where the marks of each kind go: those that would cover each other stack up, as far as a lane may grow. */
+  #lanes(kinds) {
+    const { x } = this.frame;
+    let top = this.#top("points");
+    return kinds.map((kind) => {
+      const ends = []; // how far each level is taken
+      const placed = this.#visible(this.#data.points).filter((point) => point.kind === kind)
+        .sort((a, b) => a.time - b.time).map((point) => {
+          const radius = Math.min(8, 3.6 + Math.log2(Math.max(1, point.count)) / 2);
+          const at = x(point.time);
+          let level = ends.findIndex((end) => at - radius >= end);
+          if (level < 0) level = Math.min(ends.length, MOST_LEVELS - 1);
+          ends[level] = at + radius + 0.5;
+          return { point, at, radius, level };
+        });
+      const lane = { kind, top, placed, height: LANE + LEVEL * Math.max(0, ends.length - 1) };
+      top += lane.height;
+      return lane;
+    });
+  }
+
+  #laneNames(lanes) {
+    if (!this.frame.labels) return [];
+    const name = (text, y) => s("text", { class: "lane-name", x: this.frame.left - 12, y, "text-anchor": "end" }, text);
+    return [
+      name("Chunks", this.#top("chunks") + 12),
+      name("Foreground", this.#top("active") + 11),
+      name("Screens", this.#top("screens") + 17),
+      ...lanes.map((lane) => name(labelOf(lane.kind), lane.top + lane.height - 7)),
+    ];
+  }
+
+  #axis() {
+    const { left, right, height, x, from, to } = this.frame;
+    const room = Math.max(1, Math.floor((right - left) / 74));
+    const least = (to - from) / room;
+    const step = STEPS.find((candidate) => candidate >= least) ?? Math.ceil(least / 86400) * 86400;
+    const parts = [];
+    for (let i = Math.ceil(from / step - 1e-9); i * step <= to + 1e-9; i += 1) {
+      const at = x(i * step).toFixed(1);
+      const anchor = at - left < 20 ? "start" : right - at < 20 ? "end" : "middle";
+      parts.push(s("path", { class: "tick", d: `M${at} ${AXIS - 4}V${height}` }));
+      parts.push(s("text", { class: "tick-name", x: at, y: 12, "text-anchor": anchor }, sinceLaunch(i * step)));
+    }
+    return parts;
+  }
+
+  #active() {
+    const { left, right } = this.frame;
+    const y = this.#top("active");
+    const bar = ([start, end], attributes) =>
+      s("rect", { x: start.toFixed(1), y, width: (end - start).toFixed(1), height: ACTIVE, rx: 3, ...attributes });
+    const parts = [bar([left, right], { class: "background" })];
+    for (const period of this.#data.active) {
+      const end = period.end ?? this.#whole()[1];
+      const stretch = this.#stretch(period.start, end);
+      if (!stretch) continue;
+      parts.push(bar(stretch, { class: "foreground", "data-start": period.start, "data-end": end }));
+      const still = period.end === null ? ", and still" : "";
+      this.#marks.push({
+        left: stretch[0], right: stretch[1], y: y + ACTIVE / 2, band: ACTIVE / 2,
+        text: `In the foreground from ${sinceLaunch(period.start)} to ${sinceLaunch(end)}${still}`,
+      });
+    }
+    return parts;
+  }
+
+  #screens() {
+    const y = this.#top("screens");
+    const tints = new Map();
+    return this.#data.screens.map((screen) => {
+      if (!tints.has(screen.name)) tints.set(screen.name, tints.size % TINTS);
+      const stretch = this.#stretch(screen.start, screen.start + screen.duration);
+      if (!stretch) return null;
+      const [start, end] = stretch;
+      const letters = Math.floor((end - start - 12) / LETTER);
+      const cut = letters > 2 ? `${screen.name.slice(0, letters - 1)}…` : "";
+      const name = screen.name.length <= letters ? screen.name : cut;
+      this.#marks.push({
+        left: start, right: end, y: y + SCREENS / 2, band: SCREENS / 2, pick: ["navigation", screen.name],
+        text: `Screen ${screen.name}, ${duration(screen.duration)} from ${sinceLaunch(screen.start)}`,
+      });
+      return s("g", { class: `screen tint-${tints.get(screen.name)}` },
+        s("rect", { x: start.toFixed(1), y, width: (end - start).toFixed(1), height: SCREENS, rx: 3,
+          "data-name": screen.name, "data-start": screen.start, "data-duration": screen.duration }),
+        name && s("text", { x: (start + 6).toFixed(1), y: y + 17 }, name));
+    });
+  }
+
+  #points(lanes) {
+    return lanes.flatMap(({ kind, top, height, placed }) => placed.map(({ point, at, radius, level }) => {
+      const y = top + height - LANE / 2 - level * LEVEL;
+      const times = point.count > 1 ? ` × ${count(point.count)}` : "";
+      this.#marks.push({
+        left: at, right: at, y, pick: [kind, point.name],
+        text: `${sinceLaunch(point.time)} ${labelOf(kind)}: ${point.name || "(no name)"}${times}`,
+      });
+      return glyph(kind, at, y, radius, {
+        "data-kind": kind, "data-name": point.name, "data-time": point.time, "data-count": point.count,
+        opacity: this.#kind && this.#kind !== kind ? 0.2 : null,
+      });
+    }));
+  }
+
+  #chunks() {
+    const { left, right, x, height } = this.frame;
+    const top = this.#top("chunks");
+    const chunks = this.#visible(this.#data.chunks).sort((a, b) => a.time - b.time);
+    const dense = chunks.length > (right - left) / ROOM_FOR_LINES;
+    const [begin, end] = dense ? [top + CHUNKS - 4, top + CHUNKS + 2] : [top, height];
+    let free = left;
+    return chunks.map((chunk) => {
+      const at = x(chunk.time);
+      const label = `#${chunk.number}`;
+      const named = at - label.length * LETTER - (dense ? 24 : 8) > free;
+      if (named) free = at;
+      this.#marks.push({
+        left: at, right: at, y: top + CHUNKS / 2,
+        text: `Chunk ${chunk.number} ends at ${sinceLaunch(chunk.time)}`,
+      });
+      return s("g", { class: "chunk", "data-number": chunk.number, "data-time": chunk.time },
+        s("path", { d: `M${at.toFixed(1)} ${begin}V${end}` }),
+        named && s("text", { x: (at - 5).toFixed(1), y: top + 12, "text-anchor": "end" }, label));
+    });
+  }
+
+  #show(index) {
+    this.#cursor = index;
+    const mark = this.#marks[index];
+    this.crosshair?.setAttribute("visibility", mark ? "visible" : "hidden");
+    if (mark) {
+      this.crosshair.setAttribute("d", `M${mark.left.toFixed(1)} ${AXIS - 4}V${this.frame.height}`);
+    }
+    const resting = this.#data?.sampled
+      ? "There is more than a plot can hold: this is a sample from everywhere in the session."
+      : "Drag across the plot to zoom; arrow keys step through it.";
+    this.readout.textContent = mark?.text ?? resting;
+  }
+
+  #nearest(event) {
+    const box = this.svg.getBoundingClientRect();
+    const [px, py] = [event.clientX - box.left, event.clientY - box.top];
+    let best = -1;
+    let least = REACH;
+    this.#marks.forEach((mark, i) => {
+      const dx = Math.max(mark.left - px, 0, px - mark.right);
+      const dy = Math.max(0, Math.abs(mark.y - py) - (mark.band ?? 0));
+      const distance = Math.hypot(dx, dy);
+      if (distance < least) [best, least] = [i, distance];
+    });
+    return best;
+  }
+
+  #hover(event) {
+    if (this.svg && event.buttons === 0) this.#show(this.#nearest(event));
+  }
+
+  #pick(index) {
+    const mark = this.#marks[index];
+    if (mark?.pick) this.onPick(...mark.pick);
+  }
+
+  /** A drag zooms to the stretch that it covers, a click picks what lies there. */
+  #drag(down) {
+    if (!this.svg || down.button !== 0) return;
+    const { left, right, from, to } = this.frame;
+    const box = this.svg.getBoundingClientRect();
+    const within = (event) => Math.min(Math.max(event.clientX - box.left, left), right);
+    const start = within(down);
+    let end = start;
+    const move = (event) => {
+      end = within(event);
+      this.selection.setAttribute("visibility", Math.abs(end - start) > 5 ? "visible" : "hidden");
+      this.selection.setAttribute("x", Math.min(start, end));
+      this.selection.setAttribute("width", Math.abs(end - start));
+    };
+    const over = new AbortController();
+    const up = () => {
+      over.abort();
+      const time = (at) => from + ((at - left) / (right - left)) * (to - from);
+      if (Math.abs(end - start) > 5) this.#zoomTo([time(Math.min(start, end)), time(Math.max(start, end))]);
+      else this.#pick(this.#nearest(down));
+    };
+    window.addEventListener("pointermove", move, { signal: over.signal });
+    window.addEventListener("pointerup", up, { signal: over.signal });
+    window.addEventListener("pointercancel", () => over.abort(), { signal: over.signal });
+  }
+
+  #key(event) {
+    const last = this.#marks.length - 1;
+    const to = {
+      ArrowRight: Math.min(this.#cursor + 1, last), ArrowLeft: Math.max(this.#cursor - 1, 0), Home: 0, End: last,
+    }[event.key];
+    const zoom = { "+": 0.5, "-": 2, 0: 0 }[event.key];
+    if (to !== undefined) this.#show(to);
+    else if (zoom !== undefined) this.zoom(zoom);
+    else if (event.key === "Enter") this.#pick(this.#cursor);
+    else return;
+    event.preventDefault();
+  }
+}

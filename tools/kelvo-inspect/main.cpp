@@ -1,0 +1,110 @@
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kelvo-inspect/Doctor.h"
+#include "kelvo-inspect/Home.h"
+#include "kelvo-inspect/Report.h"
+#include "platform/JSON.h"
+
+namespace kelvo::inspect {
+namespace {
+
+enum ExitStatus { kFine = 0, kFoundProblems = 1, kWrongUsage = 2 };
+
+constexpr const char* kHelp =
+    R"(usage: kelvo-inspect [--json] [HOME]
+       kelvo-inspect --doctor [--program EXECUTABLE] [HOME]
+
+Prints what a home directory holds: sessions, events by kind, chunks, counts,
+files and user defaults; as a table, or with --json as one JSON object. HOME is
+the directory that holds Library and Documents; without it, KELVO_HOME. Nothing
+is changed, and a program may use the home meanwhile.
+
+--doctor looks at what usually goes wrong on a machine, one line each: bundle,
+home, authorities, proxy, the service's answer, clock. --program names the
+executable that links the library, so that its bundle and home are looked at.
+Exit status: 0 fine; 1 something is wrong; 2 wrong usage.
+)";
+
+struct Options {
+  bool json = false;
+  bool doctor = false;
+  std::optional<std::string> program;
+  std::optional<std::string> home;
+};
+
+int refuse(std::string_view reason) {
+  std::fprintf(stderr, "kelvo-inspect: %s; see kelvo-inspect --help\n", std::string(reason).c_str());
+  return kWrongUsage;
+}
+
+int printFindings(const Options& options) {
+  int status = kFine;
+  for (const Finding& finding : examine(options.program, options.home)) {
+    const bool bad = finding.grade == Finding::Grade::bad;
+    if (bad) status = kFoundProblems;
+    const char* mark = bad ? "BAD " : finding.grade == Finding::Grade::good ? "ok  " : "?   ";
+    fmt::print("{}{:<12}{}{}\n", mark, finding.subject, finding.what,
+               finding.advice.empty() ? "" : ". " + finding.advice + ".");
+  }
+  return status;
+}
+
+int printHome(Options options) {
+  if (!options.home) {
+    const char* home = std::getenv("KELVO_HOME");
+    if (home == nullptr || *home == '\0') return refuse("name a home directory, or set KELVO_HOME");
+    options.home = home;
+  }
+  if (!std::filesystem::is_directory(*options.home)) {
+    std::fprintf(stderr, "kelvo-inspect: %s is no directory\n", options.home->c_str());
+    return kFoundProblems;
+  }
+  const auto home = readHome(*options.home);
+  fmt::print("{}{}", options.json ? describingJSONText(home) : report(home), options.json ? "\n" : "");
+  return home["database"].get<Dictionary>()->contains("problem") ? kFoundProblems : kFine;
+}
+
+int run(int count, char** arguments) {
+  Options options;
+  for (int i = 1; i < count; ++i) {
+    const std::string_view argument = arguments[i];
+    if (argument == "--help") {
+      std::fputs(kHelp, stdout);
+      return kFine;
+    }
+    if (argument == "--json") {
+      options.json = true;
+    } else if (argument == "--doctor") {
+      options.doctor = true;
+    } else if (argument == "--program" && i + 1 < count) {
+      options.program = arguments[++i];
+    } else if (argument.substr(0, 1) == "-" || options.home) {
+      return refuse(fmt::format("wrong argument: {}", argument));
+    } else {
+      options.home = argument;
+    }
+  }
+  if (options.doctor && options.json) return refuse("--doctor has no --json");
+  if (!options.doctor && options.program) return refuse("--program is for --doctor");
+  return options.doctor ? printFindings(options) : printHome(std::move(options));
+}
+
+}  // namespace
+}  // namespace kelvo::inspect
+
+int main(int count, char** arguments) {
+  try {
+    return kelvo::inspect::run(count, arguments);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kelvo-inspect: %s\n", error.what());
+    return kelvo::inspect::kFoundProblems;
+  }
+}

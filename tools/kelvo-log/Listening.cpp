@@ -1,0 +1,56 @@
+#include "kelvo-log/Listening.h"
+
+#include <cstdio>
+#include <future>
+#include <memory>
+
+#include "kelvo-log/Delivery.h"
+#include "kelvo/Plugin.h"
+#include "platform/JSON.h"
+#include "records/KLVEventType.h"
+
+namespace kelvo::log {
+namespace {
+
+void printLine(const Dictionary& line) {
+  std::printf("%s\n", describingJSONText(line).c_str());
+  std::fflush(stdout);
+}
+
+class Printer final : public EventListener {
+ public:
+  void onEvent(const Event& event) override {
+    printLine({{"name", event.name},
+               {"type", stringFromType(event.type)},
+               {"time", event.time},
+               {"attributes", event.attributes}});
+  }
+};
+
+const std::shared_ptr<EventListener>& printer() {
+  static const std::shared_ptr<EventListener> instance = std::make_shared<Printer>();
+  return instance;
+}
+
+}  // namespace
+
+bool listenForType(const std::string& type) {
+  const KLVEventType known = typeFromString(type);
+  if (known == KLVEventType::unknown) return false;
+  PluginServices::registerForEventWithType(known, printer());
+  return true;
+}
+
+void listenForIdentifier(const std::string& key) {
+  PluginServices::registerIdentifer(key, printer());
+}
+
+void sync(const std::string& type, const std::string& version, std::chrono::duration<double> limit) {
+  const Deadline deadline = deadlineIn(limit);
+  const auto called = std::make_shared<std::promise<void>>();
+  PluginServices::getSyncDataForActionType(type, version, [called] { called->set_value(); });
+  const bool came = called->get_future().wait_until(deadline) == std::future_status::ready;
+  printLine({{"sync", type}, {"came", came}});
+}
+
+}  // namespace kelvo::log
