@@ -1,0 +1,45 @@
+// Hops from queue to queue, and log lines.
+#include <benchmark/benchmark.h>
+
+#include <latch>
+
+#include "Parts.h"
+#include "platform/DispatchQueue.h"
+
+namespace kelvo::bench {
+namespace {
+
+/// What the one who submits pays, with the queue busy.
+void SubmitTask(benchmark::State& state) {
+  DispatchQueue queue("bench");
+  for (auto _ : state) queue.async([] {});
+  queue.sync([] {});
+}
+BENCHMARK(SubmitTask);
+
+/// There and back: a task that another thread runs, and waiting for it.
+void HopAndBack(benchmark::State& state) {
+  DispatchQueue queue("bench");
+  for (auto _ : state) {
+    std::latch done(1);
+    queue.async([&] { done.count_down(); });
+    done.wait();
+  }
+}
+BENCHMARK(HopAndBack)->UseRealTime();
+
+void SyncOnAnIdleQueue(benchmark::State& state) {
+  DispatchQueue queue("bench");
+  for (auto _ : state) queue.sync([] {});
+}
+BENCHMARK(SyncOnAnIdleQueue);
+
+void FilteredLogLine(benchmark::State& state) {
+  KLVLogger::setLogLevel(3);
+  const Dictionary info = attributes(1);
+  for (auto _ : state) KLV_DEBUG("Saving: {}", info);
+}
+BENCHMARK(FilteredLogLine);
+
+}  // namespace
+}  // namespace kelvo::bench

@@ -1,0 +1,80 @@
+// Events on their way into the database and out of it.
+#include <benchmark/benchmark.h>
+
+#include <future>
+
+#include "Parts.h"
+#include "platform/JSON.h"
+#include "storage/KLVDataHandler.h"
+#include "storage/KLVPersistantStore.h"
+#include "upload/KLVChunkDetails.h"
+
+namespace kelvo::bench {
+namespace {
+
+void waitUntilStored(KLVDataHandler& handler) {
+  std::promise<void> stored;
+  handler.whenStored([&] { stored.set_value(); });
+  stored.get_future().wait();
+}
+
+/// One statement a transaction.
+void InsertOne(benchmark::State& state) {
+  const std::string session = freshSession();
+  KLVPersistantStore store;
+  store.createEventsTableWithTableName("events_" + session);
+  const Dictionary row = event(1)->jsonDict();
+  for (auto _ : state) benchmark::DoNotOptimize(store.insertDataWithTableName("events_" + session, row));
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(InsertOne);
+
+/// As the library does it: the event and its lifetime count, with whatever waits together in one transaction.
+void StoreEvents(benchmark::State& state) {
+  const std::string session = freshSession();
+  KLVDataHandler handler(session);
+  handler.startWithCompletionHandler({});
+  std::size_t number = 0;
+  for (auto _ : state) {
+    for (int i = 0; i < 1000; ++i) {
+      const auto one = event(number++);
+      handler.saveEventInfo(one, session);
+      handler.upsertLifetimeEvent(one);
+    }
+    waitUntilStored(handler);
+  }
+  state.SetItemsProcessed(state.iterations() * 1000);
+}
+BENCHMARK(StoreEvents)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+/// A chunk's events read and translated, and its JSON.
+void BuildChunk(benchmark::State& state) {
+  const std::string session = freshSession();
+  const auto count = static_cast<std::size_t>(state.range(0));
+  KLVDataHandler handler(session);
+  handler.startWithCompletionHandler({});
+  for (std::size_t i = 0; i < count; ++i) handler.saveEventInfo(event(i), session);
+  waitUntilStored(handler);
+  for (auto _ : state) {
+    KLVChunkDetails details;
+    for (std::size_t first = 1; first <= count; first += 1000) {
+      details.addEvents(handler.getEventsBetween(first, first + 999, session, std::nullopt));
+    }
+    benchmark::DoNotOptimize(jsonText(details.constructChunkDetails({}, {}, {}, {})));
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BuildChunk)->Arg(100)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+void CountEvents(benchmark::State& state) {
+  const std::string session = freshSession();
+  KLVDataHandler handler(session);
+  handler.startWithCompletionHandler({});
+  for (std::size_t i = 0; i < static_cast<std::size_t>(state.range(0)); ++i) handler.saveEventInfo(event(i), session);
+  waitUntilStored(handler);
+  for (auto _ : state) benchmark::DoNotOptimize(handler.numberOfEventsWithIdentifier(session));
+}
+BENCHMARK(CountEvents)->Arg(1000)->Arg(100000);
+
+}  // namespace
+}  // namespace kelvo::bench
