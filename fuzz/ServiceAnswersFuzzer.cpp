@@ -1,0 +1,172 @@
+// What the service answers: JSON of any content, the configuration above all, the lists that classify events and the
+// actions of plug-ins, and the addresses that it redirects to.
+
+#include <filesystem>
+
+#include "Fuzzing.h"
+#include "events/KLVEventHandler.h"
+#include "network/HTTPURL.h"
+#include "network/KLVConfigManager.h"
+#include "network/KLVSyncManager.h"
+#include "platform/Directories.h"
+#include "platform/UserDefaults.h"
+#include "records/KLVEvents.h"
+#include "records/KLVFileNames.h"
+#include "util/KLVUtilities.h"
+
+namespace kelvo::fuzz {
+namespace {
+
+/// A service that gives one answer to everything.
+class Service final : public KLVConfigManagerDelegate {
+ public:
+  std::string applicationIdentifier() override { return "fuzz"; }
+  void setAndSaveEnableSDKState(bool) override { ++decisions; }
+  void getDataFromURLPath(const std::optional<std::string>&, HTTPCompletion completion) override {
+    completion(answer, HTTPResponse{200, "http://127.0.0.1/"}, std::nullopt);
+  }
+
+  std::string answer;
+  int decisions = 0;
+};
+
+void readConfiguration(std::string answer) {
+  Service service;
+  KLVConfigManager manager(service);
+  service.answer = std::move(answer);
+  bool saved = false;
+  manager.getAndSaveLatestConfigurationWithCompletionHandler([&] { saved = true; });
+  const KLVConfigManager next(service);
+  require(next.configDetails().has_value(), "the next start has a configuration");
+  require(service.decisions == 2, "each start learns whether it is enabled");
+  if (saved) require(KLVConfigManager::isValidSDKConfiguration(*next.configDetails()), "what is saved is usable");
+}
+
+/// The members of `value` that stand for a device and a service: "hash", "pid_mid" and "configs" are what the service
+/// answers to everything, "disk" and "record" what the device holds before.
+class Device final : public KLVSyncManagerDelegate {
+ public:
+  explicit Device(const Dictionary& world) : answer_(*jsonText(world)) {
+    if (const auto* kept = world["record"].get<Dictionary>()) record = *kept;
+    const auto* disk = world["disk"].get<Dictionary>();
+    std::filesystem::remove(Directories::inLibrary(kKLVSDKRTAConfigLocation));
+    if (disk != nullptr) KLVUtilities::saveConfig(jsonText(*disk), std::string(kKLVSDKRTAConfigLocation));
+  }
+  std::string applicationIdentifier() override { return "fuzz"; }
+  std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return nullptr; }
+  std::optional<Dictionary> getPIDMIDDictForType(const std::string&) override { return record; }
+  void persistPIDMIDDict(const std::optional<Dictionary>& kept, const std::string&) override {
+    if (KLVUtilities::isValidDictionary(kept)) record = *kept;
+  }
+  void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
+    if (path->find("/validate?") == std::string::npos) ++fetches;
+    completion(answer_, HTTPResponse{200, "http://127.0.0.1/"}, std::nullopt);
+  }
+
+  std::optional<Dictionary> record;
+  int fetches = 0;
+
+ private:
+  std::string answer_;
+};
+
+void syncActions(const Dictionary& world) {
+  UserDefaults::standard().remove("klv_rta_hash");
+  Device device(world);
+  KLVSyncManager manager(device);
+  const auto calledBack = [&] {
+    int times = 0;
+    manager.getSyncDataForActionType("rta", "1", [&] { ++times; });
+    require(times <= 1, "a sync calls back once");
+    return times == 1;
+  };
+  const auto* announced = world["pid_mid"].get<std::string>();
+  const bool canBoot = world["hash"].get<std::string>() != nullptr && announced != nullptr && !announced->empty();
+  require(calledBack() == canBoot, "a plug-in boots when the service names a hash and campaigns");
+  if (!canBoot) return;
+  const Dictionary server = KLVUtilities::getPIDMIDDictFromString(*announced);
+  const Dictionary saved = KLVSyncManager::savedConfig("rta");
+  const auto* configs = world["configs"].get<Array>();
+  const auto fresh = configs != nullptr ? KLVUtilities::iDKeyDictionaryForConfigs(*configs) : std::nullopt;
+  if (device.fetches > 0 && configs != nullptr) {
+    require(device.record == server, "the record is what the service announced");
+    for (const auto& [id, action] : fresh.value_or(Dictionary())) require(saved[id] == action, "what came is saved");
+    require(calledBack() && device.fetches == 1, "a set that is in step is not fetched again");
+  }
+  for (const std::string& pid : KLVUtilities::getAllPIDsInConfig(saved)) {
+    require(KLVUtilities::doesConfig(saved, pid), "a campaign of the file is found in it");
+    require(!KLVUtilities::doesConfig(KLVUtilities::dictionaryByRemovingEntryWithPID(pid, saved), pid),
+            "a campaign that is dropped is gone");
+    const bool isNew = fresh && KLVUtilities::doesConfig(*fresh, pid);
+    const auto* before = world["record"].get<Dictionary>();
+    const bool wasKnown = before != nullptr && before->contains(pid);
+    require(isNew || !wasKnown || server.contains(pid), "nothing is kept of a campaign that was withdrawn");
+  }
+}
+
+class Unheard final : public KLVEventHandlerDelegate {
+  void processAggregateEventWithEvent(const std::shared_ptr<KLVEvent>&) override {}
+  void saveEvent(const std::shared_ptr<KLVEvent>&) override {}
+  void saveLifetimeEvent(const std::shared_ptr<KLVEvent>&) override {}
+};
+
+/// Events of the names in the lists are what the first list with their name says.
+void classify(const Dictionary& events) {
+  Unheard delegate;
+  KLVEventHandler bus(delegate);
+  const auto listed = [&](const char* name) {
+    const auto* list = events[name].get<Array>();
+    return list != nullptr ? std::optional(*list) : std::nullopt;
+  };
+  bus.setClientEvents(listed("action"));
+  bus.setAggregateEvents(listed("agg"));
+  bus.setEventsToBeIgnored(listed("stop"));
+  const auto becomes = [&](const Value& name, KLVEventType type) {
+    const auto* text = name.get<std::string>();
+    if (text == nullptr) return;
+    const auto event = std::make_shared<KLVClientEvent>();
+    event->setEventType(KLVEventType::app);
+    event->setIdentifier(*text);
+    bus.enqueueEvent(event);
+    bus.waitUntilDelivered();
+    require(event->eventType() == type || event->eventType() == KLVEventType::client, "a list classifies its names");
+  };
+  for (const Value& name : bus.clientEvents().value_or(Array())) becomes(name, KLVEventType::client);
+  for (const Value& name : bus.aggregateEvents().value_or(Array())) becomes(name, KLVEventType::aggregate);
+}
+
+}  // namespace
+}  // namespace kelvo::fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  std::error_code error;
+  const bool inMemory = std::filesystem::is_directory("/dev/shm", error);
+  std::string home = inMemory ? "/dev/shm/kelvo-fuzz-XXXXXX" : "/tmp/kelvo-fuzz-XXXXXX";
+  if (mkdtemp(home.data()) == nullptr) return 1;
+  setenv("KELVO_HOME", home.c_str(), 1);
+  static std::string remembered = home;
+  std::atexit([] {
+    std::error_code inUse;
+    std::filesystem::remove_all(remembered, inUse);
+  });
+  kelvo::fuzz::beQuiet();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  using namespace kelvo;
+  const std::string text(reinterpret_cast<const char*>(bytes), size);
+  if (const auto value = parseJSON(text)) {
+    fuzz::askEverythingOf(*value);
+    fuzz::requireRoundTrip(*value);
+    fuzz::readConfiguration(text);
+    fuzz::readConfiguration("{\"details\":" + text + "}");
+    if (const auto* members = value->get<Dictionary>()) {
+      fuzz::syncActions(*members);
+      if (const auto* events = (*members)["events"].get<Dictionary>()) fuzz::classify(*events);
+    }
+  }
+  if (const auto url = HTTPURL::parse(text)) static_cast<void>(url->exposesCleartext());
+  static_cast<void>(percentEncoded(text));
+  return 0;
+}
