@@ -55,14 +55,15 @@ bool MainLoopRelay::runFirst() {
 }
 
 bool MainLoopRelay::event(QEvent* event) {
-  if (event->type() != wakeUp()) return QObject::event(event);
-  // Only what waits now: a task that posts itself again must not hold up the application's own events.
-  std::size_t count = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    wakeUpIsPosted_ = false;
-    count = waiting_.size();
+  std::unique_lock lock(mutex_);  // held while the event was made, so its type is looked at no earlier than that
+  if (event->type() != wakeUp()) {
+    lock.unlock();
+    return QObject::event(event);
   }
+  wakeUpIsPosted_ = false;
+  // Only what waits now: a task that posts itself again must not hold up the application's own events.
+  std::size_t count = waiting_.size();
+  lock.unlock();
   while (count-- > 0 && runFirst()) {
   }
   return true;
