@@ -22,8 +22,14 @@ function(kelvo_component name)
   add_library(kelvo_${name} STATIC ${sources})
   target_include_directories(kelvo_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
   target_link_libraries(kelvo_${name} PUBLIC ${ARG_LINKS} PRIVATE kelvo_flags)
-  # A guest is small: a release is built for size, which costs a call next to nothing, and in sections of which the
-  # linker keeps those that are used.
+  # A guest is small: a release is built for size, and in sections of which the linker keeps those that are used.
   target_compile_options(kelvo_${name} PRIVATE
                          "$<$<CONFIG:Release,MinSizeRel>:-Os;-ffunction-sections;-fdata-sections>")
+endfunction()
+
+# kelvo_hot(<file> ...): what runs on the caller's thread in every call. A release builds it for speed, without the
+# inlining that makes it several times the size: a third off a call, for about 12 kB.
+function(kelvo_hot)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS
+                              "$<$<CONFIG:Release>:-O2;$<$<CXX_COMPILER_ID:GNU>:-finline-limit=40>>")
 endfunction()
