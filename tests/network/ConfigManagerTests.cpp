@@ -31,6 +31,10 @@ TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefaultElseIsOff) {
   }
   EXPECT_EQ(log.count("<KLV ERROR> parsing json file "), 1U);
 
+  EXPECT_TRUE(KLVConfigManager::defaultConfig("A").ends_with(
+      "\"max_bg_chunk_send_time\":5,\"max_fg_chunk_send_time\":30,\"service_paths\":{\"chunk_paths\":"
+      "\"/v2/api/A/chunks\",\n\"gzip_chunk_path\":\"/v2/api/gzip-chunks?appId=A\",\n"
+      "\"logs_paths\":\"/v1/api/appsA\",\n}}"));
   std::filesystem::remove(library(kFile));
   Controller unreadable;
   unreadable.identifier = "\"";  // ends a text in the default before its time
