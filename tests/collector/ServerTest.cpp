@@ -50,25 +50,24 @@ class CollectorServer : public testing::Test {
 };
 
 TEST_F(CollectorServer, KeepsAcceptedChunksAndTellsRepeatsFromConflicts) {
-  EXPECT_EQ(postChunk().status, 200);
   std::string again = sampleChunk("[1700000030000]", "[1700000099000]");
   const std::string event = R"({"name": "Open", "time": 1})";
   again.replace(again.find(event), event.size(), R"({"time": 1, "name": "Open"})");
-  EXPECT_EQ(postChunk(again).status, 200);
-  EXPECT_EQ(postChunk(sampleChunk("\"time\": 5", "\"time\": 6")).status, 200);
-  EXPECT_EQ(send("POST", "/v2/api/other/chunks", sampleChunk("Buy", "Sell")).status, 200);
-  ASSERT_TRUE(server.waitForChunks(4));
-  EXPECT_EQ(server.chunks()[0], server.requests("/chunks")[0].json());
-
-  const Dictionary listed = get("/debug/chunks").json();
-  EXPECT_EQ(in(listed, {"chunks", "0", "session"}), Value("1700000000123-D1"));
-  EXPECT_EQ(in(listed, {"chunks", "0", "number"}), Value(3));
-  EXPECT_EQ(in(listed, {"chunks", "0", "events", "app_events"}), Value(2));
-  for (std::size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(in(listed, {"chunks", std::to_string(i), "duplicate"}), Value(i == 1)) << i;
-    EXPECT_EQ(in(listed, {"chunks", std::to_string(i), "conflict"}), Value(i == 2)) << i;
+  for (const std::string& body : {kSampleChunk, again, sampleChunk("\"time\": 5", "\"time\": 6")}) {
+    EXPECT_EQ(postChunk(body).status, 200);
   }
-  EXPECT_EQ(get("/debug/chunks?after=3").json()["chunks"].get<Array>()->size(), 1U);
+  EXPECT_EQ(send("POST", "/v2/api/other/chunks", sampleChunk("Buy", "Sell")).status, 200);
+  EXPECT_EQ(server.chunks().at(0), server.requests("/chunks").at(0).json());
+
+  const Dictionary page = get("/debug/chunks?after=1").json();
+  std::string listed;
+  for (const Value& chunk : *page["chunks"].get<Array>()) {
+    for (const char* member : {"application", "session", "number", "duplicate", "conflict"}) {
+      listed += description(in(chunk, {member})) + " ";
+    }
+  }
+  EXPECT_EQ(listed, "app7 1700000000123-D1 3 1 0 app7 1700000000123-D1 3 0 1 other 1700000000123-D1 3 0 0 ");
+  EXPECT_EQ(in(page, {"chunks", "0", "events", "app_events"}), Value(2));
 }
 
 TEST_F(CollectorServer, AnswersLoopbackNamesAndItsOwnPageAndTellsWhatThereIs) {
@@ -80,13 +79,12 @@ TEST_F(CollectorServer, AnswersLoopbackNamesAndItsOwnPageAndTellsWhatThereIs) {
     const char* text = "";  // of the answer
   } cases[] = {{"-H 'Host: 127.0.0.1:99'", "/debug/counts", 200},
                {"-H 'Host: LocalHost:1'", "/", 200, "Content-Type: text/html"},
-               {"-H 'Host: [::1]:80'", "/", 200},
+               {"-H 'Host: [::1]'", "/", 200},
                {"-H 'Host: 127.0.0.1.evil.example'", "/", 403},
                {"-H 'Host: localhost:x'", "/", 403},
                {"-H 'Host: evil.example'", "/v2/api/a/sdk/enabled-status", 403},
                {"-H 'Host;'", "/", 403},
                {"-H 'Origin: " + own + "'", "/debug/counts", 200},
-               {"-H 'Origin: null'", "/debug/counts", 403},
                {"-H 'Origin: http://127.0.0.1'", "/debug/counts", 403},
                {"-H 'Origin: https" + own.substr(4) + "'", "/debug/stream", 403},
                {"-H 'Origin: http://evil.example'", "/v2/api/a/sdk/enabled-status", 200},
