@@ -45,11 +45,8 @@ class Arrival : public testing::Test {
   [[nodiscard]] std::vector<std::string> names(const Filter& filter) const {
     return rows(events(filter)["events"], {"name"});
   }
-  [[nodiscard]] Dictionary problems() const {
-    return store.read([](Database& d) { return listProblems(d, {}); });
-  }
-  [[nodiscard]] std::vector<std::string> problemTexts() const {
-    return rows(problems()["problems"], {"kind", "value"});
+  [[nodiscard]] std::vector<std::string> problems(const std::vector<std::string>& members = {"kind", "value"}) const {
+    return rows(store.read([](Database& d) { return listProblems(d, {}); })["problems"], members);
   }
   [[nodiscard]] Dictionary allCounts() const {
     return store.read([](Database& d) { return counts(d); });
@@ -81,7 +78,6 @@ TEST_F(Arrival, AChunkBecomesRowsOfEveryKindWithTheExactTextThatArrived) {
     EXPECT_TRUE(expected[i].second == nullptr || (*details)["json"] == Value(expected[i].second)) << shown[i];
   }
   EXPECT_EQ(allCounts()["events"], Value(7));
-  EXPECT_EQ(in(allCounts(), {"byKind", "aggregate"}), Value(4));
 }
 
 TEST_F(Arrival, TheTextOfAnEventIsFoundWhateverStandsAroundIt) {
@@ -93,9 +89,6 @@ TEST_F(Arrival, TheTextOfAnEventIsFoundWhateverStandsAroundIt) {
   EXPECT_EQ(found, (std::vector<std::string>{R"({"name":"}]\"\\", "l":[[],{}]})", "\"two\"", "3", "{}"}));
   EXPECT_TRUE(lists.at("none").empty());
   EXPECT_TRUE(lists.at("no list").empty());
-  for (const char* broken : {"", "{", R"({"chunk_details)", R"({"chunk_details": {"a": [1)", "[}", "nonsense"}) {
-    static_cast<void>(elementsOfChunk(broken));  // ends
-  }
 }
 
 TEST_F(Arrival, ARepeatedChunkCountsOnceAndAggregatesAreTakenForTheWholeSession) {
@@ -119,10 +112,10 @@ TEST_F(Arrival, ARepeatedChunkCountsOnceAndAggregatesAreTakenForTheWholeSession)
   EXPECT_EQ(valuesOf({.name = "Scroll"}), R"([{"value":"up","count":6},{"value":"down","count":2}])");
   EXPECT_EQ(valuesOf({.session = kSession, .name = "Scroll"}),
             R"([{"value":"up","count":5},{"value":"down","count":1}])");
-  EXPECT_EQ(problemTexts(), std::vector<std::string>());
+  EXPECT_EQ(problems(), std::vector<std::string>());
   add({.number = 1});
-  EXPECT_EQ(problemTexts(), std::vector<std::string>{
-                                R"(conflicting-duplicate {"id":"1700000000000-D1_1","first_request":1,"request":5})"});
+  EXPECT_EQ(problems(), std::vector<std::string>{
+                            R"(conflicting-duplicate {"id":"1700000000000-D1_1","first_request":1,"request":5})"});
 }
 
 TEST_F(Arrival, EachFaultIsReportedOnceWithTheOffendingValue) {
@@ -163,17 +156,17 @@ TEST_F(Arrival, EachFaultIsReportedOnceWithTheOffendingValue) {
   for (const auto& c : cases) {
     ASSERT_TRUE(store.reset());
     for (const ChunkOf& chunk : c.chunks) add(chunk);
-    EXPECT_EQ(problemTexts(), c.expected) << c.name;
+    EXPECT_EQ(problems(), c.expected) << c.name;
     EXPECT_EQ(allCounts()["problems"], Value(c.expected.size())) << c.name;
     const Dictionary row = store.read([](Database& d) { return listSessions(d, 0, 50); });
     EXPECT_EQ(in(row, {"sessions", "0", "problems"}), Value(c.expected.size())) << c.name;
   }
-}
-
-TEST_F(Arrival, AHugeGapIsNotListedNumberByNumber) {
+  ASSERT_TRUE(store.reset());
   add({.number = 1'000'000'000});
-  EXPECT_EQ(problemTexts().size(), 100U);
-  EXPECT_EQ(in(problems(), {"problems", "99", "message"}), Value("chunks 100 to 999999999 are missing"));
+  const auto messages = problems({"message"});
+  EXPECT_EQ(messages.size(), 100U);
+  EXPECT_EQ(allCounts()["problems"], Value(100));
+  EXPECT_EQ(messages.back(), "chunks 100 to 999999999 are missing");
 }
 
 TEST_F(Arrival, ListingsPageThroughEverythingAndFilterTogether) {

@@ -9,7 +9,6 @@
 #include <string>
 #include <utility>
 
-#include "kelvo-collector/Server.h"
 #include "platform/JSON.h"
 #include "support/TestHome.h"
 
@@ -118,30 +117,6 @@ inline Value in(const Value& value, std::initializer_list<std::string> path) {
     found = next;
   }
   return found;
-}
-
-/// A collector that listens.
-class ServingCollector : public testing::Test {
- protected:
-  [[nodiscard]] CurlResult get(const std::string& path, const std::string& more = {}) const {
-    return curl(more + " '" + server.baseURL() + path + "'");
-  }
-  [[nodiscard]] CurlResult send(const std::string& method, const std::string& path,
-                                const std::string& body = {}) const {
-    return post(server.baseURL() + path, body, "-X " + method);
-  }
-  [[nodiscard]] CurlResult postChunk(const std::string& body = kSampleChunk, const std::string& more = {}) const {
-    return post(server.baseURL() + "/v2/api/app7/chunks", body, more);
-  }
-
-  collector::Server server;
-  const int port = server.start();
-};
-
-/// The sample with the first occurrence of `from` replaced.
-inline std::string sampleChunk(const std::string& from, const std::string& to) {
-  std::string text = kSampleChunk;
-  return text.replace(text.find(from), from.size(), to);
 }
 
 }  // namespace kelvo::test

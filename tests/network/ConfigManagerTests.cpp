@@ -1,32 +1,15 @@
 #include <filesystem>
 
-#include "network/KLVConfigManager.h"
 #include "network/NetworkTest.h"
-#include "support/TestHome.h"
 
 namespace kelvo::test {
 namespace {
 
 const std::string kFile = "com.kelvo.SDK.config.json";
 
-class Controller final : public KLVConfigManagerDelegate {
- public:
-  std::string applicationIdentifier() override { return identifier; }
-  void setAndSaveEnableSDKState(bool state) override { enabled = state; }
-  void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
-    KLVPostman().getDataFromURLPath(*path, [completion, end = ended.collect()](auto data, auto response, auto error) {
-      completion(data, response, error);
-      end(data, response, error);
-    });
-  }
-  std::string identifier = "APP";
-  std::optional<bool> enabled;
-  Replies ended;
-};
-
 using ConfigManager = NetworkTest;
 
-TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefault) {
+TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefaultElseIsOff) {
   const struct {
     const char* saved;  // empty: nothing
     bool enabled, isDefault;
@@ -47,18 +30,16 @@ TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefault) {
     EXPECT_EQ((*manager.configDetails())["max_chunk_event_count"] == Value(30), isDefault);
   }
   EXPECT_EQ(log.count("<KLV ERROR> parsing json file "), 1U);
-}
 
-TEST_F(ConfigManager, TheDefaultNamesTheApplicationAndIsSwitchedOffWhenItCannotBeRead) {
   EXPECT_TRUE(KLVConfigManager::defaultConfig("A").ends_with(
       "\"max_bg_chunk_send_time\":5,\"max_fg_chunk_send_time\":30,\"service_paths\":{\"chunk_paths\":"
       "\"/v2/api/A/chunks\",\n\"gzip_chunk_path\":\"/v2/api/gzip-chunks?appId=A\",\n"
       "\"logs_paths\":\"/v1/api/appsA\",\n}}"));
-  Controller controller;
-  controller.identifier = "\"";
-  const KLVConfigManager manager(controller);
-  EXPECT_FALSE(manager.configDetails());
-  EXPECT_EQ(controller.enabled, false);
+  std::filesystem::remove(library(kFile));
+  Controller unreadable;
+  unreadable.identifier = "\"";  // ends a text in the default before its time
+  EXPECT_FALSE(KLVConfigManager(unreadable).configDetails());
+  EXPECT_EQ(unreadable.enabled, false);
   EXPECT_EQ(log.count("<KLV ERROR> Error getting configuration: "), 1U);
 }
 
@@ -80,11 +61,10 @@ TEST_F(ConfigManager, SavesAValidDownloadForTheNextStartAndKeepsTheOldFileOtherw
   Controller controller;
   KLVConfigManager manager(controller);
   const auto inForce = manager.configDetails();
-  std::size_t downloads = 0;
   const auto download = [&] {  // whether the manager called back
     bool calledBack = false;
     manager.getAndSaveLatestConfigurationWithCompletionHandler([&] { calledBack = true; });
-    controller.ended.wait(++downloads);
+    waitForTheEnd();
     EXPECT_EQ(manager.configDetails(), inForce);
     return calledBack;
   };

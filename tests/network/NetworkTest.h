@@ -5,20 +5,23 @@
 
 #include <condition_variable>
 #include <cstdlib>
+#include <map>
+#include <thread>
 
 #include "kelvo-collector/Server.h"
+#include "network/HTTPTransfer.h"
+#include "network/KLVConfigManager.h"
 #include "network/KLVPostman.h"
+#include "network/KLVSyncManager.h"
 #include "support/LogCapture.h"
+#include "support/TestHome.h"
+#include "util/KLVUtilities.h"
 
 namespace kelvo::test {
 
 using collector::Script;
 
-struct Reply {
-  std::optional<std::string> data;
-  std::optional<HTTPResponse> response;
-  std::optional<HTTPError> error;
-};
+using Reply = HTTPTransfer::Outcome;
 
 /// Collects the outcomes of requests, and sees to it that they come on the callback queue's threads.
 class Replies {
@@ -52,12 +55,37 @@ class Replies {
   std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
+/// The controller as the managers see it.
+class Controller final : public KLVConfigManagerDelegate, public KLVSyncManagerDelegate {
+ public:
+  std::string applicationIdentifier() override { return identifier; }
+  void setAndSaveEnableSDKState(bool state) override { enabled = state; }
+  std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return device; }
+  std::optional<Dictionary> getPIDMIDDictForType(const std::string& type) override {
+    return records.contains(type) ? std::optional(records[type]) : std::nullopt;
+  }
+  void persistPIDMIDDict(const std::optional<Dictionary>& record, const std::string& type) override {
+    if (KLVUtilities::isValidDictionary(record)) records[type] = *record;
+  }
+  void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
+    KLVPostman().getDataFromURLPath(*path, std::move(completion));
+  }
+  std::string identifier = "APP";
+  std::optional<bool> enabled;
+  const std::shared_ptr<KLVDeviceInfo> device = std::make_shared<KLVDeviceInfo>("");
+  std::map<std::string, Dictionary> records;
+};
+
 /// The service on this machine, as the endpoint of this process.
 class NetworkTest : public testing::Test {
  protected:
   NetworkTest() {
     EXPECT_NE(server.start(), 0);
     setenv("KELVO_SERVER_BASE_URL", server.baseURL().c_str(), 1);
+  }
+  /// Waits until every completion has returned, those of requests that a completion began included.
+  static void waitForTheEnd() {
+    while (KLVPostman::sharedSession().unfinished() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   collector::Server server;
   LogCapture log;
