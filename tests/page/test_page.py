@@ -50,7 +50,7 @@ class PageTest(unittest.TestCase):
         self.program = {"env": {**os.environ, "KELVO_HOME": home, "KELVO_SERVER_BASE_URL": self.url}, "text": True,
                         "args": [KELVO_LOG, "--app-id", "shop"], "stdout": DEVNULL, "stderr": DEVNULL}
         self.browser.get(self.url)
-        # Until the first list of sessions is there: it would take a session away that came while it was on its way.
+        # Until the first list of sessions is there, which says that nothing has come.
         self.until(lambda: self.find("#welcome").is_displayed())
         self.assertEqual("Live", self.find("#connection").text)
 
@@ -115,6 +115,21 @@ class PageTest(unittest.TestCase):
         self.until(lambda: "Refund" in self.texts("#events .name"))
         self.assertEqual([], self.texts("#sessions .new"))
         self.assertTrue(self.script("return window.same"))
+
+    def test_a_session_that_comes_while_the_list_is_on_its_way_stays(self):
+        self.script("""
+            const real = fetch;
+            window.fetch = async (...question) => {
+              const answer = await real(...question);
+              if (question[0].includes("/debug/sessions")) await new Promise((goOn) => { window.goOn = goOn; });
+              return answer;
+            };
+            document.dispatchEvent(new Event("visibilitychange"));  // the stream, and so the list, begin anew""")
+        self.until(lambda: self.script("return Boolean(window.goOn)"))
+        self.post("s", 1, app("One", 1))
+        self.until_events("One")
+        self.browser.execute_async_script("goOn(); setTimeout(arguments[0], 300)")
+        self.assertEqual(1, len(self.texts("#sessions [role=option]")))
 
     def test_the_plot_shows_screens_foreground_events_and_chunks_to_scale(self):
         self.post("s", 1, app("Open", 1), app("Buy", 5), app("Buy", 5), system=[("FOREGROUND", 0), ("BACKGROUND", 20)],

@@ -70,23 +70,24 @@ bool begin(Database& database, const std::string& lastEventId, std::int64_t& seq
 
 }  // namespace
 
-void streamEvents(const Store& store, Bell& bell, Connection& connection, const std::string& lastEventId,
-                  const std::function<bool(const std::string&)>& write) {
-  const Bell::Ear ear(bell);
+EventStream::EventStream(const Store& store, Bell& bell, const std::string& lastEventId)
+    : store_(store), bell_(bell), serviceChanges_(bell.serviceChanges()), resets_(bell.resets()) {
+  anew_ = store.read([&](Database& d) { return begin(d, lastEventId, sequence_); });
+}
+
+void EventStream::serve(Connection& connection, const std::function<bool(const std::string&)>& write) {
+  const Bell::Ear ear(bell_);
   if (!ear.listens()) return;
-  std::uint64_t serviceChanges = bell.serviceChanges(), resets = bell.resets();
-  std::int64_t sequence = 0;
-  const bool anew = store.read([&](Database& d) { return begin(d, lastEventId, sequence); });
-  if (!write(anew ? message("reset", {}) : ": here\n\n")) return;
+  if (!write(anew_ ? message("reset", {}) : ": here\n\n")) return;
 
   for (;;) {
     ear.clear();
     std::string messages;
-    if (const auto now = bell.resets(); now != std::exchange(resets, now)) messages += message("reset", {});
-    if (const auto now = bell.serviceChanges(); now != std::exchange(serviceChanges, now)) {
+    if (const auto now = bell_.resets(); now != std::exchange(resets_, now)) messages += message("reset", {});
+    if (const auto now = bell_.serviceChanges(); now != std::exchange(serviceChanges_, now)) {
       messages += message("service", {});
     }
-    const bool more = store.read([&](Database& d) { return readNews(d, sequence, messages); });
+    const bool more = store_.read([&](Database& d) { return readNews(d, sequence_, messages); });
     if (!messages.empty() && !write(messages)) return;
     if (more) continue;
     if (!messages.empty() && !connection.stay(kPause)) return;

@@ -207,10 +207,10 @@ void Server::Impl::handleDebug(const httplib::Request& request, const Question& 
 }
 
 void Server::Impl::stream(const httplib::Request& request, httplib::Response& response) {
-  const auto lastEventId = request.get_header_value("Last-Event-ID");
-  response.set_chunked_content_provider("text/event-stream", [this, lastEventId](std::size_t, httplib::DataSink& sink) {
-    streamEvents(store, bell, Listener::served(), lastEventId,
-                 [&sink](const std::string& text) { return sink.write(text.data(), text.size()); });
+  // Begins before the answer does: a client that reads everything once it is answered misses nothing in between.
+  EventStream events(store, bell, request.get_header_value("Last-Event-ID"));
+  response.set_chunked_content_provider("text/event-stream", [events](std::size_t, httplib::DataSink& sink) mutable {
+    events.serve(Listener::served(), [&sink](const std::string& text) { return sink.write(text.data(), text.size()); });
     return false;  // the connection ends with it
   });
 }

@@ -14,6 +14,7 @@ export class SessionList {
   #optionIds = new Map();
   #next = null;
   #chosen = null;
+  #told = null; // what is put while the list is on its way, and so newer than it
 
   /** `onChoose(row, byHand)` when another session is chosen. */
   constructor(onChoose) {
@@ -38,14 +39,18 @@ export class SessionList {
   }
 
   async load() {
-    const page = await get("/debug/sessions", { limit: PAGE });
     const first = this.#rows.size === 0;
+    const told = (this.#told = new Map());
+    const page = await get("/debug/sessions", { limit: PAGE });
+    if (told !== this.#told) return; // overtaken by another, or forgotten
+    this.#told = null;
     this.#rows.clear();
     for (const row of page.sessions) {
       this.#rows.set(row.id, row);
       // What was there before the page opened is not new.
       if (first && !this.#seen.has(row.id)) this.#seen.set(row.id, row.events);
     }
+    for (const [id, row] of told) this.#rows.set(id, row);
     this.#next = page.next;
     this.#draw();
   }
@@ -63,6 +68,7 @@ export class SessionList {
   /** A row that is new or has changed. */
   async put(row) {
     this.#rows.set(row.id, row);
+    this.#told?.set(row.id, row);
     if (this.#rows.size > MOST) await this.load();
     else this.#draw();
   }
@@ -73,6 +79,7 @@ export class SessionList {
     this.#optionIds.clear();
     this.#chosen = null;
     this.#next = null;
+    this.#told = null;
     this.#draw();
   }
 
