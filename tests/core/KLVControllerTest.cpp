@@ -48,8 +48,8 @@ TEST_F(Controller, TheRetentionCounterAddsTheWholeDaysAtEveryEvaluation) {
   EXPECT_EQ(daysAfter(0s), 0);
   EXPECT_TRUE(UserDefaults::standard().contains("klv_ret_day"));
   EXPECT_EQ(daysAfter(23h + 59min), 0);
-  EXPECT_EQ(daysAfter(24h + 2min), 2);
-  EXPECT_EQ(daysAfter(0s), 4);
+  EXPECT_EQ(daysAfter(2min), 1);
+  EXPECT_EQ(daysAfter(24h), 3);
 }
 
 TEST_F(Controller, TheTimerCutsAndDoesNotSendAnEmptyChunk) {

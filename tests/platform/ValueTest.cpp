@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <thread>
 
 #include "platform/JSON.h"
 
@@ -124,6 +125,26 @@ TEST(CopyOnWrite, AChangeNeverShowsInAnotherCopy) {
   EXPECT_EQ(*jsonText(first), R"({"a":"text","b":"text","text":"text","self":{"a":"text","b":"text","text":"text"}})");
   first = *first["self"].get<Dictionary>();  // its owner dies in this assignment
   EXPECT_EQ(first.size(), 3U);
+}
+
+TEST(CopyOnWrite, CopiesMayBeUsedOnDifferentThreads) {
+  Dictionary original{{"list", Array{1, "two"}}, {"text", std::string(100, 'x')}};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([copy = original, t] {
+      for (int i = 0; i < 500; ++i) {
+        Dictionary own = copy;
+        Array list = *own["list"].get<Array>();
+        list.append(i);
+        own.set("list", list);
+        own.set("thread", t);
+        ASSERT_EQ(copy.size(), 2U) << "a change showed in the copy it was made from";
+      }
+    });
+  }
+  original.set("text", "changed while others read the old content");
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(original["list"].get<Array>()->size(), 2U);
 }
 
 TEST(Nesting, OfAnyDepthDiesComparesAndDescribesWithoutAStackOverflow) {
