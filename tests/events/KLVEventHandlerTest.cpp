@@ -102,27 +102,26 @@ TEST_F(EventHandler, ForgetsIdentifierListenersButKeepsThoseRegisteredByTypeAlon
 }
 
 TEST(SystemEventsMonitor, TellsTransitionsInTheirOrderWhileItIsStarted) {
-  class Delegate final : public KLVSystemEventsMonitorDelegate {
-   public:
-    void updateChunkEndTime() override { all.emplace_back("end time"); }
-    void dispatchEvent(const std::shared_ptr<KLVEvent>& event) override { all.push_back(event->identifier()); }
-    std::vector<std::string> all;
+  struct Delegate final : KLVSystemEventsMonitorDelegate {
+    void updateChunkEndTime() override { told += "end time, "; }
+    void dispatchEvent(const std::shared_ptr<KLVEvent>& event) override { told += event->identifier() + ", "; }
+    std::string told;
   } delegate;
   KLVSystemEventsMonitor monitor(delegate);
-  auto& center = NotificationCenter::defaultCenter();
-  center.post(kApplicationDidBecomeActive);
+  const auto switchOverAndBack = [] {
+    for (const auto signal : {kApplicationDidBecomeActive, kApplicationWillResignActive}) {
+      NotificationCenter::defaultCenter().post(signal);
+    }
+  };
+  switchOverAndBack();
   monitor.start();
-  for (int i = 0; i < 2; ++i) {
-    center.post(kApplicationDidBecomeActive);
-    center.post(kApplicationWillResignActive);
-  }
+  for (int i = 0; i < 2; ++i) switchOverAndBack();
   monitor.stop();
-  center.post(kApplicationWillResignActive);
+  switchOverAndBack();
   std::promise<void> done;
   monitor.whenDispatched([&] { done.set_value(); });
   done.get_future().wait();
-  EXPECT_EQ(delegate.all,
-            (std::vector<std::string>{"FOREGROUND", "end time", "BACKGROUND", "FOREGROUND", "end time", "BACKGROUND"}));
+  EXPECT_EQ(delegate.told, "FOREGROUND, end time, BACKGROUND, FOREGROUND, end time, BACKGROUND, ");
 }
 
 }  // namespace

@@ -16,7 +16,6 @@
 #include <QTreeWidget>
 #include <QVBoxLayout>
 #include <QtTest/QTest>
-#include <array>
 #include <atomic>
 #include <thread>
 
@@ -351,23 +350,19 @@ TEST(Application, ASecondOneCanBeAttachedOnceTheFirstIsGone) {
 }
 
 TEST_F(Widgets, TheApplicationsLoopIsTheMainQueue) {
-  constexpr std::size_t kThreads = 4;
-  constexpr int kTasks = 500;
-  std::array<int, kThreads> last{};
-  std::vector<std::thread> threads;
-  std::atomic<std::size_t> finished = 0;
-  for (std::size_t thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (int task = 1; task <= kTasks; ++task) {
-        MainQueue::async([&last, thread, task] { EXPECT_EQ(std::exchange(last[thread], task), task - 1); });
-      }
-      MainQueue::sync([] { EXPECT_TRUE(MainQueue::isCurrent()); });
-      ++finished;
-    });
-  }
-  EXPECT_TRUE(QTest::qWaitFor([&] { return finished == kThreads; }, 20000));
-  for (auto& thread : threads) thread.join();
-  for (const int task : last) EXPECT_EQ(task, kTasks);
+  constexpr int kTasks = 2000;
+  int last = 0;
+  std::atomic<bool> finished = false;
+  std::thread elsewhere([&] {
+    for (int task = 1; task <= kTasks; ++task) {
+      MainQueue::async([&last, task] { EXPECT_EQ(std::exchange(last, task), task - 1); });
+    }
+    MainQueue::sync([] { EXPECT_TRUE(MainQueue::isCurrent()); });
+    finished = true;
+  });
+  EXPECT_TRUE(QTest::qWaitFor([&] { return finished.load(); }, 20000));
+  elsewhere.join();
+  EXPECT_EQ(last, kTasks);
 }
 
 TEST(Attributes, CarryWhatQtHolds) {
