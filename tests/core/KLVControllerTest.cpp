@@ -40,18 +40,16 @@ TEST_F(Controller, ALongAbsenceStartsANewSessionOnce) {
 }
 
 TEST_F(Controller, TheRetentionCounterAddsTheWholeDaysAtEveryEvaluation) {
-  auto& defaults = UserDefaults::standard();
-  controller().updateRetentionDayCount();
-  EXPECT_TRUE(defaults.contains("klv_ret_day"));
-  EXPECT_FALSE(defaults.contains("klv_ret_day_count"));
-  Clock::advance(23h + 59min);
-  controller().updateRetentionDayCount();
-  EXPECT_EQ(controller().getRetentionDay(), 0);
-  Clock::advance(24h + 2min);
-  controller().updateRetentionDayCount();
-  EXPECT_EQ(controller().getRetentionDay(), 2);
-  controller().updateRetentionDayCount();
-  EXPECT_EQ(controller().getRetentionDay(), 4);
+  const auto daysAfter = [](Clock::Duration time) {
+    Clock::advance(time);
+    controller().updateRetentionDayCount();
+    return controller().getRetentionDay();
+  };
+  EXPECT_EQ(daysAfter(0s), 0);
+  EXPECT_TRUE(UserDefaults::standard().contains("klv_ret_day"));
+  EXPECT_EQ(daysAfter(23h + 59min), 0);
+  EXPECT_EQ(daysAfter(2min), 1);
+  EXPECT_EQ(daysAfter(24h), 3);
 }
 
 TEST_F(Controller, TheTimerCutsAndDoesNotSendAnEmptyChunk) {
@@ -64,8 +62,6 @@ TEST_F(Controller, TheTimerCutsAndDoesNotSendAnEmptyChunk) {
   EXPECT_TRUE(log.waitFor("<KLV WARN> illegal arguments (end < start)"));
   settle();
   EXPECT_EQ(service.chunks().size(), 1u);
-  ASSERT_TRUE(log.waitFor("Successfully sent chunk - " + *controller().getSessionId() + "_1, responsecode - 200"));
-  EXPECT_TRUE(controller().retrieveChunkMetaInfo().at(0)->additionalInfo()["status"].asBool());
 }
 
 /// A screen whose title is given only once the library has begun to cut a chunk.
@@ -121,21 +117,14 @@ TEST_F(Controller, AMainLoopThatHangsHoldsUpNeitherChunksNorEvents) {
 }
 
 TEST_F(Controller, ForwardsAndRefusesAsEachCallSays) {
-  EXPECT_EQ(controller().getDeviceID(), std::nullopt);
-  EXPECT_EQ(controller().numberOfEventsWithIdentifier("nothing yet"), 0u);
   const auto event = std::make_shared<KLVEvent>(KLVEventType::app);
   controller().saveEvent(event, "some session");
   EXPECT_EQ(log.count("<KLV ERROR> SDK Disabled - ignoring event"), 1u) << "this form is not buffered";
-
   start();
   controller().saveEvent(event, std::nullopt);
-  EXPECT_TRUE(controller().getEventsBetween(1, 5, std::nullopt, KLVEventType::app).empty());
+  EXPECT_EQ(log.count("<KLV WARN> Event/sessionId is nil"), 1u);
   controller().postDataToURL("/v2/api/user", std::nullopt, std::nullopt, {});
-  controller().deleteItemAtPath(std::nullopt);
-  for (const char* line : {"<KLV WARN> Event/sessionId is nil", "<KLV WARN> identifier/eventType is nil",
-                           "<KLV WARN> URL/requestMethod is nil", "<KLV WARN> cannot delete, path is nil"}) {
-    EXPECT_EQ(log.count(line), 1u) << line;
-  }
+  EXPECT_EQ(log.count("<KLV WARN> URL/requestMethod is nil"), 1u);
   settle();
   EXPECT_EQ(controller().getEventsBetween(1, 5, controller().getSessionId(), KLVEventType::app).size(), 1u);
   EXPECT_EQ(controller().getLifetimeCountForEvents({}), std::nullopt);

@@ -1,13 +1,9 @@
-#include <chrono>
 #include <filesystem>
-#include <thread>
 
 #include "road/Road.h"
 
 namespace kelvo::test {
 namespace {
-
-using namespace std::chrono_literals;
 
 class Shop : public Road {
  protected:
@@ -21,15 +17,11 @@ class Shop : public Road {
   /// Until the start is over, whose last event is klv_app_opened, and the application is in the foreground.
   [[nodiscard]] bool waitUntilInForeground() const {
     const std::string database = homeOfLaunches() + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
-    for (const auto end = std::chrono::steady_clock::now() + 20s; std::chrono::steady_clock::now() < end;) {
-      if (std::filesystem::exists(database)) {
-        const auto events = storedEvents();
-        const auto has = [&](const char* id) { return std::count(events.begin(), events.end(), id) > 0; };
-        if (has("klv_app_opened") && has("FOREGROUND")) return true;
-      }
-      std::this_thread::sleep_for(10ms);
-    }
-    return false;
+    return reached([&] {
+      const auto events = std::filesystem::exists(database) ? storedEvents() : std::vector<std::string>();
+      const auto has = [&](const char* id) { return std::count(events.begin(), events.end(), id) > 0; };
+      return has("klv_app_opened") && has("FOREGROUND");
+    });
   }
   /// Every event of `kind` that arrived, in order, each as "name" or as its value under `key`.
   [[nodiscard]] std::vector<std::string> arrived(const char* kind, std::string_view key = "name") const {

@@ -4,7 +4,6 @@
 #include <QCheckBox>
 #include <QDialog>
 #include <QLabel>
-#include <QLineEdit>
 #include <QListWidget>
 #include <QMainWindow>
 #include <QMenu>
@@ -20,7 +19,7 @@
 #include <atomic>
 #include <thread>
 
-#include "adapters/qt/MainLoopRelay.h"
+#include "adapters/qt/ItemCells.h"
 #include "adapters/qt/ScreenFollower.h"
 #include "adapters/qt/WidgetClasses.h"
 #include "kelvo/Plugin.h"
@@ -90,16 +89,12 @@ class Widgets : public testing::Test {
 
 TEST_F(Widgets, AreFoundByTagByIdAndByPath) {
   EXPECT_EQ(found("17", "t"), "BuyButton");
-  EXPECT_EQ(found("18", "t"), "-");
-  EXPECT_EQ(found("QLabel:0"), "QLabel");
-  EXPECT_EQ(found("KLV:BuyButton:1"), "BuyButton") << "in reading order, lifted out of the box";
-  EXPECT_EQ(found("QListWidget:2"), "QListWidget");
+  EXPECT_EQ(found("BuyButton:1"), "BuyButton") << "in reading order, lifted out of the box";
   EXPECT_EQ(found("QListWidget:2:UITableViewCell:2"), "UITableViewCell");
   EXPECT_EQ(found("2", "t"), "UITableViewCell") << "the search by path gave the row its tag";
   EXPECT_EQ(found("UITableViewCell:3"), "-");
   EXPECT_EQ(PluginServices::getViewWithIdentifier("17", "t")->className(), "BuyButton");
-  std::thread elsewhere([] { EXPECT_EQ(PluginServices::getViewWithIdentifier("17", "t"), nullptr); });
-  elsewhere.join();
+  std::thread([] { EXPECT_EQ(PluginServices::getViewWithIdentifier("17", "t"), nullptr); }).join();
   heading->setVisible(false);
   EXPECT_EQ(found("BuyButton:0"), "BuyButton") << "the hidden label counts no longer";
   buy->parentWidget()->setVisible(false);
@@ -117,15 +112,13 @@ TEST_F(Widgets, TellTheirPlaceAndTheirClasses) {
   EXPECT_EQ(frame.width, buy->width());
 
   const auto counterpart = [](const QWidget& widget) {
-    for (const auto& name : qt::superclassNamesOf(widget)) {
-      if (name.starts_with("UI")) return name;
-    }
-    return std::string("-");
+    std::string all;
+    for (const auto& name : qt::superclassNamesOf(widget)) all += name.starts_with("UI") ? name : "";
+    return all;
   };
   EXPECT_EQ(counterpart(QPushButton()), "UIButton");
   EXPECT_EQ(counterpart(QCheckBox()), "UISwitch") << "the nearest class counts";
-  EXPECT_EQ(counterpart(QLineEdit()), "UITextField");
-  EXPECT_EQ(counterpart(QWidget()), "-");
+  EXPECT_EQ(counterpart(QWidget()), "");
   QListView icons;
   icons.setViewMode(QListView::IconMode);
   EXPECT_EQ(counterpart(icons), "UICollectionView");
@@ -143,10 +136,10 @@ TEST_F(Widgets, ThatAreDeletedWhileASearchHoldsThemAnswerAsHidden) {
   window_.reset();
   for (const auto& view : all) {
     EXPECT_TRUE(view->isHidden());
-    EXPECT_EQ(view->alpha() > 0 && view->frame().width > 0, false);
+    EXPECT_EQ(view->frame().width, 0);
     EXPECT_TRUE(view->subviews().empty());
     EXPECT_EQ(view->nativeID(), std::nullopt);
-    EXPECT_EQ(view->indexPathForCell(*view).has_value(), false);
+    EXPECT_FALSE(view->indexPathForCell(*view).has_value());
     view->setTag(1);
     EXPECT_EQ(view->tag(), 0);
   }
@@ -173,23 +166,18 @@ TEST_F(Widgets, NumbersStayWithTheirRows) {
   EXPECT_TRUE(cell->isHidden());
   EXPECT_EQ(found("1", "t"), "-");
 
-  // A cell that dies on another thread leaves the model alone, whether its view is gone or not.
-  QStringListModel model({"one", "two", "three"});
-  for (const bool viewGoesFirst : {false, true}) {
-    auto* view = new QListView;
-    view->setModel(&model);
-    window_->setCentralWidget(view);
-    QCoreApplication::processEvents();
-    ASSERT_EQ(found("UITableViewCell:2"), "UITableViewCell");
-    cell = find("2", "t");
-    if (viewGoesFirst) delete window_->takeCentralWidget();
-    std::thread elsewhere([held = std::move(cell)]() mutable { held.reset(); });
-    for (int i = 0; i < 100; ++i) {
-      model.insertRows(0, 1);
-      model.removeRows(0, 1);
-    }
-    elsewhere.join();
-  }
+  // A cell may die on another thread, where its model must hear nothing of it: what the model counts lives and dies
+  // with the view.
+  struct Model final : QStringListModel {
+    using QStringListModel::persistentIndexList, QStringListModel::QStringListModel;
+  } model({"one", "two", "three"});
+  auto view = std::make_unique<QListView>();
+  view->setModel(&model);
+  view->show();
+  cell = qt::cellsOf(*view).at(1);
+  EXPECT_EQ(model.persistentIndexList().size(), 3);
+  view.reset();
+  EXPECT_TRUE(model.persistentIndexList().isEmpty());
 }
 
 TEST_F(Widgets, CellsAreTheRowsInView) {
@@ -198,17 +186,14 @@ TEST_F(Widgets, CellsAreTheRowsInView) {
     window_->setCentralWidget(items);
     QCoreApplication::processEvents();
   };
+  using Places = std::vector<std::pair<std::int64_t, std::int64_t>>;
   const auto places = [](QAbstractItemView* items) {
-    std::vector<std::pair<std::int64_t, std::int64_t>> all;
-    items->setObjectName("items");
-    KLVUtilities::setIsReactNative(true);
-    const auto view = find("[klv_items_klv]", "i");
-    for (const auto& cell : view->subviews()) {
-      if (const auto place = view->indexPathForCell(*cell)) all.emplace_back(place->section, place->row);
+    Places all;
+    for (const auto& cell : qt::cellsOf(*items)) {
+      if (const auto place = qt::placeOf(*cell, *items)) all.emplace_back(place->section, place->row);
     }
     return all;
   };
-  using Places = std::vector<std::pair<std::int64_t, std::int64_t>>;
   auto* tree = new QTreeWidget;
   for (int i = 0; i < 2; ++i) {
     auto* top = new QTreeWidgetItem(tree, {"top"});
@@ -236,15 +221,15 @@ TEST_F(Widgets, CellsAreTheRowsInView) {
   table->scrollTo(table->model()->index(2499, 0), QAbstractItemView::PositionAtTop);
   const auto shown = places(table);
   ASSERT_FALSE(shown.empty());
-  EXPECT_EQ(shown[0], (std::pair<std::int64_t, std::int64_t>(0, 2499)));
+  EXPECT_EQ(shown[0], Places::value_type(0, 2499));
   EXPECT_LT(shown.size(), 30U) << "the rows out of sight are none";
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), Places::value_type(0, 2500)), 0);
   table->setColumnHidden(0, true);
   EXPECT_EQ(places(table), shown);
   table->setColumnHidden(0, false);
   table->setColumnWidth(1, 5000);
   table->horizontalScrollBar()->setValue(table->horizontalScrollBar()->maximum());
   EXPECT_EQ(places(table), shown) << "the first column is out of sight";
-  EXPECT_EQ(std::count(shown.begin(), shown.end(), std::pair<std::int64_t, std::int64_t>(0, 2500)), 0);
 }
 
 TEST_F(Widgets, TheScreenIsThePageTheTabOrTheDialogInFront) {
@@ -252,6 +237,11 @@ TEST_F(Widgets, TheScreenIsThePageTheTabOrTheDialogInFront) {
   const auto shown = [&] {
     const auto screen = screens.takeShown();
     return screen == nullptr ? "none" : screen->className() + "/" + screen->title().value_or("-");
+  };
+  const auto activate = [](QWidget& window) {
+    window.show();
+    window.activateWindow();
+    EXPECT_TRUE(QTest::qWaitForWindowActive(&window));
   };
   window_->setWindowTitle("Shop[*]");
   EXPECT_EQ(shown(), "QMainWindow/Shop");
@@ -283,18 +273,13 @@ TEST_F(Widgets, TheScreenIsThePageTheTabOrTheDialogInFront) {
   QMainWindow other;
   other.setWindowTitle("Other");
   other.resize(900, 900);
-  other.show();
-  other.activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(&other));
+  activate(other);
   EXPECT_EQ(shown(), "QMainWindow/Other") << "the dialog belongs to another window";
   QWidget tool(&other, Qt::Tool);
-  tool.show();
-  tool.activateWindow();
-  EXPECT_TRUE(QTest::qWaitForWindowActive(&tool));
+  activate(tool);
   EXPECT_EQ(shown(), "QMainWindow/Other") << "a tool is no screen";
   dialog.close();
-  window_->activateWindow();
-  ASSERT_TRUE(QTest::qWaitForWindowActive(window_.get()));
+  activate(*window_);
   EXPECT_EQ(shown(), "BuyButton/Shop");
   QApplication::setActiveWindow(nullptr);
   EXPECT_EQ(shown(), "BuyButton/Shop") << "in the background, too";
@@ -365,53 +350,36 @@ TEST(Application, ASecondOneCanBeAttachedOnceTheFirstIsGone) {
 }
 
 TEST_F(Widgets, TheApplicationsLoopIsTheMainQueue) {
-  constexpr int kThreads = 4, kTasks = 500;
-  std::vector<int> last(kThreads, 0);
-  std::vector<std::thread> threads;
-  int done = 0;
-  std::atomic<int> finished = 0;
-  for (int thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (int task = 1; task <= kTasks; ++task) {
-        MainQueue::async([&, thread, task] {
-          EXPECT_TRUE(MainQueue::isCurrent());
-          EXPECT_EQ(std::exchange(last[static_cast<std::size_t>(thread)], task), task - 1);
-          ++done;
-        });
-      }
-      MainQueue::sync([&] { EXPECT_TRUE(MainQueue::isCurrent()); });
-      ++finished;
-    });
-  }
-  EXPECT_TRUE(QTest::qWaitFor([&] { return finished == kThreads; }, 20000));
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(done, kThreads * kTasks);
+  constexpr int kTasks = 2000;
+  int last = 0;
+  std::atomic<bool> finished = false;
+  std::thread elsewhere([&] {
+    for (int task = 1; task <= kTasks; ++task) {
+      MainQueue::async([&last, task] { EXPECT_EQ(std::exchange(last, task), task - 1); });
+    }
+    MainQueue::sync([] { EXPECT_TRUE(MainQueue::isCurrent()); });
+    finished = true;
+  });
+  EXPECT_TRUE(QTest::qWaitFor([&] { return finished.load(); }, 20000));
+  elsewhere.join();
+  EXPECT_EQ(last, kTasks);
 }
 
 TEST(Attributes, CarryWhatQtHolds) {
-  const QVariantMap map = {{"text", "Grüße"},
-                           {"count", 3},
-                           {"large", QVariant::fromValue<qulonglong>(18446744073709551615ULL)},
-                           {"price", 12.5},
-                           {"yes", true},
-                           {"bytes", QByteArray("\x01\x02", 2)},
-                           {"when", QDateTime::fromMSecsSinceEpoch(1500)},
-                           {"list", QVariantList{1, "two", QVariantMap{{"three", 3}}}},
-                           {"names", QStringList{"a", "b"}},
-                           {"url", QUrl("https://example.com/")},
-                           {"nothing", QVariant()}};
-  const Dictionary expected = {{"text", "Grüße"},
-                               {"count", 3},
-                               {"large", 18446744073709551615ULL},
-                               {"price", 12.5},
-                               {"yes", true},
-                               {"bytes", Data{1, 2}},
-                               {"when", Date(std::chrono::milliseconds(1500))},
-                               {"list", Array{1, "two", Dictionary{{"three", 3}}}},
-                               {"names", Array{"a", "b"}},
-                               {"url", "https://example.com/"},
-                               {"nothing", nullptr}};
-  EXPECT_EQ(qt::attributes(map), expected);
+  constexpr qulonglong kLargest = 18446744073709551615ULL;
+  const std::pair<QVariant, Value> cases[] = {
+      {"Grüße", "Grüße"},
+      {3, 3},
+      {QVariant::fromValue(kLargest), Value(kLargest)},
+      {12.5, 12.5},
+      {true, true},
+      {QByteArray("\x01\x02", 2), Data{1, 2}},
+      {QDateTime::fromMSecsSinceEpoch(1500), Date(std::chrono::milliseconds(1500))},
+      {QVariantList{1, "two", QVariantMap{{"three", 3}}}, Array{1, "two", Dictionary{{"three", 3}}}},
+      {QStringList{"a", "b"}, Array{"a", "b"}},
+      {QUrl("https://example.com/"), "https://example.com/"},
+      {QVariant(), nullptr}};
+  for (const auto& [held, carried] : cases) EXPECT_EQ(qt::attributes({{"key", held}}), (Dictionary{{"key", carried}}));
 }
 
 }  // namespace

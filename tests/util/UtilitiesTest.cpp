@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 
 #include "platform/JSON.h"
@@ -30,16 +29,10 @@ TEST(Utilities, CountsFallIntoTheirBuckets) {
   EXPECT_EQ(labels, "-5 0 9 01-10 11-20 11-20 91-100 001-100 101-200 101-200 901-1000 901-1000 1000+ ");
 }
 
-TEST(Utilities, ConfigurationsAreSavedAndReadBack) {
+TEST(Utilities, AConfigurationFileHoldsAnObjectOrAnArray) {
   const LogCapture log;
-  const std::string path = "com.kelvo.test.json";
-  EXPECT_TRUE(Utilities::saveConfig(R"({"a":[1,],})", path));
-  EXPECT_EQ(*jsonText(*Utilities::readConfigAtRelativePath(path)), R"({"a":[1]})");
-  EXPECT_FALSE(Utilities::saveConfig("{}", std::nullopt));
-  EXPECT_FALSE(Utilities::saveConfig("{}", "no/such/directory"));
-  EXPECT_FALSE(Utilities::readConfigAtRelativePath("missing"));
   writeFileForTest(library("bare"), "5");
-  EXPECT_FALSE(Utilities::readConfigAtRelativePath("bare")) << "a file holds an object or an array";
+  EXPECT_FALSE(Utilities::readConfigAtRelativePath("bare"));
   EXPECT_EQ(log.count("<KLV ERROR> parsing json file neither an array nor an object at offset 0 "), 1U);
 }
 
@@ -102,16 +95,8 @@ TEST(Cleaning, AnEmptyCollectionInAnArrayIsRefused) {
 
 // --- The provisioning profile
 
-/// A profile in the bundle: text amid bytes that are none.
-std::string releaseModeWith(const std::string& plist) {
-  ::setenv("KELVO_BUNDLE", (home() + "/bundle").c_str(), 1);
-  writeFileForTest(home() + "/bundle/Resources/embedded.mobileprovision",
-                   std::string("\x30\x82\x00\xFF<pl\x00", 8) + plist + std::string("\x00\xA0</plist\x00\x01", 11));
-  return KLVMobileProvision::releaseModeString();
-}
-
 TEST(MobileProvision, TellsHowTheApplicationWasDistributed) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the profile is kept for the process: each case has its own
+  ::setenv("KELVO_BUNDLE", (home() + "/bundle").c_str(), 1);
   const Value debuggable = Dictionary{{"get-task-allow", true}};
   const Dictionary::Entry devices{"ProvisionedDevices", Array{"device"}}, none{"ProvisionedDevices", Array{}};
   const std::pair<Dictionary, const char*> cases[] = {
@@ -121,11 +106,14 @@ TEST(MobileProvision, TellsHowTheApplicationWasDistributed) {
       {{none, {"Entitlements", debuggable}}, "AppStore"},
       {{}, "Simulator"}};
   for (const auto& [profile, mode] : cases) {
-    const auto say = [plist = serialisePropertyList(profile)] {
-      std::cerr << "mode=" << releaseModeWith(plist) << ".\n";
-      std::filesystem::remove_all(home());
+    const std::string before("\x30\x82\x00\xFF<pl\x00", 8), behind("\x00\xA0</plist\x00\x01", 11);  // the signature
+    writeFileForTest(home() + "/bundle/Resources/embedded.mobileprovision",
+                     before + serialisePropertyList(profile) + behind);
+    const auto say = [] {
+      std::cerr << "mode=" << KLVMobileProvision::releaseModeString() << ".\n";
       std::_Exit(0);
     };
+    // The profile is kept for the process: each case has its own.
     EXPECT_EXIT(say(), testing::ExitedWithCode(0), std::string("mode=") + mode + "\\.");
   }
 }

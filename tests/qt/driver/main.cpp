@@ -23,8 +23,16 @@ void clickItem(QListWidget* list, int row) {
   QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualItemRect(list->item(row)).center());
 }
 
+/// Waits until `condition` holds, and what follows from it has happened.
+template <class Condition>
+bool reached(Condition condition) {
+  const bool holds = QTest::qWaitFor(condition, kPatience);
+  QTest::qWait(0);
+  return holds;
+}
+
 bool shows(const QWidget* page) {
-  return QTest::qWaitFor([page] { return page->isVisible(); }, kPatience);
+  return reached([page] { return page->isVisible(); });
 }
 
 /// What a window system tells when the user turns to another application; the offscreen platform has no other.
@@ -50,21 +58,16 @@ bool visit(shop::Window& window, const QString& picture) {
 
   clickItem(window.list->products, 1);
   if (!shows(window.detail)) return false;
-  QTest::qWait(0);
   click(window.detail->buy);
   if (!shows(window.basket)) return false;
-  QTest::qWait(0);
   click(window.basket->checkOut);
   if (!shows(window.list)) return false;
-  QTest::qWait(0);
   if (!picture.isEmpty() && !window.grab().save(picture)) return false;
 
   click(window.list->toSettings);
-  if (!QTest::qWaitFor([] { return QApplication::activeModalWidget() != nullptr; }, kPatience)) return false;
-  QTest::qWait(0);
+  if (!reached([] { return QApplication::activeModalWidget() != nullptr; })) return false;
   static_cast<QDialog*>(QApplication::activeModalWidget())->accept();
-  if (!QTest::qWaitFor([] { return QApplication::activeModalWidget() == nullptr; }, kPatience)) return false;
-  QTest::qWait(0);
+  if (!reached([] { return QApplication::activeModalWidget() == nullptr; })) return false;
 
   setState(Qt::ApplicationInactive);
   return true;
