@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
-#include <thread>
 
 #include "storage/FMKLVDatabase.h"
 #include "support/LogCapture.h"
@@ -19,7 +18,7 @@ struct Database : testing::Test {
   LogCapture log;
 };
 
-TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBack) {
+TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBackAlsoThroughAFunction) {
   const struct {
     const char* storageClass;
     Value bound, read;
@@ -36,18 +35,19 @@ TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBack) {
                {"text", Array{1, "a"}, "[1,\"a\"]"},
                {"text", Dictionary{{"k", 2}}, "{\"k\":2}"}};
   ASSERT_TRUE(db.executeUpdate("create table t (v)"));
+  ASSERT_TRUE(db.makeFunctionNamed("same", 1, [](const Array& arguments) { return arguments[0]; }));
   for (const auto& each : cases) {
     SCOPED_TRACE(description(each.read));
     ASSERT_TRUE(db.executeUpdate("delete from t"));
     ASSERT_TRUE(db.executeUpdate("insert into t values (:v)", Dictionary{{"v", each.bound}}));
     // The arguments of a query die before its rows are read.
-    const auto rows = db.executeQuery("select V, typeof(v), ? as again from t", Array{each.bound});
+    const auto rows = db.executeQuery("select v, ?, same(v), typeof(v), typeof(same(v)) from t", Array{each.bound});
     ASSERT_TRUE(rows && rows->next());
-    EXPECT_EQ(rows->objectForColumnIndex(0), each.read);
-    EXPECT_EQ(rows->objectForColumnIndex(0).isInteger(), each.read.isInteger());
-    EXPECT_EQ(rows->objectForColumnIndex(1), each.storageClass);
-    EXPECT_EQ((*rows->resultDictionary())["again"], each.read);
-    EXPECT_EQ(rows->columnIndexForName("AGAIN"), 2);
+    for (const int column : {0, 1, 2}) {
+      EXPECT_EQ((*rows)[column], each.read);
+      EXPECT_EQ((*rows)[column].isInteger(), each.read.isInteger());
+    }
+    for (const int column : {3, 4}) EXPECT_EQ((*rows)[column], each.storageClass);
     EXPECT_FALSE(rows->next());
     EXPECT_FALSE(db.hasOpenResultSets());
   }
@@ -73,7 +73,7 @@ TEST_F(Database, AStatementWhoseParametersAreNotAllBoundFailsWithItsText) {
 
 TEST_F(Database, ArgumentsLastAsLongAsTheRowsWhateverBecomesOfTheCallersOwn) {
   const std::string text(100, 't');
-  for (const bool cache : {false, true, true}) {
+  for (const bool cache : {false, true}) {
     db.setShouldCacheStatements(cache);
     const auto check = [&](const FMKLVDatabase::ResultSet& rows) {
       ASSERT_TRUE(rows && rows->next());
@@ -81,10 +81,7 @@ TEST_F(Database, ArgumentsLastAsLongAsTheRowsWhateverBecomesOfTheCallersOwn) {
       EXPECT_EQ(rows->stringForColumnIndex(1), "[\"" + text + "\"]");
       EXPECT_EQ(rows->dataForColumnIndex(2), Data(100, 7));
     };
-    check(db.executeQuery("select ?, ?, ?", Array{text, Array{text}, Data(100, 7)}));
     check(db.executeQuery("select :a, :b, :c", Dictionary{{"c", Data(100, 7)}, {"b", Array{text}}, {"a", text}}));
-    check(db.executeQuery("select ?, ?, ?", std::string(text), Value(Array{text}), Data(100, 7)));
-    check(db.executeQueryWithFormat("select %s, %@, %@", std::string(text), Array{text}, Data(100, 7)));
     Array changing{text, Array{text}, Data(100, 7)};
     auto rows = db.executeQuery("select ?, ?, ?", changing);
     for (int i = 0; i < 20; ++i) changing.append(i);
@@ -107,7 +104,6 @@ TEST_F(Database, FormatsTakeAsManyValuesAsTheyHaveItems) {
   EXPECT_EQ(db.executeQueryWithFormat("select %d"), nullptr);
   EXPECT_EQ(log.count("Error: the bind count"), 2U);
   EXPECT_FALSE(db.executeUpdateWithFormat("insert into t values (%y)", 1));
-  EXPECT_FALSE(db.executeUpdateWithFormat("insert into t values ('%d')", 1));  // no parameter inside of quotes
   EXPECT_FALSE(db.executeUpdateWithFormat("delete from t %"));
   EXPECT_TRUE(db.hadError());
   EXPECT_EQ(db.intForQuery("select count(*) from t"), 1);
@@ -115,27 +111,22 @@ TEST_F(Database, FormatsTakeAsManyValuesAsTheyHaveItems) {
 
 TEST_F(Database, GettersConvertAndAreMildToWhatIsNotThere) {
   const auto row = db.executeQuery(
-      "select 5000000000 as big, '12abc' as Txt, 2.9 as dbl, x'00ff' as blb, null as nil, -1 as neg, x'' as empty");
+      "select 5000000000 as big, '12abc' as Txt, 2.9 as dbl, x'80ff' as blb, null as nil, -1 as neg, x'' as empty");
   EXPECT_FALSE(row->hasAnotherRow());
   EXPECT_TRUE((*row)[0].isNull());
-  ASSERT_TRUE(row->next());
-  EXPECT_TRUE(row->hasAnotherRow());
+  ASSERT_TRUE(row->next() && row->hasAnotherRow());
   EXPECT_EQ(row->columnCount(), 7);
   EXPECT_EQ(row->intForColumn("BIG"), INT32_MAX);
   EXPECT_EQ(row->longForColumn("big"), 5000000000);
   EXPECT_EQ(row->longLongIntForColumn("txt"), 12);
-  EXPECT_EQ(row->intForColumn("dbl"), 2);
   EXPECT_EQ(row->unsignedLongLongIntForColumn("neg"), UINT64_MAX);
   EXPECT_TRUE(row->boolForColumn("neg"));
   EXPECT_DOUBLE_EQ(row->doubleForColumn("dbl"), 2.9);
-  EXPECT_EQ(row->stringForColumn("big"), "5000000000");
   EXPECT_STREQ(row->UTF8StringForColumnName("txt"), "12abc");
   EXPECT_EQ(row->dataForColumn("txt"), (Data{'1', '2', 'a', 'b', 'c'}));
   EXPECT_EQ(row->dataNoCopyForColumn("blb")->back(), 0xFF);
   EXPECT_EQ(row->dataForColumn("empty"), Data());
   EXPECT_EQ(row->dateForColumn("dbl"), Date(std::chrono::milliseconds(2900)));
-  EXPECT_EQ((*row)["blb"], (Data{0, 255}));
-  EXPECT_EQ(log.count("WARN"), 0U);
   for (const char* absent : {"nil", "no such"}) {
     EXPECT_TRUE(row->columnIsNull(absent));
     EXPECT_EQ(row->longForColumn(absent), 0);
@@ -145,11 +136,9 @@ TEST_F(Database, GettersConvertAndAreMildToWhatIsNotThere) {
     EXPECT_TRUE(row->objectForColumnName(absent).isNull());
   }
   EXPECT_EQ(log.count("<KLV WARN> Warning: I could not find the column named 'no such'."), 6U);
-  std::vector<std::pair<std::string, std::optional<std::string>>> set;
-  row->kvcMagic([&](const std::string& name, auto text) { set.emplace_back(name, text); });
-  ASSERT_EQ(set.size(), 7U);
-  EXPECT_EQ(set[1], (std::pair<std::string, std::optional<std::string>>("Txt", "12abc")));
-  EXPECT_EQ(set[4].second, std::nullopt);
+  std::string texts;
+  row->kvcMagic([&](const std::string& name, auto text) { texts += name + "=" + text.value_or("-") + " "; });
+  EXPECT_EQ(texts, "big=5000000000 Txt=12abc dbl=2.9 blb=\x80\xFF nil=- neg=-1 empty= ");
 
   FMKLVError error;
   EXPECT_FALSE(row->nextWithError(&error));
@@ -166,9 +155,9 @@ TEST_F(Database, FailuresAreLoggedAndStayReadable) {
   EXPECT_FALSE(db.executeUpdateWithErrorAndBindings("no sql", &error, 1));
   EXPECT_EQ(error.code, SQLITE_ERROR);
   EXPECT_EQ(db.lastError().message, error.message);
-  EXPECT_EQ(log.count("<KLV ERROR> DB Error: 1 \"near \"no\": syntax error\""), 1U);
-  EXPECT_EQ(log.count("<KLV ERROR> DB Query: no sql"), 1U);
-  EXPECT_EQ(log.count("<KLV ERROR> DB Path: (null)"), 1U);
+  for (const char* line : {"Error: 1 \"near \"no\": syntax error\"", "Query: no sql", "Path: (null)"}) {
+    EXPECT_EQ(log.count(std::string("<KLV ERROR> DB ") + line), 1U) << line;
+  }
   ASSERT_TRUE(db.executeUpdate("create table t (a unique)"));
   EXPECT_FALSE(db.hadError());
   EXPECT_TRUE(db.update("insert into t values (?)", &error, 1));
@@ -206,7 +195,6 @@ TEST_F(Database, FailuresAreLoggedAndStayReadable) {
   FMKLVDatabase nowhere(home() + "/no/such/directory");
   EXPECT_FALSE(nowhere.openWithFlags(6));
   EXPECT_EQ(nowhere.lastErrorCode(), SQLITE_CANTOPEN);
-  EXPECT_EQ(log.count("<KLV ERROR> error opening!: 14"), 1U);
 }
 
 TEST_F(Database, AFailedPrepareEndsTheProcessWhenAskedTo) {
@@ -221,19 +209,13 @@ TEST_F(Database, CloseFinalizesWhatLeakedAndEndsOpenResultSets) {
   ASSERT_EQ(sqlite3_prepare_v2(db.sqliteHandle(), "select 1", -1, &leaked, nullptr), SQLITE_OK);
   const auto rows = db.executeQuery("select 1 union select 2");
   ASSERT_TRUE(rows->next());
-  sqlite3_stmt* prepared = nullptr;
-  ASSERT_EQ(sqlite3_prepare_v2(db.db(), "select 1", -1, &prepared, nullptr), SQLITE_OK);
-  const auto made = FMKLVResultSet::resultSetWithStatement(std::make_shared<FMKLVStatement>(prepared, "select 1"), db);
-  EXPECT_TRUE(made->next() && db.goodConnection());
   EXPECT_TRUE(db.close());
-  EXPECT_FALSE(made->next());
   EXPECT_EQ(log.count("<KLV DEBUG> Closing leaked statement "), 1U);
   EXPECT_EQ(log.count("error closing!"), 0U);
   EXPECT_FALSE(rows->next());
   EXPECT_EQ(db.sqliteHandle(), nullptr);
   EXPECT_FALSE(db.goodConnection());
-  EXPECT_TRUE(db.open());
-  EXPECT_TRUE(db.goodConnection());
+  EXPECT_TRUE(db.open() && db.goodConnection());
 }
 
 TEST_F(Database, BatchesRunUpToTheFirstFailureAndHandOutTheirRows) {
@@ -257,39 +239,29 @@ TEST_F(Database, BatchesRunUpToTheFirstFailureAndHandOutTheirRows) {
 
 TEST_F(Database, DatesAreStoredByTheFormatterWhenThereIsOne) {
   const Date date(std::chrono::seconds(951827696));  // 29 February
-  EXPECT_EQ(db.stringFromDate(date), std::nullopt);
-  EXPECT_EQ(db.dateForQuery("select ?", date), date);
   const Date now = std::chrono::time_point_cast<std::chrono::microseconds>(Clock::now());
   EXPECT_EQ(db.dateForQuery("select ?", now), now);
   EXPECT_EQ(db.dateForQuery("select 1e300"), std::nullopt);
   db.setDateFormat(FMKLVDatabase::storeableDateFormat("%A %d %b %Y, %H:%M:%S"));
   EXPECT_EQ(db.stringForQuery("select ?", date), "Tuesday 29 Feb 2000, 12:34:56");
   EXPECT_EQ(db.dateForQuery("select ?", date), date);
-  EXPECT_EQ(db.dateForQuery("select 'Tuesday 29 Feb 2000'"), std::nullopt);
   EXPECT_EQ(db.dateForQuery("select 'Tuesday 29 Feb 2000, 12:34:56 and more'"), std::nullopt);
   db.setDateFormat(FMKLVDateFormatter("%Y-%m-%dT%H:%M:%S%z"));
   EXPECT_EQ(db.dateFromString("2000-02-29T13:34:56+0100"), date);
 }
 
-TEST_F(Database, FunctionsOfOurOwnTakeAndGiveEveryKindOfValue) {
-  ASSERT_TRUE(db.makeFunctionNamed("same", 1, [](const Array& arguments) { return arguments[0]; }));
-  for (const Value& value :
-       {Value(nullptr), Value(INT64_MIN), Value(0.5), Value("x\xC3\xA9"), Value(Data{0, 1}), Value(Data{})}) {
-    const auto row = db.executeQuery("select same(?), typeof(same(?1)) = typeof(?1)", value);
-    ASSERT_TRUE(row && row->next());
-    EXPECT_EQ((*row)[0], value);
-    EXPECT_TRUE(row->boolForColumnIndex(1));
-  }
-  EXPECT_EQ(db.stringForQuery("select same(1, 2)"), std::nullopt);
+TEST_F(Database, FunctionsMayThrowAndAreReplacedAndMustNotUseTheirConnection) {
+  ASSERT_TRUE(db.makeFunctionNamed("own", 1, [](const Array& arguments) { return arguments[0]; }));
+  EXPECT_EQ(db.stringForQuery("select own(1, 2)"), std::nullopt);
   EXPECT_EQ(log.count("(1: too many arguments) rs"), 1U);
-  ASSERT_TRUE(db.makeFunctionNamed("SAME", -1, [this](const Array& arguments) -> Value {
+  ASSERT_TRUE(db.makeFunctionNamed("OWN", -1, [this](const Array& arguments) -> Value {
     if (arguments.empty()) throw std::runtime_error("of what?");
     return db.executeUpdate("delete from t") ? "reentrant" : "in use";
   }));
   ASSERT_TRUE(db.executeUpdate("create table t (a)"));
-  EXPECT_FALSE(db.executeUpdate("insert into t values (same())"));
+  EXPECT_FALSE(db.executeUpdate("insert into t values (own())"));
   EXPECT_EQ(db.lastErrorMessage(), "of what?");
-  EXPECT_TRUE(db.executeUpdate("insert into t values (same(1, 2, 3))"));
+  EXPECT_TRUE(db.executeUpdate("insert into t values (own(1, 2, 3))"));
   EXPECT_EQ(db.stringForQuery("select a from t"), "in use");
   EXPECT_EQ(log.count("<KLV ERROR> The FMDatabase " + db.description() + " is currently in use."), 1U);
 }
@@ -314,47 +286,35 @@ TEST_F(Database, TheAdditionsKnowTheSchemaAndTheFilesNumbers) {
   EXPECT_FALSE(db.validateSQL("drop", &error));
   EXPECT_EQ(error.code, SQLITE_ERROR) << "not what the call before left";
   EXPECT_EQ(log.count("DB Error"), 0U);
-  EXPECT_EQ(FMKLVDatabase::FMDBVersion(), 0x250);
   EXPECT_TRUE(db.boolForQuery("select ?", 2) && db.dataForQuery("select x'01'") == Data{1} &&
               db.longForQuery("select ?", -5) == -5);
   EXPECT_EQ(db.doubleForQuery("select 1 where 0"), 0);
 }
 
-TEST_F(Database, TracingAndObsoleteCallsLeaveTheirLines) {
+TEST_F(Database, TracingLogsStatementsAndTheirValues) {
   db.setTraceExecution(true);
   EXPECT_EQ(db.intForQuery("select length(?) + ?", Data(3), "4"), 7);
   EXPECT_TRUE(db.beginTransaction() && db.rollback());
   EXPECT_EQ(log.count("<KLV DEBUG> " + db.description() + " executeQuery: select length(?) + ? "), 1U);
   EXPECT_EQ(log.count("<KLV DEBUG> " + db.description() + " executeUpdate: begin exclusive transaction "), 1U);
   EXPECT_EQ(log.count("<KLV DEBUG> data: 3 bytes ") + log.count("<KLV DEBUG> obj: 4 "), 2U);
-  static_cast<void>(db.busyRetryTimeout());
-  db.setBusyRetryTimeout(1);
-  EXPECT_EQ(log.count("<KLV WARN> FMDB: busyRetryTimeout no longer works, please use maxBusyRetryTimeInterval "), 1U);
-  EXPECT_EQ(log.count("<KLV WARN> FMDB: setBusyRetryTimeout does nothing, please use setMaxBusyRetryTimeInterval: "),
-            1U);
 }
 
 struct Cache : Database {
   Cache() { db.setShouldCacheStatements(true); }
-  bool nothingPrepared() { return sqlite3_next_stmt(db.sqliteHandle(), nullptr) == nullptr; }
 };
 
 TEST_F(Cache, AStatementServesItsTextAgainWithNothingLeftOfItsLastUse) {
   ASSERT_TRUE(db.executeUpdate("create table t (a, b)"));
   const std::string insert = "insert into t values (:a, :b)";
-  EXPECT_FALSE(db.executeUpdate(insert, Dictionary{{"a", 1}}));
-  EXPECT_EQ(db.cachedStatements().count(insert), 0U);
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(db.executeUpdate(insert, Dictionary{{"a", i}, {"b", std::string(50, 'b')}}));
   EXPECT_FALSE(db.executeUpdate(insert, Dictionary{{"a", 9}}));  // the b of the last use is gone
   const auto& statements = db.cachedStatements().at(insert);
   ASSERT_EQ(statements.size(), 1U);
   EXPECT_EQ(statements[0]->useCount(), 3);
-  EXPECT_NE(statements[0]->description().find(" 3 hit(s) for query " + insert), std::string::npos);
   char* expanded = sqlite3_expanded_sql(statements[0]->statement());
   EXPECT_STREQ(expanded, "insert into t values (NULL, NULL)");
   sqlite3_free(expanded);
-  ASSERT_TRUE(db.executeUpdate("alter table t add column c"));
-  EXPECT_EQ(db.executeQuery("select * from t where a = ?", 1)->columnCount(), 3);
   EXPECT_TRUE(db.close());
   EXPECT_EQ(log.count("leaked"), 0U);
 }
@@ -369,7 +329,6 @@ TEST_F(Cache, AStatementInUseIsLeftAloneAndOutlivesTheCache) {
   EXPECT_EQ(db.cachedStatements().at(sql).size(), 2U);
   EXPECT_EQ(db.cachedStatementForQuery(sql), nullptr);
   second->close();
-  EXPECT_FALSE(second->hasAnotherRow());
   const auto idle = db.cachedStatementForQuery(sql);
   ASSERT_NE(idle, nullptr);
   second = db.executeQuery(sql);
@@ -382,31 +341,8 @@ TEST_F(Cache, AStatementInUseIsLeftAloneAndOutlivesTheCache) {
   EXPECT_EQ(idle->statement(), nullptr);
   ASSERT_TRUE(first->next());
   EXPECT_EQ(first->intForColumnIndex(0), 2);
-  EXPECT_FALSE(nothingPrepared());
   EXPECT_FALSE(first->next());
-  EXPECT_TRUE(nothingPrepared());
-}
-
-TEST_F(Database, AStatementWaitsForAnotherConnectionsLockAsLongAsItMay) {
-  const auto path = home() + "/busy.sqlite";
-  FMKLVDatabase holder(path), waiter(path);
-  waiter.setMaxBusyRetryTimeInterval(0.06);
-  ASSERT_TRUE(holder.open() && waiter.open());
-  ASSERT_TRUE(holder.executeUpdate("create table t (a)"));
-  const auto rows = waiter.executeQuery("select * from t");
-  ASSERT_TRUE(holder.beginTransaction());
-  EXPECT_FALSE(waiter.executeUpdate("insert into t values (1)"));
-  EXPECT_EQ(waiter.lastErrorCode(), SQLITE_BUSY);
-  EXPECT_FALSE(rows->next());
-  EXPECT_EQ(log.count("<KLV ERROR> Database busy"), 1U);
-
-  waiter.setMaxBusyRetryTimeInterval(30);
-  std::thread release([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(120));  // how long the lock is held
-    EXPECT_TRUE(holder.commit());
-  });
-  EXPECT_TRUE(waiter.executeUpdate("insert into t values (1)"));
-  release.join();
+  EXPECT_EQ(sqlite3_next_stmt(db.sqliteHandle(), nullptr), nullptr) << "the last one is gone, too";
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <future>
 
 #include "records/KLVEvents.h"
-#include "records/KLVFileNames.h"
 #include "storage/FMKLVDatabase.h"
 #include "storage/KLVDataHandler.h"
 #include "support/LogCapture.h"
@@ -14,9 +13,7 @@ namespace kelvo::test {
 namespace {
 
 std::shared_ptr<KLVEvent> event(const std::string& name) {
-  auto made = std::make_shared<KLVObservationEvent>(name);
-  made->setCreatedTime(7);
-  return made;
+  return std::make_shared<KLVObservationEvent>(name);
 }
 
 void waitUntilStored(KLVDataHandler& handler) {
@@ -28,6 +25,10 @@ void waitUntilStored(KLVDataHandler& handler) {
 struct Handler : testing::Test {
   LogCapture log;
   KLVDataHandler handler{"S"};
+
+  [[nodiscard]] Value countOf(const std::string& name) {
+    return handler.retrieveLifetimeEventWithName(name).value_or(Dictionary())["count"];
+  }
 };
 
 struct StartedHandler : Handler {
@@ -48,32 +49,47 @@ TEST_F(StartedHandler, JobsOfEveryKindKeepTheOrderOfTheirSubmission) {
   handler.saveEventInfo(event("too late"), "S");
   Value storedBefore;
   handler.upsertLifetimeEvent(event("a"));
-  handler.whenStored(
-      [&] { storedBefore = handler.retrieveLifetimeEventWithName("a").value_or(Dictionary())["count"]; });
+  handler.whenStored([&] { storedBefore = countOf("a"); });
   handler.upsertLifetimeEvent(event("a"));
   release.set_value();
   waitUntilStored(handler);
   EXPECT_EQ(log.count("KLVError 1: no such table: events_S"), 1U);
   EXPECT_EQ(storedBefore, 1);
-  EXPECT_EQ((*handler.retrieveLifetimeEventWithName("a"))["count"], 2);
+  EXPECT_EQ(countOf("a"), 2);
+}
+
+TEST_F(StartedHandler, DeletionsThatBelongTogetherWaitForOneAnotherAndAreDoneAllOrNot) {
+  handler.saveChunkMetaInfo(std::make_shared<KLVChunkMetaInfo>("S", 1, 1, 1, Array{5}));
+  const auto kept = [&] { return handler.getSessions().size() + handler.retrieveChunkMetaInfo().size(); };
+  for (const bool fails : {true, false}) {
+    handler.writeTogether([&] {
+      handler.deleteSession("S");
+      handler.deleteChunkMetaInfo(std::make_shared<KLVChunk>("S"));
+      EXPECT_EQ(kept(), 2U) << "a kill here must leave everything";
+      if (fails) handler.saveEventInfo(event("a"), "no such session");
+    });
+    EXPECT_EQ(kept(), fails ? 2U : 0U);
+  }
 }
 
 TEST_F(StartedHandler, CountsThatAreRememberedStayRight) {
-  handler.saveEventInfo(event("a"), "S");
-  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 1U);
+  for (const std::uint64_t stored : {1, 2}) {
+    handler.saveEventInfo(event("a"), "S");
+    EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), stored);
+  }
   auto release = block();
   handler.saveEventInfo(event("b"), "S");
   handler.upsertLifetimeEvent(event("a"));
   handler.saveEventInfo(event("c"), "no such session");  // the group is rolled back and done one by one
   release.set_value();
-  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 2U);
-  EXPECT_EQ((*handler.retrieveLifetimeEventWithName("a"))["count"], 1);
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 3U);
+  EXPECT_EQ(countOf("a"), 1);
 
   for (int round = 0; round < 2; ++round) {
     for (int name = 0; name < 600; ++name) handler.upsertLifetimeEvent(event(std::to_string(name)));
   }
   waitUntilStored(handler);
-  for (const char* name : {"0", "599"}) EXPECT_EQ((*handler.retrieveLifetimeEventWithName(name))["count"], 2) << name;
+  for (const char* name : {"0", "599"}) EXPECT_EQ(countOf(name), 2) << name;
 
   handler.upsertLifetimeEvent(event("it's"));
   handler.upsertLifetimeEvent(event("it's"));
@@ -123,17 +139,12 @@ TEST_F(Handler, WithoutAStartKeepsFilesAndLogsTheirFailuresButNoRows) {
   EXPECT_TRUE(handler.retrieveChunkMetaInfo().empty());
   EXPECT_EQ(handler.retrieveLifetimeEventWithName("a"), std::nullopt);
   EXPECT_FALSE(std::filesystem::exists(documents("kelvo-db")));
-  handler.persistClientEvents({{"a", 1}});
-  EXPECT_EQ(handler.getClientEvents(), Dictionary({{"a", 1}}));
-  const auto user = std::make_shared<KLVUser>("me");
-  user->setCustomInfo(42, "age");
-  handler.saveUserInfo(user);
-  EXPECT_EQ(handler.retrieveUser()->jsonDict(), user->jsonDict());
+  handler.saveUserInfo(std::make_shared<KLVUser>("me"));
+  EXPECT_EQ(handler.retrieveUser()->identifier(), "me");
   EXPECT_EQ(log.count("<KLV ERROR>"), 0U);
 
   writeFileForTest(library("broken"), "{");
   writeFileForTest(library("fragment"), "1");
-  std::filesystem::remove(library("com.kelvo.SDK.clientevents"));
   writeFileForTest(library("com.kelvo.SDK.clientevents/x"), "a directory where the file should be");
   writeFileForTest(home() + "/outside", "kept");
   for (const char* path : {"absent", "broken", "fragment"}) {

@@ -22,7 +22,7 @@ struct Methods {
 struct Plan {
   std::mutex mutex;
   std::optional<Operation> operation;  // the failing one
-  int left = 0;                        // until the next failure; 0 when there is none to come
+  int left = 0;                        // until the first failure
   bool forEver = false;
   int failures = 0;
   sqlite3_vfs* disk = nullptr;
@@ -37,12 +37,8 @@ Plan& plan() {
 bool fails(Operation operation) {
   Plan& current = plan();
   const std::lock_guard lock(current.mutex);
-  if (current.operation != operation || current.left == 0) return false;
-  if (current.left > 1) {
-    --current.left;
-    return false;
-  }
-  if (!current.forEver) current.left = 0;
+  if (current.operation != operation || --current.left > 0) return false;
+  if (!current.forEver && current.left < 0) return false;
   ++current.failures;
   return true;
 }

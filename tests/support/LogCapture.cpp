@@ -19,9 +19,9 @@ Lines& captured() {
   return lines;
 }
 
-bool contains(const std::vector<std::string>& lines, const std::string& text) {
-  return std::any_of(lines.begin(), lines.end(),
-                     [&](const auto& line) { return line.find(text) != std::string::npos; });
+std::size_t countIn(const std::vector<std::string>& lines, const std::string& text) {
+  const auto contains = [&](const std::string& line) { return line.find(text) != std::string::npos; };
+  return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), contains));
 }
 
 }  // namespace
@@ -51,14 +51,12 @@ std::vector<std::string> LogCapture::lines() const {
 }
 
 std::size_t LogCapture::count(const std::string& text) const {
-  const auto all = lines();
-  return static_cast<std::size_t>(
-      std::count_if(all.begin(), all.end(), [&](const auto& line) { return line.find(text) != std::string::npos; }));
+  return countIn(lines(), text);
 }
 
-bool LogCapture::waitFor(const std::string& text, std::chrono::seconds limit) const {
+bool LogCapture::waitFor(const std::string& text) const {
   std::unique_lock lock(captured().mutex);
-  return captured().changed.wait_for(lock, limit, [&] { return contains(captured().all, text); });
+  return captured().changed.wait_for(lock, std::chrono::seconds(10), [&] { return countIn(captured().all, text) > 0; });
 }
 
 }  // namespace kelvo::test

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -20,7 +19,7 @@ class LogCapture {
   /// Lines that contain `text`: "<KLV WARN> event is nil" finds level and message together.
   [[nodiscard]] std::size_t count(const std::string& text) const;
   /// Waits until a line contains `text`.
-  [[nodiscard]] bool waitFor(const std::string& text, std::chrono::seconds limit = std::chrono::seconds(10)) const;
+  [[nodiscard]] bool waitFor(const std::string& text) const;
 };
 
 }  // namespace kelvo::test

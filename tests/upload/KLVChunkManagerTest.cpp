@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <iterator>
 #include <map>
-#include <stdexcept>
+#include <utility>
 
 namespace kelvo::test {
 namespace {
@@ -18,14 +17,12 @@ using Texts = std::vector<std::string>;
 class Delegate final : public KLVChunkManagerDelegate {
  public:
   std::map<std::string, std::uint64_t> sessions;
-  std::vector<KLVChunkRow> rows;
+  std::vector<std::shared_ptr<KLVChunkMetaInfo>> rows;
   bool refusesToPost = false;
 
   Texts done;  ///< what was asked for, in order
   std::vector<HTTPCompletion> unanswered;
-  /// Cuts that are meant; any other one marks a place on the manager's queue and ends there.
-  std::atomic<int> cuts{0};
-  std::shared_ptr<std::promise<void>> mark;
+  std::shared_ptr<std::promise<void>> reached;  ///< by the next cut of the current session
 
   std::string applicationIdentifier() override { return "shop"; }
   std::shared_ptr<KLVSession> session() override { return std::make_shared<KLVSession>("now"); }
@@ -34,22 +31,17 @@ class Delegate final : public KLVChunkManagerDelegate {
   std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return nullptr; }
   std::shared_ptr<KLVSDKInfo> sdkInfo() override { return nullptr; }
   void registerIdentifer(const std::string&, const std::shared_ptr<KLVEventListener>&) override {}
-  void dispatchEvent(const std::shared_ptr<KLVEvent>&) override {
-    if (cuts > 0) {
-      --cuts;
-      return;
-    }
-    const auto own = mark;
-    own->set_value();
-    throw std::runtime_error("marked");  // what comes after is not looked at any more
-  }
+  void dispatchEvent(const std::shared_ptr<KLVEvent>&) override {}
   void waitUntilDelivered() override {}
-  std::uint64_t numberOfEventsWithIdentifier(const std::optional<std::string>& id) override { return sessions[*id]; }
+  std::uint64_t numberOfEventsWithIdentifier(const std::optional<std::string>& id) override {
+    const std::uint64_t count = sessions[*id];
+    if (id == "now" && reached) std::exchange(reached, nullptr)->set_value();
+    return count;
+  }
   std::vector<Dictionary> getEventsBetween(std::uint64_t start, std::uint64_t end, const std::optional<std::string>& id,
                                            std::optional<KLVEventType>) override {
-    std::vector<Dictionary> events;
-    for (auto i = start; i <= std::min(end, sessions[*id]); ++i) events.push_back({{"id", "e"}, {"type", "App"}});
-    return events;
+    const std::uint64_t behind = std::max(start, std::min(end, sessions[*id]) + 1);
+    return std::vector<Dictionary>(behind - start, {{"id", "e"}, {"type", "App"}});
   }
   Array retrieveAggregateEventsWithSessionIdentifier(const std::string&) override { return {}; }
   std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::optional<std::string>&) override {
@@ -60,14 +52,7 @@ class Delegate final : public KLVChunkManagerDelegate {
     for (const auto& session : sessions) all.push_back(session.first);
     return all;
   }
-  std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override {
-    std::vector<std::shared_ptr<KLVChunkMetaInfo>> all;
-    for (const KLVChunkRow& row : rows) {
-      all.push_back(std::make_shared<KLVChunkMetaInfo>(row.sid, row.cid, row.start, row.end, Array{1}));
-      all.back()->setInfo(row.sent, "status");
-    }
-    return all;
-  }
+  std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override { return rows; }
   void saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override {
     done.push_back("save " + meta->identifier());
   }
@@ -95,17 +80,12 @@ class Delegate final : public KLVChunkManagerDelegate {
 
 class ChunkManager : public testing::Test {
  protected:
-  void cut() {
-    ++delegate.cuts;
-    manager->sendCurrentChunk();
-  }
-  /// What was done by the time when the manager's queue has nothing left.
+  /// What was done by the time when the manager's queue has nothing left, the new events of the session being cut.
   Texts happened() {
     for (int pass = 0; pass < 3; ++pass) {  // a place that becomes free queues another task
-      delegate.mark = std::make_shared<std::promise<void>>();
-      auto reached = delegate.mark->get_future();
+      auto cut = (delegate.reached = std::make_shared<std::promise<void>>())->get_future();
       manager->sendCurrentChunk();
-      reached.wait();
+      cut.wait();
     }
     return std::exchange(delegate.done, {});
   }
@@ -116,12 +96,14 @@ class ChunkManager : public testing::Test {
     all.erase(all.begin(), end);  // before the first one dies: the manager goes on at once then
     for (const auto& each : now) each({}, HTTPResponse{200, ""}, {});
   }
-  /// A chunk of ten events of the session "old".
-  static KLVChunkRow row(std::uint64_t cid) { return {"", "old", cid, cid * 10 - 9, cid * 10, false}; }
-  /// Sends again what an earlier session left, in so many chunks.
+  void addRow(const std::string& sid, std::uint64_t cid, std::uint64_t start, std::uint64_t end, bool sent) {
+    delegate.rows.push_back(std::make_shared<KLVChunkMetaInfo>(sid, cid, start, end, Array{1}));
+    delegate.rows.back()->setInfo(sent, "status");
+  }
+  /// Sends again what an earlier session left, in so many chunks of ten events.
   void flushChunks(std::uint64_t count) {
     delegate.sessions = {{"now", 0}, {"old", count * 10}};
-    for (std::uint64_t cid = 1; cid <= count; ++cid) delegate.rows.push_back(row(cid));
+    for (std::uint64_t cid = 1; cid <= count; ++cid) addRow("old", cid, cid * 10 - 9, cid * 10, false);
     manager->flushPreviousChunks();
   }
   static Texts sentAgain(std::uint64_t first, std::uint64_t last) {
@@ -158,10 +140,8 @@ TEST_F(ChunkManager, ACutIsOnRecordAtOnceThoughItsBodyWaits) {
   flushChunks(8);
   EXPECT_EQ(happened(), sentAgain(1, 8));
   delegate.sessions["now"] = 5;
-  cut();
   EXPECT_EQ(happened(), Texts{"save now_1"});
   delegate.sessions["now"] = 7;
-  cut();
   EXPECT_EQ(happened(), Texts{"save now_2"}) << "the cut before covers the first five";
   answer(2);
   EXPECT_EQ(happened(), (Texts{"post now_1 of 5", "post now_2 of 2"}));
@@ -169,11 +149,11 @@ TEST_F(ChunkManager, ACutIsOnRecordAtOnceThoughItsBodyWaits) {
 
 TEST_F(ChunkManager, PurgesSessionsOnceTheirTailsAreReadAndBeforeOthersAreSentAgain) {
   delegate.sessions = {{"now", 0}, {"old", 10}};
-  delegate.rows = {row(1)};
+  addRow("old", 1, 1, 10, false);
   Texts cuts, purges;
   for (const std::string sid : {"a", "b", "c", "d", "e", "f", "g", "h", "i"}) {
     delegate.sessions[sid] = 3;
-    delegate.rows.push_back({"", sid, 1, 1, 2, true});
+    addRow(sid, 1, 1, 2, true);
     cuts.push_back("save " + sid + "_2");
     cuts.push_back("post " + sid + "_2 of 1");
     purges.push_back("purge " + sid);

@@ -17,33 +17,30 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"nothingButTheCurrentSession", {row("A", 1, 1, 5)}, {"now"}, std::nullopt},
-    {"moreSessionsThanWithRows_thoseWithoutAreCutFromTheStart",
+    {"nothing but the current session", {row("A", 1, 1, 5)}, {"now"}, std::nullopt},
+    {"more sessions than with rows: those without are cut from the start",
      {row("A", 1, 1, 5)},
-     {"A", "B", "C", "now"},
-     {{{"B", 1, 1}, {"C", 1, 1}, {"now", 1, 1}}}},
-    {"moreSessions_theCurrentOneOnlyWithoutARow",
-     {row("now", 1, 1, 5)},
      {"A", "B", "now"},
-     {{{"A", 1, 1}, {"B", 1, 1}}}},
-    {"asMany_eachIsCutBehindItsLastChunk",
+     {{{"B", 1, 1}, {"now", 1, 1}}}},
+    {"as many: each is cut behind its last chunk",
      {row("A", 2, 6, 9), row("A", 1, 1, 5), row("B", 1, 1, 3)},
      {"now", "A", "B"},
      {{{"A", 3, 10}, {"B", 2, 4}}}},
-    {"asMany_onEqualEndsTheFirstRowCounts", {row("A", 3, 1, 5), row("A", 4, 1, 5)}, {"A", "now"}, {{{"A", 4, 6}}}},
-    {"fewerSessionsThanWithRows_noneIsCut",
+    {"as many: on equal ends the first row counts",
+     {row("A", 3, 1, 5), row("A", 4, 1, 5)},
+     {"A", "now"},
+     {{{"A", 4, 6}}}},
+    {"fewer sessions than with rows: none is cut",
      {row("A", 1, 1, 5), row("gone", 1, 1, 2)},
      {"A", "now"},
      {std::vector<KLVChunkCut>{}}},
 };
 
-class FlushPlan : public testing::TestWithParam<Case> {};
-
-TEST_P(FlushPlan, CutsEarlierSessionsByTheirCounts) {
-  EXPECT_EQ(cutsOfEarlierSessions(GetParam().rows, GetParam().sessions, "now"), GetParam().cuts);
+TEST(FlushPlan, CutsEarlierSessionsByTheirCounts) {
+  for (const Case& each : kCases) {
+    EXPECT_EQ(cutsOfEarlierSessions(each.rows, each.sessions, "now"), each.cuts) << each.name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, FlushPlan, testing::ValuesIn(kCases), [](const auto& test) { return test.param.name; });
 
 TEST(FlushPlan, OnlySessionsWhoseEveryChunkWasAcceptedAreDelivered) {
   EXPECT_EQ(deliveredSessions({row("A", 1, 1, 5), row("B", 1, 1, 2), row("A", 2, 6, 7, false), row("C", 1, 1, 1, false),
