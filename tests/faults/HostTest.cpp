@@ -12,6 +12,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
+void end(Program& process) {
+  process.closeInput();
+  EXPECT_EQ(process.wait(), 0) << process.errors();
+}
+
 // --- Calls from many threads
 
 class Bursts : public Faults {
@@ -30,11 +35,6 @@ class Bursts : public Faults {
   void expectAllCalls(int mostTimes) {
     EXPECT_TRUE(eventually([this] { return arrivedCalls().size() == 10'000; }));
     for (const auto& [call, times] : arrivedCalls()) ASSERT_LE(times, mostTimes) << call.first << " " << call.second;
-  }
-
-  static void end(Program& process) {
-    process.closeInput();
-    EXPECT_EQ(process.wait(), 0) << process.errors();
   }
 };
 
@@ -84,12 +84,37 @@ TEST_F(Bursts, ThatGoOnDuringTheExitEndWithItAndLeaveNoGap) {
   }
 }
 
+// --- Ends before the start is over
+
+TEST_F(Faults, EventsOfLaunchesThatEndBeforeTheServiceAnswersAreStoredAtTheNextOne) {
+  service.answer("/enabled-status", Script::never());
+  Program killed = host();
+  play(killed, {"start", "/enabled-status", "First", "background"});
+  const std::string rescued = library("com.kelvo.db.eventsbuffer");
+  EXPECT_TRUE(eventually([&] { return count(contentOf(rescued), R"("id":"First")") == 2; })) << killed.errors();
+  killed.kill(SIGKILL);
+  killed.wait();
+
+  Program brief = host();
+  brief.writeLine("start");
+  ASSERT_TRUE(service.waitFor(2, "/enabled-status")) << brief.errors();
+  brief.writeLine("Second");
+  end(brief);
+  EXPECT_EQ(service.chunks().size(), 0U);
+
+  service.answerNormally("/enabled-status");
+  for (int launches = 0; launches < 2; ++launches) {
+    expectTheNextLaunchGoesOn();
+    EXPECT_EQ(arrived("First"), 2) << "as what waits for storage is buffered by two paths";
+    EXPECT_EQ(arrived("Second"), 1) << "and by one at an exit";
+    EXPECT_FALSE(std::filesystem::exists(rescued));
+  }
+}
+
 // --- The clock
 
 TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the address sanitizer asks the clock by itself, whatever is preloaded";
-#endif
+  if (kSanitizer == "address") GTEST_SKIP() << "it asks the clock by itself, whatever is preloaded";
   const std::string file = home() + "/clock";
   const Machine machine{{}, {{"LD_PRELOAD", KELVO_TEST_CLOCK_LIBRARY}, {"KELVO_TEST_CLOCK", file}}};
   constexpr std::int64_t kYear = 365 * 24 * 3600;
@@ -121,7 +146,7 @@ TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
 // --- Standard error
 
 TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
-  logDebugLines();
+  setLogLevel("debug");
   std::size_t launches = 0;
   for (const char* closed : {"2>&-", "1>&- 2>&-", ""}) {
     SCOPED_TRACE(closed);
@@ -135,8 +160,7 @@ TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
     const long logged = 10 * static_cast<long>(launches);
     EXPECT_TRUE(eventually([&] { return arrived("During") >= logged; }));
     EXPECT_EQ(arrived("During"), logged);
-    process.closeInput();
-    EXPECT_EQ(process.wait(), 0);
+    end(process);
   }
   EXPECT_TRUE(std::filesystem::exists(home() + "/of-the-host"));
   for (const auto& entry : std::filesystem::recursive_directory_iterator(home())) {
@@ -157,8 +181,7 @@ TEST_F(Faults, AStandardErrorThatNobodyReadsHoldsNobodyUp) {
   EXPECT_TRUE(eventually([&] { return arrived("During") > 0; }));
   EXPECT_EQ(arrived(word), kLines);
   const auto ends = std::chrono::steady_clock::now();
-  process.closeInput();
-  EXPECT_EQ(process.wait(), 0);
+  end(process);
   EXPECT_LT(std::chrono::steady_clock::now() - ends, 5s);
 }
 

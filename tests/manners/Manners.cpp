@@ -1,20 +1,9 @@
 #include "manners/Manners.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <sstream>
-#include <thread>
 
 namespace kelvo::test {
-
-Program Hosts::run(const std::vector<std::string>& program, const Machine& machine) {
-  auto command = machine.wrapper;
-  command.insert(command.end(), program.begin(), program.end());
-  auto environment = machine.environment;
-  environment.emplace("KELVO_HOME", homeOfLaunches());
-  environment.emplace("KELVO_SERVER_BASE_URL", service.baseURL());
-  return {command, environment};
-}
 
 void Hosts::play(Program& host, const std::vector<std::string>& lines) {
   for (const auto& line : lines) {
@@ -56,15 +45,6 @@ std::vector<std::string> linesAfter(const std::string& start, const std::string&
     if (line.rfind(start, 0) == 0) found.push_back(line.substr(start.size()));
   }
   return found;
-}
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 }  // namespace kelvo::test

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,8 +26,7 @@ struct Machine {
 class Hosts : public Road {
  protected:
   /// The host that only knows the public headers; see host/main.cpp.
-  Program host(const Machine& machine = {}) { return run({KELVO_MANNERS_HOST}, machine); }
-  Program run(const std::vector<std::string>& program, const Machine& machine);
+  Program host(const Machine& machine = {}) { return run({KELVO_MANNERS_HOST}, machine.environment, machine.wrapper); }
 
   /// Has the host play lines. It waits for the end of the start-up at `kStarted`, and where a line begins with "/", for
   /// a request to that path.
@@ -52,8 +50,5 @@ class Manners : public Hosts {
 
 /// The rest of every line of `text` that begins with `start`.
 std::vector<std::string> linesAfter(const std::string& start, const std::string& text);
-
-/// Waits for what nothing tells of; whether it came.
-bool eventually(const std::function<bool()>& condition);
 
 }  // namespace kelvo::test

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <map>
 #include <random>
 #include <set>
@@ -32,7 +33,8 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
       if (i % 90 == 60) host.play(R"({"call": "willResignActive"})");
     }
     std::this_thread::sleep_for(ofOneLaunch * std::uniform_real_distribution(0.0, 2.0)(random));
-    host.kill();
+    host.kill(SIGKILL);
+    host.wait();
 
     ASSERT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"}) << "round " << round;
     const std::vector<std::string> accepted = storedEvents();
@@ -52,11 +54,16 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
 }
 
 TEST_F(Road, ANormalExitRightAfterAThousandCallsStoresThemAll) {
-  Program host({KELVO_TEST_HOST}, {{"KELVO_SERVER_BASE_URL", service.baseURL()}});
+  Program host = run({KELVO_MANNERS_HOST});
+  host.writeLine("start");
+  ASSERT_TRUE(host.waitForError("initialized!"));
+  host.writeLine("burst 125 0");  // on eight threads
+  host.writeLine("join");
+  host.closeInput();
   ASSERT_EQ(host.wait(), 0) << host.errors();
   EXPECT_EQ(host.output(), "KelvoiOSSDK finalizer\n");
   const auto events = storedEvents();
-  EXPECT_EQ(std::count(events.begin(), events.end(), "Last words"), 1000);
+  EXPECT_EQ(std::count(events.begin(), events.end(), "burst"), 1000);
 }
 
 }  // namespace

@@ -26,21 +26,8 @@ TEST_F(Road, WrongUsageIsTold) {
   EXPECT_EQ(launch({"--help"}).quit(), 0);
 }
 
-TEST_F(Road, TheDeviceIdIsPrintedAndKept) {
-  const auto printed = [this] {
-    auto host = launch();
-    host.play(R"({"call": "getDeviceID"})").untilReady().play(R"({"call": "getDeviceID"})");
-    EXPECT_EQ(host.quit(), 0);
-    return host.output();
-  };
-  const std::string first = printed();
-  EXPECT_EQ(first.find("\n"), 0u) << "none before the start has ended";
-  EXPECT_EQ(first.size(), 1 + 36 + 1 + std::string("KelvoiOSSDK finalizer\n").size());
-  EXPECT_EQ(printed(), first);
-}
-
 TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
-  logDebugLines();
+  setLogLevel("debug");
   auto host = launch({"--app-id", ""});
   host.play(R"({"call": "initializeKelvoWithID"})").play(R"({"call": "initializeKelvoWithID", "id": "shop"})");
   host.untilReady();

@@ -2,36 +2,13 @@
 
 #include <sqlite3.h>
 
-#include <csignal>
-#include <stdexcept>
+#include <chrono>
+#include <memory>
+#include <thread>
 
 #include "platform/JSON.h"
 
 namespace kelvo::test {
-
-Launch::Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment,
-               std::vector<std::string> wrapper) {
-  wrapper.emplace_back(KELVO_LOG_PROGRAM);
-  wrapper.insert(wrapper.end(), arguments.begin(), arguments.end());
-  environment.emplace("KELVO_SERVER_BASE_URL", serviceURL);
-  program_ = std::make_unique<Program>(wrapper, environment);
-}
-
-Launch& Launch::play(const std::string& line) {
-  program_->writeLine(line);
-  return *this;
-}
-
-int Launch::quit() {
-  program_->closeInput();
-  return program_->wait();
-}
-
-Launch& Launch::kill() {
-  program_->kill(SIGKILL);
-  program_->wait();
-  return *this;
-}
 
 std::vector<std::string> Road::stored(const std::string& query) const {
   sqlite3* database = nullptr;
@@ -83,8 +60,17 @@ std::string Road::bundle(const std::string& kelvo, const std::string& more) {
   return home() + "/app.bundle";
 }
 
-void Road::logDebugLines() {
-  writeFileForTest(library("com.kelvo.SDK.config.json"), R"({"enable": true, "log_level": "debug"})");
+void Road::setLogLevel(const std::string& level) {
+  writeFileForTest(library("com.kelvo.SDK.config.json"), R"({"enable": true, "log_level": ")" + level + R"("})");
+}
+
+bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
 }
 
 Value at(const Value& value, std::initializer_list<std::string_view> path) {

@@ -66,18 +66,16 @@ TEST_F(Road, ADownloadedConfigurationCountsFromTheNextLaunch) {
 }
 
 TEST_F(Road, TheConfigurationSaysHowMuchIsLogged) {
-  const std::tuple<const char*, std::size_t, std::size_t> cases[] = {{R"(, "log_level": "debug")", 1, 1},
-                                                                     {R"(, "log_level": "warn")", 0, 1},
-                                                                     {R"(, "log_level": "DEBUG")", 0, 0},
-                                                                     {"", 0, 0}};
+  const std::tuple<const char*, std::size_t, std::size_t> cases[] = {
+      {nullptr, 0, 0}, {"DEBUG", 0, 0}, {"warn", 0, 1}, {"debug", 1, 1}};
   for (const auto& [configured, debugLines, warnings] : cases) {
-    const std::string configuration = std::string(R"({"enable": true)") + configured + "}";
-    writeFileForTest(library("com.kelvo.SDK.config.json"), configuration);
+    SCOPED_TRACE(configured != nullptr ? configured : "none");
+    if (configured != nullptr) setLogLevel(configured);
     auto host = launch();
     host.untilReady().play(R"({"info": {"no": "name"}})");
     EXPECT_EQ(host.quit(), 0);
-    EXPECT_EQ(count(host.errors(), "<KLV DEBUG> Sending user info: {"), debugLines) << configured;
-    EXPECT_EQ(count(host.errors(), "<KLV WARN> Improper app event logged"), warnings) << configured;
+    EXPECT_EQ(count(host.errors(), "<KLV DEBUG> Sending user info: {"), debugLines);
+    EXPECT_EQ(count(host.errors(), "<KLV WARN> Improper app event logged"), warnings);
   }
 }
 
@@ -124,21 +122,6 @@ TEST_F(Road, WhatIsLoggedWhileTheServiceThinksIsStoredFirstAndWinsOverWhatWasSto
   EXPECT_EQ(at(chunk, {"chunk_details", "user_attributes"}), Value(Dictionary{{"plan", "early"}, {"since", 1}}));
   EXPECT_EQ(at(chunk, {"device_info", "device_registration_token"}), Value("0AFF"));
   EXPECT_EQ(count(host.errors(), "<KLV ERROR> SDK not enabled - user identifier not set"), 1u);
-}
-
-TEST_F(Road, BackgroundRescuesWhatStorageNeverTookForTheNextLaunch) {
-  service.answer("/enabled-status", Script::never());
-  auto first = launch();
-  first.log("Rescued").play(R"({"call": "willResignActive"})");
-  const std::string file = library("com.kelvo.db.eventsbuffer");
-  EXPECT_TRUE(reached([&] { return !contentOf(file).empty(); }));
-  EXPECT_EQ(count(contentOf(file), R"("id":"Rescued")"), 2u);
-  first.kill();
-
-  service.answerNormally("/enabled-status");
-  EXPECT_EQ(launch().quit(), 0);
-  EXPECT_EQ(arrivedEvents(), (std::vector<std::string>{"Rescued", "Rescued"}));
-  EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 TEST_F(Road, OneProcessAtATimeUsesAHome) {

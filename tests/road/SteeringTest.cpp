@@ -29,7 +29,7 @@ TEST_F(Road, TheServiceDecidesWhatIsStoredCountedAndIgnored) {
                                   {"Stop", "ClientAndAll", "AggAndStop"});
   auto first = launch();
   first.untilReady();
-  ASSERT_TRUE(reached([] { return !contentOf(library(kClientEventsFile)).empty(); }));
+  ASSERT_TRUE(eventually([] { return !contentOf(library(kClientEventsFile)).empty(); }));
   for (const char* type : {"App", "Client", "Agg"}) {
     first.play(R"({"call": "listen", "type": ")" + std::string(type) + R"("})");
   }
@@ -85,10 +85,15 @@ class PluginHost : public Road {
     return bundle("<key>Core</key><string>in-app</string>" + plugins);
   }
 
-  Program run(const std::string& bundle, Program::Environment environment = {}) {
-    environment.insert(
-        {{"KELVO_SERVER_BASE_URL", service.baseURL()}, {"KELVO_BUNDLE", bundle}, {"LD_LIBRARY_PATH", home()}});
-    return Program({KELVO_IN_APP}, std::move(environment));
+  static std::string bundleWithEcho() {
+    const std::string bundle = bundleWith("<key>EchoPlugin</key><true/>");
+    std::filesystem::copy(KELVO_ECHO_PLUGIN, bundle + "/libkelvo-EchoPlugin.so");
+    return bundle;
+  }
+
+  Program runExample(const std::string& bundle, Program::Environment environment = {}) {
+    environment.insert({{"KELVO_BUNDLE", bundle}, {"LD_LIBRARY_PATH", home()}});
+    return run({KELVO_IN_APP}, environment);
   }
 };
 
@@ -99,9 +104,9 @@ TEST_F(PluginHost, TheExampleShowsWhatTheServiceSaysAndNoMoreOftenThanItMay) {
   service.state().setClientEvents({"Leave"}, {}, {});
   const std::string bundle = bundleWith("<key>InAppPlugin</key><true/>");
   const auto messages = [&](int buys) {
-    auto host = run(bundle);
+    auto host = runExample(bundle);
     // The rules are in force some time after the start.
-    EXPECT_TRUE(reached([&] {
+    EXPECT_TRUE(eventually([&] {
       host.writeLine("Enter");
       return count(host.output(), "Message: Welcome") > 0;
     }));
@@ -128,7 +133,7 @@ TEST_F(PluginHost, APluginInASharedObjectIsLoadedFromTheBundleAndFromNowhereElse
   for (const auto& file : {bundle + "/libkelvo-Broken.so", bundle + "/Outside.so", home() + "/libkelvo-Elsewhere.so"}) {
     writeFileForTest(file, "no object");
   }
-  auto host = run(bundle);
+  auto host = runExample(bundle);
   ASSERT_TRUE(host.waitForError("initialized!"));
   host.writeLine("Hello");
   EXPECT_TRUE(host.waitForOutput("Echo: Hello\n")) << host.errors();
@@ -140,13 +145,12 @@ TEST_F(PluginHost, APluginInASharedObjectIsLoadedFromTheBundleAndFromNowhereElse
 }
 
 TEST_F(PluginHost, APluginThatEndsTheProcessOrHoldsUpTheStartCostsNoEvent) {
-  const std::string bundle = bundleWith("<key>EchoPlugin</key><true/>");
-  std::filesystem::copy(KELVO_ECHO_PLUGIN, bundle + "/libkelvo-EchoPlugin.so");
+  const std::string bundle = bundleWithEcho();
   const auto names = [this] {
     return stored("select name from lifetime_events where name not like 'klv%' order by rowid");
   };
 
-  auto ending = run(bundle);
+  auto ending = runExample(bundle);
   ASSERT_TRUE(ending.waitForError("initialized!"));
   ending.writeLine("First");
   ending.writeLine("Exit");
@@ -154,10 +158,10 @@ TEST_F(PluginHost, APluginThatEndsTheProcessOrHoldsUpTheStartCostsNoEvent) {
   EXPECT_EQ(count(ending.output(), "KelvoiOSSDK finalizer"), 1u);
   EXPECT_EQ(names(), (std::vector<std::string>{"First", "Exit"}));
 
-  auto blocked = run(bundle, {{"ECHO_BLOCKS_START", "1"}});
-  EXPECT_TRUE(reached([&] { return count(blocked.output(), "Blocks the start") == 1; })) << blocked.errors();
+  auto blocked = runExample(bundle, {{"ECHO_BLOCKS_START", "1"}});
+  EXPECT_TRUE(eventually([&] { return count(blocked.output(), "Blocks the start") == 1; })) << blocked.errors();
   blocked.writeLine("Second");
-  EXPECT_TRUE(reached([&] { return count(blocked.output(), "Echo: Second") > 0; })) << blocked.errors();
+  EXPECT_TRUE(eventually([&] { return count(blocked.output(), "Echo: Second") > 0; })) << blocked.errors();
   blocked.closeInput();
   EXPECT_EQ(blocked.wait(), 0) << blocked.errors();
   EXPECT_EQ(count(blocked.errors(), "initialized!"), 0u);
@@ -165,9 +169,7 @@ TEST_F(PluginHost, APluginThatEndsTheProcessOrHoldsUpTheStartCostsNoEvent) {
 }
 
 TEST_F(PluginHost, AHostOfTheStaticLibraryLeavesSharedObjectsAlone) {
-  const std::string bundle = bundleWith("<key>EchoPlugin</key><true/>");
-  std::filesystem::copy(KELVO_ECHO_PLUGIN, bundle + "/libkelvo-EchoPlugin.so");
-  auto host = launch({}, {{"KELVO_BUNDLE", bundle}});
+  auto host = launch({}, {{"KELVO_BUNDLE", bundleWithEcho()}});
   EXPECT_EQ(host.untilReady().log("Event").quit(), 0) << host.errors();
   EXPECT_EQ(count(host.errors(), "libkelvo-EchoPlugin.so is left alone"), 1u);
   EXPECT_EQ(count(host.output(), "KelvoiOSSDK finalizer"), 1u) << "one library in the process";
