@@ -12,11 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-void end(Program& process) {
-  process.closeInput();
-  EXPECT_EQ(process.wait(), 0) << process.errors();
-}
-
 // --- Calls from many threads
 
 class Bursts : public Faults {

@@ -127,8 +127,7 @@ TEST_F(Faults, ALockThatIsHeldForAWhileCostsNothingAndOneThatIsNeverReleasedHold
   auto stuck = host();
   play(stuck, {"start", kStarted, "During"});
   const auto ends = std::chrono::steady_clock::now();
-  stuck.closeInput();
-  EXPECT_EQ(stuck.wait(), 0) << stuck.errors();
+  end(stuck);
   EXPECT_LT(std::chrono::steady_clock::now() - ends, std::chrono::seconds(4));
   EXPECT_GE(count(stuck.errors(), "database is locked"), 1U) << stuck.errors();
   lock.reset();

@@ -27,9 +27,8 @@ Program::Environment Hosts::serveTLS(collector::Server& server, const std::strin
       " 2>/dev/null";
   EXPECT_EQ(std::system(("bash -c '" + command + "'").c_str()), 0);
   const std::string entry = trusted ? "<key>KelvoCAFile</key><string>" + certificate + "</string>" : "";
-  writeFileForTest(home() + "/bundle/Info.plist", "<plist version=\"1.0\"><dict>" + entry + "</dict></plist>");
   EXPECT_NE(server.startTLS(certificate, key), 0);
-  return {{"KELVO_SERVER_BASE_URL", server.baseURL()}, {"KELVO_BUNDLE", home() + "/bundle"}};
+  return {{"KELVO_SERVER_BASE_URL", server.baseURL()}, {"KELVO_BUNDLE", bundle("", entry)}};
 }
 
 std::string Hosts::sent() const {

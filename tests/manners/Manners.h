@@ -33,6 +33,12 @@ class Hosts : public Road {
   void play(Program& host, const std::vector<std::string>& lines);
   static constexpr const char* kStarted = "initialized!";
 
+  /// Ends the host's input and waits for its end.
+  static void end(Program& host) {
+    host.closeInput();
+    EXPECT_EQ(host.wait(), 0) << host.errors();
+  }
+
   /// Has `server` listen with a certificate for `names`, good for `days` from now on. The environment of a program that
   /// speaks to it, and trusts it or does not.
   static Program::Environment serveTLS(collector::Server& server, const std::string& names, int days, bool trusted);

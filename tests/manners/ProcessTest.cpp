@@ -96,8 +96,7 @@ TEST_P(Fork, WithoutExecMakesAChildInWhichCallsDoNothingAndTheParentGoesOn) {
   EXPECT_EQ(service.requests("/enabled-status").size(), 1u);
   play(parent, {"stop", "join", "Of the parent", "background"});
   EXPECT_TRUE(eventually([&] { return count(sent(), "Of the parent") > 0; }));
-  parent.closeInput();
-  EXPECT_EQ(parent.wait(), 0);
+  end(parent);
   EXPECT_EQ(count(sent(), "Of the child"), 0u);
   for (const auto& file : std::filesystem::recursive_directory_iterator(documents(""))) {
     EXPECT_EQ(count(contentOf(file.path()), "Of the child"), 0u) << file.path();
@@ -113,8 +112,7 @@ TEST_F(Manners, AProgramThatTheHostStartsInheritsNoDescriptor) {
   const std::string before = parent.output();
   EXPECT_GE(linesAfter("", before).size(), 3u);
   parent.writeLine("run ls /proc/self/fd");
-  parent.closeInput();
-  EXPECT_EQ(parent.wait(), 0);
+  end(parent);
   EXPECT_EQ(parent.output(), before + before + "KelvoiOSSDK finalizer\n");
 }
 

@@ -112,27 +112,19 @@ TEST_F(Road, ARefusedChunkIsSentAgainWithTheSameEventsAtTheNextLaunch) {
   }
 }
 
-TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguous) {
-  auto host = launch();
-  host.untilReady();
-  for (const char* name : {"A", "B", "C"}) {
-    host.log(name).log(name).play(R"({"call": "willResignActive"})");
-    host.play(R"({"call": "wait", "seconds": 0.05})");
-  }
-  EXPECT_EQ(host.quit(), 0);
-  EXPECT_EQ(stored("select min(cid), max(cid) = count(*), count(*) >= 3 from chunkmeta")[0], "1|1|1");
-  const std::string endOfTheOneBefore = "coalesce((select end from chunkmeta where cid = c.cid - 1), 0)";
-  EXPECT_EQ(stored("select cid from chunkmeta c where start != 1 + " + endOfTheOneBefore), Names());
-  EXPECT_EQ(arrivedEvents(), (Names{"A", "A", "B", "B", "C", "C"}));
-}
-
-TEST_F(Road, ARangeThatIsReadInSlicesArrivesWholeAndInOrder) {
+TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguousAndArriveWholeAndInOrder) {
   auto host = launch();
   host.untilReady();
   Names names;
-  for (int i = 0; i < 2500; ++i) host.log(names.emplace_back("E" + std::to_string(i)));
+  for (const std::size_t upTo : {2U, 4U, 2504U}) {  // the last ones are read in slices
+    while (names.size() < upTo) host.log(names.emplace_back("E" + std::to_string(names.size())));
+    host.play(R"({"call": "willResignActive"})").play(R"({"call": "wait", "seconds": 0.05})");
+  }
   EXPECT_EQ(host.quit(), 0);
-  EXPECT_EQ(service.chunks().size(), 1u);
+  EXPECT_EQ(stored("select min(cid), max(cid) = count(*), max(end - start) >= 2499 from chunkmeta")[0], "1|1|1");
+  const std::string endOfTheOneBefore = "coalesce((select end from chunkmeta where cid = c.cid - 1), 0)";
+  EXPECT_EQ(stored("select cid from chunkmeta c where start != 1 + " + endOfTheOneBefore), Names());
+  EXPECT_GE(service.chunks().size(), 3u);
   EXPECT_EQ(arrivedEvents(), names);
 }
 
