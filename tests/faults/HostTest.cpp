@@ -150,7 +150,7 @@ TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
     ASSERT_TRUE(service.waitFor(++launches, "/v2/api/user"));
     // At last a file of the host gets its number, later on.
     if (*closed == '\0') play(process, {kStarted, "reuse " + home() + "/of-the-host"});
-    play(process, std::vector<std::string>(10, "During"));
+    play(process, Texts(10, "During"));
     process.writeLine("background");
     const long logged = 10 * static_cast<long>(launches);
     EXPECT_TRUE(eventually([&] { return arrived("During") >= logged; }));
@@ -171,7 +171,7 @@ TEST_F(Faults, AStandardErrorThatNobodyReadsHoldsNobodyUp) {
   play(process, {"start", "/v2/api/user"});
   const std::string word(40, 'x');
   constexpr long kLines = 6000;  // more than may wait
-  play(process, std::vector<std::string>(kLines, word));
+  play(process, Texts(kLines, word));
   play(process, {"During", "background"});
   EXPECT_TRUE(eventually([&] { return arrived("During") > 0; }));
   EXPECT_EQ(arrived(word), kLines);

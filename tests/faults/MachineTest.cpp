@@ -48,7 +48,7 @@ void setWritable(bool writable) {
   for (const auto& entry : fs::recursive_directory_iterator(home())) set(entry.path());
 }
 
-std::vector<std::string> asUser(const std::string& id) {
+Texts asUser(const std::string& id) {
   return {"/usr/bin/setpriv", "--reuid=" + id, "--regid=" + id, "--clear-groups"};
 }
 
@@ -63,7 +63,7 @@ const Breakage kBreakages[] = {
     {"readOnlyHome",
      [] {
        setWritable(false);
-       return Machine{isRoot() ? asUser("65534") : std::vector<std::string>{}};
+       return Machine{isRoot() ? asUser("65534") : Texts{}};
      },
      "cannot be written: Permission denied", false},
     {"homeBelowAFile",
@@ -88,7 +88,7 @@ TEST_P(BrokenHome, CostsWhatCannotBeKeptAndNothingElse) {
   const Breakage& broken = GetParam();
   if (std::string(broken.name) == "noHome" && !isRoot()) GTEST_SKIP() << "only root can be a user without an entry";
   ASSERT_EQ(launch().untilReady().log("Before").quit(), 0);
-  ASSERT_EQ(stored("pragma journal_mode=delete"), std::vector<std::string>{"delete"}) << "all is in the one file";
+  ASSERT_EQ(stored("pragma journal_mode=delete"), Texts{"delete"}) << "all is in the one file";
   const Machine machine = broken.strike();
   auto faulty = launch(machine);
   faulty.untilReady().log("During");
@@ -237,7 +237,7 @@ TEST_F(SmallDisk, ThatIsFullAtTheStartKeepsAllThatComesOnceThereIsRoom) {
     const int status = faulty.log("Later").quit();
     EXPECT_TRUE(status == 0 || status == 3) << status << faulty.errors();
     EXPECT_EQ(arrived("Later"), earlier + 1) << faulty.errors();
-    EXPECT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"});
+    EXPECT_EQ(stored("pragma integrity_check"), Texts{"ok"});
     EXPECT_EQ(launch().quit(), 0);
   }
 }

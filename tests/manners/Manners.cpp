@@ -5,7 +5,7 @@
 
 namespace kelvo::test {
 
-void Hosts::play(Program& host, const std::vector<std::string>& lines) {
+void Hosts::play(Program& host, const Texts& lines) {
   for (const auto& line : lines) {
     if (line == kStarted) {
       ASSERT_TRUE(host.waitForError(kStarted)) << host.output() << host.errors();
@@ -37,8 +37,8 @@ std::string Hosts::sent() const {
   return bodies;
 }
 
-std::vector<std::string> linesAfter(const std::string& start, const std::string& text) {
-  std::vector<std::string> found;
+Texts linesAfter(const std::string& start, const std::string& text) {
+  Texts found;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     if (line.rfind(start, 0) == 0) found.push_back(line.substr(start.size()));

@@ -18,7 +18,7 @@ inline constexpr std::string_view kSanitizer;
 
 /// Where and how a program runs: what stands before it on the command line, and what is added to its environment.
 struct Machine {
-  std::vector<std::string> wrapper = {};
+  Texts wrapper = {};
   Program::Environment environment = {};
 };
 
@@ -30,7 +30,7 @@ class Hosts : public Road {
 
   /// Has the host play lines. It waits for the end of the start-up at `kStarted`, and where a line begins with "/", for
   /// a request to that path.
-  void play(Program& host, const std::vector<std::string>& lines);
+  void play(Program& host, const Texts& lines);
   static constexpr const char* kStarted = "initialized!";
 
   /// Ends the host's input and waits for its end.
@@ -55,6 +55,6 @@ class Manners : public Hosts {
 };
 
 /// The rest of every line of `text` that begins with `start`.
-std::vector<std::string> linesAfter(const std::string& start, const std::string& text);
+Texts linesAfter(const std::string& start, const std::string& text);
 
 }  // namespace kelvo::test

@@ -5,11 +5,9 @@
 namespace kelvo::test {
 namespace {
 
-using Names = std::vector<std::string>;
-
 /// The names of the events of a `kind` in a chunk, or what they have under `key`.
-Names namesIn(const Value& chunk, std::string_view kind, std::string_view key = "name") {
-  Names names;
+Texts namesIn(const Value& chunk, std::string_view kind, std::string_view key = "name") {
+  Texts names;
   const Value events = at(chunk, {"chunk_details", kind});
   for (const Value& event : *events.get<Array>()) names.push_back(description(at(event, {key})));
   return names;
@@ -48,8 +46,8 @@ TEST_F(Road, WhatAHostLogsArrivesInOneChunkAndIsPurgedTwoLaunchesLater) {
   EXPECT_EQ(at(details, {"user_attributes", "custom_user_id"}), Value("u1"));
   EXPECT_EQ(at(details, {"session_attributes", "plan"}), Value("gold"));
   EXPECT_EQ(at((*at(details, {"incidents"}).get<Array>())[0], {"incident_specific_details", "tray"}), Value(2));
-  EXPECT_EQ(namesIn(chunks[0], "navigation_events"), (Names{"Front", "Photos"}));
-  EXPECT_EQ(namesIn(chunks[0], "system_events"), (Names{"FOREGROUND", "BACKGROUND"})) << "which cuts it";
+  EXPECT_EQ(namesIn(chunks[0], "navigation_events"), (Texts{"Front", "Photos"}));
+  EXPECT_EQ(namesIn(chunks[0], "system_events"), (Texts{"FOREGROUND", "BACKGROUND"})) << "which cuts it";
   EXPECT_EQ(at(chunks[0], {"session_info", "is_first_session"}), Value(true));
   EXPECT_GT(at(chunks[0], {"session_info", "duration"}).asDouble(), 0);
   for (const auto& request : service.requests()) EXPECT_EQ(request.status, 200) << request.path;
@@ -72,10 +70,10 @@ TEST_F(Road, TheScreensAndEventsOfAGameThatDrawsItselfArrive) {
   Program game = run({KELVO_GAME_PROGRAM});
   EXPECT_EQ(game.wait(), 0);
   ASSERT_TRUE(service.waitForChunks(1)) << game.errors();
-  EXPECT_EQ(namesIn(service.chunks()[0], "navigation_events"), (Names{"Main menu", "Level 1", "Shop"}));
+  EXPECT_EQ(namesIn(service.chunks()[0], "navigation_events"), (Texts{"Main menu", "Level 1", "Shop"}));
   EXPECT_EQ(namesIn(service.chunks()[0], "navigation_events", "navigation_id"),
-            (Names{"MenuScene", "LevelScene", "ShopScene"}));
-  EXPECT_EQ(arrivedEvents(), (Names{"Level started", "Bought"}));
+            (Texts{"MenuScene", "LevelScene", "ShopScene"}));
+  EXPECT_EQ(arrivedEvents(), (Texts{"Level started", "Bought"}));
   EXPECT_NE(game.output().find("Score 0                         Pause"), std::string::npos) << game.output();
 }
 
@@ -108,14 +106,14 @@ TEST_F(Road, ARefusedChunkIsSentAgainWithTheSameEventsAtTheNextLaunch) {
     EXPECT_NE(time, at(refused, {"chunk_meta", "reporting_times"})) << "the reporting time is a fresh one";
     const std::string id = description(at(refused, {"chunk_meta", "id"}));
     EXPECT_EQ(stored("select reporting_times, status from chunkmeta where id = '" + id + "'"),
-              std::vector<std::string>{description(time) + "|1"});
+              Texts{description(time) + "|1"});
   }
 }
 
 TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguousAndArriveWholeAndInOrder) {
   auto host = launch();
   host.untilReady();
-  Names names;
+  Texts names;
   for (const std::size_t upTo : {2U, 4U, 2504U}) {  // the last ones are read in slices
     while (names.size() < upTo) host.log(names.emplace_back("E" + std::to_string(names.size())));
     host.play(R"({"call": "willResignActive"})").play(R"({"call": "wait", "seconds": 0.05})");
@@ -123,7 +121,7 @@ TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguousAndArriveWholeAndInOrder) {
   EXPECT_EQ(host.quit(), 0);
   EXPECT_EQ(stored("select min(cid), max(cid) = count(*), max(end - start) >= 2499 from chunkmeta")[0], "1|1|1");
   const std::string endOfTheOneBefore = "coalesce((select end from chunkmeta where cid = c.cid - 1), 0)";
-  EXPECT_EQ(stored("select cid from chunkmeta c where start != 1 + " + endOfTheOneBefore), Names());
+  EXPECT_EQ(stored("select cid from chunkmeta c where start != 1 + " + endOfTheOneBefore), Texts());
   EXPECT_GE(service.chunks().size(), 3u);
   EXPECT_EQ(arrivedEvents(), names);
 }

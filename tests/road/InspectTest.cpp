@@ -11,7 +11,7 @@ namespace {
 class Inspect : public Road {
  protected:
   /// Runs kelvo-inspect to its end: what it says.
-  std::string inspect(std::vector<std::string> arguments, const Program::Environment& environment = {}) {
+  std::string inspect(Texts arguments, const Program::Environment& environment = {}) {
     arguments.insert(arguments.begin(), KELVO_INSPECT_PROGRAM);
     Program program = run(arguments, environment);
     status = program.wait();

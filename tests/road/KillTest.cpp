@@ -36,8 +36,8 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
     host.kill(SIGKILL);
     host.wait();
 
-    ASSERT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"}) << "round " << round;
-    const std::vector<std::string> accepted = storedEvents();
+    ASSERT_EQ(stored("pragma integrity_check"), Texts{"ok"}) << "round " << round;
+    const Texts accepted = storedEvents();
     auto undisturbed = launch();
     ASSERT_EQ(undisturbed.quit(), 0) << undisturbed.errors();
     std::map<std::string, std::set<std::string>> arrived;

@@ -12,12 +12,11 @@ TEST_F(Road, BadLinesAreNamedAndTheRestStillRuns) {
                            "line 7: \"name\" is no text", "line 8: \"hex\" is no text of two hexadecimal"}) {
     EXPECT_EQ(count(host.errors(), line), 1u) << line << host.errors();
   }
-  EXPECT_EQ(arrivedEvents(), std::vector<std::string>{"Good"});
+  EXPECT_EQ(arrivedEvents(), Texts{"Good"});
 }
 
 TEST_F(Road, WrongUsageIsTold) {
-  using Arguments = std::vector<std::string>;
-  for (const auto& wrong : {Arguments{"--wait", "soon"}, Arguments{"--nonsense"}, Arguments{"/no/such/file"}}) {
+  for (const auto& wrong : {Texts{"--wait", "soon"}, Texts{"--nonsense"}, Texts{"/no/such/file"}}) {
     EXPECT_EQ(launch(wrong).quit(), 2) << wrong[0];
   }
   auto neverStarted = launch({});
@@ -51,7 +50,7 @@ TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
       {"<KLV WARN> Invalid title: (null) given", 1},
       {"<KLV WARN> Ignoring a screen without a class name, title: Nowhere", 1}};
   for (const auto& [line, times] : expected) EXPECT_EQ(count(host.errors(), line), times) << line;
-  EXPECT_EQ(arrivedEvents(), std::vector<std::string>());
+  EXPECT_EQ(arrivedEvents(), Texts());
 }
 
 }  // namespace

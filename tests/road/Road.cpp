@@ -10,15 +10,15 @@
 
 namespace kelvo::test {
 
-std::vector<std::string> Road::stored(const std::string& query) const {
+Texts Road::stored(const std::string& query) const {
   sqlite3* database = nullptr;
   sqlite3_open((homeOfLaunches_ + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite").c_str(), &database);
   const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(database, sqlite3_close);
-  std::vector<std::string> rows;
+  Texts rows;
   const auto collect = [](void* all, int columns, char** values, char**) {
     std::string row;
     for (int i = 0; i < columns; ++i) row += (i > 0 ? "|" : "") + std::string(values[i] != nullptr ? values[i] : "");
-    static_cast<std::vector<std::string>*>(all)->push_back(row);
+    static_cast<Texts*>(all)->push_back(row);
     return 0;
   };
   char* error = nullptr;
@@ -28,8 +28,8 @@ std::vector<std::string> Road::stored(const std::string& query) const {
   return rows;
 }
 
-std::vector<std::string> Road::storedEvents() const {
-  std::vector<std::string> all;
+Texts Road::storedEvents() const {
+  Texts all;
   for (const auto& table : stored("select name from sqlite_master where name like 'events%'")) {
     for (auto& id : stored("select id from '" + table + "' order by identifier")) all.push_back(std::move(id));
   }
@@ -48,8 +48,8 @@ std::vector<std::pair<std::string, std::string>> Road::arrivals() const {
   return all;
 }
 
-std::vector<std::string> Road::arrivedEvents() const {
-  std::vector<std::string> names;
+Texts Road::arrivedEvents() const {
+  Texts names;
   for (const auto& [name, chunk] : arrivals()) names.push_back(name);
   return names;
 }

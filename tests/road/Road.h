@@ -16,6 +16,7 @@
 namespace kelvo::test {
 
 using collector::Script;
+using Texts = std::vector<std::string>;
 
 /// One launch of kelvo-log. Lines are played as they are added.
 class Launch : public Program {
@@ -44,8 +45,7 @@ class Road : public testing::Test {
   /// A program with this test's home and collector. `wrapper` stands before its command: another program that sets
   /// limits and runs it.
   template <class Started = Program>
-  Started run(std::vector<std::string> command, Program::Environment environment = {},
-              const std::vector<std::string>& wrapper = {}) const {
+  Started run(Texts command, Program::Environment environment = {}, const Texts& wrapper = {}) const {
     command.insert(command.begin(), wrapper.begin(), wrapper.end());
     environment.emplace("KELVO_HOME", homeOfLaunches_);
     environment.emplace("KELVO_SERVER_BASE_URL", service.baseURL());
@@ -53,8 +53,8 @@ class Road : public testing::Test {
   }
 
   /// A launch started by hand with the application id "shop".
-  Launch launch(std::vector<std::string> arguments = {"--app-id", "shop"}, const Program::Environment& environment = {},
-                const std::vector<std::string>& wrapper = {}) const {
+  Launch launch(Texts arguments = {"--app-id", "shop"}, const Program::Environment& environment = {},
+                const Texts& wrapper = {}) const {
     arguments.insert(arguments.begin(), KELVO_LOG_PROGRAM);
     return run<Launch>(arguments, environment, wrapper);
   }
@@ -64,13 +64,13 @@ class Road : public testing::Test {
   [[nodiscard]] const std::string& homeOfLaunches() const { return homeOfLaunches_; }
 
   /// Everything that the database answers to `query`, a text a row, columns joined by "|".
-  [[nodiscard]] std::vector<std::string> stored(const std::string& query) const;
+  [[nodiscard]] Texts stored(const std::string& query) const;
   /// The id column of all stored events of all sessions.
-  [[nodiscard]] std::vector<std::string> storedEvents() const;
+  [[nodiscard]] Texts storedEvents() const;
   /// The application events of all chunks that arrived, but for "klv_app_opened": the name and the chunk's id.
   [[nodiscard]] std::vector<std::pair<std::string, std::string>> arrivals() const;
   /// Their names.
-  [[nodiscard]] std::vector<std::string> arrivedEvents() const;
+  [[nodiscard]] Texts arrivedEvents() const;
   /// A bundle whose Info.plist holds `kelvo` under that name, and `more`.
   static std::string bundle(const std::string& kelvo, const std::string& more = {});
   /// How much the launches that follow log.

@@ -116,8 +116,8 @@ TEST_F(Road, WhatIsLoggedWhileTheServiceThinksIsStoredFirstAndWinsOverWhatWasSto
   host.untilReady().log("Later");
   EXPECT_EQ(host.quit(), 0);
   // An application event that waits for storage is buffered by two paths, and so stored twice.
-  EXPECT_EQ(arrivedEvents(), (std::vector<std::string>{"Early", "Early", "Later"}));
-  EXPECT_EQ(stored("select count from lifetime_events where name = 'Early'"), std::vector<std::string>{"2"});
+  EXPECT_EQ(arrivedEvents(), (Texts{"Early", "Early", "Later"}));
+  EXPECT_EQ(stored("select count from lifetime_events where name = 'Early'"), Texts{"2"});
   const Value chunk = service.chunks().back();
   EXPECT_EQ(at(chunk, {"chunk_details", "user_attributes"}), Value(Dictionary{{"plan", "early"}, {"since", 1}}));
   EXPECT_EQ(at(chunk, {"device_info", "device_registration_token"}), Value("0AFF"));
@@ -132,7 +132,7 @@ TEST_F(Road, OneProcessAtATimeUsesAHome) {
   EXPECT_EQ(second.log("Event").quit(), 4);
   EXPECT_EQ(count(second.errors(), "<KLV ERROR> Process "), 1u) << second.errors();
   EXPECT_EQ(first.log("Mine").quit(), 0);
-  EXPECT_EQ(arrivedEvents(), std::vector<std::string>{"Mine"});
+  EXPECT_EQ(arrivedEvents(), Texts{"Mine"});
 }
 
 }  // namespace
