@@ -119,11 +119,11 @@ TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
     writeFileForTest(file, std::string(sizeof shift, '\0'));
     service.state().setConfigurationValue("max_fg_chunk_send_time", 0.2);  // counts from the second launch on
     auto faulty = launch(machine);
-    faulty.untilReady().log("Before").play(R"({"call": "getDeviceID"})");
+    faulty.untilReady().log("Before").call("getDeviceID");
     EXPECT_TRUE(eventually([&] { return !faulty.output().empty(); }));
     std::fstream(file, std::ios::in | std::ios::out | std::ios::binary)
         .write(reinterpret_cast<const char*>(&shift), sizeof shift);
-    faulty.play(R"({"call": "didBecomeActive"})").log("During");
+    faulty.call("didBecomeActive").log("During");
     const auto sent = service.chunks().size();
     EXPECT_TRUE(launches == 0 || service.waitForChunks(sent + 1)) << "the timer stands still";
     EXPECT_EQ(faulty.quit(), 0) << faulty.errors();

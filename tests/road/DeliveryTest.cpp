@@ -15,11 +15,9 @@ Texts namesIn(const Value& chunk, std::string_view kind, std::string_view key = 
 
 TEST_F(Road, WhatAHostLogsArrivesInOneChunkAndIsPurgedTwoLaunchesLater) {
   auto first = launch();
-  first.play(R"({"call": "getDeviceID"})").untilReady().play(R"({"call": "getDeviceID"})");
-  first.play(R"({"call": "didBecomeActive"})").play(R"({"call": "didShow", "screen": "Shop.Front"})");
-  first.play(R"({"call": "logScreenWithName", "name": "Photos"})");
-  first.play(R"({"call": "setUserIdentifier", "identifier": "u1"})");
-  first.play(R"({"call": "setSessionCustomInfo", "info": {"plan": "gold"}})");
+  first.call("getDeviceID").untilReady().call("getDeviceID").call("didBecomeActive");
+  first.call("didShow", R"("screen": "Shop.Front")").call("logScreenWithName", R"("name": "Photos")");
+  first.call("setUserIdentifier", R"("identifier": "u1")").call("setSessionCustomInfo", R"("info": {"plan": "gold"})");
   first.play(R"({"name": "Rate", "isAggregate": true})");
   first.play(R"({"name": "Rate", "info": {"stars": 5, "by": "Ann"}, "isAggregate": true})");
   first.play(R"({"name": "Rate", "info": {"stars": 5}, "isAggregate": true})");
@@ -29,7 +27,7 @@ TEST_F(Road, WhatAHostLogsArrivesInOneChunkAndIsPurgedTwoLaunchesLater) {
   const std::string numbers =
       R"("min":-9223372036854775808,"max":9223372036854775807,"big":18446744073709551615,"one":1.0,"tenth":0.1,"yes":true)";
   first.play(R"({"name": "Numbers", "info": {)" + numbers + "}}");
-  first.play(R"({"call": "reportCustomError", "error": "No paper", "info": {"tray": 2}})");
+  first.call("reportCustomError", R"("error": "No paper", "info": {"tray": 2})");
   EXPECT_EQ(first.quit(), 0) << first.errors();
 
   const auto chunks = service.chunks();
@@ -55,7 +53,7 @@ TEST_F(Road, WhatAHostLogsArrivesInOneChunkAndIsPurgedTwoLaunchesLater) {
   const std::string session = description(at(chunks[0], {"session_info", "id"}));
   EXPECT_TRUE(std::filesystem::exists(library(session)));
   auto again = launch();
-  EXPECT_EQ(again.untilReady().play(R"({"call": "getDeviceID"})").quit(), 0);
+  EXPECT_EQ(again.untilReady().call("getDeviceID").quit(), 0);
   EXPECT_FALSE(std::filesystem::exists(library(session)));
   EXPECT_EQ(stored("select count(*) from sqlite_master where name = 'events_" + session + "'")[0], "0");
   EXPECT_EQ(stored("select count(*) from chunkmeta where sid = '" + session + "'")[0], "0");
@@ -116,7 +114,7 @@ TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguousAndArriveWholeAndInOrder) {
   Texts names;
   for (const std::size_t upTo : {2U, 4U, 2504U}) {  // the last ones are read in slices
     while (names.size() < upTo) host.log(names.emplace_back("E" + std::to_string(names.size())));
-    host.play(R"({"call": "willResignActive"})").play(R"({"call": "wait", "seconds": 0.05})");
+    host.call("willResignActive").call("wait", R"("seconds": 0.05)");
   }
   EXPECT_EQ(host.quit(), 0);
   EXPECT_EQ(stored("select min(cid), max(cid) = count(*), max(end - start) >= 2499 from chunkmeta")[0], "1|1|1");

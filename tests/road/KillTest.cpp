@@ -30,7 +30,7 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
     const int calls = std::uniform_int_distribution(1, 300)(random);
     for (int i = 0; i < calls; ++i) {
       host.log("E" + std::to_string(++number));
-      if (i % 90 == 60) host.play(R"({"call": "willResignActive"})");
+      if (i % 90 == 60) host.call("willResignActive");
     }
     std::this_thread::sleep_for(ofOneLaunch * std::uniform_real_distribution(0.0, 2.0)(random));
     host.kill(SIGKILL);

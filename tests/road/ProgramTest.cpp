@@ -5,8 +5,8 @@ namespace {
 
 TEST_F(Road, BadLinesAreNamedAndTheRestStillRuns) {
   auto host = launch();
-  host.untilReady().play("").play("# a comment").play("no JSON").play("[1]").play(R"({"call": "nonsense"})");
-  host.play(R"({"name": 7})").play(R"({"call": "deviceToken", "hex": "0G"})").log("Good");
+  host.untilReady().play("").play("# a comment").play("no JSON").play("[1]").call("nonsense");
+  host.play(R"({"name": 7})").call("deviceToken", R"("hex": "0G")").log("Good");
   EXPECT_EQ(host.quit(), 1);
   for (const char* line : {"line 4: no JSON", "line 5: no JSON object", "line 6: no such call: nonsense",
                            "line 7: \"name\" is no text", "line 8: \"hex\" is no text of two hexadecimal"}) {
@@ -28,14 +28,12 @@ TEST_F(Road, WrongUsageIsTold) {
 TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
   setLogLevel("debug");
   auto host = launch({"--app-id", ""});
-  host.play(R"({"call": "initializeKelvoWithID"})").play(R"({"call": "initializeKelvoWithID", "id": "shop"})");
-  host.untilReady();
-  host.play(R"({"info": {"a": 1}})").play(R"({"call": "logClientEventWithName"})");
-  host.play(R"({"name": "Faulty", "info": {"list": []}})").play(R"({"call": "reportCustomError"})");
-  host.play(R"({"call": "setUserIdentifier"})").play(R"({"call": "setUserCustomInfo", "info": {"a": null}})");
-  host.play(R"({"call": "setSessionCustomInfo", "info": {"a": ""}})").play(R"({"call": "deviceToken", "text": ""})");
-  host.play(R"({"call": "deviceToken"})").play(R"({"call": "logScreenWithName"})");
-  host.play(R"({"call": "didShow", "title": "Nowhere"})");
+  host.call("initializeKelvoWithID").call("initializeKelvoWithID", R"("id": "shop")").untilReady();
+  host.play(R"({"info": {"a": 1}})").call("logClientEventWithName");
+  host.play(R"({"name": "Faulty", "info": {"list": []}})").call("reportCustomError");
+  host.call("setUserIdentifier").call("setUserCustomInfo", R"("info": {"a": null})");
+  host.call("setSessionCustomInfo", R"("info": {"a": ""})").call("deviceToken", R"("text": "")");
+  host.call("deviceToken").call("logScreenWithName").call("didShow", R"("title": "Nowhere")");
   EXPECT_EQ(host.quit(), 0);
   const std::pair<const char*, std::size_t> expected[] = {
       {"<KLV ERROR> KelvoiOSSDK failed to initialize - invalid appId: ", 2},

@@ -28,8 +28,12 @@ class Launch : public Program {
     writeLine(line);
     return *this;
   }
+  /// Plays a call with its other members.
+  Launch& call(const std::string& name, const std::string& members = {}) {
+    return play(R"({"call": ")" + name + '"' + (members.empty() ? "" : ", ") + members + "}");
+  }
   Launch& log(const std::string& name) { return play(R"({"name": ")" + name + R"("})"); }
-  Launch& untilReady() { return play(R"({"call": "waitUntilReady", "seconds": 20})"); }
+  Launch& untilReady() { return call("waitUntilReady", R"("seconds": 20)"); }
   /// Ends the input and waits: the exit status.
   int quit() {
     closeInput();

@@ -84,7 +84,7 @@ TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostCan) {
                                                   "<key>CFBundleName</key><string>Shop</string>"
                                                   "<key>CFBundleShortVersionString</key><string>2.4</string>"
                                                   "<key>CFBundleVersion</key><string>118</string>")}});
-  host.play(R"({"call": "initializeKelvoWithID", "id": "manual"})").log("Event");
+  host.call("initializeKelvoWithID", R"("id": "manual")").log("Event");
   EXPECT_EQ(host.quit(), 0) << host.errors();
   EXPECT_EQ(host.errors().rfind("<KLV INFO> Initialising Kelvo SDK automatically with ID: auto", 0), 0u);
   EXPECT_EQ(count(host.errors(), "<KLV INFO> Kelvo SDK already initialized. Ignoring this call"), 1u);
@@ -106,14 +106,12 @@ TEST_F(Road, ABundleThatNamesNoIdLeavesTheStartToTheHost) {
 }
 
 TEST_F(Road, WhatIsLoggedWhileTheServiceThinksIsStoredFirstAndWinsOverWhatWasStored) {
-  EXPECT_EQ(launch().untilReady().play(R"({"call": "setUserCustomInfo", "info": {"plan": "old", "since": 1}})").quit(),
-            0);
+  EXPECT_EQ(launch().untilReady().call("setUserCustomInfo", R"("info": {"plan": "old", "since": 1})").quit(), 0);
   service.answer("/enabled-status", Script::late(std::chrono::milliseconds(300)));
   auto host = launch();
-  host.play(R"({"call": "setUserCustomInfo", "info": {"plan": "early"}})");
-  host.play(R"({"call": "setUserIdentifier", "identifier": "refused"})");
-  host.play(R"({"call": "deviceToken", "hex": "0aFF"})").log("Early");
-  host.untilReady().log("Later");
+  host.call("setUserCustomInfo", R"("info": {"plan": "early"})")
+      .call("setUserIdentifier", R"("identifier": "refused")");
+  host.call("deviceToken", R"("hex": "0aFF")").log("Early").untilReady().log("Later");
   EXPECT_EQ(host.quit(), 0);
   // An application event that waits for storage is buffered by two paths, and so stored twice.
   EXPECT_EQ(arrivedEvents(), (Texts{"Early", "Early", "Later"}));

@@ -31,11 +31,11 @@ TEST_F(Road, TheServiceDecidesWhatIsStoredCountedAndIgnored) {
   first.untilReady();
   ASSERT_TRUE(eventually([] { return !contentOf(library(kClientEventsFile)).empty(); }));
   for (const char* type : {"App", "Client", "Agg"}) {
-    first.play(R"({"call": "listen", "type": ")" + std::string(type) + R"("})");
+    first.call("listen", R"("type": ")" + std::string(type) + R"(")");
   }
-  first.play(R"({"call": "listen", "identifier": "5___Client"})");
+  first.call("listen", R"("identifier": "5___Client")");
   for (const char* name : {"Plain", "Client", "ClientAndAll", "Agg", "AggAndStop", "Stop"}) first.log(name);
-  first.play(R"({"call": "logClientEventWithName", "name": "Stop"})");
+  first.call("logClientEventWithName", R"("name": "Stop")");
   EXPECT_EQ(first.quit(), 0) << first.errors();
   auto events = heard(first.output());
   std::erase(events, "App klv_app_opened");  // it may come before the listener does
@@ -56,7 +56,7 @@ TEST_F(Road, TheServiceDecidesWhatIsStoredCountedAndIgnored) {
 TEST_F(Road, ActionsFollowTheServiceAndTheCallbackIsToldOf) {
   const auto synced = [this] {
     auto host = launch();
-    host.untilReady().play(R"({"call": "sync", "type": "rta", "version": "2", "seconds": 10})");
+    host.untilReady().call("sync", R"("type": "rta", "version": "2", "seconds": 10)");
     EXPECT_EQ(host.quit(), 0) << host.errors();
     return host.output().substr(0, host.output().find('\n'));
   };
@@ -72,7 +72,7 @@ TEST_F(Road, ActionsFollowTheServiceAndTheCallbackIsToldOf) {
 
   service.state().setActions("rta", {});
   auto host = launch();
-  host.untilReady().play(R"({"call": "sync", "type": "rta", "seconds": 0.3})");
+  host.untilReady().call("sync", R"("type": "rta", "seconds": 0.3)");
   EXPECT_EQ(host.quit(), 0);
   EXPECT_EQ(count(host.output(), R"({"sync":"rta","came":false})"), 1u);
 }
