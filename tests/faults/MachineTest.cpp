@@ -94,7 +94,7 @@ TEST_P(BrokenHome, CostsWhatCannotBeKeptAndNothingElse) {
   faulty.untilReady().log("During");
   EXPECT_EQ(faulty.quit(), broken.exitStatus) << faulty.errors();
   EXPECT_GE(count(faulty.errors(), broken.line), 1U) << faulty.errors();
-  setWritable(true);
+  setWritable(true);  // if it was not
   expectTheNextLaunchGoesOn();
   EXPECT_EQ(arrived("Before"), 1);
   EXPECT_EQ(arrived("During"), broken.isKept ? 1 : 0);
