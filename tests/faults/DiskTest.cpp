@@ -20,15 +20,6 @@ struct Failing {
 /// Real launches whose disk fails, one operation after the other.
 class FailingDisk : public Faults, public testing::WithParamInterface<Failing> {
  protected:
-  /// A home whose next launch has everything to do: a session of an earlier launch to purge, and one to send again.
-  void prepareHome(const std::string& name) {
-    moveToFreshHome(name);
-    EXPECT_EQ(launch().untilReady().log("Delivered").quit(), 0);
-    service.answer("/chunks", Script(503));
-    EXPECT_EQ(launch().untilReady().log("Waiting").quit(), 3);
-    service.answerNormally("/chunks");
-  }
-
   [[nodiscard]] Machine machine(int number) const {
     const char* given = std::getenv("ASAN_OPTIONS");
     return {{},
@@ -44,7 +35,12 @@ class FailingDisk : public Faults, public testing::WithParamInterface<Failing> {
 };
 
 TEST_P(FailingDisk, LosesNothingSilentlyThroughRecordCutUploadAndPurge) {
-  prepareHome("before");
+  // The next launch has everything to do: a session of an earlier launch to purge, and one to send again.
+  moveToFreshHome("before");
+  EXPECT_EQ(launch().untilReady().log("Delivered").quit(), 0);
+  service.answer("/chunks", Script(503));
+  EXPECT_EQ(launch().untilReady().log("Waiting").quit(), 3);
+  service.answerNormally("/chunks");
   const fs::path before = homeOfLaunches();
   const int step = kSanitizer.empty() ? 1 : 5;  // launches are slow under a sanitizer
   for (int number = 1;; number += step) {

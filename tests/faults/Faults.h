@@ -22,7 +22,7 @@ class Faults : public Hosts {
     next.untilReady().log("After");
     EXPECT_EQ(next.quit(), 0) << next.errors();
     EXPECT_EQ(arrived("After"), earlier + 1) << next.errors();
-    EXPECT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"});
+    EXPECT_EQ(stored("pragma integrity_check"), Texts{"ok"});
   }
 
   /// The events of that name that arrived in different chunks.

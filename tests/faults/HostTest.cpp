@@ -31,11 +31,6 @@ class Bursts : public Faults {
     EXPECT_TRUE(eventually([this] { return arrivedCalls().size() == 10'000; }));
     for (const auto& [call, times] : arrivedCalls()) ASSERT_LE(times, mostTimes) << call.first << " " << call.second;
   }
-
-  static void end(Program& process) {
-    process.closeInput();
-    EXPECT_EQ(process.wait(), 0) << process.errors();
-  }
 };
 
 TEST_F(Bursts, DuringTheStartAreAllDelivered) {
@@ -84,12 +79,37 @@ TEST_F(Bursts, ThatGoOnDuringTheExitEndWithItAndLeaveNoGap) {
   }
 }
 
+// --- Ends before the start is over
+
+TEST_F(Faults, EventsOfLaunchesThatEndBeforeTheServiceAnswersAreStoredAtTheNextOne) {
+  service.answer("/enabled-status", Script::never());
+  Program killed = host();
+  play(killed, {"start", "/enabled-status", "First", "background"});
+  const std::string rescued = library("com.kelvo.db.eventsbuffer");
+  EXPECT_TRUE(eventually([&] { return count(contentOf(rescued), R"("id":"First")") == 2; })) << killed.errors();
+  killed.kill(SIGKILL);
+  killed.wait();
+
+  Program brief = host();
+  brief.writeLine("start");
+  ASSERT_TRUE(service.waitFor(2, "/enabled-status")) << brief.errors();
+  brief.writeLine("Second");
+  end(brief);
+  EXPECT_EQ(service.chunks().size(), 0U);
+
+  service.answerNormally("/enabled-status");
+  for (int launches = 0; launches < 2; ++launches) {
+    expectTheNextLaunchGoesOn();
+    EXPECT_EQ(arrived("First"), 2) << "as what waits for storage is buffered by two paths";
+    EXPECT_EQ(arrived("Second"), 1) << "and by one at an exit";
+    EXPECT_FALSE(std::filesystem::exists(rescued));
+  }
+}
+
 // --- The clock
 
 TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the address sanitizer asks the clock by itself, whatever is preloaded";
-#endif
+  if (kSanitizer == "address") GTEST_SKIP() << "it asks the clock by itself, whatever is preloaded";
   const std::string file = home() + "/clock";
   const Machine machine{{}, {{"LD_PRELOAD", KELVO_TEST_CLOCK_LIBRARY}, {"KELVO_TEST_CLOCK", file}}};
   constexpr std::int64_t kYear = 365 * 24 * 3600;
@@ -99,11 +119,11 @@ TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
     writeFileForTest(file, std::string(sizeof shift, '\0'));
     service.state().setConfigurationValue("max_fg_chunk_send_time", 0.2);  // counts from the second launch on
     auto faulty = launch(machine);
-    faulty.untilReady().log("Before").play(R"({"call": "getDeviceID"})");
+    faulty.untilReady().log("Before").call("getDeviceID");
     EXPECT_TRUE(eventually([&] { return !faulty.output().empty(); }));
     std::fstream(file, std::ios::in | std::ios::out | std::ios::binary)
         .write(reinterpret_cast<const char*>(&shift), sizeof shift);
-    faulty.play(R"({"call": "didBecomeActive"})").log("During");
+    faulty.call("didBecomeActive").log("During");
     const auto sent = service.chunks().size();
     EXPECT_TRUE(launches == 0 || service.waitForChunks(sent + 1)) << "the timer stands still";
     EXPECT_EQ(faulty.quit(), 0) << faulty.errors();
@@ -121,7 +141,7 @@ TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
 // --- Standard error
 
 TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
-  logDebugLines();
+  setLogLevel("debug");
   std::size_t launches = 0;
   for (const char* closed : {"2>&-", "1>&- 2>&-", ""}) {
     SCOPED_TRACE(closed);
@@ -130,13 +150,12 @@ TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
     ASSERT_TRUE(service.waitFor(++launches, "/v2/api/user"));
     // At last a file of the host gets its number, later on.
     if (*closed == '\0') play(process, {kStarted, "reuse " + home() + "/of-the-host"});
-    play(process, std::vector<std::string>(10, "During"));
+    play(process, Texts(10, "During"));
     process.writeLine("background");
     const long logged = 10 * static_cast<long>(launches);
     EXPECT_TRUE(eventually([&] { return arrived("During") >= logged; }));
     EXPECT_EQ(arrived("During"), logged);
-    process.closeInput();
-    EXPECT_EQ(process.wait(), 0);
+    end(process);
   }
   EXPECT_TRUE(std::filesystem::exists(home() + "/of-the-host"));
   for (const auto& entry : std::filesystem::recursive_directory_iterator(home())) {
@@ -152,13 +171,12 @@ TEST_F(Faults, AStandardErrorThatNobodyReadsHoldsNobodyUp) {
   play(process, {"start", "/v2/api/user"});
   const std::string word(40, 'x');
   constexpr long kLines = 6000;  // more than may wait
-  play(process, std::vector<std::string>(kLines, word));
+  play(process, Texts(kLines, word));
   play(process, {"During", "background"});
   EXPECT_TRUE(eventually([&] { return arrived("During") > 0; }));
   EXPECT_EQ(arrived(word), kLines);
   const auto ends = std::chrono::steady_clock::now();
-  process.closeInput();
-  EXPECT_EQ(process.wait(), 0);
+  end(process);
   EXPECT_LT(std::chrono::steady_clock::now() - ends, 5s);
 }
 

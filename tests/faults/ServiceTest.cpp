@@ -65,7 +65,7 @@ TEST_F(Faults, AServiceThatIsBrokenOnEveryPathNeverReachesTheHostAndTheNextLaunc
     moveToFreshHome(given.name);
     service.answer("/v2", given.onEveryPath);
     auto faulty = launch({}, given.exitStatus == 0 ? "10" : "1");
-    faulty.play(R"({"call": "didBecomeActive"})").log(given.name);
+    faulty.call("didBecomeActive").log(given.name);
     EXPECT_EQ(faulty.quit(), given.exitStatus) << faulty.errors();
     service.answerNormally("/v2");
     expectTheNextLaunchGoesOn();

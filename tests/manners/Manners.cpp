@@ -1,22 +1,11 @@
 #include "manners/Manners.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <sstream>
-#include <thread>
 
 namespace kelvo::test {
 
-Program Hosts::run(const std::vector<std::string>& program, const Machine& machine) {
-  auto command = machine.wrapper;
-  command.insert(command.end(), program.begin(), program.end());
-  auto environment = machine.environment;
-  environment.emplace("KELVO_HOME", homeOfLaunches());
-  environment.emplace("KELVO_SERVER_BASE_URL", service.baseURL());
-  return {command, environment};
-}
-
-void Hosts::play(Program& host, const std::vector<std::string>& lines) {
+void Hosts::play(Program& host, const Texts& lines) {
   for (const auto& line : lines) {
     if (line == kStarted) {
       ASSERT_TRUE(host.waitForError(kStarted)) << host.output() << host.errors();
@@ -38,9 +27,8 @@ Program::Environment Hosts::serveTLS(collector::Server& server, const std::strin
       " 2>/dev/null";
   EXPECT_EQ(std::system(("bash -c '" + command + "'").c_str()), 0);
   const std::string entry = trusted ? "<key>KelvoCAFile</key><string>" + certificate + "</string>" : "";
-  writeFileForTest(home() + "/bundle/Info.plist", "<plist version=\"1.0\"><dict>" + entry + "</dict></plist>");
   EXPECT_NE(server.startTLS(certificate, key), 0);
-  return {{"KELVO_SERVER_BASE_URL", server.baseURL()}, {"KELVO_BUNDLE", home() + "/bundle"}};
+  return {{"KELVO_SERVER_BASE_URL", server.baseURL()}, {"KELVO_BUNDLE", bundle("", entry)}};
 }
 
 std::string Hosts::sent() const {
@@ -49,22 +37,13 @@ std::string Hosts::sent() const {
   return bodies;
 }
 
-std::vector<std::string> linesAfter(const std::string& start, const std::string& text) {
-  std::vector<std::string> found;
+Texts linesAfter(const std::string& start, const std::string& text) {
+  Texts found;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     if (line.rfind(start, 0) == 0) found.push_back(line.substr(start.size()));
   }
   return found;
-}
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 }  // namespace kelvo::test

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +18,7 @@ inline constexpr std::string_view kSanitizer;
 
 /// Where and how a program runs: what stands before it on the command line, and what is added to its environment.
 struct Machine {
-  std::vector<std::string> wrapper = {};
+  Texts wrapper = {};
   Program::Environment environment = {};
 };
 
@@ -27,13 +26,18 @@ struct Machine {
 class Hosts : public Road {
  protected:
   /// The host that only knows the public headers; see host/main.cpp.
-  Program host(const Machine& machine = {}) { return run({KELVO_MANNERS_HOST}, machine); }
-  Program run(const std::vector<std::string>& program, const Machine& machine);
+  Program host(const Machine& machine = {}) { return run({KELVO_MANNERS_HOST}, machine.environment, machine.wrapper); }
 
   /// Has the host play lines. It waits for the end of the start-up at `kStarted`, and where a line begins with "/", for
   /// a request to that path.
-  void play(Program& host, const std::vector<std::string>& lines);
+  void play(Program& host, const Texts& lines);
   static constexpr const char* kStarted = "initialized!";
+
+  /// Ends the host's input and waits for its end.
+  static void end(Program& host) {
+    host.closeInput();
+    EXPECT_EQ(host.wait(), 0) << host.errors();
+  }
 
   /// Has `server` listen with a certificate for `names`, good for `days` from now on. The environment of a program that
   /// speaks to it, and trusts it or does not.
@@ -51,9 +55,6 @@ class Manners : public Hosts {
 };
 
 /// The rest of every line of `text` that begins with `start`.
-std::vector<std::string> linesAfter(const std::string& start, const std::string& text);
-
-/// Waits for what nothing tells of; whether it came.
-bool eventually(const std::function<bool()>& condition);
+Texts linesAfter(const std::string& start, const std::string& text);
 
 }  // namespace kelvo::test

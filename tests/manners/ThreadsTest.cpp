@@ -74,8 +74,7 @@ TEST_F(Manners, LinkedAndNeverCalledItSaysOneLineAndIsNotThere) {
   auto program = host();
   EXPECT_TRUE(program.waitForError("\n"));
   for (const auto& thread : threadsOfLibrary(program)) EXPECT_EQ(thread.name, "kelvo.log");
-  program.closeInput();
-  EXPECT_EQ(program.wait(), 0);
+  end(program);
   EXPECT_EQ(program.errors().rfind("<KLV ERROR> KelvoiOSSDK failed to initialize - invalid Kelvo Meta Info", 0), 0u);
   EXPECT_EQ(linesAfter("", program.errors()).size(), 1u) << program.errors();
   EXPECT_FALSE(std::filesystem::exists(homeOfLaunches()));
@@ -95,8 +94,7 @@ TEST_F(Manners, ABrokenPipeAndABrokenConnectionEndNoHostThatLeftSIGPIPEAlone) {
   service.answerInTurn("/chunks", {Script::cut().times(1)});
   auto broken = host();
   play(broken, {"start", kStarted, "breakPipe", "Event", "background", "/chunks"});
-  broken.closeInput();
-  EXPECT_EQ(broken.wait(), 0);
+  end(broken);
   EXPECT_EQ(broken.output(), "KelvoiOSSDK finalizer\n");
 }
 

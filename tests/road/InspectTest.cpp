@@ -10,25 +10,21 @@ namespace {
 
 class Inspect : public Road {
  protected:
-  /// Runs kelvo-inspect to its end; `environment` is added to a service address of this test's collector.
-  Program& inspect(std::vector<std::string> arguments, Program::Environment environment = {}) {
-    environment.emplace("KELVO_SERVER_BASE_URL", service.baseURL());
+  /// Runs kelvo-inspect to its end: what it says.
+  std::string inspect(Texts arguments, const Program::Environment& environment = {}) {
     arguments.insert(arguments.begin(), KELVO_INSPECT_PROGRAM);
-    program_ = std::make_unique<Program>(arguments, environment);
-    status = program_->wait();
-    return *program_;
+    Program program = run(arguments, environment);
+    status = program.wait();
+    return program.output();
   }
 
   int status = -1;
-
- private:
-  std::unique_ptr<Program> program_;
 };
 
 TEST_F(Inspect, TellsWhatThereIsAndWhatIsDamagedWithoutStartingTheLibrary) {
   const std::string empty = home() + "/empty";
   std::filesystem::create_directory(empty);
-  EXPECT_NE(inspect({empty}).output().find("there is none"), std::string::npos);
+  EXPECT_NE(inspect({empty}).find("there is none"), std::string::npos);
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(std::filesystem::is_empty(empty));
 
@@ -37,7 +33,7 @@ TEST_F(Inspect, TellsWhatThereIsAndWhatIsDamagedWithoutStartingTheLibrary) {
   host.untilReady().log("Purchase\\u001b[2J").play(R"({"name": "Rating", "info": {"stars": 5}, "isAggregate": true})");
   ASSERT_EQ(host.quit(), 3) << host.errors();
   const auto requests = service.requests().size();
-  const auto found = parseJSON(inspect({"--json", home()}).output());
+  const auto found = parseJSON(inspect({"--json", home()}));
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(found);
   const auto sessions = *at(*found, {"sessions"}).get<Array>();
@@ -47,7 +43,7 @@ TEST_F(Inspect, TellsWhatThereIsAndWhatIsDamagedWithoutStartingTheLibrary) {
   EXPECT_EQ(at(sessions[0], {"not_cut"}), Value(0));
   EXPECT_EQ(at((*at(*found, {"aggregate_events"}).get<Array>())[0], {"name"}), Value("Rating"));
   EXPECT_EQ(at(*found, {"user_defaults", "klv_session_count"}), Value(1));
-  const std::string text = inspect({home()}).output();
+  const std::string text = inspect({home()});
   EXPECT_NE(text.find("0 of 1"), std::string::npos) << text;
   EXPECT_NE(text.find("Purchase?[2J"), std::string::npos) << "stored text must not reach the terminal raw" << text;
   EXPECT_EQ(service.requests().size(), requests) << "the library was started";
@@ -55,7 +51,7 @@ TEST_F(Inspect, TellsWhatThereIsAndWhatIsDamagedWithoutStartingTheLibrary) {
   writeFileForTest(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite"), std::string(8192, 'x'));
   std::filesystem::remove(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite-wal"));
   writeFileForTest(library("com.kelvo.SDK.config.json"), "{\"enable\": ");
-  const std::string damaged = inspect({home()}).output();
+  const std::string damaged = inspect({home()});
   EXPECT_EQ(status, 1);
   EXPECT_NE(damaged.find("file is not a database"), std::string::npos) << damaged;
   EXPECT_NE(damaged.find("UNREADABLE"), std::string::npos) << damaged;
@@ -66,9 +62,9 @@ TEST_F(Inspect, TellsWhatThereIsAndWhatIsDamagedWithoutStartingTheLibrary) {
 TEST_F(Inspect, TheDoctorNamesWhatIsWrongAndWhatToDo) {
   const std::string root = home(), bundle = root + "/app.bundle";
   const auto says = [&](const Program::Environment& environment, const std::string& line, int expected) {
-    const auto& doctor = inspect({"--doctor", "--program", "/bin/true", root}, environment);
-    EXPECT_NE(doctor.output().find(line), std::string::npos) << "missing: " << line << "\n" << doctor.output();
-    EXPECT_EQ(status, expected) << line << "\n" << doctor.output();
+    const std::string said = inspect({"--doctor", "--program", "/bin/true", root}, environment);
+    EXPECT_NE(said.find(line), std::string::npos) << "missing: " << line << "\n" << said;
+    EXPECT_EQ(status, expected) << line << "\n" << said;
   };
   const auto withBundle = [&](const std::string& plist) {
     writeFileForTest(bundle + "/Info.plist", plist);

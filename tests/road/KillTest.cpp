@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <map>
 #include <random>
 #include <set>
@@ -29,13 +30,14 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
     const int calls = std::uniform_int_distribution(1, 300)(random);
     for (int i = 0; i < calls; ++i) {
       host.log("E" + std::to_string(++number));
-      if (i % 90 == 60) host.play(R"({"call": "willResignActive"})");
+      if (i % 90 == 60) host.call("willResignActive");
     }
     std::this_thread::sleep_for(ofOneLaunch * std::uniform_real_distribution(0.0, 2.0)(random));
-    host.kill();
+    host.kill(SIGKILL);
+    host.wait();
 
-    ASSERT_EQ(stored("pragma integrity_check"), std::vector<std::string>{"ok"}) << "round " << round;
-    const std::vector<std::string> accepted = storedEvents();
+    ASSERT_EQ(stored("pragma integrity_check"), Texts{"ok"}) << "round " << round;
+    const Texts accepted = storedEvents();
     auto undisturbed = launch();
     ASSERT_EQ(undisturbed.quit(), 0) << undisturbed.errors();
     std::map<std::string, std::set<std::string>> arrived;
@@ -52,11 +54,16 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
 }
 
 TEST_F(Road, ANormalExitRightAfterAThousandCallsStoresThemAll) {
-  Program host({KELVO_TEST_HOST}, {{"KELVO_SERVER_BASE_URL", service.baseURL()}});
+  Program host = run({KELVO_MANNERS_HOST});
+  host.writeLine("start");
+  ASSERT_TRUE(host.waitForError("initialized!"));
+  host.writeLine("burst 125 0");  // on eight threads
+  host.writeLine("join");
+  host.closeInput();
   ASSERT_EQ(host.wait(), 0) << host.errors();
   EXPECT_EQ(host.output(), "KelvoiOSSDK finalizer\n");
   const auto events = storedEvents();
-  EXPECT_EQ(std::count(events.begin(), events.end(), "Last words"), 1000);
+  EXPECT_EQ(std::count(events.begin(), events.end(), "burst"), 1000);
 }
 
 }  // namespace

@@ -5,19 +5,18 @@ namespace {
 
 TEST_F(Road, BadLinesAreNamedAndTheRestStillRuns) {
   auto host = launch();
-  host.untilReady().play("").play("# a comment").play("no JSON").play("[1]").play(R"({"call": "nonsense"})");
-  host.play(R"({"name": 7})").play(R"({"call": "deviceToken", "hex": "0G"})").log("Good");
+  host.untilReady().play("").play("# a comment").play("no JSON").play("[1]").call("nonsense");
+  host.play(R"({"name": 7})").call("deviceToken", R"("hex": "0G")").log("Good");
   EXPECT_EQ(host.quit(), 1);
   for (const char* line : {"line 4: no JSON", "line 5: no JSON object", "line 6: no such call: nonsense",
                            "line 7: \"name\" is no text", "line 8: \"hex\" is no text of two hexadecimal"}) {
     EXPECT_EQ(count(host.errors(), line), 1u) << line << host.errors();
   }
-  EXPECT_EQ(arrivedEvents(), std::vector<std::string>{"Good"});
+  EXPECT_EQ(arrivedEvents(), Texts{"Good"});
 }
 
 TEST_F(Road, WrongUsageIsTold) {
-  using Arguments = std::vector<std::string>;
-  for (const auto& wrong : {Arguments{"--wait", "soon"}, Arguments{"--nonsense"}, Arguments{"/no/such/file"}}) {
+  for (const auto& wrong : {Texts{"--wait", "soon"}, Texts{"--nonsense"}, Texts{"/no/such/file"}}) {
     EXPECT_EQ(launch(wrong).quit(), 2) << wrong[0];
   }
   auto neverStarted = launch({});
@@ -26,30 +25,15 @@ TEST_F(Road, WrongUsageIsTold) {
   EXPECT_EQ(launch({"--help"}).quit(), 0);
 }
 
-TEST_F(Road, TheDeviceIdIsPrintedAndKept) {
-  const auto printed = [this] {
-    auto host = launch();
-    host.play(R"({"call": "getDeviceID"})").untilReady().play(R"({"call": "getDeviceID"})");
-    EXPECT_EQ(host.quit(), 0);
-    return host.output();
-  };
-  const std::string first = printed();
-  EXPECT_EQ(first.find("\n"), 0u) << "none before the start has ended";
-  EXPECT_EQ(first.size(), 1 + 36 + 1 + std::string("KelvoiOSSDK finalizer\n").size());
-  EXPECT_EQ(printed(), first);
-}
-
 TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
-  logDebugLines();
+  setLogLevel("debug");
   auto host = launch({"--app-id", ""});
-  host.play(R"({"call": "initializeKelvoWithID"})").play(R"({"call": "initializeKelvoWithID", "id": "shop"})");
-  host.untilReady();
-  host.play(R"({"info": {"a": 1}})").play(R"({"call": "logClientEventWithName"})");
-  host.play(R"({"name": "Faulty", "info": {"list": []}})").play(R"({"call": "reportCustomError"})");
-  host.play(R"({"call": "setUserIdentifier"})").play(R"({"call": "setUserCustomInfo", "info": {"a": null}})");
-  host.play(R"({"call": "setSessionCustomInfo", "info": {"a": ""}})").play(R"({"call": "deviceToken", "text": ""})");
-  host.play(R"({"call": "deviceToken"})").play(R"({"call": "logScreenWithName"})");
-  host.play(R"({"call": "didShow", "title": "Nowhere"})");
+  host.call("initializeKelvoWithID").call("initializeKelvoWithID", R"("id": "shop")").untilReady();
+  host.play(R"({"info": {"a": 1}})").call("logClientEventWithName");
+  host.play(R"({"name": "Faulty", "info": {"list": []}})").call("reportCustomError");
+  host.call("setUserIdentifier").call("setUserCustomInfo", R"("info": {"a": null})");
+  host.call("setSessionCustomInfo", R"("info": {"a": ""})").call("deviceToken", R"("text": "")");
+  host.call("deviceToken").call("logScreenWithName").call("didShow", R"("title": "Nowhere")");
   EXPECT_EQ(host.quit(), 0);
   const std::pair<const char*, std::size_t> expected[] = {
       {"<KLV ERROR> KelvoiOSSDK failed to initialize - invalid appId: ", 2},
@@ -64,7 +48,7 @@ TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
       {"<KLV WARN> Invalid title: (null) given", 1},
       {"<KLV WARN> Ignoring a screen without a class name, title: Nowhere", 1}};
   for (const auto& [line, times] : expected) EXPECT_EQ(count(host.errors(), line), times) << line;
-  EXPECT_EQ(arrivedEvents(), std::vector<std::string>());
+  EXPECT_EQ(arrivedEvents(), Texts());
 }
 
 }  // namespace

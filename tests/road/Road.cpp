@@ -2,46 +2,23 @@
 
 #include <sqlite3.h>
 
-#include <csignal>
-#include <stdexcept>
+#include <chrono>
+#include <memory>
+#include <thread>
 
 #include "platform/JSON.h"
 
 namespace kelvo::test {
 
-Launch::Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment,
-               std::vector<std::string> wrapper) {
-  wrapper.emplace_back(KELVO_LOG_PROGRAM);
-  wrapper.insert(wrapper.end(), arguments.begin(), arguments.end());
-  environment.emplace("KELVO_SERVER_BASE_URL", serviceURL);
-  program_ = std::make_unique<Program>(wrapper, environment);
-}
-
-Launch& Launch::play(const std::string& line) {
-  program_->writeLine(line);
-  return *this;
-}
-
-int Launch::quit() {
-  program_->closeInput();
-  return program_->wait();
-}
-
-Launch& Launch::kill() {
-  program_->kill(SIGKILL);
-  program_->wait();
-  return *this;
-}
-
-std::vector<std::string> Road::stored(const std::string& query) const {
+Texts Road::stored(const std::string& query) const {
   sqlite3* database = nullptr;
   sqlite3_open((homeOfLaunches_ + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite").c_str(), &database);
   const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(database, sqlite3_close);
-  std::vector<std::string> rows;
+  Texts rows;
   const auto collect = [](void* all, int columns, char** values, char**) {
     std::string row;
     for (int i = 0; i < columns; ++i) row += (i > 0 ? "|" : "") + std::string(values[i] != nullptr ? values[i] : "");
-    static_cast<std::vector<std::string>*>(all)->push_back(row);
+    static_cast<Texts*>(all)->push_back(row);
     return 0;
   };
   char* error = nullptr;
@@ -51,8 +28,8 @@ std::vector<std::string> Road::stored(const std::string& query) const {
   return rows;
 }
 
-std::vector<std::string> Road::storedEvents() const {
-  std::vector<std::string> all;
+Texts Road::storedEvents() const {
+  Texts all;
   for (const auto& table : stored("select name from sqlite_master where name like 'events%'")) {
     for (auto& id : stored("select id from '" + table + "' order by identifier")) all.push_back(std::move(id));
   }
@@ -71,8 +48,8 @@ std::vector<std::pair<std::string, std::string>> Road::arrivals() const {
   return all;
 }
 
-std::vector<std::string> Road::arrivedEvents() const {
-  std::vector<std::string> names;
+Texts Road::arrivedEvents() const {
+  Texts names;
   for (const auto& [name, chunk] : arrivals()) names.push_back(name);
   return names;
 }
@@ -83,8 +60,17 @@ std::string Road::bundle(const std::string& kelvo, const std::string& more) {
   return home() + "/app.bundle";
 }
 
-void Road::logDebugLines() {
-  writeFileForTest(library("com.kelvo.SDK.config.json"), R"({"enable": true, "log_level": "debug"})");
+void Road::setLogLevel(const std::string& level) {
+  writeFileForTest(library("com.kelvo.SDK.config.json"), R"({"enable": true, "log_level": ")" + level + R"("})");
+}
+
+bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
 }
 
 Value at(const Value& value, std::initializer_list<std::string_view> path) {

@@ -1,9 +1,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <memory>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,28 +16,29 @@
 namespace kelvo::test {
 
 using collector::Script;
+using Texts = std::vector<std::string>;
 
-/// One launch of kelvo-log, a real process on this test's home. Lines are played as they are added.
-class Launch {
+/// One launch of kelvo-log. Lines are played as they are added.
+class Launch : public Program {
  public:
-  /// `wrapper` stands before the program's name: another program that sets limits and runs it.
-  Launch(const std::string& serviceURL, std::vector<std::string> arguments, Program::Environment environment,
-         std::vector<std::string> wrapper = {});
+  using Program::Program;
 
   /// Plays one JSON line.
-  Launch& play(const std::string& line);
+  Launch& play(const std::string& line) {
+    writeLine(line);
+    return *this;
+  }
+  /// Plays a call with its other members.
+  Launch& call(const std::string& name, const std::string& members = {}) {
+    return play(R"({"call": ")" + name + '"' + (members.empty() ? "" : ", ") + members + "}");
+  }
   Launch& log(const std::string& name) { return play(R"({"name": ")" + name + R"("})"); }
-  Launch& untilReady() { return play(R"({"call": "waitUntilReady", "seconds": 20})"); }
+  Launch& untilReady() { return call("waitUntilReady", R"("seconds": 20)"); }
   /// Ends the input and waits: the exit status.
-  int quit();
-  Launch& kill();
-
-  [[nodiscard]] std::string errors() const { return program_->errors(); }
-  [[nodiscard]] std::string output() const { return program_->output(); }
-  [[nodiscard]] bool waitForError(const std::string& text) const { return program_->waitForError(text); }
-
- private:
-  std::unique_ptr<Program> program_;
+  int quit() {
+    closeInput();
+    return wait();
+  }
 };
 
 /// A home, and a collector in this process.
@@ -46,11 +46,21 @@ class Road : public testing::Test {
  protected:
   Road() { service.start(); }
 
-  /// A launch started by hand with the application id "shop".
-  Launch launch(std::vector<std::string> arguments = {"--app-id", "shop"}, Program::Environment environment = {},
-                std::vector<std::string> wrapper = {}) {
+  /// A program with this test's home and collector. `wrapper` stands before its command: another program that sets
+  /// limits and runs it.
+  template <class Started = Program>
+  Started run(Texts command, Program::Environment environment = {}, const Texts& wrapper = {}) const {
+    command.insert(command.begin(), wrapper.begin(), wrapper.end());
     environment.emplace("KELVO_HOME", homeOfLaunches_);
-    return {service.baseURL(), std::move(arguments), std::move(environment), std::move(wrapper)};
+    environment.emplace("KELVO_SERVER_BASE_URL", service.baseURL());
+    return {command, environment};
+  }
+
+  /// A launch started by hand with the application id "shop".
+  Launch launch(Texts arguments = {"--app-id", "shop"}, const Program::Environment& environment = {},
+                const Texts& wrapper = {}) const {
+    arguments.insert(arguments.begin(), KELVO_LOG_PROGRAM);
+    return run<Launch>(arguments, environment, wrapper);
   }
 
   /// From here on there is nothing on the disk: another home.
@@ -58,17 +68,17 @@ class Road : public testing::Test {
   [[nodiscard]] const std::string& homeOfLaunches() const { return homeOfLaunches_; }
 
   /// Everything that the database answers to `query`, a text a row, columns joined by "|".
-  [[nodiscard]] std::vector<std::string> stored(const std::string& query) const;
+  [[nodiscard]] Texts stored(const std::string& query) const;
   /// The id column of all stored events of all sessions.
-  [[nodiscard]] std::vector<std::string> storedEvents() const;
+  [[nodiscard]] Texts storedEvents() const;
   /// The application events of all chunks that arrived, but for "klv_app_opened": the name and the chunk's id.
   [[nodiscard]] std::vector<std::pair<std::string, std::string>> arrivals() const;
   /// Their names.
-  [[nodiscard]] std::vector<std::string> arrivedEvents() const;
+  [[nodiscard]] Texts arrivedEvents() const;
   /// A bundle whose Info.plist holds `kelvo` under that name, and `more`.
   static std::string bundle(const std::string& kelvo, const std::string& more = {});
-  /// Switches debug lines on for the launches that follow.
-  static void logDebugLines();
+  /// How much the launches that follow log.
+  static void setLogLevel(const std::string& level);
 
   collector::Server service;
 
@@ -76,12 +86,8 @@ class Road : public testing::Test {
   std::string homeOfLaunches_ = home();
 };
 
-/// Waits until `condition` holds.
-template <class Condition>
-[[nodiscard]] bool reached(Condition condition) {
-  for (int i = 0; i < 4000 && !condition(); ++i) usleep(5000);
-  return condition();
-}
+/// Waits for what nothing tells of; whether it came.
+bool eventually(const std::function<bool()>& condition);
 
 /// The member at the end of a path: `at(chunk, {"chunk_meta", "id"})`; null when there is none.
 Value at(const Value& value, std::initializer_list<std::string_view> path);

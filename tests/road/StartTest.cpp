@@ -66,18 +66,16 @@ TEST_F(Road, ADownloadedConfigurationCountsFromTheNextLaunch) {
 }
 
 TEST_F(Road, TheConfigurationSaysHowMuchIsLogged) {
-  const std::tuple<const char*, std::size_t, std::size_t> cases[] = {{R"(, "log_level": "debug")", 1, 1},
-                                                                     {R"(, "log_level": "warn")", 0, 1},
-                                                                     {R"(, "log_level": "DEBUG")", 0, 0},
-                                                                     {"", 0, 0}};
+  const std::tuple<const char*, std::size_t, std::size_t> cases[] = {
+      {nullptr, 0, 0}, {"DEBUG", 0, 0}, {"warn", 0, 1}, {"debug", 1, 1}};
   for (const auto& [configured, debugLines, warnings] : cases) {
-    const std::string configuration = std::string(R"({"enable": true)") + configured + "}";
-    writeFileForTest(library("com.kelvo.SDK.config.json"), configuration);
+    SCOPED_TRACE(configured != nullptr ? configured : "none");
+    if (configured != nullptr) setLogLevel(configured);
     auto host = launch();
     host.untilReady().play(R"({"info": {"no": "name"}})");
     EXPECT_EQ(host.quit(), 0);
-    EXPECT_EQ(count(host.errors(), "<KLV DEBUG> Sending user info: {"), debugLines) << configured;
-    EXPECT_EQ(count(host.errors(), "<KLV WARN> Improper app event logged"), warnings) << configured;
+    EXPECT_EQ(count(host.errors(), "<KLV DEBUG> Sending user info: {"), debugLines);
+    EXPECT_EQ(count(host.errors(), "<KLV WARN> Improper app event logged"), warnings);
   }
 }
 
@@ -86,7 +84,7 @@ TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostCan) {
                                                   "<key>CFBundleName</key><string>Shop</string>"
                                                   "<key>CFBundleShortVersionString</key><string>2.4</string>"
                                                   "<key>CFBundleVersion</key><string>118</string>")}});
-  host.play(R"({"call": "initializeKelvoWithID", "id": "manual"})").log("Event");
+  host.call("initializeKelvoWithID", R"("id": "manual")").log("Event");
   EXPECT_EQ(host.quit(), 0) << host.errors();
   EXPECT_EQ(host.errors().rfind("<KLV INFO> Initialising Kelvo SDK automatically with ID: auto", 0), 0u);
   EXPECT_EQ(count(host.errors(), "<KLV INFO> Kelvo SDK already initialized. Ignoring this call"), 1u);
@@ -108,37 +106,20 @@ TEST_F(Road, ABundleThatNamesNoIdLeavesTheStartToTheHost) {
 }
 
 TEST_F(Road, WhatIsLoggedWhileTheServiceThinksIsStoredFirstAndWinsOverWhatWasStored) {
-  EXPECT_EQ(launch().untilReady().play(R"({"call": "setUserCustomInfo", "info": {"plan": "old", "since": 1}})").quit(),
-            0);
+  EXPECT_EQ(launch().untilReady().call("setUserCustomInfo", R"("info": {"plan": "old", "since": 1})").quit(), 0);
   service.answer("/enabled-status", Script::late(std::chrono::milliseconds(300)));
   auto host = launch();
-  host.play(R"({"call": "setUserCustomInfo", "info": {"plan": "early"}})");
-  host.play(R"({"call": "setUserIdentifier", "identifier": "refused"})");
-  host.play(R"({"call": "deviceToken", "hex": "0aFF"})").log("Early");
-  host.untilReady().log("Later");
+  host.call("setUserCustomInfo", R"("info": {"plan": "early"})")
+      .call("setUserIdentifier", R"("identifier": "refused")");
+  host.call("deviceToken", R"("hex": "0aFF")").log("Early").untilReady().log("Later");
   EXPECT_EQ(host.quit(), 0);
   // An application event that waits for storage is buffered by two paths, and so stored twice.
-  EXPECT_EQ(arrivedEvents(), (std::vector<std::string>{"Early", "Early", "Later"}));
-  EXPECT_EQ(stored("select count from lifetime_events where name = 'Early'"), std::vector<std::string>{"2"});
+  EXPECT_EQ(arrivedEvents(), (Texts{"Early", "Early", "Later"}));
+  EXPECT_EQ(stored("select count from lifetime_events where name = 'Early'"), Texts{"2"});
   const Value chunk = service.chunks().back();
   EXPECT_EQ(at(chunk, {"chunk_details", "user_attributes"}), Value(Dictionary{{"plan", "early"}, {"since", 1}}));
   EXPECT_EQ(at(chunk, {"device_info", "device_registration_token"}), Value("0AFF"));
   EXPECT_EQ(count(host.errors(), "<KLV ERROR> SDK not enabled - user identifier not set"), 1u);
-}
-
-TEST_F(Road, BackgroundRescuesWhatStorageNeverTookForTheNextLaunch) {
-  service.answer("/enabled-status", Script::never());
-  auto first = launch();
-  first.log("Rescued").play(R"({"call": "willResignActive"})");
-  const std::string file = library("com.kelvo.db.eventsbuffer");
-  EXPECT_TRUE(reached([&] { return !contentOf(file).empty(); }));
-  EXPECT_EQ(count(contentOf(file), R"("id":"Rescued")"), 2u);
-  first.kill();
-
-  service.answerNormally("/enabled-status");
-  EXPECT_EQ(launch().quit(), 0);
-  EXPECT_EQ(arrivedEvents(), (std::vector<std::string>{"Rescued", "Rescued"}));
-  EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 TEST_F(Road, OneProcessAtATimeUsesAHome) {
@@ -149,7 +130,7 @@ TEST_F(Road, OneProcessAtATimeUsesAHome) {
   EXPECT_EQ(second.log("Event").quit(), 4);
   EXPECT_EQ(count(second.errors(), "<KLV ERROR> Process "), 1u) << second.errors();
   EXPECT_EQ(first.log("Mine").quit(), 0);
-  EXPECT_EQ(arrivedEvents(), std::vector<std::string>{"Mine"});
+  EXPECT_EQ(arrivedEvents(), Texts{"Mine"});
 }
 
 }  // namespace

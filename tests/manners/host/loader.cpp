@@ -14,6 +14,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -21,20 +22,13 @@
 
 namespace {
 
-class PlugIn {
- public:
-  explicit PlugIn(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-    if (handle_ == nullptr) std::cerr << dlerror() << std::endl;
-  }
-  PlugIn(const PlugIn&) = delete;
-  PlugIn& operator=(const PlugIn&) = delete;
-  ~PlugIn() { dlclose(handle_); }
-
-  void call(const char* function) const { reinterpret_cast<void (*)()>(dlsym(handle_, function))(); }
-
- private:
-  void* handle_;
-};
+/// Loads the plug-in, has it do something, and lets go of it.
+void callPlugIn(const char* path, std::initializer_list<const char*> functions) {
+  void* const plugIn = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  if (plugIn == nullptr) std::cerr << dlerror() << std::endl;
+  for (const char* function : functions) reinterpret_cast<void (*)()>(dlsym(plugIn, function))();
+  dlclose(plugIn);
+}
 
 void untilTold() {
   std::cin.ignore(100, '\n');
@@ -102,23 +96,24 @@ void useCurl() {
   curl_easy_cleanup(curl);
 }
 
+}  // namespace
+
 /// The host lets go of the plug-in and of its own curl while the library goes on, and comes back to both.
-void compareSettings(const char* path) {
+int main(int, char** arguments) {
+  const char* const plugIn = arguments[1];
   setUpToTaste();
   curl_global_init(CURL_GLOBAL_DEFAULT);
   useCurl();
   useSQLite();
   const auto before = settings();
-  PlugIn(path).call("start");
+  callPlugIn(plugIn, {"start"});
   untilTold();
-  PlugIn(path).call("logAndResign");
-  if (dlopen(path, RTLD_NOW | RTLD_NOLOAD) != nullptr) std::cout << "the plug-in is still there" << std::endl;
+  callPlugIn(plugIn, {"logAndResign"});
+  if (dlopen(plugIn, RTLD_NOW | RTLD_NOLOAD) != nullptr) std::cout << "the plug-in is still there" << std::endl;
   untilTold();
   useCurl();
   curl_global_cleanup();
-  const PlugIn plugIn(path);
-  plugIn.call("start");
-  plugIn.call("logAndResign");
+  callPlugIn(plugIn, {"start", "logAndResign"});
   untilTold();
   curl_global_init(CURL_GLOBAL_DEFAULT);
   useCurl();
@@ -127,11 +122,5 @@ void compareSettings(const char* path) {
     if (before.at(name) != value) std::cout << "changed: " << name << std::endl;
   }
   std::cout << "compared " << before.size() << std::endl;
-}
-
-}  // namespace
-
-int main(int, char** arguments) {
-  compareSettings(arguments[1]);
   return 0;
 }
