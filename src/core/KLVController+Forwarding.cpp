@@ -27,6 +27,7 @@ void KLVController::saveFrequencyInfo(const Value& info, const std::optional<std
   const auto handler = dataHandler();
   if (handler == nullptr || KLVUtilities::isInvalidDictionary(info) || KLVUtilities::isInvalidString(identifier))
     return;
+  const std::lock_guard lock(frequencyMutex_);
   const auto stored = handler->retrieveFrequencyConfig();
   const auto* dictionary = stored ? stored->get<Dictionary>() : nullptr;
   Dictionary config = dictionary != nullptr ? *dictionary : Dictionary();

@@ -211,6 +211,8 @@ class KLVController final : public KLVEventListener,
   std::atomic<bool> isCordova_{false};
   std::atomic<bool> actionInProgress_{false};
 
+  std::mutex frequencyMutex_;  // one at a time reads, changes and writes the frequency info of all
+
   // Guards what follows; never held across I/O or a callback.
   std::mutex mutex_;
   bool dataHandlerStarted_ = false;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <stdexcept>
+#include <thread>
 
 #include "core/CoreTest.h"
 #include "kelvo/KelvoSDK.h"
@@ -146,7 +147,18 @@ TEST_F(Plugins, TheServicesDoWhatTheirNamesSayAndRefuseWhatIsWrong) {
   EXPECT_EQ(listener.use_count(), 1) << "the bus has let it go";
 
   PluginServices::saveFrequencyInfo({{"shown", 1}}, "caf\xe9");
-  PluginServices::saveFrequencyInfo({{"shown", 2}}, "campaign");
+  const auto saveAll = [](int plugin) {
+    for (int i = 0; i < 50; ++i) PluginServices::saveFrequencyInfo({{"shown", i}}, std::to_string(100 * plugin + i));
+  };
+  std::thread other(saveAll, 1);
+  saveAll(2);
+  other.join();
+  for (int plugin : {100, 200}) {
+    for (int i = 0; i < 50; ++i) {
+      ASSERT_EQ(PluginServices::retrieveFrequencyConfigWithIdentifier(std::to_string(plugin + i)),
+                (Dictionary{{"shown", i}}));
+    }
+  }
   EXPECT_EQ(PluginServices::retrieveFrequencyConfigWithIdentifier("caf\xe9"), (Dictionary{{"shown", 1}}))
       << "found under the text that it was given with, repaired or not";
   PluginServices::persistPIDMIDDict({{"P1", "1"}}, "rta");
