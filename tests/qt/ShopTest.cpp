@@ -17,7 +17,7 @@ class Shop : public Road {
   /// Until the start is over, whose last event is klv_app_opened, and the application is in the foreground.
   [[nodiscard]] bool waitUntilInForeground() const {
     const std::string database = homeOfLaunches() + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
-    return reached([&] {
+    return eventually([&] {
       const auto events = std::filesystem::exists(database) ? storedEvents() : std::vector<std::string>();
       const auto has = [&](const char* id) { return std::count(events.begin(), events.end(), id) > 0; };
       return has("klv_app_opened") && has("FOREGROUND");
