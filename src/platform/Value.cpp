@@ -132,13 +132,14 @@ struct Dictionary::Rep : Shared {
     }
   }
 
-  /// Its key must be new.
-  void append(Entry entry) {
+  /// Makes an entry of `parts`; its key must be new.
+  template <class... Parts>
+  void append(Parts&&... parts) {
     // In small steps: there are many dictionaries of a few entries, and most grow no more.
     if (entries.size() == entries.capacity()) {
       entries.reserve(entries.size() + std::max<std::size_t>(2, entries.size() / 4));
     }
-    entries.push_back(std::move(entry));
+    entries.emplace_back(std::forward<Parts>(parts)...);
     if (slots.size() >= 2 * entries.size()) {
       fill(entries.size() - 1);
     } else if (entries.size() > kLargestWithoutIndex) {
@@ -170,8 +171,15 @@ struct Dictionary::Rep : Shared {
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries) {
   if (entries.size() == 0) return;
-  own().entries.reserve(entries.size());
-  for (const Entry& entry : entries) set(entry.first, entry.second);
+  Rep& rep = own();
+  rep.entries.reserve(entries.size());
+  for (const Entry& entry : entries) {
+    if (const std::size_t position = rep.position(entry.first); position != Rep::kNone) {
+      rep.entries[position].second = entry.second;
+    } else {
+      rep.append(entry);
+    }
+  }
 }
 Dictionary::Dictionary(const Dictionary& other) noexcept : rep_(retained(other.rep_)) {}
 Dictionary& Dictionary::operator=(Dictionary other) noexcept {
@@ -214,8 +222,8 @@ void Dictionary::set(std::string_view key, Value value) {
     own().entries[position].second = std::move(value);
     return;
   }
-  Entry entry(std::string(key), std::move(value));
-  own().append(std::move(entry));
+  std::string name(key);
+  own().append(std::move(name), std::move(value));
 }
 
 void Dictionary::remove(std::string_view key) {

@@ -1,5 +1,6 @@
 #include "util/KLVSanitiser.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -54,12 +55,11 @@ std::size_t validSize(std::string_view text) noexcept {
   std::size_t at = 0;
   while (at < text.size()) {
     std::uint64_t eight = 0;
-    if (text.size() - at >= sizeof eight) {
-      std::memcpy(&eight, text.data() + at, sizeof eight);
-      if ((eight & 0x8080808080808080U) == 0) {
-        at += sizeof eight;
-        continue;
-      }
+    const std::size_t looked = std::min(sizeof eight, text.size() - at);
+    std::memcpy(&eight, text.data() + at, looked);
+    if ((eight & 0x8080808080808080U) == 0) {
+      at += looked;
+      continue;
     }
     const Character character = firstCharacter(text.substr(at));
     if (!character.valid) return at;
