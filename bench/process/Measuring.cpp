@@ -20,14 +20,14 @@ std::int64_t Watcher::number(const char* sql) {
     }
     sqlite3_busy_timeout(connection_, 1000);
   }
-  sqlite3_stmt* statement = nullptr;
-  std::int64_t result = 0;
-  if (sqlite3_prepare_v2(connection_, sql, -1, &statement, nullptr) == SQLITE_OK &&
-      sqlite3_step(statement) == SQLITE_ROW) {
-    result = sqlite3_column_int64(statement, 0);
+  for (;;) {
+    sqlite3_stmt* statement = nullptr;
+    const bool found = sqlite3_prepare_v2(connection_, sql, -1, &statement, nullptr) == SQLITE_OK &&
+                       sqlite3_step(statement) == SQLITE_ROW;
+    const std::int64_t result = found ? sqlite3_column_int64(statement, 0) : 0;
+    sqlite3_finalize(statement);
+    if (found || sqlite3_errcode(connection_) != SQLITE_SCHEMA) return result;  // else a table came or went meanwhile
   }
-  sqlite3_finalize(statement);
-  return result;
 }
 
 void waitFor(const std::function<bool()>& condition, std::chrono::microseconds interval) {
