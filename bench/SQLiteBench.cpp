@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "storage/FMKLVDatabase.h"
+#include "sqlite/FMKLVDatabase.h"
 
 /// What the access layer costs: rows inserted through it, by named parameters, against the C interface on the same
 /// statements, on a file set up like the library's own. The argument is the number of rows a transaction.

@@ -5,7 +5,7 @@
 #include "core/AttributeFlattening.h"
 #include "platform/JSON.h"
 #include "util/KLVSanitiser.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo::bench {
 namespace {

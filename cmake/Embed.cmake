@@ -1,5 +1,5 @@
 # cmake -DFROM=<directory> -DTO=<source> -P Embed.cmake: writes a C++ source with the content of each file in FROM, for
-# kelvo-collector/Page.h.
+# kelvo-collector/http/Page.h.
 file(GLOB files RELATIVE ${FROM} ${FROM}/*)
 list(SORT files)
 set(contents "")
@@ -13,7 +13,7 @@ foreach(file IN LISTS files)
   string(APPEND table "    {\"${file}\", {reinterpret_cast<const char*>(kFile${count}), sizeof kFile${count} - 1}},\n")
   math(EXPR count "${count} + 1")
 endforeach()
-file(WRITE ${TO} "#include \"kelvo-collector/Page.h\"
+file(WRITE ${TO} "#include \"kelvo-collector/http/Page.h\"
 
 namespace kelvo::collector {
 namespace {

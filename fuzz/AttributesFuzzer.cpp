@@ -8,7 +8,7 @@
 #include "upload/KLVChunkDetails.h"
 #include "util/KLVException.h"
 #include "util/KLVSanitiser.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo::fuzz {
 namespace {

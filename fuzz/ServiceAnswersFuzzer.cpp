@@ -12,7 +12,9 @@
 #include "platform/UserDefaults.h"
 #include "records/KLVEvents.h"
 #include "records/KLVFileNames.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Actions.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Files.h"
 
 namespace kelvo::fuzz {
 namespace {

@@ -139,6 +139,12 @@ class KELVO_EXPORT Value {
     return std::get_if<T>(&content_);
   }
 
+  /// The text, array or dictionary if the value is one, else nullopt. The array and the dictionary share their content
+  /// with the value.
+  [[nodiscard]] std::optional<std::string> asText() const;
+  [[nodiscard]] std::optional<Array> asArray() const noexcept;
+  [[nodiscard]] std::optional<Dictionary> asDictionary() const noexcept;
+
   /// The number, or the number that a text begins with, truncated towards zero and clamped to the range of the
   /// result; 0 for everything else.
   [[nodiscard]] std::int64_t asInt64() const noexcept;

@@ -5,7 +5,8 @@
 #include "records/KLVFileNames.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {

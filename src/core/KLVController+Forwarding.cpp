@@ -4,7 +4,7 @@
 #include "core/KLVController.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo {
 

@@ -10,7 +10,8 @@
 #include "util/KLVException.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Dates.h"
+#include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {

@@ -4,7 +4,8 @@
 #include "core/KLVController.h"
 #include "util/KLVException.h"
 #include "util/KLVLogger.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Device.h"
 
 namespace kelvo {
 namespace {

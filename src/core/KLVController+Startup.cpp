@@ -12,7 +12,9 @@
 #include "records/KLVFileNames.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Files.h"
+#include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {

@@ -5,7 +5,8 @@
 #include "platform/Immortal.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Dates.h"
 
 namespace kelvo {
 namespace {

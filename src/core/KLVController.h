@@ -19,7 +19,7 @@
 #include "network/KLVSyncManager.h"
 #include "storage/KLVDataHandler.h"
 #include "upload/KLVChunkManager.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Views.h"
 
 namespace kelvo {
 

@@ -7,7 +7,8 @@
 #include "util/KLVLogger.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVTimer.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Interface.h"
 
 namespace kelvo {
 namespace {

@@ -6,7 +6,8 @@
 #include "kelvo/Plugin.h"
 #include "platform/MainQueue.h"
 #include "util/KLVSanitiser.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Views.h"
 
 namespace kelvo {
 namespace {

@@ -6,7 +6,7 @@
 #include "records/KLVFileNames.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Files.h"
 
 namespace kelvo {
 namespace {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -7,6 +8,8 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+
+#include "platform/ThreadSafety.h"
 
 namespace kelvo {
 
@@ -18,7 +21,10 @@ namespace kelvo {
 /// problem; one that leaves a synchronous task reaches the caller of `sync`.
 ///
 /// In a forked child, tasks handed over are dropped and `sync` runs its task at once.
-class DispatchQueue {
+///
+/// The queue is a capability: a field that is `GUARDED_BY(queue_)` is used only by tasks of the queue. A task or a
+/// function that uses such a field calls `queue_.assertCurrent()` first.
+class CAPABILITY("queue") DispatchQueue {
  public:
   enum class Kind { serial, concurrent };
   using Task = std::function<void()>;
@@ -52,6 +58,9 @@ class DispatchQueue {
 
   /// Whether the calling thread is inside a task of this queue.
   [[nodiscard]] bool isCurrent() const noexcept;
+
+  /// Aborts in a debug build if the calling thread is not inside a task of this queue. A release build does nothing.
+  void assertCurrent() const noexcept ASSERT_CAPABILITY(this) { assert(isCurrent()); }
 
   /// The concurrent queue of default priority that nobody owns.
   static DispatchQueue& global();

@@ -100,6 +100,21 @@ bool Value::isInteger() const noexcept {
   return get<std::int64_t>() != nullptr || get<std::uint64_t>() != nullptr;
 }
 
+std::optional<std::string> Value::asText() const {
+  const auto* text = get<std::string>();
+  return text != nullptr ? std::optional(*text) : std::nullopt;
+}
+
+std::optional<Array> Value::asArray() const noexcept {
+  const auto* array = get<Array>();
+  return array != nullptr ? std::optional(*array) : std::nullopt;
+}
+
+std::optional<Dictionary> Value::asDictionary() const noexcept {
+  const auto* dictionary = get<Dictionary>();
+  return dictionary != nullptr ? std::optional(*dictionary) : std::nullopt;
+}
+
 std::int64_t Value::asInt64() const noexcept {
   return asInteger<std::int64_t>(*this);
 }

@@ -2,7 +2,7 @@
 
 #include "platform/Bundle.h"
 #include "util/KLVMobileProvision.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Device.h"
 
 namespace kelvo {
 namespace {

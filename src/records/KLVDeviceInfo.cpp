@@ -7,7 +7,8 @@
 #include "platform/UserDefaults.h"
 #include "records/KLVUUID.h"
 #include "util/KLVLogger.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Device.h"
 
 namespace kelvo {
 namespace {

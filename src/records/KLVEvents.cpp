@@ -1,7 +1,7 @@
 #include "records/KLVEvents.h"
 
 #include "util/KLVTimer.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo {
 namespace {

@@ -1,7 +1,8 @@
 #include "records/KLVInfo.h"
 
 #include "records/KLVServerAPIHelper.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {

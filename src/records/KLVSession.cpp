@@ -5,7 +5,8 @@
 #include "platform/Clock.h"
 #include "records/KLVEvents.h"
 #include "util/KLVTimer.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Dates.h"
+#include "util/KLVUtilities+Device.h"
 
 namespace kelvo {
 namespace {

@@ -4,7 +4,7 @@
 #include "storage/KLVDataHandlerJobs.h"
 #include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {

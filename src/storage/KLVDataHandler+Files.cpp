@@ -10,7 +10,7 @@
 #include "storage/KLVDataHandlerJobs.h"
 #include "util/KLVException.h"
 #include "util/KLVLogger.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {

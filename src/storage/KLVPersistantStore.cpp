@@ -9,7 +9,7 @@
 #include "kelvo/Value.h"
 #include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo {
 namespace {

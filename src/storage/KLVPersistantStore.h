@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "kelvo/Value.h"
-#include "storage/FMKLVDatabaseQueue.h"
+#include "sqlite/FMKLVDatabaseQueue.h"
 #include "storage/KLVPersistentStore.h"
 
 namespace kelvo {

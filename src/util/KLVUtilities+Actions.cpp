@@ -1,4 +1,4 @@
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Actions.h"
 
 namespace kelvo {
 namespace {

@@ -1,8 +1,10 @@
-// Checks of single values, and the clean-up of what a host hands over before it is stored or sent.
+#include "util/KLVUtilities+Cleaning.h"
+
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "util/KLVException.h"
-#include "util/KLVUtilities.h"
 
 namespace kelvo {
 namespace {
@@ -125,6 +127,20 @@ std::optional<Array> KLVUtilities::validArrayForArray(const Array& array) {
     result.append(replacement == nullptr ? element : std::move(*replacement));
   };
   return judged(array, add, verdictOnElement);
+}
+
+std::string KLVUtilities::rangeForCount(std::int64_t count) {
+  if (count >= 1001) return "1000+";
+  if (count == 1000) return "901-1000";
+  if (count >= 100) {
+    const std::int64_t hundreds = (count - 1) / 100;
+    return fmt::format("{}01-{}00", hundreds, hundreds + 1);
+  }
+  if (count >= 10) {
+    const std::int64_t tens = (count - 1) / 10;
+    return fmt::format("{}1-{}0", tens, tens + 1);
+  }
+  return fmt::format("{}", count);
 }
 
 }  // namespace kelvo

@@ -4,11 +4,11 @@
 #include <algorithm>
 
 #include "CollectorTest.h"
-#include "kelvo-collector/Documents.h"
-#include "kelvo-collector/EventText.h"
-#include "kelvo-collector/Listings.h"
-#include "kelvo-collector/ServiceState.h"
-#include "kelvo-collector/Store.h"
+#include "kelvo-collector/debug/Listings.h"
+#include "kelvo-collector/service/Documents.h"
+#include "kelvo-collector/service/ServiceState.h"
+#include "kelvo-collector/store/EventText.h"
+#include "kelvo-collector/store/Store.h"
 
 namespace kelvo::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "kelvo-collector/Server.h"
+#include "kelvo-collector/http/Server.h"
 
 #include <gtest/gtest.h>
 

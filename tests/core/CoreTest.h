@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "core/KLVController.h"
-#include "kelvo-collector/Server.h"
+#include "kelvo-collector/http/Server.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
 

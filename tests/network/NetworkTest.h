@@ -8,14 +8,14 @@
 #include <map>
 #include <thread>
 
-#include "kelvo-collector/Server.h"
+#include "kelvo-collector/http/Server.h"
 #include "network/HTTPTransfer.h"
 #include "network/KLVConfigManager.h"
 #include "network/KLVPostman.h"
 #include "network/KLVSyncManager.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo::test {
 

@@ -27,7 +27,8 @@
 #include "platform/HostInterface.h"
 #include "platform/MainQueue.h"
 #include "platform/NotificationCenter.h"
-#include "util/KLVUtilities.h"
+#include "util/KLVUtilities+Interface.h"
+#include "util/KLVUtilities+Views.h"
 
 namespace kelvo::test {
 namespace {

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "kelvo-collector/Script.h"
-#include "kelvo-collector/Server.h"
-#include "kelvo-collector/ServiceState.h"
+#include "kelvo-collector/http/Server.h"
+#include "kelvo-collector/service/Script.h"
+#include "kelvo-collector/service/ServiceState.h"
 #include "kelvo/Value.h"
 #include "support/Program.h"
 #include "support/TestHome.h"

@@ -9,10 +9,10 @@
 #include <string>
 #include <string_view>
 
-#include "kelvo-collector/Documents.h"
-#include "kelvo-collector/Server.h"
-#include "kelvo-collector/ServiceState.h"
-#include "kelvo-collector/Store.h"
+#include "kelvo-collector/http/Server.h"
+#include "kelvo-collector/service/Documents.h"
+#include "kelvo-collector/service/ServiceState.h"
+#include "kelvo-collector/store/Store.h"
 #include "platform/Files.h"
 
 namespace {

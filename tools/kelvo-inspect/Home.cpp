@@ -14,7 +14,7 @@
 #include "platform/JSON.h"
 #include "platform/PropertyList.h"
 #include "records/KLVFileNames.h"
-#include "storage/FMKLVDatabase.h"
+#include "sqlite/FMKLVDatabase.h"
 #include "storage/KLVSchema.h"
 
 namespace kelvo::inspect {

@@ -1,0 +1,53 @@
+#include "util/KLVUtilities+Device.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include "platform/Clock.h"
+#include "platform/Device.h"
+#include "platform/Directories.h"
+#include "platform/Files.h"
+#include "platform/JSON.h"
+#include "platform/UserDefaults.h"
+#include "util/KLVUtilities+Files.h"
+
+namespace kelvo {
+namespace {
+
+constexpr const char* kKLVSDKFootprintFile = "com.kelvo.SDK.footprint";
+constexpr const char* kKLVFootprintKey = "klv_footprint_time";
+constexpr const char* kFirstSessionKey = "klv_is_first_session";  // what earlier versions left behind
+
+}  // namespace
+
+std::int64_t KLVUtilities::installationDate() {
+  struct statx facts {};
+  const char* path = Directories::documents().c_str();
+  if (::statx(AT_FDCWD, path, AT_STATX_SYNC_AS_STAT, STATX_BTIME | STATX_MTIME, &facts) != 0) return 0;
+  // Not every file system keeps the time of creation.
+  const auto& time = (facts.stx_mask & STATX_BTIME) != 0 ? facts.stx_btime : facts.stx_mtime;
+  return time.tv_sec * 1000 + time.tv_nsec / 1'000'000;
+}
+
+std::string KLVUtilities::deviceName() {
+  return Device::machine();
+}
+
+bool KLVUtilities::isFirstSession() {
+  if (fileExists(Directories::inLibrary(kKLVSDKFootprintFile))) return false;
+  saveConfig(jsonText(Dictionary{{kKLVFootprintKey, description(Clock::now())}}), kKLVSDKFootprintFile);
+  UserDefaults& defaults = UserDefaults::standard();
+  if (!defaults.contains(kFirstSessionKey)) return true;
+  defaults.remove(kFirstSessionKey);
+  return false;
+}
+
+std::optional<std::string> KLVUtilities::stringWithDeviceToken(const std::optional<Data>& token) {
+  if (!token) return std::nullopt;
+  std::string text;
+  for (const std::uint8_t byte : *token) fmt::format_to(std::back_inserter(text), "{:02X}", byte);
+  return text;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,72 @@
+#include "util/KLVUtilities+Files.h"
+
+#include <fmt/format.h>
+
+#include "platform/Directories.h"
+#include "platform/Files.h"
+#include "platform/JSON.h"
+#include "platform/UserDefaults.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+/// The value of a file, which must be an array or a dictionary.
+std::optional<Value> containerOf(const std::string& text, std::string& error) {
+  auto value = parseJSON(text, &error);
+  if (!value || value->get<Array>() != nullptr || value->get<Dictionary>() != nullptr) return value;
+  error = "neither an array nor an object at offset 0";
+  return std::nullopt;
+}
+
+std::optional<std::string> contentOfConfig(const std::string& path) {
+  FileError error;
+  auto content = readFile(path, &error);
+  if (!content) KLV_ERROR("opening config file: {}", error);
+  return content;
+}
+
+}  // namespace
+
+bool KLVUtilities::saveConfig(const std::optional<std::string>& data, const std::optional<std::string>& path) {
+  if (!path) return false;
+  KLV_DEBUG("Saving config at path: {}", *path);
+  return data && writeFileAtomically(Directories::inLibrary(*path), *data);
+}
+
+std::optional<Value> KLVUtilities::readConfigAtRelativePath(const std::optional<std::string>& path) {
+  if (!path) return std::nullopt;
+  const std::string actualPath = Directories::inLibrary(*path);
+  KLV_INFO("Fetching config at path: {} with actual path: {}", *path, actualPath);
+  const auto content = contentOfConfig(actualPath);
+  if (!content) return std::nullopt;
+  std::string error;
+  auto value = containerOf(*content, error);
+  if (!value) KLV_ERROR("parsing json file {}", error);
+  return value;
+}
+
+std::optional<Value> KLVUtilities::readConfig(const std::string& path) {
+  const auto content = contentOfConfig(path);
+  if (!content) return std::nullopt;
+  std::string error;
+  auto value = containerOf(*content, error);
+  if (!value) KLV_ERROR("parsing json file {})", error);  // Kept: the closing parenthesis of this one.
+  return value;
+}
+
+void KLVUtilities::saveHash(const std::string& hash, const std::string& module) {
+  KLV_DEBUG("Saving hash: {} for module: {}", hash, module);
+  UserDefaults::standard().set(fmt::format("klv_{}_hash", module), hash);
+  if (UserDefaults::standard().synchronize()) {
+    KLV_DEBUG("Hash saved successfully");
+  } else {
+    KLV_ERROR("Couldn't save enable SDK state");  // Kept: the words of another failure.
+  }
+}
+
+std::optional<std::string> KLVUtilities::getHashForModule(const std::string& module) {
+  return UserDefaults::standard().string(fmt::format("klv_{}_hash", module));
+}
+
+}  // namespace kelvo

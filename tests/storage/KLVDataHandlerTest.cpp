@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <future>
+
+#include "records/KLVEvents.h"
+#include "sqlite/FMKLVDatabase.h"
+#include "storage/KLVDataHandler.h"
+#include "support/LogCapture.h"
+#include "support/TestHome.h"
+
+namespace kelvo::test {
+namespace {
+
+std::shared_ptr<KLVEvent> event(const std::string& name) {
+  return std::make_shared<KLVObservationEvent>(name);
+}
+
+void waitUntilStored(KLVDataHandler& handler) {
+  std::promise<void> stored;
+  handler.whenStored([&] { stored.set_value(); });
+  stored.get_future().wait();
+}
+
+struct Handler : testing::Test {
+  LogCapture log;
+  KLVDataHandler handler{"S"};
+
+  [[nodiscard]] Value countOf(const std::string& name) {
+    return handler.retrieveLifetimeEventWithName(name).value_or(Dictionary())["count"];
+  }
+};
+
+struct StartedHandler : Handler {
+  StartedHandler() { handler.startWithCompletionHandler({}); }
+
+  /// Keeps the handler's queue busy until the promise is kept, so that what is submitted meanwhile waits together.
+  std::promise<void> block() {
+    std::promise<void> release;
+    handler.whenStored([released = release.get_future().share()] { released.wait(); });
+    return release;
+  }
+};
+
+TEST_F(StartedHandler, JobsOfEveryKindKeepTheOrderOfTheirSubmission) {
+  auto release = block();
+  handler.saveEventInfo(event("a"), "S");
+  handler.deleteSession("S");
+  handler.saveEventInfo(event("too late"), "S");
+  Value storedBefore;
+  handler.upsertLifetimeEvent(event("a"));
+  handler.whenStored([&] { storedBefore = countOf("a"); });
+  handler.upsertLifetimeEvent(event("a"));
+  release.set_value();
+  waitUntilStored(handler);
+  EXPECT_EQ(log.count("KLVError 1: no such table: events_S"), 1U);
+  EXPECT_EQ(storedBefore, 1);
+  EXPECT_EQ(countOf("a"), 2);
+}
+
+TEST_F(StartedHandler, DeletionsThatBelongTogetherWaitForOneAnotherAndAreDoneAllOrNot) {
+  handler.saveChunkMetaInfo(std::make_shared<KLVChunkMetaInfo>("S", 1, 1, 1, Array{5}));
+  const auto kept = [&] { return handler.getSessions().size() + handler.retrieveChunkMetaInfo().size(); };
+  for (const bool fails : {true, false}) {
+    handler.writeTogether([&] {
+      handler.deleteSession("S");
+      handler.deleteChunkMetaInfo(std::make_shared<KLVChunk>("S"));
+      EXPECT_EQ(kept(), 2U) << "a kill here must leave everything";
+      if (fails) handler.saveEventInfo(event("a"), "no such session");
+    });
+    EXPECT_EQ(kept(), fails ? 2U : 0U);
+  }
+}
+
+TEST_F(StartedHandler, CountsThatAreRememberedStayRight) {
+  for (const std::uint64_t stored : {1, 2}) {
+    handler.saveEventInfo(event("a"), "S");
+    EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), stored);
+  }
+  auto release = block();
+  handler.saveEventInfo(event("b"), "S");
+  handler.upsertLifetimeEvent(event("a"));
+  handler.saveEventInfo(event("c"), "no such session");  // the group is rolled back and done one by one
+  release.set_value();
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 3U);
+  EXPECT_EQ(countOf("a"), 1);
+
+  for (int round = 0; round < 2; ++round) {
+    for (int name = 0; name < 600; ++name) handler.upsertLifetimeEvent(event(std::to_string(name)));
+  }
+  waitUntilStored(handler);
+  for (const char* name : {"0", "599"}) EXPECT_EQ(countOf(name), 2) << name;
+
+  handler.upsertLifetimeEvent(event("it's"));
+  handler.upsertLifetimeEvent(event("it's"));
+  waitUntilStored(handler);
+  EXPECT_EQ(handler.retrieveLifetimeEventWithName("it's"), std::nullopt);
+  EXPECT_EQ(log.count("Couldn't insert lifetime event"), 1U);
+  EXPECT_EQ(log.count("Couldn't update lifetime event count"), 0U);
+
+  handler.deleteSession("S");
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 0U);
+}
+
+TEST_F(StartedHandler, AProducerCatchesUpOnlyWhenMuchWaitsAndWhatIsReportedAsStoredSurvivesAKill) {
+  FMKLVDatabase other(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite"));
+  ASSERT_TRUE(other.open());
+  const auto survivors = [&] { return other.intForQuery("select count(*) from events_S"); };
+  auto release = block();
+  for (int i = 0; i < 100; ++i) handler.saveEventInfo(event("a"), "S");
+  handler.catchUp();  // or nobody would ever release the queue
+  int whenReported = 0;
+  handler.whenStored([&] { whenReported = survivors(); });
+  release.set_value();
+  for (int i = 0; i < 20000; ++i) handler.saveEventInfo(event("a"), "S");
+  handler.catchUp();
+  EXPECT_GE(survivors(), 18000);
+  EXPECT_GE(whenReported, 100);
+}
+
+TEST_F(StartedHandler, WhatWasAcceptedIsStoredThoughTheHandlerHasGone) {
+  std::promise<void> hold, stored;
+  {
+    KLVDataHandler other("T");
+    other.startWithCompletionHandler({});
+    other.whenStored([held = hold.get_future().share()] { held.wait(); });
+    other.saveEventInfo(event("a"), "T");
+    other.whenStored([&] { stored.set_value(); });
+  }
+  hold.set_value();
+  stored.get_future().wait();
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("T"), 1U);
+}
+
+TEST_F(Handler, WithoutAStartKeepsFilesAndLogsTheirFailuresButNoRows) {
+  handler.saveEventInfo(event("a"), "S");
+  handler.deleteSession("S");
+  EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 0U);
+  EXPECT_TRUE(handler.retrieveChunkMetaInfo().empty());
+  EXPECT_EQ(handler.retrieveLifetimeEventWithName("a"), std::nullopt);
+  EXPECT_FALSE(std::filesystem::exists(documents("kelvo-db")));
+  handler.saveUserInfo(std::make_shared<KLVUser>("me"));
+  EXPECT_EQ(handler.retrieveUser()->identifier(), "me");
+  EXPECT_EQ(log.count("<KLV ERROR>"), 0U);
+
+  writeFileForTest(library("broken"), "{");
+  writeFileForTest(library("fragment"), "1");
+  writeFileForTest(library("com.kelvo.SDK.clientevents/x"), "a directory where the file should be");
+  writeFileForTest(home() + "/outside", "kept");
+  for (const char* path : {"absent", "broken", "fragment"}) {
+    EXPECT_EQ(handler.objectFromFileWithPath(path), std::nullopt) << path;
+  }
+  handler.saveSDKInfo(std::make_shared<KLVSDKInfo>(""), "no/intermediates");
+  handler.saveSessionInfo(std::make_shared<KLVSession>("S"), "broken");
+  handler.persistClientEvents({});
+  for (const char* path : {"", ".", "/", "../outside", "S/../../outside", "absent"}) handler.deleteItemAtPath(path);
+  waitUntilStored(handler);
+  const std::pair<const char*, std::size_t> expected[] = {{"<KLV WARN> Opening file:absent . Error: ", 1},
+                                                          {"<KLV ERROR> parsing json file ", 2},
+                                                          {"<KLV ERROR> Failed to create directory with path: ", 1},
+                                                          {"<KLV ERROR> Failed to save SDKInfo ", 1},
+                                                          {"<KLV ERROR> Failed to save SessionInfo ", 1},
+                                                          {"<KLV ERROR> Unable to save client events config ", 1},
+                                                          {"<KLV ERROR> Unable to remove file due to: ", 6}};
+  for (const auto& [line, times] : expected) EXPECT_EQ(log.count(line), times) << line;
+  EXPECT_EQ(contentOf(home() + "/outside"), "kept");
+  EXPECT_EQ(contentOf(library("broken")), "{");
+}
+
+}  // namespace
+}  // namespace kelvo::test

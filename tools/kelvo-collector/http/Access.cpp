@@ -1,0 +1,31 @@
+#include "kelvo-collector/http/Access.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+
+namespace kelvo::collector {
+
+bool isLoopbackHost(std::string_view host) {
+  std::string name(host);
+  const auto colon = name.rfind(':');
+  if (colon != std::string::npos && name.find(']', colon) == std::string::npos) {
+    const bool isPort = std::all_of(name.begin() + static_cast<std::ptrdiff_t>(colon) + 1, name.end(),
+                                    [](unsigned char digit) { return std::isdigit(digit) != 0; });
+    if (!isPort) return false;
+    name.resize(colon);
+  }
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+  if (name == "localhost" || name == "[::1]") return true;
+  in_addr address{};
+  return inet_pton(AF_INET, name.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24U) == 127;
+}
+
+bool isOwnOrigin(std::string_view origin, std::string_view host, bool tls) {
+  return origin.empty() || origin == (tls ? "https://" : "http://") + std::string(host);
+}
+
+}  // namespace kelvo::collector

@@ -1,0 +1,310 @@
+#include "kelvo-collector/http/Server.h"
+
+#include <fmt/chrono.h>
+#include <httplib.h>
+#include <openssl/ssl.h>
+
+#include <algorithm>
+#include <ctime>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "kelvo-collector/debug/Debug.h"
+#include "kelvo-collector/http/Access.h"
+#include "kelvo-collector/http/Bell.h"
+#include "kelvo-collector/http/Connection.h"
+#include "kelvo-collector/http/Listener.h"
+#include "kelvo-collector/http/Live.h"
+#include "kelvo-collector/http/Page.h"
+#include "kelvo-collector/service/Service.h"
+#include "kelvo-collector/service/ServiceState.h"
+#include "platform/JSON.h"
+
+namespace kelvo::collector {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* kHost = "127.0.0.1";
+constexpr const char* kJSONType = "application/json";
+
+struct TLSFreer {
+  void operator()(ssl_ctx_st* context) const noexcept { SSL_CTX_free(context); }
+};
+using TLSContext = std::unique_ptr<ssl_ctx_st, TLSFreer>;
+
+TLSContext tlsContext(const std::string& certificateFile, const std::string& keyFile) {
+  TLSContext context(SSL_CTX_new(TLS_server_method()));
+  if (!context || SSL_CTX_use_certificate_chain_file(context.get(), certificateFile.c_str()) != 1 ||
+      SSL_CTX_use_PrivateKey_file(context.get(), keyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
+    return nullptr;
+  }
+  return context;
+}
+
+/// Headers as sent; what the HTTP library adds about the connection is left out.
+Dictionary headersOf(const httplib::Request& request) {
+  Dictionary headers;
+  for (const auto& [name, value] : request.headers) {
+    if (name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT") continue;
+    std::string lower = name;
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    headers.set(lower, value);
+  }
+  return headers;
+}
+
+ReceivedRequest received(const httplib::Request& request, const std::string& body) {
+  ReceivedRequest result;
+  result.time = std::chrono::duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+  result.method = request.method;
+  const auto mark = request.target.find('?');
+  result.path = request.target.substr(0, mark);
+  if (mark != std::string::npos) result.query = request.target.substr(mark + 1);
+  result.headers = headersOf(request);
+  result.body = body;
+  return result;
+}
+
+/// As headers have it: "Sat, 21 Nov 2026 06:15:09 GMT".
+std::string dateOfNow() {
+  return fmt::format("{:%a, %d %b %Y %H:%M:%S} GMT", fmt::gmtime(std::time(nullptr)));
+}
+
+void send(const Reply& reply, httplib::Response& response) {
+  response.status = reply.status;
+  if (!reply.allow.empty()) response.set_header("Allow", reply.allow);
+  response.set_content(jsonText(reply.body).value_or("{}"), kJSONType);
+}
+
+void sendCutShort(int status, httplib::Response& response) {
+  constexpr std::string_view begun = R"({"hash": ")";
+  response.status = status;
+  response.set_content_provider(4096, kJSONType, [begun](std::size_t, std::size_t, httplib::DataSink& sink) {
+    sink.write(begun.data(), begun.size());
+    return false;
+  });
+}
+
+/// Does what `script` says; `answer` is what the service says itself.
+void play(const Script& script, const Reply& answer, httplib::Response& response) {
+  Connection& connection = Listener::served();
+  if (script.delay().count() > 0 && !connection.stay(script.delay())) return connection.cut();
+  switch (script.kind()) {
+    case Script::Kind::Answer: response.status = script.status(); return response.set_content(script.body(), kJSONType);
+    case Script::Kind::Late: return send(answer, response);
+    case Script::Kind::CutShort: return sendCutShort(script.status(), response);
+    case Script::Kind::Never: connection.stay(std::nullopt); return connection.cut();
+    case Script::Kind::Cut:
+    case Script::Kind::LoseAnswer: return connection.cut();
+  }
+}
+
+}  // namespace
+
+struct Server::Impl {
+  Impl(std::unique_ptr<Store> ownStoreOrNone, std::unique_ptr<ServiceState> ownStateOrNone, Store& theStore,
+       ServiceState& theState)
+      : ownStore(std::move(ownStoreOrNone)), ownState(std::move(ownStateOrNone)), store(theStore), state(theState) {}
+
+  int start(int port, TLSContext context);
+  void route(httplib::Server& http);
+  void handle(const httplib::Request& request, const std::string& body, httplib::Response& response);
+  void handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response);
+  void stream(const httplib::Request& request, httplib::Response& response);
+  void handleService(const httplib::Request& request, const Question& question, httplib::Response& response);
+
+  std::unique_ptr<Store> ownStore;
+  std::unique_ptr<ServiceState> ownState;
+  Store& store;
+  ServiceState& state;
+
+  Tallied tally;
+  ScriptBook scripts;
+  Bell bell;
+  TLSContext tls;
+  std::unique_ptr<Listener> listener;
+  std::thread thread;
+
+  std::mutex mutex;  // guards what follows
+  std::string baseURL;
+};
+
+void Server::Impl::route(httplib::Server& http) {
+  const httplib::Server::Handler all = [this](const auto& request, auto& response) {
+    handle(request, request.body, response);
+  };
+  http.Get(".*", all).Patch(".*", all).Delete(".*", all).Options(".*", all);
+  // Read by ourselves: the library would take a body without a content type for a form, and refuse a large one.
+  const httplib::Server::HandlerWithContentReader withBody = [this](const auto& request, auto& response,
+                                                                    const httplib::ContentReader& reader) {
+    std::string body;
+    const auto append = [&body](const char* bytes, std::size_t size) { return body.append(bytes, size), true; };
+    if (reader(append)) handle(request, body, response);
+  };
+  http.Post(".*", withBody).Put(".*", withBody);
+  // Without a length there is no body; the library would wait for one until the connection ends.
+  http.set_pre_routing_handler([this](const auto& request, auto& response) {
+    if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    handle(request, {}, response);
+    return httplib::Server::HandlerResponse::Handled;
+  });
+  http.set_post_routing_handler([](const auto&, auto& response) { response.set_header("Date", dateOfNow()); });
+  http.set_error_handler([](const auto&, auto& response) {
+    const bool ours = response.has_header("Content-Type");
+    if (!ours) send(refusal(response.status, "this is no request that can be served"), response);
+  });
+}
+
+int Server::Impl::start(int port, TLSContext context) {
+  auto fresh = std::make_unique<Listener>(tally, context.get());
+  route(*fresh);
+  const int bound = port == 0 ? fresh->bind_to_any_port(kHost) : fresh->bind_to_port(kHost, port) ? port : 0;
+  if (bound <= 0) return 0;
+
+  tls = std::move(context);
+  listener = std::move(fresh);
+  thread = std::thread([running = listener.get()] { running->listen_after_bind(); });
+  while (!listener->is_running()) std::this_thread::yield();  // stopping works from then on only
+  const std::lock_guard lock(mutex);
+  baseURL = std::string(tls ? "https://" : "http://") + kHost + ":" + std::to_string(bound);
+  return bound;
+}
+
+void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
+  const std::string host = request.get_header_value("Host");
+  if (!isLoopbackHost(host)) return send(refusal(403, "the collector answers to loopback names only"), response);
+  const Question question{request.method, request.path, {request.params.begin(), request.params.end()}, body};
+  if (isDebugPath(request.path)) {
+    const bool own = isOwnOrigin(request.get_header_value("Origin"), host, tls != nullptr);
+    if (!own) return send(refusal(403, "only the collector's own page may ask this"), response);
+    return handleDebug(request, question, response);
+  }
+  const bool reads = request.method == "GET" || request.method == "HEAD";
+  if (const PageFile* file = reads ? pageFile(request.path) : nullptr) {
+    return response.set_content(file->content.data(), file->content.size(), contentTypeOf(file->name));
+  }
+  handleService(request, question, response);
+}
+
+void Server::Impl::handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response) {
+  DebugReply answer = debugReply(question, {state, store, scripts});
+  if (answer.news == DebugReply::News::Service) bell.serviceChanged();
+  if (answer.news == DebugReply::News::Reset) bell.wasReset();
+  if (answer.live == DebugReply::Live::Stream && request.method == "GET") return stream(request, response);
+  if (answer.live == DebugReply::Live::Wait) {
+    auto reply = waitForEvents(question, store, bell, Listener::served());
+    if (!reply) return Listener::served().cut();
+    answer.reply = std::move(*reply);
+  }
+  send(answer.reply, response);
+}
+
+void Server::Impl::stream(const httplib::Request& request, httplib::Response& response) {
+  // Begins before the answer does: a client that reads everything once it is answered misses nothing in between.
+  EventStream events(store, bell, request.get_header_value("Last-Event-ID"));
+  response.set_chunked_content_provider("text/event-stream", [events](std::size_t, httplib::DataSink& sink) mutable {
+    events.serve(Listener::served(), [&sink](const std::string& text) { return sink.write(text.data(), text.size()); });
+    return false;  // the connection ends with it
+  });
+}
+
+void Server::Impl::handleService(const httplib::Request& request, const Question& question,
+                                 httplib::Response& response) {
+  const auto script = scripts.take(request.target);
+  if (script && script->left() > 0) bell.serviceChanged();  // one time less
+  const bool serves = !script || script->serves();
+  const bool answers = !script || script->answers();
+
+  Reply answer;
+  if (serves) answer = reply(question, state, store);
+  ReceivedRequest arrived = received(request, question.body);
+  if (answers) arrived.status = serves ? answer.status : script->status();
+  if (!store.add(arrived, answer.accepted)) return send(refusal(500, "the store failed"), response);
+  if (answer.accepted.chunkOf || answer.accepted.userOf) bell.ring();
+  return script ? play(*script, answer, response) : send(answer, response);
+}
+
+Server::Server() {
+  auto store = std::make_unique<Store>();
+  auto state = std::make_unique<ServiceState>();
+  Store& theStore = *store;
+  ServiceState& theState = *state;
+  impl_ = std::make_unique<Impl>(std::move(store), std::move(state), theStore, theState);
+}
+
+Server::Server(Store& store, ServiceState& state) : impl_(std::make_unique<Impl>(nullptr, nullptr, store, state)) {}
+
+Server::~Server() {
+  stop();
+}
+
+int Server::start(int port) {
+  stop();
+  return impl_->start(port, nullptr);
+}
+
+int Server::startTLS(const std::string& certificateFile, const std::string& keyFile, int port) {
+  stop();
+  auto context = tlsContext(certificateFile, keyFile);
+  return context ? impl_->start(port, std::move(context)) : 0;
+}
+
+void Server::stop() {
+  if (!impl_->listener) return;
+  impl_->listener->end();
+  impl_->thread.join();
+  impl_->listener.reset();
+  impl_->tls.reset();
+}
+
+std::string Server::baseURL() const {
+  const std::lock_guard lock(impl_->mutex);
+  return impl_->baseURL;
+}
+
+Store& Server::store() noexcept {
+  return impl_->store;
+}
+ServiceState& Server::state() noexcept {
+  return impl_->state;
+}
+
+void Server::answer(const std::string& pathFragment, Script script) {
+  answerInTurn(pathFragment, {std::move(script)});
+}
+
+void Server::answerInTurn(const std::string& pathFragment, std::vector<Script> scripts) {
+  impl_->scripts.set(pathFragment, std::move(scripts));
+}
+
+void Server::answerNormally(const std::string& pathFragment) {
+  answerInTurn(pathFragment, {});
+}
+
+std::vector<ReceivedRequest> Server::requests(const std::string& pathFragment) const {
+  return impl_->store.requests(pathFragment);
+}
+std::vector<Value> Server::chunks() const {
+  return impl_->store.chunkBodies();
+}
+bool Server::waitFor(std::size_t count, const std::string& pathFragment, milliseconds timeout) const {
+  return impl_->store.waitForRequests(count, pathFragment, timeout);
+}
+bool Server::waitForChunks(std::size_t count, milliseconds timeout) const {
+  return impl_->store.waitForChunks(count, timeout);
+}
+std::size_t Server::maximumConcurrent() const {
+  return impl_->tally.most;
+}
+std::size_t Server::numberOfConnections() const {
+  return impl_->tally.all;
+}
+
+}  // namespace kelvo::collector

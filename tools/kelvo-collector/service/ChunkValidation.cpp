@@ -1,0 +1,233 @@
+#include "kelvo-collector/service/ChunkValidation.h"
+
+#include <cstdint>
+#include <initializer_list>
+
+namespace kelvo::collector {
+namespace {
+
+using Fault = std::optional<std::string>;
+
+enum class Type : std::uint8_t { Text, Integer, Number, Bool, Object, List, Any };
+enum class Presence : std::uint8_t { Always, Maybe };
+
+struct Member {
+  const char* name;
+  Type type;
+  Presence presence = Presence::Always;
+};
+using Members = std::initializer_list<Member>;
+
+bool isInteger(const Value& value) {
+  return value.get<std::int64_t>() != nullptr || value.get<std::uint64_t>() != nullptr;
+}
+
+Fault faultOfType(const Value& value, Type type, const std::string& place) {
+  switch (type) {
+    case Type::Text:
+      if (value.get<std::string>() == nullptr) return place + " is not a text";
+      break;
+    case Type::Integer:
+      if (!isInteger(value)) return place + " is not an integer";
+      break;
+    case Type::Number:
+      if (!isInteger(value) && value.get<double>() == nullptr) return place + " is not a number";
+      break;
+    case Type::Bool:
+      if (value.get<bool>() == nullptr) return place + " is not a boolean";
+      break;
+    case Type::Object:
+      if (value.get<Dictionary>() == nullptr) return place + " is not an object";
+      break;
+    case Type::List:
+      if (value.get<Array>() == nullptr) return place + " is not an array";
+      break;
+    case Type::Any: break;
+  }
+  return std::nullopt;
+}
+
+/// `place` is the dotted name of `object`; empty for the body itself.
+Fault faultOfMembers(const Dictionary& object, const std::string& place, const Members& members) {
+  for (const Member& member : members) {
+    const std::string name = place.empty() ? member.name : place + "." + member.name;
+    const Value* value = object.find(member.name);
+    if (value == nullptr) {
+      if (member.presence == Presence::Always) return name + " is missing";
+      continue;
+    }
+    if (auto fault = faultOfType(*value, member.type, name)) return fault;
+  }
+  return std::nullopt;
+}
+
+Fault faultOfObject(const Dictionary& parent, const char* name, const Members& members) {
+  const Value& value = parent[name];
+  if (auto fault = faultOfType(value, Type::Object, name)) return fault;
+  return faultOfMembers(*value.get<Dictionary>(), name, members);
+}
+
+Fault faultOfElements(const Value& list, const std::string& place, const Members& members,
+                      Fault (*more)(const Dictionary&, const std::string&) = nullptr) {
+  if (list.isNull()) return std::nullopt;  // an optional list that is not there
+  const Array& elements = *list.get<Array>();
+  for (std::size_t i = 0; i < elements.size(); ++i) {
+    const std::string name = place + "[" + std::to_string(i) + "]";
+    if (auto fault = faultOfType(elements[i], Type::Object, name)) return fault;
+    const auto& element = *elements[i].get<Dictionary>();
+    if (auto fault = faultOfMembers(element, name, members)) return fault;
+    if (more == nullptr) continue;
+    if (auto fault = more(element, name)) return fault;
+  }
+  return std::nullopt;
+}
+
+/// Each attribute of an aggregate event lists the values that it had, each with the number of times.
+Fault faultOfAggregate(const Dictionary& event, const std::string& place) {
+  for (const auto& [key, values] : *event["attributes"].get<Dictionary>()) {
+    const std::string name = place + ".attributes." + key;
+    if (auto fault = faultOfType(values, Type::List, name)) return fault;
+    const Array& pairs = *values.get<Array>();
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+      const auto* pair = pairs[i].get<Array>();
+      if (pair == nullptr || pair->size() != 2 || !isInteger((*pair)[1])) {
+        return name + "[" + std::to_string(i) + "] is not a value and its count";
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+Fault faultOfMeta(const Dictionary& body) {
+  if (auto fault = faultOfObject(body, "chunk_meta",
+                                 {{"id", Type::Text}, {"number", Type::Integer}, {"reporting_times", Type::List}})) {
+    return fault;
+  }
+  const auto& meta = *body["chunk_meta"].get<Dictionary>();
+  if (meta["number"].asInt64() < 1) return "chunk_meta.number is not positive";
+  const auto& times = *meta["reporting_times"].get<Array>();
+  if (times.size() != 1) return "chunk_meta.reporting_times does not hold exactly one time";
+  if (auto fault = faultOfType(times[0], Type::Integer, "chunk_meta.reporting_times[0]")) return fault;
+  const auto& session = *body["session_info"].get<Dictionary>();
+  if (description(meta["id"]) != description(session["id"]) + "_" + description(meta["number"])) {
+    return "chunk_meta.id is not session_info.id, \"_\" and chunk_meta.number";
+  }
+  return std::nullopt;
+}
+
+Fault faultOfDetails(const Dictionary& body) {
+  if (auto fault = faultOfObject(body, "chunk_details",
+                                 {{"user_attributes", Type::Object},
+                                  {"session_attributes", Type::Object},
+                                  {"chunk_attributes", Type::Object},
+                                  {"agg_events", Type::List},
+                                  {"system_events", Type::List},
+                                  {"navigation_events", Type::List},
+                                  {"app_events", Type::List},
+                                  {"user_events", Type::List, Presence::Maybe},
+                                  {"incidents", Type::List, Presence::Maybe}})) {
+    return fault;
+  }
+  const auto& details = *body["chunk_details"].get<Dictionary>();
+  auto fault =
+      faultOfElements(details["agg_events"], "chunk_details.agg_events",
+                      {{"name", Type::Text}, {"count", Type::Integer}, {"attributes", Type::Object}}, faultOfAggregate);
+  const auto check = [&](const char* list, const Members& members) {
+    if (!fault) fault = faultOfElements(details[list], std::string("chunk_details.") + list, members);
+  };
+  check("system_events", {{"name", Type::Text}, {"time", Type::Integer}});
+  check("navigation_events", {{"navigation_id", Type::Text},
+                              {"name", Type::Text},
+                              {"duration", Type::Number},
+                              {"transition_time", Type::Integer}});
+  check("app_events",
+        {{"name", Type::Text}, {"time", Type::Integer}, {"additional_info", Type::Object, Presence::Maybe}});
+  check("user_events", {{"id", Type::Text}, {"time", Type::Integer}, {"type", Type::Text}});
+  check("incidents", {{"incident_id", Type::Text},
+                      {"incident_type", Type::Text},
+                      {"time_of_occurrence", Type::Integer},
+                      {"incident_specific_details", Type::Object, Presence::Maybe}});
+  return fault;
+}
+
+Fault faultOfAppAndDevice(const Dictionary& body) {
+  if (auto fault = faultOfObject(body, "app_info",
+                                 {{"app_name", Type::Text},
+                                  {"app_version", Type::Text},
+                                  {"bundle_id", Type::Text},
+                                  {"installation_time", Type::Integer},
+                                  {"app_mode", Type::Text}})) {
+    return fault;
+  }
+  if (auto fault = faultOfObject(body, "device_info",
+                                 {{"id", Type::Text},
+                                  {"hardware_model", Type::Text},
+                                  {"os_version", Type::Text},
+                                  {"platform", Type::Text},
+                                  {"dimensions", Type::Object},
+                                  {"device_registration_token", Type::Text, Presence::Maybe}})) {
+    return fault;
+  }
+  const auto& device = *body["device_info"].get<Dictionary>();
+  return faultOfMembers(*device["dimensions"].get<Dictionary>(), "device_info.dimensions",
+                        {{"width", Type::Number}, {"height", Type::Number}});
+}
+
+Fault faultOfSDKAndSession(const Dictionary& body) {
+  if (auto fault = faultOfObject(body, "sdk_info",
+                                 {{"sdk_version", Type::Number},
+                                  {"config_id", Type::Any},
+                                  {"tick_interval", Type::Number},
+                                  {"chunk_retry_window", Type::Number},
+                                  {"sdk_start_time", Type::Integer}})) {
+    return fault;
+  }
+  return faultOfObject(body, "session_info",
+                       {{"id", Type::Text},
+                        {"launch_time", Type::Integer},
+                        {"launch_time_string", Type::Text},
+                        {"launch_type", Type::Text},
+                        {"duration", Type::Number},
+                        {"startup_time", Type::Number},
+                        {"process_name", Type::Text},
+                        {"is_first_session", Type::Bool},
+                        {"is_background", Type::Bool},
+                        {"is_fatal", Type::Bool},
+                        {"total_duration", Type::Number, Presence::Maybe},
+                        {"additional_info", Type::Object, Presence::Maybe}});
+}
+
+}  // namespace
+
+std::optional<std::string> faultOfChunk(const Value& body) {
+  const auto* chunk = body.get<Dictionary>();
+  if (chunk == nullptr) return "the body is not an object";
+  if (auto fault = faultOfMembers(*chunk, "",
+                                  {{"sdk_info", Type::Object},
+                                   {"session_info", Type::Object},
+                                   {"app_info", Type::Object},
+                                   {"device_info", Type::Object},
+                                   {"chunk_meta", Type::Object},
+                                   {"chunk_details", Type::Object}})) {
+    return fault;
+  }
+  if (auto fault = faultOfSDKAndSession(*chunk)) return fault;
+  if (auto fault = faultOfAppAndDevice(*chunk)) return fault;
+  if (auto fault = faultOfMeta(*chunk)) return fault;
+  return faultOfDetails(*chunk);
+}
+
+std::optional<std::string> faultOfUserInfo(const Value& body) {
+  const auto* info = body.get<Dictionary>();
+  if (info == nullptr) return "the body is not an object";
+  if (auto fault = faultOfMembers(*info, "",
+                                  {{"sdk_version", Type::Text},
+                                   {"app_info", Type::Object},
+                                   {"device_info", Type::Object},
+                                   {"user_attributes", Type::Object}})) {
+    return fault;
+  }
+  return faultOfAppAndDevice(*info);
+}
+
+}  // namespace kelvo::collector

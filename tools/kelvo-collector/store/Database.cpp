@@ -1,0 +1,122 @@
+#include "kelvo-collector/store/Database.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace kelvo::collector {
+namespace {
+
+/// SQLite gives the files beside the database the mode of the database itself.
+void makePrivate(const std::string& path) {
+  if (path == ":memory:") return;
+  if (const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); file >= 0) close(file);
+}
+
+}  // namespace
+
+void Database::Closer::operator()(sqlite3* connection) const noexcept {
+  sqlite3_close(connection);
+}
+
+void Database::Finalizer::operator()(sqlite3_stmt* statement) const noexcept {
+  sqlite3_finalize(statement);
+}
+
+Database::Database(const std::string& path) {
+  makePrivate(path);
+  sqlite3* connection = nullptr;
+  const int code = sqlite3_open(path.c_str(), &connection);
+  connection_.reset(connection);
+  if (code == SQLITE_OK) {
+    // One process alone, so no other one can hold up the service; a lost power supply may cost the newest rows.
+    run("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
+        "PRAGMA cache_size = -16000; BEGIN IMMEDIATE; COMMIT");
+  }
+  if (code != SQLITE_OK || failed_) {
+    throw std::runtime_error("cannot use the store " + path + ": " + sqlite3_errmsg(connection));
+  }
+}
+
+Database::~Database() = default;
+
+void Database::run(const char* sql) {
+  if (sqlite3_exec(connection_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) failed_ = true;
+}
+
+std::int64_t Database::lastRow() const noexcept {
+  return sqlite3_last_insert_rowid(connection_.get());
+}
+
+bool Database::changed() const noexcept {
+  return sqlite3_changes(connection_.get()) > 0;
+}
+
+sqlite3_stmt* Database::prepared(const char* sql) {
+  auto& statement = statements_[sql];
+  if (!statement) {
+    sqlite3_stmt* fresh = nullptr;
+    if (sqlite3_prepare_v3(connection_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &fresh, nullptr) != SQLITE_OK) {
+      failed_ = true;
+    }
+    statement.reset(fresh);
+  }
+  return statement.get();
+}
+
+Database::Query::~Query() {
+  if (statement_ == nullptr) return;
+  sqlite3_reset(statement_);
+  sqlite3_clear_bindings(statement_);
+}
+
+void Database::Query::bind(std::int64_t number) {
+  sqlite3_bind_int64(statement_, ++parameter_, number);
+}
+
+void Database::Query::bind(double number) {
+  sqlite3_bind_double(statement_, ++parameter_, number);
+}
+
+void Database::Query::bind(std::string_view text) {
+  const char* bytes = text.data() == nullptr ? "" : text.data();
+  sqlite3_bind_text64(statement_, ++parameter_, bytes, text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
+void Database::Query::bind(std::nullptr_t) {
+  sqlite3_bind_null(statement_, ++parameter_);
+}
+
+void Database::Query::bindBytes(std::string_view bytes) {
+  sqlite3_bind_blob64(statement_, ++parameter_, bytes.data() == nullptr ? "" : bytes.data(), bytes.size(),
+                      SQLITE_TRANSIENT);
+}
+
+bool Database::Query::next() {
+  column_ = 0;
+  const int code = sqlite3_step(statement_);
+  if (code != SQLITE_ROW && code != SQLITE_DONE) database_.failed_ = true;
+  return code == SQLITE_ROW;
+}
+
+bool Database::Query::isNull() const {
+  return sqlite3_column_type(statement_, column_) == SQLITE_NULL;
+}
+
+std::int64_t Database::Query::number() {
+  return sqlite3_column_int64(statement_, column_++);
+}
+
+double Database::Query::real() {
+  return sqlite3_column_double(statement_, column_++);
+}
+
+std::string Database::Query::text() {
+  const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement_, column_));
+  const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column_++));
+  return bytes == nullptr ? std::string() : std::string(bytes, size);
+}
+
+}  // namespace kelvo::collector
