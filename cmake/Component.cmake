@@ -1,9 +1,11 @@
-# Warnings and sanitizers: for our own code only, never for a consumer's. Inside another project, whose compiler may
-# know warnings that ours does not, none of them is an error.
+# Warnings and sanitizers apply to our own code only, never to a consumer's. Inside another project, no warning of our
+# code is an error: the option comes after the host's own -Werror, and its compiler may know warnings that ours does not.
 add_library(kelvo_flags INTERFACE)
 target_compile_options(kelvo_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
 if(PROJECT_IS_TOP_LEVEL)
   target_compile_options(kelvo_flags INTERFACE -Werror)
+else()
+  target_compile_options(kelvo_flags INTERFACE -Wno-error)
 endif()
 # GCC 12 warns falsely: of an uninitialised index wherever a std::optional of a std::variant is moved, and of
 # overlapping memory where a literal and a std::string are added.
