@@ -21,8 +21,8 @@ constexpr std::uint64_t kHighBits = 0x8080808080808080U;
 
 /// The bytes that must follow the first byte of a UTF-8 character.
 struct Lead {
-  std::size_t following = 0;  ///< 0 if no character starts with this byte
-  unsigned char lowest = kLowestContinuation;  ///< of the second byte: excludes overlong forms
+  std::size_t following = 0;                     ///< 0 if no character starts with this byte
+  unsigned char lowest = kLowestContinuation;    ///< of the second byte: excludes overlong forms
   unsigned char highest = kHighestContinuation;  ///< of the second byte: excludes surrogates and all above U+10FFFF
 };
 

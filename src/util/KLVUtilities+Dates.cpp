@@ -22,8 +22,8 @@ std::string textOf(Moment moment) {
   if (localtime_r(&seconds, &local) == nullptr) return "";  // the year does not fit into an int
   const long offset = local.tm_gmtoff / kSecondsPerMinute;  // minutes
   const long distance = offset < 0 ? -offset : offset;
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}{:02}", kFirstTmYear + local.tm_year, local.tm_mon + 1,
-                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, moment.milliseconds,
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}{:02}", kFirstTmYear + local.tm_year,
+                     local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, moment.milliseconds,
                      offset < 0 ? '-' : '+', distance / kMinutesPerHour, distance % kMinutesPerHour);
 }
 

@@ -40,7 +40,7 @@ constexpr const char* kConsideredClasses[] = {
     "UITabBar",           "UITabBarItem"};
 
 constexpr std::string_view kIgnoredClasses[] = {"UIVisualEffect", "UIVisualEffectView", "UIVibrancyEffect",
-                                               "UIBlurEffect"};
+                                                "UIBlurEffect"};
 
 std::atomic<bool> drawnByFramework{false};
 
