@@ -67,7 +67,7 @@ class HostRunner {
 
   /// Runs a host with the arguments `part` and returns its figures. If `peak` is given, sets it to the host's highest
   /// private memory in bytes.
-  Figures run(const std::vector<std::string>& part, const Home& home, double* peak = nullptr) const {
+  Figures runHost(const std::vector<std::string>& part, const Home& home, double* peak = nullptr) const {
     std::vector<std::string> command{BENCH_HOST};
     command.insert(command.end(), part.begin(), part.end());
     Child child(command, {{"KELVO_HOME", home.path()}, {"KELVO_SERVER_BASE_URL", url_}});
@@ -82,7 +82,7 @@ class HostRunner {
     for (int run = 0; run < runs; ++run) {
       const Home home;
       home.setChunkInterval(kNeverDuringARun);
-      for (const auto& [key, value] : run({part}, home)) all[key].push_back(value);
+      for (const auto& [key, value] : runHost({part}, home)) all[key].push_back(value);
     }
     Figures result;
     for (auto& [key, values] : all) {
@@ -177,7 +177,7 @@ void printTable() {
   {
     const Home home;
     home.setChunkInterval(kNeverDuringARun);
-    runner.run({"durable"}, home, &peak);
+    runner.runHost({"durable"}, home, &peak);
   }
   auto idle = runner.median("idle", 1);
   row("private memory: peak of the 50,000 / idle / of that written to",
@@ -206,7 +206,7 @@ void printGrowth() {
     const Home home;
     home.setChunkInterval(1);
     double peak = 0;
-    auto figures = runner.run({"long-session", std::to_string(events)}, home, &peak);
+    auto figures = runner.runHost({"long-session", std::to_string(events)}, home, &peak);
     for (int piece = 0; piece < kPieces; ++piece) figures["seconds"] += figures["piece" + std::to_string(piece)];
     std::ostringstream label;
     label << "one session of " << events << " events, a chunk a second (first tenth "
@@ -217,22 +217,22 @@ void printGrowth() {
     const HostRunner runner;
     const Home home;
     home.setChunkInterval(kNeverDuringARun);
-    runner.run({"prepare", "1", std::to_string(chunks)}, home);
+    runner.runHost({"prepare", "1", std::to_string(chunks)}, home);
     double peak = 0;
-    const auto figures = runner.run({"launch", std::to_string(chunks * kEventsPerChunk)}, home, &peak);
+    const auto figures = runner.runHost({"launch", std::to_string(chunks * kEventsPerChunk)}, home, &peak);
     growthRow("launch with " + std::to_string(chunks) + " unsent chunks of 10 events", figures, peak);
   }
   for (const int sessions : {100, 1000}) {
     const HostRunner runner;
     const Home home;
     home.setChunkInterval(kNeverDuringARun);
-    runner.run({"prepare", std::to_string(sessions), "0"}, home);
+    runner.runHost({"prepare", std::to_string(sessions), "0"}, home);
     double peak = 0;
     const std::string number = std::to_string(sessions);
-    const auto cut = runner.run({"launch", std::to_string(sessions * kEventsPerChunk)}, home, &peak);
+    const auto cut = runner.runHost({"launch", std::to_string(sessions * kEventsPerChunk)}, home, &peak);
     growthRow("launch with " + number + " earlier sessions never cut", cut, peak);
     peak = 0;
-    const auto purge = runner.run({"purge"}, home, &peak);
+    const auto purge = runner.runHost({"purge"}, home, &peak);
     growthRow("launch that purges " + number + " sessions", purge, peak);
   }
 }

@@ -15,7 +15,7 @@ namespace KLVUtilities {
 
 /// Reads the device's time zone from the environment, so that later conversions need not.
 void initializeDateFormatter();
-/// Returns nullopt if `text` is nullopt, does not parse, or lies outside the range of `Date`.
+/// Returns nullopt if `text` is nullopt, does not parse, or is outside the range of `Date`.
 std::optional<Date> dateFromKLVDateString(const std::optional<std::string>& text);
 /// Truncates to milliseconds. Returns the empty text for a year that the C library cannot represent.
 std::string dateKLVStringFromNSDate(Date date);
