@@ -72,7 +72,7 @@ class HostRunner {
     command.insert(command.end(), part.begin(), part.end());
     Child child(command, {{"KELVO_HOME", home.path()}, {"KELVO_SERVER_BASE_URL", url_}});
     Figures figures = child.readFigures(peak);
-    if (figures.count("failed") > 0) std::fprintf(stderr, "%s did not come to its end\n", part[0].c_str());
+    if (figures.count("failed") > 0) std::fprintf(stderr, "%s did not finish\n", part[0].c_str());
     return figures;
   }
 
