@@ -7,13 +7,13 @@
 
 namespace kelvo::bench {
 
-/// The attributes of every event that is measured: five short texts, two integers, a double.
+/// Returns the attributes of a measured event: five short texts, two integers and a double.
 inline Dictionary attributes(std::size_t number) {
   return {{"item", "book"},    {"shop", "Main Street"},  {"currency", "EUR"},  {"campaign", "spring"},
           {"payment", "card"}, {"quantity", number % 7}, {"position", number}, {"price", 12.5}};
 }
 
-/// An application logs few names, many times.
+/// Returns the name of a measured event: one of twelve, because an application logs few names many times.
 inline const char* name(std::size_t number) {
   static constexpr std::array<const char*, 12> kNames{"Search",   "Open Item", "Add To Cart", "Remove",
                                                       "Checkout", "Pay",       "Purchase",    "Share Item",

@@ -12,8 +12,8 @@
 
 namespace kelvo::bench {
 
-/// Prepares the process: a `KELVO_HOME` of its own, removed at the end, and no log lines but errors. Returns the id of
-/// a session that no one has used before.
+/// Returns the id of a new session. The first call sets `KELVO_HOME` to a temporary directory, which is removed at
+/// exit, and limits the log to errors.
 inline std::string freshSession() {
   struct Home {
     std::string path = (std::filesystem::temp_directory_path() / "kelvo-bench-XXXXXX").string();
@@ -22,7 +22,7 @@ inline std::string freshSession() {
     Home() {
       if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary directory");
       setenv("KELVO_HOME", path.c_str(), 1);
-      KLVLogger::setLogLevel(3);
+      KLVLogger::setLogLevel(KLVLogger::Level::error);
     }
     ~Home() {
       std::error_code inUse;
@@ -33,13 +33,14 @@ inline std::string freshSession() {
   return "S" + std::to_string(++home.sessions);
 }
 
-/// A stand-in for the counts that the database keeps.
-struct NoCounts final : KLVLifetimeCounts {
+/// Returns a fixed lifetime count, so that making an event does not read the database.
+struct FixedCounts final : KLVLifetimeCounts {
   std::int64_t getLifetimeCountForEventWithName(const std::string&) override { return 41; }
 };
 
+/// Returns an application event with `attributes(number)`.
 inline std::shared_ptr<KLVEvent> event(std::size_t number) {
-  NoCounts counts;
+  FixedCounts counts;
   return std::make_shared<KLVAppEvent>(KLVEventType::app, name(number), attributes(number), counts);
 }
 

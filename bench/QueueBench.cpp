@@ -1,4 +1,4 @@
-// Hops from queue to queue, and log lines.
+// Measures tasks of a queue, and filtered log lines.
 #include <benchmark/benchmark.h>
 
 #include <latch>
@@ -9,7 +9,7 @@
 namespace kelvo::bench {
 namespace {
 
-/// What the one who submits pays, with the queue busy.
+/// The cost for the submitter while the queue is busy.
 void SubmitTask(benchmark::State& state) {
   DispatchQueue queue("bench");
   for (auto _ : state) queue.async([] {});
@@ -17,7 +17,7 @@ void SubmitTask(benchmark::State& state) {
 }
 BENCHMARK(SubmitTask);
 
-/// There and back: a task that another thread runs, and waiting for it.
+/// Submits a task that another thread runs, and waits for it.
 void HopAndBack(benchmark::State& state) {
   DispatchQueue queue("bench");
   for (auto _ : state) {
@@ -35,7 +35,7 @@ void SyncOnAnIdleQueue(benchmark::State& state) {
 BENCHMARK(SyncOnAnIdleQueue);
 
 void FilteredLogLine(benchmark::State& state) {
-  KLVLogger::setLogLevel(3);
+  KLVLogger::setLogLevel(KLVLogger::Level::error);
   const Dictionary info = attributes(1);
   for (auto _ : state) KLV_DEBUG("Saving: {}", info);
 }

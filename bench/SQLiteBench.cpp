@@ -9,8 +9,8 @@
 
 #include "sqlite/FMKLVDatabase.h"
 
-/// What the access layer costs: rows inserted through it, by named parameters, against the C interface on the same
-/// statements, on a file set up like the library's own. The argument is the number of rows a transaction.
+/// Compares inserts through the SQLite access layer, with named parameters, to the same statements through SQLite's C
+/// interface. The file is set up like the library's own. The argument is the number of rows per transaction.
 namespace kelvo {
 namespace {
 
@@ -18,6 +18,7 @@ constexpr const char* kTable =
     "create table events (identifier integer primary key autoincrement, type, name, details, time)";
 constexpr const char* kInsert = "insert into events (type, name, details, time) values (:type, :name, :details, :time)";
 constexpr std::size_t kRows = 1000;
+constexpr std::int64_t kAppEvent = 4;  // the stored type of an application event
 
 struct Row {
   std::int64_t type;
@@ -26,21 +27,21 @@ struct Row {
 };
 
 std::vector<Row> rows() {
-  std::vector<Row> all;
+  std::vector<Row> result;
   for (std::size_t i = 0; i < kRows; ++i) {
-    all.push_back({4, "Purchase of item number " + std::to_string(i),
-                   R"({"event_name":"Purchase","attributes":{"item":"book","price":12.5,"count":)" + std::to_string(i) +
-                       R"(,"currency":"EUR","shop":"main street","voucher":false}})",
-                   1000.5 + static_cast<double>(i)});
+    result.push_back({kAppEvent, "Purchase of item number " + std::to_string(i),
+                      R"({"event_name":"Purchase","attributes":{"item":"book","price":12.5,"count":)" +
+                          std::to_string(i) + R"(,"currency":"EUR","shop":"main street","voucher":false}})",
+                      1000.5 + static_cast<double>(i)});
   }
-  return all;
+  return result;
 }
 
 Dictionary dictionary(const Row& row) {
   return {{"type", row.type}, {"name", row.name}, {"details", row.details}, {"time", row.time}};
 }
 
-/// A database in a directory of its own, removed with it.
+/// A database in a temporary directory. The destructor removes both.
 struct File {
   File() {
     auto pattern = (std::filesystem::temp_directory_path() / "kelvo-bench-XXXXXX").string();
@@ -63,6 +64,7 @@ struct File {
   std::optional<FMKLVDatabase> db;
 };
 
+/// Counts the rows as the benchmark's items, and fails the benchmark if the table has another number of rows.
 void finish(benchmark::State& state, std::int64_t transactions, FMKLVDatabase& db) {
   state.SetItemsProcessed(transactions * state.range(0));
   if (db.intForQuery("select count(*) from events") != transactions * state.range(0)) state.SkipWithError("rows lost");
@@ -105,22 +107,24 @@ void bareInterface(benchmark::State& state) {
   finish(state, transactions, *file.db);
 }
 
-enum class Arguments { kept, built };
+/// Whether the arguments of all inserts are built before the measurement, or each during it.
+enum class Arguments { builtBefore, builtForEachRow };
 
-void layer(benchmark::State& state, bool cache, Arguments arguments) {
+void insertThroughLayer(benchmark::State& state, bool cachesStatements, Arguments arguments) {
   File file;
   const auto all = rows();
-  std::vector<Dictionary> kept;
-  for (const Row& row : all) kept.push_back(dictionary(row));
+  std::vector<Dictionary> prebuilt;
+  for (const Row& row : all) prebuilt.push_back(dictionary(row));
   FMKLVDatabase& db = *file.db;
-  db.setShouldCacheStatements(cache);
+  db.setShouldCacheStatements(cachesStatements);
   std::size_t next = 0;
   std::int64_t transactions = 0;
   for (auto _ : state) {
     if (!db.beginTransaction()) std::abort();
     for (std::int64_t i = 0; i < state.range(0); ++i, ++next) {
       const auto row = next % kRows;
-      if (!db.executeUpdate(kInsert, arguments == Arguments::kept ? kept[row] : dictionary(all[row]))) std::abort();
+      if (!db.executeUpdate(kInsert, arguments == Arguments::builtBefore ? prebuilt[row] : dictionary(all[row])))
+        std::abort();
     }
     if (!db.commit()) std::abort();
     ++transactions;
@@ -129,16 +133,16 @@ void layer(benchmark::State& state, bool cache, Arguments arguments) {
 }
 
 void cached(benchmark::State& state) {
-  layer(state, true, Arguments::kept);
+  insertThroughLayer(state, true, Arguments::builtBefore);
 }
 void cachedWithADictionaryBuiltForEachRow(benchmark::State& state) {
-  layer(state, true, Arguments::built);
+  insertThroughLayer(state, true, Arguments::builtForEachRow);
 }
 void uncached(benchmark::State& state) {
-  layer(state, false, Arguments::kept);
+  insertThroughLayer(state, false, Arguments::builtBefore);
 }
 
-// As many transactions of each, so that their files grow alike.
+// Each runs the same number of transactions, so that their files grow to the same size.
 #define KELVO_BENCH_INSERTS(function)             \
   BENCHMARK(function)->Arg(1)->Iterations(20000); \
   BENCHMARK(function)->Arg(100)->Iterations(1000)

@@ -1,4 +1,4 @@
-// Events on their way into the database and out of it.
+// Measures events on their way into the database and from there into a chunk.
 #include <benchmark/benchmark.h>
 
 #include <future>
@@ -12,13 +12,16 @@
 namespace kelvo::bench {
 namespace {
 
+constexpr std::size_t kBatch = 1000;  // events that wait together
+constexpr std::size_t kSlice = 1000;  // events that are read at once
+
 void waitUntilStored(KLVDataHandler& handler) {
   std::promise<void> stored;
   handler.whenStored([&] { stored.set_value(); });
   stored.get_future().wait();
 }
 
-/// One statement a transaction.
+/// Inserts with one statement per transaction.
 void InsertOne(benchmark::State& state) {
   const std::string session = freshSession();
   KLVPersistantStore store;
@@ -29,25 +32,25 @@ void InsertOne(benchmark::State& state) {
 }
 BENCHMARK(InsertOne);
 
-/// As the library does it: the event and its lifetime count, with whatever waits together in one transaction.
+/// Stores events as the library does: each with its lifetime count, and all waiting writes in one transaction.
 void StoreEvents(benchmark::State& state) {
   const std::string session = freshSession();
   KLVDataHandler handler(session);
   handler.startWithCompletionHandler({});
   std::size_t number = 0;
   for (auto _ : state) {
-    for (int i = 0; i < 1000; ++i) {
+    for (std::size_t i = 0; i < kBatch; ++i) {
       const auto one = event(number++);
       handler.saveEventInfo(one, session);
       handler.upsertLifetimeEvent(one);
     }
     waitUntilStored(handler);
   }
-  state.SetItemsProcessed(state.iterations() * 1000);
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kBatch));
 }
 BENCHMARK(StoreEvents)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-/// A chunk's events read and translated, and its JSON.
+/// Reads and translates the events of a chunk, and writes the chunk's JSON.
 void BuildChunk(benchmark::State& state) {
   const std::string session = freshSession();
   const auto count = static_cast<std::size_t>(state.range(0));
@@ -57,8 +60,8 @@ void BuildChunk(benchmark::State& state) {
   waitUntilStored(handler);
   for (auto _ : state) {
     KLVChunkDetails details;
-    for (std::size_t first = 1; first <= count; first += 1000) {
-      details.addEvents(handler.getEventsBetween(first, first + 999, session, std::nullopt));
+    for (std::size_t first = 1; first <= count; first += kSlice) {
+      details.addEvents(handler.getEventsBetween(first, first + kSlice - 1, session, std::nullopt));
     }
     benchmark::DoNotOptimize(jsonText(details.constructChunkDetails({}, {}, {}, {})));
   }

@@ -1,4 +1,4 @@
-// What a call costs before it leaves the caller's thread, and on its way to the database.
+// Measures the work of one call on the caller's thread, and the work on its event before it is stored.
 #include <benchmark/benchmark.h>
 
 #include "Parts.h"
@@ -43,7 +43,7 @@ void SanitiseAndClean(benchmark::State& state) {
 }
 BENCHMARK(SanitiseAndClean);
 
-/// Of attributes with a dictionary and an array of texts among them.
+/// Flattens attributes that contain a dictionary and an array of texts.
 void Flatten(benchmark::State& state) {
   Dictionary nested = attributes(1);
   nested.set("address", Dictionary{{"city", "Rome"}, {"street", Dictionary{{"name", "Via Appia"}, {"number", 7}}}});

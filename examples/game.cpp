@@ -1,6 +1,10 @@
-// A game that draws its own interface, without a toolkit: its picture is a block of memory. It hands over its main loop
-// and, in the fifty lines of the first part, its view tree, so that its screens are followed by themselves and actions
-// of the service can point at its buttons. Run it against `kelvo-collector`:
+// A game that draws its own interface, without a toolkit, into a block of memory. It shows how such a host
+//
+// 1. lets the library use the game's main loop (Application::setMainLoop),
+// 2. reports its screens (Application::willShow and didShow),
+// 3. describes its widgets (Application::setViewTree), so that the service's actions can point at its buttons.
+//
+// Start `kelvo-collector` in one terminal, and this program in another:
 //   KELVO_SERVER_BASE_URL=http://127.0.0.1:8288 game
 
 #include <algorithm>
@@ -19,8 +23,10 @@
 
 namespace {
 
+// The game's own model of its interface. The library knows nothing about it.
+
 struct Widget {
-  const char* kind;  // what the game calls it
+  const char* kind;  // "GameLabel" or "GameButton"
   const char* text;
   int x, y, width;  // in characters
 };
@@ -31,15 +37,20 @@ struct Scene {
   std::vector<Widget> widgets;
 };
 
-// --- The view tree, from here
+// The view tree: small classes that show the model to the library. The library calls them on the game's main loop only,
+// and only while it looks something up.
 
+constexpr int kColumns = 40;
+constexpr int kRows = 8;
 constexpr double kPointsPerCharacter = 8;
 
+/// One label or button.
 class WidgetView : public kelvo::View {
  public:
   explicit WidgetView(const Widget& widget) : widget_(widget) {}
   std::string className() const override { return widget_.kind; }
-  std::vector<std::string> superclassNames() const override {  // the classes that searches look for
+  // Kelvo knows standard classes such as "UIButton". A view that derives from one of them can be found by path.
+  std::vector<std::string> superclassNames() const override {
     return {className() == "GameButton" ? "UIButton" : "UILabel"};
   }
   kelvo::Rect frame() const override {
@@ -51,6 +62,7 @@ class WidgetView : public kelvo::View {
   Widget widget_;
 };
 
+/// One screen. Its class name names the screen in the events; the title is for people.
 class SceneController : public kelvo::ViewController {
  public:
   explicit SceneController(const Scene& scene) : scene_(scene) {}
@@ -62,12 +74,13 @@ class SceneController : public kelvo::ViewController {
   const Scene& scene_;
 };
 
+/// The game's only window, with the widgets of the scene that it shows.
 class GameWindow : public kelvo::Window {
  public:
   explicit GameWindow(std::shared_ptr<SceneController> shown) : shown_(std::move(shown)) {}
   std::string className() const override { return "GameWindow"; }
-  kelvo::Rect frame() const override { return {0, 0, 40 * kPointsPerCharacter, 8 * kPointsPerCharacter}; }
-  bool isKey() const override { return true; }
+  kelvo::Rect frame() const override { return {0, 0, kColumns * kPointsPerCharacter, kRows * kPointsPerCharacter}; }
+  bool isKey() const override { return true; }  // it has the keyboard's input
   std::shared_ptr<kelvo::ViewController> rootViewController() const override { return shown_; }
   std::vector<std::shared_ptr<kelvo::View>> subviews() const override {
     std::vector<std::shared_ptr<kelvo::View>> views;
@@ -79,22 +92,24 @@ class GameWindow : public kelvo::Window {
   std::shared_ptr<SceneController> shown_;
 };
 
+/// The entry point: the library asks it for the windows. The game changes `shown` whenever it shows another scene.
 class GameTree : public kelvo::ViewTree {
  public:
   std::shared_ptr<SceneController> shown;
   std::vector<std::shared_ptr<kelvo::Window>> windows() override { return {std::make_shared<GameWindow>(shown)}; }
 };
 
-// --- to here
+// The game.
 
 const Scene kMenu{"MenuScene", "Main menu", {{"GameLabel", "* ROCKS *", 15, 1, 9}, {"GameButton", "Play", 10, 4, 6}}};
 const Scene kLevel{"LevelScene", "Level 1", {{"GameLabel", "Score 0", 1, 0, 8}, {"GameButton", "Pause", 33, 0, 6}}};
 const Scene kShop{"ShopScene", "Shop", {{"GameLabel", "100 coins", 1, 0, 10}, {"GameButton", "Buy a ship", 1, 3, 12}}};
 
-/// Runs a frame and whatever was posted, all on the game's one thread.
+/// Draws frames, and runs the library's tasks between them, all on the thread that constructs it.
 class Game {
  public:
   Game() {
+    // The first function runs a task on the game's thread later; the second returns whether this is the game's thread.
     kelvo::Application::setMainLoop(
         [this](std::function<void()> task) { post(std::move(task)); },
         [thread = std::this_thread::get_id()] { return std::this_thread::get_id() == thread; });
@@ -102,6 +117,7 @@ class Game {
     kelvo::Application::setViewTree(tree_);
   }
 
+  /// Shows another scene. The library records the time spent on each.
   void show(const Scene& scene) {
     const auto next = std::make_shared<SceneController>(scene);
     kelvo::Application::willShow(next);
@@ -109,18 +125,21 @@ class Game {
     kelvo::Application::didShow(next);
   }
 
+  /// Runs the main loop for `duration`, and then prints the last frame.
   void play(std::chrono::milliseconds duration) {
     const auto end = std::chrono::steady_clock::now() + duration;
     while (std::chrono::steady_clock::now() < end) {
       draw();
-      for (const auto& task : taken()) task();
-      std::this_thread::sleep_for(std::chrono::milliseconds(16));
+      for (const auto& task : takeTasks()) task();
+      std::this_thread::sleep_for(kFrame);
     }
     std::printf("%s\n", tree_->shown->scene().caption);
-    for (const auto& line : picture_) std::printf("|%.40s|\n", line.data());
+    for (const auto& line : picture_) std::printf("|%.*s|\n", kColumns, line.data());
   }
 
  private:
+  static constexpr std::chrono::milliseconds kFrame{16};
+
   void draw() {
     for (auto& line : picture_) line.fill(' ');
     for (const Widget& widget : tree_->shown->scene().widgets) {
@@ -129,26 +148,28 @@ class Game {
     }
   }
 
+  /// Called by the library, on any thread.
   void post(std::function<void()> task) {
     const std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));
   }
 
-  std::vector<std::function<void()>> taken() {
+  std::vector<std::function<void()>> takeTasks() {
     const std::lock_guard lock(mutex_);
     return std::exchange(tasks_, {});
   }
 
   std::shared_ptr<GameTree> tree_ = std::make_shared<GameTree>();
-  std::array<std::array<char, 40>, 8> picture_{};
+  std::array<std::array<char, kColumns>, kRows> picture_{};
   std::mutex mutex_;
-  std::vector<std::function<void()>> tasks_;
+  std::vector<std::function<void()>> tasks_;  // guarded by mutex_
 };
 
 }  // namespace
 
 int main() {
-  static Game& game = *std::make_unique<Game>().release();  // the library may post to it until the process is gone
+  // Never destroyed, because the library may post tasks to it until the process ends.
+  static Game& game = *std::make_unique<Game>().release();
   kelvo::KelvoSDK::initializeKelvoWithID("rocks");
   kelvo::Application::didBecomeActive();
   game.play(std::chrono::milliseconds(1200));
@@ -161,6 +182,7 @@ int main() {
   kelvo::KelvoSDK::logAppEventWithName("Bought", {{"what", "ship"}, {"coins", 80}});
   game.play(std::chrono::milliseconds(600));
 
+  // The player leaves: the library sends the events. The loop runs on, so that it can read the last screen's title.
   kelvo::Application::willResignActive();
   game.play(std::chrono::milliseconds(600));
 }

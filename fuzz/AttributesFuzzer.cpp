@@ -1,4 +1,4 @@
-// A host's attributes, of every kind and shape, on their way to the body of a chunk.
+// Fuzzes a host's attributes, of every type and shape, from the host's call to the body of a chunk.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -13,10 +13,15 @@
 namespace kelvo::fuzz {
 namespace {
 
+// Below the level at which the library drops containers, the fuzzer makes none.
+constexpr int kDeepestContainer = 80;
+constexpr int kLastPlainKind = 8;
+constexpr int kLastKind = 10;
+
 Dictionary someDictionary(FuzzedDataProvider& input, int depth);
 
 Value someValue(FuzzedDataProvider& input, int depth) {
-  switch (input.ConsumeIntegralInRange(0, depth > 80 ? 8 : 10)) {
+  switch (input.ConsumeIntegralInRange(0, depth > kDeepestContainer ? kLastPlainKind : kLastKind)) {
     case 0: return nullptr;
     case 1: return input.ConsumeBool();
     case 2: return input.ConsumeIntegral<std::int64_t>();
@@ -48,7 +53,7 @@ struct Counts final : KLVLifetimeCounts {
   std::int64_t getLifetimeCountForEventWithName(const std::string&) override { return 7; }
 };
 
-/// The way of an event from the host's call to the body; throws what a call is dropped for.
+/// Returns the body of a chunk with one event. Throws `KLVInvalidArgument` if the library would drop the call.
 Value bodyWith(const Dictionary& attributes, const std::string& name, int depth) {
   const auto clean = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(sanitised(attributes));
   Counts counts;
@@ -57,7 +62,7 @@ Value bodyWith(const Dictionary& attributes, const std::string& name, int depth)
   KLVChunkDetails details;
   details.addEvents({event.jsonDict()});
   const Dictionary body = details.constructChunkDetails(clean.value_or(Dictionary()), {}, {}, {});
-  require(body["app_events"].get<Array>()->size() == 1, "a stored event is sent");
+  require(body["app_events"].get<Array>()->size() == 1, "a stored event is in the body");
   return body;
 }
 
@@ -65,7 +70,7 @@ Value bodyWith(const Dictionary& attributes, const std::string& name, int depth)
 }  // namespace kelvo::fuzz
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::beQuiet();
+  kelvo::fuzz::silenceLog();
   return 0;
 }
 
@@ -77,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   const Dictionary attributes = fuzz::someDictionary(input, 1);
   try {
     fuzz::requireRoundTrip(fuzz::bodyWith(attributes, name, depth));
-  } catch (const KLVInvalidArgument&) {  // an empty array, for one: the call is dropped with a line
+  } catch (const KLVInvalidArgument&) {  // for example an empty array: the library drops the call and logs a line
   }
   return 0;
 }

@@ -14,34 +14,34 @@
 
 namespace kelvo::fuzz {
 
-/// Ends the run with a finding.
+/// Aborts, which the fuzzer reports as a finding, if a property does not hold. `what` names the property.
 inline void require(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "does not hold: %s\n", what);
   std::abort();
 }
 
-/// No log lines: writing them is not what is looked at here.
-inline void beQuiet() {
-  KLVLogger::setLogLevel(4);
+/// Discards log lines: they cost time and are not under test.
+inline void silenceLog() {
+  KLVLogger::setLogLevel(KLVLogger::Level::error);
   KLVLogger::setSink([](KLVLogger::Level, std::string_view) {});
 }
 
-/// Everything that readers ask single members of a document for.
-inline void askEverythingOf(const Value& value) {
+/// Calls every conversion on `value` and on everything in it, as the library does with members of a document.
+inline void callEveryConversion(const Value& value) {
   static_cast<void>(value.asInt64());
   static_cast<void>(value.asUInt64());
   static_cast<void>(value.asDouble());
   static_cast<void>(value.asBool());
   static_cast<void>(description(value));
   if (const auto* dictionary = value.get<Dictionary>()) {
-    for (const auto& entry : *dictionary) askEverythingOf(entry.second);
+    for (const auto& entry : *dictionary) callEveryConversion(entry.second);
   } else if (const auto* array = value.get<Array>()) {
-    for (const Value& element : *array) askEverythingOf(element);
+    for (const Value& element : *array) callEveryConversion(element);
   }
 }
 
-/// What is written as JSON reads back as the same value, and is written alike again.
+/// Requires that `value`, written as JSON, reads back as an equal value and is then written as the same text.
 inline void requireRoundTrip(const Value& value) {
   std::string error;
   const auto text = jsonText(value, &error);

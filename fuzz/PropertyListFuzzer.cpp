@@ -1,11 +1,11 @@
-// Property lists: the user defaults, the bundle's description, and the provisioning profile amid its signature.
+// Fuzzes the reader of property lists: user defaults, Info.plist, and the provisioning profile inside its signature.
 
 #include "Fuzzing.h"
 #include "platform/PropertyList.h"
 #include "util/KLVMobileProvision.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::beQuiet();
+  kelvo::fuzz::silenceLog();
   return 0;
 }
 
@@ -17,13 +17,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   fuzz::require(mode != KLVMobileProvision::ReleaseMode::unknown, "every profile has a release mode");
   for (const auto& value : {parsePropertyList(text), profile ? std::optional<Value>(*profile) : std::nullopt}) {
     if (!value) continue;
-    fuzz::askEverythingOf(*value);
+    fuzz::callEveryConversion(*value);
     const auto* content = value->get<Dictionary>();
     if (content == nullptr) continue;
     const std::string written = serialisePropertyList(*content);
     const auto again = parsePropertyList(written);
-    fuzz::require(again.has_value() && again->get<Dictionary>() != nullptr, "what is written can be read");
-    fuzz::require(again->get<Dictionary>()->size() <= content->size(), "nothing is read that was not written");
+    fuzz::require(again.has_value() && again->get<Dictionary>() != nullptr, "a written property list can be read");
+    fuzz::require(again->get<Dictionary>()->size() <= content->size(), "the reader adds no entry");
   }
   return 0;
 }

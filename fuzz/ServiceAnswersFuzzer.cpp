@@ -1,5 +1,5 @@
-// What the service answers: JSON of any content, the configuration above all, the lists that classify events and the
-// actions of plug-ins, and the addresses that it redirects to.
+// Fuzzes the responses of the service: any JSON, above all the configuration, the lists that classify events, and the
+// actions of plug-ins; also the URLs of redirects.
 
 #include <filesystem>
 
@@ -19,7 +19,7 @@
 namespace kelvo::fuzz {
 namespace {
 
-/// A service that gives one answer to everything.
+/// A service that answers every request alike.
 class Service final : public KLVConfigManagerDelegate {
  public:
   std::string applicationIdentifier() override { return "fuzz"; }
@@ -40,19 +40,21 @@ void readConfiguration(std::string answer) {
   manager.getAndSaveLatestConfigurationWithCompletionHandler([&] { saved = true; });
   const KLVConfigManager next(service);
   require(next.configDetails().has_value(), "the next start has a configuration");
-  require(service.decisions == 2, "each start learns whether it is enabled");
-  if (saved) require(KLVConfigManager::isValidSDKConfiguration(*next.configDetails()), "what is saved is usable");
+  require(service.decisions == 2, "each start decides whether collection is enabled");
+  if (saved)
+    require(KLVConfigManager::isValidSDKConfiguration(*next.configDetails()), "a saved configuration is usable");
 }
 
-/// The members of `value` that stand for a device and a service: "hash", "pid_mid" and "configs" are what the service
-/// answers to everything, "disk" and "record" what the device holds before.
+/// A device and its service, described by one dictionary. The service answers every request with the whole dictionary,
+/// in which the library reads "hash", "pid_mid" and "configs". Before the sync, the device stores "disk" as the file of
+/// actions, and "record" as its revisions.
 class Device final : public KLVSyncManagerDelegate {
  public:
   explicit Device(const Dictionary& world) : answer_(*jsonText(world)) {
-    if (const auto* kept = world["record"].get<Dictionary>()) record = *kept;
-    const auto* disk = world["disk"].get<Dictionary>();
+    record = world["record"].asDictionary();
+    const auto disk = world["disk"].asDictionary();
     std::filesystem::remove(Directories::inLibrary(kKLVSDKRTAConfigLocation));
-    if (disk != nullptr) KLVUtilities::saveConfig(jsonText(*disk), std::string(kKLVSDKRTAConfigLocation));
+    if (disk) KLVUtilities::saveConfig(jsonText(*disk), std::string(kKLVSDKRTAConfigLocation));
   }
   std::string applicationIdentifier() override { return "fuzz"; }
   std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return nullptr; }
@@ -79,7 +81,7 @@ void syncActions(const Dictionary& world) {
   const auto calledBack = [&] {
     int times = 0;
     manager.getSyncDataForActionType("rta", "1", [&] { ++times; });
-    require(times <= 1, "a sync calls back once");
+    require(times <= 1, "a sync calls back at most once");
     return times == 1;
   };
   const auto* announced = world["pid_mid"].get<std::string>();
@@ -88,41 +90,38 @@ void syncActions(const Dictionary& world) {
   if (!canBoot) return;
   const Dictionary server = KLVUtilities::getPIDMIDDictFromString(*announced);
   const Dictionary saved = KLVSyncManager::savedConfig("rta");
-  const auto* configs = world["configs"].get<Array>();
-  const auto fresh = configs != nullptr ? KLVUtilities::iDKeyDictionaryForConfigs(*configs) : std::nullopt;
-  if (device.fetches > 0 && configs != nullptr) {
+  const auto configs = world["configs"].asArray();
+  const auto fresh = configs ? KLVUtilities::iDKeyDictionaryForConfigs(*configs) : std::nullopt;
+  if (device.fetches > 0 && configs) {
     require(device.record == server, "the record is what the service announced");
-    for (const auto& [id, action] : fresh.value_or(Dictionary())) require(saved[id] == action, "what came is saved");
-    require(calledBack() && device.fetches == 1, "a set that is in step is not fetched again");
+    for (const auto& [id, action] : fresh.value_or(Dictionary()))
+      require(saved[id] == action, "a fetched action is saved");
+    require(calledBack() && device.fetches == 1, "an up-to-date set is not fetched again");
   }
   for (const std::string& pid : KLVUtilities::getAllPIDsInConfig(saved)) {
     require(KLVUtilities::doesConfig(saved, pid), "a campaign of the file is found in it");
     require(!KLVUtilities::doesConfig(KLVUtilities::dictionaryByRemovingEntryWithPID(pid, saved), pid),
-            "a campaign that is dropped is gone");
+            "a removed campaign is gone");
     const bool isNew = fresh && KLVUtilities::doesConfig(*fresh, pid);
     const auto* before = world["record"].get<Dictionary>();
     const bool wasKnown = before != nullptr && before->contains(pid);
-    require(isNew || !wasKnown || server.contains(pid), "nothing is kept of a campaign that was withdrawn");
+    require(isNew || !wasKnown || server.contains(pid), "no action of a withdrawn campaign is kept");
   }
 }
 
-class Unheard final : public KLVEventHandlerDelegate {
+class NoStore final : public KLVEventHandlerDelegate {
   void processAggregateEventWithEvent(const std::shared_ptr<KLVEvent>&) override {}
   void saveEvent(const std::shared_ptr<KLVEvent>&) override {}
   void saveLifetimeEvent(const std::shared_ptr<KLVEvent>&) override {}
 };
 
-/// Events of the names in the lists are what the first list with their name says.
+/// Requires that each event gets the type of the first list that contains its name.
 void classify(const Dictionary& events) {
-  Unheard delegate;
+  NoStore delegate;
   KLVEventHandler bus(delegate);
-  const auto listed = [&](const char* name) {
-    const auto* list = events[name].get<Array>();
-    return list != nullptr ? std::optional(*list) : std::nullopt;
-  };
-  bus.setClientEvents(listed("action"));
-  bus.setAggregateEvents(listed("agg"));
-  bus.setEventsToBeIgnored(listed("stop"));
+  bus.setClientEvents(events["action"].asArray());
+  bus.setAggregateEvents(events["agg"].asArray());
+  bus.setEventsToBeIgnored(events["stop"].asArray());
   const auto becomes = [&](const Value& name, KLVEventType type) {
     const auto* text = name.get<std::string>();
     if (text == nullptr) return;
@@ -151,7 +150,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::error_code inUse;
     std::filesystem::remove_all(remembered, inUse);
   });
-  kelvo::fuzz::beQuiet();
+  kelvo::fuzz::silenceLog();
   return 0;
 }
 
@@ -159,7 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   using namespace kelvo;
   const std::string text(reinterpret_cast<const char*>(bytes), size);
   if (const auto value = parseJSON(text)) {
-    fuzz::askEverythingOf(*value);
+    fuzz::callEveryConversion(*value);
     fuzz::requireRoundTrip(*value);
     fuzz::readConfiguration(text);
     fuzz::readConfiguration("{\"details\":" + text + "}");

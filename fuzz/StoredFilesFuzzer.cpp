@@ -1,4 +1,4 @@
-// What earlier runs left on the disk: records in JSON files, the buffer of rescued events, rows of the database.
+// Fuzzes the files of earlier launches: records in JSON files, the file of rescued events, rows of the database.
 
 #include <memory>
 #include <vector>
@@ -15,16 +15,16 @@
 namespace kelvo::fuzz {
 namespace {
 
-/// A record that was read is written again, and then reads as before.
+/// Reads a record, writes it, and requires that it then reads back unchanged.
 template <class Record>
 void restore(const Dictionary& form) {
   const auto record = objectFromJsonDict<Record>(form);
-  askEverythingOf(record->customInfo());
-  askEverythingOf(record->jsonDictModified());
+  callEveryConversion(record->customInfo());
+  callEveryConversion(record->jsonDictModified());
   try {
     const Dictionary stored = record->jsonDict();
     require(objectFromJsonDict<Record>(stored)->jsonDict() == stored, "a stored record changes with every start");
-  } catch (const KLVInvalidArgument&) {  // its attributes cannot be stored: that is said, and they are left out
+  } catch (const KLVInvalidArgument&) {  // its attributes cannot be stored: the library logs a line and leaves them out
   }
 }
 
@@ -33,7 +33,7 @@ void cutChunk(std::vector<Dictionary> rows) {
   details.addEvents(std::move(rows));
   const Value body = details.constructChunkDetails({}, {}, {}, {});
   std::string error;
-  // A file that somebody else wrote may nest deeper than any host's attributes.
+  // A file that another program wrote may nest deeper than any host's attributes.
   if (jsonText(body, &error) || error.find("nested deeper") == std::string::npos) requireRoundTrip(body);
 }
 
@@ -41,7 +41,7 @@ void cutChunk(std::vector<Dictionary> rows) {
 }  // namespace kelvo::fuzz
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::beQuiet();
+  kelvo::fuzz::silenceLog();
   return 0;
 }
 
@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     fuzz::restore<KLVAppInfo>(row);
     fuzz::restore<KLVEvent>(row);
     const auto meta = objectFromDictionary<KLVChunkMetaInfo>(row)->additionalInfo();
-    for (const char* column : {"sid", "cid", "start", "end", "status"}) fuzz::askEverythingOf(meta[column]);
+    for (const char* column : {"sid", "cid", "start", "end", "status"}) fuzz::callEveryConversion(meta[column]);
   }
   fuzz::cutChunk(std::move(rows));
   return 0;

@@ -8,19 +8,20 @@
 
 namespace kelvo::bench {
 
-/// A process that this one starts; what it writes to standard error is thrown away. Killed when this dies.
+/// A child process. Its standard error is discarded. The destructor kills it.
 class Child {
  public:
-  /// `variables` are added to the environment.
+  /// Starts `command` with `variables` added to the environment. Throws if it cannot be started.
   Child(const std::vector<std::string>& command, const std::map<std::string, std::string>& variables);
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
   ~Child();
 
   [[nodiscard]] pid_t process() const noexcept { return process_; }
-  /// The next line of its standard output, without the line feed; empty at the end.
+  /// Blocks for the next line of its standard output. Returns it without the line feed, or the empty text at the end.
   std::string readLine();
-  /// All "key value" lines until its end. `peak`, when given, becomes its highest private memory in bytes.
+  /// Reads "key value" lines until the child ends. If `peak` is given, samples the child's private memory every few
+  /// milliseconds and sets `*peak` to the highest sample, in bytes. Throws on any other line.
   std::map<std::string, double> readFigures(double* peak = nullptr);
 
  private:

@@ -8,8 +8,15 @@
 #include <thread>
 
 namespace kelvo::bench {
+namespace {
 
-std::int64_t Watcher::number(const char* sql) {
+constexpr int kBusyMilliseconds = 1000;
+constexpr auto kLongestWait = std::chrono::minutes(10);
+constexpr std::int64_t kKilobyte = 1024;
+
+}  // namespace
+
+std::int64_t DatabaseWatcher::number(const char* sql) {
   if (connection_ == nullptr) {
     const std::string path =
         std::string(std::getenv("KELVO_HOME")) + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
@@ -18,7 +25,7 @@ std::int64_t Watcher::number(const char* sql) {
       connection_ = nullptr;
       return 0;
     }
-    sqlite3_busy_timeout(connection_, 1000);
+    sqlite3_busy_timeout(connection_, kBusyMilliseconds);
   }
   for (;;) {
     sqlite3_stmt* statement = nullptr;
@@ -26,12 +33,13 @@ std::int64_t Watcher::number(const char* sql) {
                        sqlite3_step(statement) == SQLITE_ROW;
     const std::int64_t result = found ? sqlite3_column_int64(statement, 0) : 0;
     sqlite3_finalize(statement);
-    if (found || sqlite3_errcode(connection_) != SQLITE_SCHEMA) return result;  // else a table came or went meanwhile
+    if (found || sqlite3_errcode(connection_) != SQLITE_SCHEMA) return result;
+    // SQLITE_SCHEMA: a table was created or dropped in the meantime, so try again.
   }
 }
 
 void waitFor(const std::function<bool()>& condition, std::chrono::microseconds interval) {
-  const auto deadline = Clock::now() + std::chrono::minutes(10);
+  const auto deadline = Clock::now() + kLongestWait;
   while (!condition()) {
     if (Clock::now() > deadline) {
       std::printf("failed 1\n");
@@ -46,7 +54,7 @@ PrivateMemory privateMemory(int process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/smaps_rollup");
   PrivateMemory memory;
   for (std::string line; std::getline(file, line);) {
-    const auto bytes = std::strtoll(line.c_str() + line.find(':') + 1, nullptr, 10) * 1024;
+    const auto bytes = std::strtoll(line.c_str() + line.find(':') + 1, nullptr, 10) * kKilobyte;
     if (line.rfind("Private_Clean:", 0) == 0) memory.clean = bytes;
     if (line.rfind("Private_Dirty:", 0) == 0) memory.dirty = bytes;
   }
@@ -62,7 +70,7 @@ double cpuSeconds() {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-void tell(const std::string& key, double value) {
+void printFigure(const std::string& key, double value) {
   std::printf("%s %.9g\n", key.c_str(), value);
   std::fflush(stdout);
 }

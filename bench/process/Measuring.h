@@ -15,12 +15,12 @@ inline double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// Watches the database of this process's home through a connection of its own.
-class Watcher {
+/// Watches the database of this process's home through a separate connection.
+class DatabaseWatcher {
  public:
-  ~Watcher() { sqlite3_close(connection_); }
+  ~DatabaseWatcher() { sqlite3_close(connection_); }
 
-  /// Events of all sessions that were ever stored.
+  /// Returns the number of events ever stored, of all sessions.
   std::int64_t stored() { return number("select coalesce(sum(seq), 0) from sqlite_sequence"); }
   std::int64_t acceptedChunks() { return number("select count(*) from chunkmeta where status = 1"); }
   std::int64_t acceptedEvents() {
@@ -30,27 +30,29 @@ class Watcher {
   std::int64_t sessions() { return number("select count(*) from sqlite_master where name like 'events_%'"); }
 
  private:
+  /// Returns the integer that `sql` selects, 0 if there is no database or no row.
   std::int64_t number(const char* sql);
 
   sqlite3* connection_ = nullptr;
 };
 
-/// Asks every `interval`; ends the process when it takes more than ten minutes.
+/// Blocks until `condition` holds; checks it every `interval`. Ends the process after ten minutes.
 void waitFor(const std::function<bool()>& condition,
              std::chrono::microseconds interval = std::chrono::microseconds(200));
 
-/// Memory that a process shares with no other, in bytes; all zero when it is gone. The clean part is of files, mostly
-/// code of libraries that no other process happens to use.
+/// The memory, in bytes, that a process shares with no other. The clean part is mapped from files: mostly code of
+/// libraries that no other process uses at the moment.
 struct PrivateMemory {
   std::int64_t clean = 0;
   std::int64_t dirty = 0;
 };
+/// Returns zeros if the process has ended.
 PrivateMemory privateMemory(int process);
 
-/// User and system time of this process.
+/// Returns the user and system time of this process, in seconds.
 double cpuSeconds();
 
-/// Prints "key value" for the program that started this one.
-void tell(const std::string& key, double value);
+/// Prints "key value" for the program that started this process.
+void printFigure(const std::string& key, double value);
 
 }  // namespace kelvo::bench

@@ -1,4 +1,4 @@
-// `minimal` without the library, for comparison.
+// The same program as minimal.cpp, without the library, for comparison.
 #include <cstdio>
 #include <ctime>
 

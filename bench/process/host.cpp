@@ -1,4 +1,4 @@
-// An application that is measured: plays one part, named by its argument, and prints what it found.
+// The measured host: plays the part that its first argument names, and prints its figures.
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,8 +28,12 @@ constexpr std::size_t kEventsOfARun = 50000;
 constexpr std::size_t kEventsOfAChunk = 10000;
 constexpr std::size_t kCalls = 10000;
 constexpr std::size_t kBurst = 1000;
+constexpr std::size_t kWarmUpEvents = 200;
+constexpr int kClockWarmUps = 1000;
+constexpr auto kSettleTime = std::chrono::milliseconds(300);
+constexpr auto kIdleTime = std::chrono::seconds(30);
 
-Watcher watcher;
+DatabaseWatcher watcher;
 
 void logOne(std::size_t number) {
   KelvoSDK::logAppEventWithName(name(number), attributes(number));
@@ -38,7 +42,7 @@ void logOne(std::size_t number) {
 void start() {
   KelvoSDK::initializeKelvoWithID("bench");
   waitFor([] { return watcher.stored() > 0; });
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // for what else belongs to the start
+  std::this_thread::sleep_for(kSettleTime);  // lets the rest of the start-up finish
 }
 
 void logAndWait(std::size_t count) {
@@ -51,10 +55,10 @@ double percentile(const std::vector<double>& sorted, double part) {
   return sorted[std::min(sorted.size() - 1, static_cast<std::size_t>(part * static_cast<double>(sorted.size())))];
 }
 
-/// `pause` stands between two calls.
+/// Measures the duration of each of `calls` calls, with a `pause` before each.
 void measureCalls(const std::string& prefix, std::size_t calls, std::chrono::microseconds pause) {
   std::vector<double> microseconds(calls, 0);
-  for (int i = 0; i < 1000; ++i) static_cast<void>(Clock::now());
+  for (int i = 0; i < kClockWarmUps; ++i) static_cast<void>(Clock::now());
   for (std::size_t i = 0; i < calls; ++i) {
     if (pause.count() > 0) std::this_thread::sleep_for(pause);
     const auto begin = Clock::now();
@@ -62,14 +66,14 @@ void measureCalls(const std::string& prefix, std::size_t calls, std::chrono::mic
     microseconds[i] = std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
   }
   std::sort(microseconds.begin(), microseconds.end());
-  tell(prefix + "p50", percentile(microseconds, 0.5));
-  tell(prefix + "p99", percentile(microseconds, 0.99));
-  tell(prefix + "p999", percentile(microseconds, 0.999));
+  printFigure(prefix + "p50", percentile(microseconds, 0.5));
+  printFigure(prefix + "p99", percentile(microseconds, 0.99));
+  printFigure(prefix + "p999", percentile(microseconds, 0.999));
 }
 
 void latency() {
   start();
-  logAndWait(200);
+  logAndWait(kWarmUpEvents);
   measureCalls("", kCalls, {});
   std::this_thread::sleep_for(std::chrono::seconds(1));
   measureCalls("paced_", kCalls / 10, std::chrono::microseconds(500));
@@ -77,37 +81,37 @@ void latency() {
 
 void durable() {
   start();
-  logAndWait(200);
+  logAndWait(kWarmUpEvents);
   const double cpu = cpuSeconds();
   const auto begin = Clock::now();
   logAndWait(kEventsOfARun);
   const double seconds = secondsSince(begin);
-  tell("rate", static_cast<double>(kEventsOfARun) / seconds);
-  tell("cpu", (cpuSeconds() - cpu) * 1000 / static_cast<double>(kEventsOfARun));
+  printFigure("rate", static_cast<double>(kEventsOfARun) / seconds);
+  printFigure("cpu", (cpuSeconds() - cpu) * 1000 / static_cast<double>(kEventsOfARun));
 }
 
 void burst() {
   start();
-  logAndWait(200);
+  logAndWait(kWarmUpEvents);
   const auto before = watcher.stored();
   for (std::size_t i = 0; i < kBurst; ++i) logOne(i);
   const auto begin = Clock::now();
   waitFor([&] { return watcher.stored() >= before + static_cast<std::int64_t>(kBurst); });
-  tell("seconds", secondsSince(begin));
+  printFigure("seconds", secondsSince(begin));
 }
 
 void chunk() {
   start();
   Application::didBecomeActive();
   logAndWait(kEventsOfAChunk);
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  std::this_thread::sleep_for(kSettleTime);
   const auto begin = Clock::now();
   Application::willResignActive();
   waitFor([] { return watcher.acceptedEvents() >= static_cast<std::int64_t>(kEventsOfAChunk); });
-  tell("seconds", secondsSince(begin));
+  printFigure("seconds", secondsSince(begin));
 }
 
-/// Voluntary context switches of all threads but the main one, by thread.
+/// Returns the voluntary context switches of each thread except the main thread, by thread id.
 std::map<std::string, std::int64_t> switches() {
   std::map<std::string, std::int64_t> result;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -125,18 +129,18 @@ void idle() {
   start();
   std::this_thread::sleep_for(std::chrono::seconds(2));
   const auto before = switches();
-  std::this_thread::sleep_for(std::chrono::seconds(30));
+  std::this_thread::sleep_for(kIdleTime);
   const auto after = switches();
   std::int64_t total = 0;
   for (const auto& [thread, count] : after) {
     const auto known = before.find(thread);
     total += count - (known == before.end() ? 0 : known->second);
   }
-  tell("threads", static_cast<double>(after.size()));
-  tell("switches", static_cast<double>(total));
+  printFigure("threads", static_cast<double>(after.size()));
+  printFigure("switches", static_cast<double>(total));
   const PrivateMemory memory = privateMemory(::getpid());
-  tell("memory", static_cast<double>(memory.clean + memory.dirty));
-  tell("dirty", static_cast<double>(memory.dirty));
+  printFigure("memory", static_cast<double>(memory.clean + memory.dirty));
+  printFigure("dirty", static_cast<double>(memory.dirty));
 }
 
 void firstChunk() {
@@ -144,15 +148,15 @@ void firstChunk() {
   KelvoSDK::initializeKelvoWithID("bench");
   Application::didBecomeActive();
   logOne(0);
-  // BACKGROUND cuts only what is stored, so it is reported once the start has reached the database.
+  // BACKGROUND cuts a chunk of stored events only, so wait until the first event is stored.
   waitFor([] { return watcher.stored() > 1; });
   Application::willResignActive();
   waitFor([] { return watcher.acceptedChunks() > 0; });
-  tell("seconds", secondsSince(begin));
+  printFigure("seconds", secondsSince(begin));
 }
 
-/// One session, as many events as it takes, a chunk every second. Waits for the store between pieces, as an
-/// application does that runs for hours.
+/// Logs `events` events in one session, which cuts a chunk every second. Waits for the store between pieces, because a
+/// long session does not log everything in one burst.
 void longSession(std::size_t events) {
   start();
   const double cpu = cpuSeconds();
@@ -161,18 +165,18 @@ void longSession(std::size_t events) {
   for (std::size_t piece = 0; piece < kPieces; ++piece) {
     const auto begin = Clock::now();
     for (std::size_t i = 0; i < 10; ++i) logAndWait(events / kPieces / 10);
-    tell("piece" + std::to_string(piece), secondsSince(begin));
+    printFigure("piece" + std::to_string(piece), secondsSince(begin));
   }
   const auto begin = Clock::now();
   Application::willResignActive();
   waitFor([&] { return watcher.acceptedEvents() >= static_cast<std::int64_t>(events); });
-  tell("last_chunk", secondsSince(begin));
-  tell("cpu_seconds", cpuSeconds() - cpu);
-  tell("requests", static_cast<double>(watcher.acceptedChunks()));
+  printFigure("last_chunk", secondsSince(begin));
+  printFigure("cpu_seconds", cpuSeconds() - cpu);
+  printFigure("requests", static_cast<double>(watcher.acceptedChunks()));
 }
 
-/// Fills the home with what earlier launches left behind: `sessions` sessions of `chunks` unsent chunks each (0: never
-/// cut), ten events a chunk.
+/// Fills the home as earlier launches would: with `sessions` sessions of `chunks` unsent chunks each, ten events per
+/// chunk. With 0 chunks, each session has ten events that were never cut.
 void prepare(std::size_t sessions, std::size_t chunks) {
   constexpr std::size_t kEvents = 10;
   for (std::size_t s = 0; s < sessions; ++s) {
@@ -207,21 +211,22 @@ void prepare(std::size_t sessions, std::size_t chunks) {
   }
 }
 
-/// Starts with `prepare`'s home, and ends when everything that was there is accepted; with `purged`, when it is gone.
+/// Starts in a home that `prepare` filled. Ends when the service has accepted `events` events or, with `purged`, when
+/// the earlier sessions are deleted.
 void launch(std::size_t events, bool purged) {
   const double cpu = cpuSeconds();
   const auto begin = Clock::now();
   KelvoSDK::initializeKelvoWithID("bench");
-  // Rarely: a look at a database whose tables change reads its whole schema anew.
+  // Seldom, because each query reads the whole schema again while tables change.
   const auto interval = std::chrono::milliseconds(20);
   if (purged) {
     waitFor([] { return watcher.stored() > 0 && watcher.sessions() <= 2; }, interval);
   } else {
     waitFor([&] { return watcher.acceptedEvents() >= static_cast<std::int64_t>(events); }, interval);
   }
-  tell("seconds", secondsSince(begin));
-  tell("cpu_seconds", cpuSeconds() - cpu);
-  tell("requests", static_cast<double>(watcher.acceptedChunks()));
+  printFigure("seconds", secondsSince(begin));
+  printFigure("cpu_seconds", cpuSeconds() - cpu);
+  printFigure("requests", static_cast<double>(watcher.acceptedChunks()));
 }
 
 std::size_t numberIn(const char* text) {
@@ -262,5 +267,5 @@ int play(int count, char** arguments) {
 int main(int count, char** arguments) {
   const int result = kelvo::bench::play(count, arguments);
   std::fflush(stdout);
-  std::_Exit(result);  // what happens at exit is not what is measured
+  std::_Exit(result);  // skip the exit hooks: they are not measured
 }

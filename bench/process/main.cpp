@@ -1,5 +1,5 @@
-// Measures whole processes: starts a collector and, one after the other, hosts that each play one part, and prints a
-// Markdown table of what was found beside what is aimed at. With --growth, how the cost grows with the input.
+// Measures whole processes. Starts a collector and, one after the other, hosts that each play one part. Prints a
+// Markdown table with each figure beside its aim. With --growth, prints how the cost grows with the input.
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -22,10 +22,15 @@ namespace kelvo::bench {
 namespace {
 
 constexpr double kMegabyte = 1e6;
+constexpr int kRuns = 5;                // of a part, for its medians
+constexpr int kStartRuns = 31;          // of a program, for the median time to its main function
+constexpr int kNeverDuringARun = 3600;  // seconds
+constexpr int kEventsPerChunk = 10;     // in the homes that the host's part `prepare` fills
+constexpr int kPieces = 10;             // of the host's part `long-session`
 
 using Figures = std::map<std::string, double>;
 
-/// A home for one host, removed at the end.
+/// A temporary home for one host. The destructor removes it.
 class Home {
  public:
   Home() {
@@ -40,7 +45,7 @@ class Home {
     std::filesystem::remove_all(path_, inUse);
   }
 
-  /// The configuration that the next launch finds: a chunk is cut every `seconds`.
+  /// Saves a configuration for the next launch: the timer cuts a chunk every `seconds`.
   void setChunkInterval(int seconds) const {
     std::filesystem::create_directories(path_ + "/Library");
     std::ofstream(path_ + "/Library/com.kelvo.SDK.config.json")
@@ -52,29 +57,32 @@ class Home {
   std::string path_;
 };
 
-class Bench {
+/// Starts a collector, and hosts that report to it.
+class HostRunner {
  public:
-  Bench() : collector_({BENCH_COLLECTOR, "--port", "0"}, {}) {
+  HostRunner() : collector_({BENCH_COLLECTOR, "--port", "0"}, {}) {
     const std::string line = collector_.readLine();
     url_ = line.substr(line.rfind(' ') + 1);
   }
 
-  Figures host(const std::vector<std::string>& part, const Home& home, double* peak = nullptr) const {
+  /// Runs a host with the arguments `part` and returns its figures. If `peak` is given, sets it to the host's highest
+  /// private memory in bytes.
+  Figures runHost(const std::vector<std::string>& part, const Home& home, double* peak = nullptr) const {
     std::vector<std::string> command{BENCH_HOST};
     command.insert(command.end(), part.begin(), part.end());
     Child child(command, {{"KELVO_HOME", home.path()}, {"KELVO_SERVER_BASE_URL", url_}});
     Figures figures = child.readFigures(peak);
-    if (figures.count("failed") > 0) std::fprintf(stderr, "%s did not come to its end\n", part[0].c_str());
+    if (figures.count("failed") > 0) std::fprintf(stderr, "%s did not finish\n", part[0].c_str());
     return figures;
   }
 
-  /// Each figure's median over `runs` runs, each with a fresh home and no chunk cut by the timer.
+  /// Returns the median of each figure over `runs` runs. Each run has a new home, and the timer cuts no chunk in it.
   [[nodiscard]] Figures median(const std::string& part, int runs) const {
     std::map<std::string, std::vector<double>> all;
     for (int run = 0; run < runs; ++run) {
       const Home home;
-      home.setChunkInterval(3600);
-      for (const auto& [key, value] : host({part}, home)) all[key].push_back(value);
+      home.setChunkInterval(kNeverDuringARun);
+      for (const auto& [key, value] : runHost({part}, home)) all[key].push_back(value);
     }
     Figures result;
     for (auto& [key, values] : all) {
@@ -89,11 +97,11 @@ class Bench {
   std::string url_;
 };
 
-/// Milliseconds from the start of the process to its `main`; the median of some runs.
+/// Returns the median of the milliseconds from the start of a process to its `main`.
 double untilMain(const char* program) {
   std::vector<double> milliseconds;
   const Home home;
-  for (int run = 0; run < 31; ++run) {
+  for (int run = 0; run < kStartRuns; ++run) {
     timespec before{};
     clock_gettime(CLOCK_MONOTONIC, &before);
     Child child({program}, {{"KELVO_HOME", home.path()}});
@@ -105,7 +113,7 @@ double untilMain(const char* program) {
   return milliseconds[milliseconds.size() / 2];
 }
 
-/// Text and data of a program, in kilobytes, as `size` counts them.
+/// Returns the size of a program's text and data in kilobytes, as the command `size` counts them.
 double sizeOf(const std::string& program) {
   std::FILE* const pipe = popen(("size " + program).c_str(), "r");
   if (pipe == nullptr) return 0;
@@ -152,26 +160,26 @@ void row(const char* figure, const std::string& measured, const char* aim) {
 
 void printTable() {
   std::printf("%s\n\n| Figure | Measured | Aim |\n|---|---|---|\n", machine().c_str());
-  const Bench bench;
-  auto calls = bench.median("latency", 5);
+  const HostRunner runner;
+  auto calls = runner.median("latency", kRuns);
   row("a call, 10,000 in a row: p50 / p99 / p99.9",
       text("%.2f / %.1f / %.0f µs", calls["p50"], calls["p99"], calls["p999"]), "1 / 6 / 60 µs");
   row("a call, one every half millisecond: p50 / p99", text("%.1f / %.0f µs", calls["paced_p50"], calls["paced_p99"]),
       "");
-  auto durable = bench.median("durable", 5);
+  auto durable = runner.median("durable", kRuns);
   row("events made durable a second, of 50,000", text("%.0f", durable["rate"]), "25,000, better 40,000");
-  row("from the last call of 1,000 until all are durable", text("%.0f ms", bench.median("burst", 5)["seconds"] * 1e3),
-      "50 ms");
+  row("from the last call of 1,000 until all are durable",
+      text("%.0f ms", runner.median("burst", kRuns)["seconds"] * 1e3), "50 ms");
   row("CPU time for 1,000 events", text("%.4f s", durable["cpu"]), "0.03 s");
-  row("10,000 stored events read, built, posted, accepted", text("%.2f s", bench.median("chunk", 5)["seconds"]),
+  row("10,000 stored events read, built, posted, accepted", text("%.2f s", runner.median("chunk", kRuns)["seconds"]),
       "0.35 s");
   double peak = 0;
   {
     const Home home;
-    home.setChunkInterval(3600);
-    bench.host({"durable"}, home, &peak);
+    home.setChunkInterval(kNeverDuringARun);
+    runner.runHost({"durable"}, home, &peak);
   }
-  auto idle = bench.median("idle", 1);
+  auto idle = runner.median("idle", 1);
   row("private memory: peak of the 50,000 / idle / of that written to",
       text("%.1f / %.1f / %.1f MB", peak / kMegabyte, idle["memory"] / kMegabyte, idle["dirty"] / kMegabyte),
       "60 / 5 MB");
@@ -182,11 +190,11 @@ void printTable() {
       text("%.1f / %.1f / %.1f ms", untilMain(BENCH_MINIMAL_SHARED), untilMain(BENCH_MINIMAL_STATIC),
            untilMain(BENCH_BARE)),
       "5 ms above the last");
-  row("start to first chunk accepted", text("%.0f ms", bench.median("first-chunk", 5)["seconds"] * 1e3), "300 ms");
+  row("start to first chunk accepted", text("%.0f ms", runner.median("first-chunk", kRuns)["seconds"] * 1e3), "300 ms");
 }
 
-void growthRow(const std::string& what, const Figures& figures, double peak) {
-  row(what.c_str(), text("%.2f s, %.2f s CPU", figures.at("seconds"), figures.at("cpu_seconds")),
+void growthRow(const std::string& label, const Figures& figures, double peak) {
+  row(label.c_str(), text("%.2f s, %.2f s CPU", figures.at("seconds"), figures.at("cpu_seconds")),
       text("%.0f MB | %.0f", peak / kMegabyte, figures.at("requests")).c_str());
 }
 
@@ -194,37 +202,37 @@ void printGrowth() {
   std::printf("%s\n\n| What | Time | Private memory at its peak | Chunks accepted |\n|---|---|---|---|\n",
               machine().c_str());
   for (const int events : {100000, 1000000}) {
-    const Bench bench;
+    const HostRunner runner;
     const Home home;
     home.setChunkInterval(1);
     double peak = 0;
-    auto figures = bench.host({"long-session", std::to_string(events)}, home, &peak);
-    for (int piece = 0; piece < 10; ++piece) figures["seconds"] += figures["piece" + std::to_string(piece)];
-    std::ostringstream what;
-    what << "one session of " << events << " events, a chunk a second (first tenth "
-         << text("%.2f s, last %.2f s)", figures["piece0"], figures["piece9"]);
-    growthRow(what.str(), figures, peak);
+    auto figures = runner.runHost({"long-session", std::to_string(events)}, home, &peak);
+    for (int piece = 0; piece < kPieces; ++piece) figures["seconds"] += figures["piece" + std::to_string(piece)];
+    std::ostringstream label;
+    label << "one session of " << events << " events, a chunk a second (first tenth "
+          << text("%.2f s, last %.2f s)", figures["piece0"], figures["piece" + std::to_string(kPieces - 1)]);
+    growthRow(label.str(), figures, peak);
   }
   for (const int chunks : {1000, 10000}) {
-    const Bench bench;
+    const HostRunner runner;
     const Home home;
-    home.setChunkInterval(3600);
-    bench.host({"prepare", "1", std::to_string(chunks)}, home);
+    home.setChunkInterval(kNeverDuringARun);
+    runner.runHost({"prepare", "1", std::to_string(chunks)}, home);
     double peak = 0;
-    const auto figures = bench.host({"launch", std::to_string(chunks * 10)}, home, &peak);
+    const auto figures = runner.runHost({"launch", std::to_string(chunks * kEventsPerChunk)}, home, &peak);
     growthRow("launch with " + std::to_string(chunks) + " unsent chunks of 10 events", figures, peak);
   }
   for (const int sessions : {100, 1000}) {
-    const Bench bench;
+    const HostRunner runner;
     const Home home;
-    home.setChunkInterval(3600);
-    bench.host({"prepare", std::to_string(sessions), "0"}, home);
+    home.setChunkInterval(kNeverDuringARun);
+    runner.runHost({"prepare", std::to_string(sessions), "0"}, home);
     double peak = 0;
     const std::string number = std::to_string(sessions);
-    const auto cut = bench.host({"launch", std::to_string(sessions * 10)}, home, &peak);
+    const auto cut = runner.runHost({"launch", std::to_string(sessions * kEventsPerChunk)}, home, &peak);
     growthRow("launch with " + number + " earlier sessions never cut", cut, peak);
     peak = 0;
-    const auto purge = bench.host({"purge"}, home, &peak);
+    const auto purge = runner.runHost({"purge"}, home, &peak);
     growthRow("launch that purges " + number + " sessions", purge, peak);
   }
 }

@@ -1,4 +1,4 @@
-// The least that a host of the library is; its size is measured, and the time until its main function.
+// The smallest host. The bench measures its size and the time from its start to its main function.
 #include <cstdio>
 #include <ctime>
 

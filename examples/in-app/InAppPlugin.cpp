@@ -6,10 +6,11 @@
 using kelvo::KLVEventType;
 using kelvo::PluginServices;
 
+// Lets the library find the class by its name, if the bundle's Info.plist switches the plug-in on.
 KELVO_PLUGIN(InAppPlugin);
 
 namespace {
-// A plain pointer: events may still come at exit, when objects of this program are gone.
+// A plain function pointer, because it needs no destructor: events may still be delivered while the program exits.
 std::atomic<InAppPlugin::Show> hostShows{nullptr};
 }  // namespace
 
@@ -19,19 +20,20 @@ void InAppPlugin::onMessage(Show show) {
 
 void InAppPlugin::initialize(const kelvo::Dictionary& configuration) {
   if (configuration["real_time_actions_enabled"] == kelvo::Value(false)) return;
-  PluginServices::getSyncDataForActionType("rta", "1", [this] { boot(); });  // the library keeps the plug-in for good
+  // Updates the saved rules from the service ("rta": real-time actions) and then calls `boot`. Capturing `this` is
+  // safe, because the library never destroys a plug-in.
+  PluginServices::getSyncDataForActionType("rta", "1", [this] { boot(); });
 }
 
 void InAppPlugin::boot() {
   for (const auto& [id, action] : PluginServices::getConfigForActionType("rta")) {
-    const auto* members = action.get<kelvo::Dictionary>();
-    if (members == nullptr) continue;
-    const auto* event = (*members)["event"].get<std::string>();
-    const auto* message = (*members)["message"].get<std::string>();
-    if (event == nullptr || message == nullptr) continue;
-    rules_.push_back({id, *event, *message, members->contains("most") ? (*members)["most"].asInt64() : INT64_MAX});
+    const auto members = action.asDictionary().value_or(kelvo::Dictionary());
+    const auto event = members["event"].asText();
+    const auto message = members["message"].asText();
+    if (!event || !message) continue;  // the service may send anything
+    rules_.push_back({id, *event, *message, members.contains("most") ? members["most"].asInt64() : INT64_MAX});
   }
-  // As an application event, or as a client event when the service wants it so.
+  // The service decides whether an event is an application event or a client event, so register for both.
   for (const Rule& rule : rules_) {
     for (const auto type : {KLVEventType::app, KLVEventType::client}) {
       PluginServices::registerIdentifer(kelvo::identifierKey(type, rule.event), shared_from_this());
@@ -47,8 +49,8 @@ void InAppPlugin::onEvent(const kelvo::Event& event) {
   }
 }
 
-/// Counts the showing, too.
 bool InAppPlugin::mayShow(const Rule& rule) {
+  // The library keeps a dictionary for each rule id, over all launches.
   const auto kept = PluginServices::retrieveFrequencyConfigWithIdentifier(rule.id);
   const std::int64_t shown = kept ? (*kept)["shown"].asInt64() : 0;
   if (shown >= rule.most) return false;

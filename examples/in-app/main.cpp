@@ -1,5 +1,7 @@
-// A host of InAppPlugin: logs each line of its input as an application event, and shows what the plug-in has to say.
-// Its bundle, in-app.bundle beside it, starts the library and switches the plug-in on.
+// The host of InAppPlugin. It logs each line of its input as an application event, and prints the plug-in's messages.
+//
+// It never starts the library itself: the Info.plist in its bundle, in-app.bundle beside the program, names the
+// application's id, so the library starts when it is loaded. The same file switches the plug-in on.
 
 #include <cstdio>
 #include <iostream>

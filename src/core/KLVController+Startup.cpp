@@ -248,13 +248,13 @@ void KLVController::setupLoggerLevel() {
   if (!configuration.contains("log_level")) return;
   const Value& level = configuration["log_level"];
   if (level == Value("debug")) {
-    KLVLogger::setLogLevel(1);
+    KLVLogger::setLogLevel(KLVLogger::Level::debug);
     KLV_INFO("Changed Log level to: {}", level);
   } else if (level == Value("warn")) {
-    KLVLogger::setLogLevel(2);
+    KLVLogger::setLogLevel(KLVLogger::Level::warn);
     KLV_INFO("Changed Log level to: {}", level);
   } else {
-    KLVLogger::setLogLevel(3);
+    KLVLogger::setLogLevel(KLVLogger::Level::error);
   }
 }
 

@@ -2,7 +2,7 @@
 
 #include "records/KLVUUID.h"
 #include "util/KLVTimer.h"
-#include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Counts.h"
 
 namespace kelvo {
 

@@ -11,12 +11,14 @@ KLVEventHandler::KLVEventHandler(KLVEventHandlerDelegate& delegate) : delegate_(
 
 void KLVEventHandler::registerForEventType(KLVEventType type, Listener listener) {
   queue_.async([this, type, listener = std::move(listener)] {
+    queue_.assertCurrent();
     add(objectsRegisteredOnType_, std::string(stringFromType(type)), listener);
   });
 }
 
 void KLVEventHandler::deregisterForEventType(KLVEventType type, Listener listener) {
   queue_.async([this, type, listener = std::move(listener)] {
+    queue_.assertCurrent();
     const std::string key(stringFromType(type));
     const auto byIdentifier = objectsRegisteredOnIdentifier_.find(key);
     if (byIdentifier == objectsRegisteredOnIdentifier_.end()) return;
@@ -28,18 +30,21 @@ void KLVEventHandler::deregisterForEventType(KLVEventType type, Listener listene
 
 void KLVEventHandler::registerIdentifer(std::string key, Listener listener) {
   queue_.async([this, key = std::move(key), listener = std::move(listener)] {
+    queue_.assertCurrent();
     add(objectsRegisteredOnIdentifier_, key, listener);
   });
 }
 
 void KLVEventHandler::deRegisterIdentifer(std::string key, Listener listener) {
   queue_.async([this, key = std::move(key), listener = std::move(listener)] {
+    queue_.assertCurrent();
     remove(objectsRegisteredOnIdentifier_, key, listener);
   });
 }
 
 void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
   queue_.async([this, event = std::move(event)] {
+    queue_.assertCurrent();
     if (!classify(*event)) return;
     save(event);
     deliver(event, objectsRegisteredOnType_, std::string(stringFromType(event->eventType())));
@@ -48,8 +53,8 @@ void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
 }
 
 void KLVEventHandler::waitUntilDelivered() {
-  queue_.sync([] {});  // what is classified by then has its deliveries queued
-  queue_.sync([] {});
+  queue_.sync([] {});  // now every event is classified, and its deliveries are queued
+  queue_.sync([] {});  // now they are delivered
 }
 
 bool KLVEventHandler::classify(KLVEvent& event) const {
@@ -108,18 +113,18 @@ void KLVEventHandler::NameList::set(std::optional<Array> names) {
   for (const Value& name : names.value_or(Array())) {
     if (const auto* text = name.get<std::string>()) lookup.insert(*text);
   }
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   names_.swap(names);
   lookup_.swap(lookup);
 }
 
 std::optional<Array> KLVEventHandler::NameList::names() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return names_;
 }
 
 bool KLVEventHandler::NameList::contains(const std::string& name) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return lookup_.count(name) > 0;
 }
 

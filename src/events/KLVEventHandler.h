@@ -1,19 +1,21 @@
 #pragma once
 
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "platform/DispatchQueue.h"
+#include "platform/ThreadSafety.h"
 #include "records/KLVEvent.h"
 
 namespace kelvo {
 
-/// What the bus asks of the controller; every call comes on the bus's queue.
+/// The controller methods that the bus calls. Thread: the bus's queue.
 class KLVEventHandlerDelegate {
  public:
   virtual void processAggregateEventWithEvent(const std::shared_ptr<KLVEvent>& event) = 0;
@@ -24,12 +26,12 @@ class KLVEventHandlerDelegate {
   ~KLVEventHandlerDelegate() = default;  // never deleted through this type
 };
 
-/// The event bus: classifies every event by three lists of names, has it saved or counted, and delivers it to the
-/// listeners of its type and then to those of the exact event.
+/// The event bus. It classifies each event by three lists of names, has it saved or counted, and delivers it: first to
+/// the listeners of its type, then to the listeners of the exact event.
 ///
-/// Every operation returns at once. The tables, the classification and all deliveries live on one serial queue;
-/// each delivery is a task of its own, so events that are enqueued earlier are classified first. Listeners are held
-/// strongly, each at most once under a key.
+/// Classification and deliveries run on one serial queue. Each delivery is a task of its own, so an event that is
+/// already queued is classified before an earlier event is delivered. The bus owns its listeners. A listener is
+/// registered at most once per key. Thread-safe; no method but `waitUntilDelivered` blocks.
 class KLVEventHandler {
  public:
   using Listener = std::shared_ptr<KLVEventListener>;
@@ -37,9 +39,9 @@ class KLVEventHandler {
   /// `delegate` must outlive the bus.
   explicit KLVEventHandler(KLVEventHandlerDelegate& delegate);
 
+  /// Ignores a null listener, like all four.
   void registerForEventType(KLVEventType type, Listener listener);
-  /// Kept: removes a listener only if it is also registered by identifier under the type's name, so one that is
-  /// registered by type alone stays.
+  /// Kept: does nothing unless `listener` is also registered by identifier under the type's name.
   void deregisterForEventType(KLVEventType type, Listener listener);
   /// `key` is an `identifierKey`.
   void registerIdentifer(std::string key, Listener listener);
@@ -47,7 +49,8 @@ class KLVEventHandler {
 
   void enqueueEvent(std::shared_ptr<KLVEvent> event);
 
-  /// Names of events; nullopt (at first) matches nothing. Elements that are no texts match nothing either.
+  /// The three lists of event names. A list is nullopt at first, and then matches no event. Elements that are not texts
+  /// match no event.
   void setEventsToBeIgnored(std::optional<Array> names) { eventsToBeIgnored_.set(std::move(names)); }
   void setClientEvents(std::optional<Array> names) { clientEvents_.set(std::move(names)); }
   void setAggregateEvents(std::optional<Array> names) { aggregateEvents_.set(std::move(names)); }
@@ -55,31 +58,32 @@ class KLVEventHandler {
   [[nodiscard]] std::optional<Array> clientEvents() const { return clientEvents_.names(); }
   [[nodiscard]] std::optional<Array> aggregateEvents() const { return aggregateEvents_.names(); }
 
-  /// Waits until all that was enqueued so far is classified and delivered. Not from a listener.
+  /// Blocks until every event enqueued so far is classified and delivered. Must not be called by a listener.
   void waitUntilDelivered();
-  /// Calls `done` on the bus's queue once all that was enqueued so far is classified and submitted for saving.
+  /// Calls `done` on the bus's queue once every event enqueued so far is classified and submitted for saving.
   void whenClassified(std::function<void()> done) { queue_.async(std::move(done)); }
 
  private:
   using Table = std::unordered_map<std::string, std::vector<Listener>>;
 
-  /// One of the lists: replaced as a whole from any thread, read on the queue.
+  /// One of the three lists. It is replaced as a whole. Thread-safe.
   class NameList {
    public:
-    void set(std::optional<Array> names);
-    [[nodiscard]] std::optional<Array> names() const;
-    [[nodiscard]] bool contains(const std::string& name) const;
+    void set(std::optional<Array> names) EXCLUDES(mutex_);
+    [[nodiscard]] std::optional<Array> names() const EXCLUDES(mutex_);
+    [[nodiscard]] bool contains(const std::string& name) const EXCLUDES(mutex_);
 
    private:
-    mutable std::mutex mutex_;
-    std::optional<Array> names_;
-    std::unordered_set<std::string> lookup_;
+    mutable Mutex mutex_;
+    std::optional<Array> names_ GUARDED_BY(mutex_);
+    std::unordered_set<std::string> lookup_ GUARDED_BY(mutex_);  // the texts of names_
   };
 
-  /// False when the event is to be ignored.
-  bool classify(KLVEvent& event) const;
-  void save(const std::shared_ptr<KLVEvent>& event);
-  void deliver(const std::shared_ptr<KLVEvent>& event, const Table& table, const std::string& key);
+  /// Sets the event's type. Returns false if the event is ignored.
+  bool classify(KLVEvent& event) const REQUIRES(queue_);
+  void save(const std::shared_ptr<KLVEvent>& event) REQUIRES(queue_);
+  /// Queues one delivery for each listener under `key`.
+  void deliver(const std::shared_ptr<KLVEvent>& event, const Table& table, const std::string& key) REQUIRES(queue_);
   static void add(Table& table, const std::string& key, const Listener& listener);
   static void remove(Table& table, const std::string& key, const Listener& listener);
 
@@ -87,8 +91,11 @@ class KLVEventHandler {
   NameList eventsToBeIgnored_;
   NameList clientEvents_;
   NameList aggregateEvents_;
-  Table objectsRegisteredOnType_;
-  Table objectsRegisteredOnIdentifier_;
+
+  // Queue: queue_.
+  Table objectsRegisteredOnType_ GUARDED_BY(queue_);
+  Table objectsRegisteredOnIdentifier_ GUARDED_BY(queue_);
+
   DispatchQueue queue_{"com.kelvo.serial.KLVEventHandler"};
 };
 

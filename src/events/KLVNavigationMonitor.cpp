@@ -13,12 +13,16 @@
 namespace kelvo {
 namespace {
 
+// Attributes of a screen's event.
+constexpr std::string_view kTitle = "name";
+constexpr std::string_view kDuration = "duration";
+
 std::optional<Screen> screenOf(const std::any& userInfo) {
   const auto* screen = std::any_cast<Screen>(&userInfo);
   return screen != nullptr ? std::optional(*screen) : std::nullopt;
 }
 
-/// Whether it is a screen at all. One that only shows others is none.
+/// Returns false for nullopt, and for a navigation controller: it only shows other screens.
 bool isScreen(const std::optional<Screen>& next) {
   if (!next) return false;
   if (next->kind != ViewController::Kind::navigation) return true;
@@ -30,7 +34,7 @@ std::string nameOf(const Screen& screen) {
   return *sanitised(std::optional(screen.klvName()));
 }
 
-/// The event of the screen `name` that is logged while `navigationId`, if there is one, shows.
+/// Returns the event of the screen `name`, which the host logs inside the screen `navigationId`, if there is one.
 template <class Event>
 std::shared_ptr<Event> eventOfNamedScreen(const std::optional<std::string>& navigationId, const std::string& name) {
   if (KLVUtilities::isValidString(navigationId)) return std::make_shared<Event>(navigationId, name);
@@ -46,7 +50,7 @@ void KLVNavigationMonitor::start() {
   delegate_.registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), self);
   delegate_.registerIdentifer(identifierKey(KLVEventType::system, kKLVForeground), self);
   auto& center = NotificationCenter::defaultCenter();
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   willShow_ = center.observe(kWillShowViewController,
                              [this](const std::any& info) { navigationWillChangeNotification(screenOf(info)); });
   didShow_ = center.observe(kDidShowViewController,
@@ -57,7 +61,7 @@ void KLVNavigationMonitor::start() {
 
 void KLVNavigationMonitor::stop() {
   KLV_DEBUG("Stopping navigation monitor");
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   willShow_.reset();
   didShow_.reset();
   viewTreeDidChange_.reset();
@@ -71,10 +75,11 @@ void KLVNavigationMonitor::lookUpFirstScreen() {
   if (top != nullptr) handleFirstScreen(Screen(top));
 }
 
-/// Behind all work before, also where that waits for a title.
 void KLVNavigationMonitor::perform(Task task) {
-  navEventDispatchSerialQueue_.async(
-      [self = shared_from_this(), task = std::move(task)]() mutable { self->runInOrder(std::move(task)); });
+  navEventDispatchSerialQueue_.async([this, self = shared_from_this(), task = std::move(task)]() mutable {
+    navEventDispatchSerialQueue_.assertCurrent();
+    runInOrder(std::move(task));
+  });
 }
 
 void KLVNavigationMonitor::runInOrder(Task task) {
@@ -82,20 +87,23 @@ void KLVNavigationMonitor::runInOrder(Task task) {
   task();
 }
 
-/// `use` comes on the queue, and before all work that is queued from now on.
 void KLVNavigationMonitor::readTitle(const Screen& screen, UseOfTitle use) {
   if (screen.controller == nullptr || !readsTitles_) return use(screen.title);
   waitingForTitle_ = std::move(use);
   const auto title = std::make_shared<std::optional<std::string>>();
-  // Dies with the last copy of the task: run, ended by an exception, or dropped by a host whose loop has ended.
+  // Destroyed with the last copy of the task below: after the task has run or thrown, or when a host whose loop has
+  // ended drops it.
   const std::shared_ptr<void> whenRead(nullptr, [self = shared_from_this(), title](void*) {
-    self->navEventDispatchSerialQueue_.async([self, title] { self->titleIsRead(*title); });
+    self->navEventDispatchSerialQueue_.async([self, title] {
+      self->navEventDispatchSerialQueue_.assertCurrent();
+      self->titleIsRead(*title);
+    });
   });
   MainQueue::async([controller = screen.controller, title, whenRead] { *title = controller->title(); });
 }
 
 void KLVNavigationMonitor::titleIsRead(const std::optional<std::string>& title) {
-  if (!waitingForTitle_) return;  // it is too late
+  if (!waitingForTitle_) return;  // too late: stopReadingTitles has ended the wait
   std::exchange(waitingForTitle_, nullptr)(title);
   while (!waitingForTitle_ && !heldBack_.empty()) {
     const Task task = std::move(heldBack_.front());
@@ -105,21 +113,26 @@ void KLVNavigationMonitor::titleIsRead(const std::optional<std::string>& title) 
 }
 
 void KLVNavigationMonitor::stopReadingTitles() {
-  navEventDispatchSerialQueue_.async([self = shared_from_this()] {
-    self->readsTitles_ = false;
-    self->titleIsRead(std::nullopt);
+  navEventDispatchSerialQueue_.async([this, self = shared_from_this()] {
+    navEventDispatchSerialQueue_.assertCurrent();
+    readsTitles_ = false;
+    titleIsRead(std::nullopt);
   });
 }
 
 bool KLVNavigationMonitor::waitUntilDispatched(std::chrono::milliseconds limit) {
   const auto done = std::make_shared<std::promise<void>>();
-  navEventDispatchSerialQueue_.sync([&] { runInOrder([done] { done->set_value(); }); });
+  navEventDispatchSerialQueue_.sync([&] {
+    navEventDispatchSerialQueue_.assertCurrent();
+    runInOrder([done] { done->set_value(); });
+  });
   return done->get_future().wait_for(limit) == std::future_status::ready;
 }
 
 void KLVNavigationMonitor::handleFirstScreen(std::optional<Screen> screen) {
   if (!screen) return;
   perform([this, screen = *std::move(screen)] {
+    navEventDispatchSerialQueue_.assertCurrent();
     if (previousNavEvent_ == nullptr) enter(screen, [] {});
   });
 }
@@ -127,6 +140,7 @@ void KLVNavigationMonitor::handleFirstScreen(std::optional<Screen> screen) {
 void KLVNavigationMonitor::navigationWillChangeNotification(std::optional<Screen> next) {
   KLV_DEBUG("Navigation will change notified");
   perform([this, next = std::move(next)] {
+    navEventDispatchSerialQueue_.assertCurrent();
     if (!isScreen(next)) return;
     const std::string name = nameOf(*next);
     if (name == currScreenNameForCE_) return;
@@ -138,6 +152,7 @@ void KLVNavigationMonitor::navigationWillChangeNotification(std::optional<Screen
 void KLVNavigationMonitor::navigationChangeNotification(std::optional<Screen> next) {
   KLV_DEBUG("Navigation change notified");
   perform([this, next = std::move(next)] {
+    navEventDispatchSerialQueue_.assertCurrent();
     if (isScreen(next)) handleNavigationChangeToViewController(*next);
   });
 }
@@ -145,12 +160,12 @@ void KLVNavigationMonitor::navigationChangeNotification(std::optional<Screen> ne
 void KLVNavigationMonitor::handleNavigationChangeToViewController(const Screen& screen) {
   KLV_INFO("Navigated to screen: {}", nameOf(screen));
   enter(screen, [this, before = currentNavEvent_] {
+    navEventDispatchSerialQueue_.assertCurrent();
     previousNavEvent_ = before;
     dispatch(previousNavEvent_, currentNavEvent_->createdTime());
   });
 }
 
-/// Makes `screen` the current one, unless it is already, and calls `whenCurrent`.
 void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whenCurrent) {
   const std::string name = nameOf(screen);
   if (name == currScreenName_) {
@@ -160,7 +175,8 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
   currNavId_ = currScreenName_ = name;
   const auto event = std::make_shared<KLVNavigationEvent>(name);
   readTitle(screen, [this, event, whenCurrent = std::move(whenCurrent)](const std::optional<std::string>& title) {
-    if (title) event->setInfo(*sanitised(title), "name");
+    navEventDispatchSerialQueue_.assertCurrent();
+    if (title) event->setInfo(*sanitised(title), kTitle);
     currentNavEvent_ = event;
     whenCurrent();
   });
@@ -168,6 +184,7 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
 
 void KLVNavigationMonitor::logScreenWithName(std::string name) {
   perform([this, name = std::move(name)] {
+    navEventDispatchSerialQueue_.assertCurrent();
     currScreenName_ = currScreenNameForCE_ = name;
     previousNavEvent_ = currentNavEvent_;
     delegate_.dispatchEvent(eventOfNamedScreen<KLVCENavEvent>(currNavId_, name));
@@ -179,6 +196,7 @@ void KLVNavigationMonitor::logScreenWithName(std::string name) {
 void KLVNavigationMonitor::onEvent(const std::shared_ptr<KLVEvent>& event) {
   if (event->eventType() != KLVEventType::system) return;
   perform([this, name = event->identifier()] {
+    navEventDispatchSerialQueue_.assertCurrent();
     if (name == kKLVBackground) onBackground();
     if (name == kKLVForeground) onForeground();
   });
@@ -188,20 +206,19 @@ void KLVNavigationMonitor::onBackground() {
   dispatch(currentNavEvent_, KLVTimer::sharedTimer().currentTime());
 }
 
-/// The time away belongs to no screen: the current one is counted again from now.
+/// Counts the current screen again from now, so that no screen gets the time spent in the background.
 void KLVNavigationMonitor::onForeground() {
   previousNavEvent_ = currentNavEvent_;
   if (currentNavEvent_ == nullptr) return;
   const auto again = std::make_shared<KLVNavigationEvent>(currentNavEvent_->identifier());
-  const Value name = currentNavEvent_->additionalInfo()["name"];
-  if (!name.isNull()) again->setInfo(name, "name");
+  const Value title = currentNavEvent_->additionalInfo()[kTitle];
+  if (!title.isNull()) again->setInfo(title, kTitle);
   currentNavEvent_ = again;
 }
 
-/// `event`, if there is one, with the time from its creation to `endTime`, both in seconds since the SDK started.
 void KLVNavigationMonitor::dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime) {
   if (event == nullptr) return;
-  event->setInfo(endTime - event->createdTime(), "duration");
+  event->setInfo(endTime - event->createdTime(), kDuration);
   delegate_.dispatchEvent(event);
 }
 

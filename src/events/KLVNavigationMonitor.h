@@ -5,18 +5,19 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/DispatchQueue.h"
 #include "platform/HostInterface.h"
 #include "platform/NotificationCenter.h"
+#include "platform/ThreadSafety.h"
 #include "records/KLVEvents.h"
 
 namespace kelvo {
 
-/// What the navigation monitor asks of the controller.
+/// The controller methods that the navigation monitor calls. Thread: any.
 class KLVNavigationMonitorDelegate {
  public:
   virtual void registerIdentifer(const std::string& key, const std::shared_ptr<KLVEventListener>& listener) = 0;
@@ -26,38 +27,42 @@ class KLVNavigationMonitorDelegate {
   ~KLVNavigationMonitorDelegate() = default;  // never deleted through this type
 };
 
-/// Follows which screen the host shows. A screen that is about to appear is a signal on the bus at once; a screen that
-/// was shown becomes an event when the next one appears, or when the application goes to the background, with the time
-/// spent on it in whole seconds.
+/// Follows which screen the host shows, and puts the screens on the bus as events.
 ///
-/// All state lives on one serial queue; every operation only queues work there. A view controller's title is read on
-/// the main queue; until it is there, all later work waits in order, but no thread does, so that a host whose main
-/// loop is busy does not hold up the library.
+/// A screen that is about to appear is announced at once, by a signal that is not stored. A screen that was shown
+/// becomes an event when the next one appears or the application goes to the background. That event carries the time
+/// spent on the screen, in whole seconds.
+///
+/// The monitor works on one serial queue. It reads a view controller's title on the main queue. Until the title is
+/// there, later work waits in order but occupies no thread, so that a busy main loop does not hold up the library.
+/// Thread-safe; no method but `waitUntilDispatched` blocks.
 class KLVNavigationMonitor final : public KLVEventListener, public std::enable_shared_from_this<KLVNavigationMonitor> {
  public:
   /// `delegate` must outlive the monitor.
   explicit KLVNavigationMonitor(KLVNavigationMonitorDelegate& delegate) : delegate_(delegate) {}
 
-  /// From now on it follows the host's signals. The screen on top is looked up once: now, or when the host hands over
-  /// its view tree.
-  void start();
-  /// Ends the host's signals; a screen logged by name still counts.
-  void stop();
+  /// Begins to follow the host's notifications. Looks up the screen on top once: now, or when the host sets its view
+  /// tree.
+  void start() EXCLUDES(mutex_);
+  /// Ends the host's notifications. Screens that the host logs by name still count.
+  void stop() EXCLUDES(mutex_);
 
-  /// The screen that shows already; nullopt for none.
+  /// Enters the screen that is already shown. Ignores nullopt, and every screen once another was left.
   void handleFirstScreen(std::optional<Screen> screen);
+  /// `next` is about to appear.
   void navigationWillChangeNotification(std::optional<Screen> next);
+  /// `next` has appeared.
   void navigationChangeNotification(std::optional<Screen> next);
-  /// A named screen inside the last one that the host's signals told.
+  /// Enters a screen that the host names, inside the screen of the last notification.
   void logScreenWithName(std::string name);
   void onEvent(const std::shared_ptr<KLVEvent>& event) override;
 
-  /// Calls `done` on the monitor's queue once the events of all work so far are on the bus.
+  /// Calls `done` on the monitor's queue once the events of all earlier work are on the bus.
   void whenDispatched(std::function<void()> done) { perform(std::move(done)); }
-  /// Waits for the same, no longer than `limit`: false when a title did not come in time. Needs no free thread of the
-  /// pool otherwise.
+  /// Blocks until the events of all earlier work are on the bus. Returns false if a title did not come within `limit`.
+  /// Needs no free pool thread, unless a title is being read.
   bool waitUntilDispatched(std::chrono::milliseconds limit);
-  /// From now on no title is read or waited for: the host's main loop has ended.
+  /// Stops reading titles, and waiting for one, because the host's main loop has ended.
   void stopReadingTitles();
 
  private:
@@ -65,34 +70,45 @@ class KLVNavigationMonitor final : public KLVEventListener, public std::enable_s
   using UseOfTitle = std::function<void(const std::optional<std::string>& title)>;
 
   void lookUpFirstScreen();
+  /// Runs `task` on the queue, after all earlier work, including work that waits for a title.
   void perform(Task task);
-  void runInOrder(Task task);
-  void readTitle(const Screen& screen, UseOfTitle use);
-  void titleIsRead(const std::optional<std::string>& title);
-  void handleNavigationChangeToViewController(const Screen& screen);
-  void enter(const Screen& screen, std::function<void()> whenCurrent);
-  void dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime);
-  void onForeground();
-  void onBackground();
+  void runInOrder(Task task) REQUIRES(navEventDispatchSerialQueue_);
+  /// Calls `use` with the screen's title, before any later work.
+  void readTitle(const Screen& screen, UseOfTitle use) REQUIRES(navEventDispatchSerialQueue_);
+  void titleIsRead(const std::optional<std::string>& title) REQUIRES(navEventDispatchSerialQueue_);
+  void handleNavigationChangeToViewController(const Screen& screen) REQUIRES(navEventDispatchSerialQueue_);
+  /// Makes `screen` the current one and then calls `whenCurrent`; does nothing if it is already current.
+  void enter(const Screen& screen, std::function<void()> whenCurrent) REQUIRES(navEventDispatchSerialQueue_);
+  /// Sets the event's duration to `endTime` minus its creation time, and puts it on the bus. `endTime` counts seconds
+  /// since the SDK start. Ignores a null event.
+  void dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime) REQUIRES(navEventDispatchSerialQueue_);
+  void onForeground() REQUIRES(navEventDispatchSerialQueue_);
+  void onBackground() REQUIRES(navEventDispatchSerialQueue_);
 
   KLVNavigationMonitorDelegate& delegate_;
 
-  std::mutex mutex_;  // start and stop come from different queues
-  NotificationCenter::Observation willShow_;
-  NotificationCenter::Observation didShow_;
-  NotificationCenter::Observation viewTreeDidChange_;
+  Mutex mutex_;  // start and stop are called on different queues
+  NotificationCenter::Observation willShow_ GUARDED_BY(mutex_);
+  NotificationCenter::Observation didShow_ GUARDED_BY(mutex_);
+  NotificationCenter::Observation viewTreeDidChange_ GUARDED_BY(mutex_);
 
-  // All of the queue.
-  std::shared_ptr<KLVNavigationEvent> previousNavEvent_;
-  std::shared_ptr<KLVNavigationEvent> currentNavEvent_;  // not yet dispatched
-  std::optional<std::string> currNavId_;
-  std::optional<std::string> currScreenName_;       // so that a repeated screen is dropped
-  std::optional<std::string> currScreenNameForCE_;  // announced last
-  UseOfTitle waitingForTitle_;                      // set while a title is being read
-  std::deque<Task> heldBack_;                       // behind it
-  bool readsTitles_ = true;
+  // Queue: navEventDispatchSerialQueue_.
+  std::shared_ptr<KLVNavigationEvent> previousNavEvent_ GUARDED_BY(navEventDispatchSerialQueue_);
+  /// The current screen, not dispatched yet.
+  std::shared_ptr<KLVNavigationEvent> currentNavEvent_ GUARDED_BY(navEventDispatchSerialQueue_);
+  /// The screen of the last notification. Screens that the host names belong to it.
+  std::optional<std::string> currNavId_ GUARDED_BY(navEventDispatchSerialQueue_);
+  /// The current screen; a repeated one is ignored.
+  std::optional<std::string> currScreenName_ GUARDED_BY(navEventDispatchSerialQueue_);
+  /// The screen announced last; a repeated one is not announced again.
+  std::optional<std::string> currScreenNameForCE_ GUARDED_BY(navEventDispatchSerialQueue_);
+  /// Set while a title is being read.
+  UseOfTitle waitingForTitle_ GUARDED_BY(navEventDispatchSerialQueue_);
+  /// The work that waits for the title.
+  std::deque<Task> heldBack_ GUARDED_BY(navEventDispatchSerialQueue_);
+  bool readsTitles_ GUARDED_BY(navEventDispatchSerialQueue_) = true;
 
-  bool firstScreenIsLookedUp_ = false;  // of the main queue
+  bool firstScreenIsLookedUp_ = false;  // Queue: the main queue.
   DispatchQueue navEventDispatchSerialQueue_{"com.kelvo.serial.KLVNavEventHandler"};
 };
 

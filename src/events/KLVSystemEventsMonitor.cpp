@@ -7,14 +7,14 @@ namespace kelvo {
 void KLVSystemEventsMonitor::start() {
   KLV_DEBUG("Starting Events monitor");
   auto& center = NotificationCenter::defaultCenter();
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   willResignActive_ = center.observe(kApplicationWillResignActive, [this] { applicationWillResignActiveHandler(); });
   didBecomeActive_ = center.observe(kApplicationDidBecomeActive, [this] { applicationDidBecomeActiveHandler(); });
 }
 
 void KLVSystemEventsMonitor::stop() {
   KLV_DEBUG("Stopping Events monitor");
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   willResignActive_.reset();
   didBecomeActive_.reset();
 }

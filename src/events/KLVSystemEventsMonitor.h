@@ -1,17 +1,20 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "platform/DispatchQueue.h"
 #include "platform/NotificationCenter.h"
+#include "platform/ThreadSafety.h"
 #include "records/KLVEvents.h"
 
 namespace kelvo {
 
-/// What the lifecycle monitor asks of the controller.
+/// The controller methods that the lifecycle monitor calls. Thread: the monitor's queue.
 class KLVSystemEventsMonitorDelegate {
  public:
-  /// Returns once everything that the host called before is on its way to the bus.
+  /// Returns once every earlier call of the host has put its events on the bus.
   virtual void updateChunkEndTime() = 0;
   virtual void dispatchEvent(const std::shared_ptr<KLVEvent>& event) = 0;
 
@@ -19,20 +22,20 @@ class KLVSystemEventsMonitorDelegate {
   ~KLVSystemEventsMonitorDelegate() = default;  // never deleted through this type
 };
 
-/// Turns the application's activity notifications into the system events FOREGROUND (it became active) and
-/// BACKGROUND (it is about to resign active) on the bus.
+/// Turns the application's activity notifications into system events on the bus: FOREGROUND when it became active,
+/// BACKGROUND when it will resign active.
 ///
-/// Notifications arrive on whatever thread posts them and are moved to a queue of the monitor's own at once, a serial
-/// one, so that the two events reach the bus in the order in which they happened.
+/// Any thread may post a notification. The monitor handles it on a serial queue of its own, so that the two events
+/// reach the bus in the order in which they happened. Thread-safe.
 class KLVSystemEventsMonitor {
  public:
   /// `delegate` must outlive the monitor.
   explicit KLVSystemEventsMonitor(KLVSystemEventsMonitorDelegate& delegate) : delegate_(delegate) {}
 
-  void start();
-  void stop();
+  void start() EXCLUDES(mutex_);
+  void stop() EXCLUDES(mutex_);
 
-  /// Calls `done` on the monitor's queue once all notifications so far are on the bus.
+  /// Calls `done` on the monitor's queue once the events of all earlier notifications are on the bus.
   void whenDispatched(std::function<void()> done) { handlerQueue_.async(std::move(done)); }
 
  private:
@@ -40,10 +43,10 @@ class KLVSystemEventsMonitor {
   void applicationWillResignActiveHandler();
 
   KLVSystemEventsMonitorDelegate& delegate_;
-  std::mutex mutex_;  // start and stop come from different queues
-  NotificationCenter::Observation didBecomeActive_;
-  NotificationCenter::Observation willResignActive_;
-  // Kept: made, but the handlers do not use it.
+  Mutex mutex_;  // start and stop are called on different queues
+  NotificationCenter::Observation didBecomeActive_ GUARDED_BY(mutex_);
+  NotificationCenter::Observation willResignActive_ GUARDED_BY(mutex_);
+  // Kept: the handlers do not use this queue.
   DispatchQueue monitoringConcurrentQueue_{"com.kelvo.concurrent.sysevents", DispatchQueue::Kind::concurrent};
   DispatchQueue handlerQueue_{"com.kelvo.serial.sysevents"};
 };

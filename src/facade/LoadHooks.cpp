@@ -43,7 +43,7 @@ __attribute__((constructor)) void SDKInitializer() {
     static_cast<void>(ServiceEndpoint::shared());
     KLVController::sharedController().initialize();
   });
-  KLVLogger::setLogLevel(3);
+  KLVLogger::setLogLevel(KLVLogger::Level::error);
 }
 
 __attribute__((constructor)) void registerFinalizer() {

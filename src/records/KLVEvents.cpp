@@ -2,6 +2,7 @@
 
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Counts.h"
 
 namespace kelvo {
 namespace {

@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 
 namespace kelvo {
+namespace {
+constexpr long kStatusOK = 200;
+}
 
 std::string HTTPResponse::description() const {
   return fmt::format("{} (status {})", url, statusCode);
@@ -13,7 +16,7 @@ std::string describe(const std::optional<HTTPResponse>& response) {
 }
 
 bool succeeded(const std::optional<HTTPResponse>& response, const std::optional<HTTPError>& error) {
-  return !error && response && response->statusCode == 200;
+  return !error && response && response->statusCode == kStatusOK;
 }
 
 }  // namespace kelvo

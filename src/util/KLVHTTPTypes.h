@@ -6,28 +6,28 @@
 
 namespace kelvo {
 
-/// What the service answered.
+/// The status and URL of an HTTP response. The body is passed separately.
 struct HTTPResponse {
   long statusCode = 0;
   std::string url;
-  /// For log lines: the URL and the status code.
+  /// Returns the URL and the status code, for log lines.
   [[nodiscard]] std::string description() const;
 };
 
-/// Why no answer came.
+/// The reason why a request ended without a response.
 struct HTTPError {
   int code = 0;  ///< a CURLcode
   std::string localizedDescription;
 };
 
-/// As above; "(null)" without a response.
+/// Returns the response's description, "(null)" without a response.
 [[nodiscard]] std::string describe(const std::optional<HTTPResponse>& response);
 
-/// An outcome: an error, or a response with its body (which may be empty).
+/// Receives the outcome of a request: either an error, or a response with its body (which may be empty).
 using HTTPCompletion = std::function<void(std::optional<std::string> data, std::optional<HTTPResponse> response,
                                           std::optional<HTTPError> error)>;
 
-/// True when there is no error and the status code is 200: what success means everywhere.
+/// Returns true if there is no error and the status code is 200. The library knows no other success.
 [[nodiscard]] bool succeeded(const std::optional<HTTPResponse>& response, const std::optional<HTTPError>& error);
 
 }  // namespace kelvo

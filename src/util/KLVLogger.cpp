@@ -11,32 +11,32 @@
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
+#include <memory>
 #include <optional>
 
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/Thread.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo {
 namespace {
 
-constexpr std::size_t kMaximumWaitingLines = 4096;
+constexpr std::size_t kMaximumWaitingMessages = 4096;
 
-std::atomic<int> logLevel{0};
+std::atomic<KLVLogger::Level> lowestLevel{KLVLogger::Level::debug};
 thread_local bool onLogThread = false;
 
-/// `std::vector<int> kelvo::KLVPostman::init(int)::<lambda()>` becomes `KLVPostman::init`.
+/// Returns `KLVPostman::init` for `std::vector<int> kelvo::KLVPostman::init(int)::<lambda()>`.
 std::string_view methodName(std::string_view pretty) {
-  constexpr std::string_view kAnonymous =
-      "(anonymous namespace)";  // one compiler's spelling; "{anonymous}" the other's
+  constexpr std::string_view kAnonymous = "(anonymous namespace)";  // clang's spelling; GCC writes "{anonymous}"
   std::size_t start = 0;
   int brackets = 0;
   for (std::size_t i = 0; i < pretty.size(); ++i) {
     if (pretty[i] == '<') ++brackets;
     if (pretty[i] == '>') --brackets;
     if (brackets > 0) continue;
-    if (pretty[i] == ' ') start = i + 1;  // what stood before is the type of the result
+    if (pretty[i] == ' ') start = i + 1;  // the text before the space is the result type
     if (pretty[i] != '(') continue;
     if (pretty.substr(i).starts_with(kAnonymous)) {
       i += kAnonymous.size() - 1;
@@ -61,7 +61,8 @@ const char* word(KLVLogger::Level level) {
   return "";
 }
 
-struct Record {
+/// A message that waits for the log thread.
+struct Message {
   KLVLogger::Level level;
   const char* function;
   int line;
@@ -75,11 +76,11 @@ struct Record {
   }
 };
 
-/// Standard error, for one batch of lines.
+/// Standard error, opened for one batch of lines.
 ///
-/// A host may close it, and the next file that anybody in the process opens gets its number: a database, a connection.
-/// Lines go there only while it is the file that it was at first, or one that lines may be added to: a terminal or
-/// another device, a pipe, a file opened for appending.
+/// If the host closes standard error, the next file that the process opens gets its number, for example a database.
+/// Therefore lines are written only if the descriptor is still the file of the start, or a file to which any process
+/// may add lines: a terminal or another device, a pipe, a file opened for appending.
 class StandardError {
  public:
   struct Identity {
@@ -92,11 +93,11 @@ class StandardError {
     return identity;
   }
 
-  explicit StandardError(const Identity& atFirst) {
-    // A descriptor of our own: between the look and the write, nothing else can take its place.
+  explicit StandardError(const Identity& atStart) {
+    // We check and write a duplicate, so that no other file can take the number between the two.
     own_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    target_ = own_ < 0 && errno != EBADF ? STDERR_FILENO : own_;  // none is left to the process
-    if (!takesLines(atFirst)) target_ = -1;
+    target_ = own_ < 0 && errno != EBADF ? STDERR_FILENO : own_;  // no descriptor is free
+    if (!takesLines(atStart)) target_ = -1;
   }
   StandardError(const StandardError&) = delete;
   StandardError& operator=(const StandardError&) = delete;
@@ -109,70 +110,77 @@ class StandardError {
       const ssize_t written = ::write(target_, text.data(), text.size());
       if (written > 0) {
         text.remove_prefix(static_cast<std::size_t>(written));
-      } else if (written < 0 && errno == EAGAIN) {  // the host made it non-blocking
+      } else if (written < 0 && errno == EAGAIN) {  // the host made it non-blocking: wait for room
         pollfd room{target_, POLLOUT, 0};
         ::poll(&room, 1, -1);
       } else if (written == 0 || errno != EINTR) {
-        return;  // nobody to tell
+        return;  // a failing log cannot be logged
       }
     }
   }
 
  private:
-  [[nodiscard]] bool takesLines(const Identity& atFirst) const {
+  [[nodiscard]] bool takesLines(const Identity& atStart) const {
     const Identity now = identityOf(target_);
     if (!now.isOpen) return false;
     const bool isTheSame =
-        atFirst.isOpen && now.facts.st_dev == atFirst.facts.st_dev && now.facts.st_ino == atFirst.facts.st_ino;
+        atStart.isOpen && now.facts.st_dev == atStart.facts.st_dev && now.facts.st_ino == atStart.facts.st_ino;
     if (isTheSame || S_ISCHR(now.facts.st_mode) || S_ISFIFO(now.facts.st_mode)) return true;
     return S_ISREG(now.facts.st_mode) && (::fcntl(target_, F_GETFL) & O_APPEND) != 0;
   }
 
-  int own_ = -1;
-  int target_ = -1;
+  int own_ = -1;     // the duplicate, -1 if there is none
+  int target_ = -1;  // where lines are written, -1 for nowhere
 };
 
+/// The queue of messages and the log thread that writes them. Started by the first message, never destroyed.
 class Writer {
  public:
-  void accept(Record record) {
-    std::unique_lock lock(mutex_);
-    if (lines_.size() >= kMaximumWaitingLines) {
+  void accept(Message message) EXCLUDES(mutex_) {
+    Lock lock(mutex_);
+    if (messages_.size() >= kMaximumWaitingMessages) {
       ++dropped_;
       return;
     }
-    lines_.push_back(std::move(record));
+    messages_.push_back(std::move(message));
     ++accepted_;
     if (!running_) running_ = startThread("kelvo.log", [this] { run(); });
     const bool wakes = std::exchange(idle_, false);
-    lock.unlock();  // the thread that it wakes finds the mutex free
+    lock.unlock();  // first, so that the log thread need not wait for the mutex
     if (wakes) wake_.notify_one();
   }
 
-  void setSink(KLVLogger::Sink sink) {
+  void setSink(KLVLogger::Sink sink) EXCLUDES(mutex_) {
     auto shared = sink ? std::make_shared<KLVLogger::Sink>(std::move(sink)) : nullptr;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     sink_.swap(shared);
   }
 
-  bool drain(std::chrono::milliseconds limit) {
-    if (onLogThread) return false;  // a sink that ends the process
-    std::unique_lock lock(mutex_);
-    return written_.wait_for(lock, limit, [this, last = accepted_] { return done_ >= last; });
+  bool drain(std::chrono::milliseconds limit) EXCLUDES(mutex_) {
+    if (onLogThread) return false;  // a sink that ends the process must not wait for itself
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    Lock lock(mutex_);
+    const std::uint64_t last = accepted_;
+    while (done_ < last) {
+      if (!lock.waitUntil(written_, deadline)) return done_ >= last;
+    }
+    return true;
   }
 
  private:
-  void run() {
+  void run() EXCLUDES(mutex_) {
     onLogThread = true;
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     for (;;) {
       idle_ = true;
-      wake_.wait(lock, [this] { return !lines_.empty(); });
+      while (messages_.empty()) lock.wait(wake_);
       idle_ = false;
-      std::deque<Record> batch;
-      batch.swap(lines_);
+      std::deque<Message> batch;
+      batch.swap(messages_);
       const auto dropped = std::exchange(dropped_, 0);
       const auto sink = sink_;
       lock.unlock();
+      const auto count = batch.size();
       if (dropped > 0) {
         batch.push_back({KLVLogger::Level::warn,
                          __PRETTY_FUNCTION__,
@@ -181,7 +189,6 @@ class Writer {
                          {Value(dropped)}});
       }
       write(batch, sink.get());
-      const auto count = batch.size() - (dropped > 0 ? 1 : 0);
       batch.clear();
       lock.lock();
       done_ += count;
@@ -189,33 +196,34 @@ class Writer {
     }
   }
 
-  void write(const std::deque<Record>& batch, const KLVLogger::Sink* sink) const {
+  /// Thread: the log thread, without the mutex: standard error or the sink may block.
+  void write(const std::deque<Message>& batch, const KLVLogger::Sink* sink) const {
     std::optional<StandardError> standardError;
-    if (sink == nullptr) standardError.emplace(standardErrorAtFirst_);
-    for (const Record& record : batch) {
+    if (sink == nullptr) standardError.emplace(standardErrorAtStart_);
+    for (const Message& message : batch) {
       try {
-        const std::string line = record.text();
+        const std::string line = message.text();
         if (standardError) {
           standardError->write(line);
         } else {
-          (*sink)(record.level, std::string_view(line).substr(0, line.size() - 1));
+          (*sink)(message.level, std::string_view(line).substr(0, line.size() - 1));
         }
-      } catch (...) {  // a host's sink may throw anything; the log has nowhere left to tell it
+      } catch (...) {  // the host's sink may throw anything, and a failing log cannot be logged
       }
     }
   }
 
-  const StandardError::Identity standardErrorAtFirst_ = StandardError::identityOf(STDERR_FILENO);
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::condition_variable written_;
-  std::deque<Record> lines_;
-  std::shared_ptr<KLVLogger::Sink> sink_;
-  std::uint64_t accepted_ = 0;
-  std::uint64_t done_ = 0;
-  std::uint64_t dropped_ = 0;
-  bool running_ = false;
-  bool idle_ = false;
+  const StandardError::Identity standardErrorAtStart_ = StandardError::identityOf(STDERR_FILENO);
+  Mutex mutex_;
+  std::condition_variable wake_;     // messages_ is no longer empty
+  std::condition_variable written_;  // done_ has grown
+  std::deque<Message> messages_ GUARDED_BY(mutex_);
+  std::shared_ptr<KLVLogger::Sink> sink_ GUARDED_BY(mutex_);
+  std::uint64_t accepted_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t done_ GUARDED_BY(mutex_) = 0;  // accepted messages that are written
+  std::uint64_t dropped_ GUARDED_BY(mutex_) = 0;
+  bool running_ GUARDED_BY(mutex_) = false;
+  bool idle_ GUARDED_BY(mutex_) = false;  // the log thread waits for a message
 };
 
 Writer& writer() {
@@ -223,7 +231,7 @@ Writer& writer() {
   return *instance;
 }
 
-/// Failures of the layer below the logger arrive here.
+/// Logs the problems that `platform`, the layer below the logger, reports.
 const bool problemsAreLogged = [] {
   setProblemHandler([](const char* where, std::string what) {
     if (KLVLogger::writes(KLVLogger::Level::error)) {
@@ -235,15 +243,12 @@ const bool problemsAreLogged = [] {
 
 }  // namespace
 
-void KLVLogger::setLogLevel(int level) noexcept {
-  logLevel.store(level, std::memory_order_relaxed);
+void KLVLogger::setLogLevel(Level lowest) noexcept {
+  lowestLevel.store(lowest, std::memory_order_relaxed);
 }
 
 bool KLVLogger::writes(Level level) noexcept {
-  if (level == Level::info) return true;
-  const int threshold = logLevel.load(std::memory_order_relaxed);
-  if (level == Level::debug) return threshold < 2;
-  return level == Level::warn ? threshold < 3 : threshold < 4;
+  return level == Level::info || level >= lowestLevel.load(std::memory_order_relaxed);
 }
 
 void KLVLogger::setSink(Sink sink) {

@@ -13,31 +13,34 @@
 
 namespace kelvo {
 
-/// The library's system log: a line a message on standard error, or in the host's sink.
+/// The library's log. Writes one line per message to standard error, or to the host's sink.
 ///
-/// A message below the level costs one comparison. One above it is handed to a thread of its own, which formats
-/// and writes in order; the caller never waits for it. At most 4,096 lines wait; later ones are dropped, and a line
-/// says how many. Write through the macros below: they leave their arguments alone when the level filters the line.
+/// A message below the level costs one comparison. Any other message is queued for the log thread, which formats and
+/// writes the messages in order; the caller never waits. At most 4,096 messages wait. Later ones are dropped, and one
+/// line says how many. Log through the macros below: they do not evaluate the arguments of a filtered message.
+/// Thread-safe.
 class KLVLogger {
  public:
   enum class Level { debug, info, warn, error };
   using Sink = std::function<void(Level level, std::string_view line)>;
 
-  /// The process-wide threshold, 0 at first: debug is written below 2, warn below 3, error below 4, info always.
-  static void setLogLevel(int level) noexcept;
+  /// Sets the process-wide level: messages below `lowest` are not written. INFO messages are always written. The
+  /// process starts with `debug`.
+  static void setLogLevel(Level lowest) noexcept;
   [[nodiscard]] static bool writes(Level level) noexcept;
 
-  /// Replaces standard error; an empty function brings it back. Called on the log thread, a line at a time without
-  /// its line feed; what it throws is dropped.
+  /// Installs a sink in place of standard error; an empty function restores standard error. The log thread calls the
+  /// sink once per line, without the line feed. Exceptions from the sink are ignored.
   static void setSink(Sink sink);
 
-  /// Waits until all lines accepted so far are written, but no longer than `limit`; false when they are not.
+  /// Blocks until all messages accepted so far are written, but for `limit` at most. Returns false if some are not.
+  /// Returns false at once on the log thread.
   static bool drain(std::chrono::milliseconds limit);
 
   template <class>
   using Text = const std::string&;
 
-  /// `format` takes the arguments' descriptions. `function` is a `__PRETTY_FUNCTION__`.
+  /// `format` takes the arguments' descriptions. `function` is a `__PRETTY_FUNCTION__`; it must live forever.
   template <class... Args>
   static void log(Level level, const char* function, int line, fmt::format_string<Text<Args>...> format,
                   Args&&... arguments) {

@@ -1,20 +1,20 @@
 #include "util/KLVMobileProvision.h"
 
 #include <array>
-#include <mutex>
 
 #include "platform/Bundle.h"
 #include "platform/Files.h"
 #include "platform/Immortal.h"
 #include "platform/PropertyList.h"
+#include "platform/ThreadSafety.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
 
 struct Cache {
-  std::mutex mutex;
-  std::optional<Dictionary> profile;
+  Mutex mutex;
+  std::optional<Dictionary> profile GUARDED_BY(mutex);
 };
 
 Cache& cache() {
@@ -22,7 +22,7 @@ Cache& cache() {
   return *instance;
 }
 
-/// The property list amid the signature's binary parts; both tags included.
+/// Returns the property list, with both its tags, from between the signature's binary parts.
 std::optional<std::string> extractedPlist(const std::string& text) {
   constexpr std::string_view kEnd = "</plist>";
   const auto start = text.find("<plist");
@@ -45,21 +45,22 @@ std::optional<Dictionary> KLVMobileProvision::profileIn(const std::string& text)
   if (!plist) return std::nullopt;
   std::string error = "its root is no dictionary";
   const auto value = parsePropertyList(*plist, &error);
-  if (const auto* profile = value ? value->get<Dictionary>() : nullptr) return *profile;
-  KLV_ERROR("error parsing extracted plist — {}", error);
-  return std::nullopt;
+  auto profile = value ? value->asDictionary() : std::nullopt;
+  if (!profile) KLV_ERROR("error parsing extracted plist — {}", error);
+  return profile;
 }
 
 std::optional<Dictionary> KLVMobileProvision::getMobileProvision() {
+  Cache& kept = cache();
   {
-    const std::lock_guard lock(cache().mutex);
-    if (cache().profile) return cache().profile;
+    const Lock lock(kept.mutex);
+    if (kept.profile) return kept.profile;
   }
   const auto path = Bundle::main().pathForResource("embedded", "mobileprovision");
   const auto text = path ? readFile(*path) : std::nullopt;
   auto profile = text ? profileIn(*text) : std::nullopt;
-  const std::lock_guard lock(cache().mutex);
-  cache().profile = profile;
+  const Lock lock(kept.mutex);
+  kept.profile = profile;
   return profile;
 }
 

@@ -7,20 +7,21 @@
 
 namespace kelvo {
 
-/// How the host application was distributed, read from the provisioning profile in its bundle.
+/// Reads from the provisioning profile in the bundle how the host application was distributed. Thread-safe.
 class KLVMobileProvision {
  public:
   enum class ReleaseMode { unknown = 0, simulator = 1, developer = 2, adHoc = 3, appStore = 4, enterprise = 5 };
 
-  /// The embedded profile; the first one that parses is kept for the process. nullopt when there is none or it is
-  /// malformed.
+  /// Returns the profile embedded in the bundle, nullopt if there is none or it is malformed. Reads the file until one
+  /// profile parses, and keeps that one for the life of the process.
   static std::optional<Dictionary> getMobileProvision();
-  /// The profile that the text of a signed file holds.
+  /// Returns the profile inside `text`, the content of a signed file; nullopt if it holds none.
   static std::optional<Dictionary> profileIn(const std::string& text);
-  /// Never `unknown`; `simulator` without a profile.
+  /// Returns the release mode of the embedded profile. Never returns `unknown`.
   static ReleaseMode releaseMode();
+  /// Returns the release mode of `profile`, `simulator` for nullopt or an empty profile.
   static ReleaseMode releaseModeOf(const std::optional<Dictionary>& profile);
-  /// "Simulator", "Developer", "AdHoc", "AppStore" or "Enterprise".
+  /// Returns `releaseMode()` as "Simulator", "Developer", "AdHoc", "AppStore" or "Enterprise".
   static std::string releaseModeString();
 };
 

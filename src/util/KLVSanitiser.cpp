@@ -13,21 +13,27 @@ namespace {
 constexpr int kDeepestLevel = 64;
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 
-/// What a byte at the start of a character says of the bytes that follow.
+// The range of the bytes of a character after the first.
+constexpr unsigned char kLowestContinuation = 0x80;
+constexpr unsigned char kHighestContinuation = 0xBF;
+// The high bits of eight bytes. Text in which none is set is ASCII.
+constexpr std::uint64_t kHighBits = 0x8080808080808080U;
+
+/// The bytes that must follow the first byte of a UTF-8 character.
 struct Lead {
-  std::size_t following = 0;     ///< 0: no such start
-  unsigned char lowest = 0x80;   ///< of the second byte: excludes longer forms than needed
-  unsigned char highest = 0xBF;  ///< of the second byte: excludes surrogates and what lies above U+10FFFF
+  std::size_t following = 0;                     ///< 0 if no character starts with this byte
+  unsigned char lowest = kLowestContinuation;    ///< of the second byte: excludes overlong forms
+  unsigned char highest = kHighestContinuation;  ///< of the second byte: excludes surrogates and all above U+10FFFF
 };
 
 Lead leadOf(unsigned char byte) noexcept {
   if (byte >= 0xC2 && byte <= 0xDF) return {1};
-  if (byte == 0xE0) return {2, 0xA0, 0xBF};
-  if (byte == 0xED) return {2, 0x80, 0x9F};
+  if (byte == 0xE0) return {2, 0xA0, kHighestContinuation};
+  if (byte == 0xED) return {2, kLowestContinuation, 0x9F};
   if (byte >= 0xE1 && byte <= 0xEF) return {2};
-  if (byte == 0xF0) return {3, 0x90, 0xBF};
+  if (byte == 0xF0) return {3, 0x90, kHighestContinuation};
   if (byte >= 0xF1 && byte <= 0xF3) return {3};
-  if (byte == 0xF4) return {3, 0x80, 0x8F};
+  if (byte == 0xF4) return {3, kLowestContinuation, 0x8F};
   return {};
 }
 
@@ -36,29 +42,29 @@ struct Character {
   bool valid = true;
 };
 
-/// The character, or the part of one that breaks off, at the start of `text`, which is not empty.
+/// Returns the character at the start of `text`, or the invalid part there. `text` must not be empty.
 Character firstCharacter(std::string_view text) noexcept {
   const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  if (byte(0) < 0x80) return {};
+  if (byte(0) < kLowestContinuation) return {};
   const Lead lead = leadOf(byte(0));
   if (lead.following == 0) return {1, false};
   for (std::size_t i = 1; i <= lead.following; ++i) {
-    const unsigned char lowest = i == 1 ? lead.lowest : 0x80;
-    const unsigned char highest = i == 1 ? lead.highest : 0xBF;
+    const unsigned char lowest = i == 1 ? lead.lowest : kLowestContinuation;
+    const unsigned char highest = i == 1 ? lead.highest : kHighestContinuation;
     if (i >= text.size() || byte(i) < lowest || byte(i) > highest) return {i, false};
   }
   return {lead.following + 1, true};
 }
 
-/// The length of the valid beginning of `text`.
+/// Returns the length of the valid UTF-8 at the start of `text`. Checks ASCII eight bytes at a time.
 std::size_t validSize(std::string_view text) noexcept {
   std::size_t at = 0;
   while (at < text.size()) {
     std::uint64_t eight = 0;
-    const std::size_t looked = std::min(sizeof eight, text.size() - at);
-    std::memcpy(&eight, text.data() + at, looked);
-    if ((eight & 0x8080808080808080U) == 0) {
-      at += looked;
+    const std::size_t checked = std::min(sizeof eight, text.size() - at);
+    std::memcpy(&eight, text.data() + at, checked);
+    if ((eight & kHighBits) == 0) {
+      at += checked;
       continue;
     }
     const Character character = firstCharacter(text.substr(at));
@@ -96,8 +102,8 @@ bool isContainer(const Value& value) noexcept {
   return value.get<Array>() != nullptr || value.get<Dictionary>() != nullptr;
 }
 
-/// First looks whether anything is wrong, which allocates nothing, and only then makes a repaired copy. Neither
-/// goes below the deepest level.
+/// Repairs one argument and remembers which kinds of repair it made. `isClean` allocates nothing; only a value that is
+/// not clean is copied. Both stop at the deepest level, so a deeper value cannot exhaust the stack.
 class Sanitiser {
  public:
   [[nodiscard]] static bool isClean(const Value& value, int level) noexcept {

@@ -7,15 +7,15 @@
 
 namespace kelvo {
 
-/// Makes of a host's argument what JSON can carry. Both run on the caller's thread, before the argument is kept:
+/// Returns the host's argument, repaired so that JSON can carry it:
 ///
-/// - NaN and infinities are dropped;
-/// - bytes of texts and keys that are no UTF-8 become U+FFFD, one for each longest beginning of a character that
-///   breaks off. Of two keys that become equal the later value stays;
-/// - arrays and dictionaries below the 64th level are dropped, the argument itself being the first.
+/// - It drops NaN and infinities.
+/// - It replaces invalid UTF-8 in texts and keys with U+FFFD, one for each maximal invalid part. If two keys become
+///   equal, the later value wins.
+/// - It drops arrays and dictionaries below level 64. The argument itself is level 1.
 ///
-/// Each kind of repair is told in one WARN line a call. What needs no repair comes back with its content shared,
-/// and nothing is allocated for it.
+/// Each kind of repair writes one WARN line per call. An argument that needs no repair is returned with its content
+/// shared, without any allocation. Thread: the caller's, before the argument is stored.
 [[nodiscard]] std::optional<Dictionary> sanitised(std::optional<Dictionary> dictionary);
 [[nodiscard]] std::optional<std::string> sanitised(std::optional<std::string> text);
 

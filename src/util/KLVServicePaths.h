@@ -5,7 +5,7 @@
 
 namespace kelvo {
 
-// Paths of the service; the texts in angle brackets are replaced before use.
+// The paths of the service. Callers replace each placeholder, such as <app-id>, before use.
 inline constexpr std::string_view kKLVSDKEnableURL = "/v2/api/<app-id>/sdk/enabled-status?platform=ios&sdk_version=";
 inline constexpr std::string_view kKLVSDKConfigURL = "/v2/api/config/<app-id>/ios";
 inline constexpr std::string_view kKLVSDKUserInfoURL = "/v2/api/user?appId=";
@@ -21,7 +21,7 @@ inline constexpr std::string_view kKLVClientEventValidateURL =
 inline constexpr std::string_view kKLVClientEventsURL =
     "/v2/sync/<app-id>/client-events?userId=<user-id>&version=<version>&platform=ios";
 
-/// `text` with every `placeholder` replaced by `value`; nothing is escaped.
+/// Returns `text` with every `placeholder` replaced by `value`. Escapes nothing.
 std::string byReplacing(std::string_view text, std::string_view placeholder, std::string_view value);
 
 }  // namespace kelvo

@@ -9,7 +9,7 @@
 
 namespace kelvo {
 namespace {
-constexpr double kLongestInterval = 1e9;  // seconds; some 31 years, which nanoseconds still count
+constexpr double kLongestInterval = 1e9;  // seconds: about 31 years, which still fits into 64-bit nanoseconds
 }
 
 KLVTimer& KLVTimer::sharedTimer() {
@@ -28,7 +28,7 @@ std::int64_t KLVTimer::currentTimeInMillis() const {
 void KLVTimer::registerForTimerNotificationWithInterval(double interval, std::function<void()> closure) {
   if (!(interval > 0) || !closure) return;
   const std::chrono::duration<double> seconds(std::min(interval, kLongestInterval));
-  // Never zero: a timer of less than a nanosecond would keep the main loop busy for ever.
+  // A period of zero would keep the main loop busy forever.
   const auto period =
       std::max(std::chrono::duration_cast<std::chrono::nanoseconds>(seconds), std::chrono::nanoseconds(1));
   MainQueue::repeatEvery(period, std::move(closure));

@@ -8,7 +8,7 @@
 
 namespace kelvo {
 
-/// The library's two time bases, and its repeating timers on the main loop.
+/// The library's two time bases, and its repeating timers on the main loop. Thread-safe.
 class KLVTimer {
  public:
   static KLVTimer& sharedTimer();
@@ -16,17 +16,17 @@ class KLVTimer {
   void setSDKStartTime(Date start) noexcept { start_.store(start.time_since_epoch().count()); }
   [[nodiscard]] Date SDKStartTime() const noexcept { return Date(Date::duration(start_.load())); }
 
-  /// Whole seconds since the SDK start date, truncated towards zero: the time of events.
+  /// Returns the whole seconds since the SDK start time, truncated towards zero. Events carry this time.
   [[nodiscard]] std::int64_t currentTime() const;
-  /// Milliseconds since 1970, truncated: launch, start, reporting and installation times.
+  /// Returns the milliseconds since 1970, truncated: the unit of launch, start, reporting and installation times.
   [[nodiscard]] std::int64_t currentTimeInMillis() const;
 
-  /// Calls `closure` on the main loop every `interval` seconds for the life of the process; there is no way to
-  /// cancel it. An interval that is not above zero schedules nothing.
+  /// Calls `closure` on the main loop every `interval` seconds for the life of the process. It cannot be cancelled.
+  /// Does nothing if `interval` is NaN, zero or negative.
   void registerForTimerNotificationWithInterval(double interval, std::function<void()> closure);
 
  private:
-  std::atomic<Date::rep> start_{0};
+  std::atomic<Date::rep> start_{0};  // ticks of Date since 1970
 };
 
 }  // namespace kelvo

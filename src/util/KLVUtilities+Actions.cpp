@@ -3,9 +3,10 @@
 namespace kelvo {
 namespace {
 
+constexpr std::string_view kId = "_id";
 constexpr std::string_view kPID = "pid";
 
-/// The piece of `text` up to `separator`, which `text` loses together with it.
+/// Removes the part up to and including the first `separator` from `text`, and returns it without the separator.
 std::string_view takePiece(std::string_view& text, char separator) {
   const auto end = text.find(separator);
   const std::string_view piece = text.substr(0, end);
@@ -35,7 +36,7 @@ std::optional<Dictionary> KLVUtilities::iDKeyDictionaryForConfigs(const Array& c
   Dictionary byId;
   for (const Value& action : configs) {
     const auto* members = action.get<Dictionary>();
-    const auto* id = members != nullptr ? (*members)["_id"].get<std::string>() : nullptr;
+    const auto* id = members != nullptr ? (*members)[kId].get<std::string>() : nullptr;
     if (id != nullptr) byId.set(*id, action);
   }
   return byId.empty() ? std::nullopt : std::optional(byId);

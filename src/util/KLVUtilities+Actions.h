@@ -9,16 +9,20 @@
 
 namespace kelvo {
 
-/// Actions of the service. Each belongs to a campaign (its "pid"), and each campaign has a revision (its MID).
+/// Works on the service's actions. An action belongs to a campaign (its "pid"); a campaign has a revision (its MID).
+///
+/// A `config` below maps each action's "_id" to the action. Thread-safe.
 namespace KLVUtilities {
 
-/// PID to MID of a text such as "P1_3,P7_1"; a piece without "_" is skipped, of equal PIDs the last one counts.
+/// Returns PID to MID for a text such as "P1_3,P7_1". Skips a piece without "_". If a PID is repeated, the last wins.
 Dictionary getPIDMIDDictFromString(std::string_view text);
-/// Each action's "_id" to the action; nullopt for none. What has no "_id" is left out.
+/// Returns a `config` of the actions in `configs`, without those that have no "_id" text; nullopt if none remains.
 std::optional<Dictionary> iDKeyDictionaryForConfigs(const Array& configs);
+/// Returns true if an action of `config` belongs to the campaign `containsPID`.
 bool doesConfig(const Dictionary& config, std::string_view containsPID);
+/// Returns `fromConfig` without the actions of the campaign `pid`.
 Dictionary dictionaryByRemovingEntryWithPID(std::string_view pid, const Dictionary& fromConfig);
-/// In order, repeated ones included.
+/// Returns the campaign of every action that names one, in the order of `config`. A campaign may be repeated.
 std::vector<std::string> getAllPIDsInConfig(const Dictionary& config);
 
 }  // namespace KLVUtilities

@@ -1,15 +1,13 @@
 #include "util/KLVUtilities+Cleaning.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
+#include <utility>
 
 #include "util/KLVException.h"
 
 namespace kelvo {
 namespace {
 
-/// What becomes of one member: it stays, goes, or is replaced.
+/// The decision about one member of a container.
 struct Verdict {
   enum class Kind { keep, drop, replace } kind = Kind::keep;
   Value replacement;
@@ -19,7 +17,7 @@ constexpr auto kKeep = Verdict::Kind::keep;
 constexpr auto kDrop = Verdict::Kind::drop;
 constexpr auto kReplace = Verdict::Kind::replace;
 
-/// `container` after `judge` has had its say on each member; the same shared content when all stay.
+/// Returns `container` with `judge`'s verdict applied to each member. Shares the content if every member is kept.
 template <class Container, class Add, class Judge>
 Container judged(const Container& container, Add add, Judge judge) {
   Container result;
@@ -44,7 +42,7 @@ Dictionary judgedEntries(const Dictionary& dictionary, Judge judge) {
   return judged(dictionary, add, judge);
 }
 
-/// Whether a clean-up left the content as it was, and shared.
+/// Returns true if a clean-up changed nothing, so that both containers share their content.
 template <class Container>
 bool isUntouched(const Container& before, const Container& after) {
   return before.begin() == after.begin() && before.size() == after.size();
@@ -94,10 +92,6 @@ std::optional<std::string> KLVUtilities::validStringForString(std::optional<std:
   return text;
 }
 
-bool KLVUtilities::isNumericString(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char character) { return character >= '0' && character <= '9'; });
-}
-
 bool KLVUtilities::isValidDictionary(const Value& value) {
   const auto* dictionary = value.get<Dictionary>();
   return dictionary != nullptr && !dictionary->empty();
@@ -127,20 +121,6 @@ std::optional<Array> KLVUtilities::validArrayForArray(const Array& array) {
     result.append(replacement == nullptr ? element : std::move(*replacement));
   };
   return judged(array, add, verdictOnElement);
-}
-
-std::string KLVUtilities::rangeForCount(std::int64_t count) {
-  if (count >= 1001) return "1000+";
-  if (count == 1000) return "901-1000";
-  if (count >= 100) {
-    const std::int64_t hundreds = (count - 1) / 100;
-    return fmt::format("{}01-{}00", hundreds, hundreds + 1);
-  }
-  if (count >= 10) {
-    const std::int64_t tens = (count - 1) / 10;
-    return fmt::format("{}1-{}0", tens, tens + 1);
-  }
-  return fmt::format("{}", count);
 }
 
 }  // namespace kelvo

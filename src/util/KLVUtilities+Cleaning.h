@@ -1,46 +1,47 @@
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "kelvo/Value.h"
 
 namespace kelvo {
 
-/// Checks of single values, and the removal of nulls and empty values from attributes.
+/// Checks whether values are empty, merges dictionaries, and removes nulls and empty values from attributes.
+///
+/// A dictionary or array with nothing to remove is returned with its content shared. Thread-safe.
 namespace KLVUtilities {
 
+/// Returns false for the null value.
 inline bool isValidObject(const Value& value) {
   return !value.isNull();
 }
+/// Returns false for nullopt and for the empty text.
 inline bool isValidString(const std::optional<std::string>& text) {
   return text.has_value() && !text->empty();
 }
 inline bool isInvalidString(const std::optional<std::string>& text) {
   return !isValidString(text);
 }
-/// Kept: returns its argument in every case, valid or not.
+/// Kept: returns its argument, whether it is valid or not.
 std::optional<std::string> validStringForString(std::optional<std::string> text);
-/// True for the empty text, too.
-bool isNumericString(std::string_view text);
-/// A dictionary with at least one key.
+/// Returns true for a dictionary with at least one key.
 bool isValidDictionary(const Value& value);
 inline bool isInvalidDictionary(const Value& value) {
   return !isValidDictionary(value);
 }
-/// The second wins on equal keys.
+
+/// Returns the entries of both; where keys are equal, the value of `second` wins.
 Dictionary addTwoDictionaries(const Dictionary& first, const Dictionary& second);
+
+/// Removes the null values at the top level.
 Dictionary dictionaryByRemovingNulls(const Dictionary& dictionary);
-/// nullopt for nothing or an empty dictionary. Throws `KLVInvalidArgument` when an array, at whatever depth, is
-/// empty or holds an empty array or dictionary: callers log the reason and drop the call. Shares the content of
-/// a dictionary that has nothing to remove.
+/// Removes, at every level, nulls, bytes, dates, and empty texts and dictionaries. Returns nullopt for nullopt and for
+/// an empty dictionary, but an empty dictionary if nothing remains. Throws `KLVInvalidArgument` if an array, at any
+/// depth, is empty or holds an empty array or dictionary: callers log the reason and drop the call.
 std::optional<Dictionary> dictionaryByRemovingNullsAndEmptyValues(const std::optional<Dictionary>& dictionary);
-/// As above, element by element; empty texts stay.
+/// As above for each element, but keeps empty texts. Returns nullopt for an empty array.
 std::optional<Array> validArrayForArray(const Array& array);
-/// The bucket of a count: "7", "11-20", "101-200", "1000+".
-std::string rangeForCount(std::int64_t count);
 
 }  // namespace KLVUtilities
 }  // namespace kelvo

@@ -7,6 +7,10 @@
 namespace kelvo {
 namespace {
 
+constexpr long kFirstTmYear = 1900;  // struct tm counts years from here
+constexpr int kMinutesPerHour = 60;
+constexpr int kSecondsPerMinute = 60;
+
 struct Moment {
   std::int64_t seconds = 0;  ///< since 1970
   int milliseconds = 0;      ///< 0 to 999
@@ -15,54 +19,52 @@ struct Moment {
 std::string textOf(Moment moment) {
   const std::time_t seconds = moment.seconds;
   std::tm local{};
-  if (localtime_r(&seconds, &local) == nullptr) return "";  // a year that no calendar holds
-  const long offset = local.tm_gmtoff / 60;
+  if (localtime_r(&seconds, &local) == nullptr) return "";  // the year does not fit into an int
+  const long offset = local.tm_gmtoff / kSecondsPerMinute;  // minutes
   const long distance = offset < 0 ? -offset : offset;
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}{:02}", 1900L + local.tm_year, local.tm_mon + 1,
-                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, moment.milliseconds,
-                     offset < 0 ? '-' : '+', distance / 60, distance % 60);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}{}{:02}{:02}", kFirstTmYear + local.tm_year,
+                     local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, moment.milliseconds,
+                     offset < 0 ? '-' : '+', distance / kMinutesPerHour, distance % kMinutesPerHour);
 }
 
-/// The number in the digits [start, start + size) of `text`, or -1.
-int digits(std::string_view text, std::size_t start, std::size_t size) {
-  int number = 0;
-  for (const char digit : text.substr(start, size)) {
-    if (digit < '0' || digit > '9') return -1;
-    number = number * 10 + (digit - '0');
-  }
-  return number;
+/// Returns the number that `size` digits of `text`, from `start`, form. The caller has checked that they are digits.
+int number(std::string_view text, std::size_t start, std::size_t size) {
+  int result = 0;
+  for (const char digit : text.substr(start, size)) result = result * 10 + (digit - '0');
+  return result;
 }
 
 std::optional<Moment> momentOf(std::string_view text) {
   constexpr std::string_view kForm = "0000-00-00T00:00:00.000+0000";
+  constexpr std::size_t kSignAt = kForm.find('+');
   if (text.size() != kForm.size()) return std::nullopt;
-  const char sign = text[23];
+  const char sign = text[kSignAt];
   if (sign != '+' && sign != '-') return std::nullopt;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    if (i != 23 && (kForm[i] == '0' ? text[i] < '0' || text[i] > '9' : text[i] != kForm[i])) return std::nullopt;
+    const bool fits = kForm[i] == '0' ? text[i] >= '0' && text[i] <= '9' : text[i] == kForm[i];
+    if (!fits && i != kSignAt) return std::nullopt;
   }
   std::tm utc{};
-  utc.tm_year = digits(text, 0, 4) - 1900;
-  utc.tm_mon = digits(text, 5, 2) - 1;
-  utc.tm_mday = digits(text, 8, 2);
-  utc.tm_hour = digits(text, 11, 2);
-  utc.tm_min = digits(text, 14, 2);
-  utc.tm_sec = digits(text, 17, 2);
-  const int offsetHours = digits(text, 24, 2);
-  const int offsetMinutes = digits(text, 26, 2);
+  utc.tm_year = number(text, 0, 4) - static_cast<int>(kFirstTmYear);
+  utc.tm_mon = number(text, 5, 2) - 1;
+  utc.tm_mday = number(text, 8, 2);
+  utc.tm_hour = number(text, 11, 2);
+  utc.tm_min = number(text, 14, 2);
+  utc.tm_sec = number(text, 17, 2);
+  const int offsetHours = number(text, 24, 2);
+  const int offsetMinutes = number(text, 26, 2);
   if (utc.tm_hour > 23 || utc.tm_min > 59 || utc.tm_sec > 59 || offsetHours > 23 || offsetMinutes > 59) {
     return std::nullopt;
   }
   const std::tm given = utc;
   const std::int64_t seconds = timegm(&utc);
-  if (utc.tm_mon != given.tm_mon || utc.tm_mday != given.tm_mday) return std::nullopt;  // there is no 30 February
-  const std::int64_t offset = offsetHours * 3600 + offsetMinutes * 60;
-  return Moment{sign == '-' ? seconds + offset : seconds - offset, digits(text, 20, 3)};
+  if (utc.tm_mon != given.tm_mon || utc.tm_mday != given.tm_mday) return std::nullopt;  // such as 30 February
+  const std::int64_t offset = (offsetHours * kMinutesPerHour + offsetMinutes) * kSecondsPerMinute;
+  return Moment{sign == '-' ? seconds + offset : seconds - offset, number(text, 20, 3)};
 }
 
 }  // namespace
 
-/// Reads the time zone, so that no later conversion has to.
 void KLVUtilities::initializeDateFormatter() {
   ::tzset();
 }

@@ -17,7 +17,10 @@ namespace {
 
 constexpr const char* kKLVSDKFootprintFile = "com.kelvo.SDK.footprint";
 constexpr const char* kKLVFootprintKey = "klv_footprint_time";
-constexpr const char* kFirstSessionKey = "klv_is_first_session";  // what earlier versions left behind
+constexpr const char* kFirstSessionKey = "klv_is_first_session";  // written by earlier versions
+
+constexpr std::int64_t kMillisecondsPerSecond = 1000;
+constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
 }  // namespace
 
@@ -25,9 +28,9 @@ std::int64_t KLVUtilities::installationDate() {
   struct statx facts {};
   const char* path = Directories::documents().c_str();
   if (::statx(AT_FDCWD, path, AT_STATX_SYNC_AS_STAT, STATX_BTIME | STATX_MTIME, &facts) != 0) return 0;
-  // Not every file system keeps the time of creation.
+  // Not every file system keeps the creation time.
   const auto& time = (facts.stx_mask & STATX_BTIME) != 0 ? facts.stx_btime : facts.stx_mtime;
-  return time.tv_sec * 1000 + time.tv_nsec / 1'000'000;
+  return time.tv_sec * kMillisecondsPerSecond + time.tv_nsec / kNanosecondsPerMillisecond;
 }
 
 std::string KLVUtilities::deviceName() {

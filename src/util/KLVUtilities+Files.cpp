@@ -11,7 +11,7 @@
 namespace kelvo {
 namespace {
 
-/// The value of a file, which must be an array or a dictionary.
+/// Returns the value of the JSON `text`, which must be an array or a dictionary; otherwise sets `error`.
 std::optional<Value> containerOf(const std::string& text, std::string& error) {
   auto value = parseJSON(text, &error);
   if (!value || value->get<Array>() != nullptr || value->get<Dictionary>() != nullptr) return value;
@@ -24,6 +24,10 @@ std::optional<std::string> contentOfConfig(const std::string& path) {
   auto content = readFile(path, &error);
   if (!content) KLV_ERROR("opening config file: {}", error);
   return content;
+}
+
+std::string hashKey(std::string_view module) {
+  return fmt::format("klv_{}_hash", module);
 }
 
 }  // namespace
@@ -51,22 +55,22 @@ std::optional<Value> KLVUtilities::readConfig(const std::string& path) {
   if (!content) return std::nullopt;
   std::string error;
   auto value = containerOf(*content, error);
-  if (!value) KLV_ERROR("parsing json file {})", error);  // Kept: the closing parenthesis of this one.
+  if (!value) KLV_ERROR("parsing json file {})", error);  // Kept: the closing parenthesis.
   return value;
 }
 
-void KLVUtilities::saveHash(const std::string& hash, const std::string& module) {
+void KLVUtilities::saveHash(const std::string& hash, std::string_view module) {
   KLV_DEBUG("Saving hash: {} for module: {}", hash, module);
-  UserDefaults::standard().set(fmt::format("klv_{}_hash", module), hash);
+  UserDefaults::standard().set(hashKey(module), hash);
   if (UserDefaults::standard().synchronize()) {
     KLV_DEBUG("Hash saved successfully");
   } else {
-    KLV_ERROR("Couldn't save enable SDK state");  // Kept: the words of another failure.
+    KLV_ERROR("Couldn't save enable SDK state");  // Kept: the text names another failure.
   }
 }
 
-std::optional<std::string> KLVUtilities::getHashForModule(const std::string& module) {
-  return UserDefaults::standard().string(fmt::format("klv_{}_hash", module));
+std::optional<std::string> KLVUtilities::getHashForModule(std::string_view module) {
+  return UserDefaults::standard().string(hashKey(module));
 }
 
 }  // namespace kelvo

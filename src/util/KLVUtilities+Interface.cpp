@@ -11,20 +11,22 @@
 namespace kelvo {
 namespace {
 
+constexpr double kDefaultFontSize = 16;  // points
+
 Font fontWith(const Dictionary& attributes, double size) {
   const auto tree = HostInterface::viewTree();
   const auto font = tree != nullptr ? tree->font(attributes, size) : std::nullopt;
   return font.value_or(Font{"", size});
 }
 
-/// `mark` is what the name of a font with this face contains.
+/// Returns the font of `family` with `face`. Returns any font with `face` if the name of the first one lacks `mark`.
 Font fontWithFace(const std::string& family, const char* face, std::string_view mark, double size) {
   Font font = fontWith({{kFontFamilyAttribute, family}, {kFontFaceAttribute, face}}, size);
   return font.name.find(mark) != std::string::npos ? font : fontWith({{kFontFaceAttribute, face}}, size);
 }
 
-double usable(double size) {
-  return size >= 1 ? size : 16;
+double usableSize(double size) {
+  return size >= 1 ? size : kDefaultFontSize;
 }
 
 }  // namespace
@@ -57,31 +59,32 @@ bool KLVUtilities::isViewRectInsideWindowRect(const Rect& viewRect, const Rect& 
 }
 
 Font KLVUtilities::fontWithName(const std::optional<std::string>& name, double size) {
-  if (isInvalidString(name)) return Font{"", usable(size)};
-  return fontWith({{kFontNameAttribute, *name}}, usable(size));
+  if (isInvalidString(name)) return Font{"", usableSize(size)};
+  return fontWith({{kFontNameAttribute, *name}}, usableSize(size));
 }
 
 Font KLVUtilities::fontWithName(const std::optional<std::string>& name, double size,
                                 const std::optional<std::string>& style) {
   const std::string family = name.value_or("");
-  if (style == "bold") return fontWithFace(family, "Bold", "Bold", usable(size));
-  if (style == "italic") return fontWithFace(family, "Italic", "Italic", usable(size));
+  if (style == "bold") return fontWithFace(family, "Bold", "Bold", usableSize(size));
+  if (style == "italic") return fontWithFace(family, "Italic", "Italic", usableSize(size));
   if (style == "bold_italic" || style == "bolditalic") {
-    return fontWithFace(family, "Bold Italic", "BoldItalic", usable(size));
+    return fontWithFace(family, "Bold Italic", "BoldItalic", usableSize(size));
   }
   return fontWithName(family, size);
 }
 
 Color KLVUtilities::colorFromHexString(const std::optional<std::string>& text) {
   if (isInvalidString(text) || text->find('#') == std::string::npos || *text == "#") return {};
-  // Kept: the first character is left out, whether or not it is the "#".
+  // Kept: skips the first character, whether or not it is the "#".
   std::string_view digits = std::string_view(*text).substr(1);
   digits.remove_prefix(std::min(digits.find_first_not_of(" \t\r\n"), digits.size()));
   if (digits.substr(0, 2) == "0x" || digits.substr(0, 2) == "0X") digits.remove_prefix(2);
+  constexpr std::uint32_t kLargestPart = 0xFF;
   std::uint32_t number = 0;
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number, 16);
   if (error == std::errc::result_out_of_range) number = std::numeric_limits<std::uint32_t>::max();
-  const auto part = [number](int shift) { return (number >> shift & 0xFFU) / 255.0; };
+  const auto part = [number](int shift) { return (number >> shift & kLargestPart) / double{kLargestPart}; };
   return {part(16), part(8), part(0), 1};
 }
 

@@ -7,8 +7,10 @@
 
 namespace kelvo {
 
-/// JSON text to values and back. nullopt stands for an absent object, in and out. A failure is logged at error level as
-/// "JSON Error: ..." and returns nullopt. The parsers return any kind of value, whatever their names say.
+/// Converts values to JSON text and back.
+///
+/// Every function returns nullopt and logs "JSON Error: ..." at error level if it fails, or if its argument is nullopt.
+/// The three parsers accept any kind of JSON value, whatever their names say. Thread-safe.
 namespace KLVUtilities {
 
 std::optional<std::string> jsonDataFromNSDictionary(const std::optional<Dictionary>& dictionary);

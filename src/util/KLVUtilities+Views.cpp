@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "kelvo/ViewTree.h"
 #include "platform/HostInterface.h"
@@ -17,6 +18,9 @@
 namespace kelvo {
 namespace {
 
+constexpr std::string_view kByNativeId = "i";
+constexpr std::string_view kByTag = "t";
+constexpr std::string_view kByPath = "p";
 constexpr std::string_view kPathPrefix = "KLV:";
 constexpr std::string_view kNativeIdPrefix = "[klv_";
 constexpr std::string_view kNativeIdSuffix = "_klv]";
@@ -24,16 +28,19 @@ constexpr const char* kTableView = "UITableView";
 constexpr const char* kTableViewCell = "UITableViewCell";
 constexpr const char* kCollectionView = "UICollectionView";
 constexpr const char* kCollectionViewCell = "UICollectionViewCell";
-/// Views whose centres differ by no more than this many points stand in one row.
+/// Views form a row if their centres differ vertically by no more than this many points.
 constexpr double kRowTolerance = 5;
 
-// Kept: the class of images is among them, that of image views is not.
+// Kept: the list has the class of images, but not the class of image views.
 constexpr const char* kConsideredClasses[] = {
     kCollectionView,      kCollectionViewCell, kTableView,  kTableViewCell,    "UIStackView",  "UIImage",
     "UIPickerView",       "UIProgressView",    "UIControl", "UIButton",        "UIDatePicker", "UIPageControl",
     "UISegmentedControl", "UISlider",          "UIStepper", "UISwitch",        "UILabel",      "UITextField",
     "UITextView",         "UIBarButtonItem",   "UIBarItem", "UINavigationBar", "UISearchBar",  "UIToolbar",
     "UITabBar",           "UITabBarItem"};
+
+constexpr std::string_view kIgnoredClasses[] = {"UIVisualEffect", "UIVisualEffectView", "UIVibrancyEffect",
+                                                "UIBlurEffect"};
 
 std::atomic<bool> drawnByFramework{false};
 
@@ -51,7 +58,7 @@ void removeAll(std::string& text, std::string_view part) {
   for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at)) text.erase(at, part.size());
 }
 
-/// The number that `digits` begin with; the largest there is for one that is larger, 0 for none.
+/// Returns the number at the start of `digits`: 0 if there is none, the largest 64-bit integer if it is larger.
 std::int64_t integerValue(std::string_view digits) {
   std::int64_t number = 0;
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
@@ -66,20 +73,20 @@ std::shared_ptr<View> viewWithTag(std::int64_t tag, const std::shared_ptr<View>&
   return nullptr;
 }
 
-/// Section and row, written one behind the other: 112 for section 1, row 12. A cell that its table does not know, or
-/// that is in none, is the first one.
+/// Returns the digits of section and row as one number: 112 for section 1, row 12. A cell without a container, or
+/// unknown to it, counts as section 0, row 0.
 std::int64_t tagOfCell(const View& cell, const View* container) {
   const auto path = container != nullptr ? container->indexPathForCell(cell) : std::nullopt;
   const IndexPath place = path.value_or(IndexPath());
   return integerValue(std::to_string(place.section) + std::to_string(place.row));
 }
 
-/// A node with what its order goes by.
+/// A node with its sort keys.
 struct Placed {
   KLVView node;
   bool isCell;
   std::int64_t tag;
-  double x, y;  // of the centre
+  double x, y;  // the centre
 };
 
 Placed placed(KLVView&& node) {
@@ -89,14 +96,14 @@ Placed placed(KLVView&& node) {
   return {std::move(node), cell, tag, frame.x + frame.width / 2, frame.y + frame.height / 2};
 }
 
-bool standsBefore(const Placed& first, const Placed& second) {
+bool comesBefore(const Placed& first, const Placed& second) {
   if (first.isCell && second.isCell) return first.tag < second.tag;
   if (std::abs(first.y - second.y) > kRowTolerance) return first.y < second.y;
   return first.x < second.x;
 }
 
-/// Merge sort of our own: being in one row is not transitive, and the standard library's sorts are undefined for such
-/// an order. What compares equal stays in its order.
+/// Sorts the nodes by a stable merge sort. The standard library's sorts are undefined for this order, because "in the
+/// same row" is not transitive.
 void sortInReadingOrder(std::vector<Placed>& nodes) {
   if (nodes.size() < 2) return;
   const auto middle = nodes.begin() + static_cast<std::ptrdiff_t>(nodes.size() / 2);
@@ -107,28 +114,28 @@ void sortInReadingOrder(std::vector<Placed>& nodes) {
   auto left = first.begin();
   auto right = second.begin();
   for (Placed& place : nodes) {
-    const bool takesRight = left == first.end() || (right != second.end() && standsBefore(*right, *left));
+    const bool takesRight = left == first.end() || (right != second.end() && comesBefore(*right, *left));
     place = std::move(takesRight ? *right++ : *left++);
   }
 }
 
-/// The first two steps of a path, and where they end.
+/// The first two parts of a path, and the rest after each.
 struct PathStart {
   explicit PathStart(std::string_view path) {
     const auto first = path.find(':');
     name = path.substr(0, first);
     if (first == std::string_view::npos) return;
-    behindName = path.substr(first + 1);
-    const auto second = behindName->find(':');
-    position = behindName->substr(0, second);
-    if (second != std::string_view::npos) behindPosition = behindName->substr(second + 1);
+    afterName = path.substr(first + 1);
+    const auto second = afterName->find(':');
+    position = afterName->substr(0, second);
+    if (second != std::string_view::npos) afterPosition = afterName->substr(second + 1);
   }
   std::string_view name, position;
-  std::optional<std::string_view> behindName, behindPosition;  // nullopt where the path ends
+  std::optional<std::string_view> afterName, afterPosition;  // nullopt where the path ends
 };
 
-/// What a step of a path says of one child: that it is not meant, or that what is left of the path, nullopt for
-/// nothing, goes on below it.
+/// Whether the first step of a path matches a child. If so, `rest` is the path to follow below the child, nullopt at
+/// the end of the path.
 struct Match {
   bool matches = false;
   std::optional<std::string_view> rest;
@@ -137,12 +144,12 @@ struct Match {
 Match match(const PathStart& start, const KLVView& child, std::size_t index) {
   if (KLVUtilities::isReactNative() && start.name.substr(0, kNativeIdPrefix.size()) == kNativeIdPrefix) {
     const auto nativeId = KLVUtilities::getNativeIDForView(*child.view);
-    return {nativeId == KLVUtilities::getNativeIDFromIndentifier(std::string(start.name)), start.behindName};
+    return {nativeId == KLVUtilities::getNativeIDFromIndentifier(std::string(start.name)), start.afterName};
   }
-  const bool named = start.name == child.name && start.behindName && KLVUtilities::isNumericString(start.position);
+  const bool named = start.name == child.name && start.afterName && KLVUtilities::isNumericString(start.position);
   if (!named) return {};
   const std::int64_t position = isCell(*child.view) ? child.view->tag() : static_cast<std::int64_t>(index);
-  return {position == integerValue(start.position), start.behindPosition};
+  return {position == integerValue(start.position), start.afterPosition};
 }
 
 }  // namespace
@@ -162,10 +169,10 @@ std::shared_ptr<View> KLVUtilities::getViewWithIdentifier(const std::optional<st
     KLV_ERROR("Invalid view ID provided");
     return nullptr;
   }
-  if (searchType != "p") {
+  if (searchType != kByPath) {
     KLV_DEBUG("Searching for view with nativeID/TAG: {}", *identifier);
     auto found = getViewWithTAG(identifier, window);
-    if (found != nullptr || searchType == "i" || searchType == "t") return found;
+    if (found != nullptr || searchType == kByNativeId || searchType == kByTag) return found;
   }
   KLV_DEBUG("Searching for view with path: {}", *identifier);
   return getViewWithPath(*identifier, window);
@@ -209,8 +216,7 @@ std::optional<std::string> KLVUtilities::getNativeIDForView(const View& view) {
   }
   KLV_DEBUG("Responds to selector - YES");
   KLV_DEBUG("Responded to selector with value: {}", *nativeId);
-  const auto* text = nativeId->get<std::string>();
-  return text != nullptr ? std::optional(*text) : std::nullopt;
+  return nativeId->asText();
 }
 
 std::string KLVUtilities::getNativeIDFromIndentifier(const std::string& identifier) {
@@ -236,16 +242,18 @@ std::shared_ptr<View> KLVUtilities::getViewWithIdentifier(std::string_view path,
     const KLVView& child = root.subviews[i];
     const Match step = match(start, child, i);
     if (step.matches && !step.rest) return child.view;
-    // A step that this child is not meant by may be meant by what lies below it.
+    // If the step does not match this child, it may match a view below it.
     if (auto found = getViewWithIdentifier(step.matches ? *step.rest : path, child)) return found;
   }
   return nullptr;
 }
 
-const std::vector<std::string>& KLVUtilities::ignoredViews() {
-  static const std::vector<std::string> names{"UIVisualEffect", "UIVisualEffectView", "UIVibrancyEffect",
-                                              "UIBlurEffect"};
-  return names;
+bool KLVUtilities::isNumericString(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char character) { return character >= '0' && character <= '9'; });
+}
+
+std::span<const std::string_view> KLVUtilities::ignoredViews() noexcept {
+  return kIgnoredClasses;
 }
 
 bool KLVUtilities::shouldConsiderView(const View& view) {
@@ -259,7 +267,7 @@ bool KLVUtilities::shouldConsiderView(const View& view) {
 }
 
 void KLVUtilities::constructCustomViewHierarchyForView(const View& view, KLVView& root,
-                                                       const std::vector<std::string>& ignoredViews,
+                                                       std::span<const std::string_view> ignoredViews,
                                                        const View* tableView, const View* collectionView) {
   for (const auto& subview : view.subviews()) {
     const bool isSeen = subview != nullptr && !subview->isHidden() && subview->alpha() > 0;

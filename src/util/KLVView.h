@@ -9,10 +9,11 @@
 
 namespace kelvo {
 
-/// A node of the simplified copy of a view tree in which paths are searched. Lives for one search, on the main queue.
+/// A node of a simplified copy of the view tree, in which the library looks up paths. It lives for one lookup.
+/// Thread: the main queue.
 class KLVView {
  public:
-  /// Without subviews, named after the view's class.
+  /// Makes a node without subviews, named after the view's class.
   explicit KLVView(std::shared_ptr<View> itsView) : view(std::move(itsView)), name(view ? view->className() : "") {}
 
   std::shared_ptr<View> view;

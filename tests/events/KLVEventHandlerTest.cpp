@@ -4,19 +4,18 @@
 
 #include <future>
 
-#include "events/KLVSystemEventsMonitor.h"
 #include "records/KLVEvents.h"
 
 namespace kelvo::test {
 namespace {
 
-/// What the bus had saved and delivered, in order, as one text each.
+/// Records what the bus saves and delivers, in order: one text each.
 class Recorder final : public KLVEventHandlerDelegate {
  public:
   void processAggregateEventWithEvent(const std::shared_ptr<KLVEvent>& event) override { add("counted", *event); }
   void saveEvent(const std::shared_ptr<KLVEvent>& event) override { add("saved", *event); }
   void saveLifetimeEvent(const std::shared_ptr<KLVEvent>& event) override { add("for life", *event); }
-  void add(const std::string& what, const KLVEvent& event) { all.push_back(what + " " + event.identifier()); }
+  void add(const std::string& action, const KLVEvent& event) { all.push_back(action + " " + event.identifier()); }
   std::vector<std::string> all;
 };
 
@@ -38,9 +37,9 @@ class EventHandler : public testing::Test {
     return made;
   }
   std::shared_ptr<Listener> listener(const std::string& name) { return std::make_shared<Listener>(name, recorder); }
-  /// What happened until the queue is empty.
+  /// Waits until the queue is empty; returns the recorded texts and clears them.
   std::vector<std::string> happened() {
-    for (int pass = 0; pass < 2; ++pass) {  // deliveries are queued by what the first pass waits for
+    for (int pass = 0; pass < 2; ++pass) {  // the events of the first pass queue the deliveries
       std::promise<void> done;
       bus.whenClassified([&] { done.set_value(); });
       done.get_future().wait();
@@ -53,7 +52,7 @@ class EventHandler : public testing::Test {
   KLVEventHandler bus{recorder};
 };
 
-TEST_F(EventHandler, ClassifiesByTypeAndListsInTheirOrder) {
+TEST_F(EventHandler, ClassifiesByTheTypeAndThenByTheLists) {
   bus.setClientEvents(Array{"client", "clientAndStop"});
   bus.setAggregateEvents(Array{"agg", 7});
   bus.setEventsToBeIgnored(Array{"stop", "clientAndStop", "aggAndStop"});
@@ -70,7 +69,7 @@ TEST_F(EventHandler, ClassifiesByTypeAndListsInTheirOrder) {
   EXPECT_EQ(happened(), Texts()) << "a signal is never saved";
 }
 
-TEST_F(EventHandler, DeliversToTypeListenersFirstAndToTheExactEventUnderItsChangedType) {
+TEST_F(EventHandler, DeliversToTypeListenersFirstAndToTheExactEventUnderItsNewType) {
   bus.setClientEvents(Array{"Sale"});
   const auto twice = listener("by type");
   bus.registerIdentifer("5___Sale", listener("exact"));
@@ -78,16 +77,16 @@ TEST_F(EventHandler, DeliversToTypeListenersFirstAndToTheExactEventUnderItsChang
   bus.registerForEventType(KLVEventType::client, twice);
   bus.registerForEventType(KLVEventType::client, twice);
   bus.registerForEventType(KLVEventType::client, nullptr);
-  std::promise<void> bothAreThere;
-  bus.whenClassified([&] { bothAreThere.get_future().wait(); });
+  std::promise<void> bothAreQueued;
+  bus.whenClassified([&] { bothAreQueued.get_future().wait(); });
   bus.enqueueEvent(event(KLVEventType::app, "Sale"));
   bus.enqueueEvent(event(KLVEventType::navigation, "Home"));
-  bothAreThere.set_value();
+  bothAreQueued.set_value();
   EXPECT_EQ(happened(), (Texts{"for life Sale", "saved Home", "by type Sale", "exact Sale"}))
-      << "what is enqueued earlier is classified before anything is delivered";
+      << "both events are classified before the first is delivered";
 }
 
-TEST_F(EventHandler, ForgetsIdentifierListenersButKeepsThoseRegisteredByTypeAlone) {
+TEST_F(EventHandler, RemovesIdentifierListenersButKeepsListenersRegisteredByTypeAlone) {
   const auto both = listener("both");
   const auto typeOnly = listener("type only");
   bus.registerForEventType(KLVEventType::navigation, both);
@@ -99,29 +98,6 @@ TEST_F(EventHandler, ForgetsIdentifierListenersButKeepsThoseRegisteredByTypeAlon
   bus.deregisterForEventType(KLVEventType::navigation, typeOnly);
   bus.enqueueEvent(event(KLVEventType::navigation, "Home"));
   EXPECT_EQ(happened(), (Texts{"saved Home", "type only Home"}));
-}
-
-TEST(SystemEventsMonitor, TellsTransitionsInTheirOrderWhileItIsStarted) {
-  struct Delegate final : KLVSystemEventsMonitorDelegate {
-    void updateChunkEndTime() override { told += "end time, "; }
-    void dispatchEvent(const std::shared_ptr<KLVEvent>& event) override { told += event->identifier() + ", "; }
-    std::string told;
-  } delegate;
-  KLVSystemEventsMonitor monitor(delegate);
-  const auto switchOverAndBack = [] {
-    for (const auto signal : {kApplicationDidBecomeActive, kApplicationWillResignActive}) {
-      NotificationCenter::defaultCenter().post(signal);
-    }
-  };
-  switchOverAndBack();
-  monitor.start();
-  for (int i = 0; i < 2; ++i) switchOverAndBack();
-  monitor.stop();
-  switchOverAndBack();
-  std::promise<void> done;
-  monitor.whenDispatched([&] { done.set_value(); });
-  done.get_future().wait();
-  EXPECT_EQ(delegate.told, "FOREGROUND, end time, BACKGROUND, FOREGROUND, end time, BACKGROUND, ");
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ class NavigationMonitor : public testing::Test, public KLVNavigationMonitorDeleg
   using Kind = ViewController::Kind;
   NavigationMonitor() { begin(); }
 
-  /// A new monitor, to which nothing has happened.
+  /// Replaces the monitor by a new one.
   void begin() {
     if (monitor != nullptr) monitor->stop();
     KLVTimer::sharedTimer().setSDKStartTime(Clock::now());
@@ -59,7 +59,8 @@ class NavigationMonitor : public testing::Test, public KLVNavigationMonitorDeleg
   void registerIdentifer(const std::string& key, const std::shared_ptr<KLVEventListener>&) override {
     keys += key + " ";
   }
-  /// "~Detail" is announced; "Detail 15" was shown for 15 seconds; a name of its own follows in brackets.
+  /// Records "~Detail" for an announced screen, and "Detail 15" for a screen shown for 15 seconds. A title that differs
+  /// from the screen's name follows it in brackets.
   void dispatchEvent(const std::shared_ptr<KLVEvent>& event) override {
     const Dictionary info = event->additionalInfo();
     happened += event->eventType() == KLVEventType::ceNavigation ? "~" : "";
@@ -73,27 +74,28 @@ class NavigationMonitor : public testing::Test, public KLVNavigationMonitorDeleg
   static void post(std::string_view signal, std::shared_ptr<ViewController> next) {
     NotificationCenter::defaultCenter().post(signal, Screen(std::move(next)));
   }
-  /// Plays the words of a script: "will:Class/Title", "did:Class/Title" (a controller), "named:Class/Title" (without
-  /// one), "navigation:Class", "top:Class" (the first screen), "log:Name", "background", "foreground", "+5" (seconds).
+  /// Plays the words of a script: "will:Class/Title" and "did:Class/Title" (a notification with a controller),
+  /// "named:Class/Title" (a notification without one), "navigation:Class", "top:Class" (the first screen), "log:Name",
+  /// "background", "foreground", and "+5" (five seconds pass).
   void play(const std::string& script) {
     std::istringstream words(script);
     for (std::string word; words >> word;) {
       if (word[0] == '+') Clock::advance(std::chrono::seconds(std::stoi(word)));
       const auto colon = word.find(':');
-      const std::string what = word.substr(0, colon);
+      const std::string step = word.substr(0, colon);
       const std::string whole = colon != std::string::npos ? word.substr(colon + 1) : "";
       const std::string name = whole.substr(0, whole.find('/'));
       std::optional<std::string> title;
       if (whole.size() > name.size()) title = whole.substr(name.size() + 1);
       const auto next =
-          std::make_shared<Controller>(name, title, what == "navigation" ? Kind::navigation : Kind::plain);
-      if (what == "will" || what == "navigation") post(kWillShowViewController, next);
-      if (what == "did" || what == "navigation") post(kDidShowViewController, next);
-      if (what == "named") NotificationCenter::defaultCenter().post(kDidShowViewController, Screen(name, title));
-      if (what == "top") monitor->handleFirstScreen(Screen(next));
-      if (what == "log") monitor->logScreenWithName(name);
-      if (what == "background") system(KLVSystemEvent::SubType::background);
-      if (what == "foreground") system(KLVSystemEvent::SubType::foreground);
+          std::make_shared<Controller>(name, title, step == "navigation" ? Kind::navigation : Kind::plain);
+      if (step == "will" || step == "navigation") post(kWillShowViewController, next);
+      if (step == "did" || step == "navigation") post(kDidShowViewController, next);
+      if (step == "named") NotificationCenter::defaultCenter().post(kDidShowViewController, Screen(name, title));
+      if (step == "top") monitor->handleFirstScreen(Screen(next));
+      if (step == "log") monitor->logScreenWithName(name);
+      if (step == "background") system(KLVSystemEvent::SubType::background);
+      if (step == "foreground") system(KLVSystemEvent::SubType::foreground);
       ASSERT_TRUE(monitor->waitUntilDispatched(20s)) << word;
     }
   }
@@ -105,14 +107,14 @@ class NavigationMonitor : public testing::Test, public KLVNavigationMonitorDeleg
   std::shared_ptr<KLVNavigationMonitor> monitor;
 };
 
-TEST_F(NavigationMonitor, TellsScreensAndTheTimeOnEach) {
+TEST_F(NavigationMonitor, ReportsScreensAndTheTimeSpentOnEach) {
   const std::tuple<const char*, const char*, const char*> cases[] = {
       {"dispatched when the next one appears", "+10 did:A +15 did:B +5 did:C", "A 15; B 5; "},
       {"module prefix, titles", "did:Shop.Home/Start +2 did:Shop.ui.Item/ named:Cart/Basket did:X",
        "Home(Start) 2; Item() 0; Cart(Basket) 0; "},
       {"announced once", "will:A will:A did:A will:B will:A", "~A; ~B; ~A; "},
       {"shown twice in a row", "did:A +3 did:A/Other +4 did:B", "A 7; "},
-      {"a navigation is no screen", "did:A navigation:N +1 did:B", "A 1; "},
+      {"a navigation is not a screen", "did:A navigation:N +1 did:B", "A 1; "},
       {"a title that cannot be read", "did:A/throws +1 did:B", "A 1; "},
       {"first screen", "top:A/Title +3 top:A +2 did:B top:C did:D", "A(Title) 5; B 0; "},
       {"first screen after a change", "did:A did:B top:C +1 did:D", "A 0; B 1; "},
@@ -132,7 +134,7 @@ TEST_F(NavigationMonitor, TellsScreensAndTheTimeOnEach) {
   }
 }
 
-TEST_F(NavigationMonitor, SaysWhatItIgnores) {
+TEST_F(NavigationMonitor, LogsARepeatedScreenAndIgnoresANotificationWithoutOne) {
   const LogCapture log;
   play("did:A did:A");
   NotificationCenter::defaultCenter().post(kDidShowViewController);  // without a screen
@@ -141,7 +143,7 @@ TEST_F(NavigationMonitor, SaysWhatItIgnores) {
   EXPECT_EQ(happened, "A 0; ");
 }
 
-TEST_F(NavigationMonitor, PicksUpTheFirstScreenOnceThereIsATreeAndEndsWithItsSubscriptions) {
+TEST_F(NavigationMonitor, LooksUpTheFirstScreenOnceThereIsAViewTreeAndEndsWithItsSubscriptions) {
   const auto lookedUp = [this] {
     MainQueue::sync([] {});
     play("background");
@@ -155,7 +157,7 @@ TEST_F(NavigationMonitor, PicksUpTheFirstScreenOnceThereIsATreeAndEndsWithItsSub
     lookedUp();
   }
   EXPECT_EQ(happened, "Front(Door) 0; Front(Door) 0; ");
-  begin();  // the tree is there before the start
+  begin();  // now there is a tree before the start
   lookedUp();
   EXPECT_EQ(happened, "Front(Door) 0; ");
   monitor->stop();
@@ -163,7 +165,7 @@ TEST_F(NavigationMonitor, PicksUpTheFirstScreenOnceThereIsATreeAndEndsWithItsSub
   EXPECT_EQ(happened, "Front(Door) 0; ");
 }
 
-/// The tasks of a host's main loop that is busy.
+/// A host's busy main loop: it keeps its tasks, and the test runs them.
 class BusyLoop {
  public:
   BusyLoop() {
@@ -171,11 +173,11 @@ class BusyLoop {
                         [thread = std::this_thread::get_id()] { return std::this_thread::get_id() == thread; });
   }
   ~BusyLoop() { MainQueue::handOver(nullptr, nullptr); }
-  std::vector<MainQueue::Task> tasks;  // of the monitor's queue, then of the test
+  std::vector<MainQueue::Task> tasks;  // the monitor's queue adds them before the test uses them
 };
 
-TEST_F(NavigationMonitor, KeepsTheOrderWhileATitleIsWaitedForAndHoldsUpNoThread) {
-  MainQueue::sync([] {});  // what the start has asked for is over
+TEST_F(NavigationMonitor, KeepsTheOrderAndBlocksNoThreadWhileItWaitsForATitle) {
+  MainQueue::sync([] {});  // the first lookup of the start is over
   BusyLoop loop;
   play("named:A");
   const auto show = [](const char* title) { post(kDidShowViewController, std::make_shared<Controller>("B", title)); };
@@ -192,7 +194,7 @@ TEST_F(NavigationMonitor, KeepsTheOrderWhileATitleIsWaitedForAndHoldsUpNoThread)
 
   show("Dropped");
   EXPECT_FALSE(monitor->waitUntilDispatched(1ms));
-  loop.tasks.clear();  // as a loop that has ended
+  loop.tasks.clear();  // as a loop does that has ended
   play("named:C");
   EXPECT_EQ(std::exchange(happened, ""), "B(Tab) 0; B 0; ");
 

@@ -31,7 +31,7 @@ LogCapture::LogCapture() {
     const std::lock_guard lock(captured().mutex);
     captured().all.clear();
   }
-  KLVLogger::setLogLevel(0);
+  KLVLogger::setLogLevel(KLVLogger::Level::debug);
   KLVLogger::setSink([](KLVLogger::Level, std::string_view line) {
     const std::lock_guard lock(captured().mutex);
     captured().all.emplace_back(line);

@@ -12,7 +12,7 @@
 
 namespace kelvo::test {
 
-/// Has names as the library's own classes have.
+/// A class with a name such as the library's own classes have.
 struct KLVSpeaker {
   static void say() { KLV_WARN("from {} and {} {} {}", "a class", 1, true, std::optional<std::string>()); }
   [[nodiscard]] std::vector<std::pair<std::string, int>> sayFromLambda() const {
@@ -23,9 +23,11 @@ struct KLVSpeaker {
 
 namespace {
 
-TEST(Logger, TheLevelDecidesWhatIsWritten) {
+TEST(Logger, TheLevelDecidesWhichMessagesAreWritten) {
   const LogCapture log;
-  const std::pair<int, const char*> cases[] = {{-1, "DIWE"}, {0, "DIWE"}, {1, "DIWE"}, {2, "IWE"}, {3, "IE"}, {4, "I"}};
+  using Level = KLVLogger::Level;
+  const std::pair<Level, const char*> cases[] = {
+      {Level::debug, "DIWE"}, {Level::info, "IWE"}, {Level::warn, "IWE"}, {Level::error, "IE"}};
   for (const auto& [level, expected] : cases) {
     KLVLogger::setLogLevel(level);
     const auto before = log.lines().size();
@@ -36,12 +38,12 @@ TEST(Logger, TheLevelDecidesWhatIsWritten) {
     std::string written;
     const auto lines = log.lines();
     for (auto i = before; i < lines.size(); ++i) written += lines[i].at(5);  // "<KLV DEBUG> ..."
-    EXPECT_EQ(written, expected) << level;
+    EXPECT_EQ(written, expected);
   }
   int evaluations = 0;
-  KLVLogger::setLogLevel(3);
+  KLVLogger::setLogLevel(Level::error);
   KLV_DEBUG("{}", ++evaluations);
-  EXPECT_EQ(evaluations, 0) << "a filtered line leaves its arguments alone";
+  EXPECT_EQ(evaluations, 0) << "the arguments of a filtered message are not evaluated";
 }
 
 TEST(Logger, ALineNamesItsMethodAndPlace) {
@@ -60,15 +62,15 @@ TEST(Logger, ALineNamesItsMethodAndPlace) {
   }
 }
 
-TEST(Logger, ASinkMayThrowAndBeReplacedAndLog) {
-  int seen = 0;  // on the log thread only, until drained
+TEST(Logger, ASinkMayThrowLogAndBeReplaced) {
+  int seen = 0;  // used on the log thread only, until the log is drained
   KLVLogger::setSink([&](KLVLogger::Level, std::string_view) {
     if (++seen == 1) KLV_INFO("from inside the sink");
     throw std::runtime_error("the host's own trouble");
   });
   KLV_INFO("one");
   ASSERT_TRUE(KLVLogger::drain(std::chrono::seconds(10)));
-  ASSERT_TRUE(KLVLogger::drain(std::chrono::seconds(10)));  // what the sink itself logged
+  ASSERT_TRUE(KLVLogger::drain(std::chrono::seconds(10)));  // the sink has logged a line, too
   const LogCapture log;
   KLV_INFO("two");
   EXPECT_EQ(log.count("two"), 1U);
@@ -77,12 +79,12 @@ TEST(Logger, ASinkMayThrowAndBeReplacedAndLog) {
 
 TEST(Logger, AStalledReaderNeverHoldsACallerUpAndLostLinesAreCounted) {
   constexpr int kLines = 20000;
-  int pipe[2];  // in place of standard error, and read by nobody
+  int pipe[2];  // replaces standard error; nobody reads it yet
   ASSERT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
   const int standardError = ::dup(STDERR_FILENO);
   ::dup2(pipe[1], STDERR_FILENO);
   ::close(pipe[1]);
-  for (int i = 0; i < kLines; ++i) KLV_INFO("line {}.", i);  // would hang here
+  for (int i = 0; i < kLines; ++i) KLV_INFO("line {}.", i);  // must not block
   EXPECT_FALSE(KLVLogger::drain(std::chrono::milliseconds(50))) << "the limit ends the wait";
 
   int written = 0, dropped = 0, last = -1;
@@ -99,10 +101,10 @@ TEST(Logger, AStalledReaderNeverHoldsACallerUpAndLostLinesAreCounted) {
     }
   });
   EXPECT_TRUE(KLVLogger::drain(std::chrono::seconds(60)));
-  ::dup2(standardError, STDERR_FILENO);  // ends the pipe
+  ::dup2(standardError, STDERR_FILENO);  // closes the pipe's last writer
   reader.get();
   EXPECT_GT(dropped, 0);
-  EXPECT_GE(written, 4096) << "as many as may wait";
+  EXPECT_GE(written, 4096) << "at least as many as may wait";
   EXPECT_EQ(written + dropped, kLines);
 }
 

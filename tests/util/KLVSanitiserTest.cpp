@@ -11,31 +11,32 @@
 namespace kelvo::test {
 namespace {
 
-const std::string kBad = "\xEF\xBF\xBD";
+const std::string kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 
-TEST(Sanitiser, RepairsTextsByTheLongestPartThatBreaksOff) {
+TEST(Sanitiser, ReplacesEachMaximalInvalidPartOfAText) {
   const std::pair<std::string, std::string> cases[] = {
       {"plain \u00e9\u20ac\U0001F600\U0010FFFF", "plain \u00e9\u20ac\U0001F600\U0010FFFF"},
       {std::string("a\0b", 3), std::string("a\0b", 3)},
-      {"a\xFF.", "a" + kBad + "."},
-      {"\x80\x80", kBad + kBad},
-      {"\xE2\x82", kBad},  // a euro sign cut off at the end
-      {"\xE2\x82.", kBad + "."},
-      {"\xF0\x9F\x98\u00e9", kBad + "\u00e9"},
-      {"\xE0\x80\xAF", kBad + kBad + kBad},
-      {"\xED\xA0\x80", kBad + kBad + kBad},             // a surrogate
-      {"\xF4\x90\x80\x80", kBad + kBad + kBad + kBad},  // above the last character
-      {"........\xC3........\xE9", "........" + kBad + "........" + kBad}};
+      {"a\xFF.", "a" + kReplacement + "."},
+      {"\x80\x80", kReplacement + kReplacement},
+      {"\xE2\x82", kReplacement},  // the start of a euro sign, at the end of the text
+      {"\xE2\x82.", kReplacement + "."},
+      {"\xF0\x9F\x98\u00e9", kReplacement + "\u00e9"},
+      {"\xE0\x80\xAF", kReplacement + kReplacement + kReplacement},
+      {"\xED\xA0\x80", kReplacement + kReplacement + kReplacement},                     // a surrogate
+      {"\xF4\x90\x80\x80", kReplacement + kReplacement + kReplacement + kReplacement},  // above U+10FFFF
+      {"........\xC3........\xE9", "........" + kReplacement + "........" + kReplacement}};
   for (const auto& [before, after] : cases) EXPECT_EQ(sanitised(std::optional<std::string>(before)), after);
   EXPECT_EQ(sanitised(std::optional<std::string>()), std::nullopt);
   EXPECT_EQ(sanitised(std::optional<Dictionary>()), std::nullopt);
 }
 
-TEST(Sanitiser, DropsAndRepairsWithOneLineAKind) {
+TEST(Sanitiser, RepairsValuesAndWritesOneLinePerKindOfRepair) {
   const LogCapture log;
   const double infinity = std::numeric_limits<double>::infinity();
   const Dictionary clean{{"a", Array{1.5, "text", Dictionary{{"b", nullptr}}}}, {"d", Date{}}};
-  EXPECT_EQ(sanitised(std::optional<Dictionary>(clean))->begin(), clean.begin()) << "shares what needs no repair";
+  EXPECT_EQ(sanitised(std::optional<Dictionary>(clean))->begin(), clean.begin())
+      << "a clean argument shares its content";
   const auto before = log.lines().size();
   const Dictionary dirty{
       {"nan", std::nan("")},
@@ -43,7 +44,8 @@ TEST(Sanitiser, DropsAndRepairsWithOneLineAKind) {
       {"k\xFF", 1},
       {"k\xFE", 2},
       {"bytes", Data{0xFF}}};
-  const Dictionary expected{{"keep", Array{1, Dictionary{{"g", 0.5}}, kBad}}, {"k" + kBad, 2}, {"bytes", Data{0xFF}}};
+  const Dictionary expected{
+      {"keep", Array{1, Dictionary{{"g", 0.5}}, kReplacement}}, {"k" + kReplacement, 2}, {"bytes", Data{0xFF}}};
   EXPECT_EQ(description(*sanitised(std::optional<Dictionary>(dirty))), description(expected));
   const auto lines = log.lines();
   ASSERT_EQ(lines.size() - before, 2U);

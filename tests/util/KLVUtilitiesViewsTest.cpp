@@ -13,9 +13,10 @@
 namespace kelvo::test {
 namespace {
 
-/// A view of a drawn tree. A line draws one, two blanks deeper for each level: the class, behind ":" what it derives
-/// from, and any of: "=label" (what tests call it), "@x,y" (its centre in the window), "#tag", "id=native id", "noid"
-/// (an id that is no text), "key", "hidden", "faded" (alpha 0), "at=section.row" (its place in the table above).
+/// A view, described by one line of a picture. Each level is indented by two more blanks. The line names the class,
+/// then its superclasses, each after a ":", and then any of: "=label" (its name in the tests), "@x,y" (its centre in
+/// the window), "#tag", "id=native id", "noid" (an id that is not a text), "key", "hidden", "faded" (alpha 0),
+/// "at=section.row" (its place in the table above it).
 struct DrawnView final : Window {
   std::string className() const override { return name; }
   std::vector<std::string> superclassNames() const override { return superclasses; }
@@ -78,8 +79,8 @@ std::string labelOf(const std::shared_ptr<View>& view) {
   return view != nullptr ? std::dynamic_pointer_cast<DrawnView>(view)->label : "none";
 }
 
-/// The simplified tree, sorted, a node as its label or, without one, its class, and "#" with its tag unless that is 0;
-/// children in brackets.
+/// Returns the tree as text. A node is its label, or its class without one, and "#" with its tag unless the tag is 0.
+/// Children follow in brackets.
 std::string textOf(const KLVView& node) {
   const std::string label = labelOf(node.view);
   std::string text = label.empty() ? node.name : label;
@@ -99,7 +100,8 @@ struct Tree final : ViewTree {
   std::vector<std::shared_ptr<Window>> windows() override { return all; }
   std::optional<Font> font(const Dictionary& attributes, double size) const override {
     if (attributes[kFontNameAttribute] == Value("Mono-Bold")) return Font{"Mono-Bold", size};
-    if (attributes[kFontFamilyAttribute] == Value("Mono")) return Font{"Mono-Bold", size};  // has no other face
+    if (attributes[kFontFamilyAttribute] == Value("Mono"))
+      return Font{"Mono-Bold", size};  // this family has no other face
     if (attributes.contains(kFontFaceAttribute)) return Font{"System " + description(attributes), size};
     return std::nullopt;
   }
@@ -108,15 +110,15 @@ struct Tree final : ViewTree {
 
 class Views : public testing::Test {
  protected:
-  /// Makes `picture` the second window.
+  /// Shows two windows; the second one is `picture`.
   static void show(const std::string& picture) {
     const auto tree = std::make_shared<Tree>();
     tree->all = {draw("UIWindow =behind #5"), draw(picture)};
     HostInterface::setViewTree(tree);
   }
-  using Search = std::pair<const char*, const char*>;  // for an identifier; finds the view of a label
-  static void expect(const char* type, std::initializer_list<Search> searches) {
-    for (const auto& [identifier, found] : searches) {
+  using Lookup = std::pair<const char*, const char*>;  // an identifier and the label of the view that it finds
+  static void expect(const char* type, std::initializer_list<Lookup> lookups) {
+    for (const auto& [identifier, found] : lookups) {
       EXPECT_EQ(labelOf(KLVUtilities::getViewWithIdentifier(identifier, type)), found) << type << " " << identifier;
     }
   }
@@ -154,22 +156,23 @@ UIWindow key #-1
 
 TEST_F(Views, AreFoundByTagAndByPath) {
   const LogCapture log;
-  expectNothing("t", {"5"});  // there is no window
+  expectNothing("t", {"5"});  // there is no window yet
   EXPECT_EQ(KLVUtilities::getViewWithPath("UILabel:0", nullptr), nullptr);
   show(kShop);
-  expect("t", {{"5", "link"}, {"9", "secret"}});  // a tag is found wherever it is
+  expect("t", {{"5", "link"}, {"9", "secret"}});  // in hidden views, too
   expect("i", {{"7", "buy"}});
   expectNothing("t", {"99999999999999999999", "bar", "UINavigationBar:0"});
   // An empty position counts as 0.
   expect("p", {{"UINavigationBar:0", "bar"}, {"UINavigationBar:00", "bar"}, {"UINavigationBar:", "bar"}});
   expectNothing("p", {"", "5", "UINavigationBar", "UINavigationBar:1", "UINavigationBar:0:"});
   expect("p", {{"KLV:UINavigationBar:0:UILabel:0", "title"}, {"Shop.Link:1", "link"}});
-  // Lifted out of a panel and of a private view; only views of exactly an ignored class are left out.
+  // Panels and private views are skipped, but their children count. Only an ignored class itself is left out, not its
+  // subclasses.
   expect("p", {{"UIButton:2", "buy"}, {"UIButton:2:UILabel:0", "price"}});
   expect("p", {{"UILabel:3", "private"}, {"UILabel:4", "shining"}});
-  // Begins at any depth: the first one in reading order.
+  // A path begins at any depth: the first match in reading order counts.
   expect("p", {{"UILabel:0", "title"}, {"UITableView:5:UILabel:0", "text"}});
-  // A cell goes by its tag.
+  // The position of a cell is its tag.
   expect("p", {{"UITableView:5:UITableViewCell:20", "last"}, {"UITableView:5:Shop.TableCell:3:UISwitch:1", "switch"}});
   expectNothing("p", {"UITableViewCell:0"});
   expect("x", {{"5", "link"}, {"UIButton:2", "buy"}});
@@ -195,16 +198,16 @@ Root key
   KLVUtilities::setIsReactNative(true);
   expect("t", {{"[klv_buy_klv]", "first"}, {"[klv_buy_klv]:and:more", "first"}, {"[klv_secret_klv]", "hidden"}});
   expect("i", {{"end", "last"}, {"7", "none"}});
-  // In reading order.
+  // The first match in reading order counts.
   expect("p", {{"[klv_buy_klv]", "second"}, {"[klv_list_klv]:[klv_buy_klv]", "second"}, {"Box:1", "odd"}});
   expect("p", {{"[klv_secret_klv]", "none"}, {"KLV:[klv_end_klv]:Text:0", "bare"}});
-  // The id alone is looked at first.
+  // The native id is looked up first, then the path.
   expect("x", {{"[klv_list_klv]:Text:1", "box"}, {"Box:2:Text:0", "bare"}});
   EXPECT_EQ(KLVUtilities::getViewWithTAG(std::nullopt, nullptr), nullptr);
   EXPECT_EQ(log.count("<KLV ERROR> Improper Identifier: (null)"), 1U);
 }
 
-/// Cells within cells, of a table and of a collection; one that its table does not know, and one that is in none.
+/// Cells within cells, in a table and in a collection. One cell is unknown to its table, one is in no container.
 constexpr const char* kCells = R"(
 UIView
   UITableView
@@ -218,12 +221,13 @@ UIView
   UICollectionViewCell =alone #77 at=6.6
 )";
 
-TEST_F(Views, StandInReadingOrderAndCellsInThatOfTheirTagsMadeOfSectionAndRow) {
+TEST_F(Views, AreSortedInReadingOrderAndCellsByTheirTags) {
   const std::pair<const char*, const char*> cases[] = {
       {"UIView\n  UILabel =right @50,10\n  UILabel =left @10,15", "UIView(left right)"},
       {"UIView\n  UILabel =below @10,16\n  UILabel =above @50,10", "UIView(above below)"},
       {"UIView\n  UILabel =one @5,5\n  UILabel =two @5,5", "UIView(one two)"},
-      {"UIView\n  UILabel =c @1,9\n  UILabel =b @2,5\n  UILabel =a @3,0", "UIView(c b a)"},  // no order is right here
+      {"UIView\n  UILabel =c @1,9\n  UILabel =b @2,5\n  UILabel =a @3,0",
+       "UIView(c b a)"},  // no order satisfies all three pairs
       {"UITableView\n  UITableViewCell =b @0,1 at=1.0\n  UITableViewCell =a @0,9 at=0.3", "UITableView(b a)"},
       {"UIView\n  UITableView\n    UITableViewCell =cell @9,9 at=0.0\n    UILabel =label @1,9",
        "UIView(UITableView(label cell))"},
@@ -244,7 +248,7 @@ struct Controller final : ViewController {
   std::shared_ptr<ViewController> dialog, tab, page;
 };
 
-TEST_F(Views, HaveAControllerOnTop) {
+TEST_F(Views, HaveATopControllerBehindTabsNavigationsAndChildren) {
   using Kind = ViewController::Kind;
   const auto make = [](Kind kind = Kind::plain) { return std::make_shared<Controller>(kind); };
   const auto leaf = make(), parent = make(), navigation = make(Kind::navigation), tabs = make(Kind::tabBar);
@@ -252,7 +256,7 @@ TEST_F(Views, HaveAControllerOnTop) {
   parent->below = {make(), leaf};
   navigation->page = parent;
   tabs->tab = navigation;
-  tabs->dialog = make();  // what is selected comes first
+  tabs->dialog = make();  // the selected tab takes precedence
   presenting->dialog = tabs;
   presenting->below = {make()};
   EXPECT_EQ(KLVUtilities::topViewController(presenting), leaf);
@@ -260,9 +264,9 @@ TEST_F(Views, HaveAControllerOnTop) {
   EXPECT_EQ(KLVUtilities::topViewController(tabs), nullptr);
 }
 
-TEST_F(Views, HaveFontsAndColours) {
+TEST_F(Views, FontsAndColoursMatchTheirDescriptions) {
   const auto font = [](const Font& given) { return given.name + " " + description(given.size); };
-  EXPECT_EQ(font(KLVUtilities::fontWithName("Any", 12)), " 12") << "no tree, the system's font";
+  EXPECT_EQ(font(KLVUtilities::fontWithName("Any", 12)), " 12") << "the system's font, because there is no view tree";
   show("UIWindow key");
   using Text = std::optional<std::string>;
   std::string fonts;
