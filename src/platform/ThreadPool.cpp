@@ -9,7 +9,8 @@
 namespace kelvo {
 namespace {
 
-/// The pool makes no thread by itself, so that names and signal masks are the library's own.
+/// Creates the pool without threads of its own and attaches threads of the library, which set their name and signal
+/// mask.
 struct Pool {
   boost::asio::thread_pool pool{0};
 

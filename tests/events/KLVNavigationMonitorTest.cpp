@@ -9,6 +9,7 @@
 #include "platform/Clock.h"
 #include "platform/MainQueue.h"
 #include "support/LogCapture.h"
+#include "support/MainLoop.h"
 #include "util/KLVTimer.h"
 
 namespace kelvo::test {
@@ -143,7 +144,7 @@ TEST_F(NavigationMonitor, SaysWhatItIgnores) {
 
 TEST_F(NavigationMonitor, PicksUpTheFirstScreenOnceThereIsATreeAndEndsWithItsSubscriptions) {
   const auto lookedUp = [this] {
-    MainQueue::sync([] {});
+    waitForMainLoop();
     play("background");
   };
   EXPECT_EQ(keys, "0___BACKGROUND 0___FOREGROUND ");
@@ -175,7 +176,7 @@ class BusyLoop {
 };
 
 TEST_F(NavigationMonitor, KeepsTheOrderWhileATitleIsWaitedForAndHoldsUpNoThread) {
-  MainQueue::sync([] {});  // what the start has asked for is over
+  waitForMainLoop();  // what the start has asked for is over
   BusyLoop loop;
   play("named:A");
   const auto show = [](const char* title) { post(kDidShowViewController, std::make_shared<Controller>("B", title)); };
