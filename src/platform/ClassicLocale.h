@@ -11,7 +11,7 @@ inline locale_t classicLocale() {
   return classic;
 }
 
-/// Sets the calling thread's locale to the "C" locale while it lives. Other threads keep theirs.
+/// While an object of this class lives, its thread uses the "C" locale. Other threads keep their locale.
 class InClassicLocale {
  public:
   InClassicLocale() : before_(::uselocale(classicLocale())) {}

@@ -159,7 +159,7 @@ void DispatchQueue::async(Task task) {
 }
 
 void DispatchQueue::runSync(const std::function<void()>& task) {
-  const auto state = state_;  // keeps the state alive if the task destroys the handle
+  const auto state = state_;  // the task may destroy the handle
   const bool atOnce = state->kind == Kind::concurrent || isCurrent() || inForkedChild();
   if (!atOnce) state->acquire();
   struct Release {

@@ -15,7 +15,8 @@ inline constexpr std::string_view kDidShowViewController = "UINavigationControll
 /// Posted after the host has set or removed its view tree.
 inline constexpr std::string_view kViewTreeDidChange = "KLVViewTreeDidChangeNotification";
 
-/// A screen that the host reports. It has a title, or a view controller whose title must be read on the main queue.
+/// A screen that the host reports, by its name or by its view controller. The title of a view controller must be read
+/// on the main queue.
 struct Screen {
   /// Reads the class name and the kind of the view controller on the calling thread.
   explicit Screen(std::shared_ptr<ViewController> its);

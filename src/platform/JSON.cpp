@@ -4,7 +4,7 @@
 
 #include <array>
 #include <boost/json/basic_parser_impl.hpp>
-#include <boost/json/src.hpp>  // the library's only one: Boost.JSON is compiled here
+#include <boost/json/src.hpp>  // compiles Boost.JSON: no other source may include it
 #include <charconv>
 #include <cmath>
 #include <limits>

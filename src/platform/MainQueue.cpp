@@ -106,7 +106,7 @@ class Loop {
   }
 
   Mutex mutex_;
-  std::condition_variable wake_;  // notified when the own thread has a task to run, or must end
+  std::condition_variable wake_;  // notifies the library's own thread of a task or of a new host
   std::deque<MainQueue::Task> waiting_ GUARDED_BY(mutex_);
   std::shared_ptr<const Host> host_ GUARDED_BY(mutex_);
   bool forwarding_ GUARDED_BY(mutex_) = false;  // a thread is inside `deliver`

@@ -19,8 +19,7 @@ std::atomic<bool> forked{false};
 
 constexpr std::size_t kLongestName = 15;  // the kernel refuses longer ones
 
-/// While it lives, the calling thread has the signal mask that a new thread must inherit. The destructor restores the
-/// caller's mask.
+/// Gives the calling thread the signal mask that a new thread must inherit. The destructor restores the former mask.
 class InheritedSignalMask {
  public:
   InheritedSignalMask() {

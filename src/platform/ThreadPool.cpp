@@ -9,8 +9,7 @@
 namespace kelvo {
 namespace {
 
-/// Creates the pool without threads of its own and attaches threads of the library, which set their name and signal
-/// mask.
+/// Attaches two threads of the library to a pool without threads, because names and signal masks must be the library's.
 struct Pool {
   boost::asio::thread_pool pool{0};
 

@@ -15,7 +15,7 @@
 namespace kelvo {
 namespace {
 
-constexpr auto kLongestDelay = std::chrono::hours(24 * 365 * 100);  // keeps deadlines far from overflow
+constexpr std::chrono::hours kLongestDelay{24 * 365 * 100};  // 100 years; keeps deadlines far from overflow
 
 class Alarms {
  public:

@@ -13,8 +13,8 @@ namespace kelvo {
 /// A small persistent key-value store in a property list file.
 ///
 /// Thread-safe. The first operation reads the file; after that, only `synchronize` waits for the disk. A queue writes
-/// each change to the file soon afterwards. If the file is not a property list, the store renames it to
-/// `<path>.corrupt`, reports a problem and starts empty.
+/// each change to the file soon afterwards. If the file cannot be read as a property list, the store
+/// renames it to `<path>.corrupt`, reports a problem and starts empty.
 class UserDefaults {
  public:
   /// The store of this process: `Library/Preferences/<bundle identifier or executable name>.plist`.

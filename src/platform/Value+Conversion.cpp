@@ -42,7 +42,7 @@ double leadingDouble(std::string_view text) {
   text = numberIn(text);
   const std::size_t digit = !text.empty() && text.front() == '-' ? 1 : 0;
   if (text.size() <= digit || (text[digit] != '.' && (text[digit] < '0' || text[digit] > '9')))
-    return 0;  // "inf" would be accepted
+    return 0;  // from_chars accepts "inf", we do not
   double result = 0;
   if (std::from_chars(text.data(), text.data() + text.size(), result).ec != std::errc::result_out_of_range) {
     return result;

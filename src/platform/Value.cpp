@@ -12,8 +12,8 @@
 namespace kelvo {
 namespace {
 
-/// The base of the contents of arrays and dictionaries, which handles share: the number of handles, and the link of the
-/// list of contents to delete.
+/// The content of an array or a dictionary, which its copies share. Counts the copies. `nextDead` links the contents
+/// that wait to be deleted.
 struct Shared {
   Shared() = default;
   Shared(const Shared&) noexcept {}
@@ -30,8 +30,8 @@ Rep* retained(Rep* rep) noexcept {
   return rep;
 }
 
-/// Deletes a content that has no handle any more. Nested contents that lose their last handle meanwhile are appended to
-/// a list and deleted in the outer call, so nesting of any depth needs a stack of constant depth.
+/// Deletes `shared`, which nothing refers to any more. A nested call only adds its content to a list, and the outermost
+/// call deletes the list. So the depth of the stack does not grow with the depth of the nesting.
 void bury(Shared* shared) noexcept {
   thread_local Shared* dead = nullptr;
   thread_local bool burying = false;
@@ -49,7 +49,7 @@ void release(Shared* shared) noexcept {
   if (shared != nullptr && shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1) bury(shared);
 }
 
-/// Returns the content for writing. Creates it if there is none, and copies it if another handle shares it.
+/// Returns the content for writing. Creates it if there is none, and copies it if it is shared.
 template <class Rep>
 Rep& owned(Rep*& rep) {
   if (rep == nullptr) {
