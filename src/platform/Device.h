@@ -4,7 +4,7 @@
 
 namespace kelvo {
 
-/// The alignment makes `std::atomic<ScreenSize>` lock-free with every compiler.
+/// The size of a screen. The alignment makes `std::atomic<ScreenSize>` lock-free with every compiler.
 struct alignas(8) ScreenSize {
   float width = 0;   ///< points
   float height = 0;  ///< points

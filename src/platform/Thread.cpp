@@ -55,8 +55,8 @@ bool startThread(const char* name, std::function<void()> body) {
   try {
     const InheritedSignalMask mask;
     std::thread thread([ownName = shortName, ownBody = std::move(body)] { runThread(ownName, ownBody); });
-    pthread_setname_np(thread.native_handle(),
-                       shortName.c_str());  // also here, so that the name is set before this function returns
+    // The thread sets its name, too. Set here, the name is visible as soon as this function returns.
+    pthread_setname_np(thread.native_handle(), shortName.c_str());
     thread.detach();
     return true;
   } catch (const std::system_error& error) {

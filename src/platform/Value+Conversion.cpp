@@ -41,15 +41,15 @@ Integer leadingInteger(std::string_view text) noexcept {
 double leadingDouble(std::string_view text) {
   text = numberIn(text);
   const std::size_t digit = !text.empty() && text.front() == '-' ? 1 : 0;
-  if (text.size() <= digit || (text[digit] != '.' && (text[digit] < '0' || text[digit] > '9')))
-    return 0;  // from_chars accepts "inf", we do not
+  // from_chars would accept "inf" and "nan".
+  if (text.size() <= digit || (text[digit] != '.' && (text[digit] < '0' || text[digit] > '9'))) return 0;
   double result = 0;
   if (std::from_chars(text.data(), text.data() + text.size(), result).ec != std::errc::result_out_of_range) {
     return result;
   }
   constexpr double kLargest = std::numeric_limits<double>::max();
-  const double rough =
-      ::strtod_l(std::string(text).c_str(), nullptr, classicLocale());  // tells too large from too small
+  // The number is too large or too small: strtod_l returns infinity or a value near 0.
+  const double rough = ::strtod_l(std::string(text).c_str(), nullptr, classicLocale());
   return std::isinf(rough) ? std::copysign(kLargest, rough) : rough;
 }
 
