@@ -1,14 +1,12 @@
 #include "platform/Bundle.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <filesystem>
 
 #include "platform/Files.h"
 #include "platform/Immortal.h"
@@ -18,9 +16,9 @@
 namespace kelvo {
 namespace {
 
-constexpr std::size_t kLongestStorageName = 200;  // leaves room for an ending in a file name
+constexpr std::size_t kLongestStorageName = 200;  // leaves room for an extension in a file name
 
-/// The full path of the running program, even when its file was replaced meanwhile.
+/// Returns the full path of the running program, even if its file has been replaced since the start.
 std::string executablePath() {
   std::array<char, PATH_MAX> buffer;
   const ssize_t size = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
@@ -32,16 +30,9 @@ std::string executablePath() {
   return path;
 }
 
-bool isDirectory(const std::string& path) {
-  struct stat facts {};
-  return ::stat(path.c_str(), &facts) == 0 && S_ISDIR(facts.st_mode);
-}
-
 std::string mainDirectory(const std::string& executable) {
   if (const char* given = ::secure_getenv("KELVO_BUNDLE"); given != nullptr && *given != '\0') {
-    std::error_code failure;
-    const auto absolute = std::filesystem::absolute(given, failure);  // the host may change its directory later
-    return failure ? std::string(given) : absolute.string();
+    return absolutePath(given);
   }
   std::string beside = executable + ".bundle";
   return isDirectory(beside) ? beside : executable.substr(0, executable.rfind('/') + 1);
@@ -55,10 +46,7 @@ bool isUsableFileName(const std::string& name) {
 Dictionary readInfo(const std::optional<std::string>& path) {
   if (!path) return {};
   std::string error;
-  const auto text = readFile(*path, &error);
-  const auto content = text ? parsePropertyList(*text, &error) : std::nullopt;
-  if (content && content->get<Dictionary>() != nullptr) return *content->get<Dictionary>();
-  if (content) error = "its root is no dictionary";
+  if (auto info = readPropertyList(*path, &error)) return *std::move(info);
   reportProblem(__PRETTY_FUNCTION__, fmt::format("{} cannot be used: {}", *path, error));
   return {};
 }

@@ -4,13 +4,14 @@
 
 namespace kelvo {
 
-/// Numbers with a point, whatever locale the host has set. Never freed.
+/// Returns the "C" locale, in which the decimal separator is a point. It is independent of the host's locale and is
+/// never freed, because threads may still use it while the process exits.
 inline locale_t classicLocale() {
   static const locale_t classic = ::newlocale(LC_ALL_MASK, "C", nullptr);
   return classic;
 }
 
-/// Puts the calling thread, and no other, into the classic locale while it lives.
+/// While an object of this class lives, its thread uses the "C" locale. Other threads keep their locale.
 class InClassicLocale {
  public:
   InClassicLocale() : before_(::uselocale(classicLocale())) {}

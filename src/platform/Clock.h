@@ -7,18 +7,18 @@
 
 namespace kelvo {
 
-/// The time that all of the library sees. A test moves it forward; timers that fall due by that fire at once.
+/// The library's only source of time. Thread-safe.
 class Clock {
  public:
   using Duration = std::chrono::nanoseconds;
   using Instant = std::chrono::steady_clock::time_point;
 
-  /// The wall clock.
+  /// Returns the wall-clock time.
   static Date now();
-  /// Never goes backwards; what timers count by.
+  /// Returns the time of a clock that never goes backwards. Timers use it.
   static Instant monotonic();
 
-  /// For tests: adds `step` to both times.
+  /// For tests: moves both times forward by `step`. Timers that become due fire at once.
   static void advance(Duration step);
 
  private:

@@ -4,19 +4,20 @@
 
 namespace kelvo {
 
-/// Facts about the machine and its screen.
-struct alignas(8) ScreenSize {  // so that every compiler reads and writes it at once, without a lock
-  float width = 0;              ///< points
-  float height = 0;             ///< points
+/// The size of a screen. The alignment makes `std::atomic<ScreenSize>` lock-free with every compiler.
+struct alignas(8) ScreenSize {
+  float width = 0;   ///< points
+  float height = 0;  ///< points
 };
 
+/// Facts about the machine and its screen. Thread-safe.
 class Device {
  public:
-  /// The `machine` field of uname: "x86_64".
+  /// Returns the `machine` field of uname, for example "x86_64". Empty on failure.
   static std::string machine();
-  /// `VERSION_ID` of os-release, or the empty text.
+  /// Returns `VERSION_ID` of os-release, or an empty text if there is none. Reads the file at each call.
   static std::string systemVersion();
-  /// What the host or an adapter reported last; 0 x 0 before.
+  /// Returns the size that the host or an adapter reported last, 0 x 0 before the first report.
   static ScreenSize screenSize();
   static void setScreenSize(ScreenSize size);
 };

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <vector>
 
@@ -17,17 +16,19 @@
 namespace kelvo {
 namespace {
 
-/// Below it nothing can be made, by no user.
+/// No user can create a file or a directory below this path.
 constexpr const char* kNowhere = "/proc/kelvo-no-home";
 
-/// A variable of the environment; an empty one counts as unset.
+constexpr std::size_t kPasswordEntrySize = 16384;  // bytes; enough for the texts of any real entry
+
+/// Returns an environment variable, nullopt if it is unset or empty.
 std::optional<std::string> environment(const char* name) {
   const char* value = ::secure_getenv(name);
   if (value == nullptr || *value == '\0') return std::nullopt;
   return value;
 }
 
-/// The same for one that names a place for all programs; a relative one would mean another place for each.
+/// As `environment`, but returns nullopt for a relative path, which would name a different directory for each program.
 std::optional<std::string> absoluteEnvironment(const char* name) {
   auto path = environment(name);
   if (path && path->front() != '/') path.reset();
@@ -35,7 +36,7 @@ std::optional<std::string> absoluteEnvironment(const char* name) {
 }
 
 std::optional<std::string> homeOfPasswordEntry() {
-  std::vector<char> buffer(16384);
+  std::vector<char> buffer(kPasswordEntrySize);
   passwd entry{};
   passwd* found = nullptr;
   const int failure = ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found);
@@ -89,11 +90,7 @@ const std::string& Directories::documents() {
 }
 
 std::optional<std::string> Directories::homeFor(const Bundle& bundle) {
-  if (const auto given = environment("KELVO_HOME")) {
-    std::error_code failure;
-    const auto absolute = std::filesystem::absolute(*given, failure);  // the host may change its directory later
-    return failure ? *given : absolute.string();
-  }
+  if (const auto given = environment("KELVO_HOME")) return absolutePath(*given);
   const auto data = sharedDataDirectory();
   return data ? std::optional(joinPath(*data, bundle.storageName())) : std::nullopt;
 }

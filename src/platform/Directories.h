@@ -8,21 +8,21 @@ namespace kelvo {
 
 class Bundle;
 
-/// Where this process keeps its files; both directories are private to the user and made on first use.
+/// The two directories of the home of this process. The first use creates them with mode 0700. Thread-safe.
 ///
-/// `$KELVO_HOME/Library` and `$KELVO_HOME/Documents`, else below
-/// `${XDG_DATA_HOME:-$HOME/.local/share}/<bundle identifier or executable name>`; the password entry's home when
-/// there is no `HOME`. Without any home the paths lead nowhere and every write fails as on a full disk.
+/// The home is `$KELVO_HOME`, else `${XDG_DATA_HOME:-$HOME/.local/share}/<bundle identifier or executable name>`.
+/// Without `HOME`, the password entry's home directory replaces it. If there is no home at all, the paths name
+/// directories that cannot exist: every write fails as on a full disk.
 class Directories {
  public:
-  /// No trailing slash.
+  /// The paths are absolute and have no trailing slash.
   static const std::string& library();
   static const std::string& documents();
 
-  /// The full path of a file that is named relative to the Library directory.
+  /// Returns the full path of a file in the Library directory.
   static std::string inLibrary(std::string_view relativePath);
 
-  /// The directory that a program with `bundle` keeps both in; nothing is made. nullopt without any home.
+  /// Returns the home of a program with this bundle, nullopt if it has none. Creates nothing.
   static std::optional<std::string> homeFor(const Bundle& bundle);
 };
 

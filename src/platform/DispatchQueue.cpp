@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
@@ -14,10 +13,10 @@
 namespace kelvo {
 namespace {
 
-/// A pool thread turns to other queues after this many tasks of one.
+/// After this many tasks of one queue, a pool thread runs tasks of other queues.
 constexpr int kTasksAtATime = 64;
 
-/// Stands on the stack of a thread while it is inside a task; innermost first.
+/// An entry on a thread's stack of running tasks. It lives while the thread is inside a task of `queue`.
 struct Frame {
   explicit Frame(const void* itsQueue) noexcept : queue(itsQueue), outer(innermost) { innermost = this; }
   Frame(const Frame&) = delete;
@@ -30,13 +29,13 @@ struct Frame {
 };
 thread_local Frame* Frame::innermost = nullptr;
 
-/// A thread that waits in `sync`; lives on that thread's stack, all under the queue's mutex.
+/// Represents a thread that waits in `sync`, and lives on that thread's stack. The queue's mutex guards all fields.
 struct Ticket {
   std::condition_variable changed;
   bool granted = false;
 };
 
-/// A task, or a ticket that stands for the task its thread will run itself.
+/// A queued task, or the ticket of a thread that will run its task itself.
 struct Item {
   DispatchQueue::Task task;
   Ticket* ticket = nullptr;
@@ -44,44 +43,46 @@ struct Item {
 
 }  // namespace
 
-/// Of a serial queue, one thread at a time is the owner and runs what stands in front. Two things always hold
-/// under the mutex: when a ticket waits there is an owner, and when a task waits there is an owner or a drain
-/// is scheduled on the pool. So nobody waits for a thread that never comes.
+/// At most one thread owns a serial queue at a time; the owner runs its tasks in order.
+///
+/// Under the mutex, two things always hold: while a ticket waits, the queue has an owner; while a task waits, the queue
+/// has an owner or a drain is scheduled on the pool. So neither waits for a thread that never comes.
 struct DispatchQueue::State : std::enable_shared_from_this<State> {
   State(std::string itsLabel, Kind itsKind) : label(std::move(itsLabel)), kind(itsKind) {}
 
-  void enqueue(Task task) {
+  void enqueue(Task task) EXCLUDES(mutex) {
     if (inForkedChild()) return;
     if (kind == Kind::concurrent) {
       return postToPool([self = shared_from_this(), ownTask = std::move(task)] { self->runReporting(ownTask); });
     }
     bool isFirst = false;
     {
-      const std::lock_guard lock(mutex);
+      const Lock lock(mutex);
       items.push_back({std::move(task)});
       isFirst = !owned && !std::exchange(scheduled, true);
     }
-    if (isFirst) postDrain();  // the thread that it wakes finds the mutex free
+    if (isFirst) postDrain();  // after the unlock, so that the woken thread finds the mutex free
   }
 
-  /// Drains on the calling thread up to the caller's place in the queue, and makes it the owner.
-  void acquire() {
-    std::unique_lock lock(mutex);
+  /// Makes the calling thread the owner, after all tasks submitted earlier have run. Blocks until then. The calling
+  /// thread runs these tasks itself unless another thread does.
+  void acquire() EXCLUDES(mutex) {
+    Lock lock(mutex);
     Ticket mine;
     items.push_back({nullptr, &mine});
     ++tickets;
     if (owned) {
-      mine.changed.wait(lock, [&] { return mine.granted; });
+      while (!mine.granted) lock.wait(mine.changed);
     }
     owned = true;
-    while (items.front().ticket != &mine) runFront(lock);
+    while (items.front().ticket != &mine) runFront();
     items.pop_front();
     --tickets;
   }
 
-  void release() {
-    const std::lock_guard lock(mutex);
-    letGo();
+  void release() EXCLUDES(mutex) {
+    const Lock lock(mutex);
+    passOn();
   }
 
   void runReporting(const Task& task) const noexcept {
@@ -99,41 +100,42 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
   const Kind kind;
 
  private:
-  void drainOnPool() {
-    std::unique_lock lock(mutex);
+  void drainOnPool() EXCLUDES(mutex) {
+    const Lock lock(mutex);
     scheduled = false;
-    if (owned) return;  // a thread in `sync` was faster, and cares for the rest
+    if (owned) return;  // a thread in `sync` was faster; it passes the remaining tasks on
     owned = true;
     for (int left = kTasksAtATime; left > 0 && !items.empty() && items.front().ticket == nullptr; --left) {
-      runFront(lock);
+      runFront();
     }
-    letGo();
+    passOn();
   }
 
-  void runFront(std::unique_lock<std::mutex>& lock) {
+  /// Runs the first task. Releases the mutex while the task runs.
+  void runFront() REQUIRES(mutex) {
     Task task = std::move(items.front().task);
     items.pop_front();
-    lock.unlock();
+    mutex.unlock();
     runReporting(task);
-    task = nullptr;  // what it held is let go outside the lock
-    lock.lock();
+    task = nullptr;  // destroys the task's captures while the mutex is free
+    mutex.lock();
   }
 
-  /// Hands the ownership to the first thread that waits in `sync`, which needs no pool thread for the tasks before
-  /// its own; else gives it up.
-  void letGo() {
+  /// Passes the ownership to the first thread that waits in `sync`; that thread runs the tasks before its own without a
+  /// pool thread. If no thread waits, gives the ownership up and schedules a drain for the remaining tasks.
+  void passOn() REQUIRES(mutex) {
     if (tickets > 0) {
       const auto next =
           std::find_if(items.begin(), items.end(), [](const Item& item) { return item.ticket != nullptr; });
       next->ticket->granted = true;
-      next->ticket->changed.notify_one();  // under the mutex: the ticket dies as soon as its thread wakes
+      next->ticket->changed.notify_one();  // with the mutex held: the ticket dies as soon as its thread wakes
       return;
     }
     owned = false;
     if (!items.empty()) schedule();
   }
 
-  void schedule() {
+  void schedule() REQUIRES(mutex) {
     if (!std::exchange(scheduled, true)) postDrain();
   }
 
@@ -141,20 +143,16 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
     postToPool([self = shared_from_this()] { self->drainOnPool(); });
   }
 
-  std::mutex mutex;
-  std::deque<Item> items;
-  std::size_t tickets = 0;  // among them
-  bool owned = false;
-  bool scheduled = false;  // a drain is being posted or was, and has not begun
+  Mutex mutex;
+  std::deque<Item> items GUARDED_BY(mutex);
+  std::size_t tickets GUARDED_BY(mutex) = 0;  // the number of tickets in `items`
+  bool owned GUARDED_BY(mutex) = false;
+  bool scheduled GUARDED_BY(mutex) = false;  // a drain is being posted or is posted, but has not begun
 };
 
 DispatchQueue::DispatchQueue(std::string label, Kind kind) : state_(std::make_shared<State>(std::move(label), kind)) {}
 
 DispatchQueue::~DispatchQueue() = default;
-
-const std::string& DispatchQueue::label() const noexcept {
-  return state_->label;
-}
 
 void DispatchQueue::async(Task task) {
   state_->enqueue(std::move(task));

@@ -15,12 +15,13 @@ namespace kelvo {
 
 /// A queue of tasks on the library's one small thread pool.
 ///
-/// A serial queue runs its tasks one at a time in the order of submission, `sync` included. A concurrent queue
-/// runs each task as soon as a pool thread is free, and `sync` at once. The handle may die while tasks wait:
-/// they still run. An exception that leaves an asynchronous task ends that task only and is reported as a
-/// problem; one that leaves a synchronous task reaches the caller of `sync`.
+/// A serial queue runs its tasks one at a time in the order of submission, `sync` included. A concurrent queue runs
+/// each task as soon as a pool thread is free, and `sync` at once. Destroying the handle does not cancel tasks: waiting
+/// tasks still run. An exception from an asynchronous task ends only that task and is reported as a problem. An
+/// exception from a synchronous task reaches the caller of `sync`.
 ///
-/// In a forked child, tasks handed over are dropped and `sync` runs its task at once.
+/// All functions are thread-safe. In a forked child, `async` and `after` drop their tasks, and `sync` runs its task at
+/// once.
 ///
 /// The queue is a capability: a field that is `GUARDED_BY(queue_)` is used only by tasks of the queue. A task or a
 /// function that uses such a field calls `queue_.assertCurrent()` first.
@@ -29,18 +30,18 @@ class CAPABILITY("queue") DispatchQueue {
   enum class Kind { serial, concurrent };
   using Task = std::function<void()>;
 
+  /// `label` appears in problem reports.
   explicit DispatchQueue(std::string label, Kind kind = Kind::serial);
   DispatchQueue(const DispatchQueue&) = delete;
   DispatchQueue& operator=(const DispatchQueue&) = delete;
   ~DispatchQueue();
 
-  [[nodiscard]] const std::string& label() const noexcept;
-
+  /// Submits `task` and returns at once.
   void async(Task task);
 
-  /// Runs `task` on the calling thread after all that was submitted before, and returns its result. Needs no
-  /// pool thread: when nobody drains the queue, the caller does, earlier tasks first.
-  /// From inside a task of this serial queue, where waiting could never end, it runs at once.
+  /// Runs `task` on the calling thread, after all tasks submitted earlier, and returns its result. Blocks until then.
+  /// Needs no pool thread: if no thread drains the queue, the caller runs the earlier tasks first.
+  /// Inside a task of this serial queue, `task` runs at once, because waiting would never end.
   template <class F>
   auto sync(F&& task) -> std::invoke_result_t<F&> {
     using Result = std::invoke_result_t<F&>;
@@ -53,16 +54,16 @@ class CAPABILITY("queue") DispatchQueue {
     }
   }
 
-  /// Submits `task` once `delay` has passed.
+  /// Submits `task` after `delay`, and returns at once.
   void after(std::chrono::nanoseconds delay, Task task);
 
-  /// Whether the calling thread is inside a task of this queue.
+  /// Returns whether the calling thread is inside a task of this queue.
   [[nodiscard]] bool isCurrent() const noexcept;
 
   /// Aborts in a debug build if the calling thread is not inside a task of this queue. A release build does nothing.
   void assertCurrent() const noexcept ASSERT_CAPABILITY(this) { assert(isCurrent()); }
 
-  /// The concurrent queue of default priority that nobody owns.
+  /// Returns a concurrent queue for tasks that belong to no other queue.
   static DispatchQueue& global();
 
  private:

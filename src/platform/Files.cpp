@@ -16,9 +16,11 @@
 namespace kelvo {
 namespace {
 
-constexpr std::size_t kLargestFile = std::size_t{64} << 20;
+constexpr std::size_t kLargestFile = std::size_t{64} << 20;  // bytes
+constexpr std::size_t kReadSize = 16384;                     // bytes
+constexpr mode_t kPrivateDirectory = 0700;
 
-/// An open file that is closed when the handle dies.
+/// Owns a file descriptor.
 class Descriptor {
  public:
   explicit Descriptor(int number) noexcept : number_(number) {}
@@ -36,7 +38,7 @@ class Descriptor {
   int number_;
 };
 
-/// A file that is removed when the handle dies, unless it was kept.
+/// A new file that the destructor removes, unless `keepAs` has renamed it.
 class TemporaryFile {
  public:
   explicit TemporaryFile(const std::string& directory)
@@ -85,21 +87,10 @@ bool failed(FileError* error, int number) {
   return false;
 }
 
-std::string directoryOf(const std::string& path) {
-  const auto slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-bool isDirectory(const std::string& path) {
-  struct stat facts {};
-  return ::stat(path.c_str(), &facts) == 0 && S_ISDIR(facts.st_mode);
-}
-
 }  // namespace
 
 std::optional<std::string> readFile(const std::string& path, FileError* error) {
-  // Without O_NONBLOCK, opening a pipe that nobody writes to would wait for ever.
+  // Without O_NONBLOCK, opening a pipe that has no writer would block forever.
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat facts {};
   if (file.get() < 0 || ::fstat(file.get(), &facts) != 0) return unreadable(error, reason(errno));
@@ -108,8 +99,8 @@ std::optional<std::string> readFile(const std::string& path, FileError* error) {
 
   std::string content;
   content.reserve(static_cast<std::size_t>(facts.st_size));
-  std::array<char, 16384> buffer;
-  while (content.size() <= kLargestFile) {  // it may grow while it is read
+  std::array<char, kReadSize> buffer;
+  while (content.size() <= kLargestFile) {  // the file may grow while we read it
     const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
     if (count == 0) return content;
     if (count > 0) {
@@ -121,8 +112,8 @@ std::optional<std::string> readFile(const std::string& path, FileError* error) {
   return unreadable(error, reason(EFBIG));
 }
 
-// No flush to the disk: what is written here survives the death of the process, which is what matters, and is
-// small enough to be made anew after a power cut.
+// Does not flush to the disk. The file survives the death of the process, which is enough: after a power cut, its
+// content can be created again.
 bool writeFileAtomically(const std::string& path, std::string_view content, FileError* error) {
   TemporaryFile temporary(directoryOf(path));
   if (!temporary.made() || !temporary.fill(content) || !temporary.keepAs(path)) return failed(error, errno);
@@ -134,8 +125,13 @@ bool fileExists(const std::string& path) {
   return ::stat(path.c_str(), &facts) == 0;
 }
 
+bool isDirectory(const std::string& path) {
+  struct stat facts {};
+  return ::stat(path.c_str(), &facts) == 0 && S_ISDIR(facts.st_mode);
+}
+
 bool makeDirectory(const std::string& path, bool intermediates, FileError* error) {
-  if (::mkdir(path.c_str(), 0700) == 0) return true;
+  if (::mkdir(path.c_str(), kPrivateDirectory) == 0) return true;
   if (errno == EEXIST) return isDirectory(path) || failed(error, EEXIST);
   if (errno != ENOENT || !intermediates) return failed(error, errno);
   const std::string parent = directoryOf(path);
@@ -155,6 +151,18 @@ std::string joinPath(std::string_view directory, std::string_view name) {
   while (!name.empty() && name.front() == '/') name.remove_prefix(1);
   if (!path.empty() && path.back() != '/') path += '/';
   return path.append(name);
+}
+
+std::string directoryOf(const std::string& path) {
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string absolutePath(const std::string& path) {
+  std::error_code failure;
+  const auto absolute = std::filesystem::absolute(path, failure);
+  return failure ? path : absolute.string();
 }
 
 }  // namespace kelvo

@@ -12,8 +12,10 @@ namespace kelvo {
 namespace {
 
 constexpr std::string_view kLockFile = "com.kelvo.lock";
+constexpr mode_t kPrivateFile = 0600;
 
-/// A record lock, not flock: it names its holder, and a forked child does not inherit it.
+/// Returns the region of a record lock. Unlike flock, a record lock names its holder, and a forked child does not
+/// inherit it.
 struct flock wholeFile() {
   struct flock region {};
   region.l_type = F_WRLCK;
@@ -30,10 +32,10 @@ std::optional<pid_t> holder(int file) {
 }  // namespace
 
 std::optional<pid_t> HomeLock::takeOrFindHolder() {
-  const int file = ::open(Directories::inLibrary(kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const int file = ::open(Directories::inLibrary(kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFile);
   if (file < 0) return std::nullopt;
   auto region = wholeFile();
-  if (::fcntl(file, F_SETLK, &region) == 0) return std::nullopt;  // stays open: closing would let go of the lock
+  if (::fcntl(file, F_SETLK, &region) == 0) return std::nullopt;  // never closed: closing would release the lock
   const auto found = holder(file);
   ::close(file);
   return found;

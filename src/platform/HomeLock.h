@@ -7,15 +7,16 @@
 
 namespace kelvo {
 
-/// The right to use this home, which one process at a time has: an advisory lock on `Library/com.kelvo.lock`, held
-/// until the process ends.
+/// Lets one process at a time use a home, by an advisory lock on `Library/com.kelvo.lock`. The process holds the lock
+/// until it ends.
 class HomeLock {
  public:
-  /// Takes the lock; the id of the process that holds it when that is another one. A home in which no lock file can be
-  /// made is nobody's, and counts as taken by this process.
+  /// Takes the lock of this process's home. Returns the id of the holder if another process holds the lock, else
+  /// nullopt. If no lock file can be created, no process can use the home, so the function returns nullopt.
   [[nodiscard]] static std::optional<pid_t> takeOrFindHolder();
 
-  /// The process that uses the home with this Library directory now; nothing is taken or made.
+  /// Returns the process that uses the home with this Library directory, nullopt if none does. Takes no lock and
+  /// creates no file.
   [[nodiscard]] static std::optional<pid_t> holderOf(const std::string& library);
 };
 

@@ -1,16 +1,16 @@
 #include "platform/HostInterface.h"
 
-#include <mutex>
 #include <utility>
 
 #include "platform/Immortal.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo {
 namespace {
 
 struct Held {
-  std::mutex mutex;
-  std::shared_ptr<ViewTree> tree;
+  Mutex mutex;
+  std::shared_ptr<ViewTree> tree GUARDED_BY(mutex);
 };
 
 Held& held() {
@@ -27,17 +27,19 @@ Screen::Screen(std::string itsClassName, std::optional<std::string> itsTitle)
     : className(std::move(itsClassName)), title(std::move(itsTitle)) {}
 
 std::string Screen::klvName() const {
-  return className.substr(className.rfind('.') + 1);  // all of it without a "."
+  return className.substr(className.rfind('.') + 1);  // the whole name if it has no "."
 }
 
 void HostInterface::setViewTree(std::shared_ptr<ViewTree> tree) {
-  const std::lock_guard lock(held().mutex);
-  held().tree.swap(tree);  // the former tree dies with the argument, outside the lock
+  Held& current = held();
+  const Lock lock(current.mutex);
+  current.tree.swap(tree);  // the argument destroys the former tree after the unlock
 }
 
 std::shared_ptr<ViewTree> HostInterface::viewTree() {
-  const std::lock_guard lock(held().mutex);
-  return held().tree;
+  Held& current = held();
+  const Lock lock(current.mutex);
+  return current.tree;
 }
 
 }  // namespace kelvo

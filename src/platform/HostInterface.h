@@ -9,33 +9,34 @@
 
 namespace kelvo {
 
-/// Posted with a `Screen` when one is about to appear, and when it has appeared.
+/// Posted with a `Screen` before the screen appears, and after it has appeared.
 inline constexpr std::string_view kWillShowViewController = "UINavigationControllerWillShowViewControllerNotification";
 inline constexpr std::string_view kDidShowViewController = "UINavigationControllerDidShowViewControllerNotification";
-/// Posted when the host has handed over its view tree or taken it away.
+/// Posted after the host has set or removed its view tree.
 inline constexpr std::string_view kViewTreeDidChange = "KLVViewTreeDidChangeNotification";
 
-/// A screen as the host reports it. Its title is known already, or to be asked of the controller on the main queue.
+/// A screen that the host reports, by its name or by its view controller. The title of a view controller must be read
+/// on the main queue.
 struct Screen {
-  /// Asks `its` class name and kind on this thread.
+  /// Reads the class name and the kind of the view controller on the calling thread.
   explicit Screen(std::shared_ptr<ViewController> its);
   Screen(std::string itsClassName, std::optional<std::string> itsTitle);
 
-  /// The class name without what qualifies it: HomeViewController of Shop.HomeViewController.
+  /// Returns the class name without its qualifier: "HomeViewController" for "Shop.HomeViewController".
   [[nodiscard]] std::string klvName() const;
 
   std::string className;
   ViewController::Kind kind = ViewController::Kind::plain;
   std::optional<std::string> title;
-  std::shared_ptr<ViewController> controller;
+  std::shared_ptr<ViewController> controller;  ///< nullptr if the host reported a name only
 };
 
-/// Holds what the host has handed over of its interface. Any thread.
+/// Holds the host's view tree. Thread-safe.
 class HostInterface {
  public:
-  /// nullptr takes the tree away.
+  /// Replaces the tree. nullptr removes it.
   static void setViewTree(std::shared_ptr<ViewTree> tree);
-  /// nullptr when there is none.
+  /// Returns the tree, nullptr if there is none.
   static std::shared_ptr<ViewTree> viewTree();
 };
 

@@ -5,8 +5,8 @@
 
 namespace kelvo {
 
-/// Storage of a process-wide object that is made on first use and never destroyed, so that no order of
-/// destruction at exit can be wrong. Use as a function-local static.
+/// Holds an object that is never destroyed. Use it as a function-local static for a process-wide object: no destructor
+/// runs at exit, so threads may use the object until the process ends.
 template <class T>
 class Immortal {
  public:

@@ -4,7 +4,7 @@
 
 #include <array>
 #include <boost/json/basic_parser_impl.hpp>
-#include <boost/json/src.hpp>  // the library's only one: Boost.JSON is compiled here
+#include <boost/json/src.hpp>  // compiles Boost.JSON: no other source may include it
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -18,6 +18,8 @@ namespace {
 namespace json = boost::json;
 
 constexpr std::size_t kDeepestNesting = 256;
+constexpr unsigned char kFirstPrintable = 0x20;  // smaller characters must be escaped
+constexpr std::size_t kLongestInteger = 24;      // characters; 20 are enough for 64 bits and a sign
 
 // --- Writing
 
@@ -26,7 +28,7 @@ class Writer {
   enum class Mode { strict, describing };
   explicit Writer(Mode mode) : mode_(mode) {}
 
-  /// False, with `error` set, at the first member that JSON cannot hold; never in describing mode.
+  /// Returns false, with `error` set, at the first member that JSON cannot represent. Never fails in describing mode.
   bool write(const Value& value, std::size_t depth = 0) {
     if (const auto* content = value.get<std::string>()) return writeText(*content);
     if (const auto* array = value.get<Array>()) return writeArray(*array, depth + 1);
@@ -50,13 +52,13 @@ class Writer {
     return true;
   }
 
-  /// Most texts need no escape and are copied as they are.
+  /// Copies the stretches between escaped characters. Most texts have no such character.
   bool writeText(std::string_view content) {
     text += '"';
     std::size_t written = 0;
     for (std::size_t i = 0; i < content.size(); ++i) {
       const auto character = static_cast<unsigned char>(content[i]);
-      if (character >= 0x20 && character != '"' && character != '\\') continue;
+      if (character >= kFirstPrintable && character != '"' && character != '\\') continue;
       text += content.substr(written, i - written);
       writeEscaped(character);
       written = i + 1;
@@ -67,7 +69,7 @@ class Writer {
   }
 
   void writeEscaped(unsigned char character) {
-    constexpr std::string_view kShort = "\bb\tt\nn\ff\rr\"\"\\\\";  // character and letter in turn
+    constexpr std::string_view kShort = "\bb\tt\nn\ff\rr\"\"\\\\";  // pairs of a character and its letter
     for (std::size_t i = 0; i < kShort.size(); i += 2) {
       if (static_cast<unsigned char>(kShort[i]) != character) continue;
       text += '\\';
@@ -82,12 +84,12 @@ class Writer {
 
   template <class Integer>
   bool writeInteger(Integer number) {
-    std::array<char, 24> digits{};
+    std::array<char, kLongestInteger> digits{};
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
     return add({digits.data(), static_cast<std::size_t>(end - digits.data())});
   }
 
-  /// With a fraction or an exponent always, so that it is read back as the floating number it was.
+  /// Always writes a fraction or an exponent, so that a reader gets a floating-point number again.
   bool writeFloating(double number, const Value& value) {
     if (!std::isfinite(number)) return refuse(std::isnan(number) ? "NaN" : "an infinity", value);
     const std::size_t start = text.size();
@@ -138,7 +140,7 @@ class Writer {
 
 // --- Reading
 
-/// Builds a value out of what the parser finds. Its members' names and signatures are the parser's.
+/// Builds a value from the parser's callbacks. The parser prescribes the names and signatures of the public members.
 class Builder {
  public:
   static constexpr std::size_t max_object_size = std::numeric_limits<std::size_t>::max();
@@ -166,7 +168,7 @@ class Builder {
   bool on_number_part(json::string_view part, json::error_code&) { return collect(part); }
   bool on_int64(std::int64_t number, json::string_view, json::error_code&) { return addNumber(number); }
   bool on_uint64(std::uint64_t number, json::string_view, json::error_code&) { return addNumber(number); }
-  /// The parser's own conversion may be off by the last bit; the digits are the truth.
+  /// Converts the digits again, because the parser's conversion may be off by the last bit.
   bool on_double(double number, json::string_view part, json::error_code& error) {
     collect(part);
     double precise = number;
@@ -187,7 +189,7 @@ class Builder {
  private:
   struct Container {
     std::variant<Array, Dictionary> content;
-    std::string key;  ///< of the member that comes next
+    std::string key;  ///< the key of the next member
   };
 
   bool collect(json::string_view part) {

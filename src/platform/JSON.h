@@ -8,17 +8,16 @@
 
 namespace kelvo {
 
-/// Compact JSON of an array, a dictionary, or a single text, number, bool or null. nullopt, with the reason in
-/// `error`, for what JSON cannot hold: bytes, dates, NaN, infinities, nesting deeper
-/// than 256 levels.
+/// Returns `value` as compact JSON. Returns nullopt, with the reason in `error`, if JSON cannot represent the value:
+/// bytes, dates, NaN, infinities, or nesting deeper than 256 levels.
 std::optional<std::string> jsonText(const Value& value, std::string* error = nullptr);
 
-/// Compact JSON for people to read: members that JSON cannot hold stand in it as quoted descriptions, and what
-/// nests deeper than 256 levels as "...".
+/// Returns compact JSON for people to read. It never fails: a member that JSON cannot represent becomes its quoted
+/// description, and a container deeper than 256 levels becomes "...".
 std::string describingJSONText(const Value& value);
 
-/// The value that `text` holds; integers stay integers, a comma before a closing bracket is accepted. nullopt,
-/// with the reason in `error`, when it is not JSON or nests deeper than 256 levels.
+/// Returns the value of a JSON text. Integers stay integers, and a comma before a closing bracket is accepted. Returns
+/// nullopt, with the reason in `error`, if `text` is not JSON or nests deeper than 256 levels.
 std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr);
 
 }  // namespace kelvo

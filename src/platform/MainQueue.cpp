@@ -4,13 +4,13 @@
 #include <deque>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "platform/Clock.h"
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/Thread.h"
+#include "platform/ThreadSafety.h"
 #include "platform/TimerService.h"
 
 namespace kelvo {
@@ -23,7 +23,7 @@ struct Host {
 
 thread_local bool insideTask = false;
 
-/// `part` names what of the main loop threw.
+/// Runs `body` and reports an exception from it as a problem. `part` names the body in the report.
 template <class F>
 void reportingExceptions(const char* part, F&& body) noexcept {
   try {
@@ -41,40 +41,41 @@ void run(const MainQueue::Task& task) {
   insideTask = before;
 }
 
-/// Tasks wait here until the own thread runs them or, with a host, one thread at a time forwards them to it, so that
-/// they keep their order and no function of the host is called under the mutex.
+/// Holds the waiting tasks. Without a host, the library's own thread runs them. With a host, one thread at a time
+/// forwards them to the host's loop: so they keep their order, and no host function is called with the mutex held.
 class Loop {
  public:
-  void add(MainQueue::Task task) {
-    std::unique_lock lock(mutex_);
+  void add(MainQueue::Task task) EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
     waiting_.push_back(std::move(task));
-    deliver(lock);
+    deliver();
   }
 
-  void setHost(std::shared_ptr<const Host> host) {
-    std::unique_lock lock(mutex_);
-    host_.swap(host);
-    wake_.notify_one();  // with a host, the own thread ends
-    deliver(lock);
-    lock.unlock();  // the former host's functions die outside the lock
+  void setHost(std::shared_ptr<const Host> host) EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    host_.swap(host);    // the argument destroys the former host's functions after the unlock
+    wake_.notify_one();  // the library's own thread ends if there is a host now
+    deliver();
   }
 
-  std::shared_ptr<const Host> host() {
-    const std::lock_guard lock(mutex_);
+  std::shared_ptr<const Host> host() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
     return host_;
   }
 
  private:
-  void deliver(std::unique_lock<std::mutex>& lock) {
-    if (forwarding_) return;  // that thread takes ours along
+  /// Forwards the waiting tasks to the host, or wakes the library's own thread. Releases the mutex while it calls the
+  /// host.
+  void deliver() REQUIRES(mutex_) {
+    if (forwarding_) return;  // the forwarding thread also takes our task
     forwarding_ = true;
     while (host_ != nullptr && !waiting_.empty()) {
       auto host = host_;
       auto task = takeFirst();
-      lock.unlock();
+      mutex_.unlock();
       reportingExceptions("The host's post", [&] { host->post([ownTask = std::move(task)] { run(ownTask); }); });
       host.reset();
-      lock.lock();
+      mutex_.lock();
     }
     forwarding_ = false;
     if (waiting_.empty()) return;
@@ -82,11 +83,13 @@ class Loop {
     wake_.notify_one();
   }
 
-  void runOwnLoop() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-      wake_.wait(lock, [this] { return host_ != nullptr || (!waiting_.empty() && !forwarding_); });
-      if (host_ != nullptr) break;
+  void runOwnLoop() EXCLUDES(mutex_) {
+    Lock lock(mutex_);
+    while (host_ == nullptr) {
+      if (waiting_.empty() || forwarding_) {
+        lock.wait(wake_);
+        continue;
+      }
       auto task = takeFirst();
       lock.unlock();
       run(task);
@@ -96,18 +99,18 @@ class Loop {
     running_ = false;
   }
 
-  MainQueue::Task takeFirst() {
+  MainQueue::Task takeFirst() REQUIRES(mutex_) {
     auto task = std::move(waiting_.front());
     waiting_.pop_front();
     return task;
   }
 
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<MainQueue::Task> waiting_;
-  std::shared_ptr<const Host> host_;
-  bool forwarding_ = false;
-  bool running_ = false;  // the own thread
+  Mutex mutex_;
+  std::condition_variable wake_;  // notifies the library's own thread of a task or of a new host
+  std::deque<MainQueue::Task> waiting_ GUARDED_BY(mutex_);
+  std::shared_ptr<const Host> host_ GUARDED_BY(mutex_);
+  bool forwarding_ GUARDED_BY(mutex_) = false;  // a thread is inside `deliver`
+  bool running_ GUARDED_BY(mutex_) = false;     // the library's own thread exists
 };
 
 Loop& loop() {
@@ -115,24 +118,12 @@ Loop& loop() {
   return *instance;
 }
 
-/// Tells a thread in `sync` that its task is over: run, or dropped by a host whose loop has ended.
-struct Completion {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool over = false;
-
-  void finish() {
-    const std::lock_guard lock(mutex);
-    over = true;
-    changed.notify_one();
-  }
-};
-
+/// A repeating task. Thread: one timer at a time uses the fields.
 struct Repetition {
   std::chrono::nanoseconds interval;
   MainQueue::Task task;
   Clock::Instant deadline;
-  std::weak_ptr<void> waitingTick;  // alive while the tick before waits in the loop, gone if the host dropped it
+  std::weak_ptr<void> waitingTick;  // expires when the previous tick starts, or when the host drops it
 };
 
 void scheduleTick(const std::shared_ptr<Repetition>& repetition) {
@@ -145,7 +136,7 @@ void scheduleTick(const std::shared_ptr<Repetition>& repetition) {
         repetition->task();
       });
     }
-    // After a long sleep the missed ticks are left out; the next one keeps to the rhythm.
+    // After a long sleep of the machine, skips the missed ticks and keeps the rhythm.
     const auto late = Clock::monotonic() - repetition->deadline;
     repetition->deadline += (late / repetition->interval + 1) * repetition->interval;
     scheduleTick(repetition);
@@ -170,29 +161,6 @@ bool MainQueue::isCurrent() {
   bool current = false;
   reportingExceptions("The host's isCurrent", [&] { current = host->isCurrent(); });
   return current;
-}
-
-void MainQueue::sync(const std::function<void()>& task) {
-  if (inForkedChild() || isCurrent()) return task();
-  Completion completion;
-  bool ran = false;
-  std::exception_ptr thrown;
-  {
-    // Dies with the last copy of the task, whoever holds it.
-    const std::shared_ptr<Completion> whenGone(&completion, [](Completion* gone) { gone->finish(); });
-    async([&task, &ran, &thrown, whenGone] {
-      ran = true;
-      try {
-        task();
-      } catch (...) {
-        thrown = std::current_exception();
-      }
-    });
-  }
-  std::unique_lock lock(completion.mutex);
-  completion.changed.wait(lock, [&] { return completion.over; });
-  if (!ran) reportProblem("MainQueue", "The host's main loop dropped a task");
-  if (thrown != nullptr) std::rethrow_exception(thrown);
 }
 
 void MainQueue::repeatEvery(std::chrono::nanoseconds interval, Task task) {

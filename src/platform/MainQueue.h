@@ -5,25 +5,25 @@
 
 namespace kelvo {
 
-/// The host's main loop. Until a host hands its own over, a thread of the library stands in for it, started by
-/// the first task.
+/// The queue of the host's main loop. Until the host hands over its loop, a thread of the library runs the tasks; the
+/// first task starts that thread. All functions are thread-safe. In a forked child they do nothing.
 class MainQueue {
  public:
   using Task = std::function<void()>;
 
-  /// `post` must run the task later on the host's main loop and return at once; `isCurrent` says whether the
-  /// calling thread is that loop's. Tasks that waited for the library's own loop go over to the host's.
-  /// Two empty functions give the loop back to the library.
+  /// Makes the host's loop the main queue. `post` must return at once and run the task later on the host's loop.
+  /// `isCurrent` must return whether the calling thread runs that loop. Tasks that still wait for the library's loop
+  /// move to the host's loop. Two empty functions make the library's loop the main queue again.
   static void handOver(std::function<void(Task)> post, std::function<bool()> isCurrent);
 
+  /// Submits `task` and returns at once. Tasks run in the order of submission.
   static void async(Task task);
-  [[nodiscard]] static bool isCurrent();
-  /// Runs `task` on the main loop and waits for it; at once when called from there. What it throws reaches the
-  /// caller. When the host's loop drops the task unrun, a problem is reported and the caller goes on.
-  static void sync(const std::function<void()>& task);
 
-  /// Calls `task` on the main loop every `interval` for the life of the process. A tick that is due while the one
-  /// before still waits in the loop is left out.
+  /// Returns whether the calling thread runs the main loop.
+  [[nodiscard]] static bool isCurrent();
+
+  /// Calls `task` on the main loop every `interval`, until the process ends. Skips a tick while the previous tick still
+  /// waits in the loop.
   static void repeatEvery(std::chrono::nanoseconds interval, Task task);
 };
 

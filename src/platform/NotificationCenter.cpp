@@ -1,6 +1,5 @@
 #include "platform/NotificationCenter.h"
 
-#include <algorithm>
 #include <exception>
 
 #include "platform/Immortal.h"
@@ -32,9 +31,8 @@ NotificationCenter::Observation NotificationCenter::observe(std::string_view nam
 
 NotificationCenter::Observation NotificationCenter::observe(std::string_view name, InfoHandler handler) {
   auto entry = std::make_shared<Entry>(Entry{std::string(name), std::move(handler)});
-  const std::lock_guard lock(mutex_);
-  entries_.erase(std::remove_if(entries_.begin(), entries_.end(), [](const auto& weak) { return weak.expired(); }),
-                 entries_.end());
+  const Lock lock(mutex_);
+  std::erase_if(entries_, [](const auto& weak) { return weak.expired(); });
   entries_.push_back(entry);
   return Observation(std::move(entry));
 }
@@ -42,10 +40,10 @@ NotificationCenter::Observation NotificationCenter::observe(std::string_view nam
 void NotificationCenter::post(std::string_view name, const std::any& userInfo) {
   std::vector<std::weak_ptr<Entry>> entries;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     entries = entries_;
   }
-  // Looked up one by one: an earlier handler may end a later subscription.
+  // Locks each entry just before the call, because an earlier handler may end a later subscription.
   for (const auto& weak : entries) {
     if (const auto entry = weak.lock(); entry != nullptr && entry->name == name) call(entry->handler, userInfo);
   }

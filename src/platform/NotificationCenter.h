@@ -3,28 +3,28 @@
 #include <any>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "kelvo/Value.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo {
 
-/// Posted when the application became active, and when it is about to resign active.
+/// Posted after the application became active, and before it resigns active.
 inline constexpr std::string_view kApplicationDidBecomeActive = "UIApplicationDidBecomeActiveNotification";
 inline constexpr std::string_view kApplicationWillResignActive = "UIApplicationWillResignActiveNotification";
 
-/// Broadcasts named notifications to whoever observes them, on the posting thread, in order of subscription.
+/// Broadcasts named notifications. Handlers are called on the posting thread, in the order of their subscription. An
+/// exception from a handler is reported as a problem, and the next handler is called. Thread-safe.
 class NotificationCenter {
  public:
   using Handler = std::function<void()>;
-  /// For those that want what the notification carries: empty, or of the type that all posts of its name agree on.
+  /// `userInfo` is empty, or has the type that the notification's name prescribes.
   using InfoHandler = std::function<void(const std::any& userInfo)>;
 
-  /// The subscription: ends when it dies or is reset. A handler that already runs on another thread is not
-  /// waited for.
+  /// Owns a subscription, which ends when the object is destroyed or reset. Neither waits for a handler that runs on
+  /// another thread.
   class Observation {
    public:
     Observation() = default;
@@ -46,8 +46,8 @@ class NotificationCenter {
     std::string name;
     InfoHandler handler;
   };
-  std::mutex mutex_;
-  std::vector<std::weak_ptr<Entry>> entries_;
+  Mutex mutex_;
+  std::vector<std::weak_ptr<Entry>> entries_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kelvo

@@ -4,11 +4,11 @@
 
 namespace kelvo {
 
-/// How this layer, which lies below the logger, reports a failure: one line at error level.
+/// Logs a failure of this layer, which is below the logger, as one line at error level.
 using ProblemHandler = void (*)(const char* where, std::string what);
-/// `handler` is installed once, by the logger; until then problems are written to standard error.
+/// Installs the logger's handler. Until then, problems are written to standard error.
 void setProblemHandler(ProblemHandler handler);
-/// `where` must live for ever.
+/// Reports a failure. `where` must be valid until the process ends, because the logger keeps the pointer. Thread-safe.
 void reportProblem(const char* where, std::string what);
 
 }  // namespace kelvo

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "platform/ClassicLocale.h"
+#include "platform/Files.h"
 
 namespace kelvo {
 namespace {
@@ -26,11 +27,11 @@ struct MemoryDeleter {
 template <class T>
 using Memory = std::unique_ptr<T, MemoryDeleter>;
 
-// --- The parser follows nesting by calling itself, so what nests too deep is kept from it.
+// --- Checks before parsing. The parser is recursive, so it must not get a text with deep nesting.
 
-/// Reads `<array>`, `<dict>` and their ends; everything else in the text is passed over.
+/// Returns whether no nesting of `<array>` and `<dict>` is too deep. Skips everything else in the text.
 bool isShallowXML(std::string_view text) {
-  const auto passedOver = [&text](std::string_view start, std::string_view end) {
+  const auto skipped = [&text](std::string_view start, std::string_view end) {
     if (!text.starts_with(start)) return false;
     text.remove_prefix(std::min(text.find(end), text.size()));
     return true;
@@ -38,7 +39,7 @@ bool isShallowXML(std::string_view text) {
   int depth = 0;
   for (auto tag = text.find('<'); tag != std::string_view::npos; tag = text.find('<')) {
     text.remove_prefix(tag);
-    if (passedOver("<!--", "-->") || passedOver("<![CDATA[", "]]>") || passedOver("<?", "?>")) continue;
+    if (skipped("<!--", "-->") || skipped("<![CDATA[", "]]>") || skipped("<?", "?>")) continue;
     text.remove_prefix(1);
     const bool ends = text.starts_with('/');
     if (ends) text.remove_prefix(1);
@@ -56,8 +57,8 @@ bool isShallowXML(std::string_view text) {
   return true;
 }
 
-/// Walks the containers of a binary list. There one object may stand in many places, so a small file can describe
-/// a tree without end: the walk counts what it passes.
+/// Visits the containers of a binary property list. One object may have many parents there, so a small file can
+/// describe an endless tree. The number of visits is therefore limited.
 class BinaryShape {
  public:
   explicit BinaryShape(std::string_view text) : text_(text) {}
@@ -65,27 +66,42 @@ class BinaryShape {
   bool isShallow() {
     if (text_.size() < kTrailerSize) return false;
     const std::size_t trailer = text_.size() - kTrailerSize;
-    offsetSize_ = number(trailer + 6, 1);
-    referenceSize_ = number(trailer + 7, 1);
-    objects_ = number(trailer + 8, 8);
-    table_ = number(trailer + 24, 8);
-    return objects_ <= text_.size() && visit(number(trailer + 16, 8), 0);
+    offsetSize_ = number(trailer + kOffsetSizeAt, 1);
+    referenceSize_ = number(trailer + kReferenceSizeAt, 1);
+    objects_ = number(trailer + kObjectCountAt, kWide);
+    table_ = number(trailer + kOffsetTableAt, kWide);
+    return objects_ <= text_.size() && visit(number(trailer + kRootAt, kWide), 0);
   }
 
  private:
+  // The trailer at the end of the file: positions of its fields, in bytes.
   static constexpr std::size_t kTrailerSize = 32;
+  static constexpr std::size_t kOffsetSizeAt = 6;
+  static constexpr std::size_t kReferenceSizeAt = 7;
+  static constexpr std::size_t kObjectCountAt = 8;
+  static constexpr std::size_t kRootAt = 16;
+  static constexpr std::size_t kOffsetTableAt = 24;
+  static constexpr std::size_t kWide = 8;  // bytes of the trailer's wide fields, and of the largest number
 
-  /// The big-endian number of `size` bytes at `offset`; 0 where there is none.
+  // An object starts with a byte of two halves: its kind, and its count or `kCountFollows`.
+  static constexpr std::uint64_t kWideText = 0x6;  // two bytes a character; other texts have one
+  static constexpr std::uint64_t kArray = 0xA;
+  static constexpr std::uint64_t kDictionary = 0xD;
+  static constexpr std::uint64_t kCountFollows = 0xF;
+  static constexpr std::uint64_t kLowerHalf = 0xF;
+
+  static constexpr int kMostVisits = 1'000'000;
+
+  /// Returns the big-endian number of `size` bytes at `offset`, 0 if the text has no such bytes.
   [[nodiscard]] std::uint64_t number(std::uint64_t offset, std::uint64_t size) const {
-    if (size == 0 || size > 8 || offset > text_.size() || text_.size() - offset < size) return 0;
+    if (size == 0 || size > kWide || offset > text_.size() || text_.size() - offset < size) return 0;
     std::uint64_t result = 0;
     for (const char byte : text_.substr(offset, size)) result = result << 8 | static_cast<unsigned char>(byte);
     return result;
   }
 
-  /// The parser ends the process at a key with a zero in it.
+  /// Returns whether a key has no zero character. The parser would end the process at such a key.
   [[nodiscard]] bool isWholeKey(std::uint64_t kind, std::uint64_t offset, std::uint64_t count) const {
-    constexpr std::uint64_t kWideText = 6;  // two bytes a character; others have one
     const std::uint64_t width = kind == kWideText ? 2 : 1;
     for (std::uint64_t i = 0; i < count; ++i) {
       if (number(offset + i * width, width) == 0) return false;
@@ -98,17 +114,18 @@ class BinaryShape {
     std::uint64_t offset = number(table_ + object * offsetSize_, offsetSize_);
     const std::uint64_t marker = number(offset, 1);
     const std::uint64_t kind = marker >> 4;
-    if (kind != 0xA && kind != 0xD && !asKey) return true;
+    const bool isContainer = kind == kArray || kind == kDictionary;
+    if (!isContainer && !asKey) return true;
     ++offset;
-    std::uint64_t count = marker & 0xF;
-    if (count == 0xF) {  // the count did not fit and follows as an integer of its own
-      const std::uint64_t size = std::uint64_t{1} << (number(offset, 1) & 0xF);
+    std::uint64_t count = marker & kLowerHalf;
+    if (count == kCountFollows) {  // the count follows as an integer object
+      const std::uint64_t size = std::uint64_t{1} << (number(offset, 1) & kLowerHalf);
       count = number(offset + 1, size);
       offset += 1 + size;
     }
     if (count > text_.size()) return false;
-    if (kind != 0xA && kind != 0xD) return isWholeKey(kind, offset, count);
-    const std::uint64_t keys = kind == 0xD ? count : 0;
+    if (!isContainer) return isWholeKey(kind, offset, count);
+    const std::uint64_t keys = kind == kDictionary ? count : 0;
     for (std::uint64_t i = 0; i < keys + count; ++i) {
       if (!visit(number(offset + i * referenceSize_, referenceSize_), depth + 1, i < keys)) return false;
     }
@@ -120,7 +137,7 @@ class BinaryShape {
   std::uint64_t referenceSize_ = 0;
   std::uint64_t objects_ = 0;
   std::uint64_t table_ = 0;
-  int budget_ = 1'000'000;
+  int budget_ = kMostVisits;
 };
 
 // --- From nodes to values
@@ -231,13 +248,13 @@ plist_t dateNode(Date date) {
   return plist_new_date(static_cast<std::int32_t>(seconds.count()), static_cast<std::int32_t>(rest.count()));
 }
 
-/// nullptr for what a property list cannot hold.
+/// Returns nullptr if a property list cannot represent the value.
 plist_t nodeOf(const Value& value, int depth) {
   if (const auto* text = value.get<std::string>()) return plist_new_string(text->c_str());
   if (const auto* flag = value.get<bool>()) return plist_new_bool(*flag ? 1 : 0);
   if (const auto* number = value.get<std::int64_t>()) return plist_new_uint(static_cast<std::uint64_t>(*number));
   if (const auto* number = value.get<std::uint64_t>()) {
-    // The larger half would come back negative; as text it keeps its digits, and its value as a number.
+    // A number above the signed range would be read back as negative. As text, it keeps its digits and its value.
     if (*number > std::numeric_limits<std::int64_t>::max()) return plist_new_string(description(value).c_str());
     return plist_new_uint(*number);
   }
@@ -273,6 +290,14 @@ std::optional<Value> parsePropertyList(std::string_view text, std::string* error
   if (root == nullptr) return refused(error, "it is no property list");
   const Node owner(root);
   return valueOf(root);
+}
+
+std::optional<Dictionary> readPropertyList(const std::string& path, std::string* error) {
+  const auto text = readFile(path, error);
+  const auto content = text ? parsePropertyList(*text, error) : std::nullopt;
+  if (!content) return std::nullopt;
+  auto dictionary = content->asDictionary();
+  return dictionary ? std::move(dictionary) : refused(error, "its root is no dictionary");
 }
 
 std::string serialisePropertyList(const Dictionary& content) {

@@ -19,7 +19,7 @@ std::atomic<bool> forked{false};
 
 constexpr std::size_t kLongestName = 15;  // the kernel refuses longer ones
 
-/// Gives the calling thread the mask that its children shall inherit, and its own back at the end.
+/// Gives the calling thread the signal mask that a new thread must inherit. The destructor restores the former mask.
 class InheritedSignalMask {
  public:
   InheritedSignalMask() {
@@ -55,7 +55,8 @@ bool startThread(const char* name, std::function<void()> body) {
   try {
     const InheritedSignalMask mask;
     std::thread thread([ownName = shortName, ownBody = std::move(body)] { runThread(ownName, ownBody); });
-    pthread_setname_np(thread.native_handle(), shortName.c_str());  // here, too: whoever looks first finds the name
+    // The thread sets its name, too. Set here, the name is visible as soon as this function returns.
+    pthread_setname_np(thread.native_handle(), shortName.c_str());
     thread.detach();
     return true;
   } catch (const std::system_error& error) {

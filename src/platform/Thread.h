@@ -4,13 +4,13 @@
 
 namespace kelvo {
 
-/// Starts a detached thread of the library: named `name` (15 characters at most), every asynchronous signal
-/// blocked, the faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS) left to the host's handlers.
-/// Reports a problem and returns false when the system refuses a thread.
+/// Starts a detached thread with the name `name`, of which the first 15 characters count. The thread blocks every
+/// asynchronous signal. The host's handlers keep the fault signals: SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP
+/// and SIGSYS. Reports a problem and returns false if the system refuses a thread. Returns false in a forked child.
 bool startThread(const char* name, std::function<void()> body);
 
-/// True in a child that was forked from a process in which this library was loaded. There, no thread of the
-/// library runs and any lock may be held for ever, so nothing may be touched.
+/// Returns whether this process was forked from a process that had loaded the library. In such a child, no thread of
+/// the library runs and any lock may stay locked forever, so the library must not take a lock or start a thread.
 bool inForkedChild() noexcept;
 
 }  // namespace kelvo

@@ -9,7 +9,7 @@
 namespace kelvo {
 namespace {
 
-/// The pool makes no thread by itself, so that names and signal masks are the library's own.
+/// Attaches two threads of the library to a pool without threads, because names and signal masks must be the library's.
 struct Pool {
   boost::asio::thread_pool pool{0};
 

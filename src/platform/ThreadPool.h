@@ -8,10 +8,10 @@ class thread_pool;
 
 namespace kelvo {
 
-/// The one pool of two threads that all queues and timers share; its threads start at the first use.
+/// Returns the pool that all queues and timers share. Its two threads start at the first use.
 boost::asio::thread_pool& threadPool();
 
-/// Runs `task`, which must not throw, on a pool thread. Not to be called in a forked child.
+/// Runs `task` on a pool thread. `task` must not throw. Must not be called in a forked child.
 void postToPool(std::function<void()> task);
 
 }  // namespace kelvo

@@ -4,36 +4,37 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <map>
-#include <mutex>
 
 #include "platform/Clock.h"
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/Thread.h"
 #include "platform/ThreadPool.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo {
 namespace {
 
-constexpr auto kLongestDelay = std::chrono::hours(24 * 365 * 100);  // keeps deadlines far from overflow
+constexpr std::chrono::hours kLongestDelay{24 * 365 * 100};  // 100 years; keeps deadlines far from overflow
 
 class Alarms {
  public:
-  void add(std::chrono::nanoseconds delay, std::function<void()> fire) {
+  void add(std::chrono::nanoseconds delay, std::function<void()> fire) EXCLUDES(mutex_) {
     const auto deadline = Clock::monotonic() + std::min<std::chrono::nanoseconds>(delay, kLongestDelay);
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto added = pending_.emplace(deadline, std::move(fire));
     if (added == pending_.begin()) arm();
   }
 
-  void rearm() {
-    const std::lock_guard lock(mutex_);
+  void rearm() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
     arm();
   }
 
  private:
-  /// Under the mutex. While alarms ring there is no need: the one who rings them looks again, and arms at the end.
-  void arm() {
+  /// Sets the timer to the first deadline. Does nothing while alarms ring: the ringing thread checks the deadlines
+  /// again and arms the timer at the end.
+  void arm() REQUIRES(mutex_) {
     if (ringing_ || pending_.empty()) return;
     timer_.expires_after(pending_.begin()->first - Clock::monotonic());
     timer_.async_wait([this](const boost::system::error_code& error) {
@@ -41,16 +42,16 @@ class Alarms {
     });
   }
 
-  /// One thread rings at a time, so that alarms go off in the order of their deadlines.
-  void ring() {
-    std::unique_lock lock(mutex_);
+  /// Fires the alarms that are due. One thread rings at a time, so that alarms fire in the order of their deadlines.
+  void ring() EXCLUDES(mutex_) {
+    Lock lock(mutex_);
     if (ringing_) return;
     ringing_ = true;
     while (!pending_.empty() && pending_.begin()->first <= Clock::monotonic()) {
       auto due = pending_.extract(pending_.begin());
       lock.unlock();
       fire(due.mapped());
-      due = {};  // what the alarm held is let go outside the lock
+      due = {};  // destroys the alarm's captures while the mutex is free
       lock.lock();
     }
     ringing_ = false;
@@ -67,10 +68,11 @@ class Alarms {
     }
   }
 
-  std::mutex mutex_;
-  std::multimap<Clock::Instant, std::function<void()>> pending_;  // equal deadlines stay in order of arrival
-  boost::asio::steady_timer timer_{threadPool()};                 // armed for the first of them
-  bool ringing_ = false;
+  Mutex mutex_;
+  /// Alarms with equal deadlines stay in the order of their arrival.
+  std::multimap<Clock::Instant, std::function<void()>> pending_ GUARDED_BY(mutex_);
+  boost::asio::steady_timer timer_ GUARDED_BY(mutex_){threadPool()};  // set to the first deadline of `pending_`
+  bool ringing_ GUARDED_BY(mutex_) = false;
 };
 
 Alarms& alarms() {

@@ -5,13 +5,15 @@
 
 namespace kelvo {
 
-/// One-shot timers on the thread pool, counted by `Clock::monotonic()`. An idle service wakes nothing up.
+/// One-shot timers on the thread pool, measured by `Clock::monotonic()`. Wakes no thread while no timer is due.
+/// Thread-safe. In a forked child, the functions do nothing.
 class TimerService {
  public:
-  /// Calls `fire` on a pool thread once `delay` has passed. It should only hand work to a queue.
+  /// Calls `fire` on a pool thread after `delay`. One timer fires at a time, so `fire` should only submit work to a
+  /// queue.
   static void schedule(std::chrono::nanoseconds delay, std::function<void()> fire);
 
-  /// Looks at the clock again, after a test has moved it.
+  /// Fires the timers that have become due because a test moved the clock.
   static void clockMoved();
 };
 

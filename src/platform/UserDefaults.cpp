@@ -12,22 +12,16 @@
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/PropertyList.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo {
 namespace {
 
-std::string directoryOf(const std::string& path) {
-  return path.substr(0, path.rfind('/'));
-}
-
-/// The content of the file at `path`; whatever else lies there is set aside.
+/// Returns the content of the file at `path`, empty if there is none. Renames a file that is not a property list.
 Dictionary load(const std::string& path) {
   if (!fileExists(path)) return {};
   std::string error;
-  const auto text = readFile(path, &error);
-  const auto content = text ? parsePropertyList(*text, &error) : std::nullopt;
-  if (content && content->get<Dictionary>() != nullptr) return *content->get<Dictionary>();
-  if (content) error = "its root is no dictionary";
+  if (auto content = readPropertyList(path, &error)) return *std::move(content);
   const std::string aside = path + ".corrupt";
   const bool moved = std::rename(path.c_str(), aside.c_str()) == 0;
   reportProblem(__PRETTY_FUNCTION__, fmt::format("{} cannot be used ({}); the defaults begin empty{}", path, error,
@@ -37,22 +31,23 @@ Dictionary load(const std::string& path) {
 
 }  // namespace
 
-/// Tasks of the queue share it, so it may outlive the store.
+/// Tasks of the queue share the ownership, so the object may outlive the store.
 struct UserDefaults::Impl : std::enable_shared_from_this<Impl> {
   explicit Impl(std::string file) : path(std::move(file)) {}
 
-  /// Null when there is none.
-  Value valueOf(std::string_view key) {
+  /// Returns the null value if `key` is absent.
+  Value valueOf(std::string_view key) EXCLUDES(mutex) {
     loadOnce();
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     return values[key];
   }
 
+  /// Calls `apply` with the values and the mutex held. `apply` returns whether it has changed them.
   template <class Change>
-  void change(Change&& apply) {
+  void change(Change&& apply) EXCLUDES(mutex) {
     loadOnce();
     {
-      const std::lock_guard lock(mutex);
+      const Lock lock(mutex);
       if (!apply(values)) return;
       dirty = true;
       if (std::exchange(flushWaits, true)) return;
@@ -60,11 +55,12 @@ struct UserDefaults::Impl : std::enable_shared_from_this<Impl> {
     queue.async([self = shared_from_this()] { self->flush(); });
   }
 
-  /// Runs on the queue only.
-  bool flush() {
+  /// Writes unsaved changes to the file. Returns false on failure. Thread: the queue.
+  bool flush() EXCLUDES(mutex) {
+    queue.assertCurrent();
     Dictionary content;
     {
-      const std::lock_guard lock(mutex);
+      const Lock lock(mutex);
       flushWaits = false;
       if (!std::exchange(dirty, false)) return true;
       content = values;
@@ -75,25 +71,29 @@ struct UserDefaults::Impl : std::enable_shared_from_this<Impl> {
       failing = false;
       return true;
     }
-    if (!std::exchange(failing, true)) {  // once, not at every change while a disk is full
+    if (!std::exchange(failing, true)) {  // reports once, not at every change while the disk is full
       reportProblem(__PRETTY_FUNCTION__, fmt::format("{} cannot be written: {}", path, error));
     }
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     dirty = true;
     return false;
   }
 
-  void loadOnce() {
-    std::call_once(loaded, [this] { values = load(path); });
+  void loadOnce() EXCLUDES(mutex) {
+    std::call_once(loaded, [this] {
+      Dictionary content = load(path);
+      const Lock lock(mutex);
+      values = std::move(content);
+    });
   }
 
   const std::string path;
   std::once_flag loaded;
-  std::mutex mutex;  // guards the next three
-  Dictionary values;
-  bool dirty = false;       // memory is ahead of the file
-  bool flushWaits = false;  // a flush was posted and has not begun
-  bool failing = false;     // on the queue only
+  Mutex mutex;
+  Dictionary values GUARDED_BY(mutex);
+  bool dirty GUARDED_BY(mutex) = false;       // `values` has changes that the file does not have
+  bool flushWaits GUARDED_BY(mutex) = false;  // a flush is submitted, but has not begun
+  bool failing GUARDED_BY(queue) = false;     // Queue: `queue`. The last write has failed
   DispatchQueue queue{"com.kelvo.serial.defaults"};
 };
 

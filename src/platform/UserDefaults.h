@@ -10,29 +10,33 @@
 
 namespace kelvo {
 
-/// A small persistent key-value store: `Library/Preferences/<bundle identifier or executable name>.plist`.
+/// A small persistent key-value store in a property list file.
 ///
-/// Every operation may come from any thread and only touches memory, `synchronize` apart. A change reaches the
-/// file soon after it was made, at the latest at the next `synchronize`. A file that is no property list is set
-/// aside with the ending `.corrupt`, a problem is reported, and the store begins empty.
+/// Thread-safe. The first operation reads the file; after that, only `synchronize` waits for the disk. A queue writes
+/// each change to the file soon afterwards. If the file cannot be read as a property list, the store
+/// renames it to `<path>.corrupt`, reports a problem and starts empty.
 class UserDefaults {
  public:
+  /// The store of this process: `Library/Preferences/<bundle identifier or executable name>.plist`.
   static UserDefaults& standard();
-
-  [[nodiscard]] std::optional<std::string> string(std::string_view key) const;
-  /// 0 when absent.
-  [[nodiscard]] std::int64_t integer(std::string_view key) const;
-  [[nodiscard]] bool boolean(std::string_view key) const;
-  [[nodiscard]] bool contains(std::string_view key) const;
-  void set(std::string_view key, Value value);
-  void remove(std::string_view key);
-
-  /// Writes what changed and waits for it. False when the file could not be written; the change is kept in
-  /// memory and tried again.
-  bool synchronize();
 
   explicit UserDefaults(std::string path);
   ~UserDefaults();
+
+  /// Returns the text, or the description of a number. nullopt if `key` is absent or has a value of another type.
+  [[nodiscard]] std::optional<std::string> string(std::string_view key) const;
+  /// Returns 0 if `key` is absent.
+  [[nodiscard]] std::int64_t integer(std::string_view key) const;
+  /// Returns false if `key` is absent.
+  [[nodiscard]] bool boolean(std::string_view key) const;
+  [[nodiscard]] bool contains(std::string_view key) const;
+  /// A null value removes `key`.
+  void set(std::string_view key, Value value);
+  void remove(std::string_view key);
+
+  /// Writes unsaved changes to the file, and blocks until they are written. Returns false if the file cannot be
+  /// written; the changes stay in memory, and the next write tries again.
+  bool synchronize();
 
  private:
   struct Impl;

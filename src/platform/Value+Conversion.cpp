@@ -1,4 +1,4 @@
-// What values convert to, how they compare, and what they look like as text.
+// Conversion, comparison and description of values.
 #include <fmt/format.h>
 
 #include <charconv>
@@ -19,7 +19,7 @@ constexpr bool isBlank(char character) noexcept {
   return character == ' ' || (character >= '\t' && character <= '\r');
 }
 
-/// `text` from its number's first character on; no plus sign, which from_chars does not know.
+/// Returns `text` without leading blanks and without a plus sign, which from_chars does not accept.
 std::string_view numberIn(std::string_view text) noexcept {
   while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
   if (text.size() > 1 && text[0] == '+' && text[1] != '-') text.remove_prefix(1);
@@ -41,19 +41,21 @@ Integer leadingInteger(std::string_view text) noexcept {
 double leadingDouble(std::string_view text) {
   text = numberIn(text);
   const std::size_t digit = !text.empty() && text.front() == '-' ? 1 : 0;
-  if (text.size() <= digit || (text[digit] != '.' && (text[digit] < '0' || text[digit] > '9'))) return 0;  // "inf"
+  // from_chars would accept "inf" and "nan".
+  if (text.size() <= digit || (text[digit] != '.' && (text[digit] < '0' || text[digit] > '9'))) return 0;
   double result = 0;
   if (std::from_chars(text.data(), text.data() + text.size(), result).ec != std::errc::result_out_of_range) {
     return result;
   }
   constexpr double kLargest = std::numeric_limits<double>::max();
-  const double rough = ::strtod_l(std::string(text).c_str(), nullptr, classicLocale());  // too large, or too small?
+  // The number is too large or too small: strtod_l returns infinity or a value near 0.
+  const double rough = ::strtod_l(std::string(text).c_str(), nullptr, classicLocale());
   return std::isinf(rough) ? std::copysign(kLargest, rough) : rough;
 }
 
 template <class Integer>
 Integer clamped(double number) noexcept {
-  // Both limits as doubles: the upper one rounds to the next power of two, the first number that does not fit.
+  // As a double, the upper limit rounds to the next power of two, which is the first number that does not fit.
   constexpr auto kUpper = static_cast<double>(std::numeric_limits<Integer>::max());
   constexpr auto kLower = static_cast<double>(std::numeric_limits<Integer>::min());
   if (std::isnan(number)) return 0;
@@ -78,7 +80,7 @@ Integer asInteger(const Value& value) noexcept {
   return 0;
 }
 
-/// Holds every integer and every double without loss.
+/// Represents every integer and every double without loss.
 using Exact = long double;
 static_assert(std::numeric_limits<Exact>::digits >= 64);
 
@@ -139,7 +141,8 @@ namespace {
 
 using Pair = std::pair<const Value*, const Value*>;
 
-/// Compares two arrays or dictionaries as far as they go and leaves their members, in pairs, to be compared.
+/// Returns whether two containers have the same size, and dictionaries the same keys. Appends their members to
+/// `members` in pairs, for the caller to compare.
 bool sameShape(const Array& left, const Array& right, std::vector<Pair>& members) {
   if (left.size() != right.size()) return false;
   if (left.begin() == right.begin()) return true;
@@ -171,7 +174,8 @@ bool sameLeaf(const Value& left, const Value& right) noexcept {
   return same<std::string>(left, right) || same<Data>(left, right) || same<Date>(left, right);
 }
 
-/// Works off a list instead of calling itself, so that no nesting is too deep.
+/// Returns whether all pairs are equal. Uses a list instead of recursion, so that deep nesting cannot overflow the
+/// stack.
 bool allSame(std::vector<Pair> pending) {
   while (!pending.empty()) {
     const auto [left, right] = pending.back();

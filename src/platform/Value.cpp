@@ -12,7 +12,8 @@
 namespace kelvo {
 namespace {
 
-/// What arrays and dictionaries share: a reference count, and a link for the time after the last one is gone.
+/// The content of an array or a dictionary, which its copies share. Counts the copies. `nextDead` links the contents
+/// that wait to be deleted.
 struct Shared {
   Shared() = default;
   Shared(const Shared&) noexcept {}
@@ -29,8 +30,8 @@ Rep* retained(Rep* rep) noexcept {
   return rep;
 }
 
-/// Deletes what is no longer referred to. Members that die with it only join the list, so that nesting of any
-/// depth is taken down on a stack of constant depth.
+/// Deletes `shared`, which nothing refers to any more. A nested call only adds its content to a list, and the outermost
+/// call deletes the list. So the depth of the stack does not grow with the depth of the nesting.
 void bury(Shared* shared) noexcept {
   thread_local Shared* dead = nullptr;
   thread_local bool burying = false;
@@ -48,7 +49,7 @@ void release(Shared* shared) noexcept {
   if (shared != nullptr && shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1) bury(shared);
 }
 
-/// The content, for this handle alone.
+/// Returns the content for writing. Creates it if there is none, and copies it if it is shared.
 template <class Rep>
 Rep& owned(Rep*& rep) {
   if (rep == nullptr) {
@@ -103,7 +104,7 @@ void Array::append(Value value) {
 
 // --- Dictionary
 
-/// The entries in order and, once they are too many to look through, a hash table of their positions.
+/// The entries in order. A dictionary with many entries also has a hash table of their positions.
 struct Dictionary::Rep : Shared {
   static constexpr std::size_t kLargestWithoutIndex = 16;
   static constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
@@ -132,10 +133,10 @@ struct Dictionary::Rep : Shared {
     }
   }
 
-  /// Makes an entry of `parts`; its key must be new.
+  /// Appends an entry made of `parts`. Its key must be new.
   template <class... Parts>
   void append(Parts&&... parts) {
-    // In small steps: there are many dictionaries of a few entries, and most grow no more.
+    // Grows in small steps, because most dictionaries have few entries and grow no more.
     if (entries.size() == entries.capacity()) {
       entries.reserve(entries.size() + std::max<std::size_t>(2, entries.size() / 4));
     }
@@ -166,7 +167,7 @@ struct Dictionary::Rep : Shared {
   }
 
   std::vector<Entry> entries;
-  std::vector<Slot> slots;  ///< empty, or a power of two of them, half of them free at least
+  std::vector<Slot> slots;  ///< empty, or a power of two in size; at least half of the slots are free
 };
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries) {
@@ -216,7 +217,7 @@ const Value& Dictionary::operator[](std::string_view key) const noexcept {
 }
 
 void Dictionary::set(std::string_view key, Value value) {
-  // `key` may lie in the content that own() lets go of, so it is not looked at afterwards.
+  // own() may destroy the content that `key` points into, so `key` is not used after it.
   const std::size_t position = rep_ == nullptr ? Rep::kNone : rep_->position(key);
   if (position != Rep::kNone) {
     own().entries[position].second = std::move(value);

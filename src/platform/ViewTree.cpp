@@ -2,7 +2,7 @@
 
 namespace kelvo {
 
-// The classes' tables stand here, so that the shared library holds the only ones.
+// Defined here, so that only the shared library has the virtual tables of these classes.
 View::~View() = default;
 ViewController::~ViewController() = default;
 Window::~Window() = default;

@@ -1,13 +1,8 @@
 #include "records/KLVDeviceInfo.h"
 
-#include <exception>
-
-#include "platform/ClassRegistry.h"
 #include "platform/Device.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVUUID.h"
-#include "util/KLVLogger.h"
-#include "util/KLVUtilities+Cleaning.h"
 #include "util/KLVUtilities+Device.h"
 
 namespace kelvo {
@@ -19,11 +14,10 @@ constexpr std::string_view kKLVDeviceId = "klv_device_id";
 std::string deviceId() {
   UserDefaults& defaults = UserDefaults::standard();
   if (const auto stored = defaults.string(kKLVDeviceId)) return *stored;
-  auto made = KLVDeviceInfo::getIDFA();
-  if (KLVUtilities::isInvalidString(made) || *made == kKLVZeroUUID) made = randomUUIDString();
-  defaults.set(kKLVDeviceId, *made);
+  const std::string made = KLVDeviceInfo::getIDFA().value_or(randomUUIDString());
+  defaults.set(kKLVDeviceId, made);
   defaults.synchronize();
-  return *made;
+  return made;
 }
 
 }  // namespace
@@ -46,16 +40,6 @@ void KLVDeviceInfo::logDeviceToken(const std::string& token) {
 }
 
 std::optional<std::string> KLVDeviceInfo::getIDFA() {
-  const auto manager =
-      std::static_pointer_cast<AdvertisingIdentifierManager>(ClassRegistry::make("ASIdentifierManager"));
-  if (manager == nullptr) return std::nullopt;
-  try {
-    return manager->advertisingIdentifier();
-  } catch (const std::exception& exception) {
-    KLV_ERROR("The advertising identifier could not be read: {}", exception.what());
-  } catch (...) {
-    KLV_ERROR("The advertising identifier could not be read");
-  }
   return std::nullopt;
 }
 

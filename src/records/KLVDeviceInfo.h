@@ -18,17 +18,8 @@ class KLVDeviceInfo final : public KLVInfo {
   [[nodiscard]] std::string getHardwareModel() const;
   void logDeviceToken(const std::string& token);
 
-  /// The advertising identifier, from the class registered as "ASIdentifierManager" (an
-  /// `AdvertisingIdentifierManager`); nullopt when there is none.
+  /// Returns the advertising identifier, which Linux does not have: always nullopt.
   static std::optional<std::string> getIDFA();
-};
-
-/// What a product of the class registered as "ASIdentifierManager" must be.
-class AdvertisingIdentifierManager {
- public:
-  virtual ~AdvertisingIdentifierManager() = default;
-  /// A UUID; all zeros when the user refused tracking.
-  virtual std::string advertisingIdentifier() = 0;
 };
 
 }  // namespace kelvo

@@ -1,21 +1,14 @@
 #include "sqlite/FMKLVDateFormatter.h"
 
-#include <locale.h>
 #include <time.h>
 
 #include <chrono>
 #include <cmath>
 #include <utility>
 
+#include "platform/ClassicLocale.h"
+
 namespace kelvo {
-namespace {
-
-locale_t plainLocale() {
-  static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);  // never freed: threads may outlive statics
-  return locale;
-}
-
-}  // namespace
 
 FMKLVDateFormatter::FMKLVDateFormatter(std::string pattern) : pattern_(std::move(pattern)) {}
 
@@ -26,7 +19,7 @@ std::string FMKLVDateFormatter::stringFromDate(Date date) const {
   const std::string marked = pattern_ + ".";  // never empty, so that 0 means that the text was too long
   std::string text(64, '\0');
   for (;;) {
-    const std::size_t length = strftime_l(text.data(), text.size(), marked.c_str(), &parts, plainLocale());
+    const std::size_t length = strftime_l(text.data(), text.size(), marked.c_str(), &parts, classicLocale());
     if (length > 0) return text.substr(0, length - 1);
     text.resize(2 * text.size());
   }
@@ -36,7 +29,7 @@ std::optional<Date> FMKLVDateFormatter::dateFromString(const std::string& text) 
   tm parts{};
   parts.tm_year = 70;
   parts.tm_mday = 1;
-  const char* rest = strptime_l(text.c_str(), pattern_.c_str(), &parts, plainLocale());
+  const char* rest = strptime_l(text.c_str(), pattern_.c_str(), &parts, classicLocale());
   if (rest != text.c_str() + text.size()) return std::nullopt;
   const auto eastOfGreenwich = parts.tm_gmtoff;  // timegm wipes it
   return dateFromSecondsSince1970(static_cast<double>(timegm(&parts) - eastOfGreenwich));

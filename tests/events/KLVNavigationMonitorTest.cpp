@@ -9,6 +9,7 @@
 #include "platform/Clock.h"
 #include "platform/MainQueue.h"
 #include "support/LogCapture.h"
+#include "support/MainLoop.h"
 #include "util/KLVTimer.h"
 
 namespace kelvo::test {
@@ -145,7 +146,7 @@ TEST_F(NavigationMonitor, LogsARepeatedScreenAndIgnoresANotificationWithoutOne) 
 
 TEST_F(NavigationMonitor, LooksUpTheFirstScreenOnceThereIsAViewTreeAndEndsWithItsSubscriptions) {
   const auto lookedUp = [this] {
-    MainQueue::sync([] {});
+    waitForMainLoop();
     play("background");
   };
   EXPECT_EQ(keys, "0___BACKGROUND 0___FOREGROUND ");
@@ -177,7 +178,7 @@ class BusyLoop {
 };
 
 TEST_F(NavigationMonitor, KeepsTheOrderAndBlocksNoThreadWhileItWaitsForATitle) {
-  MainQueue::sync([] {});  // the first lookup of the start is over
+  waitForMainLoop();  // the first lookup of the start is over
   BusyLoop loop;
   play("named:A");
   const auto show = [](const char* title) { post(kDidShowViewController, std::make_shared<Controller>("B", title)); };

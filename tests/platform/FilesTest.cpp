@@ -27,7 +27,7 @@ unsigned modeOf(const std::string& path) {
 
 // --- Files
 
-TEST(Files, AnAtomicWriteReplacesTheWholeFileOrLeavesItAlone) {
+TEST(Files, AnAtomicWriteReplacesTheWholeFileOrNothing) {
   const std::string directory = inHome("atomic"), path = directory + "/file";
   ASSERT_TRUE(makeDirectory(directory + "/a/b", true));
   EXPECT_EQ(modeOf(directory + "/a"), 0700U);
@@ -41,14 +41,14 @@ TEST(Files, AnAtomicWriteReplacesTheWholeFileOrLeavesItAlone) {
   EXPECT_FALSE(writeFileAtomically(directory + "/a", "over a directory"));
   EXPECT_FALSE(makeDirectory(path, true)) << "a file is in its place";
   EXPECT_EQ(readFile(path), std::string("a\0b", 3));
-  EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2) << "no temporary file stays behind";
+  EXPECT_EQ(std::distance(fs::directory_iterator(directory), {}), 2) << "no temporary file remains";
   EXPECT_TRUE(removeItem(directory));
   EXPECT_FALSE(removeItem(directory));
 }
 
 // --- Property lists
 
-TEST(PropertyList, ReadsBackWhatItWrote) {
+TEST(PropertyList, ParsesItsOwnOutput) {
   const Dictionary content{{"text", "  <&> \u00e9\n "},
                            {"negative", std::numeric_limits<std::int64_t>::min()},
                            {"flag", true},
@@ -63,7 +63,7 @@ TEST(PropertyList, ReadsBackWhatItWrote) {
 
 // --- User defaults
 
-TEST(UserDefaults, KeepWhatWasSetForTheNextStartFromAnyThread) {
+TEST(UserDefaults, KeepValuesFromManyThreadsForTheNextStart) {
   const std::string path = inHome("defaults/p.plist");
   constexpr int kThreads = 4, kKeys = 50;
   {
@@ -88,12 +88,12 @@ TEST(UserDefaults, KeepWhatWasSetForTheNextStartFromAnyThread) {
   EXPECT_EQ(defaults.integer("text"), 12);
   EXPECT_EQ(defaults.string("3.49"), "49");
   EXPECT_EQ(defaults.string("gone"), std::nullopt);
-  const auto content = parsePropertyList(contentOf(path));
-  ASSERT_TRUE(content && content->get<Dictionary>());
-  EXPECT_EQ(content->get<Dictionary>()->size(), std::size_t{kThreads * kKeys + 1}) << "no key was lost";
+  const auto content = readPropertyList(path);
+  ASSERT_TRUE(content);
+  EXPECT_EQ(content->size(), std::size_t{kThreads * kKeys + 1}) << "no key was lost";
 }
 
-TEST(UserDefaults, SetAsideWhatIsNoPropertyListAndGoOn) {
+TEST(UserDefaults, SetACorruptFileAsideAndStartEmpty) {
   const LogCapture log;
   const std::string path = inHome("bad.plist");
   const std::string cut = serialisePropertyList({{"klv_device_id", "x"}}).substr(0, 150);
@@ -108,7 +108,7 @@ TEST(UserDefaults, SetAsideWhatIsNoPropertyListAndGoOn) {
   EXPECT_EQ(log.count("the defaults begin empty"), 3U);
 }
 
-TEST(UserDefaults, TryAgainWhenTheFileCouldNotBeWritten) {
+TEST(UserDefaults, RetryAFailedWriteAndReportItOnce) {
   const LogCapture log;
   writeFileForTest(inHome("blocked"), "a file where the directory should be");
   UserDefaults defaults(inHome("blocked/p.plist"));
@@ -116,9 +116,9 @@ TEST(UserDefaults, TryAgainWhenTheFileCouldNotBeWritten) {
   EXPECT_FALSE(defaults.synchronize());
   EXPECT_FALSE(defaults.synchronize()) << "still not written";
   EXPECT_EQ(defaults.integer("a"), 1);
-  EXPECT_EQ(log.count("cannot be written"), 1U) << "said once";
+  EXPECT_EQ(log.count("cannot be written"), 1U) << "reported once";
   ASSERT_TRUE(removeItem(inHome("blocked")));
-  defaults.set("b", 1);  // reaches the file without being asked for
+  defaults.set("b", 1);  // reaches the file without a call of synchronize
   while (!fileExists(inHome("blocked/p.plist"))) std::this_thread::yield();
   EXPECT_EQ(UserDefaults(inHome("blocked/p.plist")).integer("a"), 1);
 }

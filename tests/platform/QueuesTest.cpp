@@ -6,7 +6,6 @@
 #include <deque>
 #include <future>
 #include <latch>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -15,15 +14,18 @@
 #include "platform/DispatchQueue.h"
 #include "platform/MainQueue.h"
 #include "platform/Thread.h"
+#include "platform/ThreadSafety.h"
 #include "platform/TimerService.h"
 #include "support/LogCapture.h"
+#include "support/MainLoop.h"
 
 namespace kelvo::test {
 namespace {
 
 using namespace std::chrono_literals;
 
-/// Keeps tasks that `async` submitted running until what it returns is kept or dies.
+/// Submits blocking tasks through `async` and waits until all of them run. They end when the returned promise is set or
+/// destroyed.
 template <typename Async>
 std::promise<void> keepBusy(const Async& async, int tasks = 1) {
   std::promise<void> release;
@@ -38,21 +40,21 @@ std::promise<void> keepBusy(const Async& async, int tasks = 1) {
   return release;
 }
 
-/// Keeps both pool threads busy, in tasks of one concurrent queue.
+/// Blocks both pool threads, with tasks of one concurrent queue.
 std::promise<void> keepPoolBusy() {
   return keepBusy([](auto task) { DispatchQueue::global().async(task); }, 2);
 }
 
 // --- Dispatch queues
 
-/// Eight threads, of which none may wait for a pool thread or, in a nested sync, for itself.
-TEST(DispatchQueue, ExcludesKeepsTheOrderAndLosesNothingThoughThePoolIsBusy) {
+/// No thread may wait for a pool thread or, in a nested sync, for itself.
+TEST(DispatchQueue, RunsTasksOfManyThreadsOneAtATimeInOrderEvenIfThePoolIsBusy) {
   constexpr int kThreads = 8, kTasks = 500;
   for (const bool poolIsBusy : {false, true}) {
     const auto busy = poolIsBusy ? keepPoolBusy() : std::promise<void>();
     DispatchQueue queue("stress");
     std::array<int, kThreads> last{};
-    int total = 0;  // plain on purpose: two tasks at a time are a data race
+    int total = 0;  // not atomic: two tasks at a time are a data race
     bool disorder = false;
     std::atomic<int> inside{0};
     std::vector<std::thread> threads;
@@ -63,7 +65,7 @@ TEST(DispatchQueue, ExcludesKeepsTheOrderAndLosesNothingThoughThePoolIsBusy) {
             if (inside.fetch_add(1) != 0 || last[thread] != i || !queue.isCurrent()) disorder = true;
             last[thread] = i + 1;
             ++total;
-            if (i % 8 == 0) std::this_thread::yield();  // time for another to come in, if it could
+            if (i % 8 == 0) std::this_thread::yield();  // gives another task time to interfere
             inside.fetch_sub(1);
           };
           DispatchQueue own("own");
@@ -83,7 +85,7 @@ TEST(DispatchQueue, ExcludesKeepsTheOrderAndLosesNothingThoughThePoolIsBusy) {
   }
 }
 
-TEST(DispatchQueue, DelayedTasksComeInTheOrderOfTheirTimesOnAMovedClock) {
+TEST(DispatchQueue, RunsDelayedTasksInTheOrderOfTheirDeadlines) {
   DispatchQueue queue("after");
   std::string seen;
   for (const auto& [delay, letter] : {std::pair(3h, 'c'), std::pair(1h, 'a'), std::pair(3h, 'd')}) {
@@ -99,7 +101,7 @@ TEST(DispatchQueue, DelayedTasksComeInTheOrderOfTheirTimesOnAMovedClock) {
   EXPECT_EQ(seenAfter(2h, 3), "acd");
 }
 
-TEST(DispatchQueue, WaitingTasksOutliveTheHandle) {
+TEST(DispatchQueue, RunsWaitingTasksAfterItsHandleIsDestroyed) {
   std::latch done(101);
   {
     const auto busy = keepPoolBusy();
@@ -112,10 +114,10 @@ TEST(DispatchQueue, WaitingTasksOutliveTheHandle) {
   queue->sync([&] { queue.reset(); });
 }
 
-TEST(Queues, ExceptionsEndTheirTaskOnly) {
+TEST(Queues, AnExceptionEndsOnlyItsTask) {
   const LogCapture log;
   std::latch alarms(1);
-  TimerService::schedule(std::chrono::nanoseconds::max(), [] { FAIL() << "centuries early"; });
+  TimerService::schedule(std::chrono::nanoseconds::max(), [] { FAIL() << "due in centuries"; });
   TimerService::schedule(1ms, [] { throw std::runtime_error("loud"); });
   TimerService::schedule(2ms, [&] { alarms.count_down(); });
   DispatchQueue queue("throwing");
@@ -123,7 +125,7 @@ TEST(Queues, ExceptionsEndTheirTaskOnly) {
   queue.async([] { throw std::runtime_error("to the log"); });
   queue.async([] { throw 42; });
   MainQueue::async([] { throw std::runtime_error("broken"); });
-  EXPECT_THROW(MainQueue::sync([] { MainQueue::sync([] { throw 42; }); }), int);
+  waitForMainLoop();
   EXPECT_EQ(queue.sync([] { return 7; }), 7);
   EXPECT_EQ(log.count("<KLV ERROR> A task on throwing threw: to the log"), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> A task on throwing threw an unknown exception"), 1U);
@@ -132,16 +134,16 @@ TEST(Queues, ExceptionsEndTheirTaskOnly) {
   EXPECT_EQ(log.count("<KLV ERROR> An alarm threw: loud"), 1U);
 }
 
-TEST(Thread, AForkedChildRunsSyncAtOnceAndDropsTheRest) {
+TEST(Thread, AForkedChildRunsSyncAtOnceAndDropsAsynchronousTasks) {
   DispatchQueue queue("forked");
-  // In the child, the queue is for ever owned by a thread that is not there.
+  // The child inherits a queue whose owner, a thread of the parent, does not exist there.
   const auto busy = keepBusy([&](auto task) { queue.async(task); });
   const auto child = [&] {
     bool ran = false, dropped = true;
     queue.async([&] { dropped = false; });
     queue.after(0s, [&] { dropped = false; });
     MainQueue::async([&] { dropped = false; });
-    queue.sync([&] { MainQueue::sync([&] { ran = true; }); });
+    queue.sync([&] { ran = true; });
     _exit(ran && dropped && !startThread("never", [] {}) ? 0 : 1);
   };
   EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
@@ -149,26 +151,26 @@ TEST(Thread, AForkedChildRunsSyncAtOnceAndDropsTheRest) {
 
 // --- The main loop
 
-/// A host's loop that turns only when the test says so, on the test's thread.
+/// A host's main loop. It runs a task only when the test calls `turn`, on the test's thread.
 class HostLoop {
  public:
   HostLoop() {
     MainQueue::handOver(
         [this](MainQueue::Task task) {
-          const std::lock_guard lock(mutex_);
+          const Lock lock(mutex_);
           tasks_.push_back(std::move(task));
         },
         [thread = std::this_thread::get_id()] { return std::this_thread::get_id() == thread; });
   }
   ~HostLoop() { MainQueue::handOver({}, {}); }
   std::size_t waiting() {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return tasks_.size();
   }
-  /// Runs one task, waiting for it if need be.
+  /// Waits for a task and runs it.
   void turn() {
     while (waiting() == 0) std::this_thread::yield();
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     const auto task = std::move(tasks_.front());
     tasks_.pop_front();
     lock.unlock();
@@ -176,11 +178,11 @@ class HostLoop {
   }
 
  private:
-  std::mutex mutex_;
-  std::deque<MainQueue::Task> tasks_;
+  Mutex mutex_;
+  std::deque<MainQueue::Task> tasks_ GUARDED_BY(mutex_);
 };
 
-TEST(MainQueue, WaitingTasksGoOverToTheHostAndNewOnesBackToTheLibrary) {
+TEST(MainQueue, MovesWaitingTasksToTheHostsLoopAndReturnsToItsOwn) {
   auto busy = keepBusy(MainQueue::async);
   std::string seen;
   const auto see = [&seen](char letter) { return [&seen, letter] { seen += MainQueue::isCurrent() ? letter : '?'; }; };
@@ -191,33 +193,28 @@ TEST(MainQueue, WaitingTasksGoOverToTheHostAndNewOnesBackToTheLibrary) {
     MainQueue::async(see('d'));
     for (int i = 0; i < 4; ++i) host.turn();
     busy.set_value();
-    std::thread caller([&] { MainQueue::sync(see('e')); });
-    host.turn();
-    caller.join();
-    EXPECT_EQ(seen, "abcde");
+    EXPECT_EQ(seen, "abcd");
   }
-  MainQueue::sync([test = std::this_thread::get_id()] { EXPECT_NE(std::this_thread::get_id(), test); });
+  runOnMainLoop([test = std::this_thread::get_id()] { EXPECT_NE(std::this_thread::get_id(), test); });
   EXPECT_FALSE(MainQueue::isCurrent());
 }
 
-TEST(MainQueue, AHostThatThrowsOrDropsTasksHoldsNobodyUp) {
+TEST(MainQueue, SurvivesAHostWhoseFunctionsThrow) {
   const LogCapture log;
-  const auto never = [] { FAIL() << "dropped"; };
-  MainQueue::handOver([](MainQueue::Task) { throw std::runtime_error("no loop"); }, [] { return false; });
-  MainQueue::sync(never);
-  MainQueue::handOver([](const MainQueue::Task&) {}, []() -> bool { throw 1; });
-  MainQueue::sync(never);
+  MainQueue::handOver([](MainQueue::Task) { throw std::runtime_error("no loop"); }, []() -> bool { throw 1; });
+  MainQueue::async([] { FAIL() << "dropped"; });
+  EXPECT_FALSE(MainQueue::isCurrent());
   EXPECT_EQ(log.count("<KLV ERROR> The host's post threw: no loop"), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> The host's isCurrent threw an unknown exception"), 1U);
-  EXPECT_EQ(log.count("<KLV ERROR> The host's main loop dropped a task"), 2U);
   MainQueue::handOver({}, {});
+  waitForMainLoop();
 }
 
-TEST(MainQueue, ARepeatingTimerNeverPilesUpTicks) {
+TEST(MainQueue, ARepeatingTaskSkipsTicksWhileOneWaits) {
   HostLoop host;
   static int ticks = 0;
   MainQueue::repeatEvery(10s, [] { ++ticks; });
-  const auto waitingAfter = [&](std::chrono::seconds time) {  // once all timers due by then have fired
+  const auto waitingAfter = [&](std::chrono::seconds time) {  // counts after all timers that are due have fired
     std::latch passed(1);
     TimerService::schedule(time, [&] { passed.count_down(); });
     Clock::advance(time);
@@ -225,9 +222,9 @@ TEST(MainQueue, ARepeatingTimerNeverPilesUpTicks) {
     return host.waiting();
   };
   EXPECT_EQ(waitingAfter(9s), 0U);
-  for (const auto step : {2s, 10s, 3600s}) EXPECT_EQ(waitingAfter(step), 1U) << "the other ticks are left out";
+  for (const auto step : {2s, 10s, 3600s}) EXPECT_EQ(waitingAfter(step), 1U) << "the other ticks are skipped";
   host.turn();
-  EXPECT_EQ(waitingAfter(10s), 1U) << "the rhythm goes on";
+  EXPECT_EQ(waitingAfter(10s), 1U) << "the rhythm continues";
   host.turn();
   EXPECT_EQ(ticks, 2);
 }

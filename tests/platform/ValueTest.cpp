@@ -20,7 +20,7 @@ constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kLargestDouble = std::numeric_limits<double>::max();
 
-TEST(Value, ConvertsWithoutEverLeavingTheRange) {
+TEST(Value, ConversionsClampToTheRangeOfTheResult) {
   const struct {
     Value value;
     std::int64_t asInt64;
@@ -49,7 +49,7 @@ TEST(Value, ConvertsWithoutEverLeavingTheRange) {
   EXPECT_EQ(Value(kNaN).asUInt64(), 0U);
 }
 
-TEST(Value, DescribesItself) {
+TEST(Value, HasADescription) {
   const std::pair<Value, const char*> cases[] = {
       {nullptr, "(null)"},
       {kLargest, "18446744073709551615"},
@@ -64,7 +64,7 @@ TEST(Value, DescribesItself) {
   for (const auto& [value, text] : cases) EXPECT_EQ(description(value), text);
 }
 
-TEST(Value, ComparesNumbersByWhatTheyStandFor) {
+TEST(Value, ComparesNumbersExactlyAcrossTypes) {
   EXPECT_NE(Value(std::int64_t{-1}), Value(kLargest));
   EXPECT_NE(Value(9007199254740993), Value(9007199254740992.0)) << "equal only when rounded to a double";
   EXPECT_NE(Value(kMaximum), Value(9223372036854775808.0));
@@ -73,8 +73,8 @@ TEST(Value, ComparesNumbersByWhatTheyStandFor) {
   EXPECT_NE(Value(Dictionary{{"a", nullptr}}), Value(Dictionary{{"b", nullptr}}));
 }
 
-/// Against a plain list of pairs, through the sizes at which the index comes and goes.
-TEST(Dictionary, BehavesAsAListOfPairsInOrderWhateverItsSize) {
+/// Compares a dictionary with a plain list of pairs, at sizes with and without the hash table.
+TEST(Dictionary, KeepsKeysAndOrderThroughManyChanges) {
   std::mt19937 random(288);
   Dictionary dictionary;
   std::vector<std::pair<std::string, int>> model;
@@ -103,10 +103,10 @@ TEST(Dictionary, StaysFastWithAHundredThousandKeys) {
   Dictionary dictionary;
   const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 100'000; ++i) dictionary.set(std::to_string(i), i);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "looking through takes minutes";
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "a linear lookup takes minutes";
 }
 
-TEST(CopyOnWrite, AChangeNeverShowsInAnotherCopy) {
+TEST(CopyOnWrite, AChangeIsNeverVisibleInAnotherCopy) {
   Dictionary first{{"a", 0}, {"b", "text"}, {"a", Array{1, 2}}};
   Dictionary second = first;
   EXPECT_EQ(first.begin(), second.begin()) << "a copy shares the content";
@@ -119,11 +119,11 @@ TEST(CopyOnWrite, AChangeNeverShowsInAnotherCopy) {
   array.append(array);  // into itself
   EXPECT_EQ(*jsonText(array), "[1,2,[1,2]]");
   const Dictionary shared = first;
-  first.set(first.begin()->first, first["b"]);  // key and value out of the content it lets go of
+  first.set(first.begin()->first, first["b"]);  // key and value belong to the replaced content
   first.set(*first["b"].get<std::string>(), first["b"]);
   first.set("self", first);
   EXPECT_EQ(*jsonText(first), R"({"a":"text","b":"text","text":"text","self":{"a":"text","b":"text","text":"text"}})");
-  first = *first["self"].get<Dictionary>();  // its owner dies in this assignment
+  first = *first["self"].get<Dictionary>();  // this assignment destroys its owner
   EXPECT_EQ(first.size(), 3U);
 }
 
@@ -138,7 +138,7 @@ TEST(CopyOnWrite, CopiesMayBeUsedOnDifferentThreads) {
         list.append(i);
         own.set("list", list);
         own.set("thread", t);
-        ASSERT_EQ(copy.size(), 2U) << "a change showed in the copy it was made from";
+        ASSERT_EQ(copy.size(), 2U) << "a change is visible in the original";
       }
     });
   }
@@ -147,7 +147,7 @@ TEST(CopyOnWrite, CopiesMayBeUsedOnDifferentThreads) {
   EXPECT_EQ(original["list"].get<Array>()->size(), 2U);
 }
 
-TEST(Nesting, OfAnyDepthDiesComparesAndDescribesWithoutAStackOverflow) {
+TEST(Nesting, OfAnyDepthIsDestroyedComparedAndDescribedWithoutAStackOverflow) {
   const auto chain = [](const Value& end) {
     Value value = end;
     for (int i = 0; i < 1'000'000; ++i) {
@@ -163,7 +163,7 @@ TEST(Nesting, OfAnyDepthDiesComparesAndDescribesWithoutAStackOverflow) {
 
 // --- JSON
 
-TEST(JSON, ReadsBackWhatItWrote) {
+TEST(JSON, ParsesItsOwnOutput) {
   std::vector<Value> values{kMinimum, kMaximum, kLargest, 0.1F, -0.0, 1.0, std::numeric_limits<double>::denorm_min()};
   values.emplace_back(Array{"quotes \" \\ / \t \x01 \u00e9 \U0001F600 end", std::string("nul\0inside", 10)});
   values.emplace_back(Array{std::string(5000, '"'), Array{}, Dictionary{{"", nullptr}, {"a\n", Array{true, false}}}});
@@ -180,7 +180,7 @@ TEST(JSON, ReadsBackWhatItWrote) {
   }
 }
 
-TEST(JSON, WritesNothingItCannotHold) {
+TEST(JSON, RefusesValuesThatItCannotRepresent) {
   Value deep = 1;
   for (int i = 0; i < 256; ++i) deep = Array{deep};
   EXPECT_TRUE(jsonText(deep));
@@ -196,7 +196,7 @@ TEST(JSON, WritesNothingItCannotHold) {
   }
 }
 
-TEST(JSON, AcceptsTrailingCommasAndRefusesTheRestWithThePlaceOfTheFault) {
+TEST(JSON, AcceptsTrailingCommasAndReportsTheOffsetOfOtherFaults) {
   EXPECT_EQ(*jsonText(*parseJSON(R"( {"a" : [1, 2, ], "b":2,"a":3, } )")), R"({"a":3,"b":2})");
   const std::pair<std::string, const char*> cases[] = {
       {"", "at offset 0"},        {"{\"a\":", "incomplete JSON at offset 5"},

@@ -27,6 +27,7 @@
 #include "platform/HostInterface.h"
 #include "platform/MainQueue.h"
 #include "platform/NotificationCenter.h"
+#include "support/MainLoop.h"
 #include "util/KLVUtilities+Interface.h"
 #include "util/KLVUtilities+Views.h"
 
@@ -346,7 +347,7 @@ TEST(Application, ASecondOneCanBeAttachedOnceTheFirstIsGone) {
     EXPECT_TRUE(ran) << "what waits is run at the end";
     EXPECT_EQ(HostInterface::viewTree(), nullptr);
     EXPECT_FALSE(MainQueue::isCurrent());
-    MainQueue::sync([] {});  // the library has its own loop again
+    waitForMainLoop();  // the library has its own loop again
   }
 }
 
@@ -358,7 +359,7 @@ TEST_F(Widgets, TheApplicationsLoopIsTheMainQueue) {
     for (int task = 1; task <= kTasks; ++task) {
       MainQueue::async([&last, task] { EXPECT_EQ(std::exchange(last, task), task - 1); });
     }
-    MainQueue::sync([] { EXPECT_TRUE(MainQueue::isCurrent()); });
+    runOnMainLoop([] { EXPECT_TRUE(MainQueue::isCurrent()); });
     finished = true;
   });
   EXPECT_TRUE(QTest::qWaitFor([&] { return finished.load(); }, 20000));

@@ -4,39 +4,40 @@
 
 #include <algorithm>
 #include <forward_list>
-#include <mutex>
 #include <optional>
+
+#include "platform/ThreadSafety.h"
 
 namespace kelvo::test {
 namespace {
 
 using Operation = FaultVFS::Operation;
 
-/// A database and its journals have methods of different kinds: those in their place know which.
+/// The failing methods of one kind of file, and the disk's own methods. Databases and journals have different kinds.
 struct Methods {
-  sqlite3_io_methods failing{};  // first, so that a file's pointer to them is one to all of this
+  sqlite3_io_methods failing{};  // first, so that a file's method pointer also points to this object
   const sqlite3_io_methods* disks = nullptr;
 };
 
-/// What SQLite, which knows only C functions, reaches from everywhere.
+/// The global state of the shim, because SQLite calls plain C functions.
 struct Plan {
-  std::mutex mutex;
-  std::optional<Operation> operation;  // the failing one
-  int left = 0;                        // until the first failure
-  bool forEver = false;
-  int failures = 0;
+  Mutex mutex;
+  std::optional<Operation> operation GUARDED_BY(mutex);  // the failing operation
+  int left GUARDED_BY(mutex) = 0;                        // operations until the first failure
+  bool forEver GUARDED_BY(mutex) = false;
+  int failures GUARDED_BY(mutex) = 0;
+  std::forward_list<Methods> methods GUARDED_BY(mutex);  // one for each kind; files keep their addresses
   sqlite3_vfs* disk = nullptr;
   sqlite3_vfs shim{};
-  std::forward_list<Methods> methods;  // by kind; files keep their addresses
 };
 Plan& plan() {
-  static Plan& instance = *new Plan;  // a database may be closed after every static
+  static Plan& instance = *new Plan;  // never destroyed: a database may be closed during exit
   return instance;
 }
 
 bool fails(Operation operation) {
   Plan& current = plan();
-  const std::lock_guard lock(current.mutex);
+  const Lock lock(current.mutex);
   if (current.operation != operation || --current.left > 0) return false;
   if (!current.forEver && current.left < 0) return false;
   ++current.failures;
@@ -66,10 +67,10 @@ int mapSharedMemory(sqlite3_file* file, int page, int pageSize, int extend, void
   return methodsOf(file).xShmMap(file, page, pageSize, extend, memory);
 }
 
-/// The file's other methods, locks and shared memory among them, stay the disk's own.
+/// Replaces the methods of `file` that can fail. The others, for example locks, remain the disk's own.
 void makeFailing(sqlite3_file* file) {
   Plan& current = plan();
-  const std::lock_guard lock(current.mutex);
+  const Lock lock(current.mutex);
   for (const Methods& known : current.methods) {
     if (file->pMethods == known.disks) {
       file->pMethods = &known.failing;
@@ -77,7 +78,7 @@ void makeFailing(sqlite3_file* file) {
     }
   }
   Methods& added = current.methods.emplace_front(Methods{*file->pMethods, file->pMethods});
-  added.failing.iVersion = std::min(added.failing.iVersion, 2);  // without mapped reads, which nobody could make fail
+  added.failing.iVersion = std::min(added.failing.iVersion, 2);  // no mapped reads, because we cannot make them fail
   added.failing.xRead = readFile;
   added.failing.xWrite = writeFile;
   added.failing.xTruncate = truncateFile;
@@ -102,7 +103,7 @@ int removeFile(sqlite3_vfs*, const char* name, int syncDirectory) {
 FaultVFS::FaultVFS() {
   Plan& current = plan();
   current.disk = sqlite3_vfs_find(nullptr);
-  current.shim = *current.disk;  // what does not touch a file's content stays the disk's own
+  current.shim = *current.disk;  // operations without file content remain the disk's own
   current.shim.zName = "kelvo-fault";
   current.shim.xOpen = openFile;
   current.shim.xDelete = removeFile;
@@ -117,7 +118,7 @@ FaultVFS::~FaultVFS() {
 
 void FaultVFS::fail(Operation operation, Persistence persistence, int number) {
   Plan& current = plan();
-  const std::lock_guard lock(current.mutex);
+  const Lock lock(current.mutex);
   current.operation = operation;
   current.left = number;
   current.forEver = persistence == Persistence::forEver;
@@ -126,7 +127,7 @@ void FaultVFS::fail(Operation operation, Persistence persistence, int number) {
 
 int FaultVFS::heal() {
   Plan& current = plan();
-  const std::lock_guard lock(current.mutex);
+  const Lock lock(current.mutex);
   current.operation.reset();
   return current.failures;
 }

@@ -2,10 +2,10 @@
 
 namespace kelvo::test {
 
-/// Stands between SQLite and the disk, and makes the disk fail. While one lives, every database that this process opens
-/// goes through it; files that are open when it dies must be closed by then. One at a time.
+/// A SQLite VFS in front of the disk that makes operations fail. While the object lives, every database that this
+/// process opens uses it. All files must be closed before it is destroyed. Only one object may exist at a time.
 ///
-/// A write that fails is done by half first, as on a disk that fills up.
+/// A failing write first writes half of its content, as on a disk that becomes full.
 class FaultVFS {
  public:
   enum class Operation { open, read, write, sync, remove, mapSharedMemory };
@@ -16,9 +16,9 @@ class FaultVFS {
   FaultVFS(const FaultVFS&) = delete;
   FaultVFS& operator=(const FaultVFS&) = delete;
 
-  /// The `number`th such operation from now on fails (1: the next one), and all later ones with `forEver`.
+  /// Makes the `number`th such operation from now on fail (1: the next operation), and with `forEver` all later ones.
   void fail(Operation operation, Persistence persistence, int number);
-  /// The disk works again. Returns how many operations failed.
+  /// Makes the disk work again. Returns the number of operations that failed since `fail`.
   int heal();
 };
 

@@ -2,20 +2,23 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <mutex>
 
+#include "platform/ThreadSafety.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo::test {
 namespace {
 
+constexpr std::chrono::seconds kLongestDrain{5};
+constexpr std::chrono::seconds kLongestWait{10};
+
 struct Lines {
-  std::mutex mutex;
+  Mutex mutex;
   std::condition_variable changed;
-  std::vector<std::string> all;
+  std::vector<std::string> all GUARDED_BY(mutex);
 };
 Lines& captured() {
-  static Lines& lines = *new Lines;  // the log thread may outlive every static
+  static Lines& lines = *new Lines;  // never destroyed: the log thread runs during exit
   return lines;
 }
 
@@ -28,26 +31,29 @@ std::size_t countIn(const std::vector<std::string>& lines, const std::string& te
 
 LogCapture::LogCapture() {
   {
-    const std::lock_guard lock(captured().mutex);
-    captured().all.clear();
+    Lines& lines = captured();
+    const Lock lock(lines.mutex);
+    lines.all.clear();
   }
   KLVLogger::setLogLevel(KLVLogger::Level::debug);
   KLVLogger::setSink([](KLVLogger::Level, std::string_view line) {
-    const std::lock_guard lock(captured().mutex);
-    captured().all.emplace_back(line);
-    captured().changed.notify_all();
+    Lines& lines = captured();
+    const Lock lock(lines.mutex);
+    lines.all.emplace_back(line);
+    lines.changed.notify_all();
   });
 }
 
 LogCapture::~LogCapture() {
-  KLVLogger::drain(std::chrono::seconds(5));
+  KLVLogger::drain(kLongestDrain);
   KLVLogger::setSink({});
 }
 
 std::vector<std::string> LogCapture::lines() const {
-  KLVLogger::drain(std::chrono::seconds(5));
-  const std::lock_guard lock(captured().mutex);
-  return captured().all;
+  KLVLogger::drain(kLongestDrain);
+  Lines& lines = captured();
+  const Lock lock(lines.mutex);
+  return lines.all;
 }
 
 std::size_t LogCapture::count(const std::string& text) const {
@@ -55,8 +61,13 @@ std::size_t LogCapture::count(const std::string& text) const {
 }
 
 bool LogCapture::waitFor(const std::string& text) const {
-  std::unique_lock lock(captured().mutex);
-  return captured().changed.wait_for(lock, std::chrono::seconds(10), [&] { return countIn(captured().all, text) > 0; });
+  Lines& lines = captured();
+  Lock lock(lines.mutex);
+  const auto deadline = std::chrono::steady_clock::now() + kLongestWait;
+  while (countIn(lines.all, text) == 0) {
+    if (!lock.waitUntil(lines.changed, deadline)) return countIn(lines.all, text) > 0;
+  }
+  return true;
 }
 
 }  // namespace kelvo::test

@@ -6,7 +6,7 @@
 
 namespace kelvo::test {
 
-/// Collects the library's log lines while it lives, at debug level.
+/// Collects the library's log lines while it lives, at debug level. Only one object may exist at a time.
 class LogCapture {
  public:
   LogCapture();
@@ -14,11 +14,11 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  /// All lines written so far, in order.
+  /// Returns all lines written so far, in order.
   [[nodiscard]] std::vector<std::string> lines() const;
-  /// Lines that contain `text`: "<KLV WARN> event is nil" finds level and message together.
+  /// Returns the number of lines that contain `text`, for example "<KLV WARN> event is nil".
   [[nodiscard]] std::size_t count(const std::string& text) const;
-  /// Waits until a line contains `text`.
+  /// Blocks until a line contains `text`. Returns false if none does within ten seconds.
   [[nodiscard]] bool waitFor(const std::string& text) const;
 };
 

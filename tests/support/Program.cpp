@@ -18,6 +18,9 @@ extern char** environ;  // NOLINT: POSIX's own
 namespace kelvo::test {
 namespace {
 
+constexpr std::chrono::seconds kLongestWait{20};
+constexpr std::chrono::milliseconds kPollInterval{5};
+
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> all;
   for (auto& text : texts) all.push_back(text.data());
@@ -41,7 +44,7 @@ std::vector<std::string> merged(Program::Environment changes) {
 
 Program::Program(const std::vector<std::string>& command, const Environment& environment) {
   static std::atomic<int> number{0};
-  std::signal(SIGPIPE, SIG_IGN);  // a child that was killed leaves a broken pipe
+  std::signal(SIGPIPE, SIG_IGN);  // a killed child leaves a broken pipe
   files_ = home() + "/program-" + std::to_string(++number);
   std::array<int, 2> pipe{};
   if (::pipe2(pipe.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
@@ -113,10 +116,10 @@ std::string Program::errors() const {
 }
 
 bool Program::waitFor(std::string (Program::*text)() const, const std::string& part) const {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto deadline = std::chrono::steady_clock::now() + kLongestWait;
   while ((this->*text)().find(part) == std::string::npos) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(kPollInterval);
   }
   return true;
 }

@@ -37,7 +37,7 @@ void writeFileForTest(const std::string& path, const std::string& content) {
 
 }  // namespace kelvo::test
 
-/// Every test runs in a process of its own, with a home of its own. A death test's child starts over in its parent's.
+/// Creates a home for this process and removes it at the end. Each test has its own process and thus its own home.
 int main(int argc, char** argv) {
   std::string fresh = (std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX").string();
   if (mkdtemp(fresh.data()) == nullptr) return 1;
@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
   kelvo::test::homeDirectory = fresh;
   testing::InitGoogleTest(&argc, argv);
   const int result = RUN_ALL_TESTS();
-  std::error_code inUse;  // a write in the background may still add a file
+  std::error_code inUse;  // ignored: a background write may still add a file
   std::filesystem::remove_all(fresh, inUse);
   return result;
 }
