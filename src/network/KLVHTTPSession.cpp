@@ -51,8 +51,8 @@ std::string hostsWithoutProxy() {
 /// Returns the error for a `url` that must not be requested, nullopt for one that may.
 std::optional<HTTPError> refusalOf(const std::string& url) {
   if (url.empty()) {
-    static std::atomic<bool> told{false};
-    if (!told.exchange(true)) {
+    static std::atomic<bool> isLogged{false};
+    if (!isLogged.exchange(true)) {
       KLV_ERROR("No service endpoint: set KELVO_SERVER_BASE_URL, or KelvoServerBaseURL in Info.plist");
     }
     return HTTPError{CURLE_URL_MALFORMAT, "No service endpoint is configured"};

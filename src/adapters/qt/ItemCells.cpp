@@ -32,7 +32,7 @@ class Rows final : public QObject {
   }
   explicit Rows(QObject* parent) : QObject(parent) {}
   ~Rows() override {
-    // A cell may still be held. Were it released on another thread with its index, it would change the model there.
+    // A cell may outlive its view and be released on another thread. An index in it would then change the model there.
     for (const auto& row : rows_) row->index = QPersistentModelIndex();
   }
 

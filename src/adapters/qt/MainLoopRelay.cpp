@@ -54,7 +54,7 @@ bool MainLoopRelay::runFirst() {
 }
 
 bool MainLoopRelay::event(QEvent* event) {
-  Lock lock(mutex_);  // also orders this read of the type after the event's making, which holds the mutex
+  Lock lock(mutex_);  // taken before the type is read: `wake` makes the event with the mutex held
   if (event->type() != wakeUpType()) {
     lock.unlock();
     return QObject::event(event);
