@@ -44,7 +44,7 @@ class Settings : public QDialog {
   explicit Settings(QWidget* parent);
 };
 
-/// A small shop: list, detail and basket are pages, settings a dialog.
+/// The window of a small shop. List, detail and basket are pages; the settings are a dialog.
 class Window : public QMainWindow {
  public:
   Window();

@@ -6,7 +6,7 @@
 
 #include "core/KLVController.h"
 #include "facade/Guard.h"
-#include "network/KLVHTTPSession.h"
+#include "network/ExitParking.h"
 #include "platform/ServiceEndpoint.h"
 #include "util/KLVLogger.h"
 
@@ -30,7 +30,7 @@ void storeAcceptedWork() {
 void finalizer() {
   guarded([] {
     storeAcceptedWork();
-    KLVHTTPSession::parkAtExit();
+    ExitParking::parkAtExit();
     KLVLogger::drain(kLogLimit);
   });
   std::printf("KelvoiOSSDK finalizer\n");

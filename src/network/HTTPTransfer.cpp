@@ -8,13 +8,54 @@
 #include <utility>
 
 #include "network/HTTPURL.h"
+#include "records/KLVSDKInfo.h"
 
 namespace kelvo {
 namespace {
 
 constexpr std::size_t kMaximumBody = 64U * 1024 * 1024;
 constexpr long kMaximumRedirects = 10;
-static_assert(CURL_ERROR_SIZE <= 256);
+constexpr const char* kHTTPAndHTTPS = "http,https";
+constexpr long kVerifyNameInCertificate = 2;
+
+/// Sets options of an easy handle.
+class Options {
+ public:
+  explicit Options(CURL* easy) : easy_(easy) {}
+
+  template <class T>
+  void set(CURLoption option, T value) {
+    accepted_ = accepted_ && curl_easy_setopt(easy_, option, value) == CURLE_OK;
+  }
+  /// Returns false once curl has refused an option.
+  [[nodiscard]] bool accepted() const noexcept { return accepted_; }
+
+ private:
+  CURL* easy_;
+  bool accepted_ = true;
+};
+
+void setRedirects(Options& options, bool startsOnThisMachine) {
+  options.set(CURLOPT_PROTOCOLS_STR, kHTTPAndHTTPS);
+  options.set(CURLOPT_REDIR_PROTOCOLS_STR, startsOnThisMachine ? kHTTPAndHTTPS : "https");
+  options.set(CURLOPT_FOLLOWLOCATION, 1L);
+  options.set(CURLOPT_MAXREDIRS, kMaximumRedirects);
+}
+
+void setTLS(Options& options, const std::string& caFile) {
+  options.set(CURLOPT_SSL_VERIFYPEER, 1L);
+  options.set(CURLOPT_SSL_VERIFYHOST, kVerifyNameInCertificate);
+  options.set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  if (caFile.empty()) return;
+  options.set(CURLOPT_CAINFO, caFile.c_str());
+  options.set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // or curl would trust the system's authorities, too
+}
+
+void setTimeLimits(Options& options, long seconds) {
+  options.set(CURLOPT_CONNECTTIMEOUT, seconds);
+  options.set(CURLOPT_LOW_SPEED_LIMIT, 1L);  // byte per second
+  options.set(CURLOPT_LOW_SPEED_TIME, seconds);
+}
 
 }  // namespace
 
@@ -34,77 +75,53 @@ HTTPTransfer::~HTTPTransfer() {
 }
 
 bool HTTPTransfer::configure(const Settings& settings) {
-  bool accepted = true;
-  const auto set = [&](CURLoption option, auto value) {
-    accepted = accepted && curl_easy_setopt(easy_, option, value) == CURLE_OK;
-  };
   const auto url = HTTPURL::parse(request_.url);
   const bool startsOnThisMachine = url && url->isLoopback();
-
-  set(CURLOPT_URL, request_.url.c_str());
-  set(CURLOPT_PRIVATE, static_cast<void*>(this));
-  set(CURLOPT_ERRORBUFFER, reason_.data());
-  set(CURLOPT_NOSIGNAL, 1L);
-  set(CURLOPT_USERAGENT, "Kelvo/288");
-
-  set(CURLOPT_PROTOCOLS_STR, "http,https");
-  set(CURLOPT_REDIR_PROTOCOLS_STR, startsOnThisMachine ? "http,https" : "https");
-  set(CURLOPT_FOLLOWLOCATION, 1L);
-  set(CURLOPT_MAXREDIRS, kMaximumRedirects);
-  set(CURLOPT_PREREQFUNCTION, &HTTPTransfer::beforeRequest);
-  set(CURLOPT_PREREQDATA, static_cast<void*>(this));
-
-  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-  set(CURLOPT_PIPEWAIT, 1L);  // rather share a connection than open another
-  set(CURLOPT_NOPROXY, settings.noProxy.c_str());
-  const curl_opensocket_callback openSocket = [](void* transfer, curlsocktype, curl_sockaddr* address) {
-    if (!static_cast<HTTPTransfer*>(transfer)->mayLeave()) return CURL_SOCKET_BAD;
-    // A program that the host starts must not inherit the connection.
-    const int opened = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-    if (opened < 0 || opened > STDERR_FILENO) return opened;
-    // The host has closed a standard stream, and may print to it all the same.
-    const int moved = ::fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    ::close(opened);
-    return moved;
+  const std::string userAgent = "Kelvo/" + std::to_string(static_cast<int>(kKLVSDKVersion));
+  const curl_opensocket_callback open = [](void* transfer, curlsocktype, curl_sockaddr* address) {
+    return openSocket(transfer, address->family, address->socktype, address->protocol);
   };
-  set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
-  set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
+  static_assert(CURL_ERROR_SIZE <= kReasonSize);
 
-  set(CURLOPT_SSL_VERIFYPEER, 1L);
-  set(CURLOPT_SSL_VERIFYHOST, 2L);
-  set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  if (!settings.caFile.empty()) {
-    set(CURLOPT_CAINFO, settings.caFile.c_str());
-    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // else the system's authorities count as well
-  }
+  Options options(easy_);
+  options.set(CURLOPT_URL, request_.url.c_str());
+  options.set(CURLOPT_PRIVATE, static_cast<void*>(this));
+  options.set(CURLOPT_ERRORBUFFER, reason_.data());
+  options.set(CURLOPT_NOSIGNAL, 1L);
+  options.set(CURLOPT_USERAGENT, userAgent.c_str());
+  setRedirects(options, startsOnThisMachine);
+  options.set(CURLOPT_PREREQFUNCTION, &HTTPTransfer::beforeRequest);
+  options.set(CURLOPT_PREREQDATA, static_cast<void*>(this));
 
-  const auto seconds = static_cast<long>(settings.limit.count());
-  set(CURLOPT_CONNECTTIMEOUT, seconds);
-  set(CURLOPT_LOW_SPEED_LIMIT, 1L);
-  set(CURLOPT_LOW_SPEED_TIME, seconds);
-
-  set(CURLOPT_WRITEFUNCTION, &HTTPTransfer::receive);
-  set(CURLOPT_WRITEDATA, static_cast<void*>(this));
-  return accepted && configureMethod();
+  options.set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+  options.set(CURLOPT_PIPEWAIT, 1L);  // wait to share a connection rather than open another
+  options.set(CURLOPT_NOPROXY, settings.noProxy.c_str());
+  options.set(CURLOPT_OPENSOCKETFUNCTION, open);
+  options.set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
+  setTLS(options, settings.caFile);
+  setTimeLimits(options, static_cast<long>(settings.limit.count()));
+  options.set(CURLOPT_WRITEFUNCTION, &HTTPTransfer::receive);
+  options.set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+  return options.accepted() && configureMethod();
 }
 
 bool HTTPTransfer::configureMethod() {
-  bool accepted = true;
-  // A POST must be one by nature, not by name, or a redirect that asks for a GET would repeat it.
+  Options options(easy_);
   if (request_.method == "POST") {
-    accepted = curl_easy_setopt(easy_, CURLOPT_POST, 1L) == CURLE_OK &&
-               curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size())) ==
-                   CURLE_OK &&
-               curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, request_.body.data()) == CURLE_OK &&
-               addHeader("Expect:");  // do not ask for leave before a large body
+    // CURLOPT_CUSTOMREQUEST would repeat the POST after a redirect that asks for a GET.
+    options.set(CURLOPT_POST, 1L);
+    options.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size()));
+    options.set(CURLOPT_POSTFIELDS, request_.body.data());
+    if (!addHeader("Expect:")) return false;  // removes curl's header, so that a large body is sent without asking
   } else if (request_.method != "GET") {
-    accepted = curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, request_.method.c_str()) == CURLE_OK;
+    options.set(CURLOPT_CUSTOMREQUEST, request_.method.c_str());
   }
   for (const auto& [name, value] : request_.headers) {
-    // "name:" would take the header away; "name;" sends it empty.
-    accepted = accepted && addHeader(value.empty() ? name + ";" : name + ": " + value);
+    // curl takes "name:" as a request to remove the header; "name;" sends it without a value.
+    if (!addHeader(value.empty() ? name + ";" : name + ": " + value)) return false;
   }
-  return accepted && curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headers_) == CURLE_OK;
+  options.set(CURLOPT_HTTPHEADER, headers_);
+  return options.accepted();
 }
 
 bool HTTPTransfer::addHeader(const std::string& line) {
@@ -137,27 +154,39 @@ std::size_t HTTPTransfer::receive(char* bytes, std::size_t size, std::size_t cou
     }
     self.data_.append(bytes, length);
     return length;
-  } catch (...) {  // no memory; less than `length` ends the transfer
+  } catch (...) {  // no memory; a result below `length` ends the transfer
     return 0;
   }
 }
 
-bool HTTPTransfer::mayLeave() noexcept {
+bool HTTPTransfer::isTargetAllowed() noexcept {
   try {
     const char* text = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &text);
     const auto url = HTTPURL::parse(text != nullptr ? text : "");
     if (url && !url->exposesCleartext()) return true;
     refusal_ = "A redirect to cleartext was refused";
-  } catch (...) {  // no memory to look at it: refuse
+  } catch (...) {  // no memory to parse the URL: refuse
   }
   return false;
 }
 
-/// A connection to a proxy may be used again without a look at the new target, so it takes a second one here: before
-/// anything of a request is sent, redirected ones included.
+/// Returns the socket for a new connection, or CURL_SOCKET_BAD if the target is not allowed or no socket is free.
+int HTTPTransfer::openSocket(void* transfer, int family, int type, int protocol) noexcept {
+  if (!static_cast<HTTPTransfer*>(transfer)->isTargetAllowed()) return CURL_SOCKET_BAD;
+  // A program that the host starts must not inherit the connection.
+  const int opened = ::socket(family, type | SOCK_CLOEXEC, protocol);
+  if (opened < 0 || opened > STDERR_FILENO) return opened;
+  // The host has closed a standard stream but may still print to it, so the socket must not take its number.
+  const int moved = ::fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  ::close(opened);
+  return moved;
+}
+
+/// curl calls this before it sends a request, redirected ones included. curl may reuse a proxy connection, so check the
+/// target again.
 int HTTPTransfer::beforeRequest(void* transfer, char*, char*, int, int) noexcept {
-  return static_cast<HTTPTransfer*>(transfer)->mayLeave() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+  return static_cast<HTTPTransfer*>(transfer)->isTargetAllowed() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
 }
 
 }  // namespace kelvo

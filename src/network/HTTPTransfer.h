@@ -11,14 +11,15 @@
 
 namespace kelvo {
 
-/// One request on its way: the transport's handle with all that must live as long as it. Belongs to the network
-/// thread.
+/// One HTTP request in progress: curl's easy handle and the data that must live as long as the handle.
+///
+/// Thread: the network thread only.
 class HTTPTransfer {
  public:
   struct Settings {
     std::chrono::seconds limit{30};  ///< without progress
-    std::string caFile;              ///< in place of the system's authorities, when not empty
-    std::string noProxy;             ///< hosts that are reached directly
+    std::string caFile;              ///< replaces the system's certificate authorities unless empty
+    std::string noProxy;             ///< hosts to reach without a proxy, separated by commas
   };
   struct Outcome {
     std::optional<std::string> data;
@@ -26,36 +27,42 @@ class HTTPTransfer {
     std::optional<HTTPError> error;
   };
 
-  /// nullptr when the transport refuses one of the settings: a request never goes out with fewer of them.
+  /// Returns nullptr if curl refuses a setting: a request is never sent with fewer settings.
   static std::unique_ptr<HTTPTransfer> make(HTTPRequest request, HTTPCompletion completion, const Settings& settings);
   HTTPTransfer(const HTTPTransfer&) = delete;
   HTTPTransfer& operator=(const HTTPTransfer&) = delete;
   ~HTTPTransfer();
 
-  /// A CURL*, for the thread's multi handle.
+  /// Returns the easy handle (a CURL*), to be added to a multi handle.
   [[nodiscard]] void* handle() const noexcept { return easy_; }
-  /// The end of the transfer; `code` is its CURLcode. Takes the body away.
+  /// Returns the outcome of the finished transfer; `code` is its CURLcode. Moves the body out, so call it once.
   [[nodiscard]] Outcome outcome(int code);
   [[nodiscard]] HTTPCompletion takeCompletion() noexcept { return std::move(completion_); }
 
  private:
   HTTPTransfer(HTTPRequest request, HTTPCompletion completion);
+  // Each returns false if curl refuses a setting.
   [[nodiscard]] bool configure(const Settings& settings);
   [[nodiscard]] bool configureMethod();
-  bool addHeader(const std::string& line);
+  [[nodiscard]] bool addHeader(const std::string& line);
 
-  static std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* transfer) noexcept;
-  /// Whether the current target, after redirects, may be spoken to.
-  [[nodiscard]] bool mayLeave() noexcept;
+  /// Returns whether the current target, after redirects, may be contacted: it is encrypted or on this machine.
+  [[nodiscard]] bool isTargetAllowed() noexcept;
+
+  // curl calls these; each gets its transfer as a void*.
+  static int openSocket(void* transfer, int family, int type, int protocol) noexcept;
   static int beforeRequest(void* transfer, char*, char*, int, int) noexcept;
+  static std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* transfer) noexcept;
+
+  static constexpr std::size_t kReasonSize = 256;  // of curl's error buffer, at least
 
   HTTPRequest request_;
   HTTPCompletion completion_;
-  void* easy_ = nullptr;
-  void* headers_ = nullptr;
+  void* easy_ = nullptr;     // a CURL*
+  void* headers_ = nullptr;  // a curl_slist*
   std::string data_;
-  std::string refusal_;             // why this side ended the transfer
-  std::array<char, 256> reason_{};  // of the transport's own
+  std::string refusal_;                     // why a callback of ours ended the transfer; empty if none did
+  std::array<char, kReasonSize> reason_{};  // curl's error text
 };
 
 }  // namespace kelvo

@@ -13,7 +13,7 @@ namespace {
 constexpr std::string_view kAllowed =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,;=:@/?";
 
-/// Where the brackets of an IPv6 host stand; npos twice without one.
+/// Returns the positions of the brackets around an IPv6 host, npos twice if there are none.
 std::pair<std::size_t, std::size_t> hostBrackets(std::string_view text) {
   constexpr std::string_view kAuthority = "://";
   constexpr auto kNone = std::string_view::npos;

@@ -6,22 +6,22 @@
 
 namespace kelvo {
 
-/// `text` with every byte percent-encoded that may not stand in the query of a URL. "%" is no exception, so text that
-/// was encoded before is encoded again; the brackets around the address of an IPv6 host stay.
+/// Returns `text` with every byte percent-encoded that a URL's query must not contain, "%" included: encoded text is
+/// encoded again. The brackets around the host's IPv6 address stay as they are.
 std::string percentEncoded(std::string_view text);
 
-/// What decides how a URL may be requested, as the transport itself reads it.
+/// The parts of a URL that decide whether it may be requested. curl parses the URL, so curl's requests agree.
 struct HTTPURL {
   std::string scheme;
-  std::string host;  ///< an IPv6 address stands in brackets
+  std::string host;  ///< an IPv6 address is in brackets
 
-  /// nullopt for text that is no absolute URL with a host.
+  /// Returns nullopt unless `text` is an absolute URL with a host.
   static std::optional<HTTPURL> parse(const std::string& text);
 
-  /// Exactly "localhost", an address in 127.0.0.0/8, or ::1. A name that merely ends in ".localhost" may resolve to
-  /// anywhere.
+  /// Returns true for "localhost", for an address in 127.0.0.0/8, and for ::1. Other names that end in ".localhost"
+  /// return false, because they may resolve to any machine.
   [[nodiscard]] bool isLoopback() const;
-  /// Unencrypted, and bound for another machine.
+  /// Returns true if a request would send cleartext to another machine.
   [[nodiscard]] bool exposesCleartext() const;
 };
 

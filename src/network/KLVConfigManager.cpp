@@ -11,23 +11,20 @@
 namespace kelvo {
 namespace {
 
-// No slash stands between this path and the identifier that follows it.
+// The application id follows each path directly.
 constexpr std::string_view kLogsPath = "/v1/api/apps";
 constexpr std::string_view kGzipChunkPath = "/v2/api/gzip-chunks?appId=";
 
-std::optional<Dictionary> dictionaryIn(const std::optional<Value>& value) {
-  const auto* dictionary = value ? value->get<Dictionary>() : nullptr;
-  if (dictionary == nullptr) return std::nullopt;
-  return *dictionary;
-}
+constexpr std::string_view kEnable = "enable";
+constexpr std::string_view kServicePaths = "service_paths";
 
 }  // namespace
 
 KLVConfigManager::KLVConfigManager(KLVConfigManagerDelegate& delegate) : delegate_(delegate) {
   const std::string saved = Directories::inLibrary(kKLVSdkConfigLocation);
-  if (fileExists(saved)) configDetails_ = dictionaryIn(KLVUtilities::readConfig(saved));
+  if (fileExists(saved)) configDetails_ = Value(KLVUtilities::readConfig(saved)).asDictionary();
   if (!configDetails_) configDetails_ = getDefaultConfiguration();
-  const bool* enable = configDetails_ ? (*configDetails_)["enable"].get<bool>() : nullptr;
+  const bool* enable = configDetails_ ? (*configDetails_)[kEnable].get<bool>() : nullptr;
   delegate_.setAndSaveEnableSDKState(enable != nullptr && *enable);
 }
 
@@ -42,8 +39,8 @@ void KLVConfigManager::getAndSaveLatestConfigurationWithCompletionHandler(std::f
     const auto result = parseJSON(data.value_or(""), &parseError);
     if (!result) KLV_ERROR("JSON Error: {}", parseError);
     KLV_DEBUG("Fetch Config response: {}", describe(response));
-    const auto* members = result ? result->template get<Dictionary>() : nullptr;
-    const Value details = members != nullptr ? (*members)["details"] : Value();
+    const auto members = Value(result).asDictionary();
+    const Value details = members ? (*members)["details"] : Value();
     if (details.isNull()) {
       KLV_WARN("Invalid json result while fetching config: {} with response: {}", result, describe(response));
       return;
@@ -84,12 +81,12 @@ std::optional<Dictionary> KLVConfigManager::getDefaultConfiguration() const {
   std::string error;
   const auto parsed = parseJSON(defaultConfig(delegate_.applicationIdentifier()), &error);
   if (!parsed) KLV_ERROR("Error getting configuration: {}", error);
-  return dictionaryIn(parsed);
+  return Value(parsed).asDictionary();
 }
 
 bool KLVConfigManager::isValidSDKConfiguration(const Value& configuration) {
   const auto* members = configuration.get<Dictionary>();
-  return members != nullptr && !(*members)["service_paths"].isNull() && !(*members)["enable"].isNull();
+  return members != nullptr && !(*members)[kServicePaths].isNull() && !(*members)[kEnable].isNull();
 }
 
 }  // namespace kelvo

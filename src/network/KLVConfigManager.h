@@ -9,7 +9,7 @@
 
 namespace kelvo {
 
-/// What the configuration manager asks of the controller.
+/// The controller methods that the configuration manager calls.
 class KLVConfigManagerDelegate {
  public:
   virtual std::string applicationIdentifier() = 0;
@@ -20,24 +20,28 @@ class KLVConfigManagerDelegate {
   ~KLVConfigManagerDelegate() = default;  // never deleted through this type
 };
 
-/// The remote configuration: loaded once when the manager is made, from the file that an earlier run saved or else
-/// from the built-in default. A configuration downloaded during a run takes effect at the next start.
+/// Holds the remote configuration of this run, and downloads the one for the next start.
+///
+/// The constructor loads the file that an earlier run saved, or else the built-in default. Nothing changes the
+/// configuration after that, so all methods are thread-safe.
 class KLVConfigManager {
  public:
-  /// Loads the configuration in force and reports its "enable" to the delegate, which must outlive the manager.
+  /// Loads the configuration and passes its "enable" to `delegate` (false if it is missing or not a bool). `delegate`
+  /// must outlive the manager.
   explicit KLVConfigManager(KLVConfigManagerDelegate& delegate);
 
-  /// nullopt when even the default could not be parsed. Safe from any thread.
+  /// Returns the configuration of this run, nullopt if even the default could not be parsed.
   [[nodiscard]] const std::optional<Dictionary>& configDetails() const noexcept { return configDetails_; }
 
-  /// Downloads the configuration and saves it; `completion` is called on the HTTP callback queue, only after a
-  /// successful save.
+  /// Downloads the configuration and saves it for the next start. Returns at once. `completion` is called on the HTTP
+  /// callback queue, but only after a successful save; a failure is logged.
   void getAndSaveLatestConfigurationWithCompletionHandler(std::function<void()> completion);
 
-  /// The built-in configuration of `applicationIdentifier` as JSON text, with a comma after its last path.
+  /// Returns the built-in configuration for `applicationIdentifier` as JSON text, with a comma after its last path.
   static std::string defaultConfig(const std::string& applicationIdentifier);
+  /// Returns the built-in configuration, nullopt (and an error line) if the application id makes it invalid JSON.
   [[nodiscard]] std::optional<Dictionary> getDefaultConfiguration() const;
-  /// True with a "service_paths" and an "enable" that are not null, whatever their types.
+  /// Returns true if "service_paths" and "enable" are present and not null. Their types do not matter.
   static bool isValidSDKConfiguration(const Value& configuration);
 
  private:

@@ -1,136 +1,45 @@
 #include "network/KLVHTTPSession.h"
 
 #include <curl/curl.h>
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <atomic>
 #include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <deque>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 
+#include "network/ExitParking.h"
 #include "network/HTTPTransfer.h"
 #include "network/HTTPURL.h"
+#include "network/WakeUpDescriptors.h"
 #include "platform/DispatchQueue.h"
-#include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/ServiceEndpoint.h"
 #include "platform/Thread.h"
+#include "platform/ThreadSafety.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
 
 constexpr std::chrono::seconds kLimit{30};
-constexpr std::chrono::milliseconds kParkingLimit{500};
 constexpr long kMaximumConnectionsToHost = 6;
+constexpr int kPollUntilWoken = INT_MAX;  // milliseconds
+constexpr int kPollWithoutWakeUp = 1000;  // milliseconds
+constexpr std::chrono::milliseconds kPauseAfterFailedPoll{100};
 
-thread_local bool onNetworkThread = false;
-
-/// Where network threads stop for good at process exit: the TLS library takes itself down then, and a thread that
-/// still used it would crash.
-class Parking {
- public:
-  class Visitor {
-   public:
-    virtual void wake() = 0;
-
-   protected:
-    ~Visitor() = default;
-  };
-
-  static Parking& shared() {
-    static Immortal<Parking> instance;
-    return *instance;
-  }
-
-  void enter(Visitor* thread) {
-    const std::lock_guard lock(mutex_);
-    inside_.push_back(thread);
-  }
-
-  void leave(Visitor* thread) {
-    const std::lock_guard lock(mutex_);
-    inside_.erase(std::find(inside_.begin(), inside_.end(), thread));  // one: its successor may be here already
-    left_.notify_all();
-  }
-
-  [[nodiscard]] bool closing() const noexcept { return closing_.load(); }
-
-  [[noreturn]] void stayFor(Visitor* thread) {
-    leave(thread);
-    for (;;) ::pause();
-  }
-
-  void closeAndWait() {
-    closing_.store(true);
-    std::unique_lock lock(mutex_);
-    for (Visitor* thread : inside_) thread->wake();
-    if (onNetworkThread) return;  // it cannot wait for itself
-    left_.wait_for(lock, kParkingLimit, [this] { return inside_.empty(); });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable left_;
-  std::vector<Visitor*> inside_;
-  std::atomic<bool> closing_{false};
-};
-
-/// The TLS library takes itself down at exit. Asked before its set-up begins, it parks the network thread first,
-/// even when the process ends in the middle of that set-up. It is curl's, so it is looked up, not linked.
-void parkBeforeTLSEnds() {
-  using Register = int (*)(void (*)());
-  const auto atEndOfTLS = reinterpret_cast<Register>(::dlsym(RTLD_DEFAULT, "OPENSSL_atexit"));
-  if (atEndOfTLS != nullptr) atEndOfTLS(KLVHTTPSession::parkAtExit);
-}
-
-/// True when curl is ready for use. Our exit handler is registered after those that its set-up registers, so it runs
-/// before them.
-bool setUpTransport() {
+/// Initialises curl once per process. Returns whether curl is ready for use. The parking is registered before and
+/// after: see ExitParking.h.
+bool setUpCurl() {
   static const bool ready = [] {
-    parkBeforeTLSEnds();
-    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK && std::atexit(KLVHTTPSession::parkAtExit) == 0;
+    ExitParking::registerBeforeOpenSSL();
+    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK && ExitParking::registerAfterCurl();
   }();
   return ready;
 }
 
-/// curl wakes itself up through a pair of sockets that a program which the host starts would inherit, and does not
-/// name them. They are sought where they must be, on the numbers that were `free` right before, and known by the byte
-/// that waits between them; when another thread took a number meanwhile, they stay as they are.
-void keepFromChildren(const std::array<int, 2>& free) {
-  const auto isLocal = [](int socket) {
-    int domain = 0;
-    socklen_t size = sizeof domain;
-    return ::getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX;
-  };
-  int received = 0;
-  int sent = 0;
-  if (!isLocal(free[0]) || !isLocal(free[1])) return;
-  if (::ioctl(free[0], FIONREAD, &received) != 0 || ::ioctl(free[1], SIOCOUTQ, &sent) != 0) return;
-  if (received != 1 || sent == 0) return;
-  for (const int socket : free) ::fcntl(socket, F_SETFD, FD_CLOEXEC);
-}
-
-/// The two numbers that the next descriptors of this process will have.
-std::array<int, 2> freeDescriptors() {
-  std::array<int, 2> pair{-1, -1};
-  if (::pipe2(pair.data(), O_CLOEXEC) != 0) return pair;
-  for (const int end : pair) ::close(end);
-  return pair;
-}
-
-/// The environment's list of hosts to reach directly, and always those of this machine.
+/// Returns the environment's list of hosts to reach without a proxy, with the loopback hosts added.
 std::string hostsWithoutProxy() {
   const char* listed = secure_getenv("no_proxy");
   if (listed == nullptr) listed = secure_getenv("NO_PROXY");
@@ -139,11 +48,11 @@ std::string hostsWithoutProxy() {
   return std::string(listed) == "*" ? "*" : listed + ("," + own);
 }
 
-/// Why a request for `url` cannot be let out.
+/// Returns the error for a `url` that must not be requested, nullopt for one that may.
 std::optional<HTTPError> refusalOf(const std::string& url) {
   if (url.empty()) {
-    static std::atomic<bool> told{false};
-    if (!told.exchange(true)) {
+    static std::atomic<bool> isLogged{false};
+    if (!isLogged.exchange(true)) {
       KLV_ERROR("No service endpoint: set KELVO_SERVER_BASE_URL, or KelvoServerBaseURL in Info.plist");
     }
     return HTTPError{CURLE_URL_MALFORMAT, "No service endpoint is configured"};
@@ -161,16 +70,17 @@ HTTPTransfer::Outcome failure(CURLcode code, std::string why) {
 
 }  // namespace
 
-struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_this<Impl> {
+/// The state that the session's handle, its network thread and its pending callbacks share.
+struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shared_from_this<Impl> {
   explicit Impl(std::chrono::seconds limit) { settings_.limit = limit; }
 
-  void start(HTTPRequest request, HTTPCompletion completion) {
+  void start(HTTPRequest request, HTTPCompletion completion) EXCLUDES(mutex_) {
     ++unfinished_;
     if (auto refusal = refusalOf(request.url)) {
       return finish(std::move(completion), {std::nullopt, std::nullopt, std::move(refusal)});
     }
-    std::unique_lock lock(mutex_);
-    if (Parking::shared().closing()) return;
+    Lock lock(mutex_);
+    if (ExitParking::shared().isExiting()) return;
     if (!running_) running_ = startThread("kelvo.net", [self = shared_from_this()] { self->run(); });
     if (!running_) {
       lock.unlock();
@@ -180,16 +90,17 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
     if (multi_ != nullptr) curl_multi_wakeup(multi_);
   }
 
-  void close() {
+  /// Lets the network thread end once all requests are finished.
+  void close() EXCLUDES(mutex_) {
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       closed_ = true;
     }
     wake();
   }
 
-  void wake() override {
-    const std::lock_guard lock(mutex_);
+  void wake() override EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
     if (multi_ != nullptr) curl_multi_wakeup(multi_);
   }
 
@@ -201,51 +112,53 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
     HTTPCompletion completion;
   };
 
+  /// The network thread's body.
   void run() noexcept {
-    onNetworkThread = true;
-    Parking::shared().enter(this);
-    if (Parking::shared().closing()) Parking::shared().stayFor(this);
+    auto& parking = ExitParking::shared();
+    parking.enter(*this);
+    parking.parkIfExiting(*this);
     try {
       serve();
     } catch (const std::exception& exception) {
       reportProblem("KLVHTTPSession", exception.what());
     }
     end();
-    Parking::shared().leave(this);
+    parking.leave(*this);
   }
 
-  void serve() {
-    if (!setUpTransport()) return;
-    const auto free = freeDescriptors();
+  /// Runs requests until the session is closed and all of them are finished. Returns at once if curl cannot be set up.
+  void serve() EXCLUDES(mutex_) {
+    if (!setUpCurl()) return;
+    const WakeUpDescriptors wakeUp;
     CURLM* const multi = curl_multi_init();
     if (multi == nullptr) return;
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaximumConnectionsToHost);
     settings_.caFile = ServiceEndpoint::shared().caFile;
     settings_.noProxy = hostsWithoutProxy();
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       multi_ = multi;
     }
-    // Without a free descriptor for the wake-up at birth, look for requests once a second.
-    const int patience = curl_multi_wakeup(multi) == CURLM_OK ? INT_MAX : 1000;
-    keepFromChildren(free);
+    // If no descriptor was free for curl's wake-up, poll for new requests once a second.
+    const int patience = curl_multi_wakeup(multi) == CURLM_OK ? kPollUntilWoken : kPollWithoutWakeUp;
+    wakeUp.closeOnExec();
     for (;;) {
-      if (Parking::shared().closing()) Parking::shared().stayFor(this);
+      ExitParking::shared().parkIfExiting(*this);
       if (!acceptWaiting(multi)) return;
       int running = 0;
       curl_multi_perform(multi, &running);
       deliverFinished(multi);
       if (curl_multi_poll(multi, nullptr, 0, patience, nullptr) != CURLM_OK) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // short of memory or descriptors: no spinning
+        std::this_thread::sleep_for(kPauseAfterFailedPoll);  // no memory or no descriptors: do not spin
       }
     }
   }
 
-  /// False when the session is closed and all is done.
-  bool acceptWaiting(CURLM* multi) {
+  /// Hands the waiting requests to curl. Returns false if the session is closed and all requests are finished.
+  [[nodiscard]] bool acceptWaiting(CURLM* multi) EXCLUDES(mutex_) {
     std::deque<Waiting> accepted;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       accepted.swap(waiting_);
       if (closed_ && accepted.empty() && active_.empty()) return false;
     }
@@ -266,7 +179,7 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
     while (const CURLMsg* message = curl_multi_info_read(multi, &left)) {
       const CURLcode code = message->data.result;
       const auto found = active_.find(message->easy_handle);
-      curl_multi_remove_handle(multi, message->easy_handle);  // `message` is gone with it
+      curl_multi_remove_handle(multi, message->easy_handle);  // also frees `message`
       if (found == active_.end()) continue;
       const auto transfer = std::move(found->second);
       active_.erase(found);
@@ -274,19 +187,19 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
     }
   }
 
-  /// The thread ends: whatever is still with it ends in an error, and the next request starts another.
-  void end() {
+  /// Ends all remaining requests in an error. The next request starts a new network thread.
+  void end() EXCLUDES(mutex_) {
+    CURLM* const multi = currentMulti();
     for (auto& [handle, transfer] : active_) {
-      curl_multi_remove_handle(multi_, handle);
+      curl_multi_remove_handle(multi, handle);
       finish(transfer->takeCompletion(), failure(CURLE_FAILED_INIT, "The network thread ended"));
     }
     active_.clear();
     std::deque<Waiting> waiting;
-    CURLM* multi = nullptr;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       waiting.swap(waiting_);
-      multi = std::exchange(multi_, nullptr);
+      multi_ = nullptr;
       running_ = false;
     }
     curl_multi_cleanup(multi);
@@ -295,6 +208,13 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
     }
   }
 
+  [[nodiscard]] CURLM* currentMulti() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    return multi_;
+  }
+
+  /// Calls `completion` on the callback queue. The request counts as unfinished until `completion` has returned or
+  /// thrown.
   void finish(HTTPCompletion completion, HTTPTransfer::Outcome outcome) {
     callbacks_.async(
         [self = shared_from_this(), completion = std::move(completion), outcome = std::move(outcome)]() mutable {
@@ -308,13 +228,15 @@ struct KLVHTTPSession::Impl final : Parking::Visitor, std::enable_shared_from_th
   DispatchQueue callbacks_{"com.kelvo.concurrent.KLVPostman.callbacks", DispatchQueue::Kind::concurrent};
   std::atomic<std::size_t> unfinished_{0};
 
-  std::mutex mutex_;  // guards what follows
-  std::deque<Waiting> waiting_;
-  CURLM* multi_ = nullptr;  // other threads only wake it
-  bool running_ = false;
-  bool closed_ = false;
+  Mutex mutex_;
+  std::deque<Waiting> waiting_ GUARDED_BY(mutex_);
+  // Only the network thread uses it; other threads only wake it, with the mutex held so that it lives meanwhile.
+  CURLM* multi_ GUARDED_BY(mutex_) = nullptr;
+  bool running_ GUARDED_BY(mutex_) = false;
+  bool closed_ GUARDED_BY(mutex_) = false;
 
-  HTTPTransfer::Settings settings_;  // from here on for the network thread alone
+  // Thread: the network thread only.
+  HTTPTransfer::Settings settings_;
   std::unordered_map<CURL*, std::unique_ptr<HTTPTransfer>> active_;
 };
 
@@ -331,10 +253,6 @@ void KLVHTTPSession::start(HTTPRequest request, HTTPCompletion completion) {
 
 std::size_t KLVHTTPSession::unfinished() const {
   return impl_->unfinished();
-}
-
-void KLVHTTPSession::parkAtExit() {
-  if (!inForkedChild()) Parking::shared().closeAndWait();
 }
 
 }  // namespace kelvo

@@ -13,15 +13,16 @@
 namespace kelvo {
 namespace {
 
-/// nullopt for text that makes no URL.
+/// Returns nullopt if the encoded text is not a URL.
 std::optional<std::string> encodedURL(const std::string& text) {
   std::string encoded = percentEncoded(text);
   if (!HTTPURL::parse(encoded)) return std::nullopt;
   return encoded;
 }
 
-/// `baseURL` followed by `path`. Without a base URL, or with one that is none, the text is empty, which ends the
-/// request in an error that says so: a start that got no answer at all would never end.
+/// Returns `baseURL` followed by `path`, encoded; nullopt if that is not a URL. If `baseURL` itself is not a URL,
+/// returns an empty text: the session then ends the request in an error. Without a callback, a start-up would never
+/// end.
 std::optional<std::string> appendedURL(const std::string& baseURL, const std::string& path) {
   if (!HTTPURL::parse(baseURL)) return std::string();
   return encodedURL(baseURL + path);

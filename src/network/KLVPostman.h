@@ -9,23 +9,24 @@
 
 namespace kelvo {
 
-/// The one HTTP client: sends JSON requests to the service and hands the raw outcome back; it never interprets one.
+/// Sends JSON requests to the service and passes the raw outcomes on. It never interprets them.
 ///
-/// Requests may be issued from any thread and return at once. A request that cannot be formed is logged and never
-/// calls back; every other one calls back exactly once, on the client's callback queue.
+/// Thread-safe; every call returns at once. A request that cannot be formed is logged and never calls back. Every other
+/// request calls back exactly once, on the HTTP callback queue, unless the process exits.
 class KLVPostman {
  public:
-  /// A client of the endpoint that was read at load.
+  /// Uses the base URL of `ServiceEndpoint`.
   KLVPostman();
-  /// The process-wide HTTP session, made on first use.
+  /// Returns the HTTP session of the process, made on first use and never destroyed.
   static KLVHTTPSession& sharedSession();
 
-  /// `path` is the whole URL when it contains "https:", else it follows the base URL directly.
+  // `path` is the whole URL if it contains "https:"; otherwise it is appended to the base URL.
+
   void getDataFromURLPath(const std::string& path, HTTPCompletion completion);
-  /// Headers of the caller replace those of the client. Without a body dictionary the body is empty.
+  /// `headerFields` replace the client's own headers. nullopt as `body` sends an empty body.
   void postDataToURL(const std::string& path, const std::optional<Dictionary>& body,
                      const std::optional<Dictionary>& headerFields, HTTPCompletion completion);
-  /// Kept: always appends `path` to the base URL, even when it is a whole URL.
+  /// Kept: always appends `path` to the base URL, even if it is a whole URL.
   void makeDeleteRequestToURLPath(const std::string& path, const std::optional<Dictionary>& headerFields,
                                   HTTPCompletion completion);
 

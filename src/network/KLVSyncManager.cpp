@@ -27,22 +27,17 @@ Array keys(const Dictionary& dictionary) {
   return all;
 }
 
-Dictionary dictionaryIn(const std::optional<Value>& value) {
-  const auto* dictionary = value ? value->get<Dictionary>() : nullptr;
-  return dictionary != nullptr ? *dictionary : Dictionary();
-}
-
 bool save(const Dictionary& disk, const std::string& actionType) {
   return KLVUtilities::saveConfig(KLVUtilities::jsonDataFromNSDictionary(disk), fileOf(actionType));
 }
 
-/// The device's own side of a sync: the PID/MID record and the saved configuration.
+/// The state on the device: the PID/MID record and the saved configuration.
 struct State {
   Dictionary local;
   Dictionary disk;
-  bool modified = false;  ///< whether `disk` lost something
+  bool modified = false;  ///< whether a campaign was dropped from `disk`
 
-  /// What the record claims to have but the file does not hold is asked for again.
+  /// Removes the campaigns that are not in the saved configuration from the record, so that they are fetched again.
   void repairRecord() {
     for (const auto& [pid, mid] : Dictionary(local)) {
       if (KLVUtilities::doesConfig(disk, pid)) continue;
@@ -74,7 +69,7 @@ struct State {
   }
 };
 
-/// The query's end that asks for what is new or changed; empty when nothing is.
+/// Returns the end of the query that fetches the new and changed campaigns. Empty if there are none.
 std::string pidsToFetch(const Dictionary& server, const Dictionary& local) {
   std::string suffix;
   for (const auto& [pid, mid] : server) {
@@ -87,7 +82,8 @@ std::string pidsToFetch(const Dictionary& server, const Dictionary& local) {
 }  // namespace
 
 Dictionary KLVSyncManager::savedConfig(const std::string& actionType) {
-  return dictionaryIn(KLVUtilities::readConfigAtRelativePath(fileOf(actionType)));
+  const Value saved = KLVUtilities::readConfigAtRelativePath(fileOf(actionType));
+  return saved.asDictionary().value_or(Dictionary());
 }
 
 void KLVSyncManager::getSyncDataForActionType(const std::string& actionType, const std::string& version,
@@ -115,11 +111,11 @@ void KLVSyncManager::onValidated(const Sync& sync, const Data& data, const Respo
     return sync.completion();
   }
   KLV_DEBUG("Response for validating hash: {}", describe(response));
-  const auto received = KLVUtilities::dictionaryFromNSData(data);
+  const Value received = KLVUtilities::dictionaryFromNSData(data);
   KLV_DEBUG("Received data: {}", received);
-  const Dictionary answer = dictionaryIn(received);
+  const Dictionary answer = received.asDictionary().value_or(Dictionary());
   const auto* hash = answer["hash"].get<std::string>();
-  if (hash == nullptr) return;  // Kept: without a word, and without the completion.
+  if (hash == nullptr) return;  // Kept: no log line, and no call of the completion.
 
   const auto saved = KLVUtilities::getHashForModule(sync.actionType);
   KLV_DEBUG("Existing hash: {}, new hash: {}", saved, *hash);
@@ -127,7 +123,7 @@ void KLVSyncManager::onValidated(const Sync& sync, const Data& data, const Respo
 
   const auto* announced = answer["pid_mid"].get<std::string>();
   if (announced == nullptr || announced->empty()) {
-    // Kept: no completion here either, unlike after every other failure.
+    // Kept: no call of the completion here either, unlike after every other failure.
     KLV_WARN("Invalid pid_mid content inside action sync validate call for type: {}", sync.actionType);
     KLV_INFO("Refusing to get config for action type: {}", sync.actionType);
     return;
@@ -159,7 +155,7 @@ void KLVSyncManager::reconcile(const Sync& sync, const std::string& hash, const 
     }
   }
   if (pids.empty()) {
-    // Kept: the new hash is not saved, so the next call asks again.
+    // Kept: the new hash is not saved, so the next call compares again.
     KLV_INFO("No changes in sync config, not making any calls");
     return sync.completion();
   }
@@ -184,9 +180,9 @@ void KLVSyncManager::onFetched(const Sync& sync, const std::string& hash, Dictio
     return sync.completion();
   }
   KLV_DEBUG("Response for getting config: {}", describe(response));
-  const auto received = KLVUtilities::dictionaryFromNSData(data);
+  const Value received = KLVUtilities::dictionaryFromNSData(data);
   KLV_DEBUG("Received data: {}", received);
-  const Dictionary answer = dictionaryIn(received);
+  const Dictionary answer = received.asDictionary().value_or(Dictionary());
   const auto* configs = answer["configs"].get<Array>();
   if (configs == nullptr) {
     KLV_WARN("Invalid json result received");
@@ -197,7 +193,7 @@ void KLVSyncManager::onFetched(const Sync& sync, const std::string& hash, Dictio
   if (const auto fresh = KLVUtilities::iDKeyDictionaryForConfigs(*configs)) {
     KLV_INFO("Appending new config: {}", keys(*fresh));
     KLV_DEBUG("Appending new config for type: {}, config: {}", sync.actionType, *fresh);
-    // Kept: what an earlier revision called otherwise stays beside it.
+    // Kept: an action of an earlier revision stays if the new revision has another "_id" for it.
     disk = KLVUtilities::addTwoDictionaries(disk, *fresh);
   }
   KLV_DEBUG("Config to be saved is: {}", disk);

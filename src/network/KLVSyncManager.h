@@ -11,12 +11,12 @@
 
 namespace kelvo {
 
-/// What the sync manager asks of the controller.
+/// The controller methods that the sync manager calls.
 class KLVSyncManagerDelegate {
  public:
   virtual std::string applicationIdentifier() = 0;
   virtual std::shared_ptr<KLVDeviceInfo> deviceInfo() = 0;
-  /// The record of `type`, with every change that was persisted before.
+  /// Returns the PID/MID record of `type` as last persisted, nullopt if there is none.
   virtual std::optional<Dictionary> getPIDMIDDictForType(const std::string& type) = 0;
   virtual void persistPIDMIDDict(const std::optional<Dictionary>& record, const std::string& type) = 0;
   virtual void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) = 0;
@@ -25,27 +25,33 @@ class KLVSyncManagerDelegate {
   ~KLVSyncManagerDelegate() = default;  // never deleted through this type
 };
 
-/// Keeps the saved configurations of the real-time actions ("rta") and of the surveys (any other type) in step with
-/// the service, which announces the current revision (MID) of each campaign (PID) and a hash of them all. Only new and
-/// changed campaigns are downloaded, and withdrawn ones are dropped.
+/// Synchronises the saved configurations of the real-time actions ("rta") and of the surveys (any other type) with the
+/// service.
 ///
-/// Nothing is kept between two calls but the saved file, the PID/MID record and the hash. The hash is saved last, so a
-/// sync that is interrupted is done again in full. Two calls for one type at a time are not kept apart.
+/// The service announces each campaign (PID) with its revision (MID), and a hash of all of them. The manager downloads
+/// the new and changed campaigns only, and drops the withdrawn ones. Its state between two calls is on disk: the saved
+/// configuration, the PID/MID record and the hash.
+///
+/// A download saves the configuration first, then the hash, then the record. If the process ends before the hash is
+/// saved, the next call downloads again. If it ends after that, the record stays old until the service announces
+/// another hash; the next call then downloads the campaigns that the record lacks or has in an older revision.
+/// Thread-safe, but nothing serialises two simultaneous calls for one type.
 class KLVSyncManager {
  public:
   /// `delegate` must outlive all calls.
   explicit KLVSyncManager(KLVSyncManagerDelegate& delegate) : delegate_(delegate) {}
 
-  /// Returns at once. `completion` means: boot from the saved configuration now. It is called once, on the HTTP
-  /// callback queue, after a failure too; but never when the service's answer has no hash or no campaigns.
+  /// Starts one synchronisation and returns at once. `completion` is called once, on the HTTP callback queue, also
+  /// after a failure: the caller then uses the saved configuration. It is never called if the service's answer has no
+  /// hash or a new hash without campaigns.
   void getSyncDataForActionType(const std::string& actionType, const std::string& version,
                                 std::function<void()> completion);
 
-  /// What is saved for `actionType`: "_id" to action; empty when there is none.
+  /// Returns the saved configuration of `actionType`, a dictionary of actions by their "_id". Empty if there is none.
   [[nodiscard]] static Dictionary savedConfig(const std::string& actionType);
 
  private:
-  /// One call on its way.
+  /// One call of `getSyncDataForActionType`.
   struct Sync {
     std::string actionType;
     std::string fetchPath;

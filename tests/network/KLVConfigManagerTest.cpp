@@ -9,9 +9,9 @@ const std::string kFile = "com.kelvo.SDK.config.json";
 
 using ConfigManager = NetworkTest;
 
-TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefaultElseIsOff) {
+TEST_F(ConfigManager, LoadsTheSavedConfigurationElseTheDefaultElseTurnsTheSDKOff) {
   const struct {
-    const char* saved;  // empty: nothing
+    const char* saved;  // empty for no file
     bool enabled, isDefault;
   } cases[] = {{"", true, true},
                {"{\"enable\":tru", true, true},
@@ -37,7 +37,7 @@ TEST_F(ConfigManager, LoadsWhatWasSavedElseTheDefaultElseIsOff) {
       "\"logs_paths\":\"/v1/api/appsA\",\n}}"));
   std::filesystem::remove(library(kFile));
   Controller unreadable;
-  unreadable.identifier = "\"";  // ends a text in the default before its time
+  unreadable.identifier = "\"";  // makes the default invalid JSON
   EXPECT_FALSE(KLVConfigManager(unreadable).configDetails());
   EXPECT_EQ(unreadable.enabled, false);
   EXPECT_EQ(log.count("<KLV ERROR> Error getting configuration: "), 1U);
@@ -61,7 +61,7 @@ TEST_F(ConfigManager, SavesAValidDownloadForTheNextStartAndKeepsTheOldFileOtherw
   Controller controller;
   KLVConfigManager manager(controller);
   const auto inForce = manager.configDetails();
-  const auto download = [&] {  // whether the manager called back
+  const auto download = [&] {  // returns whether the manager called back
     bool calledBack = false;
     manager.getAndSaveLatestConfigurationWithCompletionHandler([&] { calledBack = true; });
     waitForTheEnd();

@@ -23,11 +23,11 @@ class HTTPSession : public NetworkTest {
   KLVHTTPSession session{2s};
 };
 
-TEST_F(HTTPSession, HandsEveryOutcomeOverAsItIs) {
+TEST_F(HTTPSession, PassesEveryOutcomeOnUnchanged) {
   const struct {
     const char* name;
     Script script;
-    long status;  // 0: an error
+    long status;  // 0 for an error
     std::string body;
   } cases[] = {{"success", {200, "{}"}, 200, "{}"},
                {"without a body", {204, ""}, 204, ""},
@@ -35,7 +35,7 @@ TEST_F(HTTPSession, HandsEveryOutcomeOverAsItIs) {
                {"no answer", Script::never(), 0, ""},
                {"reset", Script::cut(), 0, ""},
                {"cut body", Script::cutShort(), 0, ""},
-               {"body beyond all reason", {200, std::string((64 << 20) + 1, 'x')}, 0, ""}};
+               {"body over the limit", {200, std::string((64 << 20) + 1, 'x')}, 0, ""}};
   std::size_t count = 0;
   for (const auto& [name, script, status, body] : cases) {
     SCOPED_TRACE(name);
@@ -50,7 +50,7 @@ TEST_F(HTTPSession, HandsEveryOutcomeOverAsItIs) {
   }
 }
 
-TEST_F(HTTPSession, OpensSixConnectionsAndLetsTheOthersWaitBeyondTheTimeLimit) {
+TEST_F(HTTPSession, OpensSixConnectionsAndLetsOtherRequestsWaitBeyondTheTimeLimit) {
   server.answer("/slow", Script::late(800ms));
   for (int i = 0; i < 20; ++i) start("/slow");
   EXPECT_TRUE(replies.wait(20).response);
@@ -58,7 +58,7 @@ TEST_F(HTTPSession, OpensSixConnectionsAndLetsTheOthersWaitBeyondTheTimeLimit) {
   EXPECT_EQ(server.requests("/slow").size(), 20U);
 }
 
-TEST_F(HTTPSession, ACallbackThatBlocksOrThrowsHoldsUpNobody) {
+TEST_F(HTTPSession, ABlockingOrThrowingCompletionDelaysNoOtherRequest) {
   std::promise<void> release;
   const HTTPRequest request{"GET", server.baseURL() + "/x", {}, {}};
   session.start(request, [&](auto, auto, auto) { release.get_future().wait(); });
@@ -69,11 +69,11 @@ TEST_F(HTTPSession, ACallbackThatBlocksOrThrowsHoldsUpNobody) {
   EXPECT_GE(session.unfinished(), 1U);
   release.set_value();
   while (session.unfinished() > 0) std::this_thread::yield();
-  while (log.count("oops") < 5U) std::this_thread::yield();  // told once the callback is unwound
+  while (log.count("oops") < 5U) std::this_thread::yield();  // the line is written after the callback is unwound
   EXPECT_EQ(log.count("oops"), 5U);
 }
 
-TEST_F(HTTPSession, NoProxyStandsBetweenItAndThisMachine) {
+TEST_F(HTTPSession, UsesNoProxyForALoopbackHost) {
   for (const char* name : {"http_proxy", "https_proxy"}) setenv(name, "http://127.0.0.1:1", 1);
   start("/direct");
   EXPECT_TRUE(replies.wait(1).response);
@@ -81,7 +81,7 @@ TEST_F(HTTPSession, NoProxyStandsBetweenItAndThisMachine) {
   EXPECT_NE(replies.wait(2).error->localizedDescription.find("127.0.0.1 port 1"), std::string::npos);
 }
 
-TEST_F(HTTPSession, ARedirectIsFollowedWithAGetAndNeverIntoCleartext) {
+TEST_F(HTTPSession, FollowsARedirectWithAGetButNeverToCleartext) {
   const auto redirected = [this](const std::string& target) {
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
@@ -109,7 +109,7 @@ TEST_F(HTTPSession, ARedirectIsFollowedWithAGetAndNeverIntoCleartext) {
 
 class TLS : public testing::Test {
  protected:
-  /// A service whose certificate is good for this machine, signed by itself, and trusted by this process.
+  /// Starts a service with a self-signed certificate for this machine, which this process trusts.
   void serve() {
     const std::string certificate = home() + "/certificate.pem", key = home() + "/key.pem";
     const std::string command =
@@ -126,7 +126,7 @@ class TLS : public testing::Test {
   collector::Server server;
 };
 
-TEST_F(TLS, ThePrivateAuthorityIsTrusted) {
+TEST_F(TLS, TrustsThePrivateAuthority) {
   serve();
   Replies replies;
   KLVHTTPSession session;
@@ -134,7 +134,7 @@ TEST_F(TLS, ThePrivateAuthorityIsTrusted) {
   EXPECT_TRUE(replies.wait().response);
 }
 
-/// A host that takes its time to end, after the TLS library took itself down.
+/// Acts as a host that still runs for a while after OpenSSL has cleaned up.
 [[gnu::destructor]] void endSlowly() {
   if (getenv("KELVO_TEST_EXIT_URL") != nullptr) usleep(100'000);
 }
@@ -143,7 +143,7 @@ TEST_F(TLS, TheProcessMayExitInTheMiddleOfUploads) {
   if (const char* url = getenv("KELVO_TEST_EXIT_URL")) {
     static KLVHTTPSession busy;
     static std::atomic<int> answers{0};
-    // The end of every upload starts the next: TLS is busy for good.
+    // Each upload starts the next one when it ends, so TLS stays in use.
     static const std::function<void()> keepUploading = [url] {
       busy.start({"POST", url, {}, std::string(1 << 20, 'x')}, [](auto, auto, auto) {
         ++answers;
@@ -158,7 +158,7 @@ TEST_F(TLS, TheProcessMayExitInTheMiddleOfUploads) {
     std::exit(42);
   }
   serve();
-  server.answer("/upload", Script::cut());  // so that every upload begins with a handshake
+  server.answer("/upload", Script::cut());  // every upload then begins with a handshake
   for (int round = 0; round < 8; ++round) {
     Program process({"/proc/self/exe", "--gtest_filter=TLS.TheProcessMayExitInTheMiddleOfUploads"},
                     {{"KELVO_TEST_EXIT_URL", server.baseURL() + "/upload"}});

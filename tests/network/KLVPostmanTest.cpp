@@ -10,7 +10,7 @@ namespace {
 
 using Postman = NetworkTest;
 
-TEST_F(Postman, AGetArrivesWithItsPathEncodedOnceMore) {
+TEST_F(Postman, AGetPercentEncodesItsPathEvenIfItIsEncodedAlready) {
   KLVPostman().getDataFromURLPath("/a b/\xC3\xBC?x=1&y=50%25#[z]", replies.collect());
   replies.wait();
   const auto request = server.requests().at(0);
@@ -21,20 +21,20 @@ TEST_F(Postman, AGetArrivesWithItsPathEncodedOnceMore) {
   EXPECT_TRUE(log.waitFor("<KLV DEBUG> Response: " + server.baseURL() + "/a%20b/%C3%BC?"));
 }
 
-TEST_F(Postman, ABodyOfAnySizeArrivesAndHeadersReplaceOursAndCannotSlipInOthers) {
+TEST_F(Postman, LargeBodiesArriveAndHeadersReplaceOursButInjectNoOthers) {
   const Dictionary large{{"", std::string(3 << 20, 'x')}};
   KLVPostman().postDataToURL("/post", large, std::nullopt, replies.collect());
   replies.wait(1);
   EXPECT_TRUE(server.requests().at(0).json() == Value(large));
-  const Dictionary headers{{"content-TYPE", "text/plain"}, {"X-Bad", "a\r\nX-Slipped: in"}};
+  const Dictionary headers{{"content-TYPE", "text/plain"}, {"X-Bad", "a\r\nX-Injected: in"}};
   KLVPostman().makeDeleteRequestToURLPath("/thing", headers, replies.collect());
   replies.wait(2);
   const auto request = server.requests().at(1);
   EXPECT_EQ(request.method + " " + request.header("content-type"), "DELETE text/plain");
-  EXPECT_FALSE(request.headers.contains("x-slipped") || request.headers.contains("x-bad"));
+  EXPECT_FALSE(request.headers.contains("x-injected") || request.headers.contains("x-bad"));
 }
 
-TEST_F(Postman, WhatCannotBeFormedIsLoggedAndNeverCallsBack) {
+TEST_F(Postman, ARequestThatCannotBeFormedIsLoggedAndNeverCallsBack) {
   const std::string elsewhere = "https://127.0.0.1:1/v2";
   KLVPostman postman;
   postman.getDataFromURLPath("/v2?next=https://127.0.0.1", replies.collect());  // taken for a whole URL
@@ -45,12 +45,12 @@ TEST_F(Postman, WhatCannotBeFormedIsLoggedAndNeverCallsBack) {
   EXPECT_EQ(log.count("<KLV ERROR> Error geting json object from data: "), 1U);
   EXPECT_EQ(log.count("<KLV WARN> Unable to create requestBody"), 1U);
   EXPECT_EQ(KLVPostman::sharedSession().unfinished(), 0U);
-  postman.getDataFromURLPath(elsewhere, replies.collect());  // used as it is; nobody listens there
+  postman.getDataFromURLPath(elsewhere, replies.collect());  // used unchanged; nobody listens there
   EXPECT_TRUE(replies.wait().error);
   EXPECT_TRUE(server.requests().empty());
 }
 
-TEST(URL, OnlyThisMachineIsSpokenToInCleartext) {
+TEST(URL, OnlyLoopbackHostsMayGetCleartext) {
   std::istringstream allowed(
       "http://localhost/x http://LOCALHOST:80 http://127.0.0.1:8080/x http://127.255.3.4/ http://[::1]:8080/x "
       "http://[0:0::1]/ https://one.example/ http://2130706433/");

@@ -14,7 +14,7 @@ namespace {
 const std::string kRTAFile = "com.kelvo.SDK.v2.rta.config.json";
 const std::string kSurveyFile = "com.kelvo.SDK.v2.survey.config.json";
 
-/// "a1:P1 a2:P2": actions by id and campaign, as the saved file holds them.
+/// Returns the content of the saved file for "a1:P1 a2:P2": actions by id, each with its campaign.
 Dictionary file(const std::string& actions) {
   Dictionary byId;
   std::istringstream all(actions);
@@ -36,13 +36,14 @@ std::string fetched(const std::string& actions) {
   return *jsonText(Dictionary{{"configs", configs}});
 }
 
-/// The columns of a line, which are set apart by " | ".
-std::vector<std::string> columns(const std::string& line) {
+/// Returns the columns of a table row, which " | " separates.
+std::vector<std::string> columns(const std::string& row) {
   static const std::regex separator(R"( *\| +)");
-  return {std::sregex_token_iterator(line.begin(), line.end(), separator, -1), {}};
+  return {std::sregex_token_iterator(row.begin(), row.end(), separator, -1), {}};
 }
 
-/// What a column says of an answer: that it is cut, or its whole body, or what `body` makes of it, perhaps refused.
+/// Returns the answer that a column describes: "cut", or a whole body in JSON or HTML, or the input of `body`, after
+/// "500 " for a failure.
 Script answerOf(const std::string& column, std::string (*body)(const std::string&)) {
   const std::string refused = "500 ";
   if (column == "cut") return Script::cutShort();
@@ -69,7 +70,7 @@ class SyncManager : public NetworkTest {
     EXPECT_EQ(KLVUtilities::getHashForModule("rta").value_or(""), hash);
   }
 
-  /// Waits for the end of the whole call, whether it calls back or not.
+  /// Runs one synchronisation to its end. Returns how often it calls back.
   int callbacks(const std::string& type = "rta", const std::string& version = "3") {
     std::atomic<int> count = 0;
     manager.getSyncDataForActionType(type, version, [&] { ++count; });
@@ -77,7 +78,7 @@ class SyncManager : public NetworkTest {
     return count;
   }
 
-  /// How often a call calls back, and the pids that it fetches.
+  /// Runs one synchronisation. Returns how often it calls back, followed by the campaigns that it fetches.
   std::string outcome() {
     const auto before = server.requests("/v2/sync").size();
     const std::string count = std::to_string(callbacks());
@@ -96,9 +97,8 @@ class SyncManager : public NetworkTest {
   KLVSyncManager manager{controller};
 };
 
-// What the service announces | the device's record | its file | its hash | what a fetch brings | how often it calls
-// back
-//   and what is asked for | the record after | the file after | the hash after | a line that is logged
+// Columns: the announced campaigns | record, file and hash on the device before | the fetched actions |
+// number of callbacks and the requested campaigns | record, file and hash after | a part of a log line
 const std::string kReconciliation = R"(
 P1_1,P2_1 |           |             |     | n1:P1 n2:P2 | 1 &pids=P1&pids=P2 | P1_1,P2_1 | n1:P1 n2:P2 | new | Empty config in disk for type: rta
 P1_2      | P1_1,P2_1 | a1:P1 a2:P2 | new |             | 1                  | P1_1,P2_1 | a1:P1 a2:P2 | new | Existing hash: new, new hash: new
@@ -115,7 +115,7 @@ P1_1      |           |             |     |             | 1 &pids=P1         | P
 P1_1      | P1_1      | corrupt     | old | n1:P1       | 1 &pids=P1         | P1_1      | n1:P1       | new | <KLV ERROR> parsing json file
 )";
 
-// The same for answers that are of no use: all stays as it was.
+// Failures: record, file and hash stay unchanged.
 const std::string kFailures = R"(
 cut       | P1_1,P2_1 | a1:P1 a2:P2 | old |             | 1                  | P1_1,P2_1 | a1:P1 a2:P2 | old | <KLV ERROR> Cound not validate hash:
 500 P1_2  | P1_1,P2_1 | a1:P1 a2:P2 | old |             | 1                  | P1_1,P2_1 | a1:P1 a2:P2 | old | Booting rta/survey plugin with saved configuration
@@ -129,12 +129,12 @@ P1_2,P2_1 | P1_1,P2_1 | a1:P1 a2:P2 | old | <html>      | 1 &pids=P1         | P
 P1_2,P2_1 | P1_1,P2_1 | a1:P1 a2:P2 | old | {"configs":{}} | 1 &pids=P1      | P1_1,P2_1 | a1:P1 a2:P2 | old | Will boot with saved configuration
 )";
 
-TEST_F(SyncManager, BringsFileRecordAndHashInStepWithTheServiceOrLeavesAllAsItWas) {
-  std::istringstream lines(kReconciliation + kFailures);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.empty()) continue;
-    SCOPED_TRACE(line);
-    const auto given = columns(line);
+TEST_F(SyncManager, UpdatesFileRecordAndHashOrLeavesThemUnchanged) {
+  std::istringstream rows(kReconciliation + kFailures);
+  for (std::string row; std::getline(rows, row);) {
+    if (row.empty()) continue;
+    SCOPED_TRACE(row);
+    const auto given = columns(row);
     deviceHolds(given.at(1), given.at(2), given.at(3));
     server.answer("/validate", answerOf(given[0], validation));
     server.answer("/rta", answerOf(given[4], fetched));
@@ -145,7 +145,7 @@ TEST_F(SyncManager, BringsFileRecordAndHashInStepWithTheServiceOrLeavesAllAsItWa
   }
 }
 
-TEST_F(SyncManager, WhatCannotBeSavedIsAskedForAgain) {
+TEST_F(SyncManager, AConfigurationThatCannotBeSavedIsFetchedAgain) {
   std::filesystem::create_directories(library(kRTAFile) + "/in the way");
   server.answer("/validate", {200, validation("P1_1")});
   server.answer("/rta", {200, fetched("n1:P1")});
@@ -154,7 +154,7 @@ TEST_F(SyncManager, WhatCannotBeSavedIsAskedForAgain) {
   EXPECT_TRUE(controller.records["rta"].empty());
 }
 
-TEST_F(SyncManager, AnythingButRTAMeansTheSurveysAndActionsAreKeptAsTheyCame) {
+TEST_F(SyncManager, EveryTypeButRTAFetchesSurveysAndSavesTheirActionsUnchanged) {
   const std::string action = R"({"_id":"n","pid":"P1","more":[1,{"x":null}],"part":0.5})";
   server.answer("/validate", {200, validation("P1_1")});
   server.answer("/surveys", {200, R"({"configs":[{"pid":"P1"},7,)" + action + "]}"});

@@ -13,6 +13,7 @@
 #include "network/KLVConfigManager.h"
 #include "network/KLVPostman.h"
 #include "network/KLVSyncManager.h"
+#include "platform/ThreadSafety.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -23,7 +24,7 @@ using collector::Script;
 
 using Reply = HTTPTransfer::Outcome;
 
-/// Collects the outcomes of requests, and sees to it that they come on the callback queue's threads.
+/// Collects the outcomes of requests, and checks that completions run on the library's pool threads.
 class Replies {
  public:
   HTTPCompletion collect() {
@@ -32,30 +33,32 @@ class Replies {
       pthread_getname_np(pthread_self(), thread, sizeof thread);
       EXPECT_EQ(std::string(thread).substr(0, 10), "kelvo.pool");
       EXPECT_NE(response.has_value(), error.has_value());
-      const std::lock_guard lock(state->mutex);
+      const Lock lock(state->mutex);
       state->all.push_back({std::move(data), std::move(response), std::move(error)});
       state->changed.notify_all();
     };
   }
 
-  /// The last one, once there are `count`.
+  /// Blocks until there are `count` outcomes, 20 seconds at most. Returns the last one.
   Reply wait(std::size_t count = 1) {
-    std::unique_lock lock(state_->mutex);
-    EXPECT_TRUE(state_->changed.wait_for(lock, std::chrono::seconds(20), [&] { return state_->all.size() >= count; }));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    Lock lock(state_->mutex);
+    while (state_->all.size() < count && lock.waitUntil(state_->changed, deadline)) {
+    }
     EXPECT_EQ(state_->all.size(), count);
     return state_->all.empty() ? Reply() : state_->all.back();
   }
 
  private:
   struct State {
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable changed;
-    std::vector<Reply> all;
+    std::vector<Reply> all GUARDED_BY(mutex);
   };
   std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
-/// The controller as the managers see it.
+/// The delegate of both managers.
 class Controller final : public KLVConfigManagerDelegate, public KLVSyncManagerDelegate {
  public:
   std::string applicationIdentifier() override { return identifier; }
@@ -76,14 +79,14 @@ class Controller final : public KLVConfigManagerDelegate, public KLVSyncManagerD
   std::map<std::string, Dictionary> records;
 };
 
-/// The service on this machine, as the endpoint of this process.
+/// Runs a service on this machine and makes it the endpoint of this process.
 class NetworkTest : public testing::Test {
  protected:
   NetworkTest() {
     EXPECT_NE(server.start(), 0);
     setenv("KELVO_SERVER_BASE_URL", server.baseURL().c_str(), 1);
   }
-  /// Waits until every completion has returned, those of requests that a completion began included.
+  /// Blocks until every completion has returned, also for requests that a completion started.
   static void waitForTheEnd() {
     while (KLVPostman::sharedSession().unfinished() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

@@ -14,7 +14,7 @@ class Shop : public Road {
                              {"KELVO_SERVER_BASE_URL", service.baseURL()},
                              {"QT_QPA_PLATFORM", "offscreen"}});
   }
-  /// Until the start is over, whose last event is klv_app_opened, and the application is in the foreground.
+  /// Blocks until the start is complete (its last event is klv_app_opened) and the application is in the foreground.
   [[nodiscard]] bool waitUntilInForeground() const {
     const std::string database = homeOfLaunches() + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
     return eventually([&] {
@@ -23,19 +23,18 @@ class Shop : public Road {
       return has("klv_app_opened") && has("FOREGROUND");
     });
   }
-  /// Every event of `kind` that arrived, in order, each as "name" or as its value under `key`.
+  /// Returns the value at `key` of every event of `kind` that arrived, in order.
   [[nodiscard]] std::vector<std::string> arrived(const char* kind, std::string_view key = "name") const {
     std::vector<std::string> all;
     for (const Value& chunk : service.chunks()) {
-      const auto events = at(chunk, {"chunk_details", kind});
-      if (events.get<Array>() == nullptr) continue;
-      for (const Value& event : *events.get<Array>()) all.push_back(description(at(event, {key})));
+      const Array events = at(chunk, {"chunk_details", kind}).asArray().value_or(Array());
+      for (const Value& event : events) all.push_back(description(at(event, {key})));
     }
     return all;
   }
 };
 
-TEST_F(Shop, AVisitArrivesAsScreensEventsAndActivity) {
+TEST_F(Shop, AVisitIsDeliveredAsScreensEventsAndActivity) {
   Program visit = run({});
   ASSERT_TRUE(service.waitForChunks(1)) << visit.errors();
   const std::vector<std::string> screens = {"ProductList", "ProductDetail", "Basket",
@@ -56,19 +55,19 @@ TEST_F(Shop, AVisitArrivesAsScreensEventsAndActivity) {
   ASSERT_TRUE(service.waitForChunks(2)) << visit.errors();
   EXPECT_EQ(arrived("system_events"),
             (std::vector<std::string>{"FOREGROUND", "BACKGROUND", "FOREGROUND", "BACKGROUND"}));
-  EXPECT_EQ(arrived("navigation_events").size(), screens.size() + 1) << "the screen counts again after the return";
+  EXPECT_EQ(arrived("navigation_events").size(), screens.size() + 1) << "the screen is reported again after the return";
   visit.closeInput();
   EXPECT_EQ(visit.wait(), 0) << visit.errors();
   EXPECT_EQ(count(visit.errors(), "Ignoring screen notification"), 0U) << visit.errors();
 }
 
-TEST_F(Shop, TheFirstScreenAndTheForegroundCountOnceInWhateverOrderItOpens) {
+TEST_F(Shop, TheFirstScreenAndTheForegroundAreReportedOnceInAnyOrderOfOpening) {
   const std::string allSteps[] = {"ais", "asi", "ias", "isa", "sai", "sia", "waswi", "iwswa", "siwa", "aiwsw"};
   for (const std::string& steps : allSteps) {
     moveToFreshHome(steps);
     Program opened = run({"", steps});
     ASSERT_TRUE(waitUntilInForeground()) << steps << opened.errors();
-    opened.closeInput();  // it ends in front, which ends the screen as well; the events wait in the database
+    opened.closeInput();  // it exits in the foreground, which also ends the screen; the events stay in the database
     EXPECT_EQ(opened.wait(), 0) << steps << opened.errors();
     EXPECT_EQ(count(opened.errors(), "Ignoring screen notification"), 0U) << steps << opened.errors();
     auto events = storedEvents();

@@ -39,7 +39,7 @@ class BuyButton : public QPushButton {
   using QPushButton::QPushButton;
 };
 
-/// An attached application, and a window with a bit of everything.
+/// An attached application with one window that holds a label, a button in a box, and a list.
 class Widgets : public testing::Test {
  protected:
   Widgets() {
@@ -51,7 +51,7 @@ class Widgets : public testing::Test {
     auto* layout = new QVBoxLayout(page);
     heading = new QLabel("Heading");
     layout->addWidget(heading);
-    auto* box = new QWidget;  // lifted: its children count as the page's
+    auto* box = new QWidget;  // a lookup skips the box: the button counts as a child of the page
     auto* inBox = new QVBoxLayout(box);
     buy = new BuyButton("Buy");
     buy->setObjectName("buy");
@@ -71,7 +71,7 @@ class Widgets : public testing::Test {
   static std::shared_ptr<View> find(const char* identifier, const char* type) {
     return KLVUtilities::getViewWithIdentifier(std::string(identifier), type);
   }
-  /// Its class, or "-" for none.
+  /// Returns the class of the view, "-" if none is found.
   static std::string found(const char* identifier, const char* type = "p") {
     const auto view = find(identifier, type);
     return view == nullptr ? "-" : view->className();
@@ -89,16 +89,16 @@ class Widgets : public testing::Test {
   std::unique_ptr<QApplication> application_;
 };
 
-TEST_F(Widgets, AreFoundByTagByIdAndByPath) {
+TEST_F(Widgets, AreFoundByTagIdAndPath) {
   EXPECT_EQ(found("17", "t"), "BuyButton");
-  EXPECT_EQ(found("BuyButton:1"), "BuyButton") << "in reading order, lifted out of the box";
+  EXPECT_EQ(found("BuyButton:1"), "BuyButton") << "in reading order, without the box";
   EXPECT_EQ(found("QListWidget:2:UITableViewCell:2"), "UITableViewCell");
-  EXPECT_EQ(found("2", "t"), "UITableViewCell") << "the search by path gave the row its tag";
+  EXPECT_EQ(found("2", "t"), "UITableViewCell") << "the lookup by path set the row's tag";
   EXPECT_EQ(found("UITableViewCell:3"), "-");
   EXPECT_EQ(PluginServices::getViewWithIdentifier("17", "t")->className(), "BuyButton");
   std::thread([] { EXPECT_EQ(PluginServices::getViewWithIdentifier("17", "t"), nullptr); }).join();
   heading->setVisible(false);
-  EXPECT_EQ(found("BuyButton:0"), "BuyButton") << "the hidden label counts no longer";
+  EXPECT_EQ(found("BuyButton:0"), "BuyButton") << "the hidden label no longer counts";
   buy->parentWidget()->setVisible(false);
   EXPECT_EQ(found("BuyButton:0"), "-");
 
@@ -106,7 +106,7 @@ TEST_F(Widgets, AreFoundByTagByIdAndByPath) {
   EXPECT_EQ(found("[klv_buy_klv]", "i"), "BuyButton");
 }
 
-TEST_F(Widgets, TellTheirPlaceAndTheirClasses) {
+TEST_F(Widgets, HaveAFrameAndTheCounterpartOfTheirNearestClass) {
   const auto frame = find("17", "t")->frame();
   const QPoint corner = buy->mapTo(window_.get(), QPoint());
   EXPECT_EQ(frame.x, corner.x());
@@ -126,11 +126,11 @@ TEST_F(Widgets, TellTheirPlaceAndTheirClasses) {
   EXPECT_EQ(counterpart(icons), "UICollectionView");
 }
 
-TEST_F(Widgets, ThatAreDeletedWhileASearchHoldsThemAnswerAsHidden) {
+TEST_F(Widgets, ThatAreDeletedDuringALookupBecomeHiddenViews) {
   const auto views = HostInterface::viewTree()->windows();
   ASSERT_EQ(views.size(), 1U);
   std::vector<std::shared_ptr<View>> all(views.begin(), views.end());
-  std::thread([&views] { EXPECT_TRUE(views[0]->isHidden()) << "no other thread sees widgets"; }).join();
+  std::thread([&views] { EXPECT_TRUE(views[0]->isHidden()) << "other threads see no widgets"; }).join();
   for (std::size_t i = 0; i < all.size(); ++i) {  // grows meanwhile
     for (const auto& view : all[i]->subviews()) all.push_back(view);
   }
@@ -147,7 +147,7 @@ TEST_F(Widgets, ThatAreDeletedWhileASearchHoldsThemAnswerAsHidden) {
   }
 }
 
-TEST_F(Widgets, OneWindowIsKeyAlsoWhileAMenuIsOpen) {
+TEST_F(Widgets, OnlyOneWindowIsKeyWhileAMenuIsOpen) {
   QMenu menu(window_.get());
   menu.addAction("Copy");
   menu.popup({0, 0});
@@ -157,7 +157,7 @@ TEST_F(Widgets, OneWindowIsKeyAlsoWhileAMenuIsOpen) {
   EXPECT_EQ(KLVUtilities::keyWindow()->className(), "QMainWindow");
 }
 
-TEST_F(Widgets, NumbersStayWithTheirRows) {
+TEST_F(Widgets, TagsStayWithTheirRows) {
   EXPECT_EQ(found("UITableViewCell:1"), "UITableViewCell");
   auto cell = find("1", "t");
   rows->insertItem(0, "new");
@@ -168,8 +168,8 @@ TEST_F(Widgets, NumbersStayWithTheirRows) {
   EXPECT_TRUE(cell->isHidden());
   EXPECT_EQ(found("1", "t"), "-");
 
-  // A cell may die on another thread, where its model must hear nothing of it: what the model counts lives and dies
-  // with the view.
+  // The model's persistent indexes belong to the view, not to the cells: a cell may be released on another thread,
+  // which must not touch the model.
   struct Model final : QStringListModel {
     using QStringListModel::persistentIndexList, QStringListModel::QStringListModel;
   } model({"one", "two", "three"});
@@ -182,7 +182,7 @@ TEST_F(Widgets, NumbersStayWithTheirRows) {
   EXPECT_TRUE(model.persistentIndexList().isEmpty());
 }
 
-TEST_F(Widgets, CellsAreTheRowsInView) {
+TEST_F(Widgets, CellsAreTheVisibleRows) {
   const auto put = [this](QWidget* items) {
     delete window_->takeCentralWidget();
     window_->setCentralWidget(items);
@@ -208,7 +208,7 @@ TEST_F(Widgets, CellsAreTheRowsInView) {
   EXPECT_EQ(places(tree), (Places{{0, 0}, {1, 0}, {1, 1}, {1, 2}}));
 
   tree->setRootIndex(tree->model()->index(1, 0));
-  EXPECT_EQ(places(tree), (Places{{0, 0}, {1, 0}, {1, 1}})) << "from where the tree begins";
+  EXPECT_EQ(places(tree), (Places{{0, 0}, {1, 0}, {1, 1}})) << "from the root of the tree";
 
   auto* icons = new QListWidget;
   icons->setViewMode(QListView::IconMode);
@@ -224,7 +224,7 @@ TEST_F(Widgets, CellsAreTheRowsInView) {
   const auto shown = places(table);
   ASSERT_FALSE(shown.empty());
   EXPECT_EQ(shown[0], Places::value_type(0, 2499));
-  EXPECT_LT(shown.size(), 30U) << "the rows out of sight are none";
+  EXPECT_LT(shown.size(), 30U) << "rows out of sight have no cells";
   EXPECT_EQ(std::count(shown.begin(), shown.end(), Places::value_type(0, 2500)), 0);
   table->setColumnHidden(0, true);
   EXPECT_EQ(places(table), shown);
@@ -234,7 +234,7 @@ TEST_F(Widgets, CellsAreTheRowsInView) {
   EXPECT_EQ(places(table), shown) << "the first column is out of sight";
 }
 
-TEST_F(Widgets, TheScreenIsThePageTheTabOrTheDialogInFront) {
+TEST_F(Widgets, TheScreenIsThePageTabOrDialogInFront) {
   qt::ScreenFollower screens;
   const auto shown = [&] {
     const auto screen = screens.takeShown();
@@ -279,12 +279,12 @@ TEST_F(Widgets, TheScreenIsThePageTheTabOrTheDialogInFront) {
   EXPECT_EQ(shown(), "QMainWindow/Other") << "the dialog belongs to another window";
   QWidget tool(&other, Qt::Tool);
   activate(tool);
-  EXPECT_EQ(shown(), "QMainWindow/Other") << "a tool is no screen";
+  EXPECT_EQ(shown(), "QMainWindow/Other") << "a tool is not a screen";
   dialog.close();
   activate(*window_);
   EXPECT_EQ(shown(), "BuyButton/Shop");
   QApplication::setActiveWindow(nullptr);
-  EXPECT_EQ(shown(), "BuyButton/Shop") << "in the background, too";
+  EXPECT_EQ(shown(), "BuyButton/Shop") << "also in the background";
   other.hide();
   window_->showMinimized();
   EXPECT_EQ(shown(), "none");
@@ -292,7 +292,7 @@ TEST_F(Widgets, TheScreenIsThePageTheTabOrTheDialogInFront) {
   EXPECT_EQ(shown(), "none");
 }
 
-TEST_F(Widgets, ASearchTakesNoScreenFromTheReports) {
+TEST_F(Widgets, ALookupDoesNotSuppressTheReportOfAScreen) {
   std::vector<std::string> reported;
   const auto observation =
       NotificationCenter::defaultCenter().observe(kDidShowViewController, [&reported](const std::any& screen) {
@@ -307,14 +307,14 @@ TEST_F(Widgets, ASearchTakesNoScreenFromTheReports) {
   window_->setCentralWidget(pages);
   QTest::qWait(20);
   EXPECT_TRUE(reported.empty()) << "the library has not started";
-  EXPECT_EQ(KLVUtilities::keyWindow()->rootViewController()->className(), "first") << "what the start asks for";
+  EXPECT_EQ(KLVUtilities::keyWindow()->rootViewController()->className(), "first") << "as the library's start does";
   pages->setCurrentIndex(1);
   EXPECT_EQ(found("17", "t"), "-");
   EXPECT_TRUE(QTest::qWaitFor([&] { return !reported.empty(); }, 20000));
   EXPECT_EQ(reported, std::vector<std::string>{"second"});
 }
 
-TEST_F(Widgets, TasksHaveTheirTurnWhileOneShowsADialog) {
+TEST_F(Widgets, TasksRunWhileAnotherTaskShowsADialog) {
   std::string order;
   QEventLoop dialog;
   MainQueue::async([&] {
@@ -331,7 +331,7 @@ TEST_F(Widgets, TasksHaveTheirTurnWhileOneShowsADialog) {
   EXPECT_EQ(order, "(23)");
 }
 
-TEST(Application, ASecondOneCanBeAttachedOnceTheFirstIsGone) {
+TEST(Application, ASecondApplicationCanBeAttachedAfterTheFirstIsDestroyed) {
   qputenv("QT_QPA_PLATFORM", "offscreen");
   char name[] = "test";
   char* arguments[] = {name, nullptr};
@@ -344,14 +344,14 @@ TEST(Application, ASecondOneCanBeAttachedOnceTheFirstIsGone) {
       ASSERT_NE(HostInterface::viewTree(), nullptr);
       MainQueue::async([&ran] { ran = true; });
     }
-    EXPECT_TRUE(ran) << "what waits is run at the end";
+    EXPECT_TRUE(ran) << "waiting tasks run at the end";
     EXPECT_EQ(HostInterface::viewTree(), nullptr);
     EXPECT_FALSE(MainQueue::isCurrent());
-    waitForMainLoop();  // the library has its own loop again
+    waitForMainLoop();  // the library's own loop runs again
   }
 }
 
-TEST_F(Widgets, TheApplicationsLoopIsTheMainQueue) {
+TEST_F(Widgets, TheApplicationsEventLoopRunsTheMainQueue) {
   constexpr int kTasks = 2000;
   int last = 0;
   std::atomic<bool> finished = false;
@@ -367,7 +367,7 @@ TEST_F(Widgets, TheApplicationsLoopIsTheMainQueue) {
   EXPECT_EQ(last, kTasks);
 }
 
-TEST(Attributes, CarryWhatQtHolds) {
+TEST(Attributes, KeepTheTypesOfQt) {
   constexpr qulonglong kLargest = 18446744073709551615ULL;
   const std::pair<QVariant, Value> cases[] = {
       {"Grüße", "Grüße"},

@@ -14,30 +14,33 @@
 namespace kelvo::qt {
 namespace {
 
-/// What an attached application holds. The relay outlives the application object, since tasks may still come.
+/// The adapter's state for the attached application. Thread: the main thread only.
 struct Attachment {
-  MainLoopRelay* relay = nullptr;
-  std::vector<std::unique_ptr<MainLoopRelay>> retired;  // of earlier application objects
-  std::unique_ptr<ScreenFollower> screens;              // once the library has started
-  std::unique_ptr<QTimer> leaving;                      // runs while the application is about to be in the background
-  bool active = false;
+  MainLoopRelay* relay = nullptr;                       // nullptr while no application is attached
+  std::vector<std::unique_ptr<MainLoopRelay>> retired;  // of earlier applications; threads may still post to them
+  std::unique_ptr<ScreenFollower> screens;              // nullptr until the library has started
+  std::unique_ptr<QTimer> leaving;                      // runs from the loss of focus until that counts as background
+  bool active = false;                                  // as last reported to the library
 };
 
-/// Without focus for so long, the application is in the background. With some window systems it has none for a moment
-/// when the user goes from one of its windows to another.
-constexpr std::chrono::milliseconds kLongestWayBetweenWindows{250};
+/// The application counts as in the background after this time without focus. With some window systems it loses the
+/// focus for a moment when the user changes from one of its windows to another.
+constexpr std::chrono::milliseconds kLongestFocusGap{250};
 
+/// Returns the one state of the process. Never destroyed, so that no destructor runs at exit.
 Attachment& attachment() {
   static auto* const instance = std::make_unique<Attachment>().release();
   return *instance;
 }
 
+/// Reports a change of foreground and background.
 void setActive(bool active) {
   if (std::exchange(attachment().active, active) == active) return;
   active ? Application::didBecomeActive() : Application::willResignActive();
 }
 
-void follow(Qt::ApplicationState state) {
+/// Reports `state` once the library has started; a loss of focus only after a delay.
+void followState(Qt::ApplicationState state) {
   const Attachment& attached = attachment();
   if (attached.screens == nullptr) return;
   if (state == Qt::ApplicationInactive && attached.active) return attached.leaving->start();
@@ -45,16 +48,24 @@ void follow(Qt::ApplicationState state) {
   setActive(state == Qt::ApplicationActive);
 }
 
-/// The library looks at the windows, so it has started. What is reported before would be lost, and what is reported
-/// now, too, would be the same screen twice.
-void begin() {
+/// Starts to report screens and activity. The view tree calls this when the library has started. Later calls do
+/// nothing.
+void startReporting() {
   Attachment& attached = attachment();
   if (attached.screens != nullptr || attached.relay == nullptr) return;
   attached.screens = std::make_unique<ScreenFollower>();
-  follow(QGuiApplication::applicationState());
+  followState(QGuiApplication::applicationState());
 }
 
-/// The application object dies, which also ends the time on the last screen: the library's own main loop takes over.
+/// Returns the screen in front, nullptr if there is none. The library reports this screen itself, so the follower does
+/// not report it again.
+std::shared_ptr<ViewController> takeShownScreen() {
+  const auto& screens = attachment().screens;
+  return screens ? screens->takeShown() : nullptr;
+}
+
+/// Called when the application object is destroyed. Reports the background, which also ends the time on the last
+/// screen, and hands the main queue back to the library's own main loop.
 void detach() {
   Attachment& attached = attachment();
   setActive(false);
@@ -76,14 +87,11 @@ void attachOnMainThread(QApplication& application) {
   }
   attached.leaving = std::make_unique<QTimer>();
   attached.leaving->setSingleShot(true);
-  attached.leaving->setInterval(kLongestWayBetweenWindows);
+  attached.leaving->setInterval(kLongestFocusGap);
   QObject::connect(attached.leaving.get(), &QTimer::timeout, attached.relay, [] { setActive(false); });
-  QObject::connect(&application, &QGuiApplication::applicationStateChanged, attached.relay, follow);
+  QObject::connect(&application, &QGuiApplication::applicationStateChanged, attached.relay, followState);
   qAddPostRoutine(detach);
-  Application::setViewTree(std::make_shared<WidgetTree>(begin, []() -> std::shared_ptr<ViewController> {
-    const auto& screens = attachment().screens;
-    return screens ? screens->takeShown() : nullptr;
-  }));
+  Application::setViewTree(std::make_shared<WidgetTree>(startReporting, takeShownScreen));
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ Value valueOf(const QVariant& variant) {
   }
 }
 
-/// Calls of a host never throw; what its own types throw on conversion costs that call.
+/// Runs `call`. If it throws (a host's type may, when it is converted to text), logs a warning and drops the call.
 template <class F>
 void guarded(F&& call) noexcept {
   try {

@@ -14,13 +14,14 @@
 namespace kelvo::qt {
 namespace {
 
-/// What all cells of one row share. The row is looked at on the main thread only; its cells may be let go on any.
+/// The state that all cells of one row share. Read and written on the main thread only; cells may be released on any
+/// thread.
 struct Row {
   QPersistentModelIndex index;
   std::int64_t tag = 0;
 };
 
-/// The rows of one item view that cells stand for, or stood for when they were given a number. Dies with the view.
+/// The rows of one item view that have a cell or a tag. A child object of the view, so it is deleted with the view.
 class Rows final : public QObject {
  public:
   static Rows& of(QAbstractItemView& items) {
@@ -31,10 +32,11 @@ class Rows final : public QObject {
   }
   explicit Rows(QObject* parent) : QObject(parent) {}
   ~Rows() override {
-    // A cell may still be held, but its model must not be told on another thread that the index is gone.
+    // A cell may outlive its view and be released on another thread. An index in it would then change the model there.
     for (const auto& row : rows_) row->index = QPersistentModelIndex();
   }
 
+  /// Returns the row's state, made on first use.
   std::shared_ptr<Row> at(const QModelIndex& index) {
     auto& row = rows_[index];
     if (row == nullptr) row = std::make_shared<Row>(Row{index, 0});
@@ -50,7 +52,7 @@ class Rows final : public QObject {
   QHash<QPersistentModelIndex, std::shared_ptr<Row>> rows_;
 };
 
-/// One row.
+/// One row of an item view as a view.
 class Cell final : public View {
  public:
   Cell(QAbstractItemView& items, std::shared_ptr<Row> row) : items_(&items), row_(std::move(row)) {}
@@ -95,12 +97,14 @@ class Cell final : public View {
   std::shared_ptr<Row> row_;
 };
 
-/// The x of the edge at which lines begin.
+constexpr int kProbeStep = 8;  // pixels; rows are taller
+
+/// Returns the x, in the viewport, of the edge at which text begins.
 int nearEdge(const QAbstractItemView& items) {
   return items.isRightToLeft() ? items.viewport()->width() - 2 : 1;
 }
 
-/// The rows of a tree from the one at the top edge to the one at the bottom edge.
+/// Returns the visible rows of a tree, from the top edge to the bottom edge.
 std::vector<QModelIndex> shownRows(const QTreeView& tree) {
   std::vector<QModelIndex> rows;
   const int bottom = tree.viewport()->height();
@@ -113,29 +117,32 @@ std::vector<QModelIndex> shownRows(const QTreeView& tree) {
   return rows;
 }
 
-/// Of a table, as its vertical header has them: columns may be hidden or out of sight, and rows may have been moved.
+/// Returns the visible rows of a table. The vertical header decides, because columns may be hidden or scrolled out of
+/// sight, and the user may have moved rows.
 std::vector<QModelIndex> shownRows(const QTableView& table) {
   std::vector<QModelIndex> rows;
-  const QHeaderView& lines = *table.verticalHeader();
-  for (int at = std::max(0, lines.visualIndexAt(0)); at < lines.count(); ++at) {
-    const int row = lines.logicalIndex(at);
-    if (lines.isSectionHidden(row)) continue;
-    if (lines.sectionViewportPosition(row) >= table.viewport()->height()) break;
+  const QHeaderView& header = *table.verticalHeader();
+  for (int at = std::max(0, header.visualIndexAt(0)); at < header.count(); ++at) {
+    const int row = header.logicalIndex(at);
+    if (header.isSectionHidden(row)) continue;
+    if (header.sectionViewportPosition(row) >= table.viewport()->height()) break;
     rows.push_back(table.model()->index(row, 0, table.rootIndex()));
   }
   return rows;
 }
 
-/// The item at the top edge, or the first one below its spacing.
+/// Returns the row of the first item at or below the top edge; items may have space between them. 0 if there is none.
 int firstShownRow(const QAbstractItemView& items) {
-  for (int y = 1; y < items.viewport()->height(); y += 8) {
+  for (int y = 1; y < items.viewport()->height(); y += kProbeStep) {
     if (const QModelIndex index = items.indexAt({nearEdge(items), y}); index.isValid()) return index.row();
   }
   return 0;
 }
 
-/// Of a list: rows grow downwards or, in one that wraps, to the side, so what lies before the edge decides where to
-/// begin and the first row outside where to end. Icons that the user can move lie in no order.
+/// Returns the visible rows of a list or another item view.
+///
+/// Rows grow downwards or, in a list that wraps, sideways. So the loop begins with the item at the top edge and ends at
+/// the first row beyond the viewport. Icons that the user can move are in no order, so the loop checks all of them.
 std::vector<QModelIndex> shownRows(const QAbstractItemView& items) {
   std::vector<QModelIndex> rows;
   const auto* list = qobject_cast<const QListView*>(&items);

@@ -9,11 +9,14 @@
 
 namespace kelvo::qt {
 
-/// The rows that an item view shows at the moment, as cells: a list's or table's in section 0; of a tree, top-level
-/// entry n as (n, 0), and its child m as (n, m + 1).
+/// Returns the visible rows of an item view as cells. Thread: the main thread only; cells may be released on any
+/// thread.
+///
+/// Row n of a list or a table is at (section 0, row n). In a tree, top-level entry n is at (n, 0) and its child m at
+/// (n, m + 1); deeper entries are not cells.
 [[nodiscard]] std::vector<std::shared_ptr<View>> cellsOf(QAbstractItemView& items);
 
-/// Where `cell` stands when it is one of `items`'; nullopt otherwise.
+/// Returns the place of `cell` in `items`, nullopt if `cell` is not a visible cell of `items`. Thread: the main thread.
 [[nodiscard]] std::optional<IndexPath> placeOf(const View& cell, const QWidget& items);
 
 }  // namespace kelvo::qt

@@ -7,7 +7,7 @@
 namespace kelvo::qt {
 namespace {
 
-QEvent::Type wakeUp() {
+QEvent::Type wakeUpType() {
   static const auto type = static_cast<QEvent::Type>(QEvent::registerEventType());
   return type;
 }
@@ -15,7 +15,7 @@ QEvent::Type wakeUp() {
 }  // namespace
 
 void MainLoopRelay::post(Task task) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (closed_) return;
   waiting_.push_back(std::move(task));
   wake();
@@ -27,41 +27,40 @@ bool MainLoopRelay::isCurrent() const {
 
 void MainLoopRelay::close() {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     closed_ = true;
   }
   while (runFirst()) {
   }
 }
 
-/// Under the mutex: sees to it that what waits has its turn.
 void MainLoopRelay::wake() {
   if (waiting_.empty() || wakeUpIsPosted_ || closed_) return;
   wakeUpIsPosted_ = true;
-  QCoreApplication::postEvent(this, std::make_unique<QEvent>(wakeUp()).release());
+  QCoreApplication::postEvent(this, std::make_unique<QEvent>(wakeUpType()).release());
 }
 
 bool MainLoopRelay::runFirst() {
   Task task;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (waiting_.empty()) return false;
     task = std::move(waiting_.front());
     waiting_.pop_front();
-    wake();  // a task that shows a dialog runs an event loop, in which those behind it have their turn
+    wake();  // a task that shows a dialog runs an event loop of its own, which must run the tasks behind it
   }
-  task();  // never throws: the main queue reports what a task throws
+  task();  // never throws: the main queue catches and reports exceptions
   return true;
 }
 
 bool MainLoopRelay::event(QEvent* event) {
-  std::unique_lock lock(mutex_);  // held while the event was made, so its type is looked at no earlier than that
-  if (event->type() != wakeUp()) {
+  Lock lock(mutex_);  // taken before the type is read: `wake` makes the event with the mutex held
+  if (event->type() != wakeUpType()) {
     lock.unlock();
     return QObject::event(event);
   }
   wakeUpIsPosted_ = false;
-  // Only what waits now: a task that posts itself again must not hold up the application's own events.
+  // Run only the tasks that wait now: a task that posts itself again must not delay the application's own events.
   std::size_t count = waiting_.size();
   lock.unlock();
   while (count-- > 0 && runFirst()) {

@@ -3,38 +3,41 @@
 #include <QObject>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "platform/ThreadSafety.h"
 
 namespace kelvo::qt {
 
-/// Runs tasks of any thread on the application's main thread, in order.
+/// Runs tasks from any thread on the application's main thread, in the order of posting.
 ///
-/// Tasks are handed over under a mutex of its own, and Qt's event queue only carries the wake-up. Made on the main
-/// thread and kept for the life of the process, since tasks may be posted until its last moment.
+/// Tasks wait in a queue under a mutex; Qt's event queue only carries the wake-up. Made on the main thread and never
+/// destroyed, because tasks may be posted until the process ends.
 class MainLoopRelay final : public QObject {
  public:
   using Task = std::function<void()>;
 
-  /// Any thread; returns at once. Dropped unrun once it is closed.
-  void post(Task task);
+  /// Queues `task`, or drops it if the relay is closed. Returns at once. Thread-safe.
+  void post(Task task) EXCLUDES(mutex_);
+  /// Returns whether the calling thread is the main thread. Thread-safe.
   [[nodiscard]] bool isCurrent() const;
-  /// Runs what waits, on the main thread, and takes no more.
-  void close();
+  /// Closes the relay and runs the queued tasks. Called on the main thread.
+  void close() EXCLUDES(mutex_);
 
  protected:
-  bool event(QEvent* event) override;
+  bool event(QEvent* event) override EXCLUDES(mutex_);
 
  private:
-  void wake();
-  /// false when none waits.
-  bool runFirst();
+  /// Posts the wake-up if tasks wait and none is posted yet.
+  void wake() REQUIRES(mutex_);
+  /// Runs the first queued task. Returns false if there is none.
+  bool runFirst() EXCLUDES(mutex_);
 
   const std::thread::id thread_ = std::this_thread::get_id();
-  std::mutex mutex_;
-  bool closed_ = false;
-  bool wakeUpIsPosted_ = false;
-  std::deque<Task> waiting_;
+  Mutex mutex_;
+  bool closed_ GUARDED_BY(mutex_) = false;
+  bool wakeUpIsPosted_ GUARDED_BY(mutex_) = false;
+  std::deque<Task> waiting_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kelvo::qt

@@ -14,56 +14,59 @@
 namespace kelvo::qt {
 namespace {
 
-/// Whether `window` can be a screen: tools, menus, tooltips and the like are none.
+/// Returns whether `window` can be a screen. Tools, menus, tooltips and the like are not.
 bool isScreenWindow(const QWidget& window) {
   const auto type = window.windowType();
   return window.isVisible() && !window.isMinimized() &&
          (type == Qt::Window || type == Qt::Dialog || type == Qt::Sheet || type == Qt::Widget);
 }
 
-/// The window that `window` was made for, such as a dialog's; nullptr for none.
-QWidget* windowAbove(const QWidget& window) {
+/// Returns the window that owns `window` (a dialog's, for example), nullptr if there is none.
+QWidget* ownerOf(const QWidget& window) {
   return window.parentWidget() != nullptr ? window.parentWidget()->window() : nullptr;
 }
 
-/// Whether `window` is `above`, or made for it at whatever depth.
-bool isMadeFor(const QWidget* window, const QWidget& above) {
-  while (window != nullptr && window != &above) window = windowAbove(*window);
+/// Returns whether `window` is `owner`, or `owner` owns it at any depth.
+bool isOwnedBy(const QWidget* window, const QWidget& owner) {
+  while (window != nullptr && window != &owner) window = ownerOf(*window);
   return window != nullptr;
 }
 
-/// Whether a modal dialog keeps the user from `window`.
+/// Returns whether a modal dialog blocks `window`.
 bool isBlocked(const QWidget& window) {
   const QWidget* dialog = QApplication::activeModalWidget();
-  if (dialog == nullptr || isMadeFor(&window, *dialog)) return false;
-  return dialog->windowModality() == Qt::ApplicationModal || isMadeFor(dialog, window);
+  if (dialog == nullptr || isOwnedBy(&window, *dialog)) return false;
+  return dialog->windowModality() == Qt::ApplicationModal || isOwnedBy(dialog, window);
 }
 
 int areaOf(const QWidget& widget) {
   return widget.width() * widget.height();
 }
 
-/// The window in which the user is, `before` being the last one known. While none is active (the application is in the
-/// background, or the window system takes its time), that stays.
+/// Returns the window that the user works in, nullptr if none is visible. `before` is the last one known; it stays
+/// while no window is active (the application is in the background, or the window system has not activated one yet).
 QWidget* windowInFront(QWidget* before) {
   for (QWidget* window : {QApplication::activeWindow(), before, QApplication::activeModalWidget()}) {
-    while (window != nullptr && !isScreenWindow(*window)) window = windowAbove(*window);
+    while (window != nullptr && !isScreenWindow(*window)) window = ownerOf(*window);
     if (window != nullptr && !isBlocked(*window)) return window;
   }
-  QWidget* largest = nullptr;  // Qt tells them in no order
+  QWidget* largest = nullptr;  // topLevelWidgets has no defined order
   for (QWidget* window : QApplication::topLevelWidgets()) {
     if (isScreenWindow(*window) && (largest == nullptr || areaOf(*window) > areaOf(*largest))) largest = window;
   }
   return largest;
 }
 
-/// The page in front within `widget`, at whatever depth; `widget` itself without pages.
+/// Returns the current page of the largest stack of pages in `widget`, at any depth. Returns `widget` if it has no
+/// pages.
 QWidget* pageInFront(QWidget* widget) {
-  auto* largest = qobject_cast<QStackedWidget*>(widget);
-  if (largest != nullptr) return largest->currentWidget() == nullptr ? widget : pageInFront(largest->currentWidget());
+  if (auto* pages = qobject_cast<QStackedWidget*>(widget)) {
+    return pages->currentWidget() == nullptr ? widget : pageInFront(pages->currentWidget());
+  }
+  QStackedWidget* largest = nullptr;
   for (QStackedWidget* pages : widget->findChildren<QStackedWidget*>()) {
     if (!pages->isVisibleTo(widget) || pages->currentWidget() == nullptr) continue;
-    // What lies within the pages of another is reached through it.
+    // The recursion below finds stacks inside the pages of another stack.
     if (largest != nullptr && (largest->isAncestorOf(pages) || areaOf(*pages) <= areaOf(*largest))) continue;
     largest = pages;
   }
@@ -75,7 +78,7 @@ QWidget* screenInFront(const QWidget* before) {
   return window == nullptr ? nullptr : pageInFront(window);
 }
 
-/// "Fish & Chips" of "&Fish && Chips".
+/// Returns "Fish & Chips" for "&Fish && Chips".
 QString withoutMnemonics(const QString& text) {
   QString plain;
   for (qsizetype i = 0; i < text.size(); ++i) {
@@ -85,12 +88,14 @@ QString withoutMnemonics(const QString& text) {
   return plain;
 }
 
+/// Returns the text of the tab that shows `page`, empty if `page` is not in a tab widget.
 QString tabTextOf(QWidget& page) {
   const auto* pages = qobject_cast<QStackedWidget*>(page.parentWidget());
   const auto* tabs = pages != nullptr ? qobject_cast<QTabWidget*>(pages->parentWidget()) : nullptr;
   return tabs != nullptr ? withoutMnemonics(tabs->tabText(tabs->indexOf(&page))) : QString();
 }
 
+/// Removes Qt's placeholder for the mark of an unsaved document.
 QString withoutPlaceholder(QString title) {
   return title.remove(QStringLiteral("[*]")).trimmed();
 }
@@ -115,7 +120,7 @@ class ScreenController final : public ViewController {
   std::string className_;
 };
 
-/// Whether a change of `widget` can bring another screen to the front.
+/// Returns whether a change of `widget` can change the screen in front.
 bool concernsScreens(const QWidget& widget) {
   return widget.isWindow() || qobject_cast<QStackedWidget*>(widget.parentWidget()) != nullptr;
 }
@@ -151,7 +156,7 @@ void ScreenFollower::report() {
   QWidget* before = shown_;
   const auto screen = takeShown();
   if (screen == nullptr) {
-    shown_ = before;  // every window is hidden; the one that comes back is the same screen
+    shown_ = before;  // all windows are hidden; if the same screen returns, it is not reported again
     return;
   }
   if (shown_ == before) return;

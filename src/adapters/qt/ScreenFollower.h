@@ -10,13 +10,13 @@
 
 namespace kelvo::qt {
 
-/// Watches windows, pages and dialogs come and go, and reports each change of the screen in front. Lives on the main
-/// thread.
+/// Watches windows, pages and dialogs, and reports each change of the screen in front to the library. Thread: the main
+/// thread only.
 class ScreenFollower final : public QObject {
  public:
   ScreenFollower();
 
-  /// The screen in front, which counts as reported by this; nullptr when no window shows.
+  /// Returns the screen in front and counts it as reported. nullptr if no window is visible.
   [[nodiscard]] std::shared_ptr<ViewController> takeShown();
 
  protected:
@@ -25,8 +25,8 @@ class ScreenFollower final : public QObject {
  private:
   void report();
 
-  QPointer<QWidget> shown_;
-  QTimer soon_;  // several windows and pages change in one go
+  QPointer<QWidget> shown_;  // the screen reported last
+  QTimer soon_;              // delays `report` until the current events are over, as several widgets change together
 };
 
 }  // namespace kelvo::qt

@@ -5,8 +5,10 @@
 
 namespace kelvo::qt {
 
-/// A widget, held weakly by an object that may be let go on any thread. It is there for the thread that made this
-/// only: when the application object dies, the library's main queue goes over to another thread while widgets die.
+/// A weak reference to a widget. The object that holds it may be released on any thread.
+///
+/// Only the thread that made the reference gets the widget; other threads get nullptr. When the application object is
+/// destroyed, the library's main queue moves to another thread, while widgets may still be deleted on this one.
 template <class Widget>
 class WeakWidget {
  public:

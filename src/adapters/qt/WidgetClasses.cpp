@@ -14,9 +14,9 @@
 namespace kelvo::qt {
 namespace {
 
-/// Counterparts of Qt's classes. Of a widget's classes the nearest one listed counts, so a QCheckBox is a switch and
-/// no button.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 20> kCounterparts = {{
+/// Qt's classes and the names under which the service's actions know them. "" hides a class that would otherwise get
+/// the name of its base class. The nearest listed class of a widget counts, so a QCheckBox is a switch, not a button.
+constexpr auto kCounterparts = std::to_array<std::pair<std::string_view, std::string_view>>({
     {"QCheckBox", "UISwitch"},
     {"QAbstractButton", "UIButton"},
     {"QLabel", "UILabel"},
@@ -37,8 +37,9 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 20> kCounter
     {"QListView", "UITableView"},
     {"QAbstractItemView", "UITableView"},
     {"QDialogButtonBox", "UIStackView"},
-}};
+});
 
+/// Returns the counterpart of `widget` by `className`, one of its listed classes. "" if it has none.
 std::string_view counterpartOf(const QWidget& widget, std::string_view className) {
   const auto* list = qobject_cast<const QListView*>(&widget);
   if (className == "QListView" && list != nullptr && list->viewMode() == QListView::IconMode) return "UICollectionView";
@@ -52,13 +53,14 @@ bool isListed(std::string_view className) {
                      [&](const auto& entry) { return entry.first == className; });
 }
 
-/// "shop::Page<int>" as "Page".
+/// Returns "Page" for "shop::Page<int>".
 std::string withoutNamespace(std::string_view name) {
   name = name.substr(0, name.find('<'));
   const auto colon = name.rfind(':');
   return std::string(colon == std::string_view::npos ? name : name.substr(colon + 1));
 }
 
+/// Returns the widget's C++ class. QMetaObject alone does not know classes without Q_OBJECT.
 std::string fullNameOf(const QWidget& widget) {
   const char* mangled = typeid(widget).name();
   int status = 0;

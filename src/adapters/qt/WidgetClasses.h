@@ -6,15 +6,15 @@
 
 namespace kelvo::qt {
 
-/// The class without its namespace, as a step of a path or a screen's name can hold it. It need not have a Q_OBJECT.
+/// Returns the widget's C++ class without its namespace, for paths and screen names. The class needs no Q_OBJECT.
 [[nodiscard]] std::string classNameOf(const QWidget& widget);
 
-/// The classes above `widget`'s own, nearest first. Where one of Qt's has a counterpart among the classes that searches
-/// look at, the counterpart follows it: QPushButton, QAbstractButton, UIButton, QWidget ...; a widget whose own class
-/// is Qt's has its counterpart here as well.
+/// Returns the base classes of the widget's class, nearest first. The name under which the service's actions know the
+/// widget follows the class of Qt's that has one: QPushButton, QAbstractButton, UIButton, QWidget ... A widget of one
+/// of Qt's own classes gets that name, too.
 [[nodiscard]] std::vector<std::string> superclassNamesOf(const QWidget& widget);
 
-/// Whether the class of `widget` belongs to Qt and so tells nothing about a screen.
+/// Returns whether the class of `widget` belongs to Qt, and so does not identify a screen.
 [[nodiscard]] bool isOfQtsOwnClass(const QWidget& widget);
 
 }  // namespace kelvo::qt

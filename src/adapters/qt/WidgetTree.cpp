@@ -14,7 +14,7 @@
 namespace kelvo::qt {
 namespace {
 
-/// A widget as a view. `Base` is View or Window.
+/// A widget as a view or a window. `Base` is View or Window.
 template <class Base>
 class WidgetNode : public Base {
  public:
@@ -64,43 +64,58 @@ class WidgetNode : public Base {
 
 class WindowNode final : public WidgetNode<Window> {
  public:
-  WindowNode(QWidget* widget, WidgetTree::ShownNow shownNow) : WidgetNode(widget), shownNow_(std::move(shownNow)) {}
-  /// One at most; QWidget::isActiveWindow is true of every menu that is open, too.
+  WindowNode(QWidget* widget, WidgetTree::ScreenLookup takeShownScreen)
+      : WidgetNode(widget), takeShownScreen_(std::move(takeShownScreen)) {}
+  /// Returns true for one window at most. QWidget::isActiveWindow would also return true for every open menu.
   [[nodiscard]] bool isKey() const override { return widget_ && QApplication::activeWindow() == widget_.get(); }
-  [[nodiscard]] std::shared_ptr<ViewController> rootViewController() const override { return shownNow_(); }
+  [[nodiscard]] std::shared_ptr<ViewController> rootViewController() const override { return takeShownScreen_(); }
 
  private:
-  WidgetTree::ShownNow shownNow_;
+  WidgetTree::ScreenLookup takeShownScreen_;
 };
 
-QString textAt(const Dictionary& attributes, std::string_view key) {
-  const auto* text = attributes[key].get<std::string>();
-  return text != nullptr ? QString::fromStdString(*text) : QString();
+QString withoutSpaces(QString text) {
+  return text.remove(u' ');
 }
 
 }  // namespace
 
 std::vector<std::shared_ptr<Window>> WidgetTree::windows() {
-  whenLookedAt_();
+  noteThatLibraryHasStarted();
+  return visibleWindows();
+}
+
+/// The public API does not tell an adapter when the library has started. But the library looks up the windows only
+/// after its start: at first to find the screen in front, which it then reports itself. So the first lookup means that
+/// the library has started, and the adapter starts to report here. An earlier report would be lost. If the adapter
+/// started later, it would report the first screen again.
+void WidgetTree::noteThatLibraryHasStarted() const {
+  startReporting_();
+}
+
+std::vector<std::shared_ptr<Window>> WidgetTree::visibleWindows() const {
   std::vector<std::shared_ptr<Window>> windows;
   for (QWidget* widget : QApplication::topLevelWidgets()) {
-    if (widget->isVisible()) windows.push_back(std::make_shared<WindowNode>(widget, shownNow_));
+    if (widget->isVisible()) windows.push_back(std::make_shared<WindowNode>(widget, takeShownScreen_));
   }
   return windows;
 }
 
 std::optional<Font> WidgetTree::font(const Dictionary& attributes, double size) const {
-  QString family = textAt(attributes, kFontFamilyAttribute);
-  const QString face = textAt(attributes, kFontFaceAttribute);
-  if (family.isEmpty()) family = textAt(attributes, kFontNameAttribute);
+  const auto textAt = [&](std::string_view key) {
+    return QString::fromStdString(attributes[key].asText().value_or(std::string()));
+  };
+  QString family = textAt(kFontFamilyAttribute);
+  const QString face = textAt(kFontFaceAttribute);
+  if (family.isEmpty()) family = textAt(kFontNameAttribute);
   if (family.isEmpty() && face.isEmpty()) return std::nullopt;
   if (family.isEmpty()) family = QApplication::font().family();
   if (!QFontDatabase::hasFamily(family)) return std::nullopt;
   const QFont font = QFontDatabase::font(family, face, static_cast<int>(size));
   const QFontInfo actual(font);
-  QString style = actual.styleName().isEmpty() ? QFontDatabase::styleString(actual) : actual.styleName();
-  style.remove(u' ');
-  const QString name = actual.family().remove(u' ') + (style.isEmpty() ? QString() : u'-' + style);
+  const QString style =
+      withoutSpaces(actual.styleName().isEmpty() ? QFontDatabase::styleString(actual) : actual.styleName());
+  const QString name = withoutSpaces(actual.family()) + (style.isEmpty() ? QString() : u'-' + style);
   return Font{name.toStdString(), size};
 }
 

@@ -9,23 +9,29 @@
 
 namespace kelvo::qt {
 
-/// The live widgets of the application. Each search sees them as they are: an object made here holds its widget
-/// weakly, and answers as an empty, hidden view once that is deleted.
+/// Gives the library the live widgets of the application as windows and views.
+///
+/// Each window and view holds its widget weakly, and is an empty, hidden view once the widget is deleted. Thread: the
+/// main thread only; windows and views may be released on any thread.
 class WidgetTree final : public ViewTree {
  public:
-  using ShownNow = std::function<std::shared_ptr<ViewController>()>;
+  using ScreenLookup = std::function<std::shared_ptr<ViewController>()>;
 
-  /// Both are called on the main thread: `whenLookedAt` each time that the library asks for the windows, which it does
-  /// for the first time when it starts, and `shownNow` for the screen that shows then, nullptr for none.
-  WidgetTree(std::function<void()> whenLookedAt, ShownNow shownNow)
-      : whenLookedAt_(std::move(whenLookedAt)), shownNow_(std::move(shownNow)) {}
+  /// `startReporting` is called when the library has started, and again at each lookup of the windows.
+  /// `takeShownScreen` returns the screen in front, nullptr if there is none. Both are called on the main thread.
+  WidgetTree(std::function<void()> startReporting, ScreenLookup takeShownScreen)
+      : startReporting_(std::move(startReporting)), takeShownScreen_(std::move(takeShownScreen)) {}
 
+  /// Returns the visible windows. The first call also starts the reports of screens and activity.
   [[nodiscard]] std::vector<std::shared_ptr<Window>> windows() override;
   [[nodiscard]] std::optional<Font> font(const Dictionary& attributes, double size) const override;
 
  private:
-  std::function<void()> whenLookedAt_;
-  ShownNow shownNow_;
+  void noteThatLibraryHasStarted() const;
+  [[nodiscard]] std::vector<std::shared_ptr<Window>> visibleWindows() const;
+
+  std::function<void()> startReporting_;
+  ScreenLookup takeShownScreen_;
 };
 
 }  // namespace kelvo::qt

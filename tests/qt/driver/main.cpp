@@ -1,6 +1,7 @@
-// Clicks through the shop as a customer would and turns to another application; comes back for a moment for each line
-// of standard input, and ends with it. With an argument it also keeps a picture of the shop there; with two, the second
-// one says in which order the shop is opened, and nobody visits it: see `open`.
+// driver [PICTURE [STEPS]]: clicks through the shop as a customer would, then changes to another application. Returns
+// to the shop for a moment for each line of standard input, and exits at its end. Saves a picture of the shop in
+// PICTURE unless that is empty. With STEPS it only opens the shop in that order (see `open`) and waits for the end of
+// its input.
 #include <unistd.h>
 #include <QApplication>
 #include <QSocketNotifier>
@@ -12,8 +13,10 @@
 
 namespace {
 
-constexpr int kPatience = 20000;  // milliseconds
+// In milliseconds.
+constexpr int kPatience = 20000;
 constexpr int kMoreThanASecond = 1100;
+constexpr int kWaitStep = 100;
 
 void click(QWidget* widget) {
   QTest::mouseClick(widget, Qt::LeftButton);
@@ -23,7 +26,7 @@ void clickItem(QListWidget* list, int row) {
   QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualItemRect(list->item(row)).center());
 }
 
-/// Waits until `condition` holds, and what follows from it has happened.
+/// Waits until `condition` holds, then handles the pending events. Returns false after `kPatience`.
 template <class Condition>
 bool reached(Condition condition) {
   const bool holds = QTest::qWaitFor(condition, kPatience);
@@ -35,26 +38,28 @@ bool shows(const QWidget* page) {
   return reached([page] { return page->isVisible(); });
 }
 
-/// What a window system tells when the user turns to another application; the offscreen platform has no other.
+/// Signals the change that a window system signals when the user changes to another application or back. The offscreen
+/// platform never does.
 void setState(Qt::ApplicationState state) {
   Q_EMIT qGuiApp->applicationStateChanged(state);
   QTest::qWait(0);
 }
 
-/// Each letter is a step: "a"ttach, "i"nitialize, "s"how, and "w"ait, in which the event loop runs.
+/// Runs `steps`, one letter each: "a"ttach, "i"nitialize, "s"how, and "w"ait (which runs the event loop). Returns
+/// whether the library has started and the window is active.
 bool open(QApplication& app, shop::Window& window, const char* steps) {
   for (const char* step = steps; *step != '\0'; ++step) {
     if (*step == 'a') kelvo::qt::attach(app);
     if (*step == 'i') kelvo::KelvoSDK::initializeKelvoWithID("tea-shop");
     if (*step == 's') window.show();
-    if (*step == 'w') QTest::qWait(100);
+    if (*step == 'w') QTest::qWait(kWaitStep);
   }
   const bool started = QTest::qWaitFor([] { return kelvo::KelvoSDK::getDeviceID().has_value(); }, kPatience);
   return started && QTest::qWaitForWindowActive(&window, kPatience);
 }
 
 bool visit(shop::Window& window, const QString& picture) {
-  QTest::qWait(kMoreThanASecond);  // the time on the first screen is a second at least
+  QTest::qWait(kMoreThanASecond);  // the test expects at least one second on the first screen
 
   clickItem(window.list->products, 1);
   if (!shows(window.detail)) return false;
@@ -80,7 +85,7 @@ void comeBackForEachLine() {
     if (::read(STDIN_FILENO, &byte, 1) != 1) return QCoreApplication::quit();
     if (byte != '\n') return;
     setState(Qt::ApplicationInactive);
-    setState(Qt::ApplicationActive);  // on the way to another window
+    setState(Qt::ApplicationActive);  // as when the user changes from one window to another
     setState(Qt::ApplicationSuspended);
   });
   QApplication::exec();
