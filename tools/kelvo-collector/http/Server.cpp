@@ -223,7 +223,10 @@ void Server::Impl::handleService(const httplib::Request& request, const Question
   const bool answers = !script || script->answers();
 
   Reply answer;
-  if (serves) answer = reply(question, state, store);
+  if (serves) {
+    auto reply = collector::reply(question, state, store);
+    answer = reply ? std::move(*reply) : unknownPath();
+  }
   ReceivedRequest arrived = received(request, question.body);
   if (answers) arrived.status = serves ? answer.status : script->status();
   if (!store.add(arrived, answer.accepted)) return send(refusal(500, "the store failed"), response);
