@@ -4,7 +4,10 @@
 #include <algorithm>
 
 #include "CollectorTest.h"
+#include "kelvo-collector/debug/Aggregates.h"
 #include "kelvo-collector/debug/Listings.h"
+#include "kelvo-collector/debug/Timeline.h"
+#include "kelvo-collector/debug/Users.h"
 #include "kelvo-collector/service/Documents.h"
 #include "kelvo-collector/service/ServiceState.h"
 #include "kelvo-collector/store/EventText.h"
