@@ -95,7 +95,7 @@ class PageTest(unittest.TestCase):
         return [tuple(row) for row in self.script("return [...document.querySelectorAll(arguments[0])]"
                                                   ".map((e) => arguments[1].map((n) => e.dataset[n]))", css, names)]
 
-    def test_events_of_a_running_process_appear_by_themselves(self):
+    def test_events_of_a_running_process_appear_without_a_reload(self):
         self.script("window.same = true")
         with subprocess.Popen(**self.program, stdin=PIPE, bufsize=1) as process:
             process.stdin.write('{"call": "waitUntilReady", "seconds": 10}\n{"call": "didBecomeActive"}\n'
@@ -116,7 +116,7 @@ class PageTest(unittest.TestCase):
         self.assertEqual([], self.texts("#sessions .new"))
         self.assertTrue(self.script("return window.same"))
 
-    def test_a_session_that_comes_while_the_list_is_on_its_way_stays(self):
+    def test_a_session_that_arrives_while_the_list_loads_stays(self):
         self.script("""
             const real = fetch;
             window.fetch = async (...question) => {
@@ -146,7 +146,7 @@ class PageTest(unittest.TestCase):
             " { const place = document.querySelector(css).getBoundingClientRect(); return [place.x, place.width]; })")
         self.assertAlmostEqual(begin + 4 * ten_seconds, mark + width / 2, delta=2)
 
-    def test_filters_by_kind_text_and_mark_and_unfolds_the_json_received(self):
+    def test_filters_by_kind_text_and_mark_and_shows_the_json_as_received(self):
         exact = '{"name":"Buy","time":3,"additional_info":{"item":"book", "id": 9007199254740993, "price":1.50}}'
         self.post("s", 1, app("Open", 1), exact, system=[("FOREGROUND", 0)])
         self.until_events("Open", "Buy", "FOREGROUND")
@@ -163,7 +163,7 @@ class PageTest(unittest.TestCase):
         self.until(lambda: self.texts("pre.json") == [exact])
         self.assertIn("9007199254740993", self.texts("#events .attributes .value"))
 
-    def test_markup_from_outside_stays_text_and_no_name_is_wider_than_the_window(self):
+    def test_received_markup_stays_text_and_no_name_overflows_the_window(self):
         name = MARKUP + "Long" * 80
         self.post(MARKUP, 1, app(name, 1, **{name: name}), screens=[(name, 0, -1)])
         for pixels in (400, 1280):
@@ -183,7 +183,7 @@ class PageTest(unittest.TestCase):
         self.assertEqual([None, "Kelvo collector", 0],
                          self.script("return [window.harmed ?? null, document.title, document.images.length]"))
 
-    def test_a_switch_makes_one_launch_wait_and_the_next_deliver(self):
+    def test_a_switch_holds_back_one_launch_and_the_next_one_delivers(self):
         self.click("#tab-service")
         self.until(lambda: self.find("textarea.code").get_attribute("value"))
         refuse = ".preset:first-child"  # uploads answer 503
