@@ -1,4 +1,4 @@
-"""The collector's page in a real browser, fed by real processes: test_page.py COLLECTOR KELVO_LOG"""
+"""Tests the collector's page in a real browser, with events of real processes: test_page.py COLLECTOR KELVO_LOG"""
 
 import json
 import os
@@ -19,7 +19,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 COLLECTOR, KELVO_LOG = sys.argv[1:3]
 MARKUP = "<script>window.harmed = 1</script><img src=x onerror='window.harmed = 2'>"
 CHUNK = (pathlib.Path(__file__).parent / "chunk.template").read_text(encoding="utf-8")
-# The page may replace an element, or move it, between the moment that it is found and that it is used.
+# The page may replace or move an element after the test has found it.
 NOT_YET = (exceptions.NoSuchElementException, exceptions.StaleElementReferenceException,
            exceptions.ElementNotInteractableException, exceptions.ElementClickInterceptedException)
 
@@ -29,7 +29,7 @@ def app(name, time, **attributes):
 
 
 class PageTest(unittest.TestCase):
-    place = None  # of the element that is to be clicked
+    place = None  # where the element to click was at the last attempt
 
     @classmethod
     def setUpClass(cls):
@@ -44,17 +44,17 @@ class PageTest(unittest.TestCase):
         cls.script = cls.browser.execute_script
 
     def setUp(self):
-        self.browser.get("about:blank")  # a page that is still open would ask for what is forgotten now
+        self.browser.get("about:blank")  # an open page would request data that the reset deletes
         self.ask("POST", "/debug/reset")
         home = self.enterContext(tempfile.TemporaryDirectory())
         self.program = {"env": {**os.environ, "KELVO_HOME": home, "KELVO_SERVER_BASE_URL": self.url}, "text": True,
                         "args": [KELVO_LOG, "--app-id", "shop"], "stdout": DEVNULL, "stderr": DEVNULL}
         self.browser.get(self.url)
-        # Until the first list of sessions is there, which says that nothing has come.
+        # The welcome text appears once the first list of sessions has loaded and is empty.
         self.until(lambda: self.find("#welcome").is_displayed())
         self.assertEqual("Live", self.find("#connection").text)
 
-    def tearDown(self):  # What the policy for contents forbids is told in the log, too.
+    def tearDown(self):  # The browser also logs violations of the content security policy.
         self.assertEqual([], [entry["message"] for entry in self.browser.get_log("browser")])
 
     def ask(self, method, path, body=None):
@@ -77,7 +77,7 @@ class PageTest(unittest.TestCase):
     def click(self, css):
         self.until(lambda: self.clicked(css))
 
-    def clicked(self, css):  # Not before it has stood in one place for two looks: what comes above it would move it.
+    def clicked(self, css):  # Clicks only if the element has not moved since the last attempt.
         element = self.find(css)
         before, self.place = self.place, element.rect
         if self.place != before or not element.is_enabled():
@@ -85,7 +85,7 @@ class PageTest(unittest.TestCase):
         element.click()
         return True
 
-    def texts(self, css):  # In one step, since the page may change between two.
+    def texts(self, css):  # One script call, because the page may change between two calls.
         return self.script("return [...document.querySelectorAll(arguments[0])].map((e) => e.textContent)", css)
 
     def until_events(self, *names):
@@ -103,7 +103,7 @@ class PageTest(unittest.TestCase):
             self.until(lambda: "Purchase" in self.texts("#events .name"))
             self.assertIn("item=book", " ".join(self.texts("#events .preview")))
             self.until(lambda: ("app", "Purchase") in self.data("#plot .glyph", "kind", "name"))
-            self.post("other", 1, app("One", 1))  # comes to the front; what then arrives for the first leaves a mark
+            self.post("other", 1, app("One", 1))  # selects this session; the first one then shows new events
             self.until_events("One")
             self.post("other", 2, app("Two", 2))
             self.until_events("One", "Two")
@@ -119,16 +119,16 @@ class PageTest(unittest.TestCase):
     def test_a_session_that_arrives_while_the_list_loads_stays(self):
         self.script("""
             const real = fetch;
-            window.fetch = async (...question) => {
-              const answer = await real(...question);
-              if (question[0].includes("/debug/sessions")) await new Promise((goOn) => { window.goOn = goOn; });
+            window.fetch = async (...request) => {
+              const answer = await real(...request);
+              if (request[0].includes("/debug/sessions")) await new Promise((resume) => { window.resume = resume; });
               return answer;
             };
-            document.dispatchEvent(new Event("visibilitychange"));  // the stream, and so the list, begin anew""")
-        self.until(lambda: self.script("return Boolean(window.goOn)"))
+            document.dispatchEvent(new Event("visibilitychange"));  // reopens the stream, which reloads the list""")
+        self.until(lambda: self.script("return Boolean(window.resume)"))
         self.post("s", 1, app("One", 1))
         self.until_events("One")
-        self.browser.execute_async_script("goOn(); setTimeout(arguments[0], 300)")
+        self.browser.execute_async_script("resume(); setTimeout(arguments[0], 300)")
         self.assertEqual(1, len(self.texts("#sessions [role=option]")))
 
     def test_the_plot_shows_screens_foreground_events_and_chunks_to_scale(self):
