@@ -32,7 +32,7 @@ struct DebugRequest {
   [[nodiscard]] std::size_t limit(std::int64_t usual) const {
     return static_cast<std::size_t>(parameters.number("limit", 1, kMostRows).value_or(usual));
   }
-  /// Returns the number of that name, an id or a cursor, 0 if there is none.
+  /// Returns the parameter `name`, an id or a cursor, 0 if it is absent or out of range.
   [[nodiscard]] std::int64_t number(const char* name) const {
     return parameters.number(name, 0, INT64_MAX).value_or(0);
   }
@@ -50,7 +50,7 @@ DebugReply okOr404(std::optional<Dictionary> body) {
   return body ? ok(std::move(*body)) : DebugReply{refusal(404, "there is none with this id")};
 }
 
-/// Returns `text` with "?" for each byte beyond ASCII: it may not be UTF-8, and the listing is JSON.
+/// Returns `text` with "?" for each byte beyond ASCII: the text may not be UTF-8, but the listing is JSON.
 std::string printable(std::string text) {
   constexpr unsigned char firstBeyondASCII = 0x80;
   for (char& byte : text) {

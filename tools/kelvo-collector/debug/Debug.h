@@ -5,7 +5,7 @@
 
 #include "kelvo-collector/service/Service.h"
 
-// The paths below /debug: they show what arrived and steer the service. Such requests are not kept in the store.
+// The paths below /debug: they show the received data and steer the service. The store does not keep such requests.
 
 namespace kelvo::collector {
 
@@ -18,7 +18,7 @@ struct DebugTargets {
   ScriptBook& scripts;
 };
 
-/// The answer to a debug request, and what the server must do besides sending it.
+/// The answer to a debug request, and the further steps that the server must take.
 struct DebugReply {
   enum class Effect : std::uint8_t { None, ServiceChanged, StoreReset };  ///< the open pages must learn about it
   /// With `Stream` and `Wait`, `reply` is empty: the server makes the answer, which takes time (see http/Live.h).

@@ -34,14 +34,14 @@ struct Filter {
 /// Returns the filter that the query of `question` describes. Values out of range count as absent.
 [[nodiscard]] Filter filterOf(const Question& question);
 
-/// Returns the row of the session with this id, 0 if there is none. If several applications have such a session,
-/// returns the one that arrived last.
+/// Returns the row of the session with this id, 0 if there is none. If several applications have a session
+/// with this id, returns the latest.
 [[nodiscard]] std::int64_t sessionKey(Database& database, const std::string& id);
 /// Returns the row of the session that limits the listing, 0 for all sessions, nullopt if there is no such session.
 [[nodiscard]] std::optional<std::int64_t> sessionOf(Database& database, const Filter& filter);
 
-/// Returns a page of sessions, the one with the latest arrival first. `before` is the `next` of the page before, 0 for
-/// the first page.
+/// Returns a page of sessions, latest arrival first. `before` is the `next` of the page before, 0 for the first
+/// page.
 [[nodiscard]] Dictionary listSessions(Database& database, std::int64_t before, std::size_t limit);
 /// Returns one session as `listSessions` shows it, empty if there is none.
 [[nodiscard]] Dictionary sessionRow(Database& database, std::int64_t key);
@@ -53,15 +53,15 @@ struct Filter {
 [[nodiscard]] Dictionary listEvents(Database& database, const Filter& filter);
 /// Returns an event with its JSON exactly as it arrived, nullopt if there is none.
 [[nodiscard]] std::optional<Dictionary> eventDetails(Database& database, std::int64_t id);
-/// Returns a page of problems, with their numbers by kind.
+/// Returns a page of problems, with the number of problems of each kind.
 [[nodiscard]] Dictionary listProblems(Database& database, const Filter& filter);
 
-/// Returns the totals, the counts of events by kind, and those of the 200 most frequent names.
+/// Returns the totals, and the counts of events by kind and of the 200 most frequent names.
 [[nodiscard]] Dictionary counts(Database& database);
 /// Returns the number of matching events. An aggregate counts as often as its sender counted it. Ignores `text`.
 [[nodiscard]] std::int64_t countEvents(Database& database, const Filter& filter);
 
-/// Returns the value of a JSON text that the store holds.
+/// Parses a JSON text of the store. Returns null if it is unusable.
 [[nodiscard]] Value stored(const std::string& json);
 
 }  // namespace kelvo::collector

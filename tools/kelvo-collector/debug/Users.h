@@ -12,7 +12,7 @@ namespace kelvo::collector {
 
 class Database;
 
-/// Returns at most `limit` users with their current attributes, the one with the latest upload first.
+/// Returns at most `limit` users with their current attributes, latest upload first.
 [[nodiscard]] Dictionary listUsers(Database& database, std::size_t limit);
 /// Returns the newest `limit` states of a user's attributes, newest first, each with the names that changed. Returns
 /// nullopt if there is no user with this id.

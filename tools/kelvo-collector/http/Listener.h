@@ -26,8 +26,8 @@ struct ConnectionCounts {
 
 /// Accepts connections and lets the HTTP library parse their requests and call the handlers.
 ///
-/// Each connection is a `Connection` and keeps one thread while it is open, at most 256 in all. So a handler can break
-/// its connection, and `stop` ends every wait at once.
+/// Each connection is a `Connection`, which a handler can break, and keeps one thread while it is open. There are at
+/// most 256 threads; further connections wait.
 /// Thread: one thread owns the listener; handlers run on the connection threads.
 class Listener {
  public:

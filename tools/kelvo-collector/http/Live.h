@@ -15,7 +15,7 @@ namespace kelvo::collector {
 class Bell;
 class Connection;
 
-/// Streams to one page, as server-sent events: new chunks, changed sessions, changes of the service, resets.
+/// Streams server-sent events to one page: new chunks, changed sessions, changes of the service, resets.
 /// Thread: used on one thread at a time.
 class EventStream {
  public:

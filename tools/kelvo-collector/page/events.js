@@ -19,7 +19,7 @@ function titleOf(event) {
   return typeof message === "string" && message !== "" ? message : event.name;
 }
 
-/** Returns the attributes of an event, those of an aggregate as values with their counts: "5 × 3, 4 × 1". */
+/** Returns the attributes of an event. For an aggregate, each lists its values with their counts: "5 × 3, 4 × 1". */
 function attributesOf(event) {
   const attributes = event.attributes ?? {};
   if (event.kind !== "aggregate") return attributes;

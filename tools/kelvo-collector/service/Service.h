@@ -40,13 +40,14 @@ struct Context {
   [[nodiscard]] std::string parameter(const char* name) const;
 };
 
-/// Returns the service's answer, nullopt if the service has no such path. Stores nothing.
+/// Returns the service's answer, nullopt if the service has no such path. Stores nothing; the caller stores
+/// `Reply::accepted`. Thread-safe.
 [[nodiscard]] std::optional<Reply> reply(const Question& question, const ServiceState& state, const Store& store);
 
 [[nodiscard]] Reply refusal(int status, std::string reason);
 [[nodiscard]] Reply success(Dictionary body);
 
-/// Returns "METHOD /path" for every path of the service.
+/// Returns "METHOD /path" for each path of the service. The answer to an unknown path lists them.
 [[nodiscard]] std::vector<std::string> servicePaths();
 
 }  // namespace kelvo::collector
