@@ -10,8 +10,8 @@ namespace kelvo::collector {
 /// A web page can let its own domain resolve to this machine; its requests then carry that domain as their host.
 [[nodiscard]] bool isLoopbackHost(std::string_view host);
 
-/// Returns true if the Origin header `origin` is the address of the collector's own page, or empty: then no foreign page
-/// sent the request. `host` is the Host header; `tls` is true if the collector serves HTTPS.
+/// Returns true if the Origin header `origin` is the address of the collector's own page, or empty: then no foreign
+/// page sent the request. `host` is the Host header; `tls` is true if the collector serves HTTPS.
 [[nodiscard]] bool isOwnOrigin(std::string_view origin, std::string_view host, bool tls);
 
 /// Lets the page run scripts, load styles and send requests only from and to the collector.
