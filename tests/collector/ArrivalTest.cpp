@@ -4,7 +4,10 @@
 #include <algorithm>
 
 #include "CollectorTest.h"
+#include "kelvo-collector/debug/Aggregates.h"
 #include "kelvo-collector/debug/Listings.h"
+#include "kelvo-collector/debug/Timeline.h"
+#include "kelvo-collector/debug/Users.h"
 #include "kelvo-collector/service/Documents.h"
 #include "kelvo-collector/service/ServiceState.h"
 #include "kelvo-collector/store/EventText.h"
@@ -30,7 +33,7 @@ class Arrival : public testing::Test {
   }
   void add(const ChunkOf& chunk) { add(chunk.text()); }
 
-  /// What the members of every object in a list hold, set apart by spaces.
+  /// Returns a text for each object of a list: the values of the given members, separated by spaces.
   static std::vector<std::string> rows(const Value& list, const std::vector<std::string>& members) {
     std::vector<std::string> found;
     for (const Value& object : *list.get<Array>()) {
@@ -56,7 +59,7 @@ class Arrival : public testing::Test {
   std::int64_t now = 0;
 };
 
-TEST_F(Arrival, AChunkBecomesRowsOfEveryKindWithTheExactTextThatArrived) {
+TEST_F(Arrival, AChunkIsStoredAsRowsOfEveryKindWithTheExactTextOfEachEvent) {
   add(kSampleChunk);
   const std::pair<std::string, const char*> expected[] = {
       {"system FOREGROUND 0 {}", R"({"name": "FOREGROUND", "time": 0})"},
@@ -80,7 +83,7 @@ TEST_F(Arrival, AChunkBecomesRowsOfEveryKindWithTheExactTextThatArrived) {
   EXPECT_EQ(allCounts()["events"], Value(7));
 }
 
-TEST_F(Arrival, TheTextOfAnEventIsFoundWhateverStandsAroundIt) {
+TEST_F(Arrival, TheTextOfAnEventIsFoundBetweenAnyOtherJSON) {
   const std::string chunk = R"({ "a" : [ "chunk_details", {"app_events": [1]} ], "chunk\u005fdetails":{"x":-1e5 ,
     "app_events" :[ {"name":"}]\"\\", "l":[[],{}]},"two" , 3 ,{} ],"none":[ ], "no list": {"app_events":[9]}}, "z":[]})";
   const auto lists = elementsOfChunk(chunk);
@@ -91,14 +94,14 @@ TEST_F(Arrival, TheTextOfAnEventIsFoundWhateverStandsAroundIt) {
   EXPECT_TRUE(lists.at("no list").empty());
 }
 
-TEST_F(Arrival, ARepeatedChunkCountsOnceAndAggregatesAreTakenForTheWholeSession) {
+TEST_F(Arrival, ARepeatedChunkCountsOnceAndAggregateCountsCoverTheWholeSession) {
   const std::string open = event("Open");
   const auto scrolls = [](int up, int count) {
     return R"([{"name": "Scroll", "count": )" + std::to_string(count) + R"(, "attributes": {"dir": [["up", )" +
            std::to_string(up) + R"(], ["down", 1]]}}])";
   };
   add({.number = 1, .app = open, .aggregates = scrolls(1, 2)});
-  add({.number = 1, .app = open, .aggregates = scrolls(2, 3)});  // sent again, with the later counts
+  add({.number = 1, .app = open, .aggregates = scrolls(2, 3)});  // repeated, with later counts
   add({.number = 2, .app = open, .aggregates = scrolls(5, 6)});
   add({.number = 1, .app = open, .session = "other", .aggregates = scrolls(1, 2)});
 
@@ -169,7 +172,7 @@ TEST_F(Arrival, EachFaultIsReportedOnceWithTheOffendingValue) {
   EXPECT_EQ(messages.back(), "chunks 100 to 999999999 are missing");
 }
 
-TEST_F(Arrival, ListingsPageThroughEverythingAndFilterTogether) {
+TEST_F(Arrival, ListingsReturnEveryRowPageByPageAndCombineFilters) {
   for (const char* session : {"S0", "S1", "S2", "S3", "S4"}) {
     add({.app = event("Even") + "," + event("Odd", R"({"Note": "n7"})") + "," + event("Odd"),
          .session = session,
@@ -204,7 +207,7 @@ TEST_F(Arrival, ListingsPageThroughEverythingAndFilterTogether) {
   EXPECT_EQ(order, "S4S3S2S1S0");
 }
 
-TEST_F(Arrival, ThePlotOfALongSessionIsSampledFromEverywhere) {
+TEST_F(Arrival, ThePlotOfALongSessionIsASampleOfTheWholeSession) {
   std::string many;
   for (int i = 0; i < 5000; ++i) many += R"({"name":"Tick","time":)" + std::to_string(i) + "},";
   add({.number = 1, .app = many});
@@ -216,7 +219,7 @@ TEST_F(Arrival, ThePlotOfALongSessionIsSampledFromEverywhere) {
   EXPECT_GT(in(points[points.size() - 1], {"time"}).asInt64(), 4900);
 }
 
-TEST_F(Arrival, AUsersAttributesAreKeptAsTheyChange) {
+TEST_F(Arrival, TheHistoryKeepsEachChangeOfAUsersAttributes) {
   for (const char* user : {R"({"plan":"free","age":7})", R"({"plan":"free","age":7})", R"({"plan":"gold"})"}) {
     add({.number = int(now) + 1, .user = user});
   }
@@ -226,7 +229,7 @@ TEST_F(Arrival, AUsersAttributesAreKeptAsTheyChange) {
             R"({"received":1,"attributes":{"plan":"free","age":7},"changed":["plan","age"]}])");
 }
 
-TEST(CollectorStore, AFileIsPrivateUsedByOneAndWhatIsOfNoUseInItIsLeftOut) {
+TEST(CollectorStore, TheFileIsPrivateAndExclusiveAndUnusableContentIsSkippedOrRefused) {
   const std::string path = home() + "/collector.db";
   Store store(path);
   struct stat file {};

@@ -14,40 +14,38 @@
 
 namespace kelvo::test {
 
-/// What the curl program made of a request: a client that has nothing in common with the server under test.
+/// The result of a request by the curl program, a client that shares no code with the server under test.
 struct CurlResult {
-  int exitCode = -1;  ///< 0, or curl's number for the transport error
+  int exitCode = -1;  ///< 0, or curl's number of the transport error
   int status = 0;
   std::string body;
 
   [[nodiscard]] Dictionary json() const {
-    const Value value = parseJSON(body).value_or(Value());
-    return value.get<Dictionary>() == nullptr ? Dictionary{} : *value.get<Dictionary>();
+    return parseJSON(body).value_or(Value()).asDictionary().value_or(Dictionary{});
   }
 };
 
-/// Runs curl with `arguments`, which a shell reads.
+/// Runs curl with `arguments`, which are shell syntax.
 inline CurlResult curl(const std::string& arguments) {
   CurlResult result;
   FILE* pipe = popen(("curl --silent --noproxy '*' --write-out '\\n%{http_code}' " + arguments).c_str(), "r");
   for (int byte; pipe != nullptr && (byte = fgetc(pipe)) != EOF;) result.body += static_cast<char>(byte);
   const int ended = pipe != nullptr ? pclose(pipe) : -1;
   result.exitCode = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
-  if (const auto line = result.body.rfind('\n'); line != std::string::npos) {
-    result.status = std::atoi(result.body.c_str() + line + 1);
-    result.body.resize(line);
+  if (const auto end = result.body.rfind('\n'); end != std::string::npos) {
+    result.status = std::atoi(result.body.c_str() + end + 1);
+    result.body.resize(end);
   }
   return result;
 }
 
-/// Posts `body` to `url`.
 inline CurlResult post(const std::string& url, const std::string& body, const std::string& moreArguments = {}) {
   writeFileForTest(home() + "/body", body);
   return curl(moreArguments + " -H 'Content-Type: application/json' --data-binary @'" + home() + "/body' '" + url +
               "'");
 }
 
-/// A chunk with an event of every kind, as text.
+/// The JSON of a chunk with an event of every kind.
 inline const std::string kSampleChunk = R"json({
   "sdk_info": {"sdk_version": 288.0, "config_id": "undefined", "tick_interval": 1, "chunk_retry_window": 1,
     "sdk_start_time": 1700000000000},
@@ -69,12 +67,12 @@ inline const std::string kSampleChunk = R"json({
     "incidents": [{"incident_id": "I1", "incident_type": "KLVCustomError", "time_of_occurrence": 9,
       "incident_specific_details": {"error_message": "no"}}]}})json";
 
-/// An application event.
+/// Returns the JSON of an application event.
 inline std::string event(const std::string& name, const std::string& info = "{}") {
   return R"({"name": ")" + name + R"(", "time": 1, "additional_info": )" + info + "}";
 }
 
-/// A chunk of which a test says what matters, in JSON; `app` is what stands between the brackets of a list.
+/// Describes a chunk by the parts that matter to a test. The texts are JSON; `app` is a list without its brackets.
 struct ChunkOf {
   int number = 1;
   std::string app = {};
@@ -85,6 +83,7 @@ struct ChunkOf {
   std::string user = "{}";
   double duration = 1;
 
+  /// Returns the sample chunk with these parts.
   [[nodiscard]] std::string text() const {
     Dictionary chunk = *parseJSON(kSampleChunk)->get<Dictionary>();
     const auto change = [&chunk](const char* part, const Dictionary& changes) {
@@ -105,12 +104,12 @@ struct ChunkOf {
   }
 };
 
-/// The member at the end of a path of names and positions; null when there is none.
+/// Returns the member at the end of a path of names and indices, null if there is none.
 inline Value in(const Value& value, std::initializer_list<std::string> path) {
   Value found = value;
   for (const std::string& step : path) {
     Value next;
-    if (const auto* object = found.get<Dictionary>()) next = (*object)[step];
+    if (const auto object = found.asDictionary()) next = (*object)[step];
     const auto* list = found.get<Array>();
     const auto at = static_cast<std::size_t>(std::atoi(step.c_str()));
     if (list != nullptr && at < list->size()) next = (*list)[at];

@@ -9,14 +9,14 @@
 namespace kelvo::test {
 namespace {
 
-/// The program of this build.
+/// Starts the collector of this build.
 Program collector(std::vector<std::string> arguments) {
   const auto tests = std::filesystem::canonical("/proc/self/exe").parent_path();
   arguments.insert(arguments.begin(), tests.parent_path() / "tools/kelvo-collector/kelvo-collector");
   return {arguments, {}};
 }
 
-/// The address that a collector says it listens on.
+/// Returns the address that the collector prints when it listens.
 std::string addressOf(const Program& program) {
   EXPECT_TRUE(program.waitForOutput("\n"));
   const std::string first = program.output(), begin = "listening on ";
@@ -24,7 +24,7 @@ std::string addressOf(const Program& program) {
   return first.substr(begin.size(), first.find('\n') - begin.size());
 }
 
-TEST(CollectorProgram, ServesUntilASignalAndTheNextRunKnowsWhatTheLastOneKept) {
+TEST(CollectorProgram, ServesUntilASignalAndTheNextRunHasTheStoredData) {
   const std::string key = home() + "/key.pem", certificate = home() + "/cert.pem";
   ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -keyout " + key + " -out " +
                          certificate + " 2>/dev/null")
@@ -35,7 +35,7 @@ TEST(CollectorProgram, ServesUntilASignalAndTheNextRunKnowsWhatTheLastOneKept) {
     Program program = collector(arguments);
     const std::string url = addressOf(program);
     if (signal == SIGINT) {
-      EXPECT_EQ(collector({"--port", url.substr(url.rfind(':') + 1)}).wait(), 1) << "it is taken";
+      EXPECT_EQ(collector({"--port", url.substr(url.rfind(':') + 1)}).wait(), 1) << "the port is taken";
       EXPECT_EQ(post(url + "/v2/api/app7/chunks", kSampleChunk).status, 200);
       EXPECT_EQ(curl("-X PUT -d '{\"enabled\": false}' " + url + "/debug/enabled").status, 200);
     }
@@ -47,7 +47,7 @@ TEST(CollectorProgram, ServesUntilASignalAndTheNextRunKnowsWhatTheLastOneKept) {
   }
 }
 
-TEST(CollectorProgram, WrongUsageEndsWithTwo) {
+TEST(CollectorProgram, WrongUsageExitsWithStatus2) {
   for (const char* port : {"65536", "-1", "80x"}) EXPECT_EQ(collector({"--port", port}).wait(), 2) << port;
   const std::vector<std::string> wrong[] = {{"--port"}, {"--verbose"}, {"--data", ""}, {"--tls-cert", "c.pem"}};
   for (const auto& arguments : wrong) EXPECT_EQ(collector(arguments).wait(), 2) << arguments[0];

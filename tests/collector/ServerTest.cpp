@@ -14,7 +14,7 @@ namespace {
 using collector::Script;
 using namespace std::chrono_literals;
 
-/// The sample with the first occurrence of `from` replaced.
+/// Returns the sample chunk with the first occurrence of `from` replaced.
 inline std::string sampleChunk(const std::string& from, const std::string& to) {
   std::string text = kSampleChunk;
   return text.replace(text.find(from), from.size(), to);
@@ -35,7 +35,7 @@ class CollectorServer : public testing::Test {
   void buyInChunk(int number) const {
     ASSERT_EQ(postChunk(ChunkOf{.number = number, .app = event("Buy")}.text()).status, 200);
   }
-  /// A client that goes on reading: its output is what has come so far.
+  /// Starts a client that reads until the connection closes. Its output is the answer so far.
   [[nodiscard]] std::unique_ptr<Program> reader(const std::string& path, const std::vector<std::string>& more) const {
     std::vector<std::string> command{"/usr/bin/env", "curl", "-sN", "--noproxy", "*", server.baseURL() + path};
     command.insert(command.end(), more.begin(), more.end());
@@ -49,7 +49,7 @@ class CollectorServer : public testing::Test {
   const int port = server.start();
 };
 
-TEST_F(CollectorServer, KeepsAcceptedChunksAndTellsRepeatsFromConflicts) {
+TEST_F(CollectorServer, KeepsAcceptedChunksAndDistinguishesRepeatsFromConflicts) {
   std::string again = sampleChunk("[1700000030000]", "[1700000099000]");
   const std::string event = R"({"name": "Open", "time": 1})";
   again.replace(again.find(event), event.size(), R"({"time": 1, "name": "Open"})");
@@ -70,13 +70,13 @@ TEST_F(CollectorServer, KeepsAcceptedChunksAndTellsRepeatsFromConflicts) {
   EXPECT_EQ(in(page, {"chunks", "0", "events", "app_events"}), Value(2));
 }
 
-TEST_F(CollectorServer, AnswersLoopbackNamesAndItsOwnPageAndTellsWhatThereIs) {
+TEST_F(CollectorServer, AnswersOnlyLoopbackHostsAndItsOwnPageAndListsItsPaths) {
   const std::string own = server.baseURL();
   const struct {
     std::string arguments;
     const char* path;
     int status;
-    const char* text = "";  // of the answer
+    const char* text = "";  // in the answer
   } cases[] = {{"-H 'Host: 127.0.0.1:99'", "/debug/counts", 200},
                {"-H 'Host: LocalHost:1'", "/", 200, "Content-Type: text/html"},
                {"-H 'Host: [::1]'", "/", 200},
@@ -104,7 +104,7 @@ TEST_F(CollectorServer, AnswersLoopbackNamesAndItsOwnPageAndTellsWhatThereIs) {
   EXPECT_TRUE(server.requests("/debug").empty());
 }
 
-TEST_F(CollectorServer, RefusesABodyWithTheReasonAndListsIt) {
+TEST_F(CollectorServer, RefusesAnInvalidBodyWithTheReasonAndListsTheRequest) {
   const struct {
     const char *from, *to, *fault;
   } cases[] = {
@@ -139,7 +139,7 @@ TEST_F(CollectorServer, RefusesABodyWithTheReasonAndListsIt) {
   EXPECT_EQ(in(listed, {"requests", std::to_string(std::size(cases)), "body"}), Value("??"));
 }
 
-TEST_F(CollectorServer, EachScriptLooksToTheClientAsItSays) {
+TEST_F(CollectorServer, AClientSeesTheFaultThatEachScriptDescribes) {
   const struct {
     const char* name;
     Script script;
@@ -163,14 +163,14 @@ TEST_F(CollectorServer, EachScriptLooksToTheClientAsItSays) {
     EXPECT_EQ(server.requests("/chunks").back().status, c.recorded) << c.name;
   }
   server.answerInTurn("/sync", {Script(500).times(2), 404, Script(503).times(1)});
-  server.answer("client-events", Script(418).times(1));  // set last, it wins while it lasts
+  server.answer("client-events", Script(418).times(1));  // set last, so it wins while it lasts
   for (const int status : {418, 500, 500, 404, 503, 200}) {
     EXPECT_EQ(get("/v2/sync/app7/client-events").status, status);
   }
 }
 
-TEST_F(CollectorServer, HangingRequestsAndSlowReadersHoldUpNeitherOthersNorTheEnd) {
-  // The reader first: it would inherit the connections of the requests that hang, and keep them open.
+TEST_F(CollectorServer, HangingRequestsAndSlowReadersDelayNeitherOtherRequestsNorStop) {
+  // Start the reader first: a later process would inherit the hanging connections and keep them open.
   ASSERT_EQ(send("POST", "/v2/api/user", std::string(30U << 20U, 'x')).status, 400);
   const auto slow = reader("/debug/requests", {"--limit-rate", "1k"});
   ASSERT_TRUE(slow->waitForOutput("{"));  // the answer has begun
@@ -186,12 +186,12 @@ TEST_F(CollectorServer, HangingRequestsAndSlowReadersHoldUpNeitherOthersNorTheEn
   EXPECT_NE(hanging.get().exitCode, 0);
   EXPECT_EQ(get("/debug/chunks").exitCode, 7);
 
-  // The network is back: the same port, the same store.
+  // A restart on the same port keeps the store.
   EXPECT_EQ(server.start(port), port);
   EXPECT_EQ(get("/debug/requests?after=41").json()["requests"].get<Array>()->size(), 1U);
 }
 
-TEST_F(CollectorServer, ADocumentIsCheckedBeforeItIsTaken) {
+TEST_F(CollectorServer, ADocumentIsValidatedBeforeItTakesEffect) {
   const auto config = [](const std::string& more) { return R"({"enable": true, "service_paths": )" + more + "}"; };
   const auto action = [](const std::string& pid, const std::string& configuration) {
     return R"([{"pid": ")" + pid + R"(", "mid": "M", "config": )" + configuration + "}]";
@@ -199,7 +199,7 @@ TEST_F(CollectorServer, ADocumentIsCheckedBeforeItIsTaken) {
   const struct {
     const char* path;
     std::string body;
-    const char* error = nullptr;  // none: it is taken
+    const char* error = nullptr;  // null if the document is valid
   } cases[] = {
       {"enabled", R"({"enabled": false})"},
       {"enabled", R"({"enabled": 1})", R"(the body is not {"enabled": true} or {"enabled": false})"},
@@ -218,10 +218,10 @@ TEST_F(CollectorServer, ADocumentIsCheckedBeforeItIsTaken) {
   for (const auto& c : cases) {
     const Dictionary before = get("/debug/service").json();
     const CurlResult result = send("PUT", std::string("/debug/") + c.path, c.body);
-    const bool taken = c.error == nullptr;
-    EXPECT_EQ(result.status, taken ? 200 : 400) << c.body;
-    EXPECT_EQ(get("/debug/service").json() == before, !taken) << c.body;
-    EXPECT_EQ(in(result.json(), {"errors", "0"}), taken ? Value() : Value(c.error)) << c.body;
+    const bool valid = c.error == nullptr;
+    EXPECT_EQ(result.status, valid ? 200 : 400) << c.body;
+    EXPECT_EQ(get("/debug/service").json() == before, !valid) << c.body;
+    EXPECT_EQ(in(result.json(), {"errors", "0"}), valid ? Value() : Value(c.error)) << c.body;
   }
   EXPECT_EQ(send("PUT", "/debug/config", "{").status, 400);
   EXPECT_EQ(get("/v2/api/app7/sdk/enabled-status").json()["enabled"], Value(false));
@@ -232,7 +232,7 @@ TEST_F(CollectorServer, ADocumentIsCheckedBeforeItIsTaken) {
   EXPECT_EQ(get("/v2/sync/app7/validate?actionType=rta").json()["pid_mid"], Value("P_M"));
 }
 
-TEST_F(CollectorServer, AnswersAreListedUsedUpAndEnded) {
+TEST_F(CollectorServer, ScriptedAnswersAreListedUsedUpAndRemoved) {
   const auto put = [this](const std::string& query) { return send("PUT", "/debug/answer?" + query).status; };
   EXPECT_EQ(put("path=/config&status=503&delay_ms=200&times=2"), 200);
   EXPECT_EQ(put("path=/rta&mode=hang"), 200);
@@ -259,7 +259,7 @@ TEST_F(CollectorServer, AnswersAreListedUsedUpAndEnded) {
   EXPECT_EQ(get("/debug/service").json()["answers"], Value(Array{}));
 }
 
-TEST_F(CollectorServer, WaitAnswersWhenEnoughHaveComeOrTimeIsOver) {
+TEST_F(CollectorServer, WaitAnswersOnceEnoughEventsHaveArrivedOrTheTimeoutPasses) {
   auto waiting =
       std::async(std::launch::async, [this] { return get("/debug/wait?count=2&name=Buy&kind=app&timeout=30"); });
   buyInChunk(1);
@@ -273,7 +273,7 @@ TEST_F(CollectorServer, WaitAnswersWhenEnoughHaveComeOrTimeIsOver) {
   EXPECT_EQ(get("/debug/wait?timeout=soon").status, 400);
 }
 
-TEST_F(CollectorServer, TwentyOpenPagesHearEverythingAndHoldUpNeitherOthersNorTheEnd) {
+TEST_F(CollectorServer, TwentyOpenPagesReceiveAllNewsAndDelayNeitherOtherRequestsNorStop) {
   std::vector<std::unique_ptr<Program>> pages;
   for (int i = 0; i < 20; ++i) pages.push_back(stream());
   for (const auto& page : pages) ASSERT_TRUE(page->waitForOutput(": here"));
@@ -283,7 +283,7 @@ TEST_F(CollectorServer, TwentyOpenPagesHearEverythingAndHoldUpNeitherOthersNorTh
         "event: chunk\ndata: {\"session\":\"1700000000000-D1\",\"chunk\":1,\"events\":1,\"sequence\":1}\n\n"));
     EXPECT_TRUE(page->waitForOutput("event: session\ndata: {\"id\":\"1700000000000-D1\",\"application\":\"app7\""));
   }
-  pages.resize(5);  // the others are gone
+  pages.resize(5);  // closes the others
   EXPECT_EQ(send("PUT", "/debug/enabled", R"({"enabled": true})").status, 200);
   EXPECT_TRUE(pages[0]->waitForOutput("event: service\ndata: {}\n\n"));
   EXPECT_EQ(send("POST", "/debug/reset").status, 200);

@@ -1,4 +1,4 @@
-"""The collector's page in a real browser, fed by real processes: test_page.py COLLECTOR KELVO_LOG"""
+"""Tests the collector's page in a real browser, with events of real processes: test_page.py COLLECTOR KELVO_LOG"""
 
 import json
 import os
@@ -19,7 +19,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 COLLECTOR, KELVO_LOG = sys.argv[1:3]
 MARKUP = "<script>window.harmed = 1</script><img src=x onerror='window.harmed = 2'>"
 CHUNK = (pathlib.Path(__file__).parent / "chunk.template").read_text(encoding="utf-8")
-# The page may replace an element, or move it, between the moment that it is found and that it is used.
+# The page may replace or move an element after the test has found it.
 NOT_YET = (exceptions.NoSuchElementException, exceptions.StaleElementReferenceException,
            exceptions.ElementNotInteractableException, exceptions.ElementClickInterceptedException)
 
@@ -29,7 +29,7 @@ def app(name, time, **attributes):
 
 
 class PageTest(unittest.TestCase):
-    place = None  # of the element that is to be clicked
+    place = None  # where the element to click was at the last attempt
 
     @classmethod
     def setUpClass(cls):
@@ -44,17 +44,17 @@ class PageTest(unittest.TestCase):
         cls.script = cls.browser.execute_script
 
     def setUp(self):
-        self.browser.get("about:blank")  # a page that is still open would ask for what is forgotten now
+        self.browser.get("about:blank")  # an open page would request data that the reset deletes
         self.ask("POST", "/debug/reset")
         home = self.enterContext(tempfile.TemporaryDirectory())
         self.program = {"env": {**os.environ, "KELVO_HOME": home, "KELVO_SERVER_BASE_URL": self.url}, "text": True,
                         "args": [KELVO_LOG, "--app-id", "shop"], "stdout": DEVNULL, "stderr": DEVNULL}
         self.browser.get(self.url)
-        # Until the first list of sessions is there, which says that nothing has come.
+        # The welcome text appears once the first list of sessions has loaded and is empty.
         self.until(lambda: self.find("#welcome").is_displayed())
         self.assertEqual("Live", self.find("#connection").text)
 
-    def tearDown(self):  # What the policy for contents forbids is told in the log, too.
+    def tearDown(self):  # The browser also logs violations of the content security policy.
         self.assertEqual([], [entry["message"] for entry in self.browser.get_log("browser")])
 
     def ask(self, method, path, body=None):
@@ -77,7 +77,7 @@ class PageTest(unittest.TestCase):
     def click(self, css):
         self.until(lambda: self.clicked(css))
 
-    def clicked(self, css):  # Not before it has stood in one place for two looks: what comes above it would move it.
+    def clicked(self, css):  # Clicks only if the element has not moved since the last attempt.
         element = self.find(css)
         before, self.place = self.place, element.rect
         if self.place != before or not element.is_enabled():
@@ -85,7 +85,7 @@ class PageTest(unittest.TestCase):
         element.click()
         return True
 
-    def texts(self, css):  # In one step, since the page may change between two.
+    def texts(self, css):  # One script call, because the page may change between two calls.
         return self.script("return [...document.querySelectorAll(arguments[0])].map((e) => e.textContent)", css)
 
     def until_events(self, *names):
@@ -95,7 +95,7 @@ class PageTest(unittest.TestCase):
         return [tuple(row) for row in self.script("return [...document.querySelectorAll(arguments[0])]"
                                                   ".map((e) => arguments[1].map((n) => e.dataset[n]))", css, names)]
 
-    def test_events_of_a_running_process_appear_by_themselves(self):
+    def test_events_of_a_running_process_appear_without_a_reload(self):
         self.script("window.same = true")
         with subprocess.Popen(**self.program, stdin=PIPE, bufsize=1) as process:
             process.stdin.write('{"call": "waitUntilReady", "seconds": 10}\n{"call": "didBecomeActive"}\n'
@@ -103,7 +103,7 @@ class PageTest(unittest.TestCase):
             self.until(lambda: "Purchase" in self.texts("#events .name"))
             self.assertIn("item=book", " ".join(self.texts("#events .preview")))
             self.until(lambda: ("app", "Purchase") in self.data("#plot .glyph", "kind", "name"))
-            self.post("other", 1, app("One", 1))  # comes to the front; what then arrives for the first leaves a mark
+            self.post("other", 1, app("One", 1))  # selects this session; the first one then shows new events
             self.until_events("One")
             self.post("other", 2, app("Two", 2))
             self.until_events("One", "Two")
@@ -116,19 +116,19 @@ class PageTest(unittest.TestCase):
         self.assertEqual([], self.texts("#sessions .new"))
         self.assertTrue(self.script("return window.same"))
 
-    def test_a_session_that_comes_while_the_list_is_on_its_way_stays(self):
+    def test_a_session_that_arrives_while_the_list_loads_stays(self):
         self.script("""
             const real = fetch;
-            window.fetch = async (...question) => {
-              const answer = await real(...question);
-              if (question[0].includes("/debug/sessions")) await new Promise((goOn) => { window.goOn = goOn; });
+            window.fetch = async (...request) => {
+              const answer = await real(...request);
+              if (request[0].includes("/debug/sessions")) await new Promise((resume) => { window.resume = resume; });
               return answer;
             };
-            document.dispatchEvent(new Event("visibilitychange"));  // the stream, and so the list, begin anew""")
-        self.until(lambda: self.script("return Boolean(window.goOn)"))
+            document.dispatchEvent(new Event("visibilitychange"));  // reopens the stream, which reloads the list""")
+        self.until(lambda: self.script("return Boolean(window.resume)"))
         self.post("s", 1, app("One", 1))
         self.until_events("One")
-        self.browser.execute_async_script("goOn(); setTimeout(arguments[0], 300)")
+        self.browser.execute_async_script("resume(); setTimeout(arguments[0], 300)")
         self.assertEqual(1, len(self.texts("#sessions [role=option]")))
 
     def test_the_plot_shows_screens_foreground_events_and_chunks_to_scale(self):
@@ -146,7 +146,7 @@ class PageTest(unittest.TestCase):
             " { const place = document.querySelector(css).getBoundingClientRect(); return [place.x, place.width]; })")
         self.assertAlmostEqual(begin + 4 * ten_seconds, mark + width / 2, delta=2)
 
-    def test_filters_by_kind_text_and_mark_and_unfolds_the_json_received(self):
+    def test_filters_by_kind_text_and_mark_and_shows_the_json_as_received(self):
         exact = '{"name":"Buy","time":3,"additional_info":{"item":"book", "id": 9007199254740993, "price":1.50}}'
         self.post("s", 1, app("Open", 1), exact, system=[("FOREGROUND", 0)])
         self.until_events("Open", "Buy", "FOREGROUND")
@@ -163,7 +163,7 @@ class PageTest(unittest.TestCase):
         self.until(lambda: self.texts("pre.json") == [exact])
         self.assertIn("9007199254740993", self.texts("#events .attributes .value"))
 
-    def test_markup_from_outside_stays_text_and_no_name_is_wider_than_the_window(self):
+    def test_received_markup_stays_text_and_no_name_overflows_the_window(self):
         name = MARKUP + "Long" * 80
         self.post(MARKUP, 1, app(name, 1, **{name: name}), screens=[(name, 0, -1)])
         for pixels in (400, 1280):
@@ -183,7 +183,7 @@ class PageTest(unittest.TestCase):
         self.assertEqual([None, "Kelvo collector", 0],
                          self.script("return [window.harmed ?? null, document.title, document.images.length]"))
 
-    def test_a_switch_makes_one_launch_wait_and_the_next_deliver(self):
+    def test_a_switch_holds_back_one_launch_and_the_next_one_delivers(self):
         self.click("#tab-service")
         self.until(lambda: self.find("textarea.code").get_attribute("value"))
         refuse = ".preset:first-child"  # uploads answer 503

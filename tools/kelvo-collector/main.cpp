@@ -1,4 +1,4 @@
-// kelvo-collector: the analytics service on this machine, for whoever develops an application with Kelvo.
+// kelvo-collector: the analytics service on this machine, for developers of applications that use Kelvo.
 
 #include <signal.h>
 
@@ -18,7 +18,8 @@
 namespace {
 
 constexpr int kStandardPort = 8288;
-constexpr int kWrongUsage = 2;
+constexpr int kWrongUsage = 2;  // exit status
+constexpr int kHighestPort = 65535;
 
 constexpr const char* kHelp =
     R"(usage: kelvo-collector [--port N] [--data DIR] [--tls-cert FILE --tls-key FILE]
@@ -27,24 +28,25 @@ The analytics service on 127.0.0.1: answers every path that an application with
 Kelvo asks for, checks each chunk that arrives and keeps it. It prints the
 address it listens on and serves until SIGINT or SIGTERM.
 
-  --port N          the port, 0 for a free one (8288 when not given)
-  --data DIR        keep what arrives, and the service's documents, in DIR;
-                    without it, in memory until the end
-  --tls-cert FILE   serve HTTPS: the certificate chain and
-  --tls-key FILE    its key, as PEM
+  --port N          the port, 0 for a free one (default 8288)
+  --data DIR        keep received data and the service's documents in DIR
+                    (default: in memory, until the program ends)
+  --tls-cert FILE   serve HTTPS with this certificate chain and
+  --tls-key FILE    this key, both PEM
   --help            this text
 
 Point an application at it with
   KELVO_SERVER_BASE_URL=http://127.0.0.1:8288 ./application
-and open the address in a browser to see what arrives, as it arrives, and to
-make the service misbehave.
+and open the address in a browser to watch the data arrive and to make the
+service misbehave.
 
 For tests and scripts, as JSON:
   /debug/wait?count=N[&name=...][&kind=...][&session=...][&timeout=S]
   /debug/events, /debug/counts, /debug/problems, /debug/requests
-PUT /debug/answer?path=/chunks&status=503[&times=N] answers requests whose path
-holds that text so, for the next N or for good; without a status, as usual.
-An unknown path lists all.
+PUT /debug/answer?path=/chunks&status=503[&times=N] answers every request whose
+path contains that text with that status, N times or until it is switched off.
+The same without a status switches it off.
+An unknown path lists all paths.
 
 Exit status: 0 after a signal, 1 when it cannot serve, 2 for wrong usage.
 )";
@@ -64,10 +66,11 @@ int refuse(std::string_view argument) {
 
 bool readPort(std::string_view text, int& port) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  return error == std::errc() && end == text.data() + text.size() && port >= 0 && port <= 65535;
+  return error == std::errc() && end == text.data() + text.size() && port >= 0 && port <= kHighestPort;
 }
 
-std::string storeIn(const std::string& directory) {
+/// Returns the path of the store's file and makes its directory. Throws std::runtime_error if that fails.
+std::string storePath(const std::string& directory) {
   if (directory.empty()) return ":memory:";
   kelvo::FileError error;
   if (!kelvo::makeDirectory(directory, true, &error)) throw std::runtime_error(directory + ": " + error);
@@ -75,14 +78,14 @@ std::string storeIn(const std::string& directory) {
 }
 
 int serve(const Options& options) {
-  // Blocked before the first thread starts, so every thread has them blocked and only sigwait takes them.
+  // Blocked before the first thread starts, so that all threads block them and only sigwait receives them.
   sigset_t ends;
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);
   sigaddset(&ends, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 
-  kelvo::collector::Store store(storeIn(options.data));
+  kelvo::collector::Store store(storePath(options.data));
   kelvo::collector::ServiceState state;
   kelvo::collector::loadDocuments(state, store);
   kelvo::collector::Server server(store, state);

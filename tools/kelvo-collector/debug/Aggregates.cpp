@@ -1,3 +1,5 @@
+#include "kelvo-collector/debug/Aggregates.h"
+
 #include <utility>
 #include <vector>
 
@@ -9,7 +11,7 @@ namespace {
 
 constexpr int kMostNames = 100;
 constexpr int kMostAttributes = 50;
-/// Values of an attribute, in the list of all events and for one event.
+/// Limits for the values of an attribute: in the list of all events, and for a single event.
 constexpr int kFewValues = 20;
 constexpr int kMostValues = 200;
 
@@ -54,14 +56,15 @@ Array attributesOf(Database& database, std::int64_t session, const std::string& 
 }  // namespace
 
 Dictionary aggregates(Database& database, const Filter& filter) {
-  const std::int64_t session = filter.session.empty() ? 0 : sessionKey(database, filter.session);
+  const auto session = sessionOf(database, filter);
+  if (!session) return {{"events", Array{}}};
   std::vector<std::pair<std::string, std::int64_t>> names;
-  if (filter.session.empty() || session != 0) {
+  {
     Database::Query rows(database,
                          "SELECT name, sum(count) AS times FROM names WHERE session = ?1"
                          " AND kind IN ('app', 'aggregate') AND (?2 = '' OR name = ?2)"
                          " GROUP BY name ORDER BY times DESC, name LIMIT ?3",
-                         session, filter.name, kMostNames);
+                         *session, filter.name, kMostNames);
     while (rows.next()) {
       std::string name = rows.text();
       names.emplace_back(std::move(name), rows.number());
@@ -71,41 +74,9 @@ Dictionary aggregates(Database& database, const Filter& filter) {
   for (const auto& [name, count] : names) {
     const int most = filter.name.empty() ? kFewValues : kMostValues;
     events.append(
-        Dictionary{{"name", name}, {"count", count}, {"attributes", attributesOf(database, session, name, most)}});
+        Dictionary{{"name", name}, {"count", count}, {"attributes", attributesOf(database, *session, name, most)}});
   }
   return {{"events", std::move(events)}};
-}
-
-Dictionary listUsers(Database& database, std::size_t limit) {
-  Database::Query rows(
-      database, "SELECT id, application, attributes, received FROM users ORDER BY received DESC, key DESC LIMIT ?",
-      limit);
-  Array list;
-  while (rows.next()) {
-    Dictionary user{{"id", rows.text()}, {"application", rows.text()}, {"attributes", stored(rows.text())}};
-    user.set("received", rows.number());
-    list.append(std::move(user));
-  }
-  return {{"users", std::move(list)}};
-}
-
-std::optional<Dictionary> userHistory(Database& database, const std::string& id, std::size_t limit) {
-  std::int64_t user = 0;
-  {
-    Database::Query row(database, "SELECT key FROM users WHERE id = ? ORDER BY received DESC LIMIT 1", id);
-    if (row.next()) user = row.number();
-  }
-  if (user == 0) return std::nullopt;
-  Database::Query rows(database,
-                       "SELECT received, attributes, changed FROM user_history WHERE user = ? ORDER BY id DESC LIMIT ?",
-                       user, limit);
-  Array history;
-  while (rows.next()) {
-    Dictionary state{{"received", rows.number()}, {"attributes", stored(rows.text())}};
-    state.set("changed", stored(rows.text()));
-    history.append(std::move(state));
-  }
-  return Dictionary{{"history", std::move(history)}};
 }
 
 }  // namespace kelvo::collector

@@ -1,9 +1,14 @@
 #include "kelvo-collector/debug/Debug.h"
 
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "kelvo-collector/debug/Aggregates.h"
+#include "kelvo-collector/debug/Listings.h"
+#include "kelvo-collector/debug/Timeline.h"
+#include "kelvo-collector/debug/Users.h"
 #include "kelvo-collector/service/Documents.h"
 #include "kelvo-collector/service/Parameters.h"
 #include "kelvo-collector/service/Script.h"
@@ -12,74 +17,75 @@
 namespace kelvo::collector {
 namespace {
 
-using News = DebugReply::News;
-using Live = DebugReply::Live;
+using Effect = DebugReply::Effect;
+using Delivery = DebugReply::Delivery;
 
-constexpr std::int64_t kMostRows = 1000;
-constexpr std::int64_t kUsualRows = 100;
+constexpr std::int64_t kUsualSessions = 50;      // on a page
 constexpr std::int64_t kLongestDelay = 600'000;  // milliseconds
 
-struct Asked {
+struct DebugRequest {
   const Question& question;
-  const Bench& bench;
+  const DebugTargets& targets;
   Parameters parameters{question.parameters};
 
+  /// Returns the number of rows that the query asks for, else `usual`.
   [[nodiscard]] std::size_t limit(std::int64_t usual) const {
     return static_cast<std::size_t>(parameters.number("limit", 1, kMostRows).value_or(usual));
   }
-  /// The listings leave out what came up to this number.
+  /// Returns the parameter `name`, an id or a cursor, 0 if it is absent or out of range.
   [[nodiscard]] std::int64_t number(const char* name) const {
     return parameters.number(name, 0, INT64_MAX).value_or(0);
   }
   template <class Reader>
   auto read(Reader reader) const {
-    return bench.store.read(reader);
+    return targets.store.read(reader);
   }
 };
 
-DebugReply shown(Dictionary body) {
+DebugReply ok(Dictionary body) {
   return {success(std::move(body))};
 }
 
-DebugReply shownOr404(std::optional<Dictionary> body) {
-  return body ? shown(std::move(*body)) : DebugReply{refusal(404, "there is none with this id")};
+DebugReply okOr404(std::optional<Dictionary> body) {
+  return body ? ok(std::move(*body)) : DebugReply{refusal(404, "there is none with this id")};
 }
 
-/// Text for a listing, which is JSON and therefore UTF-8: bytes beyond ASCII may be anything, so they show as "?".
+/// Returns `text` with "?" for each byte beyond ASCII: the text may not be UTF-8, but the listing is JSON.
 std::string printable(std::string text) {
+  constexpr unsigned char firstBeyondASCII = 0x80;
   for (char& byte : text) {
-    if (static_cast<unsigned char>(byte) >= 0x80) byte = '?';
+    if (static_cast<unsigned char>(byte) >= firstBeyondASCII) byte = '?';
   }
   return text;
 }
 
-/// Where the next page of rows like `rows` begins; null behind the last one.
+/// Returns the cursor of the page after `rows`, null if `rows` is the last page.
 template <class Row>
 Value nextAfter(const std::vector<Row>& rows, std::int64_t Row::*position, std::int64_t limit) {
   return static_cast<std::int64_t>(rows.size()) < limit ? Value() : Value(rows.back().*position);
 }
 
-DebugReply listRequests(const Asked& asked) {
+DebugReply listRequests(const DebugRequest& request) {
   Array list;
-  const auto limit = static_cast<std::int64_t>(asked.limit(kUsualRows));
-  const auto requests = asked.bench.store.requests({}, asked.number("after"), limit);
-  for (const ReceivedRequest& request : requests) {
-    const auto json = parseJSON(request.body);
-    list.append(Dictionary{{"sequence", request.sequence},
-                           {"time", request.time},
-                           {"method", request.method},
-                           {"path", printable(request.path)},
-                           {"query", printable(request.query)},
-                           {"body", json ? *json : Value(printable(request.body))},
-                           {"status", request.status}});
+  const auto limit = static_cast<std::int64_t>(request.limit(kUsualRows));
+  const auto requests = request.targets.store.requests({}, request.number("after"), limit);
+  for (const ReceivedRequest& received : requests) {
+    const auto json = parseJSON(received.body);
+    list.append(Dictionary{{"sequence", received.sequence},
+                           {"time", received.time},
+                           {"method", received.method},
+                           {"path", printable(received.path)},
+                           {"query", printable(received.query)},
+                           {"body", json ? *json : Value(printable(received.body))},
+                           {"status", received.status}});
   }
-  return shown({{"requests", std::move(list)}, {"next", nextAfter(requests, &ReceivedRequest::sequence, limit)}});
+  return ok({{"requests", std::move(list)}, {"next", nextAfter(requests, &ReceivedRequest::sequence, limit)}});
 }
 
-DebugReply listChunks(const Asked& asked) {
+DebugReply listChunks(const DebugRequest& request) {
   Array list;
-  const auto limit = static_cast<std::int64_t>(asked.limit(kUsualRows));
-  const auto chunks = asked.bench.store.chunks(asked.number("after"), limit);
+  const auto limit = static_cast<std::int64_t>(request.limit(kUsualRows));
+  const auto chunks = request.targets.store.chunks(request.number("after"), limit);
   for (const ReceivedChunk& chunk : chunks) {
     list.append(Dictionary{{"request", chunk.request},
                            {"time", chunk.time},
@@ -91,7 +97,7 @@ DebugReply listChunks(const Asked& asked) {
                            {"duplicate", chunk.duplicate},
                            {"conflict", chunk.conflict}});
   }
-  return shown({{"chunks", std::move(list)}, {"next", nextAfter(chunks, &ReceivedChunk::request, limit)}});
+  return ok({{"chunks", std::move(list)}, {"next", nextAfter(chunks, &ReceivedChunk::request, limit)}});
 }
 
 const char* nameOfMode(const Script& script) {
@@ -104,10 +110,10 @@ const char* nameOfMode(const Script& script) {
   }
 }
 
-DebugReply showService(const Asked& asked) {
-  Dictionary all = documentsOf(asked.bench.state);
+DebugReply showService(const DebugRequest& request) {
+  Dictionary all = documentsOf(request.targets.state);
   Array answers;
-  for (const auto& [fragment, scripts] : asked.bench.scripts.entries()) {
+  for (const auto& [fragment, scripts] : request.targets.scripts.entries()) {
     for (const Script& script : scripts) {
       const bool hasStatus = script.kind() == Script::Kind::Answer;
       answers.append(Dictionary{{"path", fragment},
@@ -118,10 +124,10 @@ DebugReply showService(const Asked& asked) {
     }
   }
   all.set("answers", std::move(answers));
-  return shown(std::move(all));
+  return ok(std::move(all));
 }
 
-DebugReply takeDocument(const Asked& asked) {
+DebugReply putDocument(const DebugRequest& request) {
   const auto refused = [](std::vector<std::string> errors) {
     Array list;
     for (std::string& error : errors) list.append(std::move(error));
@@ -130,18 +136,20 @@ DebugReply takeDocument(const Asked& asked) {
     return DebugReply{std::move(reply)};
   };
   std::string error;
-  const auto body = parseJSON(asked.question.body, &error);
+  const auto body = parseJSON(request.question.body, &error);
   if (!body) return refused({"it is not JSON: " + error});
-  const std::string name = asked.question.path.substr(std::string_view("/debug/").size());
-  if (auto errors = applyDocument(asked.bench.state, name, *body); !errors.empty()) return refused(std::move(errors));
-  if (!asked.bench.store.keepDocument(name, jsonText(*body).value_or("null"))) {
-    return {refusal(500, "it is in force, but could not be kept for the next run"), News::Service};
+  const std::string name = request.question.path.substr(std::string_view("/debug/").size());
+  auto errors = applyDocument(request.targets.state, name, *body);
+  if (!errors.empty()) return refused(std::move(errors));
+  if (!request.targets.store.keepDocument(name, jsonText(*body).value_or("null"))) {
+    return {refusal(500, "it is in force, but could not be kept for the next run"), Effect::ServiceChanged};
   }
-  return {success({{"accepted", true}}), News::Service};
+  return {success({{"accepted", true}}), Effect::ServiceChanged};
 }
 
-/// Nothing for an answer as usual; nullopt when what is asked for cannot be.
-std::optional<std::vector<Script>> scriptsAsked(const Parameters& parameters, std::string& fault) {
+/// Returns the script that the query describes, an empty list for the usual answer. Returns nullopt and sets `fault` if
+/// the query is unusable.
+std::optional<std::vector<Script>> scriptsFrom(const Parameters& parameters, std::string& fault) {
   const bool hasStatus = parameters.has("status"), hasDelay = parameters.has("delay_ms");
   const std::string mode = parameters.has("mode") ? parameters.text("mode") : "answer";
   const auto status = parameters.number("status", 200, 599);
@@ -162,76 +170,85 @@ std::optional<std::vector<Script>> scriptsAsked(const Parameters& parameters, st
   return std::vector<Script>{script.times(static_cast<std::size_t>(times.value_or(0)))};
 }
 
-DebugReply changeAnswer(const Asked& asked) {
-  const std::string fragment = asked.parameters.text("path");
+DebugReply putAnswer(const DebugRequest& request) {
+  const std::string fragment = request.parameters.text("path");
   std::string fault = fragment.empty() ? "the query names no path" : "";
-  auto scripts = scriptsAsked(asked.parameters, fault);
+  auto scripts = scriptsFrom(request.parameters, fault);
   if (!scripts) return {refusal(400, fault)};
-  asked.bench.scripts.set(fragment, std::move(*scripts));
-  return {success({{"path", fragment}}), News::Service};
+  request.targets.scripts.set(fragment, std::move(*scripts));
+  return {success({{"path", fragment}}), Effect::ServiceChanged};
 }
 
-DebugReply answerNormally(const Asked& asked) {
-  asked.bench.scripts.clear();
-  return {success({}), News::Service};
+DebugReply deleteAnswers(const DebugRequest& request) {
+  request.targets.scripts.clear();
+  return {success({}), Effect::ServiceChanged};
 }
 
-DebugReply forget(const Asked& asked) {
-  if (!asked.bench.store.reset()) return {refusal(500, "the store failed")};
-  return {success({}), News::Reset};
+DebugReply reset(const DebugRequest& request) {
+  if (!request.targets.store.reset()) return {refusal(500, "the store failed")};
+  return {success({}), Effect::StoreReset};
 }
 
 struct Route {
   const char* method;
   std::string_view path;
-  DebugReply (*answer)(const Asked&);
+  DebugReply (*answer)(const DebugRequest&);
 };
 
 constexpr Route kRoutes[] = {
     {"GET", "/debug/stream",
-     [](const Asked&) {
-       return DebugReply{{}, News::None, Live::Stream};
+     [](const DebugRequest&) {
+       return DebugReply{{}, Effect::None, Delivery::Stream};
      }},
     {"GET", "/debug/wait",
-     [](const Asked&) {
-       return DebugReply{{}, News::None, Live::Wait};
+     [](const DebugRequest&) {
+       return DebugReply{{}, Effect::None, Delivery::Wait};
      }},
     {"GET", "/debug/sessions",
-     [](const Asked& a) {
-       return shown(a.read([&](Database& d) { return listSessions(d, a.number("before"), a.limit(50)); }));
+     [](const DebugRequest& r) {
+       return ok(r.read([&](Database& d) { return listSessions(d, r.number("before"), r.limit(kUsualSessions)); }));
      }},
     {"GET", "/debug/session",
-     [](const Asked& a) {
-       return shownOr404(a.read([&](Database& d) { return sessionDetails(d, a.parameters.text("id")); }));
+     [](const DebugRequest& r) {
+       return okOr404(r.read([&](Database& d) { return sessionDetails(d, r.parameters.text("id")); }));
      }},
     {"GET", "/debug/timeline",
-     [](const Asked& a) {
-       return shownOr404(a.read([&](Database& d) { return timeline(d, a.parameters.text("session")); }));
+     [](const DebugRequest& r) {
+       return okOr404(r.read([&](Database& d) { return timeline(d, r.parameters.text("session")); }));
      }},
     {"GET", "/debug/events",
-     [](const Asked& a) { return shown(a.read([&](Database& d) { return listEvents(d, filterOf(a.question)); })); }},
+     [](const DebugRequest& r) {
+       return ok(r.read([&](Database& d) { return listEvents(d, filterOf(r.question)); }));
+     }},
     {"GET", "/debug/event",
-     [](const Asked& a) { return shownOr404(a.read([&](Database& d) { return eventDetails(d, a.number("id")); })); }},
+     [](const DebugRequest& r) {
+       return okOr404(r.read([&](Database& d) { return eventDetails(d, r.number("id")); }));
+     }},
     {"GET", "/debug/problems",
-     [](const Asked& a) { return shown(a.read([&](Database& d) { return listProblems(d, filterOf(a.question)); })); }},
-    {"GET", "/debug/counts", [](const Asked& a) { return shown(a.read([](Database& d) { return counts(d); })); }},
+     [](const DebugRequest& r) {
+       return ok(r.read([&](Database& d) { return listProblems(d, filterOf(r.question)); }));
+     }},
+    {"GET", "/debug/counts", [](const DebugRequest& r) { return ok(r.read([](Database& d) { return counts(d); })); }},
     {"GET", "/debug/aggregates",
-     [](const Asked& a) { return shown(a.read([&](Database& d) { return aggregates(d, filterOf(a.question)); })); }},
+     [](const DebugRequest& r) {
+       return ok(r.read([&](Database& d) { return aggregates(d, filterOf(r.question)); }));
+     }},
     {"GET", "/debug/users",
-     [](const Asked& a) { return shown(a.read([&](Database& d) { return listUsers(d, a.limit(100)); })); }},
+     [](const DebugRequest& r) { return ok(r.read([&](Database& d) { return listUsers(d, r.limit(kUsualRows)); })); }},
     {"GET", "/debug/user",
-     [](const Asked& a) {
-       return shownOr404(a.read([&](Database& d) { return userHistory(d, a.parameters.text("id"), a.limit(100)); }));
+     [](const DebugRequest& r) {
+       return okOr404(
+           r.read([&](Database& d) { return userHistory(d, r.parameters.text("id"), r.limit(kUsualRows)); }));
      }},
     {"GET", "/debug/service", showService},
-    {"PUT", "/debug/enabled", takeDocument},
-    {"PUT", "/debug/config", takeDocument},
-    {"PUT", "/debug/client-events", takeDocument},
-    {"PUT", "/debug/actions/rta", takeDocument},
-    {"PUT", "/debug/actions/survey", takeDocument},
-    {"PUT", "/debug/answer", changeAnswer},
-    {"DELETE", "/debug/answer", answerNormally},
-    {"POST", "/debug/reset", forget},
+    {"PUT", "/debug/enabled", putDocument},
+    {"PUT", "/debug/config", putDocument},
+    {"PUT", "/debug/client-events", putDocument},
+    {"PUT", "/debug/actions/rta", putDocument},
+    {"PUT", "/debug/actions/survey", putDocument},
+    {"PUT", "/debug/answer", putAnswer},
+    {"DELETE", "/debug/answer", deleteAnswers},
+    {"POST", "/debug/reset", reset},
     {"GET", "/debug/requests", listRequests},
     {"GET", "/debug/chunks", listChunks},
 };
@@ -242,25 +259,12 @@ bool isDebugPath(const std::string& path) {
   return path == "/debug" || path.rfind("/debug/", 0) == 0;
 }
 
-Filter filterOf(const Question& question) {
-  const Parameters parameters(question.parameters);
-  Filter filter;
-  filter.session = parameters.text("session");
-  filter.kind = parameters.text("kind");
-  filter.name = parameters.text("name");
-  filter.text = parameters.text("text");
-  filter.after = parameters.number("after", 0, INT64_MAX).value_or(0);
-  filter.limit = static_cast<std::size_t>(parameters.number("limit", 1, kMostRows).value_or(kUsualRows));
-  filter.newestFirst = parameters.text("order") == "desc";
-  return filter;
-}
-
-DebugReply debugReply(const Question& question, const Bench& bench) {
+DebugReply debugReply(const Question& question, const DebugTargets& targets) {
   std::string allowed;
   const std::string method = question.method == "HEAD" ? "GET" : question.method;
   for (const Route& route : kRoutes) {
     if (route.path != question.path) continue;
-    if (route.method == method) return route.answer({question, bench});
+    if (route.method == method) return route.answer({question, targets});
     allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
   }
   if (allowed.empty()) return {unknownPath()};

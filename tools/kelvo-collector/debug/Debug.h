@@ -3,39 +3,39 @@
 #include <cstdint>
 #include <string>
 
-#include "kelvo-collector/debug/Listings.h"
 #include "kelvo-collector/service/Service.h"
+
+// The paths below /debug: they show the received data and steer the service. The store does not keep such requests.
 
 namespace kelvo::collector {
 
 class ScriptBook;
 
-/// What a request below /debug can look at and change.
-struct Bench {
+/// The objects that a debug request reads and changes.
+struct DebugTargets {
   ServiceState& state;
   Store& store;
   ScriptBook& scripts;
 };
 
-/// The answer to a request below /debug, which shows what arrived and steers the service. Asking leaves no trace.
+/// The answer to a debug request, and the further steps that the server must take.
 struct DebugReply {
-  enum class News : std::uint8_t { None, Service, Reset };  ///< what changed thereby, for the open pages
-  enum class Live : std::uint8_t { None, Stream, Wait };    ///< the answer takes time and a connection
+  enum class Effect : std::uint8_t { None, ServiceChanged, StoreReset };  ///< the open pages must learn about it
+  /// With `Stream` and `Wait`, `reply` is empty: the server makes the answer, which takes time (see http/Live.h).
+  enum class Delivery : std::uint8_t { Now, Stream, Wait };
 
   Reply reply;
-  News news = News::None;
-  Live live = Live::None;
+  Effect effect = Effect::None;
+  Delivery delivery = Delivery::Now;
 };
 
-/// True for the paths that are answered here.
+/// Returns true for "/debug" and the paths below it.
 [[nodiscard]] bool isDebugPath(const std::string& path);
 
-[[nodiscard]] DebugReply debugReply(const Question& question, const Bench& bench);
+/// Returns the answer to any request with a debug path. Thread-safe.
+[[nodiscard]] DebugReply debugReply(const Question& question, const DebugTargets& targets);
 
-/// What the query of a listing asks for.
-[[nodiscard]] Filter filterOf(const Question& question);
-
-/// The answer to a path that is none, with the list of those that are.
+/// Returns the answer to an unknown path: 404 with the list of all paths of the collector.
 [[nodiscard]] Reply unknownPath();
 
 }  // namespace kelvo::collector

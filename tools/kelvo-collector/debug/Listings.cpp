@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "kelvo-collector/service/Parameters.h"
+#include "kelvo-collector/service/Service.h"
 #include "kelvo-collector/store/Database.h"
 #include "platform/JSON.h"
 
@@ -12,28 +14,22 @@ namespace kelvo::collector {
 namespace {
 
 constexpr std::size_t kMostChunks = 1000;
-/// Rows that one page looks at when it searches.
-constexpr std::size_t kSearchedRows = 50'000;
+/// Rows that one page of events examines at most.
+constexpr std::size_t kExaminedRows = 50'000;
+constexpr int kMostNames = 200;
 
-Value orNull(std::optional<std::int64_t> number) {
-  return number ? Value(*number) : Value();
-}
-
-const Dictionary& asDictionary(const Value& value) {
-  static const Dictionary none;
-  const auto* dictionary = value.get<Dictionary>();
-  return dictionary == nullptr ? none : *dictionary;
+Dictionary storedDictionary(const std::string& json) {
+  return stored(json).asDictionary().value_or(Dictionary{});
 }
 
 #define KELVO_SESSION_COLUMNS \
   "SELECT id, application, record, app, device, received, chunks, events, problems, sequence FROM sessions "
 
-/// The row under `query`; `sequence` is where it stands in the order of arrival.
+/// Returns the session in the current row of `query`. Sets `sequence` to its position in the order of arrival.
 Dictionary readSession(Database::Query& query, std::int64_t& sequence) {
   Dictionary row{{"id", query.text()}, {"application", query.text()}};
-  const Value recordValue = stored(query.text()), appValue = stored(query.text()), deviceValue = stored(query.text());
-  const Dictionary &record = asDictionary(recordValue), &app = asDictionary(appValue);
-  const Dictionary& device = asDictionary(deviceValue);
+  const Dictionary record = storedDictionary(query.text()), app = storedDictionary(query.text());
+  const Dictionary device = storedDictionary(query.text());
   for (const char* name : {"app_name", "app_version"}) row.set(name, app[name]);
   row.set("device", device["id"]);
   for (const char* name : {"hardware_model", "os_version"}) row.set(name, device[name]);
@@ -73,7 +69,7 @@ Array chunksOf(Database& database, std::int64_t session) {
         KELVO_EVENT_COLUMNS "WHERE " condition "events.id < ?4 ORDER BY events.id DESC LIMIT ?5" \
   }
 
-/// Which index serves best; what it does not sort out is sorted out row by row.
+/// Returns the query for the most selective index. `listEvents` checks the other limits row by row.
 const char* eventsQuery(const Filter& filter) {
   static constexpr const char* queries[][2] = {KELVO_EVENTS_BY("session = ?1 AND "), KELVO_EVENTS_BY("name = ?2 AND "),
                                                KELVO_EVENTS_BY("kind = ?3 AND "), KELVO_EVENTS_BY("")};
@@ -85,6 +81,7 @@ bool contains(const std::string& text, const std::string& part) {
   return strcasestr(text.c_str(), part.c_str()) != nullptr;
 }
 
+/// Returns the event in the current row of `row`, whose first four columns have been read.
 Dictionary readRestOfEvent(Database::Query& row, std::int64_t id, std::string kind, std::string name,
                            const std::string& attributes) {
   Dictionary event{{"id", id}, {"session", row.text()}, {"chunk", row.number()}};
@@ -96,7 +93,7 @@ Dictionary readRestOfEvent(Database::Query& row, std::int64_t id, std::string ki
   return event;
 }
 
-std::int64_t counted(Database& database, const char* item) {
+std::int64_t totalOf(Database& database, const char* item) {
   Database::Query row(database, "SELECT count FROM counters WHERE session = 0 AND what = 'total' AND item = ?", item);
   return row.next() ? row.number() : 0;
 }
@@ -113,10 +110,10 @@ Dictionary countersOf(Database& database, std::int64_t session, const char* what
   return all;
 }
 
-/// Only where it is counted already.
-std::optional<std::int64_t> totalOf(Database& database, const Filter& filter, std::int64_t session) {
-  if (!filter.kind.empty() || !filter.name.empty() || !filter.text.empty()) return std::nullopt;
-  if (filter.session.empty()) return counted(database, "events");
+/// Returns the number of events that a listing has on all pages, null if the store does not count it.
+Value eventTotal(Database& database, const Filter& filter, std::int64_t session) {
+  if (!filter.kind.empty() || !filter.name.empty() || !filter.text.empty()) return {};
+  if (filter.session.empty()) return totalOf(database, "events");
   Database::Query row(database, "SELECT events FROM sessions WHERE key = ?", session);
   return row.next() ? row.number() : 0;
 }
@@ -127,9 +124,28 @@ Value stored(const std::string& json) {
   return parseJSON(json).value_or(Value());
 }
 
+Filter filterOf(const Question& question) {
+  const Parameters parameters(question.parameters);
+  Filter filter;
+  filter.session = parameters.text("session");
+  filter.kind = parameters.text("kind");
+  filter.name = parameters.text("name");
+  filter.text = parameters.text("text");
+  filter.after = parameters.number("after", 0, INT64_MAX).value_or(0);
+  filter.limit = static_cast<std::size_t>(parameters.number("limit", 1, kMostRows).value_or(kUsualRows));
+  filter.newestFirst = parameters.text("order") == "desc";
+  return filter;
+}
+
 std::int64_t sessionKey(Database& database, const std::string& id) {
   Database::Query row(database, "SELECT key FROM sessions WHERE id = ? ORDER BY sequence DESC LIMIT 1", id);
   return row.next() ? row.number() : 0;
+}
+
+std::optional<std::int64_t> sessionOf(Database& database, const Filter& filter) {
+  if (filter.session.empty()) return 0;
+  const std::int64_t key = sessionKey(database, filter.session);
+  return key == 0 ? std::nullopt : std::optional(key);
 }
 
 Dictionary listSessions(Database& database, std::int64_t before, std::size_t limit) {
@@ -163,17 +179,17 @@ std::optional<Dictionary> sessionDetails(Database& database, const std::string& 
 }
 
 Dictionary listEvents(Database& database, const Filter& filter) {
-  const std::int64_t session = filter.session.empty() ? 0 : sessionKey(database, filter.session);
-  const Value total = orNull(totalOf(database, filter, session));
+  const std::int64_t session = sessionOf(database, filter).value_or(0);  // no session has row 0
+  const Value total = eventTotal(database, filter, session);
   Array list;
   std::int64_t last = 0;
-  std::size_t looked = 0;
+  std::size_t examined = 0;
   bool more = false;
   {
     const std::int64_t after = filter.newestFirst && filter.after == 0 ? INT64_MAX : filter.after;
-    Database::Query rows(database, eventsQuery(filter), session, filter.name, filter.kind, after, kSearchedRows + 1);
+    Database::Query rows(database, eventsQuery(filter), session, filter.name, filter.kind, after, kExaminedRows + 1);
     while (rows.next()) {
-      more = list.size() == filter.limit || looked++ == kSearchedRows;
+      more = list.size() == filter.limit || examined++ == kExaminedRows;
       if (more) break;
       last = rows.number();
       std::string kind = rows.text(), name = rows.text();
@@ -210,7 +226,7 @@ std::optional<Dictionary> eventDetails(Database& database, std::int64_t id) {
 }
 
 Dictionary listProblems(Database& database, const Filter& filter) {
-  const std::int64_t session = filter.session.empty() ? 0 : sessionKey(database, filter.session);
+  const auto session = sessionOf(database, filter);
   const char* sql =
       !filter.session.empty() ? "SELECT p.id, s.id, kind, message, value, p.time, event, chunk FROM problems p"
                                 " JOIN sessions s ON key = session WHERE session = ?1 AND p.id > ?3"
@@ -222,7 +238,7 @@ Dictionary listProblems(Database& database, const Filter& filter) {
   Array list;
   std::int64_t last = 0;
   {
-    Database::Query rows(database, sql, session, filter.kind, filter.after, filter.limit);
+    Database::Query rows(database, sql, session.value_or(0), filter.kind, filter.after, filter.limit);
     while (rows.next()) {
       last = rows.number();
       Dictionary problem{{"id", last}, {"session", rows.text()}, {"kind", rows.text()}, {"message", rows.text()}};
@@ -238,16 +254,16 @@ Dictionary listProblems(Database& database, const Filter& filter) {
   }
   const bool full = list.size() == filter.limit;
   Dictionary byKind;
-  if (filter.session.empty() || session != 0) byKind = countersOf(database, session, "problem");
+  if (session) byKind = countersOf(database, *session, "problem");
   return {{"problems", std::move(list)}, {"counts", std::move(byKind)}, {"next", full ? Value(last) : Value()}};
 }
 
 Dictionary counts(Database& database) {
   Dictionary all;
-  for (const char* item : {"sessions", "chunks", "events", "problems"}) all.set(item, counted(database, item));
+  for (const char* item : {"sessions", "chunks", "events", "problems"}) all.set(item, totalOf(database, item));
   all.set("byKind", countersOf(database, 0, "kind"));
-  Database::Query rows(database,
-                       "SELECT kind, name, count FROM names WHERE session = 0 ORDER BY count DESC, name LIMIT 200");
+  Database::Query rows(
+      database, "SELECT kind, name, count FROM names WHERE session = 0 ORDER BY count DESC, name LIMIT ?", kMostNames);
   Array names;
   while (rows.next()) {
     Dictionary name{{"kind", rows.text()}, {"name", rows.text()}};
@@ -259,14 +275,14 @@ Dictionary counts(Database& database) {
 }
 
 std::int64_t countEvents(Database& database, const Filter& filter) {
-  const std::int64_t session = filter.session.empty() ? 0 : sessionKey(database, filter.session);
-  if (!filter.session.empty() && session == 0) return 0;
+  const auto session = sessionOf(database, filter);
+  if (!session) return 0;
   const char* sql = !filter.name.empty() ? "SELECT sum(count) FROM names WHERE session = ?1 AND name = ?3"
                                            " AND kind IN (SELECT item FROM counters WHERE session = 0 AND what = 'kind'"
                                            " AND (?2 = '' OR item = ?2))"
                                          : "SELECT sum(count) FROM counters WHERE session = ?1 AND what = 'kind'"
                                            " AND (?2 = '' OR item = ?2)";
-  Database::Query row(database, sql, session, filter.kind, filter.name);
+  Database::Query row(database, sql, *session, filter.kind, filter.name);
   return row.next() ? row.number() : 0;
 }
 

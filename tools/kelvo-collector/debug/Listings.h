@@ -7,52 +7,61 @@
 
 #include "kelvo/Value.h"
 
+// The answers about sessions, events and problems. Every answer is bounded and begins at a given row, so its cost does
+// not grow with the store. Thread: call these inside `Store::read`.
+
 namespace kelvo::collector {
 
 class Database;
+struct Question;
 
-// What a page or a test asks about what arrived. Each answer is bounded, and read from a place onwards, so that it
-// costs the same however much there is.
+/// The default and the maximum number of rows on a page.
+inline constexpr std::int64_t kUsualRows = 100;
+inline constexpr std::int64_t kMostRows = 1000;
 
-/// What a listing is limited to; empty texts limit nothing.
+/// The limits of a listing. An empty text does not limit it.
 struct Filter {
-  std::string session = {};  ///< the id of a session
+  std::string session = {};  ///< id
   std::string kind = {};
   std::string name = {};
-  std::string text = {};    ///< part of a name or of the attributes, in any case
-  std::int64_t after = 0;   ///< the id of the last row that is known
-  std::size_t limit = 100;  ///< most rows
-  /// Of events: `after` is then the row that the next ones are older than, 0 for the newest.
+  std::string text = {};   ///< part of the name or of the attributes, in any case
+  std::int64_t after = 0;  ///< the row after which the listing begins: the `next` of the page before
+  std::size_t limit = kUsualRows;
+  /// For events only. The listing then begins below the row `after`, with the newest event if `after` is 0.
   bool newestFirst = false;
 };
 
-/// Row of the session with that id, the newest one when several applications have one; 0 when there is none.
+/// Returns the filter that the query of `question` describes. Values out of range count as absent.
+[[nodiscard]] Filter filterOf(const Question& question);
+
+/// Returns the row of the session with this id, 0 if there is none. If several applications have a session
+/// with this id, returns the latest.
 [[nodiscard]] std::int64_t sessionKey(Database& database, const std::string& id);
+/// Returns the row of the session that limits the listing, 0 for all sessions, nullopt if there is no such session.
+[[nodiscard]] std::optional<std::int64_t> sessionOf(Database& database, const Filter& filter);
 
-/// Newest first; `before` is the cursor of the page before, 0 for the first page.
+/// Returns a page of sessions, latest arrival first. `before` is the `next` of the page before, 0 for the first
+/// page.
 [[nodiscard]] Dictionary listSessions(Database& database, std::int64_t before, std::size_t limit);
-/// A session as the listing shows it.
+/// Returns one session as `listSessions` shows it, empty if there is none.
 [[nodiscard]] Dictionary sessionRow(Database& database, std::int64_t key);
-/// A session with its records and its newest 1000 chunks; nullopt when there is none.
+/// Returns a session with its records and its newest 1000 chunks, nullopt if there is none.
 [[nodiscard]] std::optional<Dictionary> sessionDetails(Database& database, const std::string& id);
-/// Bands, points and marks of a session's plot, at most some thousands, in seconds since the launch.
-[[nodiscard]] std::optional<Dictionary> timeline(Database& database, const std::string& id);
 
-/// Looks at a bounded number of rows: a page may hold fewer than `limit`, even none, and still name a next one.
+/// Returns a page of events. It examines a bounded number of rows, so a page may hold fewer than `limit` events, even
+/// none, and still have a `next`.
 [[nodiscard]] Dictionary listEvents(Database& database, const Filter& filter);
-/// One event with the exact text that arrived.
+/// Returns an event with its JSON exactly as it arrived, nullopt if there is none.
 [[nodiscard]] std::optional<Dictionary> eventDetails(Database& database, std::int64_t id);
+/// Returns a page of problems, with the number of problems of each kind.
 [[nodiscard]] Dictionary listProblems(Database& database, const Filter& filter);
 
+/// Returns the totals, and the counts of events by kind and of the 200 most frequent names.
 [[nodiscard]] Dictionary counts(Database& database);
-/// How often the events that fit have come; an aggregate counts as often as its sender counted it.
+/// Returns the number of matching events. An aggregate counts as often as its sender counted it. Ignores `text`.
 [[nodiscard]] std::int64_t countEvents(Database& database, const Filter& filter);
-/// Counts by event and attribute value.
-[[nodiscard]] Dictionary aggregates(Database& database, const Filter& filter);
-[[nodiscard]] Dictionary listUsers(Database& database, std::size_t limit);
-[[nodiscard]] std::optional<Dictionary> userHistory(Database& database, const std::string& id, std::size_t limit);
 
-/// The value of a JSON text out of the store.
+/// Parses a JSON text of the store. Returns null if it is unusable.
 [[nodiscard]] Value stored(const std::string& json);
 
 }  // namespace kelvo::collector

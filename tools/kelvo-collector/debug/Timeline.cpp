@@ -1,4 +1,6 @@
-#include <algorithm>
+#include "kelvo-collector/debug/Timeline.h"
+
+#include <cstdint>
 #include <utility>
 
 #include "kelvo-collector/debug/Listings.h"
@@ -10,11 +12,14 @@ namespace {
 constexpr std::size_t kMostPoints = 2000;
 constexpr std::size_t kMostScreens = 500;
 constexpr std::size_t kMostMarks = 500;
-/// A plot that would hold too much shows a few of each of that many stretches of time.
-constexpr int kStretches = 100;
+/// A list that is too long is sampled: it shows the first rows of each of so many equal periods.
+constexpr int kPeriods = 100;
+/// Seconds before and after all times of a session.
+constexpr double kBeforeAll = -1e10;
+constexpr double kAfterAll = 1e10;
 
-/// Rows of one list of a plot: all when they are few, else a sample from everywhere. `sql` takes session, first and
-/// last second, and most rows.
+/// Returns the rows of `sql`, all if they are at most `most`, otherwise a sample over the whole session; then sets
+/// `isSample`. The parameters of `sql` are: session, first second, end second, maximum number of rows.
 template <class Read>
 Array sampled(Database& database, const char* sql, std::int64_t session, double length, std::size_t most,
               bool& isSample, Read read) {
@@ -23,23 +28,22 @@ Array sampled(Database& database, const char* sql, std::int64_t session, double 
     Database::Query query(database, sql, session, from, to, rows);
     while (query.next()) list.append(read(query));
   };
-  append(-1e10, 1e10, most + 1);
+  append(kBeforeAll, kAfterAll, most + 1);
   if (list.size() <= most) return list;
   isSample = true;
   list = {};
-  for (int i = 0; i < kStretches; ++i) {
-    append(length * i / kStretches, length * (i + 1) / kStretches, most / kStretches);
+  for (int i = 0; i < kPeriods; ++i) {
+    append(length * i / kPeriods, length * (i + 1) / kPeriods, most / kPeriods);
   }
   return list;
 }
 
 Dictionary readScreen(Database::Query& row) {
   Dictionary screen{{"name", row.text()}};
-  const Value attributes = stored(row.text());
-  const auto* of = attributes.get<Dictionary>();
-  screen.set("navigation_id", of == nullptr ? Value() : (*of)["navigation_id"]);
+  const Dictionary attributes = stored(row.text()).asDictionary().value_or(Dictionary{});
+  screen.set("navigation_id", attributes["navigation_id"]);
   screen.set("start", row.real());
-  screen.set("duration", of == nullptr ? 0.0 : (*of)["duration"].asDouble());
+  screen.set("duration", attributes["duration"].asDouble());
   return screen;
 }
 
@@ -49,8 +53,8 @@ Dictionary readPoint(Database::Query& row) {
   return point;
 }
 
-/// From each coming to the foreground until the next going to the background.
-Array activeStretches(Database& database, std::int64_t session) {
+/// Returns the periods from each FOREGROUND event to the next BACKGROUND event. The last one may have no end.
+Array activePeriods(Database& database, std::int64_t session) {
   Database::Query rows(database,
                        "SELECT name, time FROM events WHERE session = ? AND kind = 'system'"
                        " AND name IN ('FOREGROUND', 'BACKGROUND') ORDER BY time, id LIMIT ?",
@@ -58,10 +62,10 @@ Array activeStretches(Database& database, std::int64_t session) {
   Array list;
   std::optional<double> start;
   while (rows.next()) {
-    const bool comes = rows.text() == "FOREGROUND";
+    const bool foreground = rows.text() == "FOREGROUND";
     const double time = rows.real();
-    if (comes && !start) start = time;
-    if (comes || !start) continue;
+    if (foreground && !start) start = time;
+    if (foreground || !start) continue;
     list.append(Dictionary{{"start", *start}, {"end", time}});
     start.reset();
   }
@@ -103,7 +107,7 @@ std::optional<Dictionary> timeline(Database& database, const std::string& id) {
                               "SELECT name, attributes, time FROM events WHERE session = ? AND kind = 'navigation'"
                               " AND time >= ? AND time < ? ORDER BY time, id LIMIT ?",
                               session, length, kMostScreens, isSample, readScreen));
-  plot.set("active", activeStretches(database, session));
+  plot.set("active", activePeriods(database, session));
   plot.set("points", sampled(database,
                              "SELECT second, kind, name, count FROM points WHERE session = ? AND second >= ?"
                              " AND second < ? ORDER BY second LIMIT ?",

@@ -3,24 +3,27 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <set>
+
+#include "platform/ThreadSafety.h"
 
 namespace kelvo::collector {
 
-/// Tells whoever listens that something came or changed; what it was, the listener looks up. Safe from any thread.
+/// Wakes the threads that wait for news: new events, a changed service, a reset store. It carries no content; a woken
+/// thread looks the news up itself. Thread-safe.
 class Bell {
  public:
-  /// A descriptor that becomes readable when the bell rings, until `clear`.
-  class Ear {
+  /// Owns a descriptor that becomes readable when the bell rings and stays readable until `clear`.
+  /// Thread: one thread owns a subscription, which must not outlive its bell.
+  class Subscription {
    public:
-    explicit Ear(Bell& bell);
-    ~Ear();
-    Ear(const Ear&) = delete;
-    Ear& operator=(const Ear&) = delete;
+    explicit Subscription(Bell& bell);
+    ~Subscription();
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
 
-    /// False when too many listen already; it never hears anything then.
-    [[nodiscard]] bool listens() const noexcept { return descriptor_ >= 0; }
+    /// Returns false if there are too many subscriptions already. Such a subscription has no descriptor.
+    [[nodiscard]] bool isActive() const noexcept { return descriptor_ >= 0; }
     [[nodiscard]] int descriptor() const noexcept { return descriptor_; }
     void clear() const;
 
@@ -29,19 +32,22 @@ class Bell {
     int descriptor_ = -1;
   };
 
-  void ring();
-  void serviceChanged();
-  void wasReset();
+  /// Wakes all subscribers.
+  void ring() EXCLUDES(mutex_);
+  /// Counts a change of the service, then rings.
+  void ringForServiceChange() EXCLUDES(mutex_);
+  /// Counts a reset of the store, then rings.
+  void ringForReset() EXCLUDES(mutex_);
 
-  /// How often each has happened.
+  /// The number of calls so far. A subscriber compares it with the number that it saw last.
   [[nodiscard]] std::uint64_t serviceChanges() const noexcept { return serviceChanges_; }
   [[nodiscard]] std::uint64_t resets() const noexcept { return resets_; }
 
  private:
   std::atomic<std::uint64_t> serviceChanges_{0};
   std::atomic<std::uint64_t> resets_{0};
-  std::mutex mutex_;  // guards what follows
-  std::set<int> descriptors_;
+  Mutex mutex_;
+  std::set<int> descriptors_ GUARDED_BY(mutex_);  // of the active subscriptions
 };
 
 }  // namespace kelvo::collector

@@ -16,11 +16,12 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// A client that stops in the middle of a request is given up after this long.
+/// Limits for a client that sends half a request, or does not read its answer.
 constexpr milliseconds kReadLimit{30'000};
-/// So is one that does not take its answer.
 constexpr milliseconds kWriteLimit{30'000};
+/// Bytes per TLS write. So few fit into the socket's buffer whenever poll reports room, so the write does not block.
 constexpr std::size_t kTLSPiece = 4096;
+constexpr int kNoDescriptor = -1;  // poll ignores it
 
 int clamped(std::size_t size) {
   return static_cast<int>(std::min<std::size_t>(size, INT_MAX));
@@ -48,48 +49,44 @@ Connection::~Connection() {
 
 bool Connection::open() {
   if (!tls_) return true;
-  return SSL_set_fd(tls_.get(), socket_) == 1 && wait(POLLIN, kReadLimit) && SSL_accept(tls_.get()) == 1;
+  return SSL_set_fd(tls_.get(), socket_) == 1 && pollFor(POLLIN, kNoDescriptor, kReadLimit) == PollResult::Socket &&
+         SSL_accept(tls_.get()) == 1;
 }
 
-/// True when one of `events` has come; false at the limit, or when the server stops.
-bool Connection::wait(short events, std::optional<milliseconds> limit) const {
+Connection::PollResult Connection::pollFor(short events, int descriptor, std::optional<milliseconds> limit) const {
   const auto end = steady_clock::now() + limit.value_or(milliseconds(0));
   for (;;) {
-    pollfd watched[] = {{socket_, events, 0}, {stopDescriptor_, POLLIN, 0}};
+    pollfd watched[] = {{socket_, events, 0}, {stopDescriptor_, POLLIN, 0}, {descriptor, POLLIN, 0}};
     int timeout = -1;
     if (limit) {
       const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
       timeout = static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
     }
-    const int ready = poll(watched, 2, timeout);
+    const int ready = poll(watched, std::size(watched), timeout);
     if (ready < 0 && errno == EINTR) continue;
-    return ready > 0 && watched[1].revents == 0;
+    if (ready == 0) return PollResult::TimeOver;
+    if (ready < 0 || watched[1].revents != 0) return PollResult::Stopped;
+    return watched[0].revents != 0 ? PollResult::Socket : PollResult::Descriptor;
   }
 }
 
-bool Connection::dataIsHere() const {
+bool Connection::hasBufferedData() const {
   return begin_ < end_ || (tls_ && SSL_pending(tls_.get()) > 0);
 }
 
 bool Connection::waitForRequest(milliseconds limit) {
-  return !cut_ && (dataIsHere() || wait(POLLIN, limit));
+  return !cut_ && (hasBufferedData() || pollFor(POLLIN, kNoDescriptor, limit) == PollResult::Socket);
 }
 
-bool Connection::stay(std::optional<milliseconds> limit) {
-  if (wait(POLLRDHUP, limit)) return false;
-  pollfd stopped{stopDescriptor_, POLLIN, 0};
-  return poll(&stopped, 1, 0) == 0;
+bool Connection::staysOpen(std::optional<milliseconds> limit) {
+  return pollFor(POLLRDHUP, kNoDescriptor, limit) == PollResult::TimeOver;
 }
 
-Connection::Waited Connection::await(int descriptor, milliseconds limit) {
-  const auto end = steady_clock::now() + limit;
-  for (;;) {
-    pollfd watched[] = {{socket_, POLLRDHUP, 0}, {stopDescriptor_, POLLIN, 0}, {descriptor, POLLIN, 0}};
-    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
-    const int ready = poll(watched, 3, static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX)));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0) return Waited::TimeOver;
-    return ready > 0 && watched[0].revents == 0 && watched[1].revents == 0 ? Waited::Readable : Waited::Gone;
+Connection::WaitResult Connection::waitFor(int descriptor, milliseconds limit) {
+  switch (pollFor(POLLRDHUP, descriptor, limit)) {
+    case PollResult::Descriptor: return WaitResult::Readable;
+    case PollResult::TimeOver: return WaitResult::TimeOver;
+    default: return WaitResult::Closed;
   }
 }
 
@@ -107,13 +104,13 @@ ssize_t Connection::read(char* bytes, std::size_t size) {
 }
 
 ssize_t Connection::receive(char* bytes, std::size_t size) {
-  if (!dataIsHere() && !wait(POLLIN, kReadLimit)) return -1;
+  if (!hasBufferedData() && pollFor(POLLIN, kNoDescriptor, kReadLimit) != PollResult::Socket) return -1;
   return tls_ ? SSL_read(tls_.get(), bytes, clamped(size)) : recv(socket_, bytes, size, 0);
 }
 
 ssize_t Connection::write(const char* bytes, std::size_t size) {
-  if (cut_ || !wait(POLLOUT, kWriteLimit)) return -1;
-  // Not more than surely fits where there is room at all: what must wait for room would not see the server stop.
+  if (cut_ || pollFor(POLLOUT, kNoDescriptor, kWriteLimit) != PollResult::Socket) return -1;
+  // Never blocks in the write itself: a blocked write would not notice that the server stops.
   if (tls_) return SSL_write(tls_.get(), bytes, clamped(std::min(size, kTLSPiece)));
   return send(socket_, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
 }

@@ -1,10 +1,11 @@
 #include "kelvo-collector/http/Listener.h"
 
+#include <httplib.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
+#include <thread>
 #include <utility>
 
 #include "kelvo-collector/http/Access.h"
@@ -14,18 +15,18 @@
 namespace kelvo::collector {
 namespace {
 
-/// Enough for twenty open pages, which keep up to seven connections each, and the hosts beside them.
-constexpr std::size_t kThreads = 256;
-constexpr std::size_t kLargestBody = 64U << 20U;
-constexpr std::size_t kRequestsOfAConnection = 1'000'000;
+/// Enough for twenty open pages with up to seven connections each, and for the hosts.
+constexpr std::size_t kMostThreads = 256;
+constexpr std::size_t kLargestBody = 64U << 20U;  // bytes
+constexpr std::size_t kRequestsPerConnection = 1'000'000;
 constexpr std::chrono::seconds kKeepAlive{60};
 
-thread_local Connection* servedConnection = nullptr;
+thread_local Connection* currentConnectionOfThread = nullptr;
 
-/// A `Connection` as the HTTP library wants to see it.
-class Wire final : public httplib::Stream {
+/// Adapts a `Connection` to the HTTP library's stream interface.
+class ConnectionStream final : public httplib::Stream {
  public:
-  explicit Wire(Connection& connection) : connection_(connection) {}
+  explicit ConnectionStream(Connection& connection) : connection_(connection) {}
   bool is_readable() const override { return true; }
   bool is_writable() const override { return true; }
   ssize_t read(char* bytes, std::size_t size) override { return connection_.read(bytes, size); }
@@ -38,71 +39,115 @@ class Wire final : public httplib::Stream {
   Connection& connection_;
 };
 
-/// Our threads as the HTTP library wants to see them.
-class Tasks final : public httplib::TaskQueue {
+/// Adapts `Workers` to the HTTP library's task queue.
+class ConnectionTasks final : public httplib::TaskQueue {
  public:
   void enqueue(std::function<void()> task) override { workers_.add(std::move(task)); }
   void shutdown() override { workers_.finish(); }
 
  private:
-  Workers workers_{kThreads};
+  Workers workers_{kMostThreads};
 };
 
 }  // namespace
 
-void Tallied::opened() noexcept {
-  ++all;
+void ConnectionCounts::opened() noexcept {
+  ++total;
   const std::size_t now = ++open;
-  for (std::size_t known = most; known < now && !most.compare_exchange_weak(known, now);) {
+  for (std::size_t known = maximum; known < now && !maximum.compare_exchange_weak(known, now);) {
   }
 }
 
-Listener::Listener(Tallied& tally, ssl_ctx_st* tls)
-    : tally_(tally), tls_(tls), stopDescriptor_(eventfd(0, EFD_CLOEXEC)) {
-  new_task_queue = [] { return std::make_unique<Tasks>().release(); };
+/// The HTTP library's server, with its own connection handling replaced.
+class Listener::Acceptor final : public httplib::Server {
+ public:
+  Acceptor(ConnectionCounts& counts, ssl_ctx_st* tls);
+  ~Acceptor() override { close(stopDescriptor_); }
+
+  int listenInThread(const std::string& host, int port);
+  void stopAndJoin();
+
+ private:
+  bool process_and_close_socket(socket_t socket) override;
+  void serve(Connection& connection);
+
+  ConnectionCounts& counts_;
+  ssl_ctx_st* tls_;
+  int stopDescriptor_;  // becomes readable when the listener stops
+  std::thread thread_;
+};
+
+Listener::Acceptor::Acceptor(ConnectionCounts& counts, ssl_ctx_st* tls)
+    : counts_(counts), tls_(tls), stopDescriptor_(eventfd(0, EFD_CLOEXEC)) {
+  new_task_queue = [] { return std::make_unique<ConnectionTasks>().release(); };
   set_payload_max_length(kLargestBody);
-  set_keep_alive_max_count(kRequestsOfAConnection);  // this and the next for the header that announces them
+  // `serve` decides when a connection ends. The library only announces these limits in its Keep-Alive header.
+  set_keep_alive_max_count(kRequestsPerConnection);
   set_keep_alive_timeout(kKeepAlive.count());
-  set_tcp_nodelay(true);  // head and body leave in two writes
+  set_tcp_nodelay(true);  // the library sends head and body in two writes
   set_default_headers({{"Content-Security-Policy", kContentSecurityPolicy},
                        {"X-Content-Type-Options", "nosniff"},
                        {"Cache-Control", "no-store"}});
-  // Not the library's default, which lets two processes share one port.
+  // Replaces the library's default, SO_REUSEPORT, which lets two processes share one port.
   set_socket_options([](socket_t socket) {
     const int yes = 1;
     setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   });
 }
 
-Listener::~Listener() {
-  close(stopDescriptor_);
+int Listener::Acceptor::listenInThread(const std::string& host, int port) {
+  const int bound = port == 0 ? bind_to_any_port(host) : bind_to_port(host, port) ? port : 0;
+  if (bound <= 0) return 0;
+  thread_ = std::thread([this] { listen_after_bind(); });
+  while (!is_running()) std::this_thread::yield();  // the library ignores an earlier stop()
+  return bound;
 }
 
-void Listener::end() {
+void Listener::Acceptor::stopAndJoin() {
+  if (!thread_.joinable()) return;
   eventfd_write(stopDescriptor_, 1);
   stop();
+  thread_.join();
 }
 
-Connection& Listener::served() noexcept {
-  return *servedConnection;
-}
-
-bool Listener::process_and_close_socket(socket_t socket) {
+bool Listener::Acceptor::process_and_close_socket(socket_t socket) {
   Connection connection(socket, stopDescriptor_, tls_);
-  tally_.opened();
-  servedConnection = &connection;
+  counts_.opened();
+  currentConnectionOfThread = &connection;
   if (connection.open()) serve(connection);
-  servedConnection = nullptr;
-  --tally_.open;
+  currentConnectionOfThread = nullptr;
+  counts_.closed();
   return true;
 }
 
-void Listener::serve(Connection& connection) {
-  Wire wire(connection);
+void Listener::Acceptor::serve(Connection& connection) {
+  ConnectionStream stream(connection);
   while (connection.waitForRequest(kKeepAlive)) {
     bool closed = false;
-    if (!process_request(wire, false, closed, nullptr) || closed) return;
+    if (!process_request(stream, false, closed, nullptr) || closed) return;
   }
+}
+
+Listener::Listener(ConnectionCounts& counts, ssl_ctx_st* tls) : acceptor_(std::make_unique<Acceptor>(counts, tls)) {}
+
+Listener::~Listener() {
+  stop();
+}
+
+httplib::Server& Listener::handlers() noexcept {
+  return *acceptor_;
+}
+
+int Listener::start(const std::string& host, int port) {
+  return acceptor_->listenInThread(host, port);
+}
+
+void Listener::stop() {
+  acceptor_->stopAndJoin();
+}
+
+Connection& Listener::currentConnection() noexcept {
+  return *currentConnectionOfThread;
 }
 
 }  // namespace kelvo::collector

@@ -1,45 +1,57 @@
 #pragma once
 
-#include <httplib.h>
-
 #include <atomic>
 #include <cstddef>
+#include <memory>
+#include <string>
 
 struct ssl_ctx_st;
+namespace httplib {
+class Server;
+}
 
 namespace kelvo::collector {
 
 class Connection;
 
-/// How many connections there are, were at most, and have been.
-struct Tallied {
+/// Counts the accepted connections. Thread-safe.
+struct ConnectionCounts {
   std::atomic<std::size_t> open{0};
-  std::atomic<std::size_t> most{0};
-  std::atomic<std::size_t> all{0};
+  std::atomic<std::size_t> maximum{0};  ///< the highest value of `open` so far
+  std::atomic<std::size_t> total{0};
 
   void opened() noexcept;
+  void closed() noexcept { --open; }
 };
 
-/// The HTTP library's server over connections of our own, which can be broken and stop at once. Each connection has a
-/// thread while it is open.
-class Listener final : public httplib::Server {
+/// Accepts connections and lets the HTTP library parse their requests and call the handlers.
+///
+/// Each connection is a `Connection`, which a handler can break, and keeps one thread while it is open. There are at
+/// most 256 threads; further connections wait.
+/// Thread: one thread owns the listener; handlers run on the connection threads.
+class Listener {
  public:
-  Listener(Tallied& tally, ssl_ctx_st* tls);
-  ~Listener() override;
+  /// `counts` must outlive the listener. So must `tls`, which is null for plain HTTP.
+  Listener(ConnectionCounts& counts, ssl_ctx_st* tls);
+  /// Stops.
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
 
-  /// Stops listening, and ends what every connection waits for.
-  void end();
+  /// Returns the HTTP library's server. Register the handlers with it before `start`.
+  [[nodiscard]] httplib::Server& handlers() noexcept;
 
-  /// The connection that the calling thread serves.
-  [[nodiscard]] static Connection& served() noexcept;
+  /// Listens on `port` of `host`, on a free port if `port` is 0. Call it once. Returns the port, 0 if it is taken.
+  [[nodiscard]] int start(const std::string& host, int port);
+  /// Stops listening, ends every wait of the open connections, and blocks until all connections are closed.
+  void stop();
+
+  /// Returns the connection whose request the calling thread handles. Must be called in a handler only.
+  [[nodiscard]] static Connection& currentConnection() noexcept;
 
  private:
-  bool process_and_close_socket(socket_t socket) override;
-  void serve(Connection& connection);
-
-  Tallied& tally_;
-  ssl_ctx_st* tls_;
-  int stopDescriptor_;
+  class Acceptor;
+  std::unique_ptr<Acceptor> acceptor_;
 };
 
 }  // namespace kelvo::collector

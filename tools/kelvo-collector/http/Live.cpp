@@ -5,7 +5,7 @@
 #include <set>
 #include <utility>
 
-#include "kelvo-collector/debug/Debug.h"
+#include "kelvo-collector/debug/Listings.h"
 #include "kelvo-collector/http/Bell.h"
 #include "kelvo-collector/http/Connection.h"
 #include "kelvo-collector/service/Parameters.h"
@@ -17,15 +17,20 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+/// After so long without news, a stream sends a comment, so that proxies and dead clients are noticed.
 constexpr milliseconds kHeartbeat{15'000};
-/// Between two looks at the store, so that a flood of chunks is looked up in bunches.
+/// Between two lookups, so that chunks that arrive in quick succession are read together.
 constexpr milliseconds kPause{20};
-constexpr std::size_t kChunksAtOnce = 100;
-constexpr std::int64_t kFarBehind = 1000;  // chunks
+constexpr std::size_t kChunksPerRead = 100;
+/// A client that has missed more chunks than this loads everything again.
+constexpr std::int64_t kMostMissedChunks = 1000;
+/// Limits of /debug/wait, in seconds.
+constexpr std::int64_t kUsualTimeout = 10;
+constexpr std::int64_t kLongestTimeout = 600;
 
 std::string message(const char* event, const Dictionary& data, std::int64_t id = 0) {
-  const std::string idLine = id == 0 ? "" : "id: " + std::to_string(id) + "\n";
-  return idLine + "event: " + event + "\ndata: " + jsonText(data).value_or("{}") + "\n\n";
+  const std::string idField = id == 0 ? "" : "id: " + std::to_string(id) + "\n";
+  return idField + "event: " + event + "\ndata: " + jsonText(data).value_or("{}") + "\n\n";
 }
 
 std::int64_t newestChunk(Database& database) {
@@ -33,8 +38,8 @@ std::int64_t newestChunk(Database& database) {
   return row.next() ? row.number() : 0;
 }
 
-/// The chunks after `sequence`, and the sessions that they changed, as messages. Moves `sequence` on; true when there
-/// may be more.
+/// Appends a message for each chunk after `sequence` and each session that these chunks changed. Advances `sequence`.
+/// Returns true if there may be more chunks.
 bool readNews(Database& database, std::int64_t& sequence, std::string& messages) {
   std::size_t count = 0;
   std::set<std::int64_t> sessions;
@@ -42,7 +47,7 @@ bool readNews(Database& database, std::int64_t& sequence, std::string& messages)
     Database::Query rows(database,
                          "SELECT request, session, session_id, number, events FROM chunks WHERE request > ?"
                          " ORDER BY request LIMIT ?",
-                         sequence, kChunksAtOnce);
+                         sequence, kChunksPerRead);
     for (; rows.next(); ++count) {
       sequence = rows.number();
       sessions.insert(rows.number());
@@ -52,36 +57,38 @@ bool readNews(Database& database, std::int64_t& sequence, std::string& messages)
     }
   }
   for (const std::int64_t session : sessions) messages += message("session", sessionRow(database, session), sequence);
-  return count == kChunksAtOnce;
+  return count == kChunksPerRead;
 }
 
-/// Where a client begins: after what it has seen, or with what comes next. True when it must read everything anew.
-bool begin(Database& database, const std::string& lastEventId, std::int64_t& sequence) {
+/// Sets `sequence` to the chunk after which a client's stream begins. Returns true if the client must load everything
+/// again.
+bool findBeginning(Database& database, const std::string& lastEventId, std::int64_t& sequence) {
   sequence = newestChunk(database);
   const Parameters::Pairs pairs{{"id", lastEventId}};
   const auto seen = Parameters(pairs).number("id", 0, INT64_MAX);
-  if (!seen || *seen == sequence) return !seen && !lastEventId.empty();
+  if (!seen) return !lastEventId.empty();
+  if (*seen == sequence) return false;
   Database::Query missed(database, "SELECT count(*) FROM (SELECT 1 FROM chunks WHERE request > ? LIMIT ?)", *seen,
-                         kFarBehind + 1);
-  const bool canFollow = *seen < sequence && missed.next() && missed.number() <= kFarBehind;
-  if (canFollow) sequence = *seen;
-  return !canFollow;
+                         kMostMissedChunks + 1);
+  const bool canResume = *seen < sequence && missed.next() && missed.number() <= kMostMissedChunks;
+  if (canResume) sequence = *seen;
+  return !canResume;
 }
 
 }  // namespace
 
 EventStream::EventStream(const Store& store, Bell& bell, const std::string& lastEventId)
     : store_(store), bell_(bell), serviceChanges_(bell.serviceChanges()), resets_(bell.resets()) {
-  anew_ = store.read([&](Database& d) { return begin(d, lastEventId, sequence_); });
+  mustReload_ = store.read([&](Database& d) { return findBeginning(d, lastEventId, sequence_); });
 }
 
 void EventStream::serve(Connection& connection, const std::function<bool(const std::string&)>& write) {
-  const Bell::Ear ear(bell_);
-  if (!ear.listens()) return;
-  if (!write(anew_ ? message("reset", {}) : ": here\n\n")) return;
+  const Bell::Subscription news(bell_);
+  if (!news.isActive()) return;
+  if (!write(mustReload_ ? message("reset", {}) : ": here\n\n")) return;
 
   for (;;) {
-    ear.clear();
+    news.clear();
     std::string messages;
     if (const auto now = bell_.resets(); now != std::exchange(resets_, now)) messages += message("reset", {});
     if (const auto now = bell_.serviceChanges(); now != std::exchange(serviceChanges_, now)) {
@@ -90,26 +97,26 @@ void EventStream::serve(Connection& connection, const std::function<bool(const s
     const bool more = store_.read([&](Database& d) { return readNews(d, sequence_, messages); });
     if (!messages.empty() && !write(messages)) return;
     if (more) continue;
-    if (!messages.empty() && !connection.stay(kPause)) return;
-    const auto waited = connection.await(ear.descriptor(), kHeartbeat);
-    if (waited == Connection::Waited::Gone) return;
-    if (waited == Connection::Waited::TimeOver && !write(": still here\n\n")) return;
+    if (!messages.empty() && !connection.staysOpen(kPause)) return;
+    const auto waited = connection.waitFor(news.descriptor(), kHeartbeat);
+    if (waited == Connection::WaitResult::Closed) return;
+    if (waited == Connection::WaitResult::TimeOver && !write(": still here\n\n")) return;
   }
 }
 
 std::optional<Reply> waitForEvents(const Question& question, const Store& store, Bell& bell, Connection& connection) {
   const Parameters parameters(question.parameters);
   const auto wanted = parameters.has("count") ? parameters.number("count", 0, INT64_MAX) : 1;
-  const auto seconds = parameters.has("timeout") ? parameters.number("timeout", 0, 600) : 10;
+  const auto seconds = parameters.has("timeout") ? parameters.number("timeout", 0, kLongestTimeout) : kUsualTimeout;
   if (!wanted) return refusal(400, "count is no number from 0");
   if (!seconds) return refusal(400, "timeout is no number of seconds from 0 to 600");
 
-  const Bell::Ear ear(bell);
-  if (!ear.listens()) return refusal(503, "too many wait already");
+  const Bell::Subscription news(bell);
+  if (!news.isActive()) return refusal(503, "too many wait already");
   const Filter filter = filterOf(question);
   const auto end = steady_clock::now() + std::chrono::seconds(*seconds);
   for (;;) {
-    ear.clear();
+    news.clear();
     const std::int64_t found = store.read([&](Database& d) { return countEvents(d, filter); });
     const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
     const bool reached = found >= *wanted;
@@ -118,7 +125,7 @@ std::optional<Reply> waitForEvents(const Question& question, const Store& store,
       reply.status = reached ? 200 : 408;
       return reply;
     }
-    if (connection.await(ear.descriptor(), left) == Connection::Waited::Gone) return std::nullopt;
+    if (connection.waitFor(news.descriptor(), left) == Connection::WaitResult::Closed) return std::nullopt;
   }
 }
 

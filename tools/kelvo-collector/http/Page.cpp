@@ -2,7 +2,7 @@
 
 namespace kelvo::collector {
 
-// Made of the files in page/ when the program is built.
+// Defined in a source that the build generates from the files in page/.
 extern const PageFile kPageFiles[];
 extern const unsigned kNumberOfPageFiles;
 

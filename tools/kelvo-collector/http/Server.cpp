@@ -6,10 +6,8 @@
 
 #include <algorithm>
 #include <ctime>
-#include <mutex>
 #include <optional>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 #include "kelvo-collector/debug/Debug.h"
@@ -22,6 +20,7 @@
 #include "kelvo-collector/service/Service.h"
 #include "kelvo-collector/service/ServiceState.h"
 #include "platform/JSON.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo::collector {
 namespace {
@@ -30,6 +29,7 @@ using std::chrono::milliseconds;
 
 constexpr const char* kHost = "127.0.0.1";
 constexpr const char* kJSONType = "application/json";
+constexpr std::size_t kAnnouncedSizeOfCutAnswer = 4096;  // bytes; more than the few that are sent
 
 struct TLSFreer {
   void operator()(ssl_ctx_st* context) const noexcept { SSL_CTX_free(context); }
@@ -45,7 +45,7 @@ TLSContext tlsContext(const std::string& certificateFile, const std::string& key
   return context;
 }
 
-/// Headers as sent; what the HTTP library adds about the connection is left out.
+/// Returns the headers as sent, without those that the HTTP library adds about the connection.
 Dictionary headersOf(const httplib::Request& request) {
   Dictionary headers;
   for (const auto& [name, value] : request.headers) {
@@ -70,8 +70,8 @@ ReceivedRequest received(const httplib::Request& request, const std::string& bod
   return result;
 }
 
-/// As headers have it: "Sat, 21 Nov 2026 06:15:09 GMT".
-std::string dateOfNow() {
+/// Returns the current time for a Date header: "Sat, 21 Nov 2026 06:15:09 GMT".
+std::string currentDate() {
   return fmt::format("{:%a, %d %b %Y %H:%M:%S} GMT", fmt::gmtime(std::time(nullptr)));
 }
 
@@ -84,21 +84,22 @@ void send(const Reply& reply, httplib::Response& response) {
 void sendCutShort(int status, httplib::Response& response) {
   constexpr std::string_view begun = R"({"hash": ")";
   response.status = status;
-  response.set_content_provider(4096, kJSONType, [begun](std::size_t, std::size_t, httplib::DataSink& sink) {
+  const auto sendBeginning = [begun](std::size_t, std::size_t, httplib::DataSink& sink) {
     sink.write(begun.data(), begun.size());
     return false;
-  });
+  };
+  response.set_content_provider(kAnnouncedSizeOfCutAnswer, kJSONType, sendBeginning);
 }
 
-/// Does what `script` says; `answer` is what the service says itself.
+/// Answers as `script` says. `answer` is the service's own answer, for the scripts that send it.
 void play(const Script& script, const Reply& answer, httplib::Response& response) {
-  Connection& connection = Listener::served();
-  if (script.delay().count() > 0 && !connection.stay(script.delay())) return connection.cut();
+  Connection& connection = Listener::currentConnection();
+  if (script.delay().count() > 0 && !connection.staysOpen(script.delay())) return connection.cut();
   switch (script.kind()) {
     case Script::Kind::Answer: response.status = script.status(); return response.set_content(script.body(), kJSONType);
     case Script::Kind::Late: return send(answer, response);
     case Script::Kind::CutShort: return sendCutShort(script.status(), response);
-    case Script::Kind::Never: connection.stay(std::nullopt); return connection.cut();
+    case Script::Kind::Never: connection.staysOpen(std::nullopt); return connection.cut();
     case Script::Kind::Cut:
     case Script::Kind::LoseAnswer: return connection.cut();
   }
@@ -106,13 +107,17 @@ void play(const Script& script, const Reply& answer, httplib::Response& response
 
 }  // namespace
 
+/// The one object behind a server. It composes the service and the debug paths, which do not know each other.
 struct Server::Impl {
   Impl(std::unique_ptr<Store> ownStoreOrNone, std::unique_ptr<ServiceState> ownStateOrNone, Store& theStore,
        ServiceState& theState)
       : ownStore(std::move(ownStoreOrNone)), ownState(std::move(ownStateOrNone)), store(theStore), state(theState) {}
 
   int start(int port, TLSContext context);
+  void stop();
   void route(httplib::Server& http);
+
+  // Thread: the following are called on connection threads.
   void handle(const httplib::Request& request, const std::string& body, httplib::Response& response);
   void handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response);
   void stream(const httplib::Request& request, httplib::Response& response);
@@ -123,15 +128,14 @@ struct Server::Impl {
   Store& store;
   ServiceState& state;
 
-  Tallied tally;
+  ConnectionCounts counts;
   ScriptBook scripts;
   Bell bell;
-  TLSContext tls;
+  TLSContext tls;  // constant while the listener runs; null for plain HTTP
   std::unique_ptr<Listener> listener;
-  std::thread thread;
 
-  std::mutex mutex;  // guards what follows
-  std::string baseURL;
+  Mutex mutex;
+  std::string baseURL GUARDED_BY(mutex);
 };
 
 void Server::Impl::route(httplib::Server& http) {
@@ -139,7 +143,7 @@ void Server::Impl::route(httplib::Server& http) {
     handle(request, request.body, response);
   };
   http.Get(".*", all).Patch(".*", all).Delete(".*", all).Options(".*", all);
-  // Read by ourselves: the library would take a body without a content type for a form, and refuse a large one.
+  // We read the body ourselves: the library treats a body without a content type as a form, and refuses a large one.
   const httplib::Server::HandlerWithContentReader withBody = [this](const auto& request, auto& response,
                                                                     const httplib::ContentReader& reader) {
     std::string body;
@@ -147,7 +151,7 @@ void Server::Impl::route(httplib::Server& http) {
     if (reader(append)) handle(request, body, response);
   };
   http.Post(".*", withBody).Put(".*", withBody);
-  // Without a length there is no body; the library would wait for one until the connection ends.
+  // A request without a length has no body, but the library would wait for one until the connection closes.
   http.set_pre_routing_handler([this](const auto& request, auto& response) {
     if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
       return httplib::Server::HandlerResponse::Unhandled;
@@ -155,7 +159,7 @@ void Server::Impl::route(httplib::Server& http) {
     handle(request, {}, response);
     return httplib::Server::HandlerResponse::Handled;
   });
-  http.set_post_routing_handler([](const auto&, auto& response) { response.set_header("Date", dateOfNow()); });
+  http.set_post_routing_handler([](const auto&, auto& response) { response.set_header("Date", currentDate()); });
   http.set_error_handler([](const auto&, auto& response) {
     const bool ours = response.has_header("Content-Type");
     if (!ours) send(refusal(response.status, "this is no request that can be served"), response);
@@ -163,18 +167,22 @@ void Server::Impl::route(httplib::Server& http) {
 }
 
 int Server::Impl::start(int port, TLSContext context) {
-  auto fresh = std::make_unique<Listener>(tally, context.get());
-  route(*fresh);
-  const int bound = port == 0 ? fresh->bind_to_any_port(kHost) : fresh->bind_to_port(kHost, port) ? port : 0;
-  if (bound <= 0) return 0;
-
   tls = std::move(context);
-  listener = std::move(fresh);
-  thread = std::thread([running = listener.get()] { running->listen_after_bind(); });
-  while (!listener->is_running()) std::this_thread::yield();  // stopping works from then on only
-  const std::lock_guard lock(mutex);
+  listener = std::make_unique<Listener>(counts, tls.get());
+  route(listener->handlers());
+  const int bound = listener->start(kHost, port);
+  if (bound == 0) {
+    stop();
+    return 0;
+  }
+  const Lock lock(mutex);
   baseURL = std::string(tls ? "https://" : "http://") + kHost + ":" + std::to_string(bound);
   return bound;
+}
+
+void Server::Impl::stop() {
+  listener.reset();
+  tls.reset();
 }
 
 void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
@@ -195,35 +203,39 @@ void Server::Impl::handle(const httplib::Request& request, const std::string& bo
 
 void Server::Impl::handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response) {
   DebugReply answer = debugReply(question, {state, store, scripts});
-  if (answer.news == DebugReply::News::Service) bell.serviceChanged();
-  if (answer.news == DebugReply::News::Reset) bell.wasReset();
-  if (answer.live == DebugReply::Live::Stream && request.method == "GET") return stream(request, response);
-  if (answer.live == DebugReply::Live::Wait) {
-    auto reply = waitForEvents(question, store, bell, Listener::served());
-    if (!reply) return Listener::served().cut();
+  if (answer.effect == DebugReply::Effect::ServiceChanged) bell.ringForServiceChange();
+  if (answer.effect == DebugReply::Effect::StoreReset) bell.ringForReset();
+  if (answer.delivery == DebugReply::Delivery::Stream && request.method == "GET") return stream(request, response);
+  if (answer.delivery == DebugReply::Delivery::Wait) {
+    auto reply = waitForEvents(question, store, bell, Listener::currentConnection());
+    if (!reply) return Listener::currentConnection().cut();
     answer.reply = std::move(*reply);
   }
   send(answer.reply, response);
 }
 
 void Server::Impl::stream(const httplib::Request& request, httplib::Response& response) {
-  // Begins before the answer does: a client that reads everything once it is answered misses nothing in between.
+  // The stream begins before its answer is sent: a client that loads everything once it has the answer misses nothing.
   EventStream events(store, bell, request.get_header_value("Last-Event-ID"));
   response.set_chunked_content_provider("text/event-stream", [events](std::size_t, httplib::DataSink& sink) mutable {
-    events.serve(Listener::served(), [&sink](const std::string& text) { return sink.write(text.data(), text.size()); });
-    return false;  // the connection ends with it
+    const auto write = [&sink](const std::string& text) { return sink.write(text.data(), text.size()); };
+    events.serve(Listener::currentConnection(), write);
+    return false;  // closes the connection
   });
 }
 
 void Server::Impl::handleService(const httplib::Request& request, const Question& question,
                                  httplib::Response& response) {
   const auto script = scripts.take(request.target);
-  if (script && script->left() > 0) bell.serviceChanged();  // one time less
+  if (script && script->left() > 0) bell.ringForServiceChange();  // the open pages show how often it still applies
   const bool serves = !script || script->serves();
   const bool answers = !script || script->answers();
 
   Reply answer;
-  if (serves) answer = reply(question, state, store);
+  if (serves) {
+    auto reply = collector::reply(question, state, store);
+    answer = reply ? std::move(*reply) : unknownPath();
+  }
   ReceivedRequest arrived = received(request, question.body);
   if (answers) arrived.status = serves ? answer.status : script->status();
   if (!store.add(arrived, answer.accepted)) return send(refusal(500, "the store failed"), response);
@@ -257,15 +269,11 @@ int Server::startTLS(const std::string& certificateFile, const std::string& keyF
 }
 
 void Server::stop() {
-  if (!impl_->listener) return;
-  impl_->listener->end();
-  impl_->thread.join();
-  impl_->listener.reset();
-  impl_->tls.reset();
+  impl_->stop();
 }
 
 std::string Server::baseURL() const {
-  const std::lock_guard lock(impl_->mutex);
+  const Lock lock(impl_->mutex);
   return impl_->baseURL;
 }
 
@@ -301,10 +309,10 @@ bool Server::waitForChunks(std::size_t count, milliseconds timeout) const {
   return impl_->store.waitForChunks(count, timeout);
 }
 std::size_t Server::maximumConcurrent() const {
-  return impl_->tally.most;
+  return impl_->counts.maximum;
 }
 std::size_t Server::numberOfConnections() const {
-  return impl_->tally.all;
+  return impl_->counts.total;
 }
 
 }  // namespace kelvo::collector

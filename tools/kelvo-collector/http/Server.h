@@ -15,16 +15,16 @@ namespace kelvo::collector {
 
 class ServiceState;
 
-/// The analytics service on 127.0.0.1: answers every path that the library asks for from its `ServiceState`, and puts
-/// every request and accepted chunk into its `Store`.
+/// The analytics service on 127.0.0.1. It answers every path that the library asks for from its `ServiceState`, and
+/// keeps every request and accepted chunk in its `Store`. It also answers the `/debug` paths and serves the page.
 ///
-/// It is stopped, or started; it may be started again (on the same port, to stand for a network that comes back).
-/// `start` and `stop` belong to one thread; everything else may be called from any thread at any time. Each connection
-/// has a thread of its own, so up to 256 may be open, and hang, without holding up others. The process ignores SIGPIPE
-/// from the first start on. Requests whose host is no loopback name are refused.
+/// States: stopped, started. It may be started again, for example on the same port to simulate a network outage.
+/// Each connection has a thread of its own, at most 256, so a request that hangs does not delay the others. The server
+/// refuses a request whose host is not a loopback name. From the first start on, the process ignores SIGPIPE.
+/// Thread: one thread calls `start` and `stop`; everything else is thread-safe.
 class Server {
  public:
-  /// A server with a store in memory and a service state of its own.
+  /// Makes a stopped server with an in-memory store and a service state of its own.
   Server();
   /// Both must outlive the server.
   Server(Store& store, ServiceState& state);
@@ -33,38 +33,42 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  /// Listens on `port`, on a free one when it is 0, and returns the port; 0 when the port cannot be had.
+  /// Listens on `port`, on a free port if it is 0. Stops first if started. Returns the port, 0 if it is taken.
   int start(int port = 0);
-  /// The same over TLS; the files are PEM, the first holding the chain. 0 when they cannot be used, too.
+  /// As `start`, with TLS. The files are PEM; the first holds the certificate chain. Returns 0 also if they are
+  /// unusable.
   int startTLS(const std::string& certificateFile, const std::string& keyFile, int port = 0);
-  /// Closes every connection and waits until none is left. Requests that hang are cut.
+  /// Cuts hanging requests, closes every connection and blocks until all are closed.
   void stop();
-  /// "http://127.0.0.1:PORT" or "https://127.0.0.1:PORT" of the last start, without a slash at its end.
+  /// Returns "http://127.0.0.1:PORT" or "https://127.0.0.1:PORT" of the last start, without a slash at the end.
   [[nodiscard]] std::string baseURL() const;
 
   [[nodiscard]] Store& store() noexcept;
   [[nodiscard]] ServiceState& state() noexcept;
 
-  /// Follows `script` for requests whose path and query contain `pathFragment`, in place of what was set for that very
-  /// fragment before. When several fragments fit, the one set last wins.
+  /// Answers requests whose path and query contain `pathFragment` as `script` says. Replaces the scripts of the same
+  /// fragment. If several fragments match, the last one set wins.
   void answer(const std::string& pathFragment, Script script);
-  /// Follows the scripts one after the other, each for its `times` (at least one; the last one may be for good).
+  /// Follows the scripts in order, each for its `times`. A script without a limit counts once, the last one
+  /// permanently.
   void answerInTurn(const std::string& pathFragment, std::vector<Script> scripts);
+  /// Removes the scripts of `pathFragment`.
   void answerNormally(const std::string& pathFragment);
 
-  /// The requests whose path and query contain `pathFragment`, in order of arrival. A request is listed once it is
-  /// decided what happens to it, before the first byte of the answer goes out. `/debug` requests are never listed.
+  /// Returns the requests whose path and query contain `pathFragment`, in order of arrival. A request is listed once
+  /// its answer is decided, before the first byte of the answer is sent. `/debug` requests are never listed.
   [[nodiscard]] std::vector<ReceivedRequest> requests(const std::string& pathFragment = {}) const;
-  /// Bodies of every accepted chunk, repeated ones included, in order of arrival.
+  /// Returns the bodies of all accepted chunks, including repeated ones, in order of arrival.
   [[nodiscard]] std::vector<Value> chunks() const;
-  /// Waits until `count` such requests are listed; false when `timeout` has passed first.
+  /// Blocks until `count` matching requests are listed. Returns false if `timeout` passes first.
   [[nodiscard]] bool waitFor(std::size_t count, const std::string& pathFragment = {},
                              std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
   [[nodiscard]] bool waitForChunks(std::size_t count,
                                    std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
 
-  /// Most connections that were open at one time, and how many were accepted in all.
+  /// Returns the highest number of connections that were open at the same time.
   [[nodiscard]] std::size_t maximumConcurrent() const;
+  /// Returns the number of connections accepted so far.
   [[nodiscard]] std::size_t numberOfConnections() const;
 
  private:

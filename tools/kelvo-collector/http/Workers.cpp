@@ -6,13 +6,13 @@
 namespace kelvo::collector {
 
 void Workers::add(std::function<void()> task) {
-  const std::lock_guard lock(mutex_);
-  waiting_.push_back(std::move(task));
-  if (free_ < waiting_.size() && threads_.size() < most_) {
+  const Lock lock(mutex_);
+  queue_.push_back(std::move(task));
+  if (idle_ < queue_.size() && threads_.size() < maximum_) {
     try {
       threads_.emplace_back([this] { work(); });
     } catch (const std::system_error&) {
-      // The machine gives no more threads: those that are there will come to it.
+      // The system refuses another thread: the existing threads run the task later.
     }
   }
   changed_.notify_one();
@@ -21,7 +21,7 @@ void Workers::add(std::function<void()> task) {
 void Workers::finish() {
   std::vector<std::thread> threads;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     finishing_ = true;
     threads.swap(threads_);
   }
@@ -30,14 +30,14 @@ void Workers::finish() {
 }
 
 void Workers::work() {
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   for (;;) {
-    ++free_;
-    changed_.wait(lock, [this] { return finishing_ || !waiting_.empty(); });
-    --free_;
-    if (waiting_.empty()) return;
-    const auto task = std::move(waiting_.front());
-    waiting_.pop_front();
+    ++idle_;
+    while (!finishing_ && queue_.empty()) lock.wait(changed_);
+    --idle_;
+    if (queue_.empty()) return;
+    const auto task = std::move(queue_.front());
+    queue_.pop_front();
     lock.unlock();
     task();
     lock.lock();

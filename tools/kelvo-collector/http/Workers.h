@@ -4,36 +4,37 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "platform/ThreadSafety.h"
+
 namespace kelvo::collector {
 
-/// Threads that are made when a task comes and none is free, up to a number; later tasks wait. A connection keeps its
-/// thread while it is open, and an open page keeps several connections.
+/// A thread pool that grows on demand: it starts a thread when a task finds no idle one, up to a maximum. Further tasks
+/// wait in a queue. A task serves one connection and keeps its thread while the connection is open. Thread-safe.
 class Workers {
  public:
-  explicit Workers(std::size_t most) : most_(most) {}
+  explicit Workers(std::size_t maximum) : maximum_(maximum) {}
   /// `finish` must have been called.
   ~Workers() = default;
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
-  void add(std::function<void()> task);
-  /// Does what waits, then joins.
-  void finish();
+  void add(std::function<void()> task) EXCLUDES(mutex_);
+  /// Blocks until all tasks, queued ones included, have run and all threads have ended. No `add` may follow.
+  void finish() EXCLUDES(mutex_);
 
  private:
-  void work();
+  void work() EXCLUDES(mutex_);
 
-  const std::size_t most_;
-  std::mutex mutex_;  // guards what follows
+  const std::size_t maximum_;
+  Mutex mutex_;
   std::condition_variable changed_;
-  std::deque<std::function<void()>> waiting_;
-  std::vector<std::thread> threads_;
-  std::size_t free_ = 0;
-  bool finishing_ = false;
+  std::deque<std::function<void()>> queue_ GUARDED_BY(mutex_);
+  std::vector<std::thread> threads_ GUARDED_BY(mutex_);
+  std::size_t idle_ GUARDED_BY(mutex_) = 0;
+  bool finishing_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace kelvo::collector

@@ -1,12 +1,12 @@
-// Counts by event and attribute value, and the users with what changed in their attributes.
+// The counts by event and attribute value, and the users with the changes of their attributes.
 
 import { get } from "./api.js";
 import { byId, coalesced, disclosure, h, reconcile, s } from "./dom.js";
 import { clock, count, plural, preview, shown } from "./format.js";
 import { fillSessionSelect } from "./sessions.js";
 
-const FEW = 12;
-const BAR = 100;
+const FEW = 12; // values of an attribute before "more"
+const BAR = 100; // pixels
 
 export class AggregatesView {
   constructor(sessions, onError) {
@@ -27,7 +27,7 @@ export class AggregatesView {
     list.dataset.empty = "No application event has arrived.";
     aggregates.events.sort((a, b) => b.count - a.count);
     const most = aggregates.events.reduce((least, event) => Math.max(least, event.count), 1);
-    // The key holds the counts: a row is made anew when they change, and stays unfolded.
+    // The key contains the counts, so a row is rebuilt when they change. An unfolded row is unfolded again.
     const opened = [...list.querySelectorAll('[aria-expanded="true"]')];
     const open = new Set(opened.map((button) => button.closest("li").eventName));
     reconcile(list, aggregates.events, (event) => `${event.name}\n${event.count}\n${most}`, (event) => {
@@ -83,13 +83,13 @@ function bar(number, most) {
 
 function valueList(attribute) {
   const most = attribute.values.reduce((least, value) => Math.max(least, value.count), 1);
-  const line = (value) => h("li", {}, h("span", { class: "value" }, shown(value.value)), bar(value.count, most),
+  const item = (value) => h("li", {}, h("span", { class: "value" }, shown(value.value)), bar(value.count, most),
     h("span", { class: "number" }, count(value.count)));
-  const list = h("ul", {}, attribute.values.slice(0, FEW).map(line));
+  const list = h("ul", {}, attribute.values.slice(0, FEW).map(item));
   const rest = attribute.values.slice(FEW);
   const more = rest.length > 0 && h("button", {
     type: "button", class: "quiet", click: () => {
-      list.append(...rest.map(line));
+      list.append(...rest.map(item));
       more.remove();
     },
   }, plural(rest.length, "more value"));

@@ -1,6 +1,8 @@
-// What the page asks of the collector, and the stream of what happens there.
+// The requests of the page to the collector, and the event stream.
 
-/** An answer that is no success: `errors` lists what is wrong with a document. */
+const RECONNECT_PAUSE = 2000; // milliseconds
+
+/** A request that failed. `errors` lists the faults of a refused document. */
 export class Refusal extends Error {
   constructor(message, status, errors) {
     super(message);
@@ -9,7 +11,7 @@ export class Refusal extends Error {
   }
 }
 
-/** Keeps whole numbers that a double cannot hold, as BigInt, where the browser tells their text. */
+/** Returns integers that a double cannot hold as BigInt, if the browser passes their text to the reviver. */
 function exact(key, value, context) {
   if (typeof value !== "number" || Number.isSafeInteger(value) || !/^-?\d+$/.test(context?.source ?? "")) return value;
   return BigInt(context.source);
@@ -50,9 +52,10 @@ export const post = (path) => ask("POST", path);
 export const remove = (path) => ask("DELETE", path);
 
 /**
- * Follows the collector's event stream: `onEvent(type, data)` for each, and the type "resync" whenever the stream
- * begins anew, since something may have been missed. A page that nobody sees follows nothing: a browser keeps few
- * connections to one host, and forgotten tabs would use them up.
+ * Follows the collector's event stream. Calls `onEvent(type, data)` for each event, and with the type "resync" whenever
+ * the stream opens, because events may have been missed. Calls `onState` with "live" or "waiting".
+ * Closes the stream while the page is hidden: a browser allows few connections per host, and hidden tabs would use
+ * them up.
  */
 export function followStream(onEvent, onState) {
   let source = null;
@@ -64,18 +67,18 @@ export function followStream(onEvent, onState) {
     });
     source.addEventListener("error", () => {
       onState("waiting");
-      // A browser gives up for good after an answer that is no stream.
-      if (source.readyState === EventSource.CLOSED) setTimeout(turn, 2000);
+      // The browser does not reconnect after an answer that is not a stream.
+      if (source.readyState === EventSource.CLOSED) setTimeout(reopen, RECONNECT_PAUSE);
     });
     for (const type of ["chunk", "session", "service", "reset"]) {
       source.addEventListener(type, (event) => onEvent(type, JSON.parse(event.data || "{}", exact)));
     }
   };
-  const turn = () => {
+  const reopen = () => {
     source?.close();
     source = null;
     if (!document.hidden) open();
   };
-  document.addEventListener("visibilitychange", turn);
-  turn();
+  document.addEventListener("visibilitychange", reopen);
+  reopen();
 }

@@ -1,4 +1,4 @@
-// The page: its four views, the tabs between them, and the stream that keeps them up to date without a reload.
+// The page: its four views, the tabs that switch between them, and the stream that keeps them current.
 
 import { followStream, get, post } from "./api.js";
 import { AggregatesView } from "./aggregates.js";
@@ -10,7 +10,7 @@ import { ServiceView } from "./service.js";
 
 const TABS = ["live", "quality", "aggregates", "service"];
 
-/** Says what went wrong, until something works again; null takes it back. */
+/** Shows an error until the next success; null hides it. */
 function report(error) {
   const notice = byId("notice");
   notice.hidden = error === null;
@@ -35,9 +35,9 @@ const refreshTotals = coalesced(async () => {
   byId("problem-count").textContent = count(totals.problems);
 }, report, 1000);
 
-/** A switch that was forgotten explains much: the tab tells how many there are. */
-function showSwitches(told) {
-  const switches = told.answers.length + (told.enabled ? 0 : 1);
+/** Shows the number of active switches on the tab, because a forgotten switch is easily taken for a fault. */
+function showSwitches(service) {
+  const switches = service.answers.length + (service.enabled ? 0 : 1);
   const badge = byId("switch-count");
   badge.hidden = switches === 0;
   badge.textContent = `${switches} on`;

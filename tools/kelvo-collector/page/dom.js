@@ -1,4 +1,4 @@
-// Builds elements. Whatever came from outside goes through here as text or as an attribute's value, never as markup.
+// Builds elements. Received data becomes text or attribute values here, never markup.
 
 const SVG = "http://www.w3.org/2000/svg";
 
@@ -12,12 +12,12 @@ function fill(element, attributes, children) {
   return element;
 }
 
-/** An HTML element; a function among the attributes listens for the event of that name. */
+/** Returns an HTML element. An attribute that is a function becomes a listener for the event of that name. */
 export function h(tag, attributes, ...children) {
   return fill(document.createElement(tag), attributes, children);
 }
 
-/** The same in SVG. */
+/** As `h`, but returns an SVG element. */
 export function s(tag, attributes, ...children) {
   return fill(document.createElementNS(SVG, tag), attributes, children);
 }
@@ -27,8 +27,8 @@ export function byId(id) {
 }
 
 /**
- * Makes `parent` hold one element for each item, in this order. Elements of items that stay are neither rebuilt nor
- * moved without need, so that focus, selection and what is unfolded survive an update.
+ * Updates the children of `parent`: one element per item, in the order of `items`. Elements of known items are not
+ * rebuilt, and moved only if necessary, so that focus, selection and unfolded details survive.
  */
 export function reconcile(parent, items, keyOf, create) {
   const known = new Map([...parent.children].map((child) => [child.itemKey, child]));
@@ -47,7 +47,7 @@ export function reconcile(parent, items, keyOf, create) {
   }
 }
 
-/** Arrow keys, Home and End over a row of buttons of which one takes part in the tab order. */
+/** Lets arrow keys, Home and End move the focus in a row of buttons, of which only one is in the tab order. */
 export function rove(container, selector, choose) {
   container.addEventListener("keydown", (event) => {
     const all = [...container.querySelectorAll(selector)];
@@ -61,7 +61,7 @@ export function rove(container, selector, choose) {
   });
 }
 
-/** A button that unfolds what `build` makes; built at the first time. */
+/** Returns a button that unfolds `body`. The first unfolding fills it with the result of `build`. */
 export function disclosure(attributes, label, build) {
   const body = h("div", { class: "unfolded", hidden: true });
   const button = h("button", { type: "button", "aria-expanded": "false", ...attributes }, label);
@@ -75,7 +75,10 @@ export function disclosure(attributes, label, build) {
   return { button, body, toggle };
 }
 
-/** Runs `work` on demand: never twice at a time, once more when it was asked for meanwhile, with a pause between. */
+/**
+ * Returns a function that runs `work`, never twice at the same time. Calls during a run cause one further run. `pause`
+ * is the time between two runs in milliseconds.
+ */
 export function coalesced(work, onError, pause = 150) {
   let running = false;
   let again = false;

@@ -1,13 +1,13 @@
-// Editors of the service's documents. What is being edited is never overwritten by what is told from elsewhere.
+// The editors of the service's documents. A change from elsewhere never overwrites text that the user is editing.
 
 import { h } from "./dom.js";
 import { stringify } from "./format.js";
 
 let editors = 0;
 
-/** The frame that both kinds share: fields, messages, and the buttons that take or drop what was typed. */
+/** The common part of both editors: fields, messages, and the buttons that apply or revert the edit. */
 class Editor {
-  #stored = null; // what the service has, as text
+  #stored = null; // the service's document, as text
 
   constructor(title, note, fields, send) {
     this.fields = fields;
@@ -31,7 +31,7 @@ class Editor {
     const elsewhere = this.#stored !== null && stored !== this.#stored;
     this.#stored = stored;
     if (!edited || this.text() === stored) this.#revert();
-    else if (elsewhere) this.state.textContent = "Changed elsewhere meanwhile; Apply would replace that.";
+    else if (elsewhere) this.state.textContent = "Changed elsewhere meanwhile; Apply replaces that change.";
     this.#buttons();
   }
 
@@ -41,21 +41,21 @@ class Editor {
     this.revert.disabled = same;
   }
 
-  #tell(messages) {
+  #showMessages(messages) {
     this.messages.replaceChildren(...messages.map((message) => h("li", {}, message)));
     for (const field of this.fields) field.setAttribute("aria-invalid", String(messages.length > 0));
   }
 
   #typed() {
     this.state.textContent = "";
-    this.#tell(this.faults());
+    this.#showMessages(this.faults());
     this.#buttons();
   }
 
   #revert() {
     this.write(this.#stored);
     this.state.textContent = "";
-    this.#tell([]);
+    this.#showMessages([]);
     this.#buttons();
   }
 
@@ -64,16 +64,16 @@ class Editor {
     try {
       await this.send(text);
       this.#stored = text;
-      this.#tell([]);
+      this.#showMessages([]);
       this.#buttons();
-      this.state.textContent = "Taken; the next launch sees it.";
+      this.state.textContent = "Applied. It takes effect at the next launch.";
     } catch (error) {
-      this.#tell(error.errors?.length > 0 ? error.errors : [error.message]);
+      this.#showMessages(error.errors?.length > 0 ? error.errors : [error.message]);
     }
   }
 }
 
-/** A document as JSON text; `shape` is "object" or "list". */
+/** Edits a document as JSON text. `shape` is "object" or "list". */
 export class TextEditor extends Editor {
   constructor(title, note, shape, pick, send) {
     const field = h("textarea", {
@@ -117,12 +117,12 @@ const LISTS = {
   stop: "Ignored",
 };
 
-/** The lists that classify host events by name, a name a line. */
+/** Edits the lists that classify host events by name, one name per line of text. */
 export class ListsEditor extends Editor {
   constructor(send) {
     const fields = Object.entries(LISTS).map(([list, label]) =>
       h("textarea", { rows: 7, spellcheck: "false", autocomplete: "off", "aria-label": label, "data-list": list }));
-    super("Classification lists", "Names of host events, one a line.", fields, send);
+    super("Classification lists", "Names of host events, one per line.", fields, send);
   }
 
   form() {
@@ -145,12 +145,13 @@ export class ListsEditor extends Editor {
   }
 
   faults() {
-    const homes = new Map();
+    const listsByName = new Map();
     const faults = [];
     for (const [list, names] of Object.entries(JSON.parse(this.text()))) {
       for (const name of names) {
-        if (homes.has(name)) faults.push(`“${name}” stands twice: ${LISTS[homes.get(name)]}, ${LISTS[list]}.`);
-        homes.set(name, list);
+        const other = listsByName.get(name);
+        if (other) faults.push(`“${name}” is there twice: ${LISTS[other]}, ${LISTS[list]}.`);
+        listsByName.set(name, list);
       }
     }
     return faults;

@@ -1,5 +1,5 @@
-// The events of a session as a paged list, newest first, filtered by kind, name and text; each unfolds to its
-// attributes and to the JSON as it was received.
+// The events of a session as a paged list, newest first, filtered by kind, name and text. Each unfolds to its
+// attributes and the JSON as received.
 
 import { get } from "./api.js";
 import { byId, coalesced, disclosure, h, reconcile } from "./dom.js";
@@ -8,17 +8,18 @@ import { icon, labelOf } from "./kinds.js";
 
 const PAGE = 100;
 const TYPING_PAUSE = 200;
-// An aggregate's row tells the counts so far, so it changes; everything else stays as it came.
+// An aggregate's row shows its counts so far, so it changes. All other events stay as received.
 const keyOf = (event) => (event.kind === "aggregate" ? `${event.id} ${stringify(event.attributes)}` : event.id);
-const FIRST = { after: null, before: 0 }; // the page behind event `after`, with `before` events on the pages before it
+// The position of a page: below event `after`, with `before` events on the earlier pages (null: unknown).
+const FIRST = { after: null, before: 0 };
 
-/** What an event is called; an observation's own name is only a number, its message says more. */
+/** Returns the title of an event. An observation's name is only a number, so its message is used. */
 function titleOf(event) {
   const message = event.kind === "observation" ? event.attributes?.error_message : null;
   return typeof message === "string" && message !== "" ? message : event.name;
 }
 
-/** Of an aggregate, each attribute lists its values with how often they came: "5 × 3, 4 × 1". */
+/** Returns the attributes of an event. For an aggregate, each lists its values with their counts: "5 × 3, 4 × 1". */
 function attributesOf(event) {
   const attributes = event.attributes ?? {};
   if (event.kind !== "aggregate") return attributes;
@@ -29,11 +30,11 @@ function attributesOf(event) {
 export class EventList {
   #session = null;
   #filter = { kind: "", name: null, text: "" };
-  #pages = [FIRST]; // where each page up to this one begins
-  #newest = 0; // the greatest id shown so far; what is above is new
-  #wanted = null; // an event to unfold once it is there
-  #turns = 0; // an answer that comes after another page was asked for is of no use
-  #anew = false; // the next answer replaces what is shown
+  #pages = [FIRST]; // the positions of the pages up to this one
+  #newest = 0; // the greatest id shown so far; events above it are new
+  #wanted = null; // the event to unfold once it is loaded
+  #turns = 0; // counts page changes; an answer to an earlier page is dropped
+  #replace = false; // the next answer replaces the whole list
 
   constructor(onError) {
     this.list = byId("events");
@@ -85,7 +86,7 @@ export class EventList {
 
   #restart() {
     this.#turns += 1;
-    this.#anew = true;
+    this.#replace = true;
     this.refresh();
   }
 
@@ -98,21 +99,21 @@ export class EventList {
 
   async #load() {
     if (!this.#session) return;
-    const [turn, anew, session, begin] = [this.#turns, this.#anew, this.#session, this.#pages.at(-1)];
+    const [turn, replace, session, begin] = [this.#turns, this.#replace, this.#session, this.#pages.at(-1)];
     const { after } = begin;
-    this.#anew = false;
+    this.#replace = false;
     const { kind, name, text } = this.#filter;
     const page = await get("/debug/events", { session, kind, name, text, after, limit: PAGE, order: "desc" });
     if (turn !== this.#turns) return;
-    if (!anew && this.#holdsBack(page)) return;
+    if (!replace && this.#holdsBack(page)) return;
 
-    // A chunk lists its events by kind; read down, they run back in time.
+    // A chunk lists its events by kind. Sort them from the newest to the oldest.
     page.events.sort((a, b) => b.chunk - a.chunk || b.time - a.time || b.id - a.id);
     const { length } = page.events;
     const before = begin.before === null ? null : begin.before + length;
     this.next = page.next === null ? null : { after: page.next, before };
-    const known = anew ? Infinity : this.#newest;
-    if (anew) this.list.replaceChildren();
+    const known = replace ? Infinity : this.#newest;
+    if (replace) this.list.replaceChildren();
     reconcile(this.list, page.events, keyOf, (event) => this.#row(event, event.id > known));
     for (const event of page.events) this.#newest = Math.max(this.#newest, event.id);
     this.newer.hidden = true;
@@ -120,11 +121,14 @@ export class EventList {
     if (this.#wanted !== null) this.#unfoldWanted();
   }
 
-  /** What is being read is not taken away: then only a button tells that there is more. */
+  /**
+   * Returns true if the new page would remove events that the user reads: unfolded ones, or a later page. Then a button
+   * offers the new events instead.
+   */
   #holdsBack(page) {
-    const there = new Set(page.events.map(keyOf));
+    const onPage = new Set(page.events.map(keyOf));
     const open = [...this.list.querySelectorAll('[aria-expanded="true"]')].map((b) => b.closest("li").itemKey);
-    const holds = this.#pages.length > 1 || open.some((id) => !there.has(id));
+    const holds = this.#pages.length > 1 || open.some((id) => !onPage.has(id));
     if (holds) this.newer.hidden = false;
     return holds;
   }
@@ -133,9 +137,9 @@ export class EventList {
     const { length } = page.events;
     let text = length === 0 ? "No events" : `${count(before + 1)}–${count(before + length)}`;
     if (length > 0 && typeof page.total === "number") text += ` of ${count(page.total)}`;
-    // A search ends after so many events, found or not, and goes on where it ended.
-    if (length === 0 && page.next) text = "None so far; Older searches on";
-    if (length > 0 && before === null) text = "From the event asked for";
+    // The collector examines a limited number of events per page, so a page may be empty without being the last.
+    if (length === 0 && page.next) text = "None found yet; Older continues the search";
+    if (length > 0 && before === null) text = "From the requested event";
     this.range.textContent = text;
     byId("newer-page").disabled = this.#pages.length === 1;
     byId("older-page").disabled = !page.next;
@@ -184,7 +188,7 @@ export class EventList {
   }
 }
 
-/** The text as it was received, with a switch for line breaks. */
+/** Returns the JSON as received, with a button that indents it. */
 function jsonView(answer) {
   const code = h("code", {}, coloured(answer.json));
   const wrap = h("button", { type: "button", class: "chip", "aria-pressed": "false" }, "Indented");

@@ -14,7 +14,7 @@ export function plural(number, one, many = `${one}s`) {
   return `${count(number)} ${number === 1 ? one : many}`;
 }
 
-/** "12.5 s", "3 min 05 s", "1 h 02 min". */
+/** Formats a duration in seconds: "12.5 s", "3 min 05 s", "1 h 02 min". */
 export function duration(value) {
   if (typeof value !== "number") return "–";
   if (Math.abs(value) < 60) return `${seconds[Math.abs(value) < 10 ? 1 : 0].format(value)} s`;
@@ -23,7 +23,7 @@ export function duration(value) {
   return `${count(Math.floor(whole / 3600))} h ${pad(Math.floor((whole % 3600) / 60))} min`;
 }
 
-/** Time since the launch: "0:05", "12:30", "1:02:03"; tenths only where they say something. */
+/** Formats the seconds since the launch: "0:05", "12:30", "1:02:03"; adds tenths if they are not 0. */
 export function sinceLaunch(value) {
   if (typeof value !== "number") return "–";
   const sign = value < 0 ? "−" : "";
@@ -35,7 +35,7 @@ export function sinceLaunch(value) {
   return `${sign}${head}:${pad(whole % 60)}${tenths % 10 ? `.${tenths % 10}` : ""}`;
 }
 
-/** Clock time, with the date unless it is today's. */
+/** Formats milliseconds since 1970 as a local time, with the date unless it is today. */
 export function clock(milliseconds) {
   if (!milliseconds) return "–";
   const date = new Date(Number(milliseconds));
@@ -44,14 +44,14 @@ export function clock(milliseconds) {
   return `${date.getFullYear()}-${pad(date.getMonth() + 1)}-${pad(date.getDate())} ${time}`;
 }
 
-/** JSON text of a value; big integers, which the page keeps as they are, included. */
+/** Returns the JSON of a value, with every digit of a BigInt if the browser can write it. */
 export function stringify(value, indent) {
   const exact = (key, member) =>
     typeof member === "bigint" ? (JSON.rawJSON?.(member.toString()) ?? Number(member)) : member;
   return JSON.stringify(value, exact, indent) ?? "null";
 }
 
-/** A value for a narrow place: a text as it is, everything else as JSON. */
+/** Returns a value as short text: a text unchanged, everything else as JSON. */
 export function shown(value) {
   return typeof value === "string" ? value : stringify(value);
 }
@@ -62,7 +62,7 @@ export function typeOf(value) {
   return { string: "text", bigint: "number", boolean: "bool" }[typeof value] ?? typeof value;
 }
 
-/** "item=book price=12.5", cut at `limit` letters. */
+/** Returns the attributes as "item=book  price=12.5", cut after `limit` letters. */
 export function preview(attributes, limit = 160) {
   let text = "";
   for (const [name, value] of Object.entries(attributes ?? {})) {
@@ -74,7 +74,7 @@ export function preview(attributes, limit = 160) {
 
 const token = /"(?:[^"\\]|\\.)*"(\s*:)?|-?\d[\d.eE+-]*|true|false|null|[{}[\],]|\s+|./gs;
 
-/** The tokens of a JSON text, untouched: [text, class]. */
+/** Yields the tokens of a JSON text unchanged, each as [text, class]. */
 function* tokens(text) {
   for (const [piece, colon] of text.matchAll(token)) {
     if (piece[0] === '"') yield [piece, colon === undefined ? "json-text" : "json-key"];
@@ -84,22 +84,22 @@ function* tokens(text) {
   }
 }
 
-/** The same JSON with line breaks and indents; numbers and texts stay letter for letter as they are. */
+/** Returns the JSON with line breaks and indentation. Numbers and texts stay unchanged. */
 export function indented(text) {
   let result = "";
   let depth = 0;
-  const line = () => `\n${"  ".repeat(depth)}`;
+  const newLine = () => `\n${"  ".repeat(depth)}`;
   const pieces = [...tokens(text)].map(([piece]) => piece).filter((piece) => piece.trim() !== "");
   pieces.forEach((piece, at) => {
     const empty = /^[{[]$/.test(piece) && /^[}\]]$/.test(pieces[at + 1]);
     if (/^[{[]$/.test(piece)) {
       depth += 1;
-      result += empty ? piece : piece + line();
+      result += empty ? piece : piece + newLine();
     } else if (/^[}\]]$/.test(piece)) {
       depth -= 1;
-      result += /^[{[]$/.test(pieces[at - 1]) ? piece : line() + piece;
+      result += /^[{[]$/.test(pieces[at - 1]) ? piece : newLine() + piece;
     } else if (piece === ",") {
-      result += piece + line();
+      result += piece + newLine();
     } else {
       result += piece.endsWith(":") ? `${piece} ` : piece;
     }
@@ -107,7 +107,7 @@ export function indented(text) {
   return result;
 }
 
-/** The JSON text in colours, letter for letter. */
+/** Returns the JSON text unchanged, as coloured elements. */
 export function coloured(text) {
   return [...tokens(text)].map(([piece, kind]) => (kind ? h("span", { class: kind }, piece) : piece));
 }

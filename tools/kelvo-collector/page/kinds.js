@@ -1,4 +1,4 @@
-// How the kinds of events are told apart: by shape as well as by colour.
+// The marks of the kinds of events. Kinds differ in shape as well as in colour.
 
 import { s } from "./dom.js";
 
@@ -19,7 +19,7 @@ const KINDS = {
 const OTHER = { path: (r) => `M0 ${-r * 1.2}L${r * 1.1} ${r}H${-r * 1.1}z` };
 const ORDER = Object.keys(KINDS);
 
-/** The name for the style sheet; a kind from outside never becomes a class name. */
+/** Returns the class name for the style sheet. An unknown, received kind never becomes a class name. */
 function classOf(kind) {
   return ORDER.includes(kind) ? `kind-${kind}` : "kind-other";
 }
@@ -33,7 +33,7 @@ export function sortedKinds(kinds) {
   return [...kinds].sort((a, b) => rank(a) - rank(b) || (a < b ? -1 : 1));
 }
 
-/** The mark of `kind` around a point. */
+/** Returns the mark of `kind`, centred on a point. */
 export function glyph(kind, x, y, radius, attributes) {
   const form = ORDER.includes(kind) ? KINDS[kind] : OTHER;
   const place = `translate(${x.toFixed(1)} ${y})${form.turn ? ` rotate(${form.turn})` : ""}`;
@@ -46,7 +46,7 @@ export function glyph(kind, x, y, radius, attributes) {
   });
 }
 
-/** The mark as a small picture in a line of text. */
+/** Returns the mark of `kind` as a small icon for use in text. */
 export function icon(kind) {
   const frame = { class: "icon", viewBox: "-7 -7 14 14", width: 12, height: 12 };
   return s("svg", { ...frame, "aria-hidden": "true" }, glyph(kind, 0, 0, 5));

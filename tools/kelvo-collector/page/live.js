@@ -1,4 +1,4 @@
-// The live view: the chosen session's facts, its timeline, and its events, kept up to date by the stream.
+// The live view: the chosen session's properties, timeline and events. The stream keeps it current.
 
 import { get } from "./api.js";
 import { byId, coalesced, h, reconcile } from "./dom.js";
@@ -10,11 +10,11 @@ import { Timeline } from "./timeline.js";
 
 export class LiveView {
   #id = null;
-  #anew = true; // the next timeline is another session's
+  #sessionChanged = true; // since the last timeline
   #kind = "";
 
   constructor(onError) {
-    this.sessions = new SessionList((row, byHand) => this.#chosen(row, byHand));
+    this.sessions = new SessionList((row, byUser) => this.#chosen(row, byUser));
     this.events = new EventList(onError);
     this.timeline = new Timeline(byId("plot"), byId("readout"), (kind, name) => {
       this.#filterKind(kind);
@@ -48,7 +48,7 @@ export class LiveView {
     }
   }
 
-  /** The session of a problem, or of the page's address; with an event, that one unfolded. */
+  /** Chooses a session and unfolds `event`, if given. Rejects if the session is unknown. */
   async open(id, event = null) {
     this.follow.checked = false;
     if (!this.sessions.rows().some((row) => row.id === id)) {
@@ -65,7 +65,7 @@ export class LiveView {
   async #reload() {
     const id = this.#id;
     await this.sessions.load();
-    // One chosen by hand may lie far down, beyond the first page.
+    // A session that the user chose may not be on the first page.
     if (id && !this.sessions.chosen) {
       try {
         await this.sessions.put((await get("/debug/session", { id })).session);
@@ -90,13 +90,13 @@ export class LiveView {
     byId("chosen").hidden = !newest;
   }
 
-  #chosen(row, byHand) {
-    if (byHand) {
+  #chosen(row, byUser) {
+    if (byUser) {
       this.follow.checked = false;
       history.replaceState(null, "", `#live/${encodeURIComponent(row.id)}`);
     }
     this.#id = row.id;
-    this.#anew = true;
+    this.#sessionChanged = true;
     byId("chosen").hidden = false;
     byId("session-head").replaceChildren(...headOf(row));
     this.events.show(row.id);
@@ -107,11 +107,11 @@ export class LiveView {
 
   async #loadHead() {
     const id = this.#id;
-    const told = await get("/debug/session", { id });
+    const details = await get("/debug/session", { id });
     if (id !== this.#id) return;
     const head = byId("session-head");
     const open = head.querySelector("details")?.open;
-    head.replaceChildren(...headOf(told.session, told));
+    head.replaceChildren(...headOf(details.session, details));
     if (open) head.querySelector("details").open = true;
   }
 
@@ -119,9 +119,9 @@ export class LiveView {
     const id = this.#id;
     const [data, all] = await Promise.all([get("/debug/timeline", { session: id }), get("/debug/counts")]);
     if (id !== this.#id) return;
-    this.timeline.show(data, this.#anew);
-    this.#anew = false;
-    // Not every kind has marks; how often it came is only known where all marks are there.
+    this.timeline.show(data, this.#sessionChanged);
+    this.#sessionChanged = false;
+    // Some kinds have no marks. The number of events is known only if the timeline shows all of them.
     const totals = new Map(Object.keys(all.byKind).map((kind) => [kind, null]));
     if (!data.sampled) {
       for (const point of data.points) totals.set(point.kind, (totals.get(point.kind) ?? 0) + point.count);
@@ -145,7 +145,7 @@ export class LiveView {
     }
   }
 
-  /** One choice for the plot and the list. */
+  /** Applies to the plot and the list. */
   #filterKind(kind) {
     this.#kind = kind;
     for (const button of byId("kinds").children) {
@@ -156,7 +156,7 @@ export class LiveView {
   }
 }
 
-function headOf(row, told = null) {
+function headOf(row, details = null) {
   const fact = (name, value) => h("div", {}, h("dt", {}, name), h("dd", {}, value || "–"));
   return [
     h("div", { class: "title" },
@@ -170,18 +170,19 @@ function headOf(row, told = null) {
       fact("Events", count(row.events)),
       fact("Last received", clock(row.last_received)),
       fact("Session", h("code", {}, row.id))),
-    told ? recordsOf(told) : null,
+    details ? recordsOf(details) : null,
   ].filter(Boolean);
 }
 
-/** What came beside the events: the records as they were last received. */
-function recordsOf(told) {
-  const parts = { Session: told.record, User: told.user, Device: told.device, Application: told.app, SDK: told.sdk };
+/** Returns the session's records as they were last received. */
+function recordsOf(details) {
+  const { record, user, device, app, sdk } = details;
+  const parts = { Session: record, User: user, Device: device, Application: app, SDK: sdk };
   return h("details", {},
     h("summary", {}, "Session, user, device, application and SDK records"),
-    h("div", { class: "records" }, Object.entries(parts).map(([name, record]) =>
+    h("div", { class: "records" }, Object.entries(parts).map(([name, members]) =>
       h("div", {}, h("h4", {}, name),
-        h("dl", { class: "attributes" }, Object.entries(record ?? {}).map(([key, value]) => [
+        h("dl", { class: "attributes" }, Object.entries(members ?? {}).map(([key, value]) => [
           h("dt", {}, key), h("dd", {}, h("span", { class: "value" }, shown(value))),
         ]))))));
 }

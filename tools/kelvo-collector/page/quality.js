@@ -1,4 +1,4 @@
-// What is wrong in what arrived: each finding with the value that says so and a way to the event.
+// The problems of the received data, each with the offending value and a link to the event.
 
 import { get } from "./api.js";
 import { byId, coalesced, h, reconcile } from "./dom.js";
@@ -22,37 +22,37 @@ export class QualityView {
   #kind = "";
   #pages = 1;
 
-  /** `onOpen(session, event)` when someone wants to see where a problem comes from. */
+  /** Calls `onOpen(session, event)` when the user wants to see the source of a problem. */
   constructor(sessions, onOpen, onError) {
     this.sessions = sessions;
     this.onOpen = onOpen;
     this.select = byId("quality-session");
     this.more = byId("more-problems");
     this.refresh = coalesced(() => this.#load(), onError, 400);
-    this.select.addEventListener("change", () => this.#again());
+    this.select.addEventListener("change", () => this.#restart());
     this.more.addEventListener("click", () => {
       this.#pages += 1;
       this.refresh();
     });
   }
 
-  #again() {
+  #restart() {
     this.#pages = 1;
     this.refresh();
   }
 
   async #load() {
     fillSessionSelect(this.select, this.sessions.rows());
-    const asked = { session: this.select.value, kind: this.#kind, limit: PAGE };
+    const filter = { session: this.select.value, kind: this.#kind, limit: PAGE };
     const problems = [];
     let page = null;
     for (let i = 0; i < this.#pages && (page === null || page.next); i += 1) {
-      page = await get("/debug/problems", { ...asked, after: page?.next });
+      page = await get("/debug/problems", { ...filter, after: page?.next });
       problems.push(...page.problems);
     }
     this.#legend(page.counts);
     const list = byId("problems");
-    list.dataset.empty = this.#kind || asked.session ? "No such problem." : "Nothing wrong in what arrived.";
+    list.dataset.empty = this.#kind || filter.session ? "No such problem." : "No problems in the received data.";
     reconcile(list, problems, (problem) => problem.id, (problem) => this.#row(problem));
     this.more.hidden = !page.next;
   }
@@ -63,7 +63,7 @@ export class QualityView {
       type: "button", class: "chip", "aria-pressed": String(kind === this.#kind),
       click: () => {
         this.#kind = kind;
-        this.#again();
+        this.#restart();
       },
     }, label, h("span", { class: "number" }, count(number)));
     byId("problem-kinds").replaceChildren(

@@ -7,11 +7,11 @@ import { plural, stringify } from "./format.js";
 
 const PATHS = {
   "/chunks": "uploads of events",
-  "/enabled-status": "the switch asked for at launch",
+  "/enabled-status": "the on/off switch, read at launch",
   "/config/": "the configuration",
   "/v2/api/user": "user attributes",
   "/client-events": "the classification lists",
-  "/validate": "what is asked before lists and actions are fetched",
+  "/validate": "the checks for new lists and actions",
   "/rta": "real-time actions",
   "/surveys": "survey actions",
 };
@@ -33,14 +33,14 @@ const MODES = { answer: "Answer", hang: "Hang", drop: "Drop the connection" };
 function describe(answer) {
   const late = answer.delay_ms > 0 ? ` after ${answer.delay_ms} ms` : "";
   const modes = { hang: "hangs", drop: `drops the connection${late}` };
-  const what = modes[answer.mode] ?? `answers ${answer.status ?? "as usual"}${late}`;
-  return `${what}${answer.times === null ? ", until switched off" : `, ${plural(answer.times, "more time")}`}`;
+  const effect = modes[answer.mode] ?? `answers ${answer.status ?? "as usual"}${late}`;
+  return `${effect}${answer.times === null ? ", until switched off" : `, ${plural(answer.times, "more time")}`}`;
 }
 
 export class ServiceView {
-  #told = null;
+  #shownAnswers = null; // as JSON
 
-  /** `onChange(service)` with each state as it is told. */
+  /** Calls `onChange(service)` with each state of the service that it loads. */
   constructor(onChange, onError) {
     this.onChange = onChange;
     this.onError = onError;
@@ -58,7 +58,7 @@ export class ServiceView {
     const reset = () => this.#act(() => remove("/debug/answer"));
     this.allNormal = h("button", { type: "button", id: "all-normal", click: reset }, "All normal again");
     this.configuration = new TextEditor(
-      "Configuration", "What an application fetches when its hash has changed; in effect from the launch after.",
+      "Configuration", "An application fetches it when its hash has changed, and uses it from the launch after that.",
       "object", (service) => service.config, (text) => put("/debug/config", {}, text));
     this.lists = new ListsEditor((text) => put("/debug/client-events", {}, text));
     this.actions = ["rta", "survey"].map((type) => new TextEditor(
@@ -134,15 +134,15 @@ export class ServiceView {
     const service = await get("/debug/service");
     this.enabled.setAttribute("aria-checked", String(service.enabled));
     this.hash.textContent = service.config_hash;
-    const state = stringify(service.answers);
-    if (this.#told !== state) {
-      this.#told = state;
+    const answers = stringify(service.answers);
+    if (this.#shownAnswers !== answers) {
+      this.#shownAnswers = answers;
       this.presets.forEach((button, i) =>
         button.setAttribute("aria-pressed", String(service.answers.some((answer) => sameAs(PRESETS[i], answer)))));
       this.active.replaceChildren(...service.answers.map((answer) => h("li", {},
         h("code", {}, answer.path), h("span", {}, describe(answer)),
         h("button", { type: "button", click: () => this.#act(() => put("/debug/answer", { path: answer.path })),
-          "aria-label": `Switch off what ${answer.path} does` }, "Switch off"))));
+          "aria-label": `Switch off the answer for ${answer.path}` }, "Switch off"))));
     }
     this.allNormal.hidden = service.answers.length === 0;
     for (const editor of this.editors) editor.show(service);

@@ -1,22 +1,22 @@
-// The list of sessions, newest first, with a mark for what arrived since a session was last looked at.
+// The list of sessions, newest first. A badge counts the events that arrived since a session was last shown.
 
 import { get } from "./api.js";
 import { byId, h, reconcile } from "./dom.js";
 import { clock, count, duration, plural } from "./format.js";
 
 const PAGE = 50;
-const MOST = 500;
+const MOST = 500; // sessions in the list before it is reloaded
 
-/** One listbox; the focus stays on the list, which names the chosen option. */
+/** A listbox. The focus stays on the list, whose aria-activedescendant is the chosen option. */
 export class SessionList {
-  #rows = new Map(); // id -> the row as last told
-  #seen = new Map(); // id -> how many events were there when it was last shown
+  #rows = new Map(); // id -> the row as last received
+  #seen = new Map(); // id -> number of events when the session was last shown
   #optionIds = new Map();
   #next = null;
   #chosen = null;
-  #told = null; // what is put while the list is on its way, and so newer than it
+  #putMeanwhile = null; // rows received while the list loads, and so newer than it
 
-  /** `onChoose(row, byHand)` when another session is chosen. */
+  /** Calls `onChoose(row, byUser)` when the chosen session changes. */
   constructor(onChoose) {
     this.onChoose = onChoose;
     this.list = byId("sessions");
@@ -33,24 +33,24 @@ export class SessionList {
     return this.#rows.size;
   }
 
-  /** Newest first. */
+  /** Returns the rows, newest first. */
   rows() {
     return [...this.#rows.values()].sort((a, b) => b.last_received - a.last_received || (a.id < b.id ? 1 : -1));
   }
 
   async load() {
     const first = this.#rows.size === 0;
-    const told = (this.#told = new Map());
+    const meanwhile = (this.#putMeanwhile = new Map());
     const page = await get("/debug/sessions", { limit: PAGE });
-    if (told !== this.#told) return; // overtaken by another, or forgotten
-    this.#told = null;
+    if (meanwhile !== this.#putMeanwhile) return; // another load or a reset came first
+    this.#putMeanwhile = null;
     this.#rows.clear();
     for (const row of page.sessions) {
       this.#rows.set(row.id, row);
-      // What was there before the page opened is not new.
+      // Events that arrived before the page opened are not new.
       if (first && !this.#seen.has(row.id)) this.#seen.set(row.id, row.events);
     }
-    for (const [id, row] of told) this.#rows.set(id, row);
+    for (const [id, row] of meanwhile) this.#rows.set(id, row);
     this.#next = page.next;
     this.#draw();
   }
@@ -65,10 +65,10 @@ export class SessionList {
     this.#draw();
   }
 
-  /** A row that is new or has changed. */
+  /** Adds or replaces a row. */
   async put(row) {
     this.#rows.set(row.id, row);
-    this.#told?.set(row.id, row);
+    this.#putMeanwhile?.set(row.id, row);
     if (this.#rows.size > MOST) await this.load();
     else this.#draw();
   }
@@ -79,18 +79,18 @@ export class SessionList {
     this.#optionIds.clear();
     this.#chosen = null;
     this.#next = null;
-    this.#told = null;
+    this.#putMeanwhile = null;
     this.#draw();
   }
 
-  choose(id, byHand = false) {
+  choose(id, byUser = false) {
     const row = this.#rows.get(id);
     if (!row) return;
     const same = id === this.#chosen;
     this.#chosen = id;
     this.#draw();
-    if (byHand) this.list.querySelector('[aria-selected="true"]')?.scrollIntoView({ block: "nearest" });
-    if (!same) this.onChoose(row, byHand);
+    if (byUser) this.list.querySelector('[aria-selected="true"]')?.scrollIntoView({ block: "nearest" });
+    if (!same) this.onChoose(row, byUser);
   }
 
   #key(event) {
@@ -143,12 +143,12 @@ export class SessionList {
   }
 }
 
-/** Without a bundle an application has no version, but still the brackets of its build. */
+/** Returns the version, null if the application has no bundle; its version is then "()". */
 export function versionOf(row) {
   return row.app_version && row.app_version !== "()" ? h("span", { class: "version" }, row.app_version) : null;
 }
 
-/** First launch, fatal end and problems, as badges. */
+/** Returns badges for a first launch, a fatal end and problems. */
 export function flagsOf(row) {
   return [
     row.is_first_session ? h("span", { class: "badge" }, "first") : null,
@@ -157,7 +157,7 @@ export function flagsOf(row) {
   ];
 }
 
-/** Fills a select with the sessions; what was chosen stays chosen. */
+/** Fills a select with the sessions and keeps its choice. */
 export function fillSessionSelect(select, rows) {
   const value = select.value;
   select.replaceChildren(

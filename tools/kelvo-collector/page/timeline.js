@@ -1,32 +1,35 @@
-// One session as a plot over the seconds since its launch: chunk boundaries, foreground, screens, and a lane of marks
-// for each kind of event. Sizes are SVG attributes, so a strict policy for styles has nothing to object to.
+// Plots one session over the seconds since its launch: chunk boundaries, foreground, screens, and a lane of marks for
+// each kind of event. Sizes are SVG attributes, because the content security policy forbids inline styles.
 
 import { s } from "./dom.js";
 import { count, duration, sinceLaunch } from "./format.js";
 import { glyph, labelOf, sortedKinds } from "./kinds.js";
 
+// Heights in pixels.
 const AXIS = 22;
 const CHUNKS = 18;
 const ACTIVE = 14;
 const SCREENS = 26;
-const LANE = 22; // of a lane whose marks all have room beside each other
-const LEVEL = 9; // more for each further row of marks
-const MOST_LEVELS = 6;
+const LANE = 22; // of a lane with one level of marks
+const LEVEL = 9; // of each further level
 const GAP = 5;
+
+const MOST_LEVELS = 6;
 const TINTS = 6;
-const LETTER = 6.4; // width of a letter of a band's name, roughly
+const LETTER = 6.4; // approximate width of a letter in pixels
+// Distances between two ticks of the axis, in seconds.
 const STEPS = [0.1, 0.2, 0.5, 1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 14400, 43200, 86400];
-const ROOM_FOR_LINES = 24; // more chunk boundaries than one in so many pixels stay in their lane
-const REACH = 14; // how far from a mark the pointer still means it
+const BOUNDARY_ROOM = 24; // pixels per chunk boundary; with less, the boundaries stay in their lane
+const REACH = 14; // greatest distance in pixels between the pointer and the mark that it selects
 
 export class Timeline {
   #data = null;
   #kind = "";
-  #range = null; // [from, to] when zoomed
-  #marks = []; // what pointer and arrow keys find: {left, right, y, text, pick}
+  #range = null; // [from, to] in seconds if zoomed
+  #marks = []; // the targets of pointer and arrow keys: {left, right, y, text, pick}
   #cursor = -1;
 
-  /** `onPick(kind, name)` when a mark is chosen. */
+  /** Calls `onPick(kind, name)` when the user chooses a mark. */
   constructor(host, readout, onPick) {
     this.host = host;
     this.readout = readout;
@@ -38,10 +41,10 @@ export class Timeline {
     host.addEventListener("pointerdown", (event) => this.#drag(event));
   }
 
-  /** Another session begins unzoomed; the same one keeps what is looked at. */
-  show(data, anew) {
+  /** Plots `data`. Keeps the zoom unless the session changed. */
+  show(data, sessionChanged) {
     this.#data = data;
-    if (anew) this.#range = null;
+    if (sessionChanged) this.#range = null;
     this.#draw();
   }
 
@@ -114,8 +117,8 @@ export class Timeline {
     return timed.filter(({ time }) => time >= from && time <= to);
   }
 
-  /** Where a stretch of time lies as far as it is visible; null when it is not. */
-  #stretch(start, end) {
+  /** Returns the visible part of a period as [left, right] in pixels, null if none of it is visible. */
+  #extent(start, end) {
     const { left, right, x } = this.frame;
     if (x(end) < left || x(start) > right) return null;
     const from = Math.max(x(start), left);
@@ -129,12 +132,12 @@ export class Timeline {
     return tops[lane];
   }
 
-  /** Where the marks of each kind go: those that would cover each other stack up, as far as a lane may grow. */
+  /** Places the marks of each kind in a lane. Marks that would overlap go to further levels, up to a maximum. */
   #lanes(kinds) {
     const { x } = this.frame;
     let top = this.#top("points");
     return kinds.map((kind) => {
-      const ends = []; // how far each level is taken
+      const ends = []; // the right end of the last mark on each level
       const placed = this.#visible(this.#data.points).filter((point) => point.kind === kind)
         .sort((a, b) => a.time - b.time).map((point) => {
           const radius = Math.min(8, 3.6 + Math.log2(Math.max(1, point.count)) / 2);
@@ -184,12 +187,12 @@ export class Timeline {
     const parts = [bar([left, right], { class: "background" })];
     for (const period of this.#data.active) {
       const end = period.end ?? this.#whole()[1];
-      const stretch = this.#stretch(period.start, end);
-      if (!stretch) continue;
-      parts.push(bar(stretch, { class: "foreground", "data-start": period.start, "data-end": end }));
+      const extent = this.#extent(period.start, end);
+      if (!extent) continue;
+      parts.push(bar(extent, { class: "foreground", "data-start": period.start, "data-end": end }));
       const still = period.end === null ? ", and still" : "";
       this.#marks.push({
-        left: stretch[0], right: stretch[1], y: y + ACTIVE / 2, band: ACTIVE / 2,
+        left: extent[0], right: extent[1], y: y + ACTIVE / 2, band: ACTIVE / 2,
         text: `In the foreground from ${sinceLaunch(period.start)} to ${sinceLaunch(end)}${still}`,
       });
     }
@@ -201,9 +204,9 @@ export class Timeline {
     const tints = new Map();
     return this.#data.screens.map((screen) => {
       if (!tints.has(screen.name)) tints.set(screen.name, tints.size % TINTS);
-      const stretch = this.#stretch(screen.start, screen.start + screen.duration);
-      if (!stretch) return null;
-      const [start, end] = stretch;
+      const extent = this.#extent(screen.start, screen.start + screen.duration);
+      if (!extent) return null;
+      const [start, end] = extent;
       const letters = Math.floor((end - start - 12) / LETTER);
       const cut = letters > 2 ? `${screen.name.slice(0, letters - 1)}…` : "";
       const name = screen.name.length <= letters ? screen.name : cut;
@@ -237,7 +240,7 @@ export class Timeline {
     const { left, right, x, height } = this.frame;
     const top = this.#top("chunks");
     const chunks = this.#visible(this.#data.chunks).sort((a, b) => a.time - b.time);
-    const dense = chunks.length > (right - left) / ROOM_FOR_LINES;
+    const dense = chunks.length > (right - left) / BOUNDARY_ROOM;
     const [begin, end] = dense ? [top + CHUNKS - 4, top + CHUNKS + 2] : [top, height];
     let free = left;
     return chunks.map((chunk) => {
@@ -263,7 +266,7 @@ export class Timeline {
       this.crosshair.setAttribute("d", `M${mark.left.toFixed(1)} ${AXIS - 4}V${this.frame.height}`);
     }
     const resting = this.#data?.sampled
-      ? "There is more than a plot can hold: this is a sample from everywhere in the session."
+      ? "Too many marks for a plot: this is a sample of the whole session."
       : "Drag across the plot to zoom; arrow keys step through it.";
     this.readout.textContent = mark?.text ?? resting;
   }
@@ -291,7 +294,7 @@ export class Timeline {
     if (mark?.pick) this.onPick(...mark.pick);
   }
 
-  /** A drag zooms to the stretch that it covers, a click picks what lies there. */
+  /** Zooms to the dragged period; a click picks the mark below the pointer. */
   #drag(down) {
     if (!this.svg || down.button !== 0) return;
     const { left, right, from, to } = this.frame;

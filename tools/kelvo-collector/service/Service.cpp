@@ -4,7 +4,6 @@
 #include <utility>
 #include <vector>
 
-#include "kelvo-collector/debug/Debug.h"
 #include "kelvo-collector/service/ChunkValidation.h"
 #include "kelvo-collector/service/Parameters.h"
 #include "kelvo-collector/service/ServiceState.h"
@@ -103,7 +102,7 @@ std::vector<std::string> servicePaths() {
   return paths;
 }
 
-Reply reply(const Question& question, const ServiceState& state, const Store& store) {
+std::optional<Reply> reply(const Question& question, const ServiceState& state, const Store& store) {
   Context context{question, state, store, {}};
   for (const Route& route : kRoutes) {
     if (!matches(route.path, question.path, context.application)) continue;
@@ -113,7 +112,7 @@ Reply reply(const Question& question, const ServiceState& state, const Store& st
     refused.allow = route.method;
     return refused;
   }
-  return unknownPath();
+  return std::nullopt;
 }
 
 }  // namespace kelvo::collector

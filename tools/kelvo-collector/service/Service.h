@@ -40,13 +40,14 @@ struct Context {
   [[nodiscard]] std::string parameter(const char* name) const;
 };
 
-/// The service's answer, whatever is asked. Nothing is stored here.
-[[nodiscard]] Reply reply(const Question& question, const ServiceState& state, const Store& store);
+/// Returns the service's answer, nullopt if the service has no such path. Stores nothing; the caller stores
+/// `Reply::accepted`. Thread-safe.
+[[nodiscard]] std::optional<Reply> reply(const Question& question, const ServiceState& state, const Store& store);
 
 [[nodiscard]] Reply refusal(int status, std::string reason);
 [[nodiscard]] Reply success(Dictionary body);
 
-/// "GET /path" of every path of the service, for the list that an unknown path is answered with.
+/// Returns "METHOD /path" for each path of the service. The answer to an unknown path lists them.
 [[nodiscard]] std::vector<std::string> servicePaths();
 
 }  // namespace kelvo::collector
