@@ -7,8 +7,8 @@ if(PROJECT_IS_TOP_LEVEL)
 else()
   target_compile_options(kelvo_flags INTERFACE -Wno-error)
 endif()
-# GCC 12 warns falsely: of an uninitialised index wherever a std::optional of a std::variant is moved, and of
-# overlapping memory where a literal and a std::string are added.
+# GCC 12 gives false warnings: about an uninitialised index when a std::optional of a std::variant is moved, and about
+# overlapping memory when a literal and a std::string are concatenated.
 target_compile_options(kelvo_flags INTERFACE "$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict>")
 if(KELVO_SANITIZE)
   target_compile_options(kelvo_flags INTERFACE -fsanitize=${KELVO_SANITIZE} -fno-omit-frame-pointer
@@ -16,21 +16,22 @@ if(KELVO_SANITIZE)
   target_link_options(kelvo_flags INTERFACE -fsanitize=${KELVO_SANITIZE})
 endif()
 
-# kelvo_component(<folder> LINKS ...): the sources of one folder of src/. LINKS names the folders and packages that it
-# may include from. The archives serve tests and tools; the library itself is made of their objects.
+# kelvo_component(<folder> LINKS ...): builds the current folder of src/ as the static library kelvo_<folder>. LINKS
+# lists the folders and packages that it may use. Tests and tools link these static libraries; the shared and the static
+# Kelvo library consist of their objects.
 function(kelvo_component name)
   cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS *.cpp)
   add_library(kelvo_${name} STATIC ${sources})
   target_include_directories(kelvo_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
   target_link_libraries(kelvo_${name} PUBLIC ${ARG_LINKS} PRIVATE kelvo_flags)
-  # A guest is small: a release is built for size, and in sections of which the linker keeps those that are used.
+  # A release is built for size. Each function gets a section, so that the linker can drop unused ones.
   target_compile_options(kelvo_${name} PRIVATE
                          "$<$<CONFIG:Release,MinSizeRel>:-Os;-ffunction-sections;-fdata-sections>")
 endfunction()
 
-# kelvo_hot(<file> ...): what runs on the caller's thread in every call. A release builds it for speed, without the
-# inlining that makes it several times the size: a third off a call, for about 12 kB.
+# kelvo_hot(<file> ...): marks sources whose code runs on the caller's thread in every call. A release builds them for
+# speed, with little inlining. This makes a call a third faster and the library about 12 kB larger.
 function(kelvo_hot)
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS
                               "$<$<CONFIG:Release>:-O2;$<$<CXX_COMPILER_ID:GNU>:-finline-limit=40>>")

@@ -5,7 +5,7 @@ find_package(Boost 1.81 REQUIRED)
 find_package(fmt REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
-# Optional: the adapter to Qt.
+# Qt is optional: without it, the adapter to Qt is not built.
 if(KELVO_QT)
   find_package(Qt6 QUIET COMPONENTS Widgets)
 endif()

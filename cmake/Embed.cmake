@@ -1,5 +1,5 @@
-# cmake -DFROM=<directory> -DTO=<source> -P Embed.cmake: writes a C++ source with the content of each file in FROM, for
-# kelvo-collector/http/Page.h.
+# cmake -DFROM=<directory> -DTO=<source> -P Embed.cmake: writes a C++ source with each file in FROM as an array.
+# kelvo-collector/http/Page.h declares the arrays.
 file(GLOB files RELATIVE ${FROM} ${FROM}/*)
 list(SORT files)
 set(contents "")
@@ -8,7 +8,7 @@ set(count 0)
 foreach(file IN LISTS files)
   file(READ ${FROM}/${file} hex HEX)
   string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
-  # Ends with a 0, so that an empty file is an array too.
+  # The 0 at the end is needed for empty files, because C++ has no empty arrays.
   string(APPEND contents "constexpr unsigned char kFile${count}[] = {${bytes}0};\n")
   string(APPEND table "    {\"${file}\", {reinterpret_cast<const char*>(kFile${count}), sizeof kFile${count} - 1}},\n")
   math(EXPR count "${count} + 1")

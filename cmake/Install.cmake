@@ -1,4 +1,5 @@
-# What `cmake --install` and `cpack -G DEB` deliver: the libraries, the headers, the tools, and how to find them.
+# Rules for `cmake --install` and `cpack -G DEB`: libraries, headers, tools, documents, and files for find_package and
+# pkg-config.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -20,7 +21,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/KelvoConfigVersion.cmake 
 install(FILES ${PROJECT_BINARY_DIR}/KelvoConfig.cmake ${PROJECT_BINARY_DIR}/KelvoConfigVersion.cmake
               cmake/KelvoBundle.cmake DESTINATION ${package_dir})
 
-# They find the prefix from where they lie.
+# The .pc files compute the prefix from their own location, so an installed tree can be moved.
 file(RELATIVE_PATH to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 foreach(pc kelvo kelvo-static)
   configure_file(cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
@@ -31,7 +32,7 @@ if(KELVO_TOOLS)
   install(TARGETS kelvo-log kelvo-collector kelvo-inspect)
 endif()
 install(FILES README.md TYPE DOC)
-install(DIRECTORY docs TYPE DOC)  # below it, so that the links between them hold
+install(DIRECTORY docs TYPE DOC)  # as a subdirectory, so that the links in README.md work
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kelvo)
@@ -43,7 +44,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-# What the static library is linked with.
+# The packages that a program with the static library links.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libsqlite3-dev, libcurl4-openssl-dev, libplist-dev, libfmt-dev, pkg-config")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "qt6-base-dev")
 include(CPack)

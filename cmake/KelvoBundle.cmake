@@ -2,10 +2,16 @@
 #                  [BUNDLE_ID <id>] [NAME <name>] [VERSION <version>] [BUILD <build>]
 #                  [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
 #
-# Writes `<executable>.bundle/Info.plist` beside the executable `target`; with it the library starts when the program
-# is loaded. BUNDLE_ID names the directory of the data (the executable's name without it), NAME, VERSION and BUILD are
-# what the service shows (the target's name; nothing), PLUGINS are the plug-ins to load, SERVER_BASE_URL is the service
-# endpoint and CA_FILE a private authority in PEM form, by its full path on the machine that runs the program.
+# Writes `<executable>.bundle/Info.plist` next to the executable `target`. With this bundle, the library starts when the
+# program is loaded.
+#
+#   APP_ID           the application's id at the service
+#   BUNDLE_ID        names the home; default: the executable's name
+#   NAME             the application's name as the service shows it; default: the target's name
+#   VERSION, BUILD   the application's version as the service shows it; default: none
+#   PLUGINS          classes of the plug-ins to load
+#   SERVER_BASE_URL  the service
+#   CA_FILE          absolute path, on the machine that runs the program, of a private authority in PEM form
 function(kelvo_add_bundle target)
   cmake_parse_arguments(ARG "" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
   if(NOT TARGET ${target})

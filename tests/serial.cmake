@@ -1,7 +1,8 @@
-# The exit hook waits half a second for the store, which a sanitizer build on a machine full of other tests may need
-# for itself: this one runs alone.
+# These tests run alone, because other tests at the same time could make them exceed a time limit.
+#
+# The exit hook waits half a second at most until all events are stored.
 set_tests_properties(road.Road.ANormalExitRightAfterAThousandCallsStoresThemAll PROPERTIES RUN_SERIAL TRUE)
-# An exit has a second, by the clock on the wall.
+# An exit must end within about a second.
 foreach(way main thread sink post atOnce duringTheStart upload)
   set_tests_properties(manners.Ways/Exit.EndsTheProcessInAboutASecondWithTheHostsStatusAndTheFarewell/${way}
                        PROPERTIES RUN_SERIAL TRUE)

@@ -203,7 +203,9 @@ TEST_F(CollectorServer, ADocumentIsValidatedBeforeItTakesEffect) {
   } cases[] = {
       {"enabled", R"({"enabled": false})"},
       {"enabled", R"({"enabled": 1})", R"(the body is not {"enabled": true} or {"enabled": false})"},
-      {"config", config(R"({"chunk_paths": "/c"}, "own": [1])")},
+      {"config", config(R"({"chunk_paths": "/c"}, "log_level": "warn", "own": [1])")},
+      {"config", config(R"({}, "log_level": 7)"), R"(log_level is not "debug", "warn" or "error")"},
+      {"config", config(R"({}, "log_level": "Debug")"), R"(log_level is not "debug", "warn" or "error")"},
       {"config", R"({"enable": "yes", "service_paths": {}})", "enable is not true or false"},
       {"config", config(R"({"chunk_paths": "c"})"), "service_paths.chunk_paths is not a path that begins with a slash"},
       {"config", config(R"({}, "max_fg_chunk_send_time": -1)"), "max_fg_chunk_send_time is not a number from 0"},

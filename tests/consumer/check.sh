@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# check.sh WAY BUILD: a consumer gets the library in one WAY (install, shared, static, checkout, pkg-config, deb), starts
-# from its bundle and has its event delivered. `install` puts BUILD's library where the next three look for it.
+# check.sh WAY BUILD: tests one WAY to get the library.
+#   install                               installs the library of BUILD, for the ways that need it
+#   shared, static, checkout, pkg-config  builds a consumer, which must start from its bundle and deliver its event
+#   deb                                   installs the Debian package, checks its files and removes it
 set -euo pipefail
 way=$1 build=$2
 here=$(cd "$(dirname "$0")" && pwd)
 prefix=$build/consumer/prefix work=$build/consumer/$way
 
-# delivered PROGRAM: runs it, delivers what it stored, and looks for its event at the service.
+# delivered PROGRAM: runs it, delivers its stored events with kelvo-log, and checks that its event arrived.
 delivered() (
   export KELVO_HOME=$work/home
   rm -rf "$KELVO_HOME"

@@ -1,4 +1,4 @@
-"""Reads the collector's requests and fails unless the consumer's event arrived with what its bundle says."""
+"""Reads the collector's requests. Fails unless the consumer's event arrived, with the version and id in its bundle."""
 import json
 import sys
 

@@ -4,7 +4,7 @@
 #include <thread>
 
 int main() {
-  // Started from the bundle, before main.
+  // The bundle has started the library before main. The device id exists once the start has ended.
   for (int i = 0; i < 200 && !kelvo::KelvoSDK::getDeviceID(); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }

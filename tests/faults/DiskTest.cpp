@@ -17,7 +17,7 @@ struct Failing {
   bool forEver;
 };
 
-/// Real launches whose disk fails, one operation after the other.
+/// Launches whose disk fails: in each round, one operation later than in the round before.
 class FailingDisk : public Faults, public testing::WithParamInterface<Failing> {
  protected:
   [[nodiscard]] Machine machine(int number) const {
@@ -34,15 +34,15 @@ class FailingDisk : public Faults, public testing::WithParamInterface<Failing> {
   const std::string report_ = home() + "/failures";
 };
 
-TEST_P(FailingDisk, LosesNothingSilentlyThroughRecordCutUploadAndPurge) {
-  // The next launch has everything to do: a session of an earlier launch to purge, and one to send again.
+TEST_P(FailingDisk, LosesNoEventWithoutALogLine) {
+  // Prepare a home that gives the next launch all kinds of work: a session to purge and a session to resend.
   moveToFreshHome("before");
   EXPECT_EQ(launch().untilReady().log("Delivered").quit(), 0);
   service.answer("/chunks", Script(503));
   EXPECT_EQ(launch().untilReady().log("Waiting").quit(), 3);
   service.answerNormally("/chunks");
   const fs::path before = homeOfLaunches();
-  const int step = kSanitizer.empty() ? 1 : 5;  // launches are slow under a sanitizer
+  const int step = kSanitizer.empty() ? 1 : 5;  // a sanitizer makes launches slow
   for (int number = 1;; number += step) {
     SCOPED_TRACE("from operation " + std::to_string(number));
     ASSERT_LT(number, 1000) << "no launch was clean";
@@ -58,16 +58,15 @@ TEST_P(FailingDisk, LosesNothingSilentlyThroughRecordCutUploadAndPurge) {
     const int failed = failures();
     expectTheNextLaunchGoesOn();
 
-    constexpr std::size_t kAlways = 1;  // the program has no bundle to start by
+    constexpr std::size_t kAlways = 1;  // kelvo-log has no bundle, which logs one ERROR line
     const bool silent = count(faulty.errors(), "<KLV ERROR>") == kAlways;
     for (const char* name : {"A", "B", "C"}) {
       EXPECT_LE(arrived(name), 1) << name << " is in two chunks";
-      EXPECT_TRUE(!silent || arrived(name) == 1) << name << " was lost without a line";
+      EXPECT_TRUE(!silent || arrived(name) == 1) << name << " was lost without a log line";
     }
     EXPECT_EQ(arrived("Waiting"), 1) << faulty.errors();
     const auto left = storedEvents();
-    EXPECT_EQ(arrived("Delivered") + std::count(left.begin(), left.end(), "Delivered"), 0)
-        << "sent again, or not purged";
+    EXPECT_EQ(arrived("Delivered") + std::count(left.begin(), left.end(), "Delivered"), 0) << "resent, or not purged";
     EXPECT_TRUE(failed > 0 || number > 1) << "nothing was made to fail";
     if (HasFailure() || failed == 0) break;
   }

@@ -8,14 +8,14 @@
 
 namespace kelvo::test {
 
-/// Launches on machines that are broken, and on one that works.
+/// Tests that launch a host under faulty conditions, and then under normal ones.
 class Faults : public Hosts {
  protected:
   Launch launch(const Machine& machine = {}, const std::string& waitSeconds = "5") {
     return Road::launch({"--app-id", "shop", "--wait", waitSeconds}, machine.environment, machine.wrapper);
   }
 
-  /// A launch on the machine that works: it delivers what it logs, and finds the store whole.
+  /// Launches under normal conditions, and expects that the launch delivers its event and the database is intact.
   void expectTheNextLaunchGoesOn() {
     const auto earlier = arrived("After");
     auto next = launch();
@@ -25,7 +25,7 @@ class Faults : public Hosts {
     EXPECT_EQ(stored("pragma integrity_check"), Texts{"ok"});
   }
 
-  /// The events of that name that arrived in different chunks.
+  /// Returns the events called `name` that arrived. Skips repetitions of a chunk.
   [[nodiscard]] std::vector<Value> arrivedEvents(const std::string& name) const {
     std::vector<Value> found;
     std::set<std::string> chunks;

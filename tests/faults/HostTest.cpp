@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 
 class Bursts : public Faults {
  protected:
-  /// How often each call arrived, by its thread and number.
+  /// Returns how often each call arrived; a call is a pair of thread and number.
   [[nodiscard]] std::map<std::pair<std::int64_t, std::int64_t>, int> arrivedCalls() const {
     std::map<std::pair<std::int64_t, std::int64_t>, int> calls;
     for (const Value& event : arrivedEvents("burst")) {
@@ -26,7 +26,7 @@ class Bursts : public Faults {
     return calls;
   }
 
-  /// Waits until all 10,000 calls have arrived; each once, or twice where that is the rule.
+  /// Waits until all 10,000 calls have arrived. Fails if one arrived more than `mostTimes`.
   void expectAllCalls(int mostTimes) {
     EXPECT_TRUE(eventually([this] { return arrivedCalls().size() == 10'000; }));
     for (const auto& [call, times] : arrivedCalls()) ASSERT_LE(times, mostTimes) << call.first << " " << call.second;
@@ -37,7 +37,7 @@ TEST_F(Bursts, DuringTheStartAreAllDelivered) {
   service.answer("/enabled-status", Script::late(50ms));
   auto process = host();
   play(process, {"burst 1250 0", "start", "join", kStarted, "background"});
-  expectAllCalls(2);  // what waits for storage is buffered by two paths
+  expectAllCalls(2);  // Kept: an event that waits for storage is buffered by two paths
   end(process);
 }
 
@@ -48,7 +48,7 @@ TEST_F(Bursts, AcrossTheBackgroundAreAllDeliveredOnce) {
   play(process, {"join", "background"});
   expectAllCalls(1);
   end(process);
-  EXPECT_EQ(count(process.errors(), "<KLV ERROR>"), 1U) << "that there is no bundle" << process.errors();
+  EXPECT_EQ(count(process.errors(), "<KLV ERROR>"), 1U) << "the missing bundle logs one" << process.errors();
 }
 
 TEST_F(Bursts, DuringTheTerminationAreDropped) {
@@ -64,13 +64,13 @@ TEST_F(Bursts, DuringTheTerminationAreDropped) {
   EXPECT_FALSE(std::filesystem::exists(documents("kelvo-db")));
 }
 
-TEST_F(Bursts, ThatGoOnDuringTheExitEndWithItAndLeaveNoGap) {
+TEST_F(Bursts, ThatContinueDuringTheExitDoNotDelayItAndLeaveNoGap) {
   auto process = host();
   play(process, {"start", kStarted, "burst 100000000 0"});
-  std::this_thread::sleep_for(500ms);  // so that the exit comes in the middle
-  const auto ends = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(500ms);  // so that the exit comes during the calls
+  const auto exitBegins = std::chrono::steady_clock::now();
   end(process);
-  EXPECT_LT(std::chrono::steady_clock::now() - ends, 10s);
+  EXPECT_LT(std::chrono::steady_clock::now() - exitBegins, 10s);
   expectTheNextLaunchGoesOn();
   const auto calls = arrivedCalls();
   EXPECT_FALSE(calls.empty());
@@ -79,7 +79,7 @@ TEST_F(Bursts, ThatGoOnDuringTheExitEndWithItAndLeaveNoGap) {
   }
 }
 
-// --- Ends before the start is over
+// --- Exits during the start-up
 
 TEST_F(Faults, EventsOfLaunchesThatEndBeforeTheServiceAnswersAreStoredAtTheNextOne) {
   service.answer("/enabled-status", Script::never());
@@ -100,24 +100,24 @@ TEST_F(Faults, EventsOfLaunchesThatEndBeforeTheServiceAnswersAreStoredAtTheNextO
   service.answerNormally("/enabled-status");
   for (int launches = 0; launches < 2; ++launches) {
     expectTheNextLaunchGoesOn();
-    EXPECT_EQ(arrived("First"), 2) << "as what waits for storage is buffered by two paths";
-    EXPECT_EQ(arrived("Second"), 1) << "and by one at an exit";
+    EXPECT_EQ(arrived("First"), 2) << "an event that waits for storage is buffered by two paths";
+    EXPECT_EQ(arrived("Second"), 1) << "the exit saves it once";
     EXPECT_FALSE(std::filesystem::exists(rescued));
   }
 }
 
 // --- The clock
 
-TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
-  if (kSanitizer == "address") GTEST_SKIP() << "it asks the clock by itself, whatever is preloaded";
+TEST_F(Faults, SettingTheClockBackOrForwardLosesNoEventAndStopsNoTimer) {
+  if (kSanitizer == "address") GTEST_SKIP() << "this sanitizer bypasses the preloaded clock";
   const std::string file = home() + "/clock";
   const Machine machine{{}, {{"LD_PRELOAD", KELVO_TEST_CLOCK_LIBRARY}, {"KELVO_TEST_CLOCK", file}}};
-  constexpr std::int64_t kYear = 365 * 24 * 3600;
+  constexpr std::int64_t kYear = 365 * 24 * 3600;  // seconds
   long launches = 0;
   for (const std::int64_t shift : {-kYear, kYear, std::int64_t{-2}}) {
     SCOPED_TRACE(shift);
     writeFileForTest(file, std::string(sizeof shift, '\0'));
-    service.state().setConfigurationValue("max_fg_chunk_send_time", 0.2);  // counts from the second launch on
+    service.state().setConfigurationValue("max_fg_chunk_send_time", 0.2);  // takes effect at the second launch
     auto faulty = launch(machine);
     faulty.untilReady().log("Before").call("getDeviceID");
     EXPECT_TRUE(eventually([&] { return !faulty.output().empty(); }));
@@ -125,7 +125,7 @@ TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
         .write(reinterpret_cast<const char*>(&shift), sizeof shift);
     faulty.call("didBecomeActive").log("During");
     const auto sent = service.chunks().size();
-    EXPECT_TRUE(launches == 0 || service.waitForChunks(sent + 1)) << "the timer stands still";
+    EXPECT_TRUE(launches == 0 || service.waitForChunks(sent + 1)) << "the timer does not fire";
     EXPECT_EQ(faulty.quit(), 0) << faulty.errors();
     ++launches;
     EXPECT_EQ(arrived("Before"), launches);
@@ -140,7 +140,7 @@ TEST_F(Faults, AClockThatIsSetBackOrForwardLosesNothingAndHoldsNothingUp) {
 
 // --- Standard error
 
-TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
+TEST_F(Faults, NoLogLineReachesAnotherFileIfStandardErrorIsClosed) {
   setLogLevel("debug");
   std::size_t launches = 0;
   for (const char* closed : {"2>&-", "1>&- 2>&-", ""}) {
@@ -148,7 +148,7 @@ TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
     auto process = host({{"/bin/bash", "-c", std::string("exec \"$0\" \"$@\" ") + closed}});
     process.writeLine("start");
     ASSERT_TRUE(service.waitFor(++launches, "/v2/api/user"));
-    // At last a file of the host gets its number, later on.
+    // In the last case, a file of the host gets the descriptor of standard error after the start.
     if (*closed == '\0') play(process, {kStarted, "reuse " + home() + "/of-the-host"});
     play(process, Texts(10, "During"));
     process.writeLine("background");
@@ -166,18 +166,18 @@ TEST_F(Faults, AClosedStandardErrorSendsNoLineIntoAnotherFile) {
 }
 
 TEST_F(Faults, AStandardErrorThatNobodyReadsHoldsNobodyUp) {
-  // The process holds the reading end itself.
+  // The process itself keeps the pipe's reading end open, and never reads.
   auto process = host({{"/bin/bash", "-c", "mkfifo $0; exec 3<>$0; exec \"$@\" 2>$0", home() + "/pipe"}});
   play(process, {"start", "/v2/api/user"});
   const std::string word(40, 'x');
-  constexpr long kLines = 6000;  // more than may wait
+  constexpr long kLines = 6000;  // more than the log's queue holds
   play(process, Texts(kLines, word));
   play(process, {"During", "background"});
   EXPECT_TRUE(eventually([&] { return arrived("During") > 0; }));
   EXPECT_EQ(arrived(word), kLines);
-  const auto ends = std::chrono::steady_clock::now();
+  const auto exitBegins = std::chrono::steady_clock::now();
   end(process);
-  EXPECT_LT(std::chrono::steady_clock::now() - ends, 5s);
+  EXPECT_LT(std::chrono::steady_clock::now() - exitBegins, 5s);
 }
 
 }  // namespace

@@ -22,6 +22,9 @@ namespace fs = std::filesystem;
 
 const std::string kDatabase = "kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
 
+constexpr uid_t kNobody = 65534;
+constexpr uid_t kUserWithoutEntry = 54321;  // not in the password file
+
 bool isRoot() {
   return geteuid() == 0;
 }
@@ -30,17 +33,18 @@ bool isRoot() {
 
 struct Breakage {
   const char* name;
-  std::function<Machine()> strike;  ///< breaks the home, after a launch that was well
-  const char* line;
-  bool isKept;  ///< what was logged meanwhile
+  std::function<Machine()> strike;  ///< breaks the home after a good launch; returns the conditions of the next one
+  const char* line;                 ///< a log line of the launch with the broken home
+  bool isKept;                      ///< the event of that launch arrives
   int exitStatus = 0;
 };
 
-/// Everybody may read the home, and nobody write to it; root, for whom this does not count, runs as somebody else.
+/// Makes the home read-only for everybody, or writable again. Permissions do not stop root, so root gives the files to
+/// another user, and the test runs the host as that user.
 void setWritable(bool writable) {
   const auto set = [writable](const fs::path& path) {
     const bool isDirectory = fs::is_directory(path);
-    const uid_t owner = writable ? 0 : 65534;
+    const uid_t owner = writable ? 0 : kNobody;
     EXPECT_TRUE(!isRoot() || chown(path.c_str(), owner, owner) == 0);
     fs::permissions(path, fs::perms(isDirectory ? (writable ? 0700 : 0500) : (writable ? 0600 : 0400)));
   };
@@ -48,7 +52,9 @@ void setWritable(bool writable) {
   for (const auto& entry : fs::recursive_directory_iterator(home())) set(entry.path());
 }
 
-Texts asUser(const std::string& id) {
+/// Returns the wrapper that runs a program as user `user`.
+Texts asUser(uid_t user) {
+  const std::string id = std::to_string(user);
   return {"/usr/bin/setpriv", "--reuid=" + id, "--regid=" + id, "--clear-groups"};
 }
 
@@ -63,7 +69,7 @@ const Breakage kBreakages[] = {
     {"readOnlyHome",
      [] {
        setWritable(false);
-       return Machine{isRoot() ? asUser("65534") : Texts{}};
+       return Machine{isRoot() ? asUser(kNobody) : Texts{}};
      },
      "cannot be written: Permission denied", false},
     {"homeBelowAFile",
@@ -74,7 +80,7 @@ const Breakage kBreakages[] = {
      "/file/home/Library cannot be made: Not a directory", false, 3},
     {"noHome",
      [] {
-       return Machine{asUser("54321"), {{"KELVO_HOME", ""}, {"HOME", ""}, {"XDG_DATA_HOME", ""}}};
+       return Machine{asUser(kUserWithoutEntry), {{"KELVO_HOME", ""}, {"HOME", ""}, {"XDG_DATA_HOME", ""}}};
      },
      "there is no home directory: nothing can be stored (set KELVO_HOME or HOME)", false, 3},
     {"corruptHead", [] { return overwriteDatabase(0, 100); }, "<KLV ERROR> The database is corrupt (", true},
@@ -86,15 +92,16 @@ class BrokenHome : public Faults, public testing::WithParamInterface<Breakage> {
 
 TEST_P(BrokenHome, CostsWhatCannotBeKeptAndNothingElse) {
   const Breakage& broken = GetParam();
-  if (std::string(broken.name) == "noHome" && !isRoot()) GTEST_SKIP() << "only root can be a user without an entry";
+  if (std::string(broken.name) == "noHome" && !isRoot())
+    GTEST_SKIP() << "only root can become a user without a password entry";
   ASSERT_EQ(launch().untilReady().log("Before").quit(), 0);
-  ASSERT_EQ(stored("pragma journal_mode=delete"), Texts{"delete"}) << "all is in the one file";
+  ASSERT_EQ(stored("pragma journal_mode=delete"), Texts{"delete"}) << "the whole database is in one file";
   const Machine machine = broken.strike();
   auto faulty = launch(machine);
   faulty.untilReady().log("During");
   EXPECT_EQ(faulty.quit(), broken.exitStatus) << faulty.errors();
   EXPECT_GE(count(faulty.errors(), broken.line), 1U) << faulty.errors();
-  setWritable(true);  // if it was not
+  setWritable(true);
   expectTheNextLaunchGoesOn();
   EXPECT_EQ(arrived("Before"), 1);
   EXPECT_EQ(arrived("During"), broken.isKept ? 1 : 0);
@@ -103,7 +110,7 @@ TEST_P(BrokenHome, CostsWhatCannotBeKeptAndNothingElse) {
 INSTANTIATE_TEST_SUITE_P(Breakages, BrokenHome, testing::ValuesIn(kBreakages),
                          [](const auto& test) { return test.param.name; });
 
-/// Another program that has the database open and locked, until this is let go.
+/// Locks the database as another program would, until the returned pointer is reset.
 std::shared_ptr<sqlite3> lockDatabase() {
   sqlite3* database = nullptr;
   EXPECT_EQ(sqlite3_open(documents(kDatabase).c_str(), &database), SQLITE_OK);
@@ -117,18 +124,18 @@ TEST_F(Faults, ALockThatIsHeldForAWhileCostsNothingAndOneThatIsNeverReleasedHold
   auto faulty = launch();
   faulty.log("Waits").log("Waits");
   ASSERT_TRUE(service.waitFor(2, "/enabled-status"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(700));  // how long it is held
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));  // the lock is held that long
   lock.reset();
   EXPECT_EQ(faulty.quit(), 0) << faulty.errors();
   EXPECT_GE(arrived("Waits"), 2);
-  EXPECT_EQ(count(faulty.errors(), "<KLV ERROR>"), 1U) << "that there is no bundle" << faulty.errors();
+  EXPECT_EQ(count(faulty.errors(), "<KLV ERROR>"), 1U) << "the missing bundle logs one" << faulty.errors();
 
   lock = lockDatabase();
   auto stuck = host();
   play(stuck, {"start", kStarted, "During"});
-  const auto ends = std::chrono::steady_clock::now();
+  const auto exitBegins = std::chrono::steady_clock::now();
   end(stuck);
-  EXPECT_LT(std::chrono::steady_clock::now() - ends, std::chrono::seconds(4));
+  EXPECT_LT(std::chrono::steady_clock::now() - exitBegins, std::chrono::seconds(4));
   EXPECT_GE(count(stuck.errors(), "database is locked"), 1U) << stuck.errors();
   lock.reset();
   expectTheNextLaunchGoesOn();
@@ -154,7 +161,7 @@ const std::map<std::string, std::string> kMistyped{
 
 void writeHuge(const std::string& path) {
   writeFileForTest(path, "");
-  fs::resize_file(path, std::uintmax_t{65} << 20);
+  fs::resize_file(path, std::uintmax_t{65} << 20);  // the library reads 64 MiB at most
 }
 
 void writeNestedBeyondReason(const std::string& path) {
@@ -186,14 +193,14 @@ TEST_F(Faults, BadFilesCountAsMissingAndAreReplaced) {
 // --- Full disks
 
 TEST_F(Faults, ALimitOnTheSizeOfFilesIsAFullDiskAtEveryWriteInTurn) {
-  const std::size_t least = kSanitizer == "thread" ? 100 : 0;  // its own set-up writes a few bytes
+  const std::size_t least = kSanitizer == "thread" ? 100 : 0;  // the sanitizer writes a few bytes at its start
   bool kept = false;
   for (std::size_t limit = least; !kept; limit = limit * 3 / 2 + 1) {
     SCOPED_TRACE("files of " + std::to_string(limit) + " bytes");
     ASSERT_LT(limit, 10U << 20);
     moveToFreshHome("limit" + std::to_string(limit));
     const auto earlier = arrived("During");
-    // Its lines go through a pipe, which has no size.
+    // The host's log lines go through a pipe, because the limit would apply to a file.
     auto faulty = host({{"/bin/bash", "-o", "pipefail", "-c", "prlimit --fsize=$0 \"$@\" 2>&1 | cat",
                          std::to_string(limit) + ":" + std::to_string(limit)}});
     faulty.writeLine("start");
@@ -208,7 +215,7 @@ TEST_F(Faults, ALimitOnTheSizeOfFilesIsAFullDiskAtEveryWriteInTurn) {
   }
 }
 
-/// A disk of 4 MiB in place of the home, which only this test and its children see.
+/// Tests whose home is on a disk of 4 MiB. Only the test and its child processes see this disk.
 class SmallDisk : public Faults {
  protected:
   void SetUp() override {
@@ -223,7 +230,7 @@ class SmallDisk : public Faults {
   [[nodiscard]] fs::path filler() const { return homeOfLaunches() + "/filler"; }
 };
 
-TEST_F(SmallDisk, ThatIsFullAtTheStartKeepsAllThatComesOnceThereIsRoom) {
+TEST_F(SmallDisk, ThatIsFullAtTheStartKeepsAllEventsOnceThereIsRoom) {
   for (const std::size_t room : {0U, 4096U, 8192U, 16384U, 36864U, 65536U, 131072U}) {
     SCOPED_TRACE(std::to_string(room) + " bytes are free");
     for (const auto& entry : fs::directory_iterator(homeOfLaunches())) fs::remove_all(entry.path());

@@ -3,13 +3,13 @@
 namespace kelvo::test {
 namespace {
 
-// --- Services that cannot be reached, or must not be
+// --- Services that cannot or must not be reached
 
 struct Endpoint {
   const char* name;
   const char* url;
-  const char* line;
-  // Of a certificate; none when a URL is given.
+  const char* line;  ///< a log line of the launch
+  // A test server's certificate; without names, the launch uses `url`.
   const char* certified = "";
   int days = 2;
   bool trusted = true;
@@ -53,7 +53,7 @@ TEST_F(Faults, AServiceThatIsBrokenOnEveryPathNeverReachesTheHostAndTheNextLaunc
     const char* name;
     Script onEveryPath;
     int exitStatus;
-    bool accepted;  // a status of 200 counts, whatever the body
+    bool accepted;  // the library takes status 200 as success, whatever the body
   } cases[] = {{"never", Script::never(), 3, false},
                {"status500", 500, 3, false},
                {"reset", Script::cut(), 3, false},

@@ -16,45 +16,46 @@ inline constexpr std::string_view kSanitizer = "address";
 inline constexpr std::string_view kSanitizer;
 #endif
 
-/// Where and how a program runs: what stands before it on the command line, and what is added to its environment.
+/// The conditions under which a program runs.
 struct Machine {
-  Texts wrapper = {};
-  Program::Environment environment = {};
+  Texts wrapper = {};                     ///< command line before the program's, see `Road::run`
+  Program::Environment environment = {};  ///< added to the environment
 };
 
-/// Hosts of the shared library in processes of their own, and the collector in this one.
+/// Tests with a host of the shared library, manners/host/main.cpp, as a child process. The test controls the host by
+/// lines: "start", "background", the name of an event ...
 class Hosts : public Road {
  protected:
-  /// The host that only knows the public headers; see host/main.cpp.
   Program host(const Machine& machine = {}) { return run({KELVO_MANNERS_HOST}, machine.environment, machine.wrapper); }
 
-  /// Has the host play lines. It waits for the end of the start-up at `kStarted`, and where a line begins with "/", for
-  /// a request to that path.
+  /// Sends `lines` to the host. Two kinds of line are not sent: at `kStarted` the test waits for the end of the
+  /// start-up, and at a line that begins with "/" for a request to that path.
   void play(Program& host, const Texts& lines);
   static constexpr const char* kStarted = "initialized!";
 
-  /// Ends the host's input and waits for its end.
+  /// Ends the host's input, blocks until the host ends, and expects exit status 0.
   static void end(Program& host) {
     host.closeInput();
     EXPECT_EQ(host.wait(), 0) << host.errors();
   }
 
-  /// Has `server` listen with a certificate for `names`, good for `days` from now on. The environment of a program that
-  /// speaks to it, and trusts it or does not.
+  /// Starts `server` with a self-signed certificate for `names` that is valid for `days`. Returns the environment of a
+  /// program that uses this server; the program trusts the certificate if `trusted`.
   static Program::Environment serveTLS(collector::Server& server, const std::string& names, int days, bool trusted);
-  /// The bodies of all requests with a chunk.
+  /// Returns the bodies of all requests with a chunk, joined.
   [[nodiscard]] std::string sent() const;
 };
 
+/// Tests that the library is a good guest in its host's process.
 class Manners : public Hosts {
  protected:
-  /// A forked child's leak check does not know the stacks of threads that stayed behind, and one sanitizer waits at
-  /// exit.
+  /// Settings of the sanitizers. In a forked child, the leak check misses the stacks of the parent's other threads and
+  /// reports false leaks. The thread sanitizer's pause at exit would spoil measured times.
   Machine machine{{}, {{"ASAN_OPTIONS", "detect_leaks=0"}, {"TSAN_OPTIONS", "atexit_sleep_ms=0"}}};
   Program host() { return Hosts::host(machine); }
 };
 
-/// The rest of every line of `text` that begins with `start`.
+/// Returns the rest of each line of `text` that begins with `start`.
 Texts linesAfter(const std::string& start, const std::string& text);
 
 }  // namespace kelvo::test

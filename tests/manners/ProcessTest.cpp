@@ -1,4 +1,4 @@
-// What the library does to the process as a whole: its settings, its symbols, its children and its end.
+// The library's effect on its process: settings, symbols, child processes and exit.
 
 #include <chrono>
 #include <filesystem>
@@ -10,12 +10,12 @@
 namespace kelvo::test {
 namespace {
 
-/// The environment in which a process has a locale that writes 1,5.
+/// Returns an environment with a locale whose decimal separator is a comma.
 Program::Environment localeWithComma() {
   const std::string place = home() + "/locales";
   std::filesystem::create_directories(place);
   const std::string command = "localedef -i de_DE -f UTF-8 " + place + "/de_DE.UTF-8";
-  EXPECT_EQ(std::system(command.c_str()), 0) << "its source comes with the package locales";
+  EXPECT_EQ(std::system(command.c_str()), 0) << "the Debian package locales is missing";
   return {{"LOCPATH", place}, {"LC_ALL", "de_DE.UTF-8"}};
 }
 
@@ -34,7 +34,7 @@ TEST_F(Manners, NoSettingOfTheProcessChangesAndThePlugInAndTheHostsOwnSQLiteAndC
   ASSERT_EQ(compared.size(), 1u) << process.output();
   EXPECT_GT(std::stoi(compared[0]), 70);
   EXPECT_EQ(count(contentOf(defaults), real), 1u);
-  EXPECT_EQ(count(contentOf(defaults), "klv_session_count"), 1u) << "the library has written it";
+  EXPECT_EQ(count(contentOf(defaults), "klv_session_count"), 1u) << "the library has written the file";
   EXPECT_EQ(process.output(), "compared " + compared[0] + "\nKelvoiOSSDK finalizer\n");
   EXPECT_EQ(count(sent(), R"("price":12.5,)") + count(sent(), R"("price":12.5})"), count(sent(), R"("price":)"));
 }
@@ -49,12 +49,14 @@ TEST(Symbols, TheSharedLibraryExportsItsPublicNamesAndNothingElse) {
   ASSERT_EQ(names.wait(), 0) << names.errors();
   for (const auto& line : linesAfter("", names.output())) {
     std::string name = line.substr(std::min(line.size(), std::string("0123456789abcdef T ").size()));
-    if (name == "KELVO_1") continue;  // the version itself
+    if (name == "KELVO_1") continue;  // the name of the version
     for (const std::string prefix : {"typeinfo for ", "typeinfo name for ", "vtable for "}) {
       if (name.rfind(prefix, 0) == 0) name.erase(0, prefix.size());
     }
-    ASSERT_EQ(name.rfind("kelvo::", 0), 0u) << line;
-    name = name.substr(7, name.find_first_of(":([@", 7) - 7);
+    const std::string scope = "kelvo::";
+    ASSERT_EQ(name.rfind(scope, 0), 0u) << line;
+    name.erase(0, scope.size());
+    name.resize(std::min(name.size(), name.find_first_of(":([@")));
     classes.insert(name);
     const std::regex declaration("KELVO_EXPORT [^;{]*\\b" + name + "(\\(| [{:]| final)");
     EXPECT_TRUE(std::regex_search(headers, declaration)) << line;
@@ -62,21 +64,21 @@ TEST(Symbols, TheSharedLibraryExportsItsPublicNamesAndNothingElse) {
   for (const char* name : {"KelvoSDK", "Application", "Value"}) EXPECT_EQ(classes.count(name), 1u) << name;
 }
 
-// --- Children
+// --- Child processes
 
 class Fork : public Manners, public testing::WithParamInterface<int> {};
 
 TEST_P(Fork, WithoutExecMakesAChildInWhichCallsDoNothingAndTheParentGoesOn) {
   const auto children = static_cast<std::size_t>(GetParam());
   if (kSanitizer == "address" && children > 1) {
-    GTEST_SKIP() << "in a child, it waits for the locks of threads that are not there";
+    GTEST_SKIP() << "in a child, this sanitizer waits for locks of threads that do not exist there";
   }
   auto parent = host();
   play(parent, {"start", kStarted, "/config"});
   if (kSanitizer == "thread") {
-    parent.writeLine("pause 1000000");  // a busy thread may hold one of the sanitizer's own locks, and hang the child
+    parent.writeLine("pause 1000000");  // a busy thread may hold a lock of the sanitizer, which would hang the child
   } else if (children > 1) {
-    parent.writeLine("burst 1000000 1500");  // so that the child finds every lock in every state
+    parent.writeLine("burst 1000000 1500");  // so that any lock may be held at the time of a fork
   }
   parent.writeLine("fork " + std::to_string(children));
   const auto ended = [&] { return linesAfter("child ended with ", parent.output()); };
@@ -106,11 +108,11 @@ TEST_F(Manners, AProgramThatTheHostStartsInheritsNoDescriptor) {
   EXPECT_EQ(parent.output(), before + before + "KelvoiOSSDK finalizer\n");
 }
 
-// --- The end
+// --- Exit
 
 struct Way {
   const char* name;
-  const char* hanging;  ///< the path that the service never answers
+  const char* hanging;  ///< a path that the service never answers, empty for none
   Texts lines;
 };
 

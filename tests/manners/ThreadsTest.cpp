@@ -1,4 +1,4 @@
-// Threads and signals of the library in its host.
+// The library's threads in its host's process, and signals.
 
 #include <chrono>
 #include <csignal>
@@ -14,11 +14,11 @@ namespace {
 
 struct Thread {
   std::string name;
-  std::uint64_t blocked;  ///< signals
-  long switches;
+  std::uint64_t blocked;  ///< mask of blocked signals
+  long switches;          ///< voluntary context switches so far
 };
 
-/// The library's threads; every other one but that of main is a failure.
+/// Returns the library's threads. Fails for any other thread except the main one.
 std::vector<Thread> threadsOfLibrary(const Program& host) {
   std::vector<Thread> threads;
   const std::string process = std::to_string(host.id());
@@ -26,7 +26,7 @@ std::vector<Thread> threadsOfLibrary(const Program& host) {
     const std::string status = contentOf(entry.path() / "status");
     const auto field = [&](const char* name) { return linesAfter(std::string(name) + ":\t", status).at(0); };
     const bool isOurs = field("Name").rfind("kelvo.", 0) == 0;
-    // The thread sanitizer has a thread of its own, which carries the program's name.
+    // The thread sanitizer has a thread with the program's name.
     EXPECT_TRUE(isOurs || entry.path().filename() == process || kSanitizer == "thread") << field("Name");
     if (!isOurs) continue;
     threads.push_back(
@@ -47,14 +47,14 @@ TEST_F(Manners, FiveThreadsThatLeaveSignalsToTheHostAndSleepWhenIdle) {
   play(idle, {"start", kStarted, "Event", "background"});
   ASSERT_TRUE(service.waitForChunks(1));
   long before = -1;
-  // What follows the answer of the service takes its time.
+  // Wait until the work after the service's answer is done.
   for (long now = 0; now != before; std::this_thread::sleep_for(300ms)) before = std::exchange(now, switchesOf(idle));
   const auto threads = threadsOfLibrary(idle);
   std::set<std::string> names;
   for (const auto& [name, blocked, switches] : threads) {
     names.insert(name);
     for (int number = 1; number <= 64; ++number) {
-      if (number == SIGKILL || number == SIGSTOP || number == 32 || number == 33) continue;  // nobody blocks those
+      if (number == SIGKILL || number == SIGSTOP || number == 32 || number == 33) continue;  // these cannot be blocked
       const std::set<int> faults{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
       EXPECT_EQ((blocked >> (number - 1) & 1) != 0, faults.count(number) == 0) << name << ", signal " << number;
     }
@@ -62,7 +62,7 @@ TEST_F(Manners, FiveThreadsThatLeaveSignalsToTheHostAndSleepWhenIdle) {
   EXPECT_LE(threads.size(), 5u);
   EXPECT_EQ(names.size(), threads.size());
   for (const char* name : {"kelvo.log", "kelvo.net", "kelvo.pool.1", "kelvo.pool.2"}) EXPECT_EQ(names.count(name), 1u);
-  // A sanitizer's own work on the threads would be counted.
+  // A sanitizer adds switches of its own.
   if (!kSanitizer.empty()) return;
   before = switchesOf(idle);
   std::this_thread::sleep_for(3s);

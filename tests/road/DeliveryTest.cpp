@@ -5,15 +5,15 @@
 namespace kelvo::test {
 namespace {
 
-/// The names of the events of a `kind` in a chunk, or what they have under `key`.
-Texts namesIn(const Value& chunk, std::string_view kind, std::string_view key = "name") {
+/// Returns the names of the events in a list of a chunk, or the members called `key`.
+Texts namesIn(const Value& chunk, std::string_view list, std::string_view key = "name") {
   Texts names;
-  const Value events = at(chunk, {"chunk_details", kind});
+  const Value events = at(chunk, {"chunk_details", list});
   for (const Value& event : *events.get<Array>()) names.push_back(description(at(event, {key})));
   return names;
 }
 
-TEST_F(Road, WhatAHostLogsArrivesInOneChunkAndIsPurgedTwoLaunchesLater) {
+TEST_F(Road, AllCallsOfALaunchArriveInOneChunkAndTheNextLaunchPurgesThem) {
   auto first = launch();
   first.call("getDeviceID").untilReady().call("getDeviceID").call("didBecomeActive");
   first.call("didShow", R"("screen": "Shop.Front")").call("logScreenWithName", R"("name": "Photos")");
@@ -45,7 +45,7 @@ TEST_F(Road, WhatAHostLogsArrivesInOneChunkAndIsPurgedTwoLaunchesLater) {
   EXPECT_EQ(at(details, {"session_attributes", "plan"}), Value("gold"));
   EXPECT_EQ(at((*at(details, {"incidents"}).get<Array>())[0], {"incident_specific_details", "tray"}), Value(2));
   EXPECT_EQ(namesIn(chunks[0], "navigation_events"), (Texts{"Front", "Photos"}));
-  EXPECT_EQ(namesIn(chunks[0], "system_events"), (Texts{"FOREGROUND", "BACKGROUND"})) << "which cuts it";
+  EXPECT_EQ(namesIn(chunks[0], "system_events"), (Texts{"FOREGROUND", "BACKGROUND"})) << "BACKGROUND cuts the chunk";
   EXPECT_EQ(at(chunks[0], {"session_info", "is_first_session"}), Value(true));
   EXPECT_GT(at(chunks[0], {"session_info", "duration"}).asDouble(), 0);
   for (const auto& request : service.requests()) EXPECT_EQ(request.status, 200) << request.path;
@@ -57,14 +57,14 @@ TEST_F(Road, WhatAHostLogsArrivesInOneChunkAndIsPurgedTwoLaunchesLater) {
   EXPECT_FALSE(std::filesystem::exists(library(session)));
   EXPECT_EQ(stored("select count(*) from sqlite_master where name = 'events_" + session + "'")[0], "0");
   EXPECT_EQ(stored("select count(*) from chunkmeta where sid = '" + session + "'")[0], "0");
-  EXPECT_EQ(service.chunks().size(), 2u) << "nothing is sent twice";
+  EXPECT_EQ(service.chunks().size(), 2u) << "the second launch sends only its own chunk";
 
   const std::string device = description(at(chunks[0], {"device_info", "id"})) + "\nKelvoiOSSDK finalizer\n";
-  EXPECT_EQ(first.output(), "\n" + device) << "there is none before the start has ended";
+  EXPECT_EQ(first.output(), "\n" + device) << "there is no device id before the start has ended";
   EXPECT_EQ(again.output(), device);
 }
 
-TEST_F(Road, TheScreensAndEventsOfAGameThatDrawsItselfArrive) {
+TEST_F(Road, ScreensAndEventsOfAGameWithItsOwnDrawingArrive) {
   Program game = run({KELVO_GAME_PROGRAM});
   EXPECT_EQ(game.wait(), 0);
   ASSERT_TRUE(service.waitForChunks(1)) << game.errors();
@@ -101,25 +101,25 @@ TEST_F(Road, ARefusedChunkIsSentAgainWithTheSameEventsAtTheNextLaunch) {
     EXPECT_EQ(at(again, {"chunk_details", "app_events"}), at(refused, {"chunk_details", "app_events"}));
     EXPECT_EQ(at(again, {"session_info", "id"}), at(refused, {"session_info", "id"}));
     const Value time = at(again, {"chunk_meta", "reporting_times"});
-    EXPECT_NE(time, at(refused, {"chunk_meta", "reporting_times"})) << "the reporting time is a fresh one";
+    EXPECT_NE(time, at(refused, {"chunk_meta", "reporting_times"})) << "a resent chunk has a new reporting time";
     const std::string id = description(at(refused, {"chunk_meta", "id"}));
     EXPECT_EQ(stored("select reporting_times, status from chunkmeta where id = '" + id + "'"),
               Texts{description(time) + "|1"});
   }
 }
 
-TEST_F(Road, ChunkNumbersRunOnAndRangesAreContiguousAndArriveWholeAndInOrder) {
+TEST_F(Road, ChunksAreNumberedInSequenceCoverContiguousRangesAndArriveInOrder) {
   auto host = launch();
   host.untilReady();
   Texts names;
-  for (const std::size_t upTo : {2U, 4U, 2504U}) {  // the last ones are read in slices
+  for (const std::size_t upTo : {2U, 4U, 2504U}) {  // the last chunk is long enough to be read in slices
     while (names.size() < upTo) host.log(names.emplace_back("E" + std::to_string(names.size())));
     host.call("willResignActive").call("wait", R"("seconds": 0.05)");
   }
   EXPECT_EQ(host.quit(), 0);
   EXPECT_EQ(stored("select min(cid), max(cid) = count(*), max(end - start) >= 2499 from chunkmeta")[0], "1|1|1");
-  const std::string endOfTheOneBefore = "coalesce((select end from chunkmeta where cid = c.cid - 1), 0)";
-  EXPECT_EQ(stored("select cid from chunkmeta c where start != 1 + " + endOfTheOneBefore), Texts());
+  const std::string endOfPreviousChunk = "coalesce((select end from chunkmeta where cid = c.cid - 1), 0)";
+  EXPECT_EQ(stored("select cid from chunkmeta c where start != 1 + " + endOfPreviousChunk), Texts());
   EXPECT_GE(service.chunks().size(), 3u);
   EXPECT_EQ(arrivedEvents(), names);
 }

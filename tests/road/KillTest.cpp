@@ -18,12 +18,12 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
   int number = 0;
   int checked = 0;
   for (int round = 0; round < 30; ++round) {
-    // A home of its own, with one session that was delivered already. (An earlier session in which nothing at all was
-    // stored would stay for ever, and have the flush leave the tails of others alone: that is not asked about here.)
+    // Each round begins with a delivered session in a fresh home. Otherwise a launch that is killed before its first
+    // event leaves an empty session, and then the flush does not cut the remaining events of other sessions.
     moveToFreshHome("round" + std::to_string(round));
-    const auto begun = std::chrono::steady_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(launch().quit(), 0);
-    const auto ofOneLaunch = std::chrono::steady_clock::now() - begun;
+    const auto launchDuration = std::chrono::steady_clock::now() - start;
 
     auto host = launch();
     host.untilReady();
@@ -32,17 +32,17 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
       host.log("E" + std::to_string(++number));
       if (i % 90 == 60) host.call("willResignActive");
     }
-    std::this_thread::sleep_for(ofOneLaunch * std::uniform_real_distribution(0.0, 2.0)(random));
+    std::this_thread::sleep_for(launchDuration * std::uniform_real_distribution(0.0, 2.0)(random));
     host.kill(SIGKILL);
     host.wait();
 
     ASSERT_EQ(stored("pragma integrity_check"), Texts{"ok"}) << "round " << round;
-    const Texts accepted = storedEvents();
-    auto undisturbed = launch();
-    ASSERT_EQ(undisturbed.quit(), 0) << undisturbed.errors();
+    const Texts storedBefore = storedEvents();
+    auto next = launch();
+    ASSERT_EQ(next.quit(), 0) << next.errors();
     std::map<std::string, std::set<std::string>> arrived;
     for (const auto& [name, chunk] : arrivals()) arrived[name].insert(chunk);
-    for (const auto& event : accepted) {
+    for (const auto& event : storedBefore) {
       if (event[0] != 'E') continue;
       ++checked;
       const auto found = arrived.find(event);
@@ -50,7 +50,7 @@ TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneC
       ASSERT_EQ(found->second.size(), 1u) << event << " arrived under several chunk ids; round " << round;
     }
   }
-  EXPECT_GT(checked, 100) << "the kills came too early to say anything";
+  EXPECT_GT(checked, 100) << "the kills came too early: almost nothing was stored";
 }
 
 TEST_F(Road, ANormalExitRightAfterAThousandCallsStoresThemAll) {

@@ -3,19 +3,19 @@
 namespace kelvo::test {
 namespace {
 
-TEST_F(Road, BadLinesAreNamedAndTheRestStillRuns) {
+TEST_F(Road, KelvoLogReportsBadLinesAndPlaysTheOthers) {
   auto host = launch();
   host.untilReady().play("").play("# a comment").play("no JSON").play("[1]").call("nonsense");
   host.play(R"({"name": 7})").call("deviceToken", R"("hex": "0G")").log("Good");
   EXPECT_EQ(host.quit(), 1);
-  for (const char* line : {"line 4: no JSON", "line 5: no JSON object", "line 6: no such call: nonsense",
-                           "line 7: \"name\" is no text", "line 8: \"hex\" is no text of two hexadecimal"}) {
+  for (const char* line : {"line 4: not JSON", "line 5: not a JSON object", "line 6: no such call: nonsense",
+                           "line 7: \"name\" is not a text", "line 8: \"hex\" is not a text with two"}) {
     EXPECT_EQ(count(host.errors(), line), 1u) << line << host.errors();
   }
   EXPECT_EQ(arrivedEvents(), Texts{"Good"});
 }
 
-TEST_F(Road, WrongUsageIsTold) {
+TEST_F(Road, KelvoLogRefusesWrongUsage) {
   for (const auto& wrong : {Texts{"--wait", "soon"}, Texts{"--nonsense"}, Texts{"/no/such/file"}}) {
     EXPECT_EQ(launch(wrong).quit(), 2) << wrong[0];
   }
@@ -25,7 +25,7 @@ TEST_F(Road, WrongUsageIsTold) {
   EXPECT_EQ(launch({"--help"}).quit(), 0);
 }
 
-TEST_F(Road, InvalidArgumentsGiveOneLineEachAndNothingElse) {
+TEST_F(Road, EachInvalidArgumentLogsOneLineAndStoresNothing) {
   setLogLevel("debug");
   auto host = launch({"--app-id", ""});
   host.call("initializeKelvoWithID").call("initializeKelvoWithID", R"("id": "shop")").untilReady();

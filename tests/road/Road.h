@@ -13,41 +13,64 @@
 #include "support/Program.h"
 #include "support/TestHome.h"
 
+// The harness of the whole-process tests: a road test follows events all the way from a host's call to the service.
+//
+// A test is a process with three parts:
+// - The service: `service` is a kelvo-collector that runs in the test process. The test can script its misbehaviour,
+// and
+//   read all requests and chunks that arrived.
+// - The host: `launch()` starts kelvo-log as a child process. kelvo-log links the real library and makes a host call
+// for
+//   each line that it reads. `run()` starts any other host.
+// - The home: a fresh directory of this test, in which all launches find the data of earlier launches. The test can
+// read
+//   its files and its database between launches.
+//
+// A typical test launches a host, makes calls, ends the host, and compares what was stored and what arrived:
+//
+//   auto host = launch();
+//   host.untilReady().log("Purchase").call("willResignActive");
+//   EXPECT_EQ(host.quit(), 0);
+//   EXPECT_EQ(arrivedEvents(), Texts{"Purchase"});
+
 namespace kelvo::test {
 
 using collector::Script;
 using Texts = std::vector<std::string>;
 
-/// One launch of kelvo-log. Lines are played as they are added.
+/// A running kelvo-log. It makes each call as soon as the test adds the line.
 class Launch : public Program {
  public:
   using Program::Program;
 
-  /// Plays one JSON line.
+  /// Adds one line of JSON.
   Launch& play(const std::string& line) {
     writeLine(line);
     return *this;
   }
-  /// Plays a call with its other members.
+  /// Adds a call. `members` are further members of the line's JSON object: `"seconds": 1`.
   Launch& call(const std::string& name, const std::string& members = {}) {
     return play(R"({"call": ")" + name + '"' + (members.empty() ? "" : ", ") + members + "}");
   }
+  /// Logs an application event.
   Launch& log(const std::string& name) { return play(R"({"name": ")" + name + R"("})"); }
+  /// Lets kelvo-log wait until the library has started, before it makes the next call.
   Launch& untilReady() { return call("waitUntilReady", R"("seconds": 20)"); }
-  /// Ends the input and waits: the exit status.
+  /// Ends the input, blocks until kelvo-log ends, and returns its exit status: 0 if everything was delivered, 3 if
+  /// something was not (`kelvo-log --help` lists all).
   int quit() {
     closeInput();
     return wait();
   }
 };
 
-/// A home, and a collector in this process.
+/// A test with a home of its own and a collector in its own process.
 class Road : public testing::Test {
  protected:
   Road() { service.start(); }
 
-  /// A program with this test's home and collector. `wrapper` stands before its command: another program that sets
-  /// limits and runs it.
+  /// Starts `command` with this test's home and service. `wrapper` precedes the command; it is a program that changes
+  /// the conditions, such as the user or a limit, and then runs the command.
   template <class Started = Program>
   Started run(Texts command, Program::Environment environment = {}, const Texts& wrapper = {}) const {
     command.insert(command.begin(), wrapper.begin(), wrapper.end());
@@ -56,28 +79,31 @@ class Road : public testing::Test {
     return {command, environment};
   }
 
-  /// A launch started by hand with the application id "shop".
+  /// Starts kelvo-log, by default with the application id "shop".
   Launch launch(Texts arguments = {"--app-id", "shop"}, const Program::Environment& environment = {},
                 const Texts& wrapper = {}) const {
     arguments.insert(arguments.begin(), KELVO_LOG_PROGRAM);
     return run<Launch>(arguments, environment, wrapper);
   }
 
-  /// From here on there is nothing on the disk: another home.
+  /// Lets later launches use another home, which does not exist yet.
   void moveToFreshHome(const std::string& name) { homeOfLaunches_ = home() + "/" + name; }
   [[nodiscard]] const std::string& homeOfLaunches() const { return homeOfLaunches_; }
 
-  /// Everything that the database answers to `query`, a text a row, columns joined by "|".
+  /// Runs an SQL query on the database of the home. Returns one text for each row, with columns joined by "|"; an error
+  /// is a row, too.
   [[nodiscard]] Texts stored(const std::string& query) const;
-  /// The id column of all stored events of all sessions.
+  /// Returns the names of all stored events of all sessions.
   [[nodiscard]] Texts storedEvents() const;
-  /// The application events of all chunks that arrived, but for "klv_app_opened": the name and the chunk's id.
+  /// Returns name and chunk id of each application event that arrived, in order. Leaves out "klv_app_opened", which the
+  /// library logs itself at each launch.
   [[nodiscard]] std::vector<std::pair<std::string, std::string>> arrivals() const;
-  /// Their names.
+  /// Returns the names in `arrivals`.
   [[nodiscard]] Texts arrivedEvents() const;
-  /// A bundle whose Info.plist holds `kelvo` under that name, and `more`.
+  /// Writes a bundle and returns its path. `kelvo` is the content of the Info.plist's dictionary "Kelvo"; `more` are
+  /// further entries of the Info.plist.
   static std::string bundle(const std::string& kelvo, const std::string& more = {});
-  /// How much the launches that follow log.
+  /// Sets the log level of later launches through a saved configuration.
   static void setLogLevel(const std::string& level);
 
   collector::Server service;
@@ -86,11 +112,12 @@ class Road : public testing::Test {
   std::string homeOfLaunches_ = home();
 };
 
-/// Waits for what nothing tells of; whether it came.
+/// Polls until `condition` is true. Returns false if it is still false after a minute.
 bool eventually(const std::function<bool()>& condition);
 
-/// The member at the end of a path: `at(chunk, {"chunk_meta", "id"})`; null when there is none.
+/// Returns the member at the end of a path of keys, null if there is none: `at(chunk, {"chunk_meta", "id"})`.
 Value at(const Value& value, std::initializer_list<std::string_view> path);
+/// Returns how often `part` occurs in `text`.
 std::size_t count(const std::string& text, const std::string& part);
 
 }  // namespace kelvo::test

@@ -10,9 +10,9 @@ constexpr const char* kDefaultsFile = "Preferences/kelvo-log.plist";
 
 struct Switch {
   Script answer;
-  const char* savedSwitch;  ///< content of the status file; empty for none
+  const char* savedSwitch;  ///< content of the status file, empty for no file
   bool collects;
-  const char* line;
+  const char* line;  ///< a log line that occurs once
 };
 
 class EnableSwitch : public Road, public testing::WithParamInterface<Switch> {};
@@ -47,7 +47,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Switch{Script::cut(), R"({"status":true})", true, kInitialized},
                     Switch{Script::cut(), "", true, kInitialized}));
 
-TEST_F(Road, TheLegacySwitchCountsForOneLaunch) {
+TEST_F(Road, TheLegacySwitchAppliesToOneLaunch) {
   writeFileForTest(library(kDefaultsFile), "<plist><dict><key>klv_enable_sdk</key><false/></dict></plist>");
   service.answer("/enabled-status", Script::cut());
   EXPECT_EQ(launch().quit(), 4);
@@ -56,16 +56,16 @@ TEST_F(Road, TheLegacySwitchCountsForOneLaunch) {
   EXPECT_EQ(launch().quit(), 0);
 }
 
-TEST_F(Road, ADownloadedConfigurationCountsFromTheNextLaunch) {
+TEST_F(Road, ADownloadedConfigurationAppliesFromTheNextLaunch) {
   service.state().setConfigurationValue("enable", false);
   EXPECT_EQ(launch().quit(), 0);
   EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u);
   auto second = launch();
   EXPECT_EQ(second.quit(), 4);
-  EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u) << "the hash is known by now";
+  EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u) << "the saved hash is still valid";
 }
 
-TEST_F(Road, TheConfigurationSaysHowMuchIsLogged) {
+TEST_F(Road, TheConfigurationSetsTheLogLevel) {
   const std::tuple<const char*, std::size_t, std::size_t> cases[] = {
       {nullptr, 0, 0}, {"DEBUG", 0, 0}, {"warn", 0, 1}, {"debug", 1, 1}};
   for (const auto& [configured, debugLines, warnings] : cases) {
@@ -79,7 +79,7 @@ TEST_F(Road, TheConfigurationSaysHowMuchIsLogged) {
   }
 }
 
-TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostCan) {
+TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostsFirstCall) {
   auto host = launch({}, {{"KELVO_BUNDLE", bundle("<key>Core</key><string>auto</string>",
                                                   "<key>CFBundleName</key><string>Shop</string>"
                                                   "<key>CFBundleShortVersionString</key><string>2.4</string>"
@@ -94,7 +94,7 @@ TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostCan) {
   EXPECT_EQ(host.output(), "KelvoiOSSDK finalizer\n");
 }
 
-TEST_F(Road, ABundleThatNamesNoIdLeavesTheStartToTheHost) {
+TEST_F(Road, ABundleWithoutAnIdLeavesTheStartToTheHost) {
   const auto firstLineWith = [this](const std::string& kelvo) {
     auto host = launch({"--app-id", "manual"}, {{"KELVO_BUNDLE", bundle(kelvo)}});
     EXPECT_EQ(host.quit(), 0) << host.errors();
@@ -105,7 +105,7 @@ TEST_F(Road, ABundleThatNamesNoIdLeavesTheStartToTheHost) {
             "<KLV ERROR> KelvoiOSSDK failed to initialize - invalid appId");
 }
 
-TEST_F(Road, WhatIsLoggedWhileTheServiceThinksIsStoredFirstAndWinsOverWhatWasStored) {
+TEST_F(Road, CallsDuringTheStartAreStoredFirstAndOverrideStoredAttributes) {
   EXPECT_EQ(launch().untilReady().call("setUserCustomInfo", R"("info": {"plan": "old", "since": 1})").quit(), 0);
   service.answer("/enabled-status", Script::late(std::chrono::milliseconds(300)));
   auto host = launch();
@@ -113,7 +113,7 @@ TEST_F(Road, WhatIsLoggedWhileTheServiceThinksIsStoredFirstAndWinsOverWhatWasSto
       .call("setUserIdentifier", R"("identifier": "refused")");
   host.call("deviceToken", R"("hex": "0aFF")").log("Early").untilReady().log("Later");
   EXPECT_EQ(host.quit(), 0);
-  // An application event that waits for storage is buffered by two paths, and so stored twice.
+  // Kept: an application event that waits for storage is buffered by two paths, so it is stored twice.
   EXPECT_EQ(arrivedEvents(), (Texts{"Early", "Early", "Later"}));
   EXPECT_EQ(stored("select count from lifetime_events where name = 'Early'"), Texts{"2"});
   const Value chunk = service.chunks().back();

@@ -12,8 +12,8 @@ using Action = collector::ServiceState::Action;
 constexpr const char* kClientEventsFile = "com.kelvo.SDK.clientevents";
 constexpr const char* kActionsFile = "com.kelvo.SDK.v2.rta.config.json";
 
-/// The lines of an output that are JSON, by the types and names of the events that they tell of.
-Texts heard(const std::string& output) {
+/// Returns type and name of each event that kelvo-log printed as a line of JSON.
+Texts printedEvents(const std::string& output) {
   Texts all;
   std::istringstream lines(output);
   for (std::string line; std::getline(lines, line);) {
@@ -24,7 +24,7 @@ Texts heard(const std::string& output) {
   return all;
 }
 
-TEST_F(Road, TheServiceDecidesWhatIsStoredCountedAndIgnored) {
+TEST_F(Road, TheServicesListsDecideIfAnEventIsStoredCountedOrIgnored) {
   service.state().setClientEvents({"Client", "ClientAndAll"}, {"Agg", "ClientAndAll", "AggAndStop"},
                                   {"Stop", "ClientAndAll", "AggAndStop"});
   auto first = launch();
@@ -37,8 +37,8 @@ TEST_F(Road, TheServiceDecidesWhatIsStoredCountedAndIgnored) {
   for (const char* name : {"Plain", "Client", "ClientAndAll", "Agg", "AggAndStop", "Stop"}) first.log(name);
   first.call("logClientEventWithName", R"("name": "Stop")");
   EXPECT_EQ(first.quit(), 0) << first.errors();
-  auto events = heard(first.output());
-  std::erase(events, "App klv_app_opened");  // it may come before the listener does
+  auto events = printedEvents(first.output());
+  std::erase(events, "App klv_app_opened");  // may be delivered before the listener is registered
   EXPECT_EQ(events, (Texts{"App Plain", "Client Client", "Client Client", "Client ClientAndAll", "Agg Agg",
                            "Agg AggAndStop", "Client Stop"}));
   EXPECT_EQ(arrivedEvents(), Texts{"Plain"});
@@ -53,7 +53,7 @@ TEST_F(Road, TheServiceDecidesWhatIsStoredCountedAndIgnored) {
   EXPECT_EQ(service.requests("/client-events?").size(), 1u) << "unchanged lists are not downloaded again";
 }
 
-TEST_F(Road, ActionsFollowTheServiceAndTheCallbackIsToldOf) {
+TEST_F(Road, ActionsFollowTheServiceAndTheCallbackRunsIfThereAreAny) {
   const auto synced = [this] {
     auto host = launch();
     host.untilReady().call("sync", R"("type": "rta", "version": "2", "seconds": 10)");
@@ -79,7 +79,7 @@ TEST_F(Road, ActionsFollowTheServiceAndTheCallbackIsToldOf) {
 
 class PluginHost : public Road {
  protected:
-  /// A bundle that starts "in-app" and switches `plugins` on.
+  /// Writes a bundle with the application id "in-app" that enables `plugins`.
   static std::string bundleWith(const std::string& plugins) {
     return bundle("<key>Core</key><string>in-app</string>" + plugins);
   }
@@ -96,7 +96,7 @@ class PluginHost : public Road {
   }
 };
 
-TEST_F(PluginHost, TheExampleShowsWhatTheServiceSaysAndNoMoreOftenThanItMay) {
+TEST_F(PluginHost, TheExampleShowsTheServicesMessagesUpToTheirLimit) {
   service.state().setActions("rta", {{"P1", "1", {{"event", "Buy"}, {"message", "Thanks"}, {"most", 2}}},
                                      {"P2", "1", {{"event", "Enter"}, {"message", "Welcome"}}},
                                      {"P3", "1", {{"event", "Leave"}, {"message", "Bye"}}}});
@@ -104,7 +104,7 @@ TEST_F(PluginHost, TheExampleShowsWhatTheServiceSaysAndNoMoreOftenThanItMay) {
   const std::string bundle = bundleWith("<key>InAppPlugin</key><true/>");
   const auto messages = [&](int buys) {
     auto host = runExample(bundle);
-    // The rules are in force some time after the start.
+    // The rules take effect a while after the start.
     EXPECT_TRUE(eventually([&] {
       host.writeLine("Enter");
       return count(host.output(), "Message: Welcome") > 0;
@@ -117,18 +117,18 @@ TEST_F(PluginHost, TheExampleShowsWhatTheServiceSaysAndNoMoreOftenThanItMay) {
     return count(host.output(), "Message: Thanks");
   };
   EXPECT_EQ(messages(1), 1u);
-  EXPECT_EQ(messages(3), 1u) << "twice in all";
+  EXPECT_EQ(messages(3), 1u) << "the limit is two for all launches";
   EXPECT_EQ(messages(1), 0u);
 }
 
-TEST_F(PluginHost, APluginInASharedObjectIsLoadedFromTheBundleAndFromNowhereElse) {
+TEST_F(PluginHost, APluginInASharedObjectIsLoadedFromTheBundleOnly) {
   const std::string bundle = bundleWith(
       "<key>Broken</key><true/><key>Unresolved</key><true/><key>EchoPlugin</key><true/>"
       "<key>x/../Outside</key><true/><key>Elsewhere</key><true/>");
   std::filesystem::create_directories(bundle + "/libkelvo-x");
   std::filesystem::copy(KELVO_ECHO_PLUGIN, bundle + "/libkelvo-EchoPlugin.so");
   std::filesystem::copy(KELVO_UNRESOLVED_PLUGIN, bundle + "/libkelvo-Unresolved.so");
-  // What cannot be loaded tells of the attempt.
+  // A failed load logs a line, so each attempt to load one of these files shows.
   for (const auto& file : {bundle + "/libkelvo-Broken.so", bundle + "/Outside.so", home() + "/libkelvo-Elsewhere.so"}) {
     writeFileForTest(file, "no object");
   }
@@ -143,7 +143,7 @@ TEST_F(PluginHost, APluginInASharedObjectIsLoadedFromTheBundleAndFromNowhereElse
   EXPECT_EQ(count(host.errors(), "could not be loaded"), 2u) << host.errors();
 }
 
-TEST_F(PluginHost, APluginThatEndsTheProcessOrHoldsUpTheStartCostsNoEvent) {
+TEST_F(PluginHost, NoEventIsLostIfAPluginEndsTheProcessOrBlocksTheStart) {
   const std::string bundle = bundleWithEcho();
   const auto names = [this] {
     return stored("select name from lifetime_events where name not like 'klv%' order by rowid");
@@ -167,11 +167,11 @@ TEST_F(PluginHost, APluginThatEndsTheProcessOrHoldsUpTheStartCostsNoEvent) {
   EXPECT_EQ(names(), (Texts{"First", "Exit", "Second"}));
 }
 
-TEST_F(PluginHost, AHostOfTheStaticLibraryLeavesSharedObjectsAlone) {
+TEST_F(PluginHost, AHostWithTheStaticLibraryLoadsNoSharedObjects) {
   auto host = launch({}, {{"KELVO_BUNDLE", bundleWithEcho()}});
   EXPECT_EQ(host.untilReady().log("Event").quit(), 0) << host.errors();
   EXPECT_EQ(count(host.errors(), "libkelvo-EchoPlugin.so is left alone"), 1u);
-  EXPECT_EQ(count(host.output(), "KelvoiOSSDK finalizer"), 1u) << "one library in the process";
+  EXPECT_EQ(count(host.output(), "KelvoiOSSDK finalizer"), 1u) << "there is one library in the process";
 }
 
 }  // namespace

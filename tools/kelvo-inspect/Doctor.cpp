@@ -21,6 +21,7 @@
 #include "platform/JSON.h"
 #include "platform/PropertyList.h"
 #include "platform/ServiceEndpoint.h"
+#include "records/KLVSDKInfo.h"
 #include "util/KLVServicePaths.h"
 
 namespace kelvo::inspect {
@@ -29,36 +30,35 @@ namespace {
 namespace fs = std::filesystem;
 using Grade = Finding::Grade;
 
-constexpr long kSecondsForAnswer = 10;
-constexpr double kMilliseconds = 1000;
+constexpr long kAnswerTimeoutSeconds = 10;
+constexpr double kMillisecondsPerSecond = 1000;
 constexpr double kSlowSeconds = 2;
-constexpr double kTolerableClockSkew = 60;  // seconds; sessions are dated by the device's clock
+constexpr double kTolerableClockSkew = 60;  // seconds; the device's clock dates the sessions
+constexpr mode_t kAccessOfOthers = 077;
+constexpr mode_t kAccessBits = 0777;
+constexpr long kStatusOK = 200;
 
-std::string textAt(const Dictionary& dictionary, std::string_view key) {
-  const auto* text = dictionary[key].get<std::string>();
-  return text != nullptr ? *text : std::string();
-}
-
+/// Returns the application id in the bundle's Info.plist, empty if there is none.
 std::string appIdOf(const Bundle& bundle) {
   const auto* kelvo = bundle.infoDictionary()["Kelvo"].get<Dictionary>();
-  return kelvo != nullptr ? textAt(*kelvo, "Core") : std::string();
+  return kelvo != nullptr ? (*kelvo)["Core"].asText().value_or("") : "";
 }
 
 Finding examineBundle(const Bundle& bundle, const std::string& directory) {
   const auto path = bundle.pathForResource("Info", "plist");
   if (!path) {
     return {Grade::doubtful, "bundle", "no Info.plist in " + directory,
-            "Fine when the program calls initializeKelvoWithID; else write one (kelvo_add_bundle in CMake)"};
+            "Correct if the program calls initializeKelvoWithID; otherwise add one (kelvo_add_bundle in CMake)"};
   }
   std::string error;
   const auto text = readFile(*path, &error);
   const auto content = text ? parsePropertyList(*text, &error) : std::nullopt;
   if (!content || content->get<Dictionary>() == nullptr) {
-    return {Grade::bad, "bundle", *path + " is no property list: " + error, "Repair it; plistutil shows the place"};
+    return {Grade::bad, "bundle", *path + " is not a property list: " + error, "Repair it; plistutil shows the place"};
   }
   const auto id = appIdOf(bundle);
   if (id.empty()) {
-    return {Grade::doubtful, "bundle", *path + " names no application under Kelvo / Core",
+    return {Grade::doubtful, "bundle", *path + " has no application id under Kelvo / Core",
             "Add it, or call initializeKelvoWithID"};
   }
   return {Grade::good, "bundle", fmt::format("{} starts application \"{}\" at load", *path, id), ""};
@@ -68,26 +68,27 @@ Finding examineHome(const std::optional<std::string>& home) {
   if (!home) {
     return {Grade::bad, "home", "there is no home directory", "Set KELVO_HOME or HOME; nothing can be stored"};
   }
-  // What does not exist yet is made on first use, so the nearest directory above it counts.
+  // The program creates missing directories on first use, so check the nearest one that exists.
   fs::path existing = *home;
   std::error_code failure;
   while (!fs::exists(existing, failure) && existing.has_relative_path()) existing = existing.parent_path();
   std::string probe = (existing / "kelvo-inspect.XXXXXX").string();
   const int file = ::mkstemp(probe.data());
   if (file < 0) {
-    return {Grade::bad, "home", existing.string() + " cannot be written", "Give the program's user the right to it"};
+    return {Grade::bad, "home", existing.string() + " cannot be written", "Give the program's user write access"};
   }
   ::close(file);
   ::unlink(probe.c_str());
-  if (existing != fs::path(*home)) return {Grade::good, "home", *home + " will be made at the first start", ""};
+  if (existing != fs::path(*home)) return {Grade::good, "home", *home + " will be created at the first start", ""};
   if (const auto user = HomeLock::holderOf(joinPath(*home, "Library"))) {
-    return {Grade::good, "home", fmt::format("{} is used by process {} now", *home, *user), ""};
+    return {Grade::good, "home", fmt::format("process {} is using {}", *user, *home), ""};
   }
   struct stat facts {};
   const auto library = joinPath(*home, "Library");
-  if (::stat(library.c_str(), &facts) == 0 && (facts.st_mode & 077) != 0) {
-    return {Grade::doubtful, "home", fmt::format("{} is open to others (mode {:o})", library, facts.st_mode & 0777),
-            "chmod 700 it: it holds what the user did"};
+  if (::stat(library.c_str(), &facts) == 0 && (facts.st_mode & kAccessOfOthers) != 0) {
+    return {Grade::doubtful, "home",
+            fmt::format("other users have access to {} (mode {:o})", library, facts.st_mode & kAccessBits),
+            "Run chmod 700 on it: it contains the user's activity"};
   }
   return {Grade::good, "home", *home + " is writable and private", ""};
 }
@@ -102,20 +103,20 @@ Finding examineAuthorities(const std::string& caFile) {
     if (!directory.empty() && fs::exists(directory, failure) && !fs::is_empty(directory, failure)) {
       return {Grade::good, "authorities", directory, ""};
     }
-    return {Grade::bad, "authorities", "no store of trusted authorities was found", "apt-get install ca-certificates"};
+    return {Grade::bad, "authorities", "there is no store of trusted authorities", "apt-get install ca-certificates"};
   }
   const auto text = readFile(store);
   if (!text || text->find("BEGIN CERTIFICATE") == std::string::npos) {
-    return {Grade::bad, "authorities", store + " holds no certificate in PEM form",
+    return {Grade::bad, "authorities", store + " contains no certificate in PEM form",
             caFile.empty() ? "apt-get install --reinstall ca-certificates" : "Correct KelvoCAFile in Info.plist"};
   }
   return {Grade::good, "authorities", store, ""};
 }
 
-/// The proxy that the environment names for `url`, without the password that may stand in it.
+/// Reports the proxy that the environment sets for `url`, without its user name and password.
 Finding examineProxy(const HTTPURL& url) {
   if (url.isLoopback()) return {Grade::good, "proxy", "none for a loopback address", ""};
-  // Of the plain scheme only the lower-case name counts, as the upper-case one can be set by a web client.
+  // curl ignores HTTP_PROXY, because a web client can set it in a CGI program. So do we.
   static constexpr std::array kSecure = {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"};
   static constexpr std::array kPlain = {"http_proxy", "all_proxy", "ALL_PROXY"};
   const auto first = [](const auto& names) -> std::string {
@@ -131,7 +132,7 @@ Finding examineProxy(const HTTPURL& url) {
     const auto from = found.find("://") == std::string::npos ? found.find('=') + 1 : found.find("://") + 3;
     found.replace(from, at - from, "...");
   }
-  return {Grade::doubtful, "proxy", found, "Requests go through it; name the host in no_proxy if they should not"};
+  return {Grade::doubtful, "proxy", found, "Requests use it; to bypass it, add the service's host to no_proxy"};
 }
 
 struct Answer {
@@ -148,19 +149,21 @@ std::size_t takeBody(char* bytes, std::size_t size, std::size_t count, void* ans
 
 std::size_t takeHeader(char* bytes, std::size_t size, std::size_t count, void* answer) {
   const std::string_view line(bytes, size * count);
-  if (line.size() > 5 && curl_strnequal(line.data(), "date:", 5) != 0) {
-    static_cast<Answer*>(answer)->date = line.substr(5);
+  constexpr std::string_view kName = "date:";
+  if (line.size() > kName.size() && curl_strnequal(line.data(), kName.data(), kName.size()) != 0) {
+    static_cast<Answer*>(answer)->date = line.substr(kName.size());
   }
   return size * count;
 }
 
+/// Requests `url`. `direct` bypasses every proxy.
 Answer ask(const std::string& url, const std::string& caFile, bool direct) {
   Answer answer;
   const std::unique_ptr<CURL, void (*)(CURL*)> easy(curl_easy_init(), curl_easy_cleanup);
   std::array<char, CURL_ERROR_SIZE> reason{};
   curl_easy_setopt(easy.get(), CURLOPT_URL, url.c_str());
   curl_easy_setopt(easy.get(), CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy.get(), CURLOPT_TIMEOUT, kSecondsForAnswer);
+  curl_easy_setopt(easy.get(), CURLOPT_TIMEOUT, kAnswerTimeoutSeconds);
   curl_easy_setopt(easy.get(), CURLOPT_ERRORBUFFER, reason.data());
   curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, takeBody);
   curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &answer);
@@ -178,37 +181,36 @@ Answer ask(const std::string& url, const std::string& caFile, bool direct) {
 Finding judgeAnswer(const Answer& answer, const std::string& url) {
   if (answer.code != CURLE_OK) {
     const bool certificate = answer.code == CURLE_PEER_FAILED_VERIFICATION;
-    return {Grade::bad, "service", fmt::format("{} gives no answer: {}", url, answer.error),
-            certificate ? "Correct the server's certificate, or name its authority as KelvoCAFile in Info.plist"
-                        : "Check the address, the network and the proxy; events wait on the device meanwhile"};
+    return {Grade::bad, "service", fmt::format("{} does not answer: {}", url, answer.error),
+            certificate ? "Correct the server's certificate, or set KelvoCAFile in Info.plist to its authority"
+                        : "Check the address, the network and the proxy; events wait on the device until it answers"};
   }
-  if (answer.status != 200) {
+  if (answer.status != kStatusOK) {
     return {Grade::bad, "service", fmt::format("{} answers with status {}", url, answer.status),
             "Check the address and the application's id at the service"};
   }
-  const auto reply = parseJSON(answer.body);
-  const auto* object = reply ? reply->get<Dictionary>() : nullptr;
-  if (object == nullptr || !object->contains("enabled")) {
-    return {Grade::bad, "service", url + " answers with something else than the service",
-            "Check the address: no enable status came"};
+  const auto reply = parseJSON(answer.body).value_or(Value()).asDictionary().value_or(Dictionary());
+  if (!reply.contains("enabled")) {
+    return {Grade::bad, "service", url + " answers, but is not the service",
+            "Check the address: the answer contains no enable status"};
   }
-  if (!(*object)["enabled"].asBool()) {
+  if (!reply["enabled"].asBool()) {
     return {Grade::bad, "service", "the service has switched collection off for this application",
             "Switch it on at the service"};
   }
-  const auto time = fmt::format("{} answers in {:.0f} ms", url, answer.seconds * kMilliseconds);
-  if (answer.seconds > kSlowSeconds) return {Grade::doubtful, "service", time, "A slow start-up; look at the network"};
+  const auto time = fmt::format("{} answers in {:.0f} ms", url, answer.seconds * kMillisecondsPerSecond);
+  if (answer.seconds > kSlowSeconds) return {Grade::doubtful, "service", time, "Slow; check the network"};
   return {Grade::good, "service", time, ""};
 }
 
 Finding judgeClock(const Answer& answer) {
   const std::time_t server = answer.date.empty() ? -1 : curl_getdate(answer.date.c_str(), nullptr);
-  if (server < 0) return {Grade::doubtful, "clock", "the service tells no time to compare with", "Compare it yourself"};
+  if (server < 0) return {Grade::doubtful, "clock", "the service sends no time", "Check the clock by hand"};
   const double skew = std::difftime(std::time(nullptr), server);
-  if (std::abs(skew) <= kTolerableClockSkew) return {Grade::good, "clock", "agrees with the service's", ""};
+  if (std::abs(skew) <= kTolerableClockSkew) return {Grade::good, "clock", "agrees with the service's clock", ""};
   return {Grade::bad, "clock",
-          fmt::format("{:.0f} s {} the service's", std::abs(skew), skew > 0 ? "ahead of" : "behind"),
-          "Set it (timedatectl set-ntp true): sessions are dated by it"};
+          fmt::format("{:.0f} s {} the service's clock", std::abs(skew), skew > 0 ? "ahead of" : "behind"),
+          "Set it (timedatectl set-ntp true): it dates the sessions"};
 }
 
 void examineService(const Bundle& bundle, std::vector<Finding>& findings) {
@@ -220,7 +222,7 @@ void examineService(const Bundle& bundle, std::vector<Finding>& findings) {
   }
   const auto url = HTTPURL::parse(endpoint.baseURL);
   if (!url) {
-    findings.push_back({Grade::bad, "service", endpoint.baseURL + " is no URL", "Write https://HOST[:PORT]"});
+    findings.push_back({Grade::bad, "service", endpoint.baseURL + " is not a URL", "Use the form https://HOST[:PORT]"});
     return;
   }
   if (url->exposesCleartext()) {
@@ -232,7 +234,8 @@ void examineService(const Bundle& bundle, std::vector<Finding>& findings) {
   findings.push_back(examineProxy(*url));
   const auto id = appIdOf(bundle);
   const auto path = byReplacing(kKLVSDKEnableURL, "<app-id>", percentEncoded(id.empty() ? "kelvo-inspect" : id));
-  const auto answer = ask(endpoint.baseURL + path + "288.000000", endpoint.caFile, url->isLoopback());
+  const auto answer =
+      ask(endpoint.baseURL + path + fmt::format("{:f}", kKLVSDKVersion), endpoint.caFile, url->isLoopback());
   findings.push_back(judgeAnswer(answer, endpoint.baseURL));
   if (answer.code == CURLE_OK) findings.push_back(judgeClock(answer));
 }
@@ -240,7 +243,7 @@ void examineService(const Bundle& bundle, std::vector<Finding>& findings) {
 }  // namespace
 
 std::vector<Finding> examine(const std::optional<std::string>& program, const std::optional<std::string>& home) {
-  // The endpoint is read from the main bundle, which is the program's from here on.
+  // KELVO_BUNDLE makes the program's bundle the main bundle, from which `ServiceEndpoint` is read.
   const char* given = std::getenv("KELVO_BUNDLE");
   std::string directory = given != nullptr ? given : "";
   std::string executable = "kelvo-inspect";
@@ -256,10 +259,10 @@ std::vector<Finding> examine(const std::optional<std::string>& program, const st
   }
   std::vector<Finding> findings;
   if (program && ::access(program->c_str(), X_OK) != 0) {
-    findings.push_back({Grade::bad, "program", *program + " cannot be run", "Name the executable that links Kelvo"});
+    findings.push_back({Grade::bad, "program", *program + " cannot be run", "Give the executable that links Kelvo"});
   }
   if (directory.empty()) {
-    findings.push_back({Grade::doubtful, "bundle", "not looked at", "Name the program: --program EXECUTABLE"});
+    findings.push_back({Grade::doubtful, "bundle", "not checked", "Give the program: --program EXECUTABLE"});
   }
   const Bundle bundle(directory, executable);
   if (!directory.empty()) findings.push_back(examineBundle(bundle, directory));

@@ -6,18 +6,20 @@
 
 namespace kelvo::inspect {
 
-/// One thing that was looked at.
+/// The result of one check.
 struct Finding {
   enum class Grade { good, doubtful, bad };
   Grade grade = Grade::good;
   std::string subject;  ///< "bundle", "home" ...
-  std::string what;     ///< what was found
-  std::string advice;   ///< what to do about it; empty when it is good
+  std::string result;
+  std::string advice;  ///< how to fix it, empty for a good result
 };
 
-/// Looks at what usually goes wrong for `program`, an executable that links the library (this one without): its bundle,
-/// its home (`home`, or the one that it would use), authorities, proxy, the service's answer and the clock. Asks the
-/// service once, for at most ten seconds; makes nothing but a file that it removes again.
+/// Checks the usual causes of trouble: bundle, home, trusted authorities, proxy, the service's answer and the clock.
+///
+/// `program` is the executable that links the library; without it, the environment decides. `home` replaces the home
+/// that the program would use. Blocks for ten seconds at most, while it waits for one answer of the service. Creates
+/// nothing but a temporary file in the home. Thread: main, because it sets KELVO_BUNDLE.
 [[nodiscard]] std::vector<Finding> examine(const std::optional<std::string>& program,
                                            const std::optional<std::string>& home);
 

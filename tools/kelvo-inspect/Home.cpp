@@ -22,15 +22,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr std::string_view kAdditionalInfo = "__additional_info__";
 const std::string kEventsPrefix = std::string(kKLVEvents) + "_";
 
-/// The rows of a read-only connection. A failure leaves them empty and its reason in `problem`.
+/// Reads rows through a read-only connection. On failure, `rows` returns no rows and `problem` the reason.
 class Reader {
  public:
   explicit Reader(const std::string& path) : database_(path) {
     database_.setLogsErrors(false);
     if (!fileExists(path)) {
-      problem_ = "there is none";
+      problem_ = "there is no database";
     } else if (!database_.openWithFlags(SQLITE_OPEN_READONLY)) {
       problem_ = "it cannot be opened";
     }
@@ -64,7 +65,7 @@ std::uint64_t sizeOf(const std::string& path) {
   return failure ? 0 : bytes;
 }
 
-Array asArray(std::vector<Dictionary> rows) {
+Array arrayOf(std::vector<Dictionary> rows) {
   Array all;
   for (auto& row : rows) all.append(std::move(row));
   return all;
@@ -76,25 +77,24 @@ std::string quotedName(const std::string& table) {
   return quoted + '"';
 }
 
-/// The attributes that a record's file keeps as JSON text.
+/// Returns the dictionary in a JSON text, empty if there is none.
+Dictionary dictionaryFromJSON(const std::optional<std::string>& text) {
+  return parseJSON(text.value_or("")).value_or(Value()).asDictionary().value_or(Dictionary());
+}
+
+/// Returns the attributes in a record's file, where they are one JSON text within the JSON.
 Dictionary attributesOfRecord(const std::string& path) {
-  const auto text = readFile(path);
-  const auto form = text ? parseJSON(*text) : std::nullopt;
-  const auto* record = form ? form->get<Dictionary>() : nullptr;
-  const auto* inner = record != nullptr ? (*record)["__additional_info__"].get<std::string>() : nullptr;
-  const auto attributes = inner != nullptr ? parseJSON(*inner) : std::nullopt;
-  const auto* dictionary = attributes ? attributes->get<Dictionary>() : nullptr;
-  return dictionary != nullptr ? *dictionary : Dictionary();
+  return dictionaryFromJSON(dictionaryFromJSON(readFile(path))[kAdditionalInfo].asText());
 }
 
 struct Session {
   Array chunks;
   Dictionary events;
-  std::int64_t lastEvent = 0;
-  std::int64_t lastCut = 0;
+  std::int64_t lastEvent = 0;  // identifier of the newest event
+  std::int64_t lastCut = 0;    // identifier of the last event in a chunk
 };
 
-/// Ids of sessions begin with their launch time, so that this order is theirs.
+/// Sessions by id. An id begins with the launch time, so the oldest session comes first.
 using Sessions = std::map<std::string, Session>;
 
 void readEvents(Reader& reader, Sessions& sessions) {
@@ -103,8 +103,9 @@ void readEvents(Reader& reader, Sessions& sessions) {
     if (name == nullptr || !name->starts_with(kEventsPrefix)) continue;
     Session& session = sessions[name->substr(kEventsPrefix.size())];
     const auto events = quotedName(*name);
-    for (const auto& kind : reader.rows("SELECT type, COUNT(*) AS count FROM " + events + " GROUP BY type")) {
-      session.events.set(description(kind["type"]), kind["count"]);
+    for (const auto& kind :
+         reader.rows(fmt::format("SELECT {0}, COUNT(*) AS count FROM {1} GROUP BY {0}", kKLVEventType, events))) {
+      session.events.set(description(kind[kKLVEventType]), kind["count"]);
     }
     for (const auto& row : reader.rows("SELECT MAX(identifier) AS last FROM " + events)) {
       session.lastEvent = row["last"].asInt64();
@@ -113,7 +114,8 @@ void readEvents(Reader& reader, Sessions& sessions) {
 }
 
 void readChunks(Reader& reader, Sessions& sessions) {
-  for (const auto& row : reader.rows("SELECT * FROM chunkmeta ORDER BY sid, cid")) {
+  const auto sql = fmt::format("SELECT * FROM {} ORDER BY {}, {}", kKLVChunkMetaInfo, kKLVChunkSid, kKLVChunkCid);
+  for (const auto& row : reader.rows(sql)) {
     Session& session = sessions[description(row[kKLVChunkSid])];
     const auto* times = row[kKLVChunkReportingTimes].get<std::string>();
     session.chunks.append(Dictionary{{"number", row[kKLVChunkCid]},
@@ -181,8 +183,10 @@ Dictionary readHome(const std::string& home) {
   readFiles(library, sessions, files, defaults);
   readEvents(reader, sessions);
   readChunks(reader, sessions);
-  auto lifetime = asArray(reader.rows("SELECT * FROM lifetime_events ORDER BY count DESC, name"));
-  auto aggregates = asArray(reader.rows("SELECT * FROM aggregate_events ORDER BY sid, name, attr_key, attr_value"));
+  auto lifetime = arrayOf(reader.rows(fmt::format("SELECT * FROM {} ORDER BY {} DESC, {}", kKLVLifetimeEvents,
+                                                  kKLVLifetimeCount, kKLVLifetimeEventName)));
+  auto aggregates = arrayOf(reader.rows(fmt::format("SELECT * FROM {} ORDER BY {}, {}, {}, {}", kKLVAggEvents,
+                                                    kKLVAggSid, kKLVAggName, kKLVAttrKey, kKLVAttrValue)));
   if (reader.problem().empty()) {
     for (const auto& row : reader.rows("PRAGMA quick_check(1)")) {
       if (row["quick_check"] != Value("ok")) reader.setProblem(description(row["quick_check"]));

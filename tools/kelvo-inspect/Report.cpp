@@ -5,16 +5,30 @@
 
 #include <algorithm>
 #include <ctime>
+#include <string_view>
 #include <vector>
+
+#include "storage/KLVSchema.h"
 
 namespace kelvo::inspect {
 namespace {
 
-constexpr std::size_t kLongestContent = 100;
+constexpr std::size_t kLongestContent = 100;  // bytes
+constexpr std::int64_t kMillisecondsPerSecond = 1000;
+
+bool isControlCharacter(char byte) {
+  constexpr char kDelete = 0x7f;
+  return static_cast<unsigned char>(byte) < ' ' || byte == kDelete;
+}
+
+/// Returns true for the second and later bytes of a UTF-8 character.
+bool continuesCharacter(char byte) {
+  return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
+}
 
 std::string printable(std::string text) {
   for (char& byte : text) {
-    if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f) byte = '?';
+    if (isControlCharacter(byte)) byte = '?';
   }
   return text;
 }
@@ -23,40 +37,32 @@ std::string textOf(const Value& value) {
   return value.isNull() ? "-" : printable(description(value));
 }
 
+/// Cuts a long text between two characters and appends dots.
 std::string shortened(std::string text) {
   if (text.size() <= kLongestContent) return text;
   std::size_t end = kLongestContent;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;  // between two characters
+  while (end > 0 && continuesCharacter(text[end])) --end;
   return text.substr(0, end) + " ...";
 }
 
-/// Milliseconds since 1970 as local time.
+/// Returns milliseconds since 1970 as local time.
 std::string timeOf(const Value& milliseconds) {
   if (!milliseconds.isNumber()) return "-";
-  const auto seconds = static_cast<std::time_t>(milliseconds.asInt64() / 1000);
+  const auto seconds = static_cast<std::time_t>(milliseconds.asInt64() / kMillisecondsPerSecond);
   std::tm local{};
   return ::localtime_r(&seconds, &local) == nullptr ? "-" : fmt::format("{:%Y-%m-%d %H:%M:%S}", local);
 }
 
-const Array& arrayAt(const Dictionary& from, std::string_view key) {
-  static const Array empty;
-  const auto* array = from[key].get<Array>();
-  return array != nullptr ? *array : empty;
+/// Returns the elements of an array of dictionaries; none if `value` is not an array.
+std::vector<Dictionary> dictionariesIn(const Value& value) {
+  std::vector<Dictionary> all;
+  for (const Value& element : value.asArray().value_or(Array())) {
+    all.push_back(element.asDictionary().value_or(Dictionary()));
+  }
+  return all;
 }
 
-const Dictionary& dictionaryAt(const Dictionary& from, std::string_view key) {
-  static const Dictionary empty;
-  const auto* dictionary = from[key].get<Dictionary>();
-  return dictionary != nullptr ? *dictionary : empty;
-}
-
-const Dictionary& asDictionary(const Value& value) {
-  static const Dictionary empty;
-  const auto* dictionary = value.get<Dictionary>();
-  return dictionary != nullptr ? *dictionary : empty;
-}
-
-/// Columns as wide as their longest cell.
+/// A table whose columns are as wide as their longest cell.
 class Table {
  public:
   Table(std::string title, std::vector<std::string> header) : title_(std::move(title)) { add(std::move(header)); }
@@ -96,33 +102,33 @@ std::string countsByKind(const Dictionary& events) {
 std::string sessions(const Dictionary& home) {
   Table table("Sessions", {"id", "launched", "type", "seconds", "events stored", "chunks accepted", "not cut yet"});
   Table chunks("Chunks", {"session", "number", "events", "status", "sent"});
-  for (const Value& value : arrayAt(home, "sessions")) {
-    const Dictionary& session = asDictionary(value);
+  for (const Dictionary& session : dictionariesIn(home["sessions"])) {
     std::size_t accepted = 0;
-    for (const Value& entry : arrayAt(session, "chunks")) {
-      const Dictionary& chunk = asDictionary(entry);
+    const auto entries = dictionariesIn(session["chunks"]);
+    for (const Dictionary& chunk : entries) {
       const bool arrived = chunk["accepted"].asBool();
       accepted += arrived ? 1 : 0;
       std::string times;
-      for (const Value& time : arrayAt(chunk, "reporting_times")) {
+      for (const Value& time : chunk["reporting_times"].asArray().value_or(Array())) {
         times += (times.empty() ? "" : ", ") + timeOf(time);
       }
       chunks.add({textOf(session["id"]), textOf(chunk["number"]), textOf(chunk["start"]) + "-" + textOf(chunk["end"]),
-                  arrived ? "accepted" : "waits", times});
+                  arrived ? "accepted" : "waiting", times});
     }
     table.add({textOf(session["id"]), timeOf(session["launch_time"]), textOf(session["launch_type"]),
-               fmt::format("{:.1f}", session["duration"].asDouble()), countsByKind(dictionaryAt(session, "events")),
-               fmt::format("{} of {}", accepted, arrayAt(session, "chunks").size()), textOf(session["not_cut"])});
+               fmt::format("{:.1f}", session["duration"].asDouble()),
+               countsByKind(session["events"].asDictionary().value_or(Dictionary())),
+               fmt::format("{} of {}", accepted, entries.size()), textOf(session["not_cut"])});
   }
   return table.text() + chunks.text();
 }
 
 std::string rows(const Dictionary& home, std::string_view key, const std::string& title,
-                 const std::vector<std::string>& columns) {
-  Table table(title, columns);
-  for (const Value& row : arrayAt(home, key)) {
+                 const std::vector<std::string_view>& columns) {
+  Table table(title, {columns.begin(), columns.end()});
+  for (const Dictionary& row : dictionariesIn(home[key])) {
     std::vector<std::string> cells;
-    for (const auto& column : columns) cells.push_back(textOf(asDictionary(row)[column]));
+    for (const auto& column : columns) cells.push_back(textOf(row[column]));
     table.add(std::move(cells));
   }
   return table.text();
@@ -130,8 +136,7 @@ std::string rows(const Dictionary& home, std::string_view key, const std::string
 
 std::string files(const Dictionary& home) {
   Table table("Files in Library", {"path", "bytes", "content"});
-  for (const Value& value : arrayAt(home, "files")) {
-    const Dictionary& file = asDictionary(value);
+  for (const Dictionary& file : dictionariesIn(home["files"])) {
     const auto* problem = file["problem"].get<std::string>();
     const auto content = file.contains("content") ? shortened(textOf(file["content"])) : std::string();
     table.add({textOf(file["path"]), textOf(file["bytes"]),
@@ -142,7 +147,7 @@ std::string files(const Dictionary& home) {
 
 std::string defaults(const Dictionary& home) {
   Table table("User defaults", {"key", "value"});
-  for (const auto& [key, value] : dictionaryAt(home, "user_defaults")) {
+  for (const auto& [key, value] : home["user_defaults"].asDictionary().value_or(Dictionary())) {
     table.add({printable(key), shortened(textOf(value))});
   }
   return table.text();
@@ -151,14 +156,15 @@ std::string defaults(const Dictionary& home) {
 }  // namespace
 
 std::string report(const Dictionary& home) {
-  const Dictionary& database = dictionaryAt(home, "database");
+  const Dictionary database = home["database"].asDictionary().value_or(Dictionary());
   std::string text = fmt::format("Home {}{}\n", textOf(home["home"]),
                                  home["used_by"].isNull() ? "" : ", used by process " + textOf(home["used_by"]));
   text += fmt::format("Database {}, {} bytes{}\n", textOf(database["path"]), textOf(database["bytes"]),
                       database.contains("problem") ? ": " + textOf(database["problem"]) : "");
   text += sessions(home);
-  text += rows(home, "lifetime_events", "Events counted for life", {"name", "count"});
-  text += rows(home, "aggregate_events", "Aggregate events", {"sid", "name", "attr_key", "attr_value", "e_count"});
+  text += rows(home, "lifetime_events", "Lifetime counts", {kKLVLifetimeEventName, kKLVLifetimeCount});
+  text += rows(home, "aggregate_events", "Aggregate events",
+               {kKLVAggSid, kKLVAggName, kKLVAttrKey, kKLVAttrValue, kKLVAggCount});
   return text + files(home) + defaults(home);
 }
 

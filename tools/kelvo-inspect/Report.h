@@ -6,8 +6,8 @@
 
 namespace kelvo::inspect {
 
-/// What `readHome` gave, as aligned text for a terminal. Stored text cannot control the terminal: its control
-/// characters show as "?".
+/// Formats the result of `readHome` as aligned tables for a terminal. Prints control characters in stored text as "?",
+/// so that stored text cannot control the terminal.
 [[nodiscard]] std::string report(const Dictionary& home);
 
 }  // namespace kelvo::inspect

@@ -22,15 +22,15 @@ constexpr const char* kHelp =
     R"(usage: kelvo-inspect [--json] [HOME]
        kelvo-inspect --doctor [--program EXECUTABLE] [HOME]
 
-Prints what a home directory holds: sessions, events by kind, chunks, counts,
-files and user defaults; as a table, or with --json as one JSON object. HOME is
-the directory that holds Library and Documents; without it, KELVO_HOME. Nothing
-is changed, and a program may use the home meanwhile.
+Prints the content of a home: sessions, events by kind, chunks, counts, files
+and user defaults. Prints tables, or with --json one JSON object. HOME is the
+directory that contains Library and Documents; the default is KELVO_HOME. The
+tool changes nothing, and works while a program uses the home.
 
---doctor looks at what usually goes wrong on a machine, one line each: bundle,
-home, authorities, proxy, the service's answer, clock. --program names the
-executable that links the library, so that its bundle and home are looked at.
-Exit status: 0 fine; 1 something is wrong; 2 wrong usage.
+--doctor checks the usual causes of trouble and prints one line for each:
+bundle, home, authorities, proxy, the service's answer, clock. --program is the
+executable that links the library; its bundle and home are checked.
+Exit status: 0 no problem found; 1 problem found; 2 wrong usage.
 )";
 
 struct Options {
@@ -51,7 +51,7 @@ int printFindings(const Options& options) {
     const bool bad = finding.grade == Finding::Grade::bad;
     if (bad) status = kFoundProblems;
     const char* mark = bad ? "BAD " : finding.grade == Finding::Grade::good ? "ok  " : "?   ";
-    fmt::print("{}{:<12}{}{}\n", mark, finding.subject, finding.what,
+    fmt::print("{}{:<12}{}{}\n", mark, finding.subject, finding.result,
                finding.advice.empty() ? "" : ". " + finding.advice + ".");
   }
   return status;
@@ -60,11 +60,11 @@ int printFindings(const Options& options) {
 int printHome(Options options) {
   if (!options.home) {
     const char* home = std::getenv("KELVO_HOME");
-    if (home == nullptr || *home == '\0') return refuse("name a home directory, or set KELVO_HOME");
+    if (home == nullptr || *home == '\0') return refuse("give a home directory, or set KELVO_HOME");
     options.home = home;
   }
   if (!std::filesystem::is_directory(*options.home)) {
-    std::fprintf(stderr, "kelvo-inspect: %s is no directory\n", options.home->c_str());
+    std::fprintf(stderr, "kelvo-inspect: %s is not a directory\n", options.home->c_str());
     return kFoundProblems;
   }
   const auto home = readHome(*options.home);
@@ -92,8 +92,8 @@ int run(int count, char** arguments) {
       options.home = argument;
     }
   }
-  if (options.doctor && options.json) return refuse("--doctor has no --json");
-  if (!options.doctor && options.program) return refuse("--program is for --doctor");
+  if (options.doctor && options.json) return refuse("--doctor cannot be used with --json");
+  if (!options.doctor && options.program) return refuse("--program needs --doctor");
   return options.doctor ? printFindings(options) : printHome(std::move(options));
 }
 

@@ -7,12 +7,13 @@
 #include <thread>
 
 #include "core/KLVController.h"
+#include "storage/KLVSchema.h"
 
 namespace kelvo::log {
 namespace {
 
 constexpr std::chrono::milliseconds kPoll(5);
-constexpr std::chrono::seconds kLongestStart(35);  // a request that makes no progress ends before
+constexpr std::chrono::seconds kLongestStart(35);  // a request without progress is aborted earlier
 
 KLVController& controller() {
   return KLVController::sharedController();
@@ -27,7 +28,7 @@ bool waitFor(Deadline deadline, Condition condition) {
   return true;
 }
 
-/// Waits until the callback that `request` takes has come.
+/// Calls `request(done)` and blocks until `done` is called. Returns false if `deadline` passes first.
 template <class Request>
 bool waitForCallback(Deadline deadline, Request request) {
   const auto done = std::make_shared<std::promise<void>>();
@@ -35,15 +36,16 @@ bool waitForCallback(Deadline deadline, Request request) {
   return done->get_future().wait_until(deadline) == std::future_status::ready;
 }
 
-/// Chunks that the service has not accepted, and one more for each session with events behind its last chunk.
+/// Returns the number of chunks that the service has not accepted. A session with events after its last chunk counts as
+/// one chunk more.
 std::size_t chunksWaiting() {
   std::size_t waiting = 0;
-  std::map<std::string, std::uint64_t> covered;
+  std::map<std::string, std::uint64_t> covered;  // session to the last event in a chunk
   for (const auto& meta : controller().retrieveChunkMetaInfo()) {
     const Dictionary info = meta->additionalInfo();
-    if (!info["status"].asBool()) ++waiting;
-    auto& end = covered[description(info["sid"])];
-    end = std::max(end, info["end"].asUInt64());
+    if (!info[kKLVChunkStatus].asBool()) ++waiting;
+    auto& end = covered[description(info[kKLVChunkSid])];
+    end = std::max(end, info[kKLVChunkEnd].asUInt64());
   }
   for (const std::string& sid : controller().getSessions()) {
     if (controller().numberOfEventsWithIdentifier(sid) > covered[sid]) ++waiting;
@@ -54,7 +56,7 @@ std::size_t chunksWaiting() {
 }  // namespace
 
 Deadline deadlineIn(std::chrono::duration<double> seconds) {
-  constexpr std::chrono::duration<double> kLongest(1e9);  // some 31 years, which nanoseconds still count
+  constexpr std::chrono::duration<double> kLongest(1e9);  // about 31 years, which fit into 64 bits of nanoseconds
   return std::chrono::steady_clock::now() +
          std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::min(seconds, kLongest));
 }

@@ -12,21 +12,22 @@
 namespace kelvo::log {
 namespace {
 
-void printLine(const Dictionary& line) {
-  std::printf("%s\n", describingJSONText(line).c_str());
+void printAsLine(const Dictionary& object) {
+  std::printf("%s\n", describingJSONText(object).c_str());
   std::fflush(stdout);
 }
 
 class Printer final : public EventListener {
  public:
   void onEvent(const Event& event) override {
-    printLine({{"name", event.name},
-               {"type", stringFromType(event.type)},
-               {"time", event.time},
-               {"attributes", event.attributes}});
+    printAsLine({{"name", event.name},
+                 {"type", stringFromType(event.type)},
+                 {"time", event.time},
+                 {"attributes", event.attributes}});
   }
 };
 
+/// Returns the one listener. The bus delivers an event to each listener once, so no event is printed twice.
 const std::shared_ptr<EventListener>& printer() {
   static const std::shared_ptr<EventListener> instance = std::make_shared<Printer>();
   return instance;
@@ -50,7 +51,7 @@ void sync(const std::string& type, const std::string& version, std::chrono::dura
   const auto called = std::make_shared<std::promise<void>>();
   PluginServices::getSyncDataForActionType(type, version, [called] { called->set_value(); });
   const bool came = called->get_future().wait_until(deadline) == std::future_status::ready;
-  printLine({{"sync", type}, {"came", came}});
+  printAsLine({{"sync", type}, {"came", came}});
 }
 
 }  // namespace kelvo::log

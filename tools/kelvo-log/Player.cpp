@@ -14,89 +14,95 @@
 namespace kelvo::log {
 namespace {
 
-/// The members of a line, by the types that its call expects.
+/// Typed access to the members of a line. Throws `BadLine` for a member of a wrong type.
 class Members {
  public:
   explicit Members(Dictionary members) : members_(std::move(members)) {}
 
-  [[nodiscard]] OptionalText text(std::string_view name) const { return get<std::string, OptionalText>(name, "text"); }
-  [[nodiscard]] OptionalDictionary info() const { return get<Dictionary, OptionalDictionary>("info", "object"); }
+  [[nodiscard]] OptionalText text(std::string_view name) const {
+    return get<std::string, OptionalText>(name, "a text");
+  }
+  [[nodiscard]] OptionalDictionary info() const { return get<Dictionary, OptionalDictionary>("info", "an object"); }
   [[nodiscard]] bool has(std::string_view name) const { return !members_[name].isNull(); }
 
-  /// A text that must not be left out.
-  [[nodiscard]] std::string needed(std::string_view name) const {
+  /// Returns a required text.
+  [[nodiscard]] std::string required(std::string_view name) const {
     const auto given = text(name);
-    if (!given) throw bad(name, "text");
+    if (!given) throw bad(name, "a text");
     return *given;
   }
 
   [[nodiscard]] bool flag(std::string_view name) const {
-    if (has(name) && members_[name].get<bool>() == nullptr) throw bad(name, "bool");
+    if (has(name) && members_[name].get<bool>() == nullptr) throw bad(name, "true or false");
     return members_[name].asBool();
   }
 
   [[nodiscard]] std::chrono::duration<double> seconds() const {
     const Value& value = members_["seconds"];
     if (!value.isNumber() || value.get<bool>() != nullptr || value.asDouble() < 0)
-      throw bad("seconds", "number from 0");
+      throw bad("seconds", "a number of 0 or more");
     return std::chrono::duration<double>(value.asDouble());
   }
 
+  /// Returns the bytes of a text of hexadecimal digits.
   [[nodiscard]] Data bytes(std::string_view name) const {
     const std::string digits = text(name).value_or("");
     Data bytes;
-    for (std::size_t at = 0; at < digits.size(); at += 2) {
-      const std::string pair = digits.substr(at, 2);
-      const bool isHex = pair.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos && pair.size() == 2;
-      if (!isHex) throw bad(name, "text of two hexadecimal digits a byte");
-      bytes.push_back(static_cast<std::uint8_t>(std::stoul(pair, nullptr, 16)));
+    constexpr std::size_t kDigitsPerByte = 2;
+    constexpr int kHexadecimal = 16;
+    for (std::size_t at = 0; at < digits.size(); at += kDigitsPerByte) {
+      const std::string pair = digits.substr(at, kDigitsPerByte);
+      const bool isHex =
+          pair.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos && pair.size() == kDigitsPerByte;
+      if (!isHex) throw bad(name, "a text with two hexadecimal digits per byte");
+      bytes.push_back(static_cast<std::uint8_t>(std::stoul(pair, nullptr, kHexadecimal)));
     }
     return bytes;
   }
 
  private:
   template <class Content, class Optional>
-  [[nodiscard]] Optional get(std::string_view name, const char* type) const {
+  [[nodiscard]] Optional get(std::string_view name, const char* expected) const {
     if (!has(name)) return std::nullopt;
     const auto* content = members_[name].get<Content>();
-    if (content == nullptr) throw bad(name, type);
+    if (content == nullptr) throw bad(name, expected);
     return *content;
   }
 
-  static BadLine bad(std::string_view name, const char* type) {
-    return BadLine("\"" + std::string(name) + "\" is no " + type);
+  static BadLine bad(std::string_view name, const char* expected) {
+    return BadLine("\"" + std::string(name) + "\" is not " + expected);
   }
 
   Dictionary members_;
 };
 
-void logAppEvent(const Members& line) {
-  const auto name = line.text("name");
-  const auto info = line.info();
-  if (line.has("shouldFlatten")) {
-    KelvoSDK::logAppEventWithName(name, info, line.flag("shouldFlatten"), line.flag("isAggregate"));
-  } else if (line.has("isAggregate")) {
-    KelvoSDK::logAppEventWithName(name, info, line.flag("isAggregate"));
+void logAppEvent(const Members& members) {
+  const auto name = members.text("name");
+  const auto info = members.info();
+  if (members.has("shouldFlatten")) {
+    KelvoSDK::logAppEventWithName(name, info, members.flag("shouldFlatten"), members.flag("isAggregate"));
+  } else if (members.has("isAggregate")) {
+    KelvoSDK::logAppEventWithName(name, info, members.flag("isAggregate"));
   } else {
     KelvoSDK::logAppEventWithName(name, info);
   }
 }
 
-void logClientEvent(const Members& line) {
-  const auto name = line.text("name");
-  const auto info = line.info();
-  if (line.has("shouldFlatten")) {
-    KelvoSDK::logClientEventWithName(name, info, line.flag("shouldFlatten"));
+void logClientEvent(const Members& members) {
+  const auto name = members.text("name");
+  const auto info = members.info();
+  if (members.has("shouldFlatten")) {
+    KelvoSDK::logClientEventWithName(name, info, members.flag("shouldFlatten"));
   } else {
     KelvoSDK::logClientEventWithName(name, info);
   }
 }
 
-void deviceToken(const Members& line) {
-  if (line.has("hex")) {
-    Application::logDeviceToken(line.bytes("hex"));
+void deviceToken(const Members& members) {
+  if (members.has("hex")) {
+    Application::logDeviceToken(members.bytes("hex"));
   } else {
-    Application::logDeviceToken(line.text("text"));
+    Application::logDeviceToken(members.text("text"));
   }
 }
 
@@ -105,35 +111,39 @@ void printDeviceID() {
   std::fflush(stdout);
 }
 
-void listen(const Members& line) {
-  if (line.has("type") == line.has("identifier")) throw BadLine("listen takes either \"type\" or \"identifier\"");
-  if (line.has("identifier")) return listenForIdentifier(line.needed("identifier"));
-  if (!listenForType(line.needed("type"))) throw BadLine("no such type: " + line.needed("type"));
+void listen(const Members& members) {
+  if (members.has("type") == members.has("identifier")) throw BadLine("listen takes either \"type\" or \"identifier\"");
+  if (members.has("identifier")) return listenForIdentifier(members.required("identifier"));
+  if (!listenForType(members.required("type"))) throw BadLine("no such type: " + members.required("type"));
 }
 
 using Call = std::function<void(const Members&)>;
 
 const std::map<std::string, Call>& calls() {
   static const std::map<std::string, Call> all{
-      {"initializeKelvoWithID", [](const Members& line) { KelvoSDK::initializeKelvoWithID(line.text("id")); }},
+      {"initializeKelvoWithID", [](const Members& members) { KelvoSDK::initializeKelvoWithID(members.text("id")); }},
       {"logAppEventWithName", logAppEvent},
       {"logClientEventWithName", logClientEvent},
-      {"logScreenWithName", [](const Members& line) { KelvoSDK::logScreenWithName(line.text("name")); }},
-      {"setUserIdentifier", [](const Members& line) { KelvoSDK::setUserIdentifier(line.text("identifier")); }},
-      {"setUserCustomInfo", [](const Members& line) { KelvoSDK::setUserCustomInfo(line.info()); }},
-      {"setSessionCustomInfo", [](const Members& line) { KelvoSDK::setSessionCustomInfo(line.info()); }},
-      {"reportCustomError", [](const Members& line) { KelvoSDK::reportCustomError(line.text("error"), line.info()); }},
+      {"logScreenWithName", [](const Members& members) { KelvoSDK::logScreenWithName(members.text("name")); }},
+      {"setUserIdentifier", [](const Members& members) { KelvoSDK::setUserIdentifier(members.text("identifier")); }},
+      {"setUserCustomInfo", [](const Members& members) { KelvoSDK::setUserCustomInfo(members.info()); }},
+      {"setSessionCustomInfo", [](const Members& members) { KelvoSDK::setSessionCustomInfo(members.info()); }},
+      {"reportCustomError",
+       [](const Members& members) { KelvoSDK::reportCustomError(members.text("error"), members.info()); }},
       {"deviceToken", deviceToken},
       {"didBecomeActive", [](const Members&) { Application::didBecomeActive(); }},
-      {"willShow", [](const Members& line) { Application::willShow(line.text("screen"), line.text("title")); }},
-      {"didShow", [](const Members& line) { Application::didShow(line.text("screen"), line.text("title")); }},
+      {"willShow",
+       [](const Members& members) { Application::willShow(members.text("screen"), members.text("title")); }},
+      {"didShow", [](const Members& members) { Application::didShow(members.text("screen"), members.text("title")); }},
       {"willResignActive", [](const Members&) { Application::willResignActive(); }},
       {"getDeviceID", [](const Members&) { printDeviceID(); }},
       {"listen", listen},
       {"sync",
-       [](const Members& line) { sync(line.needed("type"), line.text("version").value_or("1"), line.seconds()); }},
-      {"wait", [](const Members& line) { std::this_thread::sleep_until(deadlineIn(line.seconds())); }},
-      {"waitUntilReady", [](const Members& line) { waitUntilStarted(deadlineIn(line.seconds())); }},
+       [](const Members& members) {
+         sync(members.required("type"), members.text("version").value_or("1"), members.seconds());
+       }},
+      {"wait", [](const Members& members) { std::this_thread::sleep_until(deadlineIn(members.seconds())); }},
+      {"waitUntilReady", [](const Members& members) { waitUntilStarted(deadlineIn(members.seconds())); }},
   };
   return all;
 }
@@ -143,12 +153,12 @@ const std::map<std::string, Call>& calls() {
 void play(const std::string& line) {
   std::string error;
   const auto parsed = parseJSON(line, &error);
-  if (!parsed) throw BadLine("no JSON: " + error);
+  if (!parsed) throw BadLine("not JSON: " + error);
   const auto* members = parsed->get<Dictionary>();
-  if (members == nullptr) throw BadLine("no JSON object");
+  if (members == nullptr) throw BadLine("not a JSON object");
   std::string name = "logAppEventWithName";
   if (const Value& call = (*members)["call"]; !call.isNull()) {
-    if (call.get<std::string>() == nullptr) throw BadLine("\"call\" is no text");
+    if (call.get<std::string>() == nullptr) throw BadLine("\"call\" is not a text");
     name = *call.get<std::string>();
   }
   const auto call = calls().find(name);

@@ -7,13 +7,14 @@
 
 namespace kelvo::log {
 
-/// A line that cannot be played; `what()` says why.
+/// Thrown for a line that cannot be played. `what()` returns the reason.
 class BadLine : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// Plays one host call, given as a JSON object; a member that is absent or null is nil. Throws `BadLine`.
+/// Makes the host call that `line` describes as a JSON object. A missing or null member is passed as nil. Throws
+/// `BadLine`.
 void play(const std::string& line);
 
 }  // namespace kelvo::log

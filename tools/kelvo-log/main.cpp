@@ -16,19 +16,20 @@
 namespace kelvo::log {
 namespace {
 
-constexpr int kLinesBetweenStores = 500;
+constexpr int kLinesBetweenWaits = 500;
 
 enum ExitStatus { kDelivered = 0, kBadLines = 1, kWrongUsage = 2, kNotDelivered = 3, kNotCollecting = 4 };
 
 constexpr const char* kHelp =
     R"(usage: kelvo-log [--app-id ID] [--wait SECONDS] [FILE]
 
-Plays host calls through the library: reads FILE or standard input, one JSON
-object a line, and plays each line as it arrives. Blank lines and lines that
-begin with # are skipped. Without --app-id, the bundle's Info.plist decides. At
-the end it waits up to --wait seconds (10) until every chunk is accepted.
+Makes host calls through the library. Reads FILE or standard input, one JSON
+object per line, and makes each call as its line arrives. Skips blank lines and
+lines that begin with #. Without --app-id, the application id comes from the
+bundle's Info.plist. At the end, waits until every chunk is accepted, for --wait
+seconds at most (default 10).
 
-"call" names the call; without it, logAppEventWithName:
+"call" names the call (default logAppEventWithName). The calls and their members:
   initializeKelvoWithID   id             getDeviceID
   logAppEventWithName     name, info, isAggregate, shouldFlatten
   logClientEventWithName  name, info, shouldFlatten
@@ -37,15 +38,17 @@ the end it waits up to --wait seconds (10) until every chunk is accepted.
   reportCustomError       error, info    deviceToken           text, or hex
   setUserIdentifier       identifier     wait, waitUntilReady  seconds
   didBecomeActive, willResignActive
-  listen: from now on each delivered event of a type ("App", "Client", "Agg" ...)
-    or exact identifier ("4___Purchase") is printed as one JSON line
-  sync: type ("rta", "survey"), version (1), seconds: brings the saved actions in
-    step with the service, and prints whether the callback came in time
+  listen                  type ("App", "Client", "Agg" ...), or
+                          identifier (type number and name: "4___Purchase")
+    prints each later event that matches as one line of JSON
+  sync                    type ("rta" or "survey"), version (default 1), seconds
+    updates the saved actions from the service, and prints if it called back in
+    time
 
-Environment: KELVO_SERVER_BASE_URL (the service), KELVO_HOME (where data lies),
-KELVO_BUNDLE (the bundle). Exit status: 0 all delivered; 1 delivered, but bad
-lines were skipped; 2 wrong usage; 3 something was not delivered; 4 collection
-is disabled, or another process uses the home.
+Environment: KELVO_SERVER_BASE_URL (the service), KELVO_HOME (the home),
+KELVO_BUNDLE (the bundle). Exit status: 0 all delivered; 1 all delivered, but
+bad lines were skipped; 2 wrong usage; 3 not everything was delivered;
+4 collection is disabled, or another process uses the home.
 )";
 
 struct Options {
@@ -62,7 +65,7 @@ std::optional<double> parseSeconds(const char* text) {
   return seconds;
 }
 
-/// nullopt, after a line, for wrong usage.
+/// Returns nullopt for wrong usage, after printing the reason.
 std::optional<Options> parse(int argc, char** argv) {
   Options options;
   for (int i = 1; i < argc; ++i) {
@@ -78,7 +81,7 @@ std::optional<Options> parse(int argc, char** argv) {
       }
       options.waitSeconds = *seconds;
     } else if ((!argument.empty() && argument[0] == '-' && argument != "-") || options.file) {
-      std::fprintf(stderr, "kelvo-log: cannot make sense of %s; --help tells the usage\n", argument.c_str());
+      std::fprintf(stderr, "kelvo-log: unknown argument %s; see kelvo-log --help\n", argument.c_str());
       return std::nullopt;
     } else {
       options.file = argument;
@@ -87,7 +90,7 @@ std::optional<Options> parse(int argc, char** argv) {
   return options;
 }
 
-/// Plays all lines; the number of bad ones.
+/// Plays all lines. Returns the number of bad lines.
 int playAll(std::istream& input) {
   int bad = 0;
   int played = 0;
@@ -102,7 +105,7 @@ int playAll(std::istream& input) {
       ++bad;
       std::fprintf(stderr, "kelvo-log: line %ld: %s\n", number, fault.what());
     }
-    if (++played % kLinesBetweenStores == 0) keepPace();
+    if (++played % kLinesBetweenWaits == 0) keepPace();
   }
   return bad;
 }
@@ -110,20 +113,22 @@ int playAll(std::istream& input) {
 ExitStatus finish(const Options& options, int bad) {
   auto& controller = KLVController::sharedController();
   if (!controller.isSDKInitCalled()) {
-    std::fprintf(stderr, "kelvo-log: the library was never started: give --app-id, or a bundle that names an id\n");
+    std::fprintf(stderr,
+                 "kelvo-log: the library was never started: give --app-id, or a bundle with an application id\n");
     return kWrongUsage;
   }
   const Deadline deadline = deadlineIn(std::chrono::duration<double>(options.waitSeconds));
-  // What is reported to a library that still starts goes to a file for the next launch, so let it start first.
+  // During the start-up, the library would write the calls to a file for the next launch. So let it start first.
   const bool started = waitUntilStarted(deadline);
   Application::willResignActive();
   if (!started) {
     waitUntilStored();
-    std::fprintf(stderr, "kelvo-log: the start-up has not ended; what was played waits for the next launch\n");
+    std::fprintf(stderr, "kelvo-log: the start-up has not ended; all events wait for the next launch\n");
     return kNotDelivered;
   }
   if (!controller.enableSDK()) {
-    std::fprintf(stderr, "kelvo-log: nothing is collected: disabled, or another process uses this home\n");
+    std::fprintf(stderr,
+                 "kelvo-log: nothing is collected: collection is disabled, or another process uses this home\n");
     return kNotCollecting;
   }
   if (const std::size_t left = chunksLeftBehind(deadline); left > 0) {

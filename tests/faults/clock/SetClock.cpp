@@ -1,5 +1,6 @@
-// Preloaded into a program, sets its wall clock: by as many seconds as the file KELVO_TEST_CLOCK says, which the test
-// changes while the program runs. The monotonic clock goes on, as it does when a user sets the time.
+// Preloaded into a program: shifts its wall clock by the number of seconds (a 64-bit integer) in the file
+// KELVO_TEST_CLOCK. The test changes the file while the program runs. The monotonic clock is not shifted, as when a
+// user sets the time.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -27,7 +28,7 @@ const volatile std::int64_t* mappedShift() {
 extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept {
   static std::atomic<const volatile std::int64_t*> mapped{nullptr};
   const volatile std::int64_t* shift = mapped;
-  if (shift == nullptr) mapped = shift = mappedShift();  // not before the process has its environment
+  if (shift == nullptr) mapped = shift = mappedShift();  // not at load, when the environment may not be set up
   const auto result = syscall(SYS_clock_gettime, clock, time);
   if (result == 0 && clock == CLOCK_REALTIME && shift != nullptr) time->tv_sec += *shift;
   return static_cast<int>(result);

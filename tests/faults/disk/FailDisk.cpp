@@ -1,6 +1,6 @@
-// Preloaded into a program, makes the disk below its SQLite fail as KELVO_TEST_DISK says: the number of the operation
-// in `FaultVFS::Operation`, 1 for failing for ever after, which one is the first to fail, and a file for how many
-// failed.
+// Preloaded into a program: makes SQLite's disk operations fail. KELVO_TEST_DISK consists of four fields: the kind of
+// operation (a number of `FaultVFS::Operation`), 1 to fail all later ones too, which operation fails first (from 1),
+// and the path of a file that receives the number of failures.
 
 #include <cstdlib>
 #include <fstream>
@@ -18,7 +18,7 @@ struct Disk {
     if (plan == nullptr) return;
     int operation = 0, forEver = 0, number = 0;
     std::istringstream(plan) >> operation >> forEver >> number >> report;
-    vfs = new FaultVFS;  // never destroyed: the program closes its database when it likes
+    vfs = new FaultVFS;  // never destroyed: the program may close its database later
     vfs->fail(static_cast<FaultVFS::Operation>(operation),
               forEver != 0 ? FaultVFS::Persistence::forEver : FaultVFS::Persistence::once, number);
   }

@@ -1,5 +1,5 @@
-// A host that knows the library by a plug-in only, which it loads at run time. It uses SQLite and curl for itself, and
-// has set up the process to its taste.
+// A host that does not link the library. It loads manners/host/plugin.cpp at run time, which does. The host also uses
+// SQLite and curl, and changes the settings of its process; at the end it prints each setting that the library changed.
 
 #include <curl/curl.h>
 #include <dlfcn.h>
@@ -22,7 +22,7 @@
 
 namespace {
 
-/// Loads the plug-in, has it do something, and lets go of it.
+/// Loads the plug-in, calls the functions, and unloads the plug-in.
 void callPlugIn(const char* path, std::initializer_list<const char*> functions) {
   void* const plugIn = dlopen(path, RTLD_NOW | RTLD_LOCAL);
   if (plugIn == nullptr) std::cerr << dlerror() << std::endl;
@@ -30,15 +30,15 @@ void callPlugIn(const char* path, std::initializer_list<const char*> functions) 
   dlclose(plugIn);
 }
 
-void untilTold() {
+void waitForLine() {
   std::cin.ignore(100, '\n');
 }
 
-/// As text: what a process has once, and a library could change under its host.
+/// Returns the settings that a process has only once and that a library could change, as text.
 std::map<std::string, std::string> settings() {
   std::map<std::string, std::string> all;
   const auto bytes = [](const auto& value) {
-    return std::string(reinterpret_cast<const char*>(&value), sizeof value);  // compared, not read
+    return std::string(reinterpret_cast<const char*>(&value), sizeof value);  // only compared
   };
   for (int number = 1; number < NSIG; ++number) {
     struct sigaction action {};
@@ -61,7 +61,8 @@ std::map<std::string, std::string> settings() {
   return all;
 }
 
-void setUpToTaste() {
+/// Changes settings to values that differ from the defaults.
+void changeSettings() {
   std::setlocale(LC_ALL, "");
   umask(027);
   static_cast<void>(!chdir("/"));
@@ -98,23 +99,23 @@ void useCurl() {
 
 }  // namespace
 
-/// The host lets go of the plug-in and of its own curl while the library goes on, and comes back to both.
+/// The host unloads the plug-in and ends its use of curl while the library is running. Then it uses both again.
 int main(int, char** arguments) {
   const char* const plugIn = arguments[1];
-  setUpToTaste();
+  changeSettings();
   curl_global_init(CURL_GLOBAL_DEFAULT);
   useCurl();
   useSQLite();
   const auto before = settings();
   callPlugIn(plugIn, {"start"});
-  untilTold();
+  waitForLine();
   callPlugIn(plugIn, {"logAndResign"});
   if (dlopen(plugIn, RTLD_NOW | RTLD_NOLOAD) != nullptr) std::cout << "the plug-in is still there" << std::endl;
-  untilTold();
+  waitForLine();
   useCurl();
   curl_global_cleanup();
   callPlugIn(plugIn, {"start", "logAndResign"});
-  untilTold();
+  waitForLine();
   curl_global_init(CURL_GLOBAL_DEFAULT);
   useCurl();
   useSQLite();

@@ -1,6 +1,7 @@
-// A host of the shared library that knows the public headers only, and does what it is told, a line at a time: a word
-// of the table at the end and what follows it, or else an event of that name. What the test has to know it prints. At
-// the end of its input it returns from main, whatever its threads do: with 0, or with 9 when any call took long.
+// A host of the shared library that uses the public headers only. A test controls it by lines of input: a line that
+// begins with a word of the table below runs that command; any other line logs an event of that name. The host prints
+// what the test needs to know. At the end of its input it returns from main, even if its threads are still running:
+// with 0, or with `kSlowCall` if any call took too long.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -29,6 +30,13 @@ using kelvo::Application;
 using kelvo::KelvoSDK;
 using std::chrono::steady_clock;
 
+constexpr int kSlowCall = 9;
+constexpr int kLeft = 33;
+constexpr int kFault = 7;
+constexpr int kChildWasIdle = 5;
+constexpr int kThreads = 8;
+constexpr unsigned kLongestRunSeconds = 100;
+
 void play(const std::string& line);
 
 // --- Calls from many threads
@@ -39,8 +47,8 @@ struct Burst {
   std::atomic<bool> slow{false};
 
   void begin(int count, std::chrono::microseconds pause) {
-    running = 8;
-    for (int thread = 0; thread < 8; ++thread) {
+    running = kThreads;
+    for (int thread = 0; thread < kThreads; ++thread) {
       std::thread([this, thread, count, pause] {
         for (int number = 0; number < count && !over; ++number) {
           const auto before = steady_clock::now();
@@ -58,31 +66,32 @@ struct Burst {
     for (int left = running; left > 0; left = running) running.wait(left);
   }
 };
-Burst burst;  // its threads may outlive main
+Burst burst;  // its threads may still run after main has returned
 
-// --- Its ends and its children
+// --- Ends of the process, and child processes
 
-/// Ends the process, and says when it began to.
+/// Prints the time, in milliseconds of the steady clock, and ends the process.
 [[noreturn]] void leave() {
   const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now().time_since_epoch());
   std::cout << "leaving at " << now.count() << std::endl;
-  std::exit(33);
+  std::exit(kLeft);
 }
 
-/// Its handler names the thread.
+/// Causes a fault on the calling thread. The host's handler prints the thread's name.
 void fault() {
   struct sigaction action {};
   action.sa_handler = [](int) {
     char name[16] = {};
     prctl(PR_GET_NAME, name);
     static_cast<void>(!write(STDOUT_FILENO, name, std::strlen(name)));
-    _exit(7);
+    _exit(kFault);
   };
   sigaction(SIGSEGV, &action, nullptr);
   *static_cast<volatile char*>(mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) = 1;
 }
 
-/// What a program that forked without a thought for its library would go on to do.
+/// Uses the library in a forked child, as a host that does not care would. Exits with `kChildWasIdle` if the calls had
+/// no effect.
 [[noreturn]] void liveAsChild() {
   alarm(30);
   play("start");
@@ -93,7 +102,7 @@ void fault() {
   Application::setLogSink({});
   Application::setMainLoop([](const std::function<void()>& task) { task(); }, [] { return true; });
   Application::willResignActive();
-  std::exit(KelvoSDK::getDeviceID() ? 1 : 5);
+  std::exit(KelvoSDK::getDeviceID() ? EXIT_FAILURE : kChildWasIdle);
 }
 
 void forkChildren(const std::string& count) {
@@ -106,13 +115,15 @@ void forkChildren(const std::string& count) {
   }
 }
 
-// --- Its standard error
+// --- Standard error
 
+/// Closes standard error and opens a file, which gets the same descriptor.
 void reuse(const std::string& path) {
   close(STDERR_FILENO);
   if (open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600) != STDERR_FILENO) std::abort();
 }
 
+/// Makes standard error a pipe without a reader.
 void breakPipe() {
   int ends[2];
   if (pipe(ends) != 0) std::abort();
@@ -129,7 +140,7 @@ const std::map<std::string, Word>& words() {
       {"start", [](auto&) { KelvoSDK::initializeKelvoWithID("shop"); }},
       {"background", [](auto&) { Application::willResignActive(); }},
       {"foreground", [](auto&) { Application::didBecomeActive(); }},
-      // COUNT PAUSE: eight threads log, COUNT events each, PAUSE microseconds apart.
+      // burst COUNT PAUSE: eight threads log COUNT events each, PAUSE microseconds apart.
       {"burst",
        [](auto& rest) {
          const auto pause = rest.find(' ');
@@ -144,7 +155,7 @@ const std::map<std::string, Word>& words() {
       {"fork", forkChildren},
       {"reuse", reuse},
       {"breakPipe", [](auto&) { breakPipe(); }},
-      // These play the rest of the line elsewhere: on a thread, and where the library calls the host.
+      // These play the rest of the line on a new thread, in the log sink, and in the main loop's `post`.
       {"thread", [](auto& rest) { std::thread(play, rest).detach(); }},
       {"sink",
        [](auto& rest) {
@@ -168,10 +179,11 @@ void play(const std::string& line) {
 }  // namespace
 
 int main() {
-  alarm(100);  // a hang ends the process by a signal
-  // Whoever waits for a line holds no lock of the C library, and writes nothing that another thread is about to write.
+  alarm(kLongestRunSeconds);  // ends a hanging process by a signal
+  // While this thread waits for a line, it must hold no lock of the C library and must not flush another thread's
+  // output.
   std::ios::sync_with_stdio(false);
   std::cin.tie(nullptr);
   for (std::string line; std::getline(std::cin, line);) play(line);
-  return burst.slow ? 9 : 0;
+  return burst.slow ? kSlowCall : EXIT_SUCCESS;
 }

@@ -1,4 +1,4 @@
-// A host's plug-in that brings the library into the process.
+// A host's plug-in that links the shared library, and so loads it into the process.
 
 #include "kelvo/Application.h"
 #include "kelvo/KelvoSDK.h"

@@ -1,5 +1,5 @@
-// A plug-in in a shared object, which knows the public headers only: prints what the host logs, and misbehaves on
-// demand.
+// A plug-in in a shared object that uses the public headers only. It prints the host's events. The environment variable
+// ECHO_BLOCKS_START makes it block the start; an event "Exit" makes it end the process.
 
 #include <unistd.h>
 
@@ -9,6 +9,8 @@
 #include "kelvo/Plugin.h"
 
 namespace {
+
+constexpr int kExitStatus = 7;
 
 class EchoPlugin final : public kelvo::Plugin {
  public:
@@ -22,7 +24,7 @@ class EchoPlugin final : public kelvo::Plugin {
   void onEvent(const kelvo::Event& event) override {
     std::printf("Echo: %s\n", event.name.c_str());
     std::fflush(stdout);
-    if (event.name == "Exit") std::exit(7);
+    if (event.name == "Exit") std::exit(kExitStatus);
   }
 };
 KELVO_PLUGIN(EchoPlugin);

@@ -1,4 +1,4 @@
-// A plug-in's shared object that nobody can load for good: what it calls is defined nowhere.
+// A plug-in's shared object that cannot be loaded: it calls a function that no library defines.
 
 extern "C" void kelvo_defined_nowhere();
 extern "C" void kelvo_called_some_day();

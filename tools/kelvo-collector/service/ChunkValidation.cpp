@@ -8,13 +8,15 @@ namespace {
 
 using Fault = std::optional<std::string>;
 
+// A function called `faultOf...` returns nullopt if its argument is valid, else a sentence that names the first invalid
+// member and says what is wrong with it.
 enum class Type : std::uint8_t { Text, Integer, Number, Bool, Object, List, Any };
-enum class Presence : std::uint8_t { Always, Maybe };
+enum class Presence : std::uint8_t { Required, Optional };
 
 struct Member {
   const char* name;
   Type type;
-  Presence presence = Presence::Always;
+  Presence presence = Presence::Required;
 };
 using Members = std::initializer_list<Member>;
 
@@ -47,13 +49,14 @@ Fault faultOfType(const Value& value, Type type, const std::string& place) {
   return std::nullopt;
 }
 
-/// `place` is the dotted name of `object`; empty for the body itself.
+/// Checks that `object` has all required members, and that each listed member has its type. `place` is the dotted name
+/// of `object`; it is empty for the body itself.
 Fault faultOfMembers(const Dictionary& object, const std::string& place, const Members& members) {
   for (const Member& member : members) {
     const std::string name = place.empty() ? member.name : place + "." + member.name;
     const Value* value = object.find(member.name);
     if (value == nullptr) {
-      if (member.presence == Presence::Always) return name + " is missing";
+      if (member.presence == Presence::Required) return name + " is missing";
       continue;
     }
     if (auto fault = faultOfType(*value, member.type, name)) return fault;
@@ -67,9 +70,11 @@ Fault faultOfObject(const Dictionary& parent, const char* name, const Members& m
   return faultOfMembers(*value.get<Dictionary>(), name, members);
 }
 
+/// Checks the members of each element of `list`, then calls `more` for the element unless it is null. A null `list`
+/// is valid: it is an optional list that is missing.
 Fault faultOfElements(const Value& list, const std::string& place, const Members& members,
                       Fault (*more)(const Dictionary&, const std::string&) = nullptr) {
-  if (list.isNull()) return std::nullopt;  // an optional list that is not there
+  if (list.isNull()) return std::nullopt;
   const Array& elements = *list.get<Array>();
   for (std::size_t i = 0; i < elements.size(); ++i) {
     const std::string name = place + "[" + std::to_string(i) + "]";
@@ -82,7 +87,7 @@ Fault faultOfElements(const Value& list, const std::string& place, const Members
   return std::nullopt;
 }
 
-/// Each attribute of an aggregate event lists the values that it had, each with the number of times.
+/// Checks the attributes of an aggregate event: each is a list of [value, count] pairs.
 Fault faultOfAggregate(const Dictionary& event, const std::string& place) {
   for (const auto& [key, values] : *event["attributes"].get<Dictionary>()) {
     const std::string name = place + ".attributes." + key;
@@ -124,8 +129,8 @@ Fault faultOfDetails(const Dictionary& body) {
                                   {"system_events", Type::List},
                                   {"navigation_events", Type::List},
                                   {"app_events", Type::List},
-                                  {"user_events", Type::List, Presence::Maybe},
-                                  {"incidents", Type::List, Presence::Maybe}})) {
+                                  {"user_events", Type::List, Presence::Optional},
+                                  {"incidents", Type::List, Presence::Optional}})) {
     return fault;
   }
   const auto& details = *body["chunk_details"].get<Dictionary>();
@@ -141,12 +146,12 @@ Fault faultOfDetails(const Dictionary& body) {
                               {"duration", Type::Number},
                               {"transition_time", Type::Integer}});
   check("app_events",
-        {{"name", Type::Text}, {"time", Type::Integer}, {"additional_info", Type::Object, Presence::Maybe}});
+        {{"name", Type::Text}, {"time", Type::Integer}, {"additional_info", Type::Object, Presence::Optional}});
   check("user_events", {{"id", Type::Text}, {"time", Type::Integer}, {"type", Type::Text}});
   check("incidents", {{"incident_id", Type::Text},
                       {"incident_type", Type::Text},
                       {"time_of_occurrence", Type::Integer},
-                      {"incident_specific_details", Type::Object, Presence::Maybe}});
+                      {"incident_specific_details", Type::Object, Presence::Optional}});
   return fault;
 }
 
@@ -165,7 +170,7 @@ Fault faultOfAppAndDevice(const Dictionary& body) {
                                   {"os_version", Type::Text},
                                   {"platform", Type::Text},
                                   {"dimensions", Type::Object},
-                                  {"device_registration_token", Type::Text, Presence::Maybe}})) {
+                                  {"device_registration_token", Type::Text, Presence::Optional}})) {
     return fault;
   }
   const auto& device = *body["device_info"].get<Dictionary>();
@@ -193,8 +198,8 @@ Fault faultOfSDKAndSession(const Dictionary& body) {
                         {"is_first_session", Type::Bool},
                         {"is_background", Type::Bool},
                         {"is_fatal", Type::Bool},
-                        {"total_duration", Type::Number, Presence::Maybe},
-                        {"additional_info", Type::Object, Presence::Maybe}});
+                        {"total_duration", Type::Number, Presence::Optional},
+                        {"additional_info", Type::Object, Presence::Optional}});
 }
 
 }  // namespace

@@ -7,11 +7,11 @@
 
 namespace kelvo::collector {
 
-/// Why `body` is no chunk, naming the first member that is wrong ("chunk_details.app_events[3].time is not an
-/// integer"); nullopt for a good one. Members that nobody asked for are let through.
+/// Returns nullopt if `body` is a valid chunk. Otherwise returns the first fault and names its member:
+/// "chunk_details.app_events[3].time is not an integer". Unknown members are ignored.
 [[nodiscard]] std::optional<std::string> faultOfChunk(const Value& body);
 
-/// The same for the body of a user-info upload.
+/// As `faultOfChunk`, for the body of a user-info upload.
 [[nodiscard]] std::optional<std::string> faultOfUserInfo(const Value& body);
 
 }  // namespace kelvo::collector

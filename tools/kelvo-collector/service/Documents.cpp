@@ -16,45 +16,60 @@ using Errors = std::vector<std::string>;
 
 constexpr const char* kDocuments[] = {"enabled", "config", "client-events", "actions/rta", "actions/survey"};
 
-enum class Type : std::uint8_t { Bool, Text, Number, Hour, Minute, Object };
+enum class Type : std::uint8_t { Bool, LogLevel, Text, Number, Hour, Minute, Object };
 
 struct Member {
   const char* name;
   Type type;
 };
 
-/// What the library reads of a configuration. Others are passed on to it as they are.
-constexpr Member kConfiguration[] = {{"enable", Type::Bool},
-                                     {"platform", Type::Text},
-                                     {"max_fg_chunk_send_time", Type::Number},
-                                     {"max_bg_chunk_send_time", Type::Number},
-                                     {"max_chunk_event_count", Type::Number},
-                                     {"max_inactive_session_time", Type::Number},
-                                     {"chunk_retry_window", Type::Number},
-                                     {"tickinterval", Type::Number},
-                                     {"send_sessions_on_sdk_start", Type::Bool},
-                                     {"real_time_actions_enabled", Type::Bool},
-                                     {"heartbeat", Type::Object},
-                                     {"Monitoring", Type::Object},
-                                     {"Modules", Type::Object},
-                                     {"service_paths", Type::Object}};
-constexpr Member kHeartbeat[] = {{"enable", Type::Bool}, {"hour", Type::Hour}, {"minute", Type::Minute}};
+// A configuration may have more keys than those listed here; their values are not checked.
+
+/// The library drops a configuration without these keys.
+constexpr const char* kRequiredKeys[] = {"enable", "service_paths"};
+/// The keys that the library reads.
+constexpr Member kLibraryKeys[] = {
+    {"enable", Type::Bool}, {"log_level", Type::LogLevel}, {"max_fg_chunk_send_time", Type::Number}};
+/// The keys that the library only saves and hands to plug-ins.
+constexpr Member kPlugInKeys[] = {{"platform", Type::Text},
+                                  {"max_bg_chunk_send_time", Type::Number},
+                                  {"max_chunk_event_count", Type::Number},
+                                  {"max_inactive_session_time", Type::Number},
+                                  {"chunk_retry_window", Type::Number},
+                                  {"tickinterval", Type::Number},
+                                  {"send_sessions_on_sdk_start", Type::Bool},
+                                  {"real_time_actions_enabled", Type::Bool},
+                                  {"heartbeat", Type::Object},
+                                  {"Monitoring", Type::Object},
+                                  {"Modules", Type::Object},
+                                  {"service_paths", Type::Object}};
+constexpr Member kHeartbeatKeys[] = {{"enable", Type::Bool}, {"hour", Type::Hour}, {"minute", Type::Minute}};
+
+constexpr std::int64_t kLastHour = 23;
+constexpr std::int64_t kLastMinute = 59;
 
 bool isWithin(const Value& value, std::int64_t most) {
   return value.isInteger() && value.asInt64() >= 0 && value.asInt64() <= most;
 }
 
-/// What `value` should be and is not; null when it is.
-const char* expected(const Value& value, Type type) {
+/// The library logs errors only for every value other than "debug" and "warn". Of those values, only "error" is
+/// accepted, so a misspelt level is refused.
+bool isLogLevel(const Value& value) {
+  return value == Value("debug") || value == Value("warn") || value == Value("error");
+}
+
+/// Returns null if `value` is of `type`, else a description of the expected value.
+const char* mismatch(const Value& value, Type type) {
   switch (type) {
     case Type::Bool: return value.get<bool>() != nullptr ? nullptr : "true or false";
+    case Type::LogLevel: return isLogLevel(value) ? nullptr : "\"debug\", \"warn\" or \"error\"";
     case Type::Text: return value.get<std::string>() != nullptr ? nullptr : "a text";
     case Type::Number: {
       const bool fits = value.isNumber() && value.get<bool>() == nullptr && value.asDouble() >= 0;
       return fits ? nullptr : "a number from 0";
     }
-    case Type::Hour: return isWithin(value, 23) ? nullptr : "an hour from 0 to 23";
-    case Type::Minute: return isWithin(value, 59) ? nullptr : "a minute from 0 to 59";
+    case Type::Hour: return isWithin(value, kLastHour) ? nullptr : "an hour from 0 to 23";
+    case Type::Minute: return isWithin(value, kLastMinute) ? nullptr : "a minute from 0 to 59";
     case Type::Object: return value.get<Dictionary>() != nullptr ? nullptr : "an object";
   }
   return nullptr;
@@ -64,8 +79,8 @@ template <std::size_t kCount>
 void checkMembers(const Dictionary& object, const Member (&members)[kCount], const std::string& place, Errors& errors) {
   for (const Member& member : members) {
     const Value* value = object.find(member.name);
-    const char* should = value == nullptr ? nullptr : expected(*value, member.type);
-    if (should != nullptr) errors.push_back(place + member.name + " is not " + should);
+    const char* expected = value == nullptr ? nullptr : mismatch(*value, member.type);
+    if (expected != nullptr) errors.push_back(place + member.name + " is not " + expected);
   }
 }
 
@@ -81,12 +96,13 @@ Errors applyConfiguration(ServiceState& state, const Value& body) {
   const auto* configuration = body.get<Dictionary>();
   if (configuration == nullptr) return {"the configuration is not an object"};
   Errors errors;
-  for (const char* name : {"enable", "service_paths"}) {  // without them the library keeps its former configuration
+  for (const char* name : kRequiredKeys) {
     if ((*configuration)[name].isNull()) errors.push_back(std::string(name) + " is missing");
   }
-  checkMembers(*configuration, kConfiguration, "", errors);
+  checkMembers(*configuration, kLibraryKeys, "", errors);
+  checkMembers(*configuration, kPlugInKeys, "", errors);
   if (const auto* heartbeat = (*configuration)["heartbeat"].get<Dictionary>()) {
-    checkMembers(*heartbeat, kHeartbeat, "heartbeat.", errors);
+    checkMembers(*heartbeat, kHeartbeatKeys, "heartbeat.", errors);
   }
   if (const auto* paths = (*configuration)["service_paths"].get<Dictionary>()) {
     for (const auto& [name, path] : *paths) {
@@ -124,7 +140,7 @@ Errors applyClientEvents(ServiceState& state, const Value& body) {
   return errors;
 }
 
-/// The ids travel as "PID_MID,PID_MID".
+/// Ids are sent as "PID_MID,PID_MID", so neither may contain a separator.
 bool isActionId(const std::string* text) {
   return text != nullptr && !text->empty() && text->find_first_of("_,") == std::string::npos;
 }
@@ -150,7 +166,7 @@ Errors applyActions(ServiceState& state, const std::string& type, const Value& b
     if (!isActionId(mid)) errors.push_back(place + ": mid is not a text without \"_\" and \",\"");
     if (config == nullptr) errors.push_back(place + ": config is not an object");
     if (config != nullptr && (id == nullptr || id->empty())) errors.push_back(place + ": config has no text \"_id\"");
-    if (pid != nullptr && !pids.insert(*pid).second) errors.push_back(place + ": its pid stands before already");
+    if (pid != nullptr && !pids.insert(*pid).second) errors.push_back(place + ": an earlier action has the same pid");
     if (errors.empty()) actions.push_back({*pid, *mid, *config});
   }
   if (errors.empty()) state.setActions(type, std::move(actions));

@@ -10,15 +10,17 @@ namespace kelvo::collector {
 class ServiceState;
 class Store;
 
-// The documents that steer the service: "enabled", "config", "client-events", "actions/rta" and "actions/survey".
+// Documents are the JSON values that control the service: "enabled", "config", "client-events", "actions/rta" and
+// "actions/survey".
 
-/// Takes over `body` as the document of that name. Returns what is wrong with it; nothing is changed then.
+/// Validates `body` and puts it in force as the document `name`. Returns the errors, empty on success. On an error,
+/// `state` does not change.
 [[nodiscard]] std::vector<std::string> applyDocument(ServiceState& state, const std::string& name, const Value& body);
 
-/// Takes over what an earlier run kept; documents that cannot be used any more are left out.
+/// Puts the documents that `store` saved in an earlier run in force, and skips documents that are no longer valid.
 void loadDocuments(ServiceState& state, const Store& store);
 
-/// All documents as they are, with the hashes that the library is told.
+/// Returns all documents in force, with the hashes that the library receives.
 [[nodiscard]] Dictionary documentsOf(const ServiceState& state);
 
 }  // namespace kelvo::collector

@@ -8,19 +8,19 @@
 
 namespace kelvo::collector {
 
-/// What a query says, decoded.
+/// Reads the decoded parameters of a URL's query. It holds a reference to `pairs`, which must outlive it.
 class Parameters {
  public:
   using Pairs = std::multimap<std::string, std::string>;
   explicit Parameters(const Pairs& pairs) : pairs_(pairs) {}
 
   [[nodiscard]] bool has(const char* name) const { return pairs_.count(name) > 0; }
-  /// The empty text when there is none.
+  /// Returns the first value of `name`, empty if there is none.
   [[nodiscard]] std::string text(const char* name) const {
     const auto found = pairs_.find(name);
     return found == pairs_.end() ? std::string() : found->second;
   }
-  /// A whole number in that range; nullopt for everything else.
+  /// Returns the value of `name` if it is an integer from `least` to `most`, else nullopt.
   [[nodiscard]] std::optional<std::int64_t> number(const char* name, std::int64_t least, std::int64_t most) const {
     const std::string digits = text(name);
     std::int64_t number = 0;

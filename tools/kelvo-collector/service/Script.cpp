@@ -17,8 +17,8 @@ Script Script::cutShort(int status) {
 }
 
 Script Script::garbage() {
-  static constexpr char bytes[] = "\x1f\x8b\x00<html>{\"enabled\": \xff\xfe";
-  return {200, std::string(bytes, sizeof bytes - 1)};
+  static constexpr char kBytes[] = "\x1f\x8b\x00<html>{\"enabled\": \xff\xfe";
+  return {kSuccess, std::string(kBytes, sizeof kBytes - 1)};
 }
 
 Script Script::after(std::chrono::milliseconds delay) const {
@@ -34,16 +34,16 @@ Script Script::times(std::size_t count) const {
 }
 
 void ScriptBook::set(const std::string& fragment, std::vector<Script> scripts) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   entries_.remove_if([&](const auto& entry) { return entry.first == fragment; });
   if (scripts.empty()) return;
-  // One that came before others and had no end would hide them.
+  // A permanent script would hide the scripts after it, so all but the last are for one request at least.
   std::for_each(scripts.begin(), scripts.end() - 1, [](Script& s) { s.left_ = std::max<std::size_t>(s.left_, 1); });
   entries_.emplace_front(fragment, std::deque<Script>(scripts.begin(), scripts.end()));
 }
 
 std::optional<Script> ScriptBook::take(const std::string& target) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   const auto found = std::find_if(entries_.begin(), entries_.end(),
                                   [&](const auto& entry) { return target.find(entry.first) != std::string::npos; });
   if (found == entries_.end()) return std::nullopt;
@@ -55,12 +55,12 @@ std::optional<Script> ScriptBook::take(const std::string& target) {
 }
 
 void ScriptBook::clear() {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   entries_.clear();
 }
 
 ScriptBook::Entries ScriptBook::entries() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return entries_;
 }
 

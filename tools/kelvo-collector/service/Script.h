@@ -5,78 +5,84 @@
 #include <cstdint>
 #include <deque>
 #include <list>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/ThreadSafety.h"
+
 namespace kelvo::collector {
 
-/// What the service does instead of answering as it should.
+/// A planned misbehaviour: it replaces or delays the service's normal answer to a request.
 ///
-/// Only `late` and `losingTheAnswer` let the service do its work; with every other script nothing that the request
-/// carries is accepted, whatever status is answered.
+/// With `late` and `losingTheAnswer` the service processes the request as usual. With every other script it accepts
+/// nothing that the request carries, whatever status it answers.
 class Script {
  public:
   enum class Kind : std::uint8_t { Answer, Late, Never, Cut, CutShort, LoseAnswer };
 
-  /// Answers `status` with `body`, untouched.
+  /// Answers with `status` and `body`.
   Script(int status, std::string body = "{}") : status_(status), body_(std::move(body)) {}
-  /// Answers as it should, after `delay`.
+  /// Gives the normal answer after `delay`.
   static Script late(std::chrono::milliseconds delay);
-  /// Keeps the request until the client gives up or the server stops.
+  /// Never answers: holds the request until the client gives up or the server stops.
   static Script never() { return Script(Kind::Never); }
-  /// Resets the connection without a byte of an answer.
+  /// Resets the connection before the first byte of an answer.
   static Script cut() { return Script(Kind::Cut); }
-  /// Announces more bytes than it sends, then closes the connection.
-  static Script cutShort(int status = 200);
-  /// Answers 200 with bytes that are no JSON.
+  /// Announces a longer body than it sends, then closes the connection.
+  static Script cutShort(int status = kSuccess);
+  /// Answers 200 with a body that is not JSON.
   static Script garbage();
-  /// Takes the request (and stores the chunk), then resets the connection.
+  /// Processes the request (stores the chunk), then resets the connection.
   static Script losingTheAnswer() { return Script(Kind::LoseAnswer); }
-  /// The same script, `delay` later; for scripts that give an answer.
+  /// Returns a copy that waits for `delay` first. For scripts that answer.
   [[nodiscard]] Script after(std::chrono::milliseconds delay) const;
-  /// The same script for the next `count` requests only; for good when it is 0.
+  /// Returns a copy for the next `count` requests, or for all requests if `count` is 0.
   [[nodiscard]] Script times(std::size_t count) const;
 
   [[nodiscard]] Kind kind() const noexcept { return kind_; }
-  /// Whether the service does its work, and whether the client gets a whole answer.
+  /// Returns true if the service processes the request.
   [[nodiscard]] bool serves() const noexcept { return kind_ == Kind::Late || kind_ == Kind::LoseAnswer; }
+  /// Returns true if the client receives a complete answer.
   [[nodiscard]] bool answers() const noexcept { return kind_ == Kind::Answer || kind_ == Kind::Late; }
   [[nodiscard]] int status() const noexcept { return status_; }
   [[nodiscard]] const std::string& body() const noexcept { return body_; }
   [[nodiscard]] std::chrono::milliseconds delay() const noexcept { return delay_; }
-  /// Requests that it is still for; 0 for good.
+  /// Returns the number of requests that the script is still for, 0 for all requests.
   [[nodiscard]] std::size_t left() const noexcept { return left_; }
 
  private:
   friend class ScriptBook;
   explicit Script(Kind kind) noexcept : kind_(kind) {}
 
+  static constexpr int kSuccess = 200;
+
   Kind kind_ = Kind::Answer;
-  int status_ = 200;
+  int status_ = kSuccess;
   std::string body_;
   std::chrono::milliseconds delay_{0};
-  std::size_t left_ = 0;  // 0: for good
+  std::size_t left_ = 0;
 };
 
-/// Which script the next request follows. Safe to use from any thread.
+/// Decides which script the next request follows. Thread-safe.
 class ScriptBook {
  public:
   using Entries = std::list<std::pair<std::string, std::deque<Script>>>;
 
-  /// The scripts in turn for requests that contain `fragment`, in place of those set for it before; none to end it.
-  void set(const std::string& fragment, std::vector<Script> scripts);
-  /// The script for a request of `target`, used up by one; nullopt to answer normally.
-  [[nodiscard]] std::optional<Script> take(const std::string& target);
-  void clear();
-  /// Fragments and their scripts; the fragment set last comes first.
-  [[nodiscard]] Entries entries() const;
+  /// Replaces the scripts for requests whose path and query contain `fragment`. They are followed in order; an empty
+  /// list brings back normal answers.
+  void set(const std::string& fragment, std::vector<Script> scripts) EXCLUDES(mutex_);
+  /// Returns the script for a request of `target` and counts that use; nullopt for a normal answer. If several
+  /// fragments match, the one set last wins.
+  [[nodiscard]] std::optional<Script> take(const std::string& target) EXCLUDES(mutex_);
+  void clear() EXCLUDES(mutex_);
+  /// Returns all fragments with their scripts, the fragment set last first.
+  [[nodiscard]] Entries entries() const EXCLUDES(mutex_);
 
  private:
-  mutable std::mutex mutex_;
-  Entries entries_;
+  mutable Mutex mutex_;
+  Entries entries_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kelvo::collector

@@ -13,7 +13,7 @@
 namespace kelvo::collector {
 namespace {
 
-/// Checks the body with `faultOf`; a reply only when it is refused.
+/// Checks `body` with `faultOf`. Returns the reply to a faulty body, nullopt if the body is valid.
 std::optional<Reply> refusalOf(const std::string& body, std::optional<std::string> (*faultOf)(const Value&)) {
   std::string error;
   const auto value = parseJSON(body, &error);
@@ -40,7 +40,7 @@ Reply takeUserInfo(const Context& context) {
 Reply actions(const Context& context, const std::string& type) {
   std::vector<std::string> pids;
   const auto [first, last] = context.question.parameters.equal_range("pids");
-  for (auto asked = first; asked != last; ++asked) pids.push_back(asked->second);
+  for (auto pair = first; pair != last; ++pair) pids.push_back(pair->second);
   return success(context.state.actionsReply(type, pids));
 }
 
@@ -50,7 +50,7 @@ bool isUTF8(const std::string& text) {
 
 struct Route {
   const char* method;
-  std::string_view path;  // "<app-id>" stands for one piece
+  std::string_view path;  // "<app-id>" matches one path segment
   Reply (*answer)(const Context&);
 };
 
@@ -69,7 +69,7 @@ constexpr Route kRoutes[] = {
     {"GET", "/v2/sync/<app-id>/client-events", [](const Context& c) { return success(c.state.clientEventsReply()); }},
 };
 
-/// Whether `path` has the form of `pattern`; then `application` is what stands for the placeholder.
+/// Returns true if `path` matches `pattern`, and sets `application` to the segment in place of the placeholder.
 bool matches(std::string_view pattern, std::string_view path, std::string& application) {
   constexpr std::string_view placeholder = "<app-id>";
   const auto at = pattern.find(placeholder);

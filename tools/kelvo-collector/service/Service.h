@@ -14,29 +14,29 @@ namespace kelvo::collector {
 
 class ServiceState;
 
-/// What a client asks, decoded.
+/// A client's request, decoded.
 struct Question {
   std::string method;
   std::string path;
-  std::multimap<std::string, std::string> parameters;  ///< of the query
+  std::multimap<std::string, std::string> parameters;  ///< parameters of the URL's query
   std::string body;
 };
 
 struct Reply {
   int status = 200;
   Dictionary body;
-  std::string allow;  ///< the methods of the path, when the one that was used is none of them
-  Accepted accepted;  ///< what the store is to keep
+  std::string allow;  ///< on status 405: the method that the path allows
+  Accepted accepted;  ///< the parts of the request that the store must keep
 };
 
-/// What a question is answered from.
+/// The input of an answer: the request and the service's data.
 struct Context {
   const Question& question;
   const ServiceState& state;
   const Store& store;
-  std::string application;  ///< what stands for <app-id> in the path
+  std::string application;  ///< the application's id in the path
 
-  /// A parameter of the query; the empty text when there is none.
+  /// Returns a parameter of the query, empty if there is none.
   [[nodiscard]] std::string parameter(const char* name) const;
 };
 

@@ -10,6 +10,8 @@ namespace kelvo::collector {
 namespace {
 
 constexpr std::string_view kApplicationPlaceholder = "<app-id>";
+constexpr const char* kRealTimeActions = "rta";
+constexpr const char* kSurveyActions = "survey";
 
 Dictionary standardConfiguration() {
   return {{"enable", true},
@@ -30,6 +32,7 @@ Dictionary standardConfiguration() {
                                        {"logs_paths", "/v1/api/apps<app-id>"}}}};
 }
 
+/// Returns `value` with `applicationId` in place of each "<app-id>". A value that is not a text is returned unchanged.
 Value withApplication(const Value& value, const std::string& applicationId) {
   const auto* path = value.get<std::string>();
   if (path == nullptr) return value;
@@ -43,27 +46,28 @@ Value withApplication(const Value& value, const std::string& applicationId) {
 
 }  // namespace
 
-ServiceState::ServiceState() : configuration_(standardConfiguration()) {
+ServiceState::ServiceState()
+    : configuration_(standardConfiguration()), actions_{{kRealTimeActions, {}}, {kSurveyActions, {}}} {
   setClientEvents({}, {}, {});
 }
 
 void ServiceState::setEnabled(bool enabled) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   enabled_ = enabled;
 }
 
 void ServiceState::setConfiguration(Dictionary configuration) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   configuration_ = std::move(configuration);
 }
 
 void ServiceState::setConfigurationValue(const std::string& key, Value value) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   configuration_.set(key, std::move(value));
 }
 
 void ServiceState::setClientEvents(Array client, Array aggregate, Array ignored) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   clientEvents_ = {{"action", std::move(client)}, {"agg", std::move(aggregate)}, {"stop", std::move(ignored)}};
 }
 
@@ -72,17 +76,17 @@ void ServiceState::setActions(const std::string& type, std::vector<Action> actio
     if (!action.config.contains("_id")) action.config.set("_id", action.pid + "-" + action.mid);
     if (!action.config.contains("pid")) action.config.set("pid", action.pid);
   }
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   actions_[type] = std::move(actions);
 }
 
 Dictionary ServiceState::configuration() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return configuration_;
 }
 
 Array ServiceState::actions(const std::string& type) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   Array list;
   for (const Action& action : actionsOf(type)) {
     list.append(Dictionary{{"pid", action.pid}, {"mid", action.mid}, {"config", action.config}});
@@ -91,12 +95,12 @@ Array ServiceState::actions(const std::string& type) const {
 }
 
 Dictionary ServiceState::enabledStatus() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return {{"enabled", enabled_}, {"hash", fingerprint(configuration_)}};
 }
 
 Dictionary ServiceState::configurationReply(const std::string& applicationId) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   Dictionary details = configuration_;
   if (const auto* paths = configuration_["service_paths"].get<Dictionary>()) {
     Dictionary filled;
@@ -107,17 +111,17 @@ Dictionary ServiceState::configurationReply(const std::string& applicationId) co
 }
 
 Dictionary ServiceState::clientEventsValidation() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return {{"hash", fingerprint(clientEvents_)}};
 }
 
 Dictionary ServiceState::clientEventsReply() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return {{"events", clientEvents_}};
 }
 
 Dictionary ServiceState::actionsValidation(const std::string& type) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   std::string pairs;
   Array content;
   for (const Action& action : actionsOf(type)) {
@@ -128,7 +132,7 @@ Dictionary ServiceState::actionsValidation(const std::string& type) const {
 }
 
 Dictionary ServiceState::actionsReply(const std::string& type, const std::vector<std::string>& pids) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   Array configs;
   for (const Action& action : actionsOf(type)) {
     if (pids.empty() || std::find(pids.begin(), pids.end(), action.pid) != pids.end()) configs.append(action.config);
@@ -137,9 +141,7 @@ Dictionary ServiceState::actionsReply(const std::string& type, const std::vector
 }
 
 const std::vector<ServiceState::Action>& ServiceState::actionsOf(const std::string& type) const {
-  static const std::vector<Action> none;
-  const auto found = actions_.find(type == "rta" ? "rta" : "survey");
-  return found == actions_.end() ? none : found->second;
+  return actions_.at(type == kRealTimeActions ? kRealTimeActions : kSurveyActions);
 }
 
 }  // namespace kelvo::collector

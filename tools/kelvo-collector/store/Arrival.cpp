@@ -5,23 +5,25 @@
 #include <map>
 #include <vector>
 
+#include "kelvo-collector/store/ChunkCounts.h"
 #include "kelvo-collector/store/Database.h"
 #include "kelvo-collector/store/EventText.h"
 #include "kelvo-collector/store/Fingerprint.h"
+#include "kelvo-collector/store/JSONColumn.h"
 #include "kelvo-collector/store/Quality.h"
-#include "kelvo-collector/store/Tally.h"
+#include "kelvo-collector/store/Schema.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
 namespace {
 
-/// One list of "chunk_details": what its events are called, and where they say what.
+/// A kind of event, and the members of an upload that hold its parts.
 struct Kind {
-  const char* list;
-  const char* kind;
-  const char* name;
-  const char* time;
-  const char* attributes;  ///< the member that holds them; null when they are the event's other members
+  const char* list;        ///< list in "chunk_details"
+  const char* kind;        ///< name of the kind in the collector's tables
+  const char* name;        ///< member with the event's name
+  const char* time;        ///< member with the event's time
+  const char* attributes;  ///< member with the attributes; null if all other members are attributes
 };
 
 constexpr Kind kKinds[] = {
@@ -31,39 +33,19 @@ constexpr Kind kKinds[] = {
     {"user_events", "user", "id", "time", nullptr},
     {"incidents", "observation", "incident_id", "time_of_occurrence", "incident_specific_details"}};
 constexpr const char* kAggregates = "agg_events";
-constexpr double kLatestSecond = 1e9;  // a point beyond it is drawn there
-
-Dictionary dictionaryOf(const std::string& json) {
-  const auto value = parseJSON(json);
-  const auto* dictionary = value ? value->get<Dictionary>() : nullptr;
-  return dictionary == nullptr ? Dictionary{} : *dictionary;
-}
-
-const Dictionary& member(const Dictionary& object, const char* name) {
-  static const Dictionary none;
-  const auto* found = object[name].get<Dictionary>();
-  return found == nullptr ? none : *found;
-}
-
-const Array& listOf(const Dictionary& object, const char* name) {
-  static const Array none;
-  const auto* found = object[name].get<Array>();
-  return found == nullptr ? none : *found;
-}
-
-std::string json(const Dictionary& dictionary) {
-  return jsonText(dictionary).value_or("{}");
-}
+constexpr double kLatestSecond = 1e9;  // times are clamped to this distance from the launch, in seconds
+constexpr std::string_view kNavigation = "navigation";
+constexpr std::string_view kApp = "app";
 
 Dictionary attributesOf(const Dictionary& event, const Kind& kind) {
-  if (kind.attributes != nullptr) return member(event, kind.attributes);
+  if (kind.attributes != nullptr) return event[kind.attributes].asDictionary().value_or(Dictionary());
   Dictionary others = event;
   others.remove(kind.name);
   others.remove(kind.time);
   return others;
 }
 
-/// Names of the members that one has and the other has not, or has otherwise.
+/// Returns the names of the members that only one of the two has, or that have different values.
 Array changesBetween(const Dictionary& before, const Dictionary& now) {
   Array changed;
   for (const auto& [name, value] : now) {
@@ -85,58 +67,64 @@ void keepUserAttributes(Database& database, const std::string& application, cons
                           application);
     if (known.next()) {
       user = known.number();
-      before = dictionaryOf(known.text());
+      before = dictionaryFromJSON(known.text());
     }
   }
   const bool isNew = user == 0;
   const Array changed = changesBetween(before, attributes);
   if (isNew) {
-    Database::Query(database, "INSERT INTO users VALUES (NULL, ?, ?, ?, ?)", application, id, json(attributes), time)
+    Database::Query(database, "INSERT INTO users VALUES (NULL, ?, ?, ?, ?)", application, id,
+                    jsonFromDictionary(attributes), time)
         .execute();
     user = database.lastRow();
   } else {
-    Database::Query(database, "UPDATE users SET attributes = ?, received = ? WHERE key = ?", json(attributes), time,
-                    user)
+    Database::Query(database, "UPDATE users SET attributes = ?, received = ? WHERE key = ?",
+                    jsonFromDictionary(attributes), time, user)
         .execute();
   }
   if (!isNew && changed.empty()) return;
-  Database::Query(database, "INSERT INTO user_history VALUES (NULL, ?, ?, ?, ?)", user, time, json(attributes),
-                  jsonText(changed).value_or("[]"))
+  Database::Query(database, "INSERT INTO user_history VALUES (NULL, ?, ?, ?, ?)", user, time,
+                  jsonFromDictionary(attributes), jsonText(changed).value_or("[]"))
       .execute();
 }
 
-/// Keeps one chunk.
+/// Stores one chunk. Used once.
 class ChunkKeeper {
  public:
   ChunkKeeper(Database& database, const ArrivedBody& arrived, const std::string& application)
       : database_(database),
         arrived_(arrived),
         application_(application),
-        body_(dictionaryOf(arrived.body)),
-        record_(member(body_, "session_info")),
-        details_(member(body_, "chunk_details")),
-        number_(member(body_, "chunk_meta")["number"].asInt64()) {}
+        body_(dictionaryFromJSON(arrived.body)),
+        record_(part("session_info")),
+        details_(part("chunk_details")),
+        device_(part("device_info")),
+        userAttributes_(details_["user_attributes"].asDictionary().value_or(Dictionary())),
+        id_(description(part("chunk_meta")["id"])),
+        number_(part("chunk_meta")["number"].asInt64()) {}
 
   void keep() {
     keepSession();
     keepRow();
     Quality quality(database_, session_, number_, arrived_.time);
-    Tally tally(database_, session_);
-    if (conflict_) quality.reportConflict(id(), firstRequest_, arrived_.sequence);
+    ChunkCounts chunkCounts(database_, session_);
+    if (conflict_) quality.reportConflict(id_, firstRequest_, arrived_.sequence);
     if (!conflict_ && !duplicate_) {
-      quality.checkOrder(highest_);
+      quality.checkOrder(highestNumber_);
       quality.checkSession(record_);
-      for (const Kind& kind : kKinds) keepEvents(kind, quality, tally);
+      for (const Kind& kind : kKinds) keepEvents(kind, quality, chunkCounts);
     }
-    if (!conflict_) keepAggregates(quality, tally);
-    tally.write(quality);
+    if (!conflict_) keepAggregates(quality, chunkCounts);
+    chunkCounts.write(quality);
     finishSession();
-    keepUserAttributes(database_, application_, description(member(body_, "device_info")["id"]),
-                       member(details_, "user_attributes"), arrived_.time);
+    keepUserAttributes(database_, application_, description(device_["id"]), userAttributes_, arrived_.time);
   }
 
  private:
-  [[nodiscard]] std::string id() const { return description(member(body_, "chunk_meta")["id"]); }
+  /// Returns a member of the body, empty if it is no object.
+  [[nodiscard]] Dictionary part(const char* name) const { return body_[name].asDictionary().value_or(Dictionary()); }
+  /// Returns a list of "chunk_details", empty if it is missing.
+  [[nodiscard]] Array listOf(const char* name) const { return details_[name].asArray().value_or(Array()); }
 
   void keepSession() {
     const std::string sessionId = description(record_["id"]);
@@ -145,7 +133,7 @@ class ChunkKeeper {
                             sessionId, application_);
       if (known.next()) {
         session_ = known.number();
-        highest_ = known.number();
+        highestNumber_ = known.number();
       }
     }
     if (session_ == 0) {
@@ -153,31 +141,32 @@ class ChunkKeeper {
                       application_, sessionId, record_["launch_time"].asInt64(), arrived_.time, arrived_.sequence)
           .execute();
       session_ = database_.lastRow();
-      addToCounter(database_, 0, "total", "sessions", 1);
+      addToCounter(database_, kAllSessions, "total", "sessions", 1);
     }
   }
 
-  /// The lists of events that the chunk covers. Aggregate counts and attributes are left out: a chunk that is sent
-  /// again carries those of the later moment.
+  /// Stores the chunk's row, and finds out if the chunk is a duplicate by the fingerprint of its events. The
+  /// fingerprint leaves out aggregate counts and attributes, because a resent chunk carries newer ones.
   void keepRow() {
     Dictionary covered, counts;
     for (const Kind& kind : kKinds) {
       const Value* list = details_.find(kind.list);
       if (list == nullptr) continue;
       covered.set(kind.list, *list);
-      counts.set(kind.list, listOf(details_, kind.list).size());
-      for (const Value& event : listOf(details_, kind.list)) {
+      const Array all = listOf(kind.list);
+      counts.set(kind.list, all.size());
+      for (const Value& event : all) {
         if (const auto* members = event.get<Dictionary>()) lastEvent_ = std::max(lastEvent_, timeOf(*members, kind));
-        ++covers_;
       }
+      eventsInChunk_ += static_cast<std::int64_t>(all.size());
     }
-    if (details_.contains(kAggregates)) counts.set(kAggregates, listOf(details_, kAggregates).size());
+    if (details_.contains(kAggregates)) counts.set(kAggregates, listOf(kAggregates).size());
     const std::string events = fingerprint(covered);
     {
       Database::Query earlier(database_,
                               "SELECT min(request), max(fingerprint = ?), max(fingerprint <> ?) FROM chunks"
                               " WHERE application = ? AND id = ?",
-                              events, events, application_, id());
+                              events, events, application_, id_);
       if (earlier.next()) {
         firstRequest_ = earlier.number();
         duplicate_ = earlier.number() != 0;
@@ -185,11 +174,12 @@ class ChunkKeeper {
       }
     }
     Database::Query(database_, "INSERT INTO chunks VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", arrived_.sequence,
-                    arrived_.time, application_, id(), session_, description(record_["id"]), number_, json(counts),
-                    covers_, lastEvent_, events, int(duplicate_), int(conflict_))
+                    arrived_.time, application_, id_, session_, description(record_["id"]), number_,
+                    jsonFromDictionary(counts), eventsInChunk_, lastEvent_, events, int(duplicate_), int(conflict_))
         .execute();
   }
 
+  /// Returns the event's time in seconds since the session's launch.
   static double timeOf(const Dictionary& event, const Kind& kind) {
     const double time = event[kind.time].asDouble();
     return std::isfinite(time) ? std::clamp(time, -kLatestSecond, kLatestSecond) : 0;
@@ -198,19 +188,19 @@ class ChunkKeeper {
   std::int64_t insertEvent(const char* kind, const std::string& name, double time, const Dictionary& attributes,
                            const Span& text) {
     Database::Query(database_, "INSERT INTO events VALUES (NULL, ?, ?, ?, ?, ?, ?, ?, ?, ?)", session_, number_,
-                    arrived_.sequence, kind, name, time, json(attributes), text.position, text.size)
+                    arrived_.sequence, kind, name, time, jsonFromDictionary(attributes), text.position, text.size)
         .execute();
-    ++kept_;
+    ++keptEvents_;
     return database_.lastRow();
   }
 
-  [[nodiscard]] Span textOf(const char* list, std::size_t index) {
-    const std::vector<Span>& all = texts_[list];
-    return index < all.size() ? all[index] : Span{};
+  [[nodiscard]] Span textOf(const char* list, std::size_t index) const {
+    const auto found = texts_.find(list);
+    return found != texts_.end() && index < found->second.size() ? found->second[index] : Span{};
   }
 
-  void keepEvents(const Kind& kind, Quality& quality, Tally& tally) {
-    const Array& events = listOf(details_, kind.list);
+  void keepEvents(const Kind& kind, Quality& quality, ChunkCounts& chunkCounts) {
+    const Array events = listOf(kind.list);
     for (std::size_t i = 0; i < events.size(); ++i) {
       const auto* event = events[i].get<Dictionary>();
       if (event == nullptr) continue;
@@ -218,27 +208,27 @@ class ChunkKeeper {
       const double time = timeOf(*event, kind);
       const Dictionary attributes = attributesOf(*event, kind);
       const std::int64_t id = insertEvent(kind.kind, name, time, attributes, textOf(kind.list, i));
-      const double duration = std::string_view(kind.kind) == "navigation" ? (*event)["duration"].asDouble() : 0;
+      const double duration = kind.kind == kNavigation ? (*event)["duration"].asDouble() : 0;
       length_ = std::max({length_, time, std::min(time + duration, kLatestSecond)});
-      tally.addName(kind.kind, name, 1, id);
-      if (std::string_view(kind.kind) != "navigation") {
-        tally.addPoint(static_cast<std::int64_t>(std::floor(time)), kind.kind, name);
+      chunkCounts.addName(kind.kind, name, 1, id);
+      if (kind.kind != kNavigation) {
+        chunkCounts.addPoint(static_cast<std::int64_t>(std::floor(time)), kind.kind, name);
       }
       quality.checkEvent(kind.kind, name, *event, id);
-      if (std::string_view(kind.kind) != "app") continue;
-      for (const auto& [attribute, value] : attributes) tally.addValue(kind.kind, name, attribute, value, 1, id);
+      if (kind.kind != kApp) continue;
+      for (const auto& [attribute, value] : attributes) chunkCounts.addValue(kind.kind, name, attribute, value, 1, id);
     }
   }
 
-  /// Every chunk carries the counts of the whole session so far: what is kept is the newest, what is added is the
-  /// difference.
-  void keepAggregates(Quality& quality, Tally& tally) {
-    const Array& events = listOf(details_, kAggregates);
+  /// Each chunk carries the session's total counts so far. Stores the newest attributes, and adds the difference to the
+  /// counts.
+  void keepAggregates(Quality& quality, ChunkCounts& chunkCounts) {
+    const Array events = listOf(kAggregates);
     for (std::size_t i = 0; i < events.size(); ++i) {
       const auto* event = events[i].get<Dictionary>();
       if (event == nullptr) continue;
       const std::string name = description((*event)["name"]);
-      const Dictionary& attributes = member(*event, "attributes");
+      const Dictionary attributes = (*event)["attributes"].asDictionary().value_or(Dictionary());
       std::int64_t row = 0;
       {
         Database::Query known(database_, "SELECT id FROM events WHERE session = ? AND name = ? AND kind = 'aggregate'",
@@ -253,28 +243,30 @@ class ChunkKeeper {
         Database::Query(database_,
                         "UPDATE events SET chunk = ?, request = ?, time = ?, attributes = ?, position = ?, size = ?"
                         " WHERE id = ?",
-                        number_, arrived_.sequence, lastEvent_, json(attributes), text.position, text.size, row)
+                        number_, arrived_.sequence, lastEvent_, jsonFromDictionary(attributes), text.position,
+                        text.size, row)
             .execute();
       }
-      addDifference(name, (*event)["count"].asInt64(), attributes, row, tally);
+      addDifference(name, (*event)["count"].asInt64(), attributes, row, chunkCounts);
     }
   }
 
   void addDifference(const std::string& name, std::int64_t count, const Dictionary& attributes, std::int64_t row,
-                     Tally& tally) {
+                     ChunkCounts& chunkCounts) {
     std::int64_t before = 0;
     {
       Database::Query known(database_, "SELECT count FROM names WHERE session = ? AND kind = 'aggregate' AND name = ?",
                             session_, name);
       if (known.next()) before = known.number();
     }
-    if (count > before) tally.addName("aggregate", name, count - before, row);
+    if (count > before) chunkCounts.addName("aggregate", name, count - before, row);
     for (const auto& [attribute, values] : attributes) {
-      for (const Value& value : listOf(attributes, attribute.c_str())) {
+      for (const Value& value : values.asArray().value_or(Array())) {
         const auto* pair = value.get<Array>();
         if (pair == nullptr || pair->size() != 2) continue;
-        const std::int64_t more = (*pair)[1].asInt64() - tally.countedSoFar("aggregate", name, attribute, (*pair)[0]);
-        if (more > 0) tally.addValue("aggregate", name, attribute, (*pair)[0], more, row);
+        const std::int64_t more =
+            (*pair)[1].asInt64() - chunkCounts.storedCount("aggregate", name, attribute, (*pair)[0]);
+        if (more > 0) chunkCounts.addValue("aggregate", name, attribute, (*pair)[0], more, row);
       }
     }
   }
@@ -287,32 +279,36 @@ class ChunkKeeper {
                     "UPDATE sessions SET record = ?, user = ?, device = ?, app = ?, sdk = ?, launch = ?,"
                     " length = max(length, ?), highest_chunk = max(highest_chunk, ?), received = ?, sequence = ?,"
                     " chunks = chunks + ?, events = events + ? WHERE key = ?",
-                    json(record_), json(member(details_, "user_attributes")), json(member(body_, "device_info")),
-                    json(member(body_, "app_info")), json(member(body_, "sdk_info")), record_["launch_time"].asInt64(),
-                    length_, number_, arrived_.time, arrived_.sequence, int(isNew), kept_, session_)
+                    jsonFromDictionary(record_), jsonFromDictionary(userAttributes_), jsonFromDictionary(device_),
+                    jsonFromDictionary(part("app_info")), jsonFromDictionary(part("sdk_info")),
+                    record_["launch_time"].asInt64(), length_, number_, arrived_.time, arrived_.sequence, int(isNew),
+                    keptEvents_, session_)
         .execute();
-    if (isNew) addToCounter(database_, 0, "total", "chunks", 1);
-    if (kept_ > 0) addToCounter(database_, 0, "total", "events", kept_);
+    if (isNew) addToCounter(database_, kAllSessions, "total", "chunks", 1);
+    if (keptEvents_ > 0) addToCounter(database_, kAllSessions, "total", "events", keptEvents_);
   }
 
   Database& database_;
   const ArrivedBody& arrived_;
   const std::string& application_;
   const Dictionary body_;
-  const Dictionary& record_;
-  const Dictionary& details_;
+  const Dictionary record_;  // of the session
+  const Dictionary details_;
+  const Dictionary device_;
+  const Dictionary userAttributes_;
+  const std::string id_;
   const std::int64_t number_;
-  std::map<std::string, std::vector<Span>> texts_ = elementsOfChunk(arrived_.body);
+  const std::map<std::string, std::vector<Span>> texts_ = elementsOfChunk(arrived_.body);
 
-  std::int64_t session_ = 0;
-  std::int64_t highest_ = 0;
-  std::int64_t firstRequest_ = 0;
-  std::int64_t covers_ = 0;  // events in the chunk
-  std::int64_t kept_ = 0;    // rows made of it
-  double lastEvent_ = 0;
-  double length_ = 0;
-  bool duplicate_ = false;
-  bool conflict_ = false;
+  std::int64_t session_ = 0;        // key of the session's row
+  std::int64_t highestNumber_ = 0;  // of the session's earlier chunks
+  std::int64_t firstRequest_ = 0;   // the first one with this chunk id, if the chunk is repeated
+  std::int64_t eventsInChunk_ = 0;
+  std::int64_t keptEvents_ = 0;  // new rows in the table "events"
+  double lastEvent_ = 0;         // time of the chunk's last event, in seconds since the launch
+  double length_ = 0;            // of the session, in seconds
+  bool duplicate_ = false;       // an earlier chunk has the same id and the same events
+  bool conflict_ = false;        // an earlier chunk has the same id and other events
 };
 
 }  // namespace
@@ -322,9 +318,10 @@ void keepChunk(Database& database, const ArrivedBody& arrived, const std::string
 }
 
 void keepUser(Database& database, const ArrivedBody& arrived, const std::string& application) {
-  const Dictionary body = dictionaryOf(arrived.body);
-  keepUserAttributes(database, application, description(member(body, "device_info")["id"]),
-                     member(body, "user_attributes"), arrived.time);
+  const Dictionary body = dictionaryFromJSON(arrived.body);
+  const Dictionary device = body["device_info"].asDictionary().value_or(Dictionary());
+  keepUserAttributes(database, application, description(device["id"]),
+                     body["user_attributes"].asDictionary().value_or(Dictionary()), arrived.time);
 }
 
 }  // namespace kelvo::collector

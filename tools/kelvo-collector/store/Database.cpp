@@ -9,7 +9,7 @@
 namespace kelvo::collector {
 namespace {
 
-/// SQLite gives the files beside the database the mode of the database itself.
+/// Creates the file with mode 0600. SQLite gives its journal files the same mode.
 void makePrivate(const std::string& path) {
   if (path == ":memory:") return;
   if (const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); file >= 0) close(file);
@@ -31,7 +31,8 @@ Database::Database(const std::string& path) {
   const int code = sqlite3_open(path.c_str(), &connection);
   connection_.reset(connection);
   if (code == SQLITE_OK) {
-    // One process alone, so no other one can hold up the service; a lost power supply may cost the newest rows.
+    // EXCLUSIVE: no other process can lock the file and stall the service. NORMAL: a power failure may lose the newest
+    // rows. The empty transaction takes the lock, so it fails here if another process has it.
     run("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
         "PRAGMA cache_size = -16000; BEGIN IMMEDIATE; COMMIT");
   }

@@ -11,26 +11,27 @@ struct sqlite3_stmt;
 
 namespace kelvo::collector {
 
-/// A SQLite connection that keeps its statements prepared. One thread at a time.
+/// A SQLite connection that caches its prepared statements. Not thread-safe: the owner serialises all use.
 ///
-/// A statement that fails is remembered rather than reported where it ran, so that code which writes many rows reads
-/// straight on; a transaction is committed only when nothing failed in it.
+/// A failed statement only sets a flag, so code that writes many rows needs no checks. `transaction` reads the flag and
+/// commits only if every statement succeeded.
 class Database {
  public:
-  /// Opens or makes the file, readable by its owner only; throws std::runtime_error when it cannot be used, or when
-  /// another collector uses it.
+  /// Opens `path`, or creates it with mode 0600. Throws std::runtime_error if the file cannot be used or another
+  /// process has it open.
   explicit Database(const std::string& path);
   ~Database();
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
+  /// Runs one or more statements without parameters.
   void run(const char* sql);
-  /// Row of the last insertion.
+  /// Returns the key of the last inserted row.
   [[nodiscard]] std::int64_t lastRow() const noexcept;
-  /// Whether the last INSERT, UPDATE or DELETE touched a row.
+  /// Returns true if the last INSERT, UPDATE or DELETE affected a row.
   [[nodiscard]] bool changed() const noexcept;
 
-  /// Does `work` whole or not at all; false when something failed in it.
+  /// Runs `work` in a transaction. Rolls back and returns false if any statement failed.
   template <class Work>
   [[nodiscard]] bool transaction(Work work) {
     failed_ = false;
@@ -55,12 +56,14 @@ class Database {
   [[nodiscard]] sqlite3_stmt* prepared(const char* sql);
 
   std::unique_ptr<sqlite3, Closer> connection_;
-  std::unordered_map<const char*, std::unique_ptr<sqlite3_stmt, Finalizer>> statements_;
+  std::unordered_map<const char*, std::unique_ptr<sqlite3_stmt, Finalizer>> statements_;  // by the text's address
   bool failed_ = false;
 };
 
-/// One run of a statement: parameters are bound and columns are read from left to right. The text must be a literal:
-/// a statement is known by its address, and two runs of the same text must not overlap.
+/// One run of a statement. Parameters are bound and columns are read from left to right.
+///
+/// `sql` must be a string literal, because the cache is keyed by its address. Two queries with the same text must not
+/// exist at the same time, because they would share one prepared statement.
 class Database::Query {
  public:
   template <class... Parameters>
@@ -82,15 +85,17 @@ class Database::Query {
   void bind(std::nullptr_t);
   void bindBytes(std::string_view bytes);
 
-  /// Steps to the next row; false when there is none.
+  /// Steps to the next row. Returns false if there is none.
   bool next();
-  /// Runs to its end.
+  /// Runs the statement to its end.
   void execute() {
     while (next()) {
     }
   }
 
-  [[nodiscard]] bool isNull() const;  ///< of the column that is read next
+  /// Returns true if the next column to read is NULL.
+  [[nodiscard]] bool isNull() const;
+  // Each of these returns the next column.
   std::int64_t number();
   double real();
   std::string text();

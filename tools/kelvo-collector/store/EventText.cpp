@@ -5,12 +5,12 @@
 namespace kelvo::collector {
 namespace {
 
-/// Walks over JSON that is known to be good, without building anything.
+/// Scans valid JSON without building values.
 class Scanner {
  public:
   explicit Scanner(std::string_view text) : text_(text) {}
 
-  /// Calls `visit(key)` before each member's value; `visit` must go over the value.
+  /// Calls `visit(key)` for each member of an object. `visit` must consume the member's value.
   template <class Visit>
   void members(Visit visit) {
     each('{', '}', [&] {
@@ -21,10 +21,10 @@ class Scanner {
     });
   }
 
-  /// The elements of a list; none, having gone over it, of anything else.
+  /// Consumes one value. Returns the spans of its elements if it is a list, else nothing.
   std::vector<Span> elements() {
     std::vector<Span> found;
-    blank();
+    skipBlanks();
     if (peek() == '[') {
       each('[', ']', [&] { found.push_back(value()); });
     } else {
@@ -33,62 +33,63 @@ class Scanner {
     return found;
   }
 
-  /// Goes over one value.
+  /// Consumes one value and returns its span.
   Span value() {
-    blank();
+    skipBlanks();
     const std::size_t begin = at_;
     if (peek() == '"') {
-      text();
+      skipText();
     } else if (peek() == '{' || peek() == '[') {
-      nested();
+      skipNested();
     } else {
       while (at_ < text_.size() && std::string_view(",:]} \t\r\n").find(text_[at_]) == std::string_view::npos) ++at_;
     }
     return {begin, at_ - begin};
   }
 
-  [[nodiscard]] bool begins(char bracket) {
-    blank();
+  [[nodiscard]] bool startsWith(char bracket) {
+    skipBlanks();
     return peek() == bracket;
   }
 
  private:
   [[nodiscard]] char peek() const { return at_ < text_.size() ? text_[at_] : '\0'; }
 
-  void blank() {
+  void skipBlanks() {
     while (at_ < text_.size() && std::string_view(" \t\r\n").find(text_[at_]) != std::string_view::npos) ++at_;
   }
 
   void skip(char expected) {
-    blank();
+    skipBlanks();
     if (peek() == expected) ++at_;
   }
 
   template <class Visit>
   void each(char open, char close, Visit visit) {
     skip(open);
-    for (blank(); at_ < text_.size() && peek() != close; blank()) {
+    for (skipBlanks(); at_ < text_.size() && peek() != close; skipBlanks()) {
       const std::size_t before = at_;
       visit();
       skip(',');
-      if (at_ == before) return;  // no JSON after all
+      if (at_ == before) return;  // not JSON: avoids an endless loop
     }
     skip(close);
   }
 
-  void text() {
+  void skipText() {
     for (++at_; at_ < text_.size() && text_[at_] != '"'; ++at_) {
       if (text_[at_] == '\\') ++at_;
     }
     ++at_;
   }
 
-  void nested() {
+  /// Consumes an object or list by counting brackets.
+  void skipNested() {
     int depth = 0;
     do {
       const char here = peek();
       if (here == '"') {
-        text();
+        skipText();
         continue;
       }
       if (here == '{' || here == '[') ++depth;
@@ -107,7 +108,7 @@ std::map<std::string, std::vector<Span>> elementsOfChunk(std::string_view chunk)
   std::map<std::string, std::vector<Span>> lists;
   Scanner scanner(chunk);
   scanner.members([&](const std::string& part) {
-    if (part != "chunk_details" || !scanner.begins('{')) {
+    if (part != "chunk_details" || !scanner.startsWith('{')) {
       scanner.value();
       return;
     }

@@ -8,14 +8,14 @@
 
 namespace kelvo::collector {
 
-/// Where a part of a text lies, in bytes.
+/// A part of a text: its offset and length in bytes.
 struct Span {
   std::size_t position = 0;
   std::size_t size = 0;
 };
 
-/// Where the elements of the lists in "chunk_details" lie in the text of a chunk, by the name of the list. The text
-/// must be good JSON; for a list that stands twice, the last one counts.
+/// Locates the elements of each list in "chunk_details" within the text of a chunk. Returns list names with the spans
+/// of their elements. `chunk` must be valid JSON; if a name occurs twice, the last list counts.
 [[nodiscard]] std::map<std::string, std::vector<Span>> elementsOfChunk(std::string_view chunk);
 
 }  // namespace kelvo::collector

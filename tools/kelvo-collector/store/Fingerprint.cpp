@@ -9,11 +9,14 @@
 namespace kelvo::collector {
 namespace {
 
+constexpr std::uint64_t kOffsetBasis = 0xcbf29ce484222325U;
+constexpr std::uint64_t kPrime = 0x100000001b3U;
+
 /// FNV-1a, 64 bits.
 class Hash {
  public:
   void mix(std::string_view bytes) noexcept {
-    for (const char byte : bytes) state_ = (state_ ^ static_cast<unsigned char>(byte)) * 0x100000001b3U;
+    for (const char byte : bytes) state_ = (state_ ^ static_cast<unsigned char>(byte)) * kPrime;
   }
 
   void add(const Value& value) {
@@ -50,7 +53,7 @@ class Hash {
     mix("}");
   }
 
-  std::uint64_t state_ = 0xcbf29ce484222325U;
+  std::uint64_t state_ = kOffsetBasis;
 };
 
 }  // namespace
@@ -58,7 +61,7 @@ class Hash {
 std::string fingerprint(const Value& value) {
   Hash hash;
   hash.add(value);
-  char digits[17];
+  char digits[16 + 1];
   std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(hash.state()));
   return digits;
 }

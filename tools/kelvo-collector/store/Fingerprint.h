@@ -6,7 +6,7 @@
 
 namespace kelvo::collector {
 
-/// 16 hexadecimal digits that are the same for equal values, in whatever order their members stand.
+/// Returns a 64-bit hash of `value` as 16 hexadecimal digits. The order of dictionary members does not matter.
 [[nodiscard]] std::string fingerprint(const Value& value);
 
 }  // namespace kelvo::collector

@@ -3,13 +3,14 @@
 #include <algorithm>
 
 #include "kelvo-collector/store/Database.h"
+#include "kelvo-collector/store/Schema.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
 namespace {
 
-/// A gap is listed number by number up to this many; the last entry then stands for the rest.
-constexpr std::int64_t kListedOfAGap = 100;
+/// Most problem rows for one gap. In a longer gap, the last row covers all remaining numbers.
+constexpr std::int64_t kMostRowsOfGap = 100;
 
 std::string quoted(const std::string& text) {
   return "\"" + text + "\"";
@@ -40,21 +41,20 @@ void Quality::report(const char* kind, const std::string& message, const Value& 
     event ? insert.bind(*event) : insert.bind(nullptr);
     insert.execute();
   }
-  addToCounter(database_, 0, "problem", kind, 1);
+  addToCounter(database_, kAllSessions, "problem", kind, 1);
   addToCounter(database_, session_, "problem", kind, 1);
-  addToCounter(database_, 0, "total", "problems", 1);
+  addToCounter(database_, kAllSessions, "total", "problems", 1);
   Database::Query(database_, "UPDATE sessions SET problems = problems + 1 WHERE key = ?", session_).execute();
 }
 
-/// A chunk that was missed is here after all.
 void Quality::resolveMissing() {
   Database::Query(database_, "DELETE FROM problems WHERE kind = 'missing-chunk' AND session = ? AND chunk = ?",
                   session_, chunk_)
       .execute();
   if (!database_.changed()) return;
-  addToCounter(database_, 0, "problem", "missing-chunk", -1);
+  addToCounter(database_, kAllSessions, "problem", "missing-chunk", -1);
   addToCounter(database_, session_, "problem", "missing-chunk", -1);
-  addToCounter(database_, 0, "total", "problems", -1);
+  addToCounter(database_, kAllSessions, "total", "problems", -1);
   Database::Query(database_, "UPDATE sessions SET problems = problems - 1 WHERE key = ?", session_).execute();
 }
 
@@ -66,12 +66,12 @@ void Quality::checkOrder(std::int64_t highestSoFar) {
     return;
   }
   const std::int64_t missing = chunk_ - highestSoFar - 1;
-  for (std::int64_t i = 1; i <= std::min(missing, kListedOfAGap); ++i) {
+  for (std::int64_t i = 1; i <= std::min(missing, kMostRowsOfGap); ++i) {
     const std::int64_t number = highestSoFar + i;
-    const bool standsForRest = i == kListedOfAGap && missing > kListedOfAGap;
+    const bool coversRest = i == kMostRowsOfGap && missing > kMostRowsOfGap;
     report("missing-chunk",
-           standsForRest ? "chunks " + std::to_string(number) + " to " + std::to_string(chunk_ - 1) + " are missing"
-                         : "chunk " + std::to_string(number) + " is missing",
+           coversRest ? "chunks " + std::to_string(number) + " to " + std::to_string(chunk_ - 1) + " are missing"
+                      : "chunk " + std::to_string(number) + " is missing",
            number, std::nullopt, number);
   }
 }

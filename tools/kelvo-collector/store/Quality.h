@@ -10,19 +10,20 @@ namespace kelvo::collector {
 
 class Database;
 
-/// What is wrong in one chunk, looked for while it is kept. Every check looks at the chunk and at what is counted
-/// already, never at all that ever arrived.
+/// Checks one chunk while it is stored, and writes a row for each problem. A check reads the chunk and existing counts
+/// only, so its cost does not grow with the store. Thread: inside a transaction of `database`.
 class Quality {
  public:
-  /// `session` is the row of the session, `time` when the chunk arrived, in milliseconds since 1970.
+  /// `session` is the key of the session's row, `chunk` the chunk's number, and `time` the time of arrival in
+  /// milliseconds since 1970.
   Quality(Database& database, std::int64_t session, std::int64_t chunk, std::int64_t time)
       : database_(database), session_(session), chunk_(chunk), time_(time) {}
 
-  /// Numbers are missing between the highest one so far and this one, or this one is late.
+  /// Reports the chunk numbers missing between `highestSoFar` and this chunk, or that this chunk is late.
   void checkOrder(std::int64_t highestSoFar);
   void checkSession(const Dictionary& record);
   void checkEvent(const std::string& kind, const std::string& name, const Dictionary& event, std::int64_t id);
-  /// For a name that came for the first time.
+  /// Reports a new `name` that differs from a known name only in case.
   void checkNewName(const std::string& kind, const std::string& name, std::int64_t event);
   void reportConflict(const std::string& chunkId, std::int64_t firstRequest, std::int64_t secondRequest);
   void reportTypeChange(const std::string& name, const std::string& attribute, const std::string& before,
@@ -32,6 +33,7 @@ class Quality {
  private:
   void report(const char* kind, const std::string& message, const Value& value, std::optional<std::int64_t> event,
               std::int64_t chunk);
+  /// Deletes the report that this chunk is missing.
   void resolveMissing();
   void checkDuration(const Dictionary& object, const char* member, const std::string& of,
                      std::optional<std::int64_t> event);
@@ -42,7 +44,7 @@ class Quality {
   std::int64_t time_;
 };
 
-/// Adds to a count of all sessions (0) or of one.
+/// Adds `count` to a counter of `session`, which may be `kAllSessions`.
 void addToCounter(Database& database, std::int64_t session, const char* what, const std::string& item,
                   std::int64_t count);
 

@@ -1,9 +1,14 @@
 #pragma once
 
+#include <cstdint>
+
 namespace kelvo::collector {
 
-/// The tables. Every list that a page shows is found by an index and read from a place onwards; every number that it
-/// shows is counted at arrival. Session 0 in a table of counts means all sessions together.
+/// The key under which the count tables hold the totals of all sessions.
+inline constexpr std::int64_t kAllSessions = 0;
+
+/// Creates the tables. An index serves each list on the page, and each number on the page is counted on arrival, so the
+/// cost of a page does not grow with the store.
 inline constexpr const char* kSchema = R"sql(
 CREATE TABLE IF NOT EXISTS requests (sequence INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL,
   method TEXT NOT NULL, target TEXT NOT NULL, headers TEXT NOT NULL, status INTEGER NOT NULL, body BLOB NOT NULL);
@@ -63,7 +68,7 @@ CREATE INDEX IF NOT EXISTS history_by_user ON user_history (user);
 CREATE TABLE IF NOT EXISTS documents (name TEXT PRIMARY KEY, body TEXT NOT NULL) WITHOUT ROWID;
 )sql";
 
-/// Forgets what arrived; the documents stay, and sequence numbers go on.
+/// Deletes all requests and everything derived from them. Documents stay, and sequence numbers continue.
 inline constexpr const char* kForgetArrivals = R"sql(
 DELETE FROM requests; DELETE FROM chunks; DELETE FROM sessions; DELETE FROM events; DELETE FROM points;
 DELETE FROM names; DELETE FROM counters; DELETE FROM attributes; DELETE FROM attribute_values; DELETE FROM problems;

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,10 +12,11 @@
 
 #include "kelvo-collector/store/Database.h"
 #include "kelvo/Value.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo::collector {
 
-/// One request as it arrived.
+/// A request as it arrived.
 struct ReceivedRequest {
   std::int64_t sequence = 0;  ///< 1, 2, 3 ... in order of arrival
   std::int64_t time = 0;      ///< milliseconds since 1970
@@ -25,15 +25,15 @@ struct ReceivedRequest {
   std::string query;   ///< as sent, without the question mark
   Dictionary headers;  ///< names in lower case
   std::string body;
-  int status = 0;  ///< what was answered; 0 when no complete answer was given
+  int status = 0;  ///< status of the answer, 0 without a complete answer
 
-  /// The body as JSON; the null value when it is none.
+  /// Returns the body parsed as JSON, null if it is not JSON.
   [[nodiscard]] Value json() const;
-  /// The header of that lower-case name; the empty text when there is none.
+  /// Returns the header called `name` (in lower case), empty if there is none.
   [[nodiscard]] std::string header(std::string_view name) const;
 };
 
-/// One accepted chunk. The same chunk may arrive again, when its sender never learnt that it had arrived.
+/// One accepted chunk. The same chunk may arrive again if its sender did not receive the answer.
 struct ReceivedChunk {
   std::int64_t request = 0;  ///< `sequence` of the request that brought it
   std::int64_t time = 0;     ///< milliseconds since 1970
@@ -41,65 +41,70 @@ struct ReceivedChunk {
   std::string id;
   std::string session;
   std::int64_t number = 0;
-  Dictionary eventCounts;  ///< kind of event, "app_events" and so on, to the number of events
-  bool duplicate = false;  ///< came before with the same events
-  bool conflict = false;   ///< came before with other events
+  Dictionary eventCounts;  ///< list of events ("app_events" ...) to their number
+  bool duplicate = false;  ///< an earlier chunk has the same id and the same events
+  bool conflict = false;   ///< an earlier chunk has the same id and other events
 };
 
-/// What a request brought that the service accepted: the application that sent a chunk or its user's attributes.
+/// The content of a request that the service accepted: a chunk, the attributes of a user, or nothing.
 struct Accepted {
-  std::optional<std::string> chunkOf;
-  std::optional<std::string> userOf;
+  std::optional<std::string> chunkOf;  ///< application that sent a chunk
+  std::optional<std::string> userOf;   ///< application that sent a user's attributes
 };
 
-/// Keeps what arrived, and the service's documents, in SQLite. Safe to use from any thread.
+/// Stores requests, their content and the service's documents in SQLite. Thread-safe: one mutex serialises all use.
 class Store {
  public:
-  /// `path` is a file to open or make; throws std::runtime_error when that fails.
+  /// Opens or creates the file `path`. Throws std::runtime_error on failure.
   explicit Store(const std::string& path = ":memory:");
   ~Store();
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
-  /// Keeps the request, together with the chunk that it brought when `chunkOf` names the application that sent one.
-  /// Both or neither are kept; false when they could not be.
-  [[nodiscard]] bool add(const ReceivedRequest& request, const std::optional<std::string>& chunkOf) {
+  /// Stores the request, and the chunk in its body if `chunkOf` names the application that sent one. Stores both or
+  /// neither; returns false on failure.
+  [[nodiscard]] bool add(const ReceivedRequest& request, const std::optional<std::string>& chunkOf) EXCLUDES(mutex_) {
     return add(request, Accepted{chunkOf, std::nullopt});
   }
-  [[nodiscard]] bool add(const ReceivedRequest& request, const Accepted& accepted);
-  /// Forgets what arrived; the documents stay, and sequence numbers go on.
-  [[nodiscard]] bool reset();
+  [[nodiscard]] bool add(const ReceivedRequest& request, const Accepted& accepted) EXCLUDES(mutex_);
+  /// Deletes all requests and their content; returns false on failure. Documents stay, and sequence numbers continue.
+  [[nodiscard]] bool reset() EXCLUDES(mutex_);
 
-  /// Requests whose path and query contain `fragment`, after the one with the sequence number `after`, and no more than
-  /// `most`; of chunks, it is the sequence number of the request that brought one.
+  /// Returns the requests whose path and query contain `fragment` and whose sequence number is above `after`, `most` of
+  /// them at most, in order of arrival. For chunks, `after` is the sequence number of the request with the chunk.
   [[nodiscard]] std::vector<ReceivedRequest> requests(const std::string& fragment = {}, std::int64_t after = 0,
-                                                      std::int64_t most = INT64_MAX) const;
-  [[nodiscard]] std::vector<ReceivedChunk> chunks(std::int64_t after = 0, std::int64_t most = INT64_MAX) const;
-  /// The bodies of the accepted chunks, in order of arrival.
-  [[nodiscard]] std::vector<Value> chunkBodies() const;
+                                                      std::int64_t most = INT64_MAX) const EXCLUDES(mutex_);
+  [[nodiscard]] std::vector<ReceivedChunk> chunks(std::int64_t after = 0, std::int64_t most = INT64_MAX) const
+      EXCLUDES(mutex_);
+  /// Returns the bodies of all accepted chunks, in order of arrival.
+  [[nodiscard]] std::vector<Value> chunkBodies() const EXCLUDES(mutex_);
 
-  /// Waits until that many have arrived; false when `timeout` has passed first.
+  /// Blocks until `count` requests or chunks have arrived. Returns false if `timeout` passes first.
   [[nodiscard]] bool waitForRequests(std::size_t count, const std::string& fragment,
-                                     std::chrono::milliseconds timeout) const;
-  [[nodiscard]] bool waitForChunks(std::size_t count, std::chrono::milliseconds timeout) const;
+                                     std::chrono::milliseconds timeout) const EXCLUDES(mutex_);
+  [[nodiscard]] bool waitForChunks(std::size_t count, std::chrono::milliseconds timeout) const EXCLUDES(mutex_);
 
-  /// A document of the service by its name; nullopt when none was kept.
-  [[nodiscard]] std::optional<std::string> document(const std::string& name) const;
-  [[nodiscard]] bool keepDocument(const std::string& name, const std::string& body);
+  /// Returns the saved text of a document of the service, nullopt if there is none.
+  [[nodiscard]] std::optional<std::string> document(const std::string& name) const EXCLUDES(mutex_);
+  /// Saves a document. Returns false on failure.
+  [[nodiscard]] bool keepDocument(const std::string& name, const std::string& body) EXCLUDES(mutex_);
 
-  /// What `reader` makes of the database, while nothing else uses it.
+  /// Returns the result of `reader(database)`. The mutex is held meanwhile, so `reader` must not call the store.
   template <class Reader>
-  auto read(Reader reader) const {
-    const std::lock_guard lock(mutex_);
+  auto read(Reader reader) const EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
     return reader(*database_);
   }
 
  private:
-  [[nodiscard]] std::size_t count(const char* sql, const std::string& fragment) const;
+  [[nodiscard]] std::size_t count(const char* sql, const std::string& fragment) const REQUIRES(mutex_);
+  /// Blocks until the count that `sql` selects is `wanted` or more. Returns false if `timeout` passes first.
+  [[nodiscard]] bool waitForCount(std::size_t wanted, const char* sql, const std::string& fragment,
+                                  std::chrono::milliseconds timeout) const EXCLUDES(mutex_);
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable arrived_;
-  std::unique_ptr<Database> database_;
+  mutable Mutex mutex_;
+  mutable std::condition_variable arrived_;  // notified for each stored request
+  const std::unique_ptr<Database> database_ PT_GUARDED_BY(mutex_);
 };
 
 }  // namespace kelvo::collector
