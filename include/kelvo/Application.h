@@ -14,8 +14,8 @@ namespace kelvo {
 /// The level of a log line.
 enum class LogLevel { debug, info, warn, error };
 
-/// Reports of the host about itself. All of them are optional. Every function is thread-safe, may be called at any time,
-/// returns at once and never throws. In a forked child it does nothing.
+/// Reports of the host about itself. All of them are optional. Every function is thread-safe, may be called at any
+/// time, returns at once and never throws. In a forked child it does nothing.
 class KELVO_EXPORT Application {
  public:
   /// Reports that the application came to the foreground: its window became active. Has no effect before the start.
@@ -33,24 +33,24 @@ class KELVO_EXPORT Application {
   /// ignored with one WARN line. Call it before the start: records that exist already keep the former size.
   static void setScreenSize(float width, float height) noexcept;
 
-  /// Makes the host's main loop the library's main queue. Before, and after a call with two empty functions, a thread of
-  /// the library runs the main queue. `post` must run `task` later, on the loop's thread, and return at once. `isCurrent`
-  /// returns whether the calling thread is the loop's thread. The library calls both on any thread, until the process is
-  /// gone. An exception from either is logged.
+  /// Makes the host's main loop the library's main queue. Before, and after a call with two empty functions, a thread
+  /// of the library runs the main queue. `post` must run `task` later, on the loop's thread, and return at once.
+  /// `isCurrent` returns whether the calling thread is the loop's thread. The library calls both on any thread, until
+  /// the process is gone. An exception from either is logged.
   static void setMainLoop(std::function<void(std::function<void()> task)> post,
                           std::function<bool()> isCurrent) noexcept;
 
   /// Sends the library's log lines to `sink` in place of standard error. An empty function restores standard error. The
-  /// log thread calls `sink` once per line, without the line feed, and ignores its exceptions. A replaced sink may still
-  /// be called for a line that is already being written.
+  /// log thread calls `sink` once per line, without the line feed, and ignores its exceptions. A replaced sink may
+  /// still be called for a line that is already being written.
   static void setLogSink(std::function<void(LogLevel level, std::string_view line)> sink) noexcept;
 
   /// Hands over the host's windows and views, so that actions of the service can point at a view; nullptr removes them.
   /// The first tree is also asked for the screen that shows at that time, or at the start if that comes later.
   static void setViewTree(std::shared_ptr<ViewTree> tree) noexcept;
 
-  /// Report that `screen` is about to appear, or has appeared. The library records a screen, with the time spent on it in
-  /// whole seconds, when the next screen has appeared or the application leaves the foreground. A screen of the same
+  /// Report that `screen` is about to appear, or has appeared. The library records a screen, with the time spent on it
+  /// in whole seconds, when the next screen has appeared or the application leaves the foreground. A screen of the same
   /// class as the current one counts as the same screen. A navigation counts as no screen. The library reads the title
   /// on the main queue later, without blocking the caller. nullptr costs one WARN line. No effect before the start.
   static void willShow(std::shared_ptr<ViewController> screen) noexcept;
@@ -60,9 +60,10 @@ class KELVO_EXPORT Application {
   static void willShow(OptionalText className, OptionalText title = {}) noexcept;
   static void didShow(OptionalText className, OptionalText title = {}) noexcept;
 
-  /// Report that a cross-platform framework draws the host's interface. With the first, searches for views by native id
-  /// look at `View::nativeID` in place of tags.
+  /// Reports that a cross-platform framework draws the host's interface. Searches for views then use `View::nativeID`
+  /// in place of the tag.
   static void markAsReactNative() noexcept;
+  /// Reports that the interface is a web page. The library only stores this.
   static void markAsCordova() noexcept;
 };
 

@@ -20,16 +20,17 @@ namespace kelvo {
 /// collection, during exit. It returns at once: it never blocks on a disk, on the network, or on a lock that is held
 /// across either. It never throws, and in a forked child it does nothing.
 ///
-/// Arguments are copied. `Value` says how unsuitable values are repaired. A missing (nil) or empty argument that a
-/// function requires costs one WARN or ERROR line, and the call has no other effect. The same holds while collection is
-/// disabled.
+/// Arguments are copied; `Value` documents how unsuitable values are repaired. Attributes lose nulls, dates, bytes, and
+/// empty texts and dictionaries. A call costs a WARN or ERROR line and has no other effect if a required argument is
+/// nil, if an attribute is an empty array, or while collection is disabled.
 ///
 /// Calls before the database is ready are kept in memory and stored once it is. Normal exit and
 /// `Application::willResignActive` save the events among them to a file for the next launch.
 class KELVO_EXPORT KelvoSDK {
  public:
   /// Starts the library for the application `appId`. Only the first call with an id that is not empty counts. A host
-  /// whose bundle's `Info.plist` names an id under "Kelvo" / "Core" needs no call: the library starts when it is loaded.
+  /// whose bundle's `Info.plist` names an id under "Kelvo" / "Core" needs no call: the library starts when it is
+  /// loaded.
   static void initializeKelvoWithID(OptionalText appId) noexcept;
 
   /// Sets the host's own id of its user as an attribute of the user. Refused with an ERROR line before the start-up has
@@ -46,8 +47,8 @@ class KELVO_EXPORT KelvoSDK {
   static void setUserCustomInfo(OptionalDictionary info) noexcept;
   static void setSessionCustomInfo(OptionalDictionary info) noexcept;
 
-  /// Reports an error in the host, with its description (`what()` of an exception) and optional attributes. It is stored
-  /// and sent as an incident.
+  /// Reports an error in the host, with its description (`what()` of an exception) and optional attributes. It is
+  /// stored and sent as an incident.
   static void reportCustomError(OptionalText error, OptionalDictionary info = {}) noexcept;
   static void reportCustomError(const std::exception& error, OptionalDictionary info = {}) noexcept;
 
@@ -64,8 +65,8 @@ class KELVO_EXPORT KelvoSDK {
   static void logAppEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten,
                                   bool isAggregate) noexcept;
 
-  /// Returns the id of this device, a UUID. The first launch makes it; later launches read it. Returns nullopt until the
-  /// start-up has it, and in a forked child.
+  /// Returns the id of this device, a UUID. The first launch makes it; later launches read it. Returns nullopt until
+  /// the start-up has it, and in a forked child.
   [[nodiscard]] static std::optional<std::string> getDeviceID() noexcept;
 };
 

@@ -10,8 +10,8 @@
 
 namespace kelvo {
 
-/// A text argument (UTF-8), or nil. Converts from literals, C strings (a null pointer is nil), `std::string`, `std::string_view`,
-/// `std::optional<std::string>` and `std::nullopt`.
+/// A text argument (UTF-8), or nil. Converts from literals, C strings (a null pointer is nil), `std::string`,
+/// `std::string_view`, `std::optional<std::string>` and `std::nullopt`.
 class OptionalText : public std::optional<std::string> {
  public:
   OptionalText() noexcept = default;

@@ -99,7 +99,6 @@ class KELVO_EXPORT Dictionary {
 ///
 /// Integers reach the service as integers. Each kind of repair that an argument of a host needs costs one WARN line per
 /// call: NaN, infinities and containers below the 64th level are dropped, and bytes that are not UTF-8 become U+FFFD.
-/// Nulls and empty texts, arrays and dictionaries are removed from the attributes of events, users and sessions.
 class KELVO_EXPORT Value {
  public:
   Value() noexcept = default;
@@ -149,8 +148,8 @@ class KELVO_EXPORT Value {
   [[nodiscard]] std::optional<Array> asArray() const noexcept;
   [[nodiscard]] std::optional<Dictionary> asDictionary() const noexcept;
 
-  /// Return the number, or the number at the start of a text, clamped to the range of the result; 0 for everything else.
-  /// The integer forms truncate towards zero.
+  /// Return the number, or the number at the start of a text, clamped to the range of the result; 0 for everything
+  /// else. The integer forms truncate towards zero.
   [[nodiscard]] std::int64_t asInt64() const noexcept;
   [[nodiscard]] std::uint64_t asUInt64() const noexcept;
   [[nodiscard]] double asDouble() const noexcept;
@@ -167,7 +166,8 @@ class KELVO_EXPORT Value {
 };
 
 /// Returns a value as text: a text unchanged, an integer in decimal, a floating-point number in the shortest form that
-/// reads back, a bool as 1 or 0, bytes as DESCRIBEBYTES, an array or dictionary as compact JSON, null as `(null)`.
+/// reads back, a bool as 1 or 0, bytes in lower-case hexadecimal, a date as "YYYY-MM-DD hh:mm:ss +0000", an array or
+/// dictionary as compact JSON, null as `(null)`.
 [[nodiscard]] KELVO_EXPORT std::string description(const Value& value);
 
 }  // namespace kelvo

@@ -92,8 +92,8 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   setupLoggerLevel();
   loadClientAndAggregateEvents();
   dataHandler()->startWithCompletionHandler([this] { stepC(); });
-  controllerSerialQueue_.sync(
-      [this] { mergeStoredUser(); });  // on the queue, so that no attribute of a host call gets lost
+  // On the queue of host calls, so that no attribute set meanwhile gets lost.
+  controllerSerialQueue_.sync([this] { mergeStoredUser(); });
   auto chunks = KLVChunkManager::initWithConfiguration(manager->configDetails(), *this);
   {
     const Lock lock(mutex_);

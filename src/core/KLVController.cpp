@@ -39,7 +39,7 @@ void KLVController::initialize() {
   {
     const Lock lock(mutex_);
     components_.applicationIdentifier =
-        core != nullptr ? *core : std::string();  // Kept: stored before it is validated.
+        core != nullptr ? *core : std::string();  // Kept: the id is stored before it is validated.
   }
   if (core == nullptr || !KLVUtilities::isValidString(*core)) {
     KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId");
@@ -96,7 +96,7 @@ void KLVController::whenPosted(std::function<void()> done) {
 }
 
 void KLVController::waitUntilDelivered() {
-  // The chunk that BACKGROUND cuts contains the screen that BACKGROUND ends, unless a busy main loop delays its title.
+  // So that the chunk contains the screen that BACKGROUND ends, unless a busy main loop delays the screen's title.
   if (!navigationMonitor_->waitUntilDispatched(kLongestWaitForTitle)) KLV_DEBUG("Not waiting for a title any longer");
   eventHandler_.waitUntilDelivered();
 }

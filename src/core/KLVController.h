@@ -46,12 +46,12 @@ class KLVController final : public KLVEventListener,
   KLVController();
 
   // --- Start-up.
-  /// Starts the library if the bundle's "Kelvo" dictionary names an application under "Core".
+  /// Starts the library if the bundle's "Kelvo" dictionary names an application under "Core". Called at load.
   void initialize();
   void initializeWithKelvoID(Text appId);
   /// Asks the service whether its lists have changed. Applies the new lists, or else the saved ones.
   void loadClientAndAggregateEvents();
-  /// Drops all buffers, refuses later calls and stops both monitors.
+  /// Stops both monitors. Drops all buffers and refuses later calls, with the exception in `CollectionGate::terminate`.
   void terminateSDK();
   [[nodiscard]] bool enableSDK() { return gateState() == CollectionGate::State::running; }
   [[nodiscard]] bool isSDKInitCalled() { return gateState() != CollectionGate::State::idle; }
@@ -92,7 +92,7 @@ class KLVController final : public KLVEventListener,
   [[nodiscard]] bool actionInProgress() const noexcept { return actionInProgress_; }
   void setActionInProgress(bool inProgress) noexcept { actionInProgress_ = inProgress; }
 
-  // --- Readings. nullptr, nullopt, 0 or empty before the start-up has made the record or the store.
+  // --- Records and counters: nullptr, nullopt or 0 until the start-up has made the record.
   Text getDeviceID();
   Text getHardwareModel();
   Text getSessionId();
@@ -179,8 +179,8 @@ class KLVController final : public KLVEventListener,
   std::atomic<bool> actionInProgress_{false};
   Mutex frequencyMutex_;  ///< held while one thread reads, changes and writes the saved frequency info
 
-  /// Never held across I/O or a callback. It is held while events are submitted to the data handler, so that buffered
-  /// events are stored before later ones; a submission makes the storage form and blocks on no disk.
+  /// Never held across I/O or a callback. It is held while events are handed to the data handler, which makes their
+  /// storage forms and queues them (so that buffered events stay before later ones), and while a record's token is set.
   Mutex mutex_;
   CollectionGate gate_ GUARDED_BY(mutex_);
   KLVComponents components_ GUARDED_BY(mutex_);
