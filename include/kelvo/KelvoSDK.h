@@ -34,7 +34,7 @@ class KELVO_EXPORT KelvoSDK {
   static void initializeKelvoWithID(OptionalText appId) noexcept;
 
   /// Sets the host's own id of its user as an attribute of the user. Refused with an ERROR line before the start-up has
-  /// made the user's record. nil is refused, too.
+  /// made the user's record; so is nil.
   static void setUserIdentifier(OptionalText identifier) noexcept;
 
   /// Reports that the user now sees the screen `title`, a named screen inside the one that `Application::didShow`

@@ -30,7 +30,7 @@
 /// library, and only hosts of the shared library load it.
 namespace kelvo {
 
-/// Receives events from the bus, which owns a share of each registered listener.
+/// Receives events from the bus. The bus shares the ownership of a listener while it is registered.
 class KELVO_EXPORT EventListener {
  public:
   EventListener();
@@ -124,8 +124,8 @@ class KELVO_EXPORT PluginServices {
   /// ignored.
   static void executeAfterDelay(double seconds, std::function<void()> block) noexcept;
 
-  /// Returns, and sets, whether an action is being shown. The library only stores the flag, so that two plug-ins do not
-  /// show actions at the same time.
+  /// Returns true while an action is being shown, if plug-ins say so. The library only stores the flag, for plug-ins
+  /// that must not show actions at the same time.
   [[nodiscard]] static bool actionInProgress() noexcept;
   static void setActionInProgress(bool inProgress) noexcept;
 

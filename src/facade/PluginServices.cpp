@@ -36,9 +36,10 @@ Event asEvent(const KLVEvent& event) {
 class EventListener::Adapter final : public KLVEventListener {
  public:
   explicit Adapter(EventListener& listener) : listener_(listener) {}
-  void onEvent(const std::shared_ptr<KLVEvent>& event) override { listener_.onEvent(asEvent(*event)); }
 
  private:
+  void onEvent(const std::shared_ptr<KLVEvent>& event) override { listener_.onEvent(asEvent(*event)); }
+
   EventListener& listener_;
 };
 
