@@ -44,7 +44,7 @@ class CollectionGate {
   /// The start-up has ended, with the gate running or terminated.
   void finishStartUp() noexcept { startUpHasEnded_ = true; }
   /// Drops the buffered events and attributes, and refuses every later call permanently.
-  /// Kept: once the database is ready, a running gate goes on storing.
+  /// Kept: once the database is ready, a running gate still stores.
   void terminate() noexcept;
 
   [[nodiscard]] State state() const noexcept { return state_; }
