@@ -11,54 +11,59 @@
 
 namespace kelvo {
 
+/// The level of a log line.
 enum class LogLevel { debug, info, warn, error };
 
-/// What a host tells the library about itself. Every operation is optional, may be called from any thread at any
-/// time, before or after the start, returns at once and never throws.
+/// Reports of the host about itself. All of them are optional. Every function is thread-safe, may be called at any
+/// time, returns at once and never throws. In a forked child it does nothing.
 class KELVO_EXPORT Application {
  public:
-  /// The application came to the foreground: its window became active.
+  /// Reports that the application came to the foreground: its window became active. Has no effect before the start.
   static void didBecomeActive() noexcept;
-  /// The application is about to leave the foreground. What was logged before is in the chunk of events that is cut
-  /// and sent now.
+  /// Reports that the application is about to leave the foreground. The library then cuts a chunk, which contains all
+  /// events of earlier calls, and sends it. Has no effect before the start.
   static void willResignActive() noexcept;
 
-  /// The token for push notifications, as text or as bytes (sent as upper-case hexadecimal). Before the start it is
-  /// kept and used then.
+  /// Sets the device's token for push notifications, as text or as bytes, which are sent in upper-case hexadecimal. The
+  /// latest token counts. A token from before the start is kept in memory. nil or an empty token costs one WARN line.
   static void logDeviceToken(OptionalText token) noexcept;
   static void logDeviceToken(Data token) noexcept;
 
-  /// Size of the main screen in points. Without it, 0 x 0 is reported. Counts for what is made after the call, so
-  /// report it before the start.
+  /// Sets the size of the main screen in points; 0 x 0 is reported without it. A size that is negative or not finite is
+  /// ignored with one WARN line. Call it before the start: records that exist already keep the former size.
   static void setScreenSize(float width, float height) noexcept;
 
-  /// Hands over the host's main loop, once: `post` runs a task later on the loop's thread and returns at once,
-  /// `isCurrent` says whether the calling thread is that one. Both are called from any thread and must stay valid for
-  /// the life of the process. Until then the library runs a loop of its own in a thread.
+  /// Makes the host's main loop the library's main queue. Before, and after a call with two empty functions, a thread
+  /// of the library runs the main queue. `post` must run `task` later, on the loop's thread, and return at once.
+  /// `isCurrent` returns whether the calling thread is the loop's thread. The library calls both on any thread, until
+  /// the process is gone. An exception from either is logged.
   static void setMainLoop(std::function<void(std::function<void()> task)> post,
                           std::function<bool()> isCurrent) noexcept;
 
-  /// Takes the library's log lines, one a call without a line feed, in place of standard error; an empty function
-  /// gives them back. Called on the log thread. A sink that was replaced may still be called for lines already taken.
+  /// Sends the library's log lines to `sink` in place of standard error. An empty function restores standard error. The
+  /// log thread calls `sink` once per line, without the line feed, and ignores its exceptions. A replaced sink may
+  /// still be called for a line that is already being written.
   static void setLogSink(std::function<void(LogLevel level, std::string_view line)> sink) noexcept;
 
-  /// The host's windows and views, so that actions of the service can point at one; nullptr takes them away. Handed
-  /// over for the first time, or at the start, it is asked once for the screen that shows then.
+  /// Hands over the host's windows and views, so that actions of the service can point at a view; nullptr removes them.
+  /// The first tree is also asked for the screen that shows at that time, or at the start if that comes later.
   static void setViewTree(std::shared_ptr<ViewTree> tree) noexcept;
 
-  /// `screen` is about to appear, and has appeared. The time on a screen is recorded when the next one has appeared,
-  /// or when the application leaves the foreground. A screen of the same class as the one before is the same screen,
-  /// and a navigation is none. The title is asked on the main queue later, and not waited for here; nullptr gives one
-  /// log line.
+  /// Report that `screen` is about to appear, or has appeared. The library records a screen, with the time spent on it
+  /// in whole seconds, when the next screen has appeared or the application leaves the foreground. A screen of the same
+  /// class as the current one counts as the same screen. A navigation counts as no screen. The library reads the title
+  /// on the main queue later, without blocking the caller. nullptr costs one WARN line. No effect before the start.
   static void willShow(std::shared_ptr<ViewController> screen) noexcept;
   static void didShow(std::shared_ptr<ViewController> screen) noexcept;
-  /// The same for a host without view controllers. Without a title the class names the screen; no class or an empty
-  /// one gives one log line.
+  /// The same for a host without view controllers. Without a title, the class names the screen. A nil or empty class
+  /// costs one WARN line.
   static void willShow(OptionalText className, OptionalText title = {}) noexcept;
   static void didShow(OptionalText className, OptionalText title = {}) noexcept;
 
-  /// The host's interface is drawn by a cross-platform framework.
+  /// Reports that a cross-platform framework draws the host's interface. Searches for views then use `View::nativeID`
+  /// in place of the tag.
   static void markAsReactNative() noexcept;
+  /// Reports that the interface is a web page. The library only stores this.
   static void markAsCordova() noexcept;
 };
 

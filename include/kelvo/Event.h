@@ -9,15 +9,15 @@
 
 namespace kelvo {
 
-/// The kinds of event; the numbers are stored and sent.
+/// The types of events. The numbers are part of `identifierKey` and never change.
 enum class KLVEventType : std::uint64_t {
-  system = 0,  ///< the application came to the foreground, or went to the background
+  system = 0,  ///< the application came to the foreground (FOREGROUND) or is leaving it (BACKGROUND)
   ceNavigation = 1,
   navigation = 2,
   userInteraction = 3,
-  app = 4,        ///< logged by the host
+  app = 4,        ///< logged by the host, stored and sent
   client = 5,     ///< logged by the host, for plug-ins on this device
-  aggregate = 6,  ///< logged by the host, only counted
+  aggregate = 6,  ///< logged by the host; only counted
   push = 7,
   inApp = 8,
   inlineView = 9,
@@ -28,25 +28,25 @@ enum class KLVEventType : std::uint64_t {
   screenshot = 14,
   survey = 15,
   // Kept: 16 has no name; it prints as "undefined" and no text parses to it.
-  session = 17,  ///< a session begins
+  session = 17,  ///< a session has begun
   chunk = 18,    ///< a chunk is about to be cut
   customError = 19,
   applicationCrash = 20,
-  unknown = UINT64_MAX,  ///< what an undefined name parses to
+  unknown = UINT64_MAX,  ///< the result of parsing an undefined name
 };
 
-/// "System", "CENavigation", ... "ApplicationCrash"; "undefined" for any other value.
+/// Returns "System", "CENavigation" ... "ApplicationCrash"; "undefined" for any other value. Thread-safe.
 [[nodiscard]] KELVO_EXPORT std::string_view stringFromType(KLVEventType type);
 
-/// The key of one exact event, "<type number>___<name>": listeners register under it. The type is the one that the
-/// event has once it is classified: an event that the service wants as a client event has the type `client`.
+/// Returns the key "<type number>___<name>" under which a listener registers for one exact event. `type` is the type
+/// after classification: `client` for an event that the service's lists make a client event. Thread-safe.
 [[nodiscard]] KELVO_EXPORT std::string identifierKey(KLVEventType type, std::string_view identifier);
 
-/// Something that happened, as a listener sees it.
+/// A recorded occurrence, as a listener receives it.
 struct Event {
   std::string name;  ///< such as "Purchase", "BACKGROUND"; a random UUID for an error that the host reported
   KLVEventType type = KLVEventType::unknown;  ///< after classification
-  Dictionary attributes;                      ///< those of the host, flat, and those that the library added
+  Dictionary attributes;                      ///< the host's, flattened, and the library's
   std::int64_t time = 0;                      ///< whole seconds since the library was loaded
 };
 

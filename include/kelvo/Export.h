@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what the shared library offers to its host; everything else stays hidden.
+/// Marks a name that the shared library exports. All other names stay hidden.
 #define KELVO_EXPORT __attribute__((visibility("default")))

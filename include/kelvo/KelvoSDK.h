@@ -11,54 +11,62 @@
 
 namespace kelvo {
 
-/// Client-side analytics for the process that links it. Everything a host calls is here and in `Application`.
+/// Client-side analytics for the process that links it. A host calls this class and `Application` only.
 ///
 ///     kelvo::KelvoSDK::initializeKelvoWithID("my-app");
 ///     kelvo::KelvoSDK::logAppEventWithName("Purchase", {{"item", "book"}, {"price", 12.5}});
 ///
-/// Every operation may be called from any thread at any time (before the start, after the service has disabled
-/// collection, during exit), returns at once without waiting for a disk, the network or a lock held across
-/// either, and never throws. Arguments are taken over as they are at the call. Wrong or missing arguments, and
-/// calls while collection is disabled, give one log line and have no other effect.
+/// Every function is thread-safe and may be called at any time: before the start, after the service has disabled
+/// collection, during exit. It returns at once: it never blocks on a disk, on the network, or on a lock that is held
+/// across either. It never throws, and in a forked child it does nothing.
 ///
-/// What is logged before the start-up has reached the database is kept in memory and stored then.
+/// Arguments are copied; `Value` documents how unsuitable values are repaired. Attributes lose nulls, dates, bytes, and
+/// empty texts and dictionaries. A call costs a WARN or ERROR line and has no other effect if a required argument is
+/// nil, if an attribute is an empty array, or while collection is disabled.
+///
+/// Calls before the database is ready are kept in memory and stored once it is. Normal exit and
+/// `Application::willResignActive` save the events among them to a file for the next launch.
 class KELVO_EXPORT KelvoSDK {
  public:
-  /// Starts the library for the application `appId`. Only the first call with a valid (non-empty) id in a process
-  /// counts, and none is needed when the bundle's `Info.plist` names an id under "Kelvo" / "Core": then the library
-  /// has started when it was loaded.
+  /// Starts the library for the application `appId`. Only the first call with an id that is not empty counts. A host
+  /// whose bundle's `Info.plist` names an id under "Kelvo" / "Core" needs no call: the library starts when it is
+  /// loaded.
   static void initializeKelvoWithID(OptionalText appId) noexcept;
 
-  /// The host's own id of its user; kept with the user's attributes. Refused until the start-up has ended.
+  /// Sets the host's own id of its user as an attribute of the user. Refused with an ERROR line before the start-up has
+  /// made the user's record; so is nil.
   static void setUserIdentifier(OptionalText identifier) noexcept;
 
-  /// The user sees the screen `title` now, a named screen inside the one that `Application::didShow` reported last. It
-  /// is recorded with the time spent on it when the next screen appears, or when the application leaves the foreground.
+  /// Reports that the user now sees the screen `title`, a named screen inside the one that `Application::didShow`
+  /// reported last. The library records the screen and the time spent on it, in whole seconds, when the next screen
+  /// appears or the application leaves the foreground.
   static void logScreenWithName(OptionalText title) noexcept;
 
-  /// Adds or replaces attributes of the user (kept for later launches) or of the session.
+  /// Adds attributes to the user (kept for later launches) or to the current session, or replaces those of the same
+  /// name.
   static void setUserCustomInfo(OptionalDictionary info) noexcept;
   static void setSessionCustomInfo(OptionalDictionary info) noexcept;
 
-  /// An error that the host noticed, with its description (`what()`) and attributes. It is sent as an incident.
+  /// Reports an error in the host, with its description (`what()` of an exception) and optional attributes. It is
+  /// stored and sent as an incident.
   static void reportCustomError(OptionalText error, OptionalDictionary info = {}) noexcept;
   static void reportCustomError(const std::exception& error, OptionalDictionary info = {}) noexcept;
 
-  /// An event for plug-ins on this device: counted, but neither stored nor sent.
-  /// Nested dictionaries become JSON text under their key; with `shouldFlatten`, one more level becomes keys of its
-  /// own, joined by "_".
+  /// Logs an event for the plug-ins on this device: it is counted, but neither stored nor sent.
+  /// A nested dictionary becomes JSON text under its key. With `shouldFlatten`, one more level becomes keys of its own,
+  /// joined by "_".
   static void logClientEventWithName(OptionalText name, OptionalDictionary info = {}) noexcept;
   static void logClientEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten) noexcept;
 
-  /// An event of the application with its attributes. An aggregate event is not stored itself: the session counts
-  /// how often its name and each value of each attribute occurred.
+  /// Logs an event of the application with its attributes, which are flattened like those of a client event. An
+  /// aggregate event is not stored: the session counts its name, and each value of each of its attributes.
   static void logAppEventWithName(OptionalText name, OptionalDictionary info = {}) noexcept;
   static void logAppEventWithName(OptionalText name, OptionalDictionary info, bool isAggregate) noexcept;
   static void logAppEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten,
                                   bool isAggregate) noexcept;
 
-  /// The id of this device, a UUID made at the first start and kept; nullopt until the start-up has made or read it,
-  /// and in a forked child.
+  /// Returns the id of this device, a UUID. The first launch makes it; later launches read it. Returns nullopt until
+  /// the start-up has it, and in a forked child.
   [[nodiscard]] static std::optional<std::string> getDeviceID() noexcept;
 };
 

@@ -10,8 +10,8 @@
 
 namespace kelvo {
 
-/// A text argument, or nil. Takes literals, C strings (a null pointer is nil), `std::string`, `std::string_view`,
-/// `std::optional<std::string>` and `std::nullopt`.
+/// A text argument (UTF-8), or nil. Converts from literals, C strings (a null pointer is nil), `std::string`,
+/// `std::string_view`, `std::optional<std::string>` and `std::nullopt`.
 class OptionalText : public std::optional<std::string> {
  public:
   OptionalText() noexcept = default;
@@ -25,7 +25,7 @@ class OptionalText : public std::optional<std::string> {
   OptionalText(std::optional<std::string> text) noexcept : std::optional<std::string>(std::move(text)) {}
 };
 
-/// A dictionary argument, or nil. Takes `{{"key", value}, ...}`, `Dictionary`, `std::optional<Dictionary>` and
+/// A dictionary argument, or nil. Converts from `{{"key", value}, ...}`, `Dictionary`, `std::optional<Dictionary>` and
 /// `std::nullopt`; `{}` is nil.
 class OptionalDictionary : public std::optional<Dictionary> {
  public:

@@ -20,13 +20,13 @@ class Value;
 
 /// Raw bytes.
 using Data = std::vector<std::uint8_t>;
-/// A moment of the wall clock.
+/// A point in time of the wall clock.
 using Date = std::chrono::system_clock::time_point;
 
 /// An ordered list of values.
 ///
-/// Copies share their content and cost one reference count; the first change of a copy makes it the owner of
-/// its own content. Distinct copies may be used from different threads without a lock.
+/// Copies share their content and cost one reference count. The first change of a copy copies the content.
+/// Thread: different copies may be used on different threads without a lock, one copy on one thread at a time only.
 class KELVO_EXPORT Array {
  public:
   Array() noexcept = default;
@@ -38,7 +38,8 @@ class KELVO_EXPORT Array {
 
   [[nodiscard]] std::size_t size() const noexcept;
   [[nodiscard]] bool empty() const noexcept { return size() == 0; }
-  /// `index` must be below `size()`.
+  /// Returns the value at `index`, which must be below `size()`. The reference stays valid until this array changes or
+  /// dies.
   [[nodiscard]] const Value& operator[](std::size_t index) const noexcept;
   [[nodiscard]] const Value* begin() const noexcept;
   [[nodiscard]] const Value* end() const noexcept;
@@ -53,16 +54,16 @@ class KELVO_EXPORT Array {
   Rep* rep_ = nullptr;
 };
 
-/// A map from text to value. It enumerates in the order in which its keys were first set, so the same calls
-/// give the same bytes wherever it is written out.
+/// A map from text to value. It enumerates in the order in which its keys were first set, so the same calls produce the
+/// same JSON bytes.
 ///
-/// Copies share their content as those of `Array` do.
+/// Copies share their content like copies of `Array`, with the same rule for threads.
 class KELVO_EXPORT Dictionary {
  public:
   using Entry = std::pair<std::string, Value>;
 
   Dictionary() noexcept = default;
-  /// A key that stands twice keeps its first place and its last value.
+  /// A repeated key keeps its first position and its last value.
   Dictionary(std::initializer_list<Entry> entries);
   Dictionary(const Dictionary& other) noexcept;
   Dictionary(Dictionary&& other) noexcept : rep_(std::exchange(other.rep_, nullptr)) {}
@@ -71,18 +72,20 @@ class KELVO_EXPORT Dictionary {
 
   [[nodiscard]] std::size_t size() const noexcept;
   [[nodiscard]] bool empty() const noexcept { return size() == 0; }
-  /// The value under `key`, or nullptr. It stays valid until this dictionary changes or dies.
+  /// Returns the value under `key`, nullptr if there is none. It stays valid until this dictionary changes or dies.
   [[nodiscard]] const Value* find(std::string_view key) const noexcept;
   [[nodiscard]] bool contains(std::string_view key) const noexcept { return find(key) != nullptr; }
-  /// The value under `key`; the null value when there is none.
+  /// Returns the value under `key`, the null value if there is none.
   [[nodiscard]] const Value& operator[](std::string_view key) const noexcept;
   [[nodiscard]] const Entry* begin() const noexcept;
   [[nodiscard]] const Entry* end() const noexcept;
 
+  /// Adds or replaces the value under `key`. A replaced value keeps its position.
   void set(std::string_view key, Value value);
+  /// Removes `key`; does nothing if it is missing.
   void remove(std::string_view key);
 
-  /// Equal when both hold the same keys with equal values, in whatever order.
+  /// Returns true if both have the same keys with equal values, in any order.
   friend KELVO_EXPORT bool operator==(const Dictionary& left, const Dictionary& right) noexcept;
 
  private:
@@ -91,12 +94,11 @@ class KELVO_EXPORT Dictionary {
   Rep* rep_ = nullptr;
 };
 
-/// One piece of data that a host hands over: null, bool, signed or unsigned 64-bit integer, 32-bit float,
-/// double, text (UTF-8), bytes, date, array or dictionary.
+/// One attribute's value: null, bool, signed or unsigned 64-bit integer, 32-bit float, double, text (UTF-8), bytes,
+/// date, array or dictionary.
 ///
-/// Integers stay integers all the way to the service. Not representable there, and therefore dropped with one
-/// warning when a host passes them: NaN, infinities, and anything nested deeper than 64 levels. Bytes of a text
-/// that are no UTF-8 are replaced by U+FFFD.
+/// Integers reach the service as integers. Each kind of repair that an argument of a host needs costs one WARN line per
+/// call: NaN, infinities and containers below the 64th level are dropped, and bytes that are not UTF-8 become U+FFFD.
 class KELVO_EXPORT Value {
  public:
   Value() noexcept = default;
@@ -114,7 +116,7 @@ class KELVO_EXPORT Value {
   }
   Value(float value) noexcept : content_(value) {}
   Value(double value) noexcept : content_(value) {}
-  /// A null pointer makes the null value.
+  /// A null pointer becomes the null value.
   Value(const char* text) {
     if (text != nullptr) content_ = std::string(text);
   }
@@ -128,32 +130,33 @@ class KELVO_EXPORT Value {
   Value(std::optional<T> value) : Value(value ? Value(*std::move(value)) : Value()) {}
 
   [[nodiscard]] bool isNull() const noexcept { return std::holds_alternative<std::monostate>(content_); }
-  /// A bool, an integer or a floating number.
+  /// Returns true for a bool, an integer or a floating-point number.
   [[nodiscard]] bool isNumber() const noexcept;
+  /// Returns true for a signed or unsigned integer, false for a bool.
   [[nodiscard]] bool isInteger() const noexcept;
 
-  /// The content when it is of that type, else nullptr:
+  /// Returns the content if it has the type `T`, else nullptr; valid until this value changes or dies:
   /// `value.get<std::string>()`, `value.get<Dictionary>()`, `value.get<std::int64_t>()` ...
   template <class T>
   [[nodiscard]] const T* get() const noexcept {
     return std::get_if<T>(&content_);
   }
 
-  /// The text, array or dictionary if the value is one, else nullopt. The array and the dictionary share their content
-  /// with the value.
+  /// Return the text, array or dictionary if the value is one, else nullopt. The array and the dictionary share their
+  /// content with the value.
   [[nodiscard]] std::optional<std::string> asText() const;
   [[nodiscard]] std::optional<Array> asArray() const noexcept;
   [[nodiscard]] std::optional<Dictionary> asDictionary() const noexcept;
 
-  /// The number, or the number that a text begins with, truncated towards zero and clamped to the range of the
-  /// result; 0 for everything else.
+  /// Return the number, or the number at the start of a text, clamped to the range of the result; 0 for everything
+  /// else. The integer forms truncate towards zero.
   [[nodiscard]] std::int64_t asInt64() const noexcept;
   [[nodiscard]] std::uint64_t asUInt64() const noexcept;
   [[nodiscard]] double asDouble() const noexcept;
-  /// True for a number other than 0, and for a text that begins with Y, y, T, t or a digit from 1 to 9.
+  /// Returns true for a number other than 0, and for a text that begins with Y, y, T, t or a digit from 1 to 9.
   [[nodiscard]] bool asBool() const noexcept;
 
-  /// Numbers compare by what they stand for (false equals 0, and 1 equals 1.0); everything else by type and content.
+  /// Compares numbers by their numeric value (false equals 0, and 1 equals 1.0), everything else by type and content.
   friend KELVO_EXPORT bool operator==(const Value& left, const Value& right) noexcept;
 
  private:
@@ -162,8 +165,9 @@ class KELVO_EXPORT Value {
       content_;
 };
 
-/// The text of a value: a text itself, an integer in decimal, a floating number in the shortest form that reads
-/// back, a bool as 1 or 0, an array or dictionary as compact JSON, null as `(null)`.
+/// Returns a value as text: a text unchanged, an integer in decimal, a floating-point number in the shortest form that
+/// reads back, a bool as 1 or 0, bytes in lower-case hexadecimal, a date as "YYYY-MM-DD hh:mm:ss +0000", an array or
+/// dictionary as compact JSON, null as `(null)`.
 [[nodiscard]] KELVO_EXPORT std::string description(const Value& value);
 
 }  // namespace kelvo

@@ -9,87 +9,92 @@
 #include "kelvo/Export.h"
 #include "kelvo/Value.h"
 
-/// What the host's interface looks like at this moment, so that actions of the service can point at a part of it and
-/// screens can be followed. A host, or an adapter to its toolkit, implements `ViewTree` and hands it to
-/// `Application::setViewTree`; a host that only reports screens needs `ViewController` at most.
+/// The host's interface at this moment, so that actions of the service can point at a part of it, and the library can
+/// follow screens. A host, or an adapter to its toolkit, implements `ViewTree` and passes it to
+/// `Application::setViewTree`. A host that only reports screens needs `ViewController` at most.
 ///
-/// Every operation is called on the main queue, unless it says otherwise, and returns what is there now: nothing is
-/// kept from one search to the next. Objects are shared, and may be let go on any thread. The host may delete what one
-/// stands for at any moment; the object then answers as an empty, hidden view. What an operation throws ends the
-/// search, with one log line.
-/// Lengths are points, the origin is at the top left, y grows downwards.
+/// Thread: the library calls every function on the main queue, unless its comment names another thread. It keeps no
+/// result from one search to the next. An exception ends the search with one log line.
+/// Ownership: objects are shared, and the library may release them on any thread. If the host deletes the widget behind
+/// an object, the object must act as an empty, hidden view. Units: lengths are points. The origin is at the top left,
+/// and y grows downwards.
 namespace kelvo {
 
+/// A rectangle, in points.
 struct Rect {
   double x = 0, y = 0, width = 0, height = 0;
 };
 
-/// The place of a cell in its table or collection, each from 0.
+/// The position of a cell in its table or collection, counted from 0.
 struct IndexPath {
   std::int64_t section = 0, row = 0;
 };
 
-/// Parts of 0 to 1. The default is clear.
+/// A color with components from 0 to 1. The default is transparent.
 struct Color {
   double red = 0, green = 0, blue = 0, alpha = 0;
 };
 
-/// The keys of a font's description; their values are texts.
+/// The keys of a font's description. Their values are texts.
 inline constexpr const char* kFontFamilyAttribute = "NSFontFamilyAttribute";  ///< such as "Inter"
 inline constexpr const char* kFontFaceAttribute = "NSFontFaceAttribute";      ///< "Bold", "Italic", "Bold Italic"
 inline constexpr const char* kFontNameAttribute = "NSFontNameAttribute";      ///< of one font: "Inter-Bold"
 
 struct Font {
-  std::string name;  ///< as the toolkit names it, such as "Inter-BoldItalic"; empty for the system's font
+  std::string name;  ///< the toolkit's name, such as "Inter-BoldItalic"; empty for the system's font
   double size = 16;  ///< points
 };
 
-/// One view. Two objects may stand for one view, as long as both tell and change the same.
+/// One view. Two objects may represent the same view if both return and change the same state.
 class KELVO_EXPORT View {
  public:
   virtual ~View();
-  /// Its class: "UILabel", "UIButton", "UITableViewCell" ..., or a name of the host's own.
+  /// Returns the view's class: "UILabel", "UIButton", "UITableViewCell" ..., or a name of the host's choice.
   [[nodiscard]] virtual std::string className() const = 0;
-  /// The classes that its class derives from, nearest first. A button of the host's own class names "UIButton" here
-  /// to be found as one.
+  /// Returns the base classes of the view's class, nearest first. A button with a class of its own returns "UIButton"
+  /// here to be found as a button.
   [[nodiscard]] virtual std::vector<std::string> superclassNames() const { return {}; }
-  /// Where it lies in its window.
+  /// Returns the view's rectangle in its window, in points.
   [[nodiscard]] virtual Rect frame() const = 0;
   [[nodiscard]] virtual bool isHidden() const { return false; }
-  /// From 0, fully transparent, to 1.
+  /// Returns the opacity, from 0 (transparent) to 1 (opaque). A search by path skips hidden and transparent
+  /// views.
   [[nodiscard]] virtual double alpha() const { return 1; }
-  /// A number of the host's choice; 0 for none. A search by path gives the cells of tables and collections theirs.
+  /// Returns a number of the host's choice, 0 for none.
   [[nodiscard]] virtual std::int64_t tag() const { return 0; }
+  /// Sets the tag. A search by path sets the tags of the cells of tables and collections.
   virtual void setTag(std::int64_t) {}
-  /// The cross-platform id; nullopt when views of this kind have none. A value that is no text counts as none, too.
+  /// Returns the id of a cross-platform framework, nullopt if views of this kind have none. A value that is not a text
+  /// counts as none.
   [[nodiscard]] virtual std::optional<Value> nativeID() const { return std::nullopt; }
-  /// In the order in which they are drawn.
+  /// Returns the direct subviews in drawing order. nullptr elements are skipped.
   [[nodiscard]] virtual std::vector<std::shared_ptr<View>> subviews() const { return {}; }
-  /// Of a table or a collection: the place of `cell`, a view somewhere below it; nullopt when it is none of its cells.
+  /// For a table or a collection: returns the position of `cell`, a view at any depth below it; nullopt if it is not
+  /// one of its cells.
   [[nodiscard]] virtual std::optional<IndexPath> indexPathForCell(const View& /*cell*/) const { return std::nullopt; }
 };
 
-/// What stands for one screen.
+/// One screen, or a container of screens.
 class KELVO_EXPORT ViewController {
  public:
-  /// A navigation or a tab bar shows one of several screens. A navigation that is reported counts as none itself.
+  /// A navigation or a tab bar shows one of several screens. A reported navigation counts as no screen.
   enum class Kind { plain, navigation, tabBar };
 
   virtual ~ViewController();
-  /// Its class, which names the screen; what stands before the last "." of it is left out. Asked at once, on the
-  /// thread that calls `Application::willShow` or `didShow`.
+  /// Returns the class, which names the screen. The part up to the last "." is ignored. Thread: for a reported screen,
+  /// the thread that calls `Application::willShow` or `didShow`, during that call.
   [[nodiscard]] virtual std::string className() const = 0;
-  /// Asked like `className`.
+  /// Returns the kind. Thread: as for `className`.
   [[nodiscard]] virtual Kind kind() const { return Kind::plain; }
-  /// What the user reads above the screen; nullopt when the class shall name it.
+  /// Returns the title that the user reads above the screen; with nullopt, the class names the screen.
   [[nodiscard]] virtual std::optional<std::string> title() const { return std::nullopt; }
-  /// The last one lies on top.
+  /// Returns the children; the last one is on top.
   [[nodiscard]] virtual std::vector<std::shared_ptr<ViewController>> children() const { return {}; }
-  /// The one that covers it, such as a dialog; nullptr for none.
+  /// Returns the controller that covers this one, such as a dialog; nullptr for none.
   [[nodiscard]] virtual std::shared_ptr<ViewController> presented() const { return nullptr; }
-  /// Of a tab bar: the one shown now.
+  /// For a tab bar: returns the child that shows now.
   [[nodiscard]] virtual std::shared_ptr<ViewController> selected() const { return nullptr; }
-  /// Of a navigation: the one shown now.
+  /// For a navigation: returns the child that shows now.
   [[nodiscard]] virtual std::shared_ptr<ViewController> visible() const { return nullptr; }
 };
 
@@ -97,19 +102,20 @@ class KELVO_EXPORT ViewController {
 class KELVO_EXPORT Window : public View {
  public:
   ~Window() override;
-  /// The one that takes the keyboard's input.
+  /// Returns true if the window receives the keyboard's input.
   [[nodiscard]] virtual bool isKey() const = 0;
-  /// Asked once, for the screen that shows when the library starts; nullptr for none.
+  /// Returns the controller of the screen that shows when the library starts, nullptr for none. Called once.
   [[nodiscard]] virtual std::shared_ptr<ViewController> rootViewController() const { return nullptr; }
 };
 
+/// The host's windows and fonts.
 class KELVO_EXPORT ViewTree {
  public:
   virtual ~ViewTree();
-  /// The application's windows, in an order of the host's choice. Searches look at the first one that is key.
+  /// Returns the application's windows, in an order of the host's choice. Searches use the first key window.
   [[nodiscard]] virtual std::vector<std::shared_ptr<Window>> windows() = 0;
-  /// The font that `attributes` (keys above) describe, as near as the toolkit has it; nullopt stands for the system's
-  /// font of that `size`, in points.
+  /// Returns the toolkit's font that is nearest to `attributes` (keys above), with `size` in points; nullopt for the
+  /// system's font of that size.
   [[nodiscard]] virtual std::optional<Font> font(const Dictionary& attributes, double size) const;
 };
 

@@ -33,14 +33,14 @@ Value textOfNumber(const Value& value) {
   return value.isNumber() ? Value(description(value)) : value;
 }
 
-/// Stores a text or number; a second value under the same key makes an array of both.
+/// Stores a text or a number. If `key` has a value already, the two become an array.
 void gather(const std::string& key, const Value& value, Dictionary& result) {
   const Value* present = result.find(key);
   if (present == nullptr) {
     result.set(key, value);
   } else if (const auto* values = present->get<Array>()) {
     Array longer = *values;
-    result.set(key, nullptr);  // leaves `longer` the only owner, so that it grows in place
+    result.set(key, nullptr);  // `longer` is now the only owner of its content, so that it grows in place
     longer.append(value);
     result.set(key, std::move(longer));
   } else {
@@ -64,7 +64,7 @@ void handleDictionary(const std::string& prefix, const Dictionary& dictionary, D
   }
 }
 
-/// A mixed array stands as JSON text under its key, unless what its first element asks for overwrites that.
+/// Stores a mixed array as JSON text. The rule for the kind of its first element may then overwrite the text.
 void stringifyMixed(const std::string& key, const Array& array, Kind kind, Dictionary& result) {
   for (const Value& element : array) {
     if (kindOf(element) != kind) return storeAsJSON(key, array, result);
@@ -77,7 +77,7 @@ void handleArray(const std::string& key, const Array& array, Dictionary& result,
   if (kind == Kind::other) return;
   stringifyMixed(key, array, kind, result);
   if (kind == Kind::text || kind == Kind::number) {
-    // Kept: a mixed array that begins with a text or a number is stored as it is.
+    // Kept: a mixed array that begins with a text or a number is stored unchanged.
     result.set(key, array);
     return;
   }
@@ -105,7 +105,7 @@ Dictionary getFlatDictionary(const Dictionary& dictionary, int depth) {
   for (const auto& [key, value] : dictionary) {
     switch (kindOf(value)) {
       case Kind::dictionary: handleDictionary(key, *value.get<Dictionary>(), result, depth - 1); break;
-      // Kept: the depth is not lowered for an array at the top level, unlike for a dictionary.
+      // Kept: unlike a dictionary, an array at the top level does not lower the depth.
       case Kind::array: handleArray(key, *value.get<Array>(), result, depth); break;
       case Kind::text:
       case Kind::number: result.set(key, value); break;

@@ -7,12 +7,7 @@
 namespace kelvo {
 namespace {
 
-std::string textAt(const Dictionary& row, std::string_view key) {
-  const auto* text = row[key].get<std::string>();
-  return text != nullptr ? *text : std::string();
-}
-
-/// The record of one event name while its rows are read.
+/// Collects the counts of one event name while the rows are read.
 struct AggregateRecord {
   std::string name;
   Value count;
@@ -36,23 +31,12 @@ struct AggregateRecord {
 }  // namespace
 
 void KLVController::processAggregateEventWithEvent(const std::shared_ptr<KLVEvent>& event) {
-  std::shared_ptr<KLVDataHandler> handler;
-  std::string sessionId;
-  {
-    const std::lock_guard lock(mutex_);
-    if (dataHandlerStarted_) {
-      handler = dataHandler_;
-      sessionId = session_->identifier();
-    } else if (storeInBuffer_) {
-      eventsBuffer_.push_back(event);
-      return;
-    }
-  }
-  if (handler == nullptr) {
-    KLV_ERROR("SDK Disabled - ignoring event");
-    return;
-  }
-  const Dictionary parameters{{"name", event->identifier()}, {"sid", sessionId}};
+  Lock lock(mutex_);
+  if (!gate_.admitEvent(event)) return;
+  const auto handler = components_.dataHandler;
+  const auto session = components_.session;
+  lock.unlock();
+  const Dictionary parameters{{"name", event->identifier()}, {"sid", session->identifier()}};
   handler->updateAggregateEventsCountRecordHavingParameters(parameters);
   for (const auto& [key, value] : event->additionalInfo()) {
     Dictionary ofAttribute = parameters;
@@ -68,10 +52,10 @@ Array KLVController::retrieveAggregateEventsWithSessionIdentifier(const std::str
   std::vector<AggregateRecord> records;
   std::map<std::string, std::size_t> places;
   for (const Dictionary& row : handler->retrieveAggregateEventsWithSessionIdentifier(identifier)) {
-    const std::string name = textAt(row, "name");
+    const std::string name = row["name"].asText().value_or("");
     const auto [place, isNew] = places.try_emplace(name, records.size());
     if (isNew) records.push_back({name, row["e_count"], {}});
-    const std::string key = textAt(row, "attr_key");
+    const std::string key = row["attr_key"].asText().value_or("");
     if (key.empty() || key == "__custom_info__" || key == "time") continue;
     records[place->second].addAttribute(key, Array{row["attr_value"], row["e_count"]});
   }

@@ -13,42 +13,41 @@ namespace {
 
 constexpr std::string_view kClientEventsHash = "klv_client_events_hash";
 
-std::string pathOf(KLVController& controller, std::string_view path) {
-  const auto device = controller.deviceInfo();
-  std::string text = byReplacing(path, "<app-id>", controller.applicationIdentifier());
+/// Fills in the placeholders of `path`. `device` may be nullptr.
+std::string filledIn(std::string_view path, const std::string& appId, const std::shared_ptr<KLVDeviceInfo>& device) {
+  std::string text = byReplacing(path, "<app-id>", appId);
   text = byReplacing(text, "<user-id>", device ? device->identifier() : "");
   return byReplacing(text, "<version>", std::to_string(static_cast<int>(kKLVSDKVersion)));
-}
-
-std::optional<Array> names(const Value& list) {
-  const auto* array = list.get<Array>();
-  return array != nullptr ? std::optional(*array) : std::nullopt;
 }
 
 std::string pidMIDFileOf(const std::string& type) {
   return std::string(type == "rta" ? kKLVSDKPIDMIDForRTA : kKLVSDKPIDMIDForSurvey);
 }
 
-std::optional<Dictionary> dictionaryIn(const std::optional<Value>& value) {
-  const auto* dictionary = value ? value->get<Dictionary>() : nullptr;
-  return dictionary != nullptr ? std::optional(*dictionary) : std::nullopt;
+std::optional<Dictionary> dictionaryOf(const std::optional<Value>& value) {
+  return value ? value->asDictionary() : std::nullopt;
+}
+
+std::optional<std::string> savedHash() {
+  return UserDefaults::standard().string(kClientEventsHash);
 }
 
 }  // namespace
 
 void KLVController::loadClientAndAggregateEvents() {
-  getDataFromURLPath(pathOf(*this, kKLVClientEventValidateURL), [this](auto data, auto response, auto error) {
+  const std::string path = filledIn(kKLVClientEventValidateURL, applicationIdentifier(), deviceInfo());
+  getDataFromURLPath(path, [this](auto data, auto response, auto error) {
     if (!succeeded(response, error)) {
       if (error) KLV_ERROR("Cound not validate hash: {}", error->localizedDescription);
       KLV_INFO("Booting client events data saved configuration");
       return loadEventsWithConfig(getClientEvents());
     }
     KLV_DEBUG("Response for validating hash: {}", describe(response));
-    const auto answer = dictionaryIn(KLVUtilities::dictionaryFromNSData(data));
-    const auto* hash = answer ? (*answer)["hash"].template get<std::string>() : nullptr;
-    if (hash == nullptr || hash->empty()) {
-      KLV_ERROR("Invalid hash for client event config!");  // Kept: the saved lists are not loaded then.
-    } else if (*hash == retrieveClientEventsHash()) {
+    const Dictionary answer = dictionaryOf(KLVUtilities::dictionaryFromNSData(data)).value_or(Dictionary());
+    const auto hash = answer["hash"].asText();
+    if (!hash || hash->empty()) {
+      KLV_ERROR("Invalid hash for client event config!");  // Kept: does not load the saved lists either.
+    } else if (hash == savedHash()) {
       KLV_INFO("Client events are the same - no need to fetch");
       loadEventsWithConfig(getClientEvents());
     } else {
@@ -58,26 +57,29 @@ void KLVController::loadClientAndAggregateEvents() {
 }
 
 void KLVController::fetchClientEvents(const std::string& hash) {
-  getDataFromURLPath(pathOf(*this, kKLVClientEventsURL), [this, hash](auto data, auto response, auto error) {
+  const std::string path = filledIn(kKLVClientEventsURL, applicationIdentifier(), deviceInfo());
+  getDataFromURLPath(path, [this, hash](auto data, auto response, auto error) {
     if (!succeeded(response, error)) {
-      if (error) KLV_ERROR("Cound not validate hash: {}", error->localizedDescription);  // Kept: the same words.
+      if (error)
+        KLV_ERROR("Cound not validate hash: {}", error->localizedDescription);  // Kept: the message of the validation.
       KLV_INFO("Unable to get new client events config, using existing config");
       return loadEventsWithConfig(getClientEvents());
     }
     KLV_DEBUG("Response for getting config: {}", describe(response));
     const auto received = KLVUtilities::dictionaryFromNSData(data);
     KLV_DEBUG("Received data: {}", received);
-    const auto answer = dictionaryIn(received);
-    const auto events = answer ? dictionaryIn((*answer)["events"]) : std::nullopt;
+    const auto events = dictionaryOf(received).value_or(Dictionary())["events"].asDictionary();
     if (!events) {
       KLV_ERROR("Invalid client event config!");
       return;
     }
     KLV_INFO("Booting client events data with new client event config: {}", *events);
     loadEventsWithConfig(events);
-    persistClientEvents(*events);
-    // Behind the file, so that a kill between the two costs no more than another download.
-    if (const auto handler = dataHandler()) handler->whenStored([hash] { persistClientEventsHash(hash); });
+    const auto handler = dataHandler();
+    if (handler == nullptr) return;
+    handler->persistClientEvents(*events);
+    // The hash is saved after the file, so that a kill between the two costs another download only.
+    handler->whenStored([hash] { UserDefaults::standard().set(kClientEventsHash, hash); });
   });
 }
 
@@ -87,37 +89,25 @@ void KLVController::loadEventsWithConfig(const std::optional<Dictionary>& config
     KLV_ERROR("Invalid client event config: {}", config);
     return;
   }
-  eventHandler_.setClientEvents(names((*config)["action"]));
-  eventHandler_.setAggregateEvents(names((*config)["agg"]));
-  eventHandler_.setEventsToBeIgnored(names((*config)["stop"]));
+  eventHandler_.setClientEvents((*config)["action"].asArray());
+  eventHandler_.setAggregateEvents((*config)["agg"].asArray());
+  eventHandler_.setEventsToBeIgnored((*config)["stop"].asArray());
 }
 
 std::optional<Dictionary> KLVController::getClientEvents() {
   const auto handler = dataHandler();
-  return handler ? dictionaryIn(handler->getClientEvents()) : std::nullopt;
+  return handler ? dictionaryOf(handler->getClientEvents()) : std::nullopt;
 }
 
-void KLVController::persistClientEvents(const Dictionary& config) {
-  if (const auto handler = dataHandler()) handler->persistClientEvents(config);
-}
-
-std::optional<std::string> KLVController::retrieveClientEventsHash() {
-  return UserDefaults::standard().string(kClientEventsHash);
-}
-
-void KLVController::persistClientEventsHash(const std::string& hash) {
-  UserDefaults::standard().set(kClientEventsHash, hash);
-}
-
-void KLVController::getSyncDataForActionType(const std::string& actionType, const std::string& version,
+void KLVController::getSyncDataForActionType(const std::string& type, const std::string& version,
                                              std::function<void()> completion) {
-  syncManager_.getSyncDataForActionType(actionType, version, std::move(completion));
+  syncManager_.getSyncDataForActionType(type, version, std::move(completion));
 }
 
 std::optional<Dictionary> KLVController::getPIDMIDDictForType(const std::string& type) {
   KLV_INFO("Fetching PIDMID for type: {}", type);
   const auto handler = dataHandler();
-  return handler ? dictionaryIn(handler->getPIDMIDDictAtPath(pidMIDFileOf(type))) : std::nullopt;
+  return handler ? dictionaryOf(handler->getPIDMIDDictAtPath(pidMIDFileOf(type))) : std::nullopt;
 }
 
 void KLVController::persistPIDMIDDict(const std::optional<Dictionary>& record, const std::string& type) {

@@ -1,12 +1,20 @@
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "core/KLVController.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVUtilities+Views.h"
 
 namespace kelvo {
+namespace {
+
+constexpr double kLongestDelay = 1e9;  ///< seconds: as nanoseconds it fits 64 bits
+constexpr std::int64_t kMillisPerSecond = 1000;
+
+}  // namespace
 
 std::optional<std::string> KLVController::getDeviceID() {
   const auto device = deviceInfo();
@@ -23,14 +31,21 @@ std::optional<std::string> KLVController::getSessionId() {
   return running ? std::optional(running->identifier()) : std::nullopt;
 }
 
+void KLVController::markAsReactNative() noexcept {
+  KLVUtilities::setIsReactNative(true);
+}
+
+bool KLVController::isReactNative() const noexcept {
+  return KLVUtilities::isReactNative();
+}
+
 void KLVController::saveFrequencyInfo(const Value& info, const std::optional<std::string>& identifier) {
   const auto handler = dataHandler();
   if (handler == nullptr || KLVUtilities::isInvalidDictionary(info) || KLVUtilities::isInvalidString(identifier))
     return;
-  const std::lock_guard lock(frequencyMutex_);
-  const auto stored = handler->retrieveFrequencyConfig();
-  const auto* dictionary = stored ? stored->get<Dictionary>() : nullptr;
-  Dictionary config = dictionary != nullptr ? *dictionary : Dictionary();
+  const Lock lock(frequencyMutex_);
+  const Value stored = handler->retrieveFrequencyConfig();
+  Dictionary config = stored.asDictionary().value_or(Dictionary());
   config.set(*identifier, info);
   handler->persistFrequencyConfig(std::move(config));
 }
@@ -62,14 +77,12 @@ void KLVController::registerForTimerNotificationWithInterval(double seconds, std
 }
 
 void KLVController::executeAfterDelay(double seconds, std::function<void()> block) {
-  constexpr double kLongestDelay = 1e9;  // seconds; what is not a number is no delay
-  const double delaySeconds = seconds > 0 ? std::min(seconds, kLongestDelay) : 0;
-  const auto delay = std::chrono::nanoseconds(static_cast<std::int64_t>(delaySeconds * 1e9));
-  controllerSerialQueue_.after(delay, std::move(block));
+  const std::chrono::duration<double> delay(seconds > 0 ? std::min(seconds, kLongestDelay) : 0);  // NaN is no delay
+  controllerSerialQueue_.after(std::chrono::duration_cast<std::chrono::nanoseconds>(delay), std::move(block));
 }
 
 std::int64_t KLVController::currentSDKTimeInMillis() {
-  return KLVTimer::sharedTimer().currentTime() * 1000;
+  return KLVTimer::sharedTimer().currentTime() * kMillisPerSecond;
 }
 
 void KLVController::registerForEventWithType(KLVEventType type, const std::shared_ptr<KLVEventListener>& listener) {
@@ -94,104 +107,6 @@ void KLVController::registerIdentifer(const std::string& key, const std::shared_
 
 void KLVController::deRegisterIdentifer(const std::string& key, const std::shared_ptr<KLVEventListener>& listener) {
   eventHandler_.deRegisterIdentifer(key, listener);
-}
-
-std::uint64_t KLVController::numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) {
-  if (!identifier) {
-    KLV_WARN("identifier is nil");
-    return 0;
-  }
-  const auto handler = dataHandler();
-  return handler ? handler->numberOfEventsWithIdentifier(*identifier) : 0;
-}
-
-std::vector<Dictionary> KLVController::getEventsBetween(std::uint64_t start, std::uint64_t end,
-                                                        const std::optional<std::string>& identifier,
-                                                        std::optional<KLVEventType> eventType) {
-  if (!identifier || !eventType) {
-    KLV_WARN("identifier/eventType is nil");
-    return {};
-  }
-  const auto handler = dataHandler();
-  if (handler == nullptr) return {};
-  std::optional<std::string> typeName;  // type 0 stands for every type
-  if (*eventType != KLVEventType::system) typeName = std::string(stringFromType(*eventType));
-  return handler->getEventsBetween(start, end, *identifier, typeName);
-}
-
-std::vector<std::string> KLVController::getSessions() {
-  const auto handler = dataHandler();
-  return handler ? handler->getSessions() : std::vector<std::string>();
-}
-
-std::vector<std::shared_ptr<KLVChunkMetaInfo>> KLVController::retrieveChunkMetaInfo() {
-  const auto handler = dataHandler();
-  return handler ? handler->retrieveChunkMetaInfo() : std::vector<std::shared_ptr<KLVChunkMetaInfo>>();
-}
-
-std::shared_ptr<KLVUser> KLVController::retrieveUser() {
-  const auto handler = dataHandler();
-  return handler ? handler->retrieveUser() : nullptr;
-}
-
-void KLVController::saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) {
-  if (meta == nullptr) {
-    KLV_WARN("cannot update, event is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->saveChunkMetaInfo(meta);
-  }
-}
-
-void KLVController::updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) {
-  if (meta == nullptr) {
-    KLV_WARN("cannot update, event is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->updateChunkMetaInfoTimestamp(meta);
-  }
-}
-
-void KLVController::updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk) {
-  if (chunk == nullptr) {
-    KLV_WARN("cannot update, event is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->updateChunkMetaStatus(chunk);
-  }
-}
-
-void KLVController::deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>& chunk) {
-  if (chunk == nullptr) {
-    KLV_WARN("cannot delete, event is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->deleteChunkMetaInfo(chunk);
-  }
-}
-
-void KLVController::deleteSession(const std::optional<std::string>& identifier) {
-  if (!identifier) {
-    KLV_WARN("cannot delete, identifier is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->deleteSession(*identifier);
-  }
-}
-
-void KLVController::deleteItemAtPath(const std::optional<std::string>& path) {
-  if (!path) {
-    KLV_WARN("cannot delete, path is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->deleteItemAtPath(*path);
-  }
-}
-
-void KLVController::deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) {
-  if (!identifier) {
-    KLV_WARN("cannot delete, session identifier is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->deleteAggregateEventsWithSessionId(*identifier);
-  }
-}
-
-void KLVController::writeTogether(const std::function<void()>& deletions) {
-  if (const auto handler = dataHandler()) handler->writeTogether(deletions);
 }
 
 void KLVController::getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <utility>
 
 #include "core/KLVController.h"
@@ -19,9 +20,10 @@ namespace {
 constexpr std::string_view kSessionCount = "klv_session_count";
 constexpr std::string_view kRetentionDay = "klv_ret_day";
 constexpr std::string_view kRetentionDayCount = "klv_ret_day_count";
+constexpr std::int64_t kHoursPerDay = 24;
 
-/// The storage forms of `events`, behind `forms`, as JSON; an event whose attributes cannot be cleaned is left out,
-/// with a line.
+/// Returns `forms` and the storage forms of `events` as one JSON array. Leaves out an event whose attributes cannot be
+/// cleaned, with one ERROR line.
 std::optional<std::string> storageForms(const std::vector<std::shared_ptr<KLVEvent>>& events, Array forms = {}) {
   for (const auto& event : events) {
     try {
@@ -33,7 +35,7 @@ std::optional<std::string> storageForms(const std::vector<std::shared_ptr<KLVEve
   return KLVUtilities::jsonStringFromNSArray(forms);
 }
 
-/// Kept: a failed write goes unreported.
+/// Writes `content` to `file` in the Library directory. Blocks on the disk. Kept: does not report a failed write.
 void rescue(const std::optional<std::string>& content, std::string_view file) {
   if (content) static_cast<void>(writeFileAtomically(Directories::inLibrary(file), *content));
 }
@@ -61,42 +63,40 @@ void KLVController::onAppOpened() {
     if (const auto* dictionary = form.get<Dictionary>()) events.push_back(objectFromJsonDict<KLVEvent>(*dictionary));
   }
   {
-    const std::lock_guard lock(mutex_);
-    for (const auto& event : events) eventsBuffer_.push_back(event);
-    // The buffer was written out when storage became ready; nothing else would store what joins it now.
-    if (dataHandlerStarted_) persistEvents(std::exchange(eventsBuffer_, {}));
+    const Lock lock(mutex_);
+    for (const auto& event : events) gate_.bufferEvent(event);
+    // Nothing empties the buffer again once the database is ready, so these events are stored here.
+    if (gate_.databaseExists()) persistEvents(gate_.takeEvents());
   }
   handler->deleteItemAtPath(std::string(kKLVEventsBuffer));
 }
 
 void KLVController::onBackground() {
   std::vector<std::shared_ptr<KLVEvent>> events;
-  std::vector<BufferedInfo> infos;
+  std::vector<BufferedAttributes> calls;
   {
-    const std::lock_guard lock(mutex_);
-    if (dataHandlerStarted_) return;
-    events.swap(eventsBuffer_);
-    infos.swap(infoBuffer_);
+    const Lock lock(mutex_);
+    if (gate_.databaseExists()) return;
+    events = gate_.takeEvents();
+    calls = gate_.takeAttributes();
   }
   if (!events.empty()) rescue(storageForms(events), kKLVEventsBuffer);
-  for (const BufferedInfo& entry : infos) {
-    // Kept: the last entry of the user overwrites those before it, and what the session was given is dropped.
-    if (entry.isUser) rescue(KLVUtilities::jsonDataFromNSDictionary(entry.info), kKLVUserDB);
+  for (const BufferedAttributes& call : calls) {
+    // Kept: a later call for the user overwrites an earlier one, and the attributes of the session are dropped.
+    if (call.isUser) rescue(KLVUtilities::jsonDataFromNSDictionary(call.attributes), kKLVUserDB);
   }
 }
 
 void KLVController::rescueEvents() {
   std::vector<std::shared_ptr<KLVEvent>> events;
   {
-    const std::lock_guard lock(mutex_);
-    if (dataHandlerStarted_) return;
-    for (const auto& event : eventsBuffer_) {
-      // What was logged before storage is ready stands there twice, one behind the other.
-      if (events.empty() || events.back() != event) events.push_back(event);
-    }
-    eventsBuffer_.clear();
+    const Lock lock(mutex_);
+    if (gate_.databaseExists()) return;
+    events = gate_.takeEvents();
   }
   if (events.empty()) return;
+  // The buffer holds an application event twice in a row; the file gets it once.
+  events.erase(std::unique(events.begin(), events.end()), events.end());
   const auto text = readFile(Directories::inLibrary(kKLVEventsBuffer));
   const auto earlier = text ? parseJSON(*text) : std::nullopt;
   const auto* forms = earlier ? earlier->get<Array>() : nullptr;
@@ -114,10 +114,10 @@ void KLVController::startSessionWithLaunchType(const std::optional<std::string>&
   const auto started = KLVSession::initWithLaunchType(*launchType, device ? device->identifier() : "", *this);
   const auto handler = std::make_shared<KLVDataHandler>(started->identifier());
   {
-    const std::lock_guard lock(mutex_);
-    session_ = started;
-    // Kept: only the handler of the first session is ever started; those of later ones keep files only.
-    dataHandler_ = handler;
+    const Lock lock(mutex_);
+    components_.session = started;
+    // Kept: only the data handler of the first session is ever started. The later ones write files, but no events.
+    components_.dataHandler = handler;
   }
   handler->saveSessionInfo(started, started->identifier());
   incrementLifetimeSessionCount();
@@ -151,9 +151,10 @@ void KLVController::updateRetentionDayCount() {
   const Date now = Clock::now();
   if (!first) {
     defaults.set(kRetentionDay, KLVUtilities::dateKLVStringFromNSDate(now));
-  } else if (const auto hours = std::chrono::duration_cast<std::chrono::hours>(now - *first).count(); hours >= 24) {
+  } else if (const auto hours = std::chrono::duration_cast<std::chrono::hours>(now - *first).count();
+             hours >= kHoursPerDay) {
     // Kept: every launch adds the whole days since the first evaluation again.
-    const std::int64_t count = getRetentionDay() + hours / 24;
+    const std::int64_t count = getRetentionDay() + hours / kHoursPerDay;
     defaults.set(kRetentionDayCount, count);
     KLV_DEBUG("Increasing retention day count: {}", count);
   }
@@ -176,16 +177,6 @@ void KLVController::sendUserInfo() {
     }
   };
   postDataToURL(std::string(kKLVSDKUserInfoURL) + applicationIdentifier(), body, std::nullopt, completion);
-}
-
-std::shared_ptr<KLVSession> KLVController::retrieveSessionInfoWithIdentifier(
-    const std::optional<std::string>& identifier) {
-  if (!identifier) {
-    KLV_ERROR("Session Info not found for nil identifier");
-    return nullptr;
-  }
-  const auto handler = dataHandler();
-  return handler ? handler->retrieveSessionInfoWithIdentifier(*identifier) : nullptr;
 }
 
 void KLVController::saveSessionInfoWithIndentifier(const std::optional<std::string>& identifier) {
@@ -220,10 +211,8 @@ void KLVController::markFatalAndUpdateDuration(std::optional<Date> duration,
 
 void KLVController::terminateSDK() {
   {
-    const std::lock_guard lock(mutex_);
-    storeInBuffer_ = false;
-    eventsBuffer_.clear();
-    infoBuffer_.clear();
+    const Lock lock(mutex_);
+    gate_.terminate();
   }
   systemEventMonitor_.stop();
   navigationMonitor_->stop();

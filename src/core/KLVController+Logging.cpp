@@ -10,6 +10,7 @@
 namespace kelvo {
 namespace {
 
+// Depths of `getFlatDictionary`.
 constexpr int kKeepOneLevel = 1;
 constexpr int kFlattenOneMore = 2;
 
@@ -17,10 +18,9 @@ Dictionary flattened(const std::optional<Dictionary>& info, bool shouldFlatten) 
   return getFlatDictionary(info.value_or(Dictionary()), shouldFlatten ? kFlattenOneMore : kKeepOneLevel);
 }
 
-}  // namespace
-
-/// Replaces `info` by its clean copy; false, after one line, when it cannot be cleaned: the call is to be dropped.
-bool KLVController::clean(std::optional<Dictionary>& info) {
+/// Replaces `info` with its clean copy. Returns false, after one ERROR line, if it cannot be cleaned: the caller drops
+/// the call.
+bool clean(std::optional<Dictionary>& info) {
   try {
     info = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(info);
     return true;
@@ -30,6 +30,8 @@ bool KLVController::clean(std::optional<Dictionary>& info) {
   }
 }
 
+}  // namespace
+
 void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
   if (!identifier) {
     KLV_ERROR("Identifier passed is nil");
@@ -37,7 +39,7 @@ void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
   }
   controllerSerialQueue_.async([this, identifier = *std::move(identifier)] {
     const auto currentUser = user();
-    if (enableSDK_ && currentUser != nullptr) {
+    if (enableSDK() && currentUser != nullptr) {
       currentUser->setUserAttribute(identifier, "custom_user_id");
     } else {
       KLV_ERROR("SDK not enabled - user identifier not set");
@@ -69,7 +71,7 @@ void KLVController::logAppEventWithName(std::optional<std::string> name, std::op
                                         bool shouldFlatten, bool isAggregate) {
   if (!clean(info)) return;
   controllerSerialQueue_.async([this, name = std::move(name), info = std::move(info), shouldFlatten, isAggregate] {
-    if (const auto handler = dataHandler()) handler->catchUp();  // a call that waits here is smaller than its event
+    if (const auto handler = dataHandler()) handler->catchUp();  // a queued call takes less memory than its event
     if (!name) {
       KLV_WARN("Improper app event logged");
       return;
@@ -96,7 +98,7 @@ void KLVController::setCustomInfo(std::optional<Dictionary> info, bool isUser) {
   if (!clean(info)) return;
   controllerSerialQueue_.async([this, info = std::move(info), isUser] {
     if (!info || info->empty()) {
-      // Kept: says so even when the service allows collection.
+      // Kept: the message is the same if the service allows collection.
       if (isUser) {
         KLV_ERROR("SDK not enabled - user attributes won't get logged");
       } else {
@@ -106,17 +108,13 @@ void KLVController::setCustomInfo(std::optional<Dictionary> info, bool isUser) {
     }
     std::shared_ptr<KLVInfo> record;
     {
-      const std::lock_guard lock(mutex_);
-      if (enableSDK_ && isUser) record = user_;
-      if (enableSDK_ && !isUser) record = session_;
-      if (record == nullptr && storeInBuffer_) {
-        infoBuffer_.push_back({isUser, *info});
-        return;
+      const Lock lock(mutex_);
+      if (isUser) {
+        record = components_.user;
+      } else {
+        record = components_.session;
       }
-    }
-    if (record == nullptr) {
-      KLV_ERROR("SDK Disabled - ignoring call");
-      return;
+      if (!gate_.admitAttributes({isUser, *info}, record != nullptr)) return;
     }
     for (const auto& [key, value] : *info) record->setCustomInfo(value, key);
     if (isUser) saveUserInfo();
@@ -149,16 +147,12 @@ void KLVController::verifyAndLogDeviceToken(const std::optional<std::string>& to
     KLV_WARN("Invalid token data!");
     return;
   }
-  const std::lock_guard lock(mutex_);
-  if (enableSDK_ && deviceInfo_ != nullptr) {
-    deviceInfo_->logDeviceToken(*token);
-  } else if (storeInBuffer_) {
-    tokenBuffer_ = token;
-    // The device record may exist already while the service's answer is still being looked at.
-    if (deviceInfo_ != nullptr) deviceInfo_->logDeviceToken(*token);
-  } else {
-    KLV_ERROR("SDK Disabled - ignoring call");
-  }
+  const Lock lock(mutex_);
+  const auto& device = components_.deviceInfo;
+  const bool stores = gate_.admitToken(*token, device != nullptr);
+  // The record exists for a short time before collection is enabled. A token that is buffered then goes there, too.
+  const bool isEarly = device != nullptr && gate_.state() == CollectionGate::State::initialising;
+  if (stores || isEarly) device->logDeviceToken(*token);
 }
 
 void KLVController::dispatchEvent(const std::shared_ptr<KLVEvent>& event) {
@@ -174,15 +168,9 @@ void KLVController::saveLifetimeEvent(const std::shared_ptr<KLVEvent>& event) {
     KLV_WARN("Event passed is nil");
     return;
   }
-  const std::lock_guard lock(mutex_);
-  if (dataHandlerStarted_) {
-    dataHandler_->upsertLifetimeEvent(event);
-  } else if (storeInBuffer_) {
-    // Kept: an application event stands in the buffer twice, once from here and once from `saveEvent`.
-    eventsBuffer_.push_back(event);
-  } else {
-    KLV_ERROR("SDK Disabled - ignoring event");
-  }
+  const Lock lock(mutex_);
+  // Kept: the buffer holds an application event twice, once from here and once from `saveEvent`.
+  if (gate_.admitEvent(event)) components_.dataHandler->upsertLifetimeEvent(event);
 }
 
 void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event) {
@@ -190,17 +178,12 @@ void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event) {
     KLV_WARN("Event passed is nil");
     return;
   }
-  std::unique_lock lock(mutex_);
-  if (dataHandlerStarted_) {
-    const auto handler = dataHandler_;
-    const auto running = session_;
-    lock.unlock();  // making the storage form takes its time
-    handler->saveEventInfo(event, running->identifier());
-  } else if (storeInBuffer_) {
-    eventsBuffer_.push_back(event);
-  } else {
-    KLV_ERROR("SDK Disabled - ignoring event");
-  }
+  Lock lock(mutex_);
+  if (!gate_.admitEvent(event)) return;
+  const auto handler = components_.dataHandler;
+  const auto running = components_.session;
+  lock.unlock();  // the data handler makes the event's storage form, which takes time
+  handler->saveEventInfo(event, running->identifier());
 }
 
 void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event, const std::optional<std::string>& sessionId) {
@@ -208,12 +191,8 @@ void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event, const std:
     KLV_WARN("Event/sessionId is nil");
     return;
   }
-  const std::lock_guard lock(mutex_);
-  if (dataHandlerStarted_) {
-    dataHandler_->saveEventInfo(event, *sessionId);
-  } else {
-    KLV_ERROR("SDK Disabled - ignoring event");
-  }
+  const Lock lock(mutex_);
+  if (gate_.admitEventUnbuffered()) components_.dataHandler->saveEventInfo(event, *sessionId);
 }
 
 }  // namespace kelvo

@@ -20,7 +20,7 @@ namespace kelvo {
 namespace {
 
 constexpr std::string_view kLegacyEnableKey = "klv_enable_sdk";
-const std::string kConfigHashModule = "sdk_config";
+constexpr std::string_view kConfigHashModule = "sdk_config";
 
 Array names(const std::vector<std::shared_ptr<KLVEvent>>& events) {
   Array all;
@@ -31,7 +31,7 @@ Array names(const std::vector<std::shared_ptr<KLVEvent>>& events) {
 }  // namespace
 
 void KLVController::initializeWithKelvoID(std::optional<std::string> appId) {
-  if (isSDKInitCalled_) {
+  if (isSDKInitCalled()) {
     KLV_INFO("Kelvo SDK already initialized. Ignoring this call");
     return;
   }
@@ -39,13 +39,15 @@ void KLVController::initializeWithKelvoID(std::optional<std::string> appId) {
     KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId: {}", appId);
     return;
   }
-  if (isSDKInitCalled_.exchange(true)) {
+  bool isFirst = false;
+  {
+    const Lock lock(mutex_);
+    isFirst = gate_.begin();
+    if (isFirst) components_.applicationIdentifier = *appId;
+  }
+  if (!isFirst) {  // another thread was faster
     KLV_INFO("Kelvo SDK already initialized. Ignoring this call");
     return;
-  }
-  {
-    const std::lock_guard lock(mutex_);
-    applicationIdentifier_ = *appId;
   }
   controllerSerialQueue_.async([this, id = *std::move(appId)] { stepA(id); });
 }
@@ -72,31 +74,30 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
 
   auto deviceInfo = std::make_shared<KLVDeviceInfo>("__undefined-devicename__");
   {
-    const std::lock_guard lock(mutex_);
-    deviceInfo_ = deviceInfo;
-    if (tokenBuffer_) deviceInfo->logDeviceToken(*tokenBuffer_);
+    const Lock lock(mutex_);
+    components_.deviceInfo = deviceInfo;
+    if (gate_.token()) deviceInfo->logDeviceToken(*gate_.token());
   }
   auto manager = std::make_shared<KLVConfigManager>(*this);
   {
-    const std::lock_guard lock(mutex_);
-    configManager_ = manager;
+    const Lock lock(mutex_);
+    components_.configManager = manager;
   }
   updateConfiguration(serviceHash);
-  if (!getEnableSDKState()) {
-    enableSDK_ = false;
-    return stayTerminated();
-  }
-  enableSDK_ = true;
+  const bool enabled = getEnableSDKState();
+  setEnabled(enabled);
+  if (!enabled) return stayTerminated();
   startRecords();
   startSessionWithLaunchType("normal");
   setupLoggerLevel();
   loadClientAndAggregateEvents();
   dataHandler()->startWithCompletionHandler([this] { stepC(); });
-  controllerSerialQueue_.sync([this] { mergeStoredUser(); });  // no attribute of the host gets lost between the two
+  // On the queue of host calls, so that no attribute set meanwhile gets lost.
+  controllerSerialQueue_.sync([this] { mergeStoredUser(); });
   auto chunks = KLVChunkManager::initWithConfiguration(manager->configDetails(), *this);
   {
-    const std::lock_guard lock(mutex_);
-    chunkManager_ = std::move(chunks);
+    const Lock lock(mutex_);
+    components_.chunkManager = std::move(chunks);
   }
   const auto* plugins = Bundle::main().infoDictionary()["Kelvo"].get<Dictionary>();
   pluginManager_.loadPlugins(plugins != nullptr ? std::optional(*plugins) : std::nullopt,
@@ -105,7 +106,7 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   logAppEventWithName(std::string(kKLVAppOpened), Dictionary{{"type", "normal"}}, false, false);
   KLV_INFO("KelvoiOSSDK ({}) : initialized!", fmt::format("{:.0f}", kKLVSDKVersion));
   updateRetentionDayCount();
-  hasStarted_ = true;
+  finishStartUp();
 }
 
 bool KLVController::serviceAllowsCollection(const std::optional<std::string>& data,
@@ -117,7 +118,7 @@ bool KLVController::serviceAllowsCollection(const std::optional<std::string>& da
     KLV_DEBUG("Fallback to saved status: {}", enabled);
     return enabled;
   }
-  // Kept: any other status counts as enabled, unlike a transport error.
+  // Kept: a status other than 200 allows collection. A transport error falls back to the saved switch.
   if (!succeeded(response, error)) return true;
   std::string reason;
   const auto parsed = parseJSON(data.value_or(""), &reason);
@@ -138,7 +139,7 @@ bool KLVController::serviceAllowsCollection(const std::optional<std::string>& da
 }
 
 void KLVController::updateConfiguration(const std::optional<std::string>& serviceHash) {
-  const auto saved = KLVUtilities::getHashForModule(kConfigHashModule);
+  const auto saved = KLVUtilities::getHashForModule(std::string(kConfigHashModule));
   KLV_DEBUG("Saved hash value: {}", saved);
   if (saved && serviceHash && *saved == *serviceHash) {
     KLV_DEBUG("Same hash, no changes in config");
@@ -146,8 +147,8 @@ void KLVController::updateConfiguration(const std::optional<std::string>& servic
   }
   KLV_DEBUG("New hash value: {}", serviceHash);
   KLV_INFO("Downloading config ...");
-  configManager()->getAndSaveLatestConfigurationWithCompletionHandler([serviceHash] {
-    if (serviceHash) KLVUtilities::saveHash(*serviceHash, kConfigHashModule);
+  locked(&KLVComponents::configManager)->getAndSaveLatestConfigurationWithCompletionHandler([serviceHash] {
+    if (serviceHash) KLVUtilities::saveHash(*serviceHash, std::string(kConfigHashModule));
   });
 }
 
@@ -156,10 +157,10 @@ void KLVController::startRecords() {
   auto sdkInfo = std::make_shared<KLVSDKInfo>("__undefined-sdkinfo__");
   auto user = std::make_shared<KLVUser>("__undefined-user__");
   user->setDelegate(this);
-  const std::lock_guard lock(mutex_);
-  appInfo_ = std::move(appInfo);
-  sdkInfo_ = std::move(sdkInfo);
-  user_ = std::move(user);
+  const Lock lock(mutex_);
+  components_.appInfo = std::move(appInfo);
+  components_.sdkInfo = std::move(sdkInfo);
+  components_.user = std::move(user);
 }
 
 void KLVController::mergeStoredUser() {
@@ -174,54 +175,62 @@ void KLVController::mergeStoredUser() {
   }
   stored->setDelegate(this);
   {
-    const std::lock_guard lock(mutex_);
-    user_ = stored;
+    const Lock lock(mutex_);
+    components_.user = stored;
   }
   saveUserInfo();
 }
 
 void KLVController::stepC() {
-  std::vector<std::shared_ptr<KLVEvent>> events;
-  std::vector<BufferedInfo> infos;
+  std::vector<BufferedAttributes> calls;
   {
-    const std::lock_guard lock(mutex_);
-    dataHandlerStarted_ = true;
-    events.swap(eventsBuffer_);
-    infos.swap(infoBuffer_);
-    // Submitted under the lock, so that events which arrive from now on are stored behind these.
-    persistEvents(std::move(events));
+    const Lock lock(mutex_);
+    gate_.openDatabase();
+    calls = gate_.takeAttributes();
+    // Submitted with the lock held, so that later events are stored after the buffered ones.
+    persistEvents(gate_.takeEvents());
   }
   Array descriptions;
-  for (const BufferedInfo& entry : infos) {
-    descriptions.append(Dictionary{{"type", entry.isUser ? "user" : "session"}, {"info", entry.info}});
+  for (const BufferedAttributes& call : calls) {
+    descriptions.append(Dictionary{{"type", call.isUser ? "user" : "session"}, {"info", call.attributes}});
   }
   KLV_DEBUG("Persisting info buffer: {}", descriptions);
   const auto currentUser = user();
   const auto currentSession = session();
-  for (const BufferedInfo& entry : infos) {
-    for (const auto& [key, value] : entry.info) {
-      entry.isUser ? currentUser->setCustomInfo(value, key) : currentSession->setCustomInfo(value, key);
+  for (const BufferedAttributes& call : calls) {
+    for (const auto& [key, value] : call.attributes) {
+      call.isUser ? currentUser->setCustomInfo(value, key) : currentSession->setCustomInfo(value, key);
     }
   }
 }
 
-void KLVController::persistEvents(std::vector<std::shared_ptr<KLVEvent>> events) {
+void KLVController::persistEvents(const std::vector<std::shared_ptr<KLVEvent>>& events) {
   KLV_DEBUG("Persisting events buffer: {}", names(events));
   for (const auto& event : events) {
     const bool counts = event->eventType() == KLVEventType::app || event->eventType() == KLVEventType::client;
-    if (counts) dataHandler_->upsertLifetimeEvent(event);
-    dataHandler_->saveEventInfo(event, session_->identifier());
+    if (counts) components_.dataHandler->upsertLifetimeEvent(event);
+    components_.dataHandler->saveEventInfo(event, components_.session->identifier());
   }
 }
 
 void KLVController::stayTerminated() {
   terminateSDK();
-  hasStarted_ = true;
+  finishStartUp();
+}
+
+void KLVController::finishStartUp() {
+  const Lock lock(mutex_);
+  gate_.finishStartUp();
+}
+
+void KLVController::setEnabled(bool enabled) {
+  const Lock lock(mutex_);
+  gate_.setEnabled(enabled);
 }
 
 void KLVController::setAndSaveEnableSDKState(bool enabled) {
   KLV_DEBUG("Setting enable SDK state: {}", enabled);
-  enableSDK_ = enabled;
+  setEnabled(enabled);
   KLVUtilities::saveConfig(KLVUtilities::jsonDataFromNSDictionary(Dictionary{{"status", enabled}}),
                            std::string(kKLVSDKEnableStatusConfig));
 }
@@ -239,12 +248,12 @@ bool KLVController::getEnableSDKState() {
   auto& defaults = UserDefaults::standard();
   if (!defaults.contains(kLegacyEnableKey)) return true;
   const bool enabled = defaults.boolean(kLegacyEnableKey);
-  defaults.remove(kLegacyEnableKey);  // Kept: not copied into the file.
+  defaults.remove(kLegacyEnableKey);  // Kept: the value is not copied into the file.
   return enabled;
 }
 
 void KLVController::setupLoggerLevel() {
-  const auto configuration = configManager()->configDetails().value_or(Dictionary());
+  const auto configuration = locked(&KLVComponents::configManager)->configDetails().value_or(Dictionary());
   if (!configuration.contains("log_level")) return;
   const Value& level = configuration["log_level"];
   if (level == Value("debug")) {

@@ -10,6 +10,7 @@
 
 namespace kelvo {
 namespace {
+/// A cut waits this long for the title of the current screen.
 constexpr std::chrono::milliseconds kLongestWaitForTitle(1000);
 }  // namespace
 
@@ -36,8 +37,9 @@ void KLVController::initialize() {
   }
   const auto* core = (*meta)["Core"].get<std::string>();
   {
-    const std::lock_guard lock(mutex_);
-    applicationIdentifier_ = core != nullptr ? *core : std::string();  // Kept: stored before it is validated.
+    const Lock lock(mutex_);
+    components_.applicationIdentifier =
+        core != nullptr ? *core : std::string();  // Kept: the id is stored before it is validated.
   }
   if (core == nullptr || !KLVUtilities::isValidString(*core)) {
     KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId");
@@ -47,45 +49,54 @@ void KLVController::initialize() {
   initializeWithKelvoID(*core);
 }
 
-void KLVController::performInOrder(std::function<void()> task) {
-  controllerSerialQueue_.async(std::move(task));
+bool KLVController::hasStarted() {
+  const Lock lock(mutex_);
+  return gate_.startUpHasEnded();
+}
+
+CollectionGate::State KLVController::gateState() {
+  const Lock lock(mutex_);
+  return gate_.state();
+}
+
+/// A host call passes the controller's queue, the bus and the data handler. An activity report also passes the system
+/// events monitor, and a screen the navigation monitor, whose events pass the bus again.
+std::vector<Stage> KLVController::stagesUntilStored() {
+  const Stage classified = [this](auto next) { eventHandler_.whenClassified(std::move(next)); };
+  return {
+      [this](auto next) { controllerSerialQueue_.async(std::move(next)); },
+      [this](auto next) { systemEventMonitor_.whenDispatched(std::move(next)); },
+      classified,
+      classified,  // the bus queues a delivery while it classifies the event
+      [this](auto next) { navigationMonitor_->whenDispatched(std::move(next)); },
+      classified,
+      [this](auto next) {
+        const auto handler = dataHandler();
+        handler ? handler->whenStored(std::move(next)) : next();
+      },
+  };
 }
 
 void KLVController::whenStored(std::function<void()> done) {
-  // Host calls go to the controller's queue; activity reports go on from there to the monitor, which asks the
-  // controller again; both end on the bus, which delivers the latter to the navigation monitor. Its events go to the
-  // bus, too, which submits what is to be stored.
-  controllerSerialQueue_.async([this, done = std::move(done)]() mutable {
-    systemEventMonitor_.whenDispatched([this, done = std::move(done)]() mutable {
-      whenDelivered([this, done = std::move(done)]() mutable {
-        navigationMonitor_->whenDispatched([this, done = std::move(done)]() mutable {
-          eventHandler_.whenClassified([this, done = std::move(done)]() mutable {
-            const auto handler = dataHandler();
-            handler ? handler->whenStored(std::move(done)) : done();
-          });
-        });
-      });
-    });
-  });
+  auto stages = stagesUntilStored();
+  stages.emplace_back([done = std::move(done)](auto) { done(); });
+  runStages(std::make_shared<const std::vector<Stage>>(std::move(stages)));
 }
 
 void KLVController::whenPosted(std::function<void()> done) {
-  whenStored([this, done = std::move(done)]() mutable {
-    whenDelivered([this, done = std::move(done)]() mutable {
-      const auto manager = chunkManager();
-      manager ? manager->whenPosted(std::move(done)) : done();
-    });
+  const Stage classified = [this](auto next) { eventHandler_.whenClassified(std::move(next)); };
+  auto stages = stagesUntilStored();
+  stages.insert(stages.end(), {classified, classified});
+  stages.emplace_back([this](auto next) {
+    const auto manager = locked(&KLVComponents::chunkManager);
+    manager ? manager->whenPosted(std::move(next)) : next();
   });
-}
-
-/// Twice over the bus: the first pass queues the deliveries.
-void KLVController::whenDelivered(std::function<void()> done) {
-  eventHandler_.whenClassified(
-      [this, done = std::move(done)]() mutable { eventHandler_.whenClassified(std::move(done)); });
+  stages.emplace_back([done = std::move(done)](auto) { done(); });
+  runStages(std::make_shared<const std::vector<Stage>>(std::move(stages)));
 }
 
 void KLVController::waitUntilDelivered() {
-  // The screen that BACKGROUND ends is in the chunk that it cuts, unless a busy main loop keeps its title back.
+  // So that the chunk contains the screen that BACKGROUND ends, unless a busy main loop delays the screen's title.
   if (!navigationMonitor_->waitUntilDispatched(kLongestWaitForTitle)) KLV_DEBUG("Not waiting for a title any longer");
   eventHandler_.waitUntilDelivered();
 }

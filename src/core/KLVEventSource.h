@@ -9,7 +9,7 @@
 
 namespace kelvo {
 
-/// What an event source asks of the controller.
+/// The controller methods that event sources call. Thread: the thread that calls `logEvent`.
 class KLVEventSourceDelegate : public KLVLifetimeCounts {
  public:
   virtual void dispatchEvent(const std::shared_ptr<KLVEvent>& event) = 0;
@@ -18,8 +18,9 @@ class KLVEventSourceDelegate : public KLVLifetimeCounts {
   ~KLVEventSourceDelegate() = default;  // never deleted through this type
 };
 
-/// Makes an event of a logged name and its attributes and posts it on the bus, on the calling thread.
-/// `time`, where given, is the event's creation time in whole seconds since the SDK start date.
+/// The base of the event sources. `logEvent` makes an event from a name and attributes and posts it on the bus. `time`
+/// is the event's creation time in whole seconds since the SDK start date; nullopt means now. Thread: any; the work
+/// runs on the calling thread.
 class KLVEventSource {
  public:
   /// `delegate` must outlive the source.
@@ -29,19 +30,22 @@ class KLVEventSource {
   KLVEventSourceDelegate& delegate_;
 };
 
+/// Makes events of the application.
 class KLVAppEventSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;
   void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time);
 };
 
+/// Makes client events, which are for plug-ins on this device.
 class KLVClientEventSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;
+  /// Kept: ignores `time`.
   void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time);
 };
 
-/// Errors that the host reports.
+/// Makes events from the errors that the host reports. `name` is the error's description.
 class KLVObservationSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;

@@ -5,7 +5,6 @@
 #include <exception>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "platform/Bundle.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Immortal.h"
+#include "platform/ThreadSafety.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -22,9 +22,9 @@ using Factory = KLVPluginLoader::Factory;
 using Arrival = std::function<void(Factory)>;
 
 struct Classes {
-  std::mutex mutex;
-  std::map<std::string, Factory, std::less<>> byName;
-  std::map<std::string, Arrival, std::less<>> awaited;  // what was looked for in vain
+  Mutex mutex;
+  std::map<std::string, Factory, std::less<>> byName GUARDED_BY(mutex);
+  std::map<std::string, Arrival, std::less<>> awaited GUARDED_BY(mutex);  ///< by the name of a missing class
 };
 
 Classes& classes() {
@@ -33,20 +33,23 @@ Classes& classes() {
 }
 
 bool isRegistered(const std::string& name) {
-  const std::lock_guard lock(classes().mutex);
-  return classes().byName.count(name) > 0;
+  Classes& known = classes();
+  const Lock lock(known.mutex);
+  return known.byName.count(name) > 0;
 }
 
-/// nullptr when there is no such class; then `arrival` is called once there is.
+/// Returns the factory of the class `name`. If there is none, returns nullptr, and calls `arrival` on a pool thread
+/// once the class is registered.
 Factory findOrAwait(const std::string& name, Arrival arrival) {
-  const std::lock_guard lock(classes().mutex);
-  if (const auto found = classes().byName.find(name); found != classes().byName.end()) return found->second;
-  classes().awaited.insert_or_assign(name, std::move(arrival));
+  Classes& known = classes();
+  const Lock lock(known.mutex);
+  if (const auto found = known.byName.find(name); found != known.byName.end()) return found->second;
+  known.awaited.insert_or_assign(name, std::move(arrival));
   return nullptr;
 }
 
-/// Whether this code runs from the shared library. A shared object brings that library along; beside a static one,
-/// it would be a second Kelvo on the same home.
+/// Returns true if this code is part of the shared library. A plug-in's shared object links the shared library; in a
+/// host of the static library, it would bring a second Kelvo that uses the same home.
 bool isSharedLibrary() {
   Dl_info place{};
   if (::dladdr(reinterpret_cast<const void*>(&isSharedLibrary), &place) == 0) return false;
@@ -54,9 +57,9 @@ bool isSharedLibrary() {
   return path.substr(path.rfind('/') + 1).rfind("libkelvo.so", 0) == 0;
 }
 
-/// Loads the shared object of the plug-in for good; its initializers register the class.
+/// Loads the shared object of the plug-in permanently. Its initializers register the class.
 void openSharedObject(const std::string& name) {
-  if (name.find('/') != std::string::npos) return;  // it would lead out of the bundle
+  if (name.find('/') != std::string::npos) return;  // the path must stay in the bundle
   const auto path = Bundle::main().pathForResource("libkelvo-" + name, "so");
   if (!path) return;
   if (!isSharedLibrary()) {
@@ -69,12 +72,13 @@ void openSharedObject(const std::string& name) {
 }  // namespace
 
 struct KLVPluginLoader::Plugins {
+  /// Makes and initialises one plug-in. Logs one ERROR line if it throws.
   void make(const std::string& name, Factory factory, const Dictionary& configuration) {
     try {
       const auto plugin = factory();
       if (plugin == nullptr) throw std::runtime_error("there is no object of its class");
       plugin->initialize(configuration);
-      const std::lock_guard lock(mutex);
+      const Lock lock(mutex);
       all.push_back(plugin);
       pluginDict.set(name, true);
     } catch (const std::exception& fault) {
@@ -84,9 +88,9 @@ struct KLVPluginLoader::Plugins {
     }
   }
 
-  std::mutex mutex;  // never held while a plug-in runs
-  std::vector<std::shared_ptr<Plugin>> all;
-  Dictionary pluginDict;
+  Mutex mutex;  ///< never held while a plug-in runs
+  std::vector<std::shared_ptr<Plugin>> all GUARDED_BY(mutex);
+  Dictionary pluginDict GUARDED_BY(mutex);
 };
 
 KLVPluginLoader::KLVPluginLoader() : plugins_(std::make_shared<Plugins>()) {}
@@ -94,14 +98,15 @@ KLVPluginLoader::KLVPluginLoader() : plugins_(std::make_shared<Plugins>()) {}
 void KLVPluginLoader::registerClass(std::string_view name, Factory make) {
   Arrival arrival;
   {
-    const std::lock_guard lock(classes().mutex);
-    if (!classes().byName.emplace(name, make).second) return;
-    if (const auto waiting = classes().awaited.find(name); waiting != classes().awaited.end()) {
+    Classes& known = classes();
+    const Lock lock(known.mutex);
+    if (!known.byName.emplace(name, make).second) return;
+    if (const auto waiting = known.awaited.find(name); waiting != known.awaited.end()) {
       arrival = std::move(waiting->second);
-      classes().awaited.erase(waiting);
+      known.awaited.erase(waiting);
     }
   }
-  // Not here: an initializer registers, while the application may not be ready to run a plug-in.
+  // Not on this thread: an initializer registers the class, before the application can run a plug-in.
   if (arrival) DispatchQueue::global().async([arrival = std::move(arrival), make] { arrival(make); });
 }
 
@@ -123,7 +128,7 @@ void KLVPluginLoader::loadPlugins(const std::optional<Dictionary>& meta, const D
 }
 
 Dictionary KLVPluginLoader::pluginDict() const {
-  const std::lock_guard lock(plugins_->mutex);
+  const Lock lock(plugins_->mutex);
   return plugins_->pluginDict;
 }
 

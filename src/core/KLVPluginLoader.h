@@ -10,23 +10,24 @@
 
 namespace kelvo {
 
-/// Makes the plug-ins that the bundle's "Kelvo" dictionary switches on, and keeps them for the life of the process.
+/// Makes the plug-ins that the bundle's "Kelvo" dictionary switches on, and owns them until the process ends.
 ///
-/// A class is looked up by its exact name: among those that are linked in and, when there is none, in the shared object
-/// `libkelvo-<Name>.so` of the bundle, nowhere else. The library may be loaded, and start, before the initializers of
-/// the application have run; so a class that is registered only after it was looked for is made then.
+/// The loader looks up a class by its exact name: first among the registered classes, then in the shared object
+/// `libkelvo-<Name>.so` of the bundle. The library may start before the application's initializers have run. A class
+/// that is registered after its lookup is therefore instantiated on registration, on a pool thread. Thread:
+/// thread-safe. No lock is held while a plug-in's code runs.
 class KLVPluginLoader {
  public:
   using Factory = std::shared_ptr<Plugin> (*)();
 
-  /// The first class under a name stays.
+  /// Registers a class. Later classes of the same name are ignored.
   static void registerClass(std::string_view name, Factory make);
 
   KLVPluginLoader();
-  /// Each entry of `meta` but "Core" is a name, with true to switch it on. A plug-in that is missing, or throws while
-  /// it is made or initialised, costs a line; the others still load. Waits for their `initialize`.
+  /// Makes and initialises the plug-ins of `meta`: its entries, except for "Core", map a class name to true. A plug-in
+  /// that is missing or throws costs one WARN or ERROR line; the others still load. Returns after their `initialize`.
   void loadPlugins(const std::optional<Dictionary>& meta, const Dictionary& configuration);
-  /// Name to true for each plug-in in service.
+  /// Returns a map from the name of each initialised plug-in to true.
   [[nodiscard]] Dictionary pluginDict() const;
 
  private:

@@ -14,7 +14,7 @@
 namespace kelvo {
 namespace {
 
-/// Behind the host's calls so far, so that a start which is under way has begun to listen.
+/// Posts `notification` after all earlier host calls, so that a start among them has registered its observers.
 void report(std::string_view notification, std::any userInfo = {}) {
   guarded([&] {
     KLVController::sharedController().performInOrder([notification, userInfo = std::move(userInfo)] {

@@ -8,7 +8,7 @@
 
 namespace kelvo {
 
-/// Runs one call of the host. Nothing leaves it: what it throws is logged, and in a forked child it does nothing.
+/// Runs one host call. Logs an exception instead of letting it reach the host. Does nothing in a forked child.
 template <class Call>
 void guarded(Call&& call) noexcept {
   if (inForkedChild()) return;
@@ -18,7 +18,7 @@ void guarded(Call&& call) noexcept {
     } catch (const std::exception& fault) {
       KLV_ERROR("{}", fault.what());
     }
-  } catch (...) {  // no memory left for the line either
+  } catch (...) {  // there may be no memory left for the log line
   }
 }
 

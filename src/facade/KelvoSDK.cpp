@@ -102,7 +102,7 @@ void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, b
 
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten,
                                    bool isAggregate) noexcept {
-  // Kept: this form alone forwards without a line.
+  // Kept: unlike the others, this form writes no INFO line.
   guarded([&] {
     controller().logAppEventWithName(taken(std::move(name)), taken(std::move(info)), shouldFlatten, isAggregate);
   });

@@ -13,10 +13,12 @@
 namespace kelvo {
 namespace {
 
+// The exit hook blocks for these times at most.
 constexpr std::chrono::milliseconds kStoreLimit(500);
 constexpr std::chrono::milliseconds kLogLimit(250);
 
-/// Lets what was accepted reach the database. The queues go on running at exit: nothing of the library is destroyed.
+/// Blocks until the database holds the data of all accepted calls, or until `kStoreLimit` has passed. The queues still
+/// run: no object of the library is destroyed at exit.
 void storeAcceptedWork() {
   auto& controller = KLVController::sharedController();
   if (!controller.isSDKInitCalled()) return;
@@ -36,8 +38,8 @@ void finalizer() {
   std::printf("KelvoiOSSDK finalizer\n");
 }
 
-/// The image initializers, in this order. The log level is set only after the automatic start has returned, so the
-/// lines that it writes at once are let through at every level.
+/// Runs when the library is loaded. The log level is set after the automatic start has returned, so that all log lines
+/// of that call are written.
 __attribute__((constructor)) void SDKInitializer() {
   guarded([] {
     static_cast<void>(ServiceEndpoint::shared());
@@ -53,5 +55,5 @@ __attribute__((constructor)) void registerFinalizer() {
 }  // namespace
 }  // namespace kelvo
 
-/// Hosts of the static library ask the linker for this symbol, so that the hooks above are linked in.
+/// Hosts of the static library reference this symbol, so that the linker includes the hooks above.
 extern "C" const int kelvo_load_hooks = 1;

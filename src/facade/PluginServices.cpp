@@ -16,16 +16,10 @@ KLVController& controller() {
   return KLVController::sharedController();
 }
 
-/// Runs a call of a plug-in that changes or sends something, unless nothing is to be collected.
+/// Runs a plug-in's call that changes or sends data, or refuses it while collection is disabled.
 template <class Call>
 void whileEnabled(Call&& call) noexcept {
-  guarded([&] {
-    if (!controller().enableSDK()) {
-      KLV_ERROR("SDK Disabled - ignoring call");
-      return;
-    }
-    call();
-  });
+  guarded([&] { controller().enableSDK() ? call() : CollectionGate::logRefusal("call"); });
 }
 
 Event asEvent(const KLVEvent& event) {
@@ -37,14 +31,15 @@ Event asEvent(const KLVEvent& event) {
 
 }  // namespace
 
-/// What the bus holds in place of a listener: always the same one, so that it can be found again, and alive for as
-/// long as the listener is.
+/// The bus holds the adapter in place of the listener. Each listener owns one adapter, so that the bus finds it again.
+/// The pointer that the bus holds shares the ownership of the listener.
 class EventListener::Adapter final : public KLVEventListener {
  public:
   explicit Adapter(EventListener& listener) : listener_(listener) {}
-  void onEvent(const std::shared_ptr<KLVEvent>& event) override { listener_.onEvent(asEvent(*event)); }
 
  private:
+  void onEvent(const std::shared_ptr<KLVEvent>& event) override { listener_.onEvent(asEvent(*event)); }
+
   EventListener& listener_;
 };
 

@@ -16,7 +16,7 @@ namespace kelvo::test {
 
 using namespace std::chrono_literals;
 
-/// The controller of this process, against a collector in it.
+/// Runs the controller of this process against a collector in the same process.
 class CoreTest : public testing::Test {
  protected:
   CoreTest() {
@@ -24,11 +24,13 @@ class CoreTest : public testing::Test {
     setenv("KELVO_SERVER_BASE_URL", service.baseURL().c_str(), 1);
   }
   static KLVController& controller() { return KLVController::sharedController(); }
+  /// The controller as the chunk manager calls it.
+  static KLVChunkManagerDelegate& chunkDelegate() { return controller(); }
   static void start() {
     controller().initializeWithKelvoID("shop");
     while (!controller().hasStarted()) std::this_thread::sleep_for(1ms);
   }
-  /// Waits for what was begun: until it is stored, and what is cut posted.
+  /// Blocks until the data of all earlier calls is stored and the chunks cut so far are posted.
   static void settle() {
     std::promise<void> done;
     controller().whenPosted([&] { done.set_value(); });

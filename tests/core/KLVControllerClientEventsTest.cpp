@@ -8,8 +8,8 @@ namespace {
 
 using collector::Script;
 
-const std::string kFile = "com.kelvo.SDK.clientevents";
-const std::string kHash = "klv_client_events_hash";
+constexpr const char* kFile = "com.kelvo.SDK.clientevents";
+constexpr const char* kHash = "klv_client_events_hash";
 const std::string kSaved = R"({"action":["saved"],"agg":[],"stop":[]})";
 const std::string kNew = R"({"action":["new"],"agg":7,"other":null})";
 
@@ -17,14 +17,14 @@ struct Case {
   const char* name;
   Script validate;
   std::optional<Script> fetch;
-  std::string saved;   ///< the file before
-  std::string loaded;  ///< the lists that are put to use; empty when none are
+  std::string saved;   ///< the content of the file before
+  std::string loaded;  ///< the lists that are applied; empty if none are
   std::string line;
 };
 
 using ClientEvents = CoreTest;
 
-TEST_F(ClientEvents, TheLastGoodListsAreUsedWhateverTheServiceSays) {
+TEST_F(ClientEvents, AppliesNewListsAndElseTheSavedOnes) {
   start();
   const auto settled = [] {
     while (KLVPostman::sharedSession().unfinished() > 0) std::this_thread::sleep_for(1ms);
@@ -70,7 +70,7 @@ TEST_F(ClientEvents, TheLastGoodListsAreUsedWhateverTheServiceSays) {
     EXPECT_EQ(service.requests("/client-events").size() - requests, given.fetch ? 2u : 1u);
     const bool isNew = given.loaded == kNew;
     EXPECT_EQ(contentOf(library(kFile)), isNew ? kNew : given.saved);
-    EXPECT_EQ(controller().retrieveClientEventsHash(), isNew ? "h2" : "h1");
+    EXPECT_EQ(UserDefaults::standard().string(kHash), isNew ? "h2" : "h1");
   }
   const std::string query = "userId=" + *controller().getDeviceID() + "&version=288&platform=ios";
   for (const auto& request : service.requests("/client-events")) EXPECT_EQ(request.query, query);

@@ -31,15 +31,16 @@ TEST_F(Controller, ALongAbsenceStartsANewSessionOnce) {
   EXPECT_NE(second, first);
   EXPECT_EQ(second->additionalInfo()["launch_type"], Value("restart"));
   EXPECT_EQ(second->additionalInfo()["is_first_session"], Value(false));
-  EXPECT_EQ(away(10s), second) << "the session that was stopped listens no more";
+  EXPECT_EQ(away(10s), second) << "a stopped session ignores events";
   EXPECT_EQ(controller().getLifetimeSessionCount(), 2);
 
   controller().logAppEventWithName("After the restart", {}, false, false);
   settle();
-  EXPECT_EQ(controller().numberOfEventsWithIdentifier(second->identifier()), 0u) << "its data handler is never started";
+  EXPECT_EQ(controller().numberOfEventsWithIdentifier(second->identifier()), 0u)
+      << "the data handler of a restarted session is never started";
 }
 
-TEST_F(Controller, TheRetentionCounterAddsTheWholeDaysAtEveryEvaluation) {
+TEST_F(Controller, TheRetentionCounterAddsAllDaysSinceTheFirstEvaluationEveryTime) {
   const auto daysAfter = [](Clock::Duration time) {
     Clock::advance(time);
     controller().updateRetentionDayCount();
@@ -52,7 +53,7 @@ TEST_F(Controller, TheRetentionCounterAddsTheWholeDaysAtEveryEvaluation) {
   EXPECT_EQ(daysAfter(24h), 3);
 }
 
-TEST_F(Controller, TheTimerCutsAndDoesNotSendAnEmptyChunk) {
+TEST_F(Controller, TheTimerCutsChunksAndSkipsEmptyOnes) {
   start();
   settle();
   Clock::advance(31s);
@@ -64,7 +65,7 @@ TEST_F(Controller, TheTimerCutsAndDoesNotSendAnEmptyChunk) {
   EXPECT_EQ(service.chunks().size(), 1u);
 }
 
-/// A screen whose title is given only once the library has begun to cut a chunk.
+/// A screen whose title is available only after the library has begun to cut a chunk.
 class SlowScreen final : public ViewController, public KLVEventListener {
  public:
   std::string className() const override { return "Slow"; }
@@ -78,8 +79,8 @@ class SlowScreen final : public ViewController, public KLVEventListener {
   mutable std::promise<void> cut_;
 };
 
-/// Shows `screen`, and leaves the foreground.
-void showOnceMore(const std::shared_ptr<SlowScreen>& screen) {
+/// Shows `screen`, and then leaves the foreground.
+void showAndLeave(const std::shared_ptr<SlowScreen>& screen) {
   KLVController::sharedController().performInOrder([screen] {
     NotificationCenter::defaultCenter().post(kDidShowViewController, Screen(screen));
     NotificationCenter::defaultCenter().post(kApplicationWillResignActive);
@@ -91,12 +92,12 @@ TEST_F(Controller, TheScreenThatBackgroundEndsIsInTheChunkThatItCuts) {
   settle();
   const auto screen = std::make_shared<SlowScreen>();
   controller().registerForEventWithType(KLVEventType::chunk, screen);
-  showOnceMore(screen);
+  showAndLeave(screen);
   ASSERT_TRUE(service.waitForChunks(1));
-  const Value details = (*service.chunks()[0].get<Dictionary>())["chunk_details"];
-  const auto screens = *(*details.get<Dictionary>())["navigation_events"].get<Array>();
+  const Dictionary details = service.chunks()[0].asDictionary().value()["chunk_details"].asDictionary().value();
+  const Array screens = details["navigation_events"].asArray().value();
   ASSERT_EQ(screens.size(), 1u);
-  EXPECT_EQ((*screens[0].get<Dictionary>())["name"], Value("At last"));
+  EXPECT_EQ(screens[0].asDictionary().value()["name"], Value("At last"));
 }
 
 TEST_F(Controller, AMainLoopThatHangsHoldsUpNeitherChunksNorEvents) {
@@ -105,7 +106,7 @@ TEST_F(Controller, AMainLoopThatHangsHoldsUpNeitherChunksNorEvents) {
   std::promise<void> end;
   MainQueue::async([&] { end.get_future().wait(); });
   const auto screen = std::make_shared<SlowScreen>();
-  showOnceMore(screen);
+  showAndLeave(screen);
   EXPECT_TRUE(service.waitForChunks(1));
   controller().logAppEventWithName("Meanwhile", {}, false, false);
   while (controller().getLifetimeCountForEventWithName("Meanwhile") == 0) std::this_thread::sleep_for(1ms);
@@ -113,17 +114,18 @@ TEST_F(Controller, AMainLoopThatHangsHoldsUpNeitherChunksNorEvents) {
   end.set_value();
   settle();
   const auto events = controller().getEventsBetween(1, 9, controller().getSessionId(), KLVEventType::navigation);
-  EXPECT_EQ(events.size(), 1u) << "it is only late";
+  EXPECT_EQ(events.size(), 1u) << "the screen is recorded late, but not lost";
 }
 
-TEST_F(Controller, ForwardsAndRefusesAsEachCallSays) {
+TEST_F(Controller, RefusesMissingArgumentsAndForwardsCompleteCalls) {
   const auto event = std::make_shared<KLVEvent>(KLVEventType::app);
   controller().saveEvent(event, "some session");
-  EXPECT_EQ(log.count("<KLV ERROR> SDK Disabled - ignoring event"), 1u) << "this form is not buffered";
+  EXPECT_EQ(log.count("<KLV ERROR> SDK Disabled - ignoring event"), 1u)
+      << "an event for a given session is not buffered";
   start();
   controller().saveEvent(event, std::nullopt);
   EXPECT_EQ(log.count("<KLV WARN> Event/sessionId is nil"), 1u);
-  controller().postDataToURL("/v2/api/user", std::nullopt, std::nullopt, {});
+  chunkDelegate().postDataToURL("/v2/api/user", std::nullopt, std::nullopt, {});
   EXPECT_EQ(log.count("<KLV WARN> URL/requestMethod is nil"), 1u);
   settle();
   EXPECT_EQ(controller().getEventsBetween(1, 5, controller().getSessionId(), KLVEventType::app).size(), 1u);
@@ -132,7 +134,7 @@ TEST_F(Controller, ForwardsAndRefusesAsEachCallSays) {
             (Dictionary{{"klv_app_opened", 1}, {"never", 0}}));
 }
 
-TEST_F(Controller, ACrashedSessionIsMarkedWhetherItRunsOrIsStored) {
+TEST_F(Controller, MarksARunningOrAStoredSessionAsCrashed) {
   start();
   const auto running = controller().session();
   const std::string earlier = "1000-device";
@@ -141,13 +143,13 @@ TEST_F(Controller, ACrashedSessionIsMarkedWhetherItRunsOrIsStored) {
   controller().markFatalAndUpdateDuration(Date(9s), earlier);
   controller().markFatalAndUpdateDuration(std::nullopt, running->identifier());
   EXPECT_EQ(running->additionalInfo()["is_fatal"], Value(true));
-  const Dictionary stored = controller().retrieveSessionInfoWithIdentifier(earlier)->additionalInfo();
+  const Dictionary stored = chunkDelegate().retrieveSessionInfoWithIdentifier(earlier)->additionalInfo();
   EXPECT_EQ(stored["is_fatal"], Value(true));
   EXPECT_EQ(stored["duration"], Value(5.0));
   EXPECT_EQ(log.count("<KLV WARN> duration/identifier is nil"), 1u);
 }
 
-TEST_F(Controller, ATerminatedControllerRefusesWorkAndStaysSo) {
+TEST_F(Controller, TerminatingStopsTheMonitorsAndASecondStartIsRefused) {
   start();
   settle();
   controller().terminateSDK();
@@ -157,7 +159,8 @@ TEST_F(Controller, ATerminatedControllerRefusesWorkAndStaysSo) {
   EXPECT_EQ(log.count("<KLV INFO> Kelvo SDK already initialized. Ignoring this call"), 1u);
   const auto stored = controller().numberOfEventsWithIdentifier(controller().getSessionId());
   report(kApplicationDidBecomeActive);
-  EXPECT_EQ(controller().numberOfEventsWithIdentifier(controller().getSessionId()), stored) << "the monitor is stopped";
+  EXPECT_EQ(controller().numberOfEventsWithIdentifier(controller().getSessionId()), stored)
+      << "the stopped monitor ignores activity";
 }
 
 }  // namespace

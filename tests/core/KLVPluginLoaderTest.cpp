@@ -6,24 +6,25 @@
 
 #include "core/CoreTest.h"
 #include "kelvo/KelvoSDK.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo::test {
 namespace {
 
-// What the plug-ins below do, by name and event, in order.
-std::mutex mutex;
-std::vector<std::string> happened;
+// The actions of the plug-ins below, in order.
+Mutex mutex;
+std::vector<std::string> happened GUARDED_BY(mutex);
 
 void note(const std::string& what) {
-  const std::lock_guard lock(mutex);
+  const Lock lock(mutex);
   happened.push_back(what);
 }
 std::vector<std::string> taken() {
-  const std::lock_guard lock(mutex);
+  const Lock lock(mutex);
   return std::exchange(happened, {});
 }
 
-/// Notes its start, and each "Step" that it hears of.
+/// Notes its start, and each event "Step".
 class Noting : public Plugin {
  public:
   void initialize(const Dictionary& configuration) override {
@@ -67,7 +68,7 @@ class Plugins : public CoreTest {
   KLVPluginLoader loader;
 };
 
-TEST_F(Plugins, OneThatIsMissingOffLateOrThrowingCostsItselfOnly) {
+TEST_F(Plugins, APlugInThatIsMissingOffLateOrThrowingLeavesTheOthersAlone) {
   start();
   Plugin::registerClass("ThrowsWhenMade", []() -> std::shared_ptr<Plugin> { throw std::runtime_error("made badly"); });
   loader.loadPlugins(std::nullopt, {});
@@ -91,7 +92,7 @@ TEST_F(Plugins, OneThatIsMissingOffLateOrThrowingCostsItselfOnly) {
   EXPECT_EQ(log.count("heard badly"), 2u);
   EXPECT_EQ(controller().getLifetimeCountForEventWithName("Step"), 2);
 
-  // A class that is registered after it was looked for is made then.
+  // A class that is registered after its lookup is instantiated on registration.
   for (int time = 0; time < 2; ++time) {
     Plugin::registerClass("Late", []() -> std::shared_ptr<Plugin> { return std::make_shared<Noting>(); });
   }
@@ -110,8 +111,8 @@ TEST_F(Plugins, WhileOneBlocksTheBusWaitsAndTheHostDoesNot) {
   Application::willResignActive();
   std::promise<void> handled;
   controller().performInOrder([&] { handled.set_value(); });
-  EXPECT_EQ(handled.get_future().wait_for(20s), std::future_status::ready) << "the controller's queue goes on";
-  EXPECT_EQ(taken(), Texts()) << "nobody else hears of anything meanwhile";
+  EXPECT_EQ(handled.get_future().wait_for(20s), std::future_status::ready) << "the controller's queue still runs";
+  EXPECT_EQ(taken(), Texts()) << "no other listener receives an event meanwhile";
   released.set_value();
   settle();
   const auto all = taken();
@@ -121,7 +122,7 @@ TEST_F(Plugins, WhileOneBlocksTheBusWaitsAndTheHostDoesNot) {
   EXPECT_EQ(all.back(), "Step 499");
 }
 
-TEST_F(Plugins, TheServicesDoWhatTheirNamesSayAndRefuseWhatIsWrong) {
+TEST_F(Plugins, TheServicesOfPlugInsWorkAndRefuseWrongArguments) {
   PluginServices::saveFrequencyInfo({{"shown", 1}}, "too early");
   EXPECT_EQ(log.count("<KLV ERROR> SDK Disabled - ignoring call"), 1u);
   start();
@@ -144,7 +145,7 @@ TEST_F(Plugins, TheServicesDoWhatTheirNamesSayAndRefuseWhatIsWrong) {
   Dictionary attributes = listener->heard[0].attributes;
   attributes.remove("time");
   EXPECT_EQ(attributes, (Dictionary{{"number", 1}, {"klv_lt_count", 0}, {"klv_lt_count_slot", "0"}}));
-  EXPECT_EQ(listener.use_count(), 1) << "the bus has let it go";
+  EXPECT_EQ(listener.use_count(), 1) << "the bus has released it";
 
   PluginServices::saveFrequencyInfo({{"shown", 1}}, "caf\xe9");
   const auto saveAll = [](int plugin) {
@@ -160,7 +161,7 @@ TEST_F(Plugins, TheServicesDoWhatTheirNamesSayAndRefuseWhatIsWrong) {
     }
   }
   EXPECT_EQ(PluginServices::retrieveFrequencyConfigWithIdentifier("caf\xe9"), (Dictionary{{"shown", 1}}))
-      << "found under the text that it was given with, repaired or not";
+      << "an identifier is repaired the same way on both calls";
   PluginServices::persistPIDMIDDict({{"P1", "1"}}, "rta");
   PluginServices::persistPIDMIDDict({{"P2", "1"}}, "anything");
   PluginServices::persistPIDMIDDict(Dictionary(), "rta");

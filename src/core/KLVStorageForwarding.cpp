@@ -1,0 +1,114 @@
+#include "core/KLVStorageForwarding.h"
+
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+std::uint64_t KLVStorageForwarding::numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) {
+  if (!identifier) {
+    KLV_WARN("identifier is nil");
+    return 0;
+  }
+  const auto handler = dataHandler();
+  return handler ? handler->numberOfEventsWithIdentifier(*identifier) : 0;
+}
+
+std::vector<Dictionary> KLVStorageForwarding::getEventsBetween(std::uint64_t start, std::uint64_t end,
+                                                               const std::optional<std::string>& identifier,
+                                                               std::optional<KLVEventType> eventType) {
+  if (!identifier || !eventType) {
+    KLV_WARN("identifier/eventType is nil");
+    return {};
+  }
+  const auto handler = dataHandler();
+  if (handler == nullptr) return {};
+  std::optional<std::string> typeName;  // none: events of every type
+  if (*eventType != KLVEventType::system) typeName = std::string(stringFromType(*eventType));
+  return handler->getEventsBetween(start, end, *identifier, typeName);
+}
+
+std::vector<std::string> KLVStorageForwarding::getSessions() {
+  const auto handler = dataHandler();
+  return handler ? handler->getSessions() : std::vector<std::string>();
+}
+
+std::vector<std::shared_ptr<KLVChunkMetaInfo>> KLVStorageForwarding::retrieveChunkMetaInfo() {
+  const auto handler = dataHandler();
+  return handler ? handler->retrieveChunkMetaInfo() : std::vector<std::shared_ptr<KLVChunkMetaInfo>>();
+}
+
+std::shared_ptr<KLVUser> KLVStorageForwarding::retrieveUser() {
+  const auto handler = dataHandler();
+  return handler ? handler->retrieveUser() : nullptr;
+}
+
+void KLVStorageForwarding::saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) {
+  if (meta == nullptr) {
+    KLV_WARN("cannot update, event is nil");
+  } else if (const auto handler = dataHandler()) {
+    handler->saveChunkMetaInfo(meta);
+  }
+}
+
+void KLVStorageForwarding::updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) {
+  if (meta == nullptr) {
+    KLV_WARN("cannot update, event is nil");
+  } else if (const auto handler = dataHandler()) {
+    handler->updateChunkMetaInfoTimestamp(meta);
+  }
+}
+
+void KLVStorageForwarding::updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk) {
+  if (chunk == nullptr) {
+    KLV_WARN("cannot update, event is nil");
+  } else if (const auto handler = dataHandler()) {
+    handler->updateChunkMetaStatus(chunk);
+  }
+}
+
+void KLVStorageForwarding::deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>& chunk) {
+  if (chunk == nullptr) {
+    KLV_WARN("cannot delete, event is nil");
+  } else if (const auto handler = dataHandler()) {
+    handler->deleteChunkMetaInfo(chunk);
+  }
+}
+
+void KLVStorageForwarding::deleteSession(const std::optional<std::string>& identifier) {
+  if (!identifier) {
+    KLV_WARN("cannot delete, identifier is nil");
+  } else if (const auto handler = dataHandler()) {
+    handler->deleteSession(*identifier);
+  }
+}
+
+void KLVStorageForwarding::deleteItemAtPath(const std::optional<std::string>& path) {
+  if (!path) {
+    KLV_WARN("cannot delete, path is nil");
+  } else if (const auto handler = dataHandler()) {
+    handler->deleteItemAtPath(*path);
+  }
+}
+
+void KLVStorageForwarding::deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) {
+  if (!identifier) {
+    KLV_WARN("cannot delete, session identifier is nil");
+  } else if (const auto handler = dataHandler()) {
+    handler->deleteAggregateEventsWithSessionId(*identifier);
+  }
+}
+
+void KLVStorageForwarding::writeTogether(const std::function<void()>& deletions) {
+  if (const auto handler = dataHandler()) handler->writeTogether(deletions);
+}
+
+std::shared_ptr<KLVSession> KLVStorageForwarding::retrieveSessionInfoWithIdentifier(
+    const std::optional<std::string>& identifier) {
+  if (!identifier) {
+    KLV_ERROR("Session Info not found for nil identifier");
+    return nullptr;
+  }
+  const auto handler = dataHandler();
+  return handler ? handler->retrieveSessionInfoWithIdentifier(*identifier) : nullptr;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "storage/KLVDataHandler.h"
+#include "upload/KLVChunkManager.h"
+
+namespace kelvo {
+
+/// The controller's methods that check their arguments and forward to the data handler.
+///
+/// A missing argument costs one WARN or ERROR line and has no other effect. Before the start-up has made the data
+/// handler, writes do nothing, and reads return 0, nullptr or nothing. `KLVChunkManagerDelegate` documents the rest.
+/// Thread: any.
+class KLVStorageForwarding : public KLVChunkManagerDelegate {
+ public:
+  std::uint64_t numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) override;
+  std::vector<Dictionary> getEventsBetween(std::uint64_t start, std::uint64_t end,
+                                           const std::optional<std::string>& identifier,
+                                           std::optional<KLVEventType> eventType) override;
+  std::vector<std::string> getSessions() override;
+  std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override;
+
+ protected:
+  ~KLVStorageForwarding() = default;  // never deleted through this type
+
+  /// Returns the data handler of the current session, nullptr before the start-up has made it.
+  virtual std::shared_ptr<KLVDataHandler> dataHandler() = 0;
+  std::shared_ptr<KLVUser> retrieveUser();
+  std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::optional<std::string>& identifier) override;
+
+ private:
+  void saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override;
+  void updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override;
+  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk) override;
+  void deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>& chunk) override;
+  void deleteSession(const std::optional<std::string>& identifier) override;
+  void deleteItemAtPath(const std::optional<std::string>& path) override;
+  void deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) override;
+  void writeTogether(const std::function<void()>& deletions) override;
+};
+
+}  // namespace kelvo
