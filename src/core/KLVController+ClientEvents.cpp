@@ -3,6 +3,7 @@
 #include "core/KLVController.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -10,8 +11,6 @@
 
 namespace kelvo {
 namespace {
-
-constexpr std::string_view kClientEventsHash = "klv_client_events_hash";
 
 std::string pathOf(KLVController& controller, std::string_view path) {
   const auto device = controller.deviceInfo();
@@ -102,11 +101,11 @@ void KLVController::persistClientEvents(const Dictionary& config) {
 }
 
 std::optional<std::string> KLVController::retrieveClientEventsHash() {
-  return UserDefaults::standard().string(kClientEventsHash);
+  return UserDefaults::standard().string(kKLVClientEventsHashKey);
 }
 
 void KLVController::persistClientEventsHash(const std::string& hash) {
-  UserDefaults::standard().set(kClientEventsHash, hash);
+  UserDefaults::standard().set(kKLVClientEventsHashKey, hash);
 }
 
 void KLVController::getSyncDataForActionType(const std::string& actionType, const std::string& version,

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/MainQueue.h"
+#include "records/KLVRecordKeys.h"
 #include "util/KLVLogger.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVTimer.h"
@@ -160,7 +161,7 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
   currNavId_ = currScreenName_ = name;
   const auto event = std::make_shared<KLVNavigationEvent>(name);
   readTitle(screen, [this, event, whenCurrent = std::move(whenCurrent)](const std::optional<std::string>& title) {
-    if (title) event->setInfo(*sanitised(title), "name");
+    if (title) event->setInfo(*sanitised(title), kKLVName);
     currentNavEvent_ = event;
     whenCurrent();
   });
@@ -193,15 +194,15 @@ void KLVNavigationMonitor::onForeground() {
   previousNavEvent_ = currentNavEvent_;
   if (currentNavEvent_ == nullptr) return;
   const auto again = std::make_shared<KLVNavigationEvent>(currentNavEvent_->identifier());
-  const Value name = currentNavEvent_->additionalInfo()["name"];
-  if (!name.isNull()) again->setInfo(name, "name");
+  const Value name = currentNavEvent_->additionalInfo()[kKLVName];
+  if (!name.isNull()) again->setInfo(name, kKLVName);
   currentNavEvent_ = again;
 }
 
 /// `event`, if there is one, with the time from its creation to `endTime`, both in seconds since the SDK started.
 void KLVNavigationMonitor::dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime) {
   if (event == nullptr) return;
-  event->setInfo(endTime - event->createdTime(), "duration");
+  event->setInfo(endTime - event->createdTime(), kKLVDuration);
   delegate_.dispatchEvent(event);
 }
 

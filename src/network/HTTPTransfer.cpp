@@ -2,12 +2,14 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <utility>
 
 #include "network/HTTPURL.h"
+#include "records/KLVSDKInfo.h"
 
 namespace kelvo {
 namespace {
@@ -45,7 +47,7 @@ bool HTTPTransfer::configure(const Settings& settings) {
   set(CURLOPT_PRIVATE, static_cast<void*>(this));
   set(CURLOPT_ERRORBUFFER, reason_.data());
   set(CURLOPT_NOSIGNAL, 1L);
-  set(CURLOPT_USERAGENT, "Kelvo/288");
+  set(CURLOPT_USERAGENT, fmt::format("Kelvo/{:.0f}", kKLVSDKVersion).c_str());
 
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   set(CURLOPT_REDIR_PROTOCOLS_STR, startsOnThisMachine ? "http,https" : "https");

@@ -7,10 +7,10 @@
 
 namespace kelvo {
 
-/// The device. Its identifier is made once and kept in the user defaults for good.
+/// The device. Its identifier is made at the first launch and then kept permanently in the user defaults.
 class KLVDeviceInfo final : public KLVInfo {
  public:
-  /// The identifier given is replaced by the device id.
+  /// Uses the device id as the identifier and ignores its argument. May write the user defaults.
   explicit KLVDeviceInfo(std::string identifier);
   [[nodiscard]] std::string_view className() const override { return "KLVDeviceInfo"; }
 
@@ -18,16 +18,16 @@ class KLVDeviceInfo final : public KLVInfo {
   [[nodiscard]] std::string getHardwareModel() const;
   void logDeviceToken(const std::string& token);
 
-  /// The advertising identifier, from the class registered as "ASIdentifierManager" (an
-  /// `AdvertisingIdentifierManager`); nullopt when there is none.
+  /// Returns the advertising identifier from the class registered as "ASIdentifierManager" (an
+  /// `AdvertisingIdentifierManager`). Returns nullopt if no class is registered, or if it throws, which is logged.
   static std::optional<std::string> getIDFA();
 };
 
-/// What a product of the class registered as "ASIdentifierManager" must be.
+/// The interface of a class that is registered as "ASIdentifierManager".
 class AdvertisingIdentifierManager {
  public:
   virtual ~AdvertisingIdentifierManager() = default;
-  /// A UUID; all zeros when the user refused tracking.
+  /// Returns a UUID, all zeros if the user refused tracking.
   virtual std::string advertisingIdentifier() = 0;
 };
 

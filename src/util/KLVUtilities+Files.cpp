@@ -6,6 +6,7 @@
 #include "platform/Files.h"
 #include "platform/JSON.h"
 #include "platform/UserDefaults.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -57,7 +58,7 @@ std::optional<Value> KLVUtilities::readConfig(const std::string& path) {
 
 void KLVUtilities::saveHash(const std::string& hash, const std::string& module) {
   KLV_DEBUG("Saving hash: {} for module: {}", hash, module);
-  UserDefaults::standard().set(fmt::format("klv_{}_hash", module), hash);
+  UserDefaults::standard().set(fmt::format(kKLVModuleHashKey, module), hash);
   if (UserDefaults::standard().synchronize()) {
     KLV_DEBUG("Hash saved successfully");
   } else {
@@ -66,7 +67,7 @@ void KLVUtilities::saveHash(const std::string& hash, const std::string& module) 
 }
 
 std::optional<std::string> KLVUtilities::getHashForModule(const std::string& module) {
-  return UserDefaults::standard().string(fmt::format("klv_{}_hash", module));
+  return UserDefaults::standard().string(fmt::format(kKLVModuleHashKey, module));
 }
 
 }  // namespace kelvo

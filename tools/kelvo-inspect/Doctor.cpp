@@ -21,6 +21,7 @@
 #include "platform/JSON.h"
 #include "platform/PropertyList.h"
 #include "platform/ServiceEndpoint.h"
+#include "records/KLVSDKInfo.h"
 #include "util/KLVServicePaths.h"
 
 namespace kelvo::inspect {
@@ -232,7 +233,8 @@ void examineService(const Bundle& bundle, std::vector<Finding>& findings) {
   findings.push_back(examineProxy(*url));
   const auto id = appIdOf(bundle);
   const auto path = byReplacing(kKLVSDKEnableURL, "<app-id>", percentEncoded(id.empty() ? "kelvo-inspect" : id));
-  const auto answer = ask(endpoint.baseURL + path + "288.000000", endpoint.caFile, url->isLoopback());
+  const auto answer =
+      ask(endpoint.baseURL + path + fmt::format("{:f}", kKLVSDKVersion), endpoint.caFile, url->isLoopback());
   findings.push_back(judgeAnswer(answer, endpoint.baseURL));
   if (answer.code == CURLE_OK) findings.push_back(judgeClock(answer));
 }

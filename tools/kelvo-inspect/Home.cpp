@@ -14,6 +14,7 @@
 #include "platform/JSON.h"
 #include "platform/PropertyList.h"
 #include "records/KLVFileNames.h"
+#include "records/KLVRecordKeys.h"
 #include "sqlite/FMKLVDatabase.h"
 #include "storage/KLVSchema.h"
 
@@ -81,7 +82,7 @@ Dictionary attributesOfRecord(const std::string& path) {
   const auto text = readFile(path);
   const auto form = text ? parseJSON(*text) : std::nullopt;
   const auto* record = form ? form->get<Dictionary>() : nullptr;
-  const auto* inner = record != nullptr ? (*record)["__additional_info__"].get<std::string>() : nullptr;
+  const auto* inner = record != nullptr ? (*record)[kKLVAdditionalInfo].get<std::string>() : nullptr;
   const auto attributes = inner != nullptr ? parseJSON(*inner) : std::nullopt;
   const auto* dictionary = attributes ? attributes->get<Dictionary>() : nullptr;
   return dictionary != nullptr ? *dictionary : Dictionary();
@@ -113,7 +114,8 @@ void readEvents(Reader& reader, Sessions& sessions) {
 }
 
 void readChunks(Reader& reader, Sessions& sessions) {
-  for (const auto& row : reader.rows("SELECT * FROM chunkmeta ORDER BY sid, cid")) {
+  for (const auto& row :
+       reader.rows(fmt::format("SELECT * FROM {} ORDER BY {}, {}", kKLVChunkMetaInfo, kKLVChunkSid, kKLVChunkCid))) {
     Session& session = sessions[description(row[kKLVChunkSid])];
     const auto* times = row[kKLVChunkReportingTimes].get<std::string>();
     session.chunks.append(Dictionary{{"number", row[kKLVChunkCid]},
@@ -181,8 +183,10 @@ Dictionary readHome(const std::string& home) {
   readFiles(library, sessions, files, defaults);
   readEvents(reader, sessions);
   readChunks(reader, sessions);
-  auto lifetime = asArray(reader.rows("SELECT * FROM lifetime_events ORDER BY count DESC, name"));
-  auto aggregates = asArray(reader.rows("SELECT * FROM aggregate_events ORDER BY sid, name, attr_key, attr_value"));
+  auto lifetime = asArray(reader.rows(fmt::format("SELECT * FROM {} ORDER BY {} DESC, {}", kKLVLifetimeEvents,
+                                                  kKLVLifetimeCount, kKLVLifetimeEventName)));
+  auto aggregates = asArray(reader.rows(fmt::format("SELECT * FROM {} ORDER BY {}, {}, {}, {}", kKLVAggEvents,
+                                                    kKLVAggSid, kKLVAggName, kKLVAttrKey, kKLVAttrValue)));
   if (reader.problem().empty()) {
     for (const auto& row : reader.rows("PRAGMA quick_check(1)")) {
       if (row["quick_check"] != Value("ok")) reader.setProblem(description(row["quick_check"]));

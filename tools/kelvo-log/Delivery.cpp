@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "core/KLVController.h"
+#include "records/KLVRecordKeys.h"
 
 namespace kelvo::log {
 namespace {
@@ -41,9 +42,9 @@ std::size_t chunksWaiting() {
   std::map<std::string, std::uint64_t> covered;
   for (const auto& meta : controller().retrieveChunkMetaInfo()) {
     const Dictionary info = meta->additionalInfo();
-    if (!info["status"].asBool()) ++waiting;
-    auto& end = covered[description(info["sid"])];
-    end = std::max(end, info["end"].asUInt64());
+    if (!info[kKLVChunkStatus].asBool()) ++waiting;
+    auto& end = covered[description(info[kKLVChunkSid])];
+    end = std::max(end, info[kKLVChunkEnd].asUInt64());
   }
   for (const std::string& sid : controller().getSessions()) {
     if (controller().numberOfEventsWithIdentifier(sid) > covered[sid]) ++waiting;
