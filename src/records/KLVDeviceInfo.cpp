@@ -15,8 +15,7 @@
 namespace kelvo {
 namespace {
 
-/// Returns the id of this installation, and makes and saves one if there is none. It never checks or replaces a saved
-/// id.
+/// Returns the id of this installation. Makes and saves one if there is none; never checks or replaces a saved one.
 std::string deviceId() {
   UserDefaults& defaults = UserDefaults::standard();
   if (const auto stored = defaults.string(kKLVDeviceIdKey)) return *stored;
@@ -33,7 +32,7 @@ KLVDeviceInfo::KLVDeviceInfo(std::string identifier) : KLVInfo(std::move(identif
   setIdentifier(deviceId());
   setInfo(KLVUtilities::deviceName(), kKLVHardwareModel);
   setInfo(Device::systemVersion(), kKLVOSVersion);
-  setInfo("ios", kKLVPlatform);  // Kept: also on Linux.
+  setInfo("ios", kKLVPlatform);  // Kept: "ios", also on Linux.
   const ScreenSize screen = Device::screenSize();
   setInfo(Dictionary{{"width", screen.width}, {"height", screen.height}}, kKLVDimensions);
 }

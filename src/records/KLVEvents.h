@@ -70,7 +70,7 @@ class KLVObservationEvent final : public KLVEvent {
   [[nodiscard]] std::string_view className() const override { return "KLVObservationEvent"; }
 };
 
-/// An event for plug-ins: its lifetime count is kept, and it is not sent.
+/// An event for plug-ins on this device. Only its lifetime count is stored.
 class KLVClientEvent final : public KLVEvent {
  public:
   KLVClientEvent() : KLVEvent(KLVEventType::client) {}

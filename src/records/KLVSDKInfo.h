@@ -6,7 +6,7 @@
 
 namespace kelvo {
 
-/// The version number of the library. A record and a path print it as a floating-point number ("288.000000").
+/// The version number of the library. A floating-point number, because paths and records show it as one ("288.000000").
 inline constexpr double kKLVSDKVersion = 288;
 
 /// The library: its version, its start time and the intervals that it reports.

@@ -15,7 +15,7 @@ struct Name {
   std::string_view uploaded;
 };
 
-// Names in quotation marks have no constant: the library does not set these attributes.
+// The library itself never sets the attributes whose storage names are literals here.
 constexpr Name kAppInfo[] = {{kKLVId, "app_name"},       kKLVAppVersion, kKLVBundleId, kKLVInstallationTime,
                              {"sdk_first_run_time_web"}, kKLVAppMode};
 

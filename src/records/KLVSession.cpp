@@ -99,7 +99,8 @@ void KLVSession::markSessionAsFatal() {
 }
 
 void KLVSession::stopSession() {
-  // Kept: the bus never removes a listener that is registered by type. Without a delegate, `onEvent` does nothing.
+  // Kept: the bus does not remove a listener that is registered by type only. Without a delegate, `onEvent` does
+  // nothing.
   KLVSessionDelegate* delegate = delegate_.exchange(nullptr);
   if (delegate == nullptr) return;
   const auto self = shared_from_this();

@@ -62,8 +62,8 @@ class KLVSession final : public KLVInfo, public KLVEventListener, public std::en
 
   std::atomic<KLVSessionDelegate*> delegate_{nullptr};  // set while the session is live
   Mutex timesMutex_;
-  Date startTime_ GUARDED_BY(timesMutex_);               // of this stretch in the foreground
-  std::optional<Date> endTime_ GUARDED_BY(timesMutex_);  // of the last stretch
+  Date startTime_ GUARDED_BY(timesMutex_);               // of the latest stretch in the foreground
+  std::optional<Date> endTime_ GUARDED_BY(timesMutex_);  // nullopt before the first one ends
 };
 
 }  // namespace kelvo

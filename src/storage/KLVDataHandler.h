@@ -59,8 +59,9 @@ class KLVDataHandler {
   void upsertLifetimeEvent(std::shared_ptr<KLVEvent> event);
   /// Returns the row of this name, or nullopt. Does not wait: a count that is still queued is missing.
   std::optional<Dictionary> retrieveLifetimeEventWithName(const std::string& name);
+
+  // --- Aggregate events. `parameters` maps columns of their table to values, `identifier` is a session id.
   void saveAggregateEventInfo(std::shared_ptr<KLVEvent> event, const std::string& identifier);
-  // `parameters` maps columns of the table of aggregate events to values.
   /// Returns the count of the first row with these values, or nullopt.
   std::optional<Dictionary> retrieveAggregateEventWithParameters(const Dictionary& parameters);
   std::vector<Dictionary> retrieveAggregateEventsWithSessionIdentifier(const std::string& identifier);

@@ -23,8 +23,9 @@ namespace kelvo {
 /// read that fails returns no rows, or 0. If the database cannot be opened, every read returns nothing and every write
 /// fails.
 ///
-/// If SQLite reports corruption at opening, the store renames the file and creates a new database. If it reports
-/// corruption later, the store writes a marker file, and the next start renames the database.
+/// If SQLite reports corruption at opening, the store sets the file aside under another name and creates a new
+/// database. If it reports corruption later, the store writes a marker file, and the next start sets the database
+/// aside.
 ///
 /// Kept: only inserts and the bound update bind their values. All other statements contain them as text between single
 /// quotes, not escaped, so a value with a quote makes its statement fail.
@@ -39,7 +40,9 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Returns the path of the database directory, with a trailing slash.
   [[nodiscard]] static std::string dbDirectoryPath();
   static void createDBDirectory();
+  /// Returns the path of a file in the database directory.
   [[nodiscard]] static std::string getDBPathForIdentifier(std::string_view component);
+  /// Returns, and logs, an insert statement with one named parameter for each column.
   [[nodiscard]] static std::string insertStatementWithTableName(std::string_view table, const Parameters& parameters);
 
   // --- Tables. The create functions return true if the table exists afterwards; the next group of writes retries a
@@ -48,6 +51,7 @@ class KLVPersistantStore final : public KLVPersistentStore {
   bool createChunkMetaInfoTableWithTableName(std::string_view table);
   bool createAggregateEventsTable();
   bool createLifetimeEventsTable();
+  /// Returns true if the table no longer exists.
   [[nodiscard]] bool removeTableWithName(std::string_view table);
   [[nodiscard]] std::vector<std::string> retrieveTableNames();
 

@@ -80,7 +80,8 @@ class Delegate final : public KLVChunkManagerDelegate {
 
 class ChunkManager : public testing::Test {
  protected:
-  /// Cuts the current session until the manager's queue is empty. Returns the calls since the last time.
+  /// Cuts the current session a few times, so that the manager's queue is empty afterwards. Returns the calls since the
+  /// last time.
   Texts happened() {
     for (int pass = 0; pass < 3; ++pass) {  // a slot that becomes free queues another task
       auto cut = (delegate.reached = std::make_shared<std::promise<void>>())->get_future();
