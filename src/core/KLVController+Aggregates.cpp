@@ -2,6 +2,8 @@
 #include <utility>
 
 #include "core/KLVController.h"
+#include "records/KLVRecordKeys.h"
+#include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -36,12 +38,13 @@ void KLVController::processAggregateEventWithEvent(const std::shared_ptr<KLVEven
   const auto handler = components_.dataHandler;
   const auto session = components_.session;
   lock.unlock();
-  const Dictionary parameters{{"name", event->identifier()}, {"sid", session->identifier()}};
+  const Dictionary parameters{{std::string(kKLVAggName), event->identifier()},
+                              {std::string(kKLVAggSid), session->identifier()}};
   handler->updateAggregateEventsCountRecordHavingParameters(parameters);
   for (const auto& [key, value] : event->additionalInfo()) {
     Dictionary ofAttribute = parameters;
-    ofAttribute.set("attr_key", key);
-    ofAttribute.set("attr_value", value);
+    ofAttribute.set(kKLVAttrKey, key);
+    ofAttribute.set(kKLVAttrValue, value);
     handler->fetchAndIncrementCountForParameters(ofAttribute);
   }
 }
@@ -52,12 +55,12 @@ Array KLVController::retrieveAggregateEventsWithSessionIdentifier(const std::str
   std::vector<AggregateRecord> records;
   std::map<std::string, std::size_t> places;
   for (const Dictionary& row : handler->retrieveAggregateEventsWithSessionIdentifier(identifier)) {
-    const std::string name = row["name"].asText().value_or("");
+    const std::string name = row[kKLVAggName].asText().value_or("");
     const auto [place, isNew] = places.try_emplace(name, records.size());
-    if (isNew) records.push_back({name, row["e_count"], {}});
-    const std::string key = row["attr_key"].asText().value_or("");
-    if (key.empty() || key == "__custom_info__" || key == "time") continue;
-    records[place->second].addAttribute(key, Array{row["attr_value"], row["e_count"]});
+    if (isNew) records.push_back({name, row[kKLVAggCount], {}});
+    const std::string key = row[kKLVAttrKey].asText().value_or("");
+    if (key.empty() || key == kKLVCustomInfo || key == kKLVTime) continue;
+    records[place->second].addAttribute(key, Array{row[kKLVAttrValue], row[kKLVAggCount]});
   }
   Array all;
   for (const AggregateRecord& record : records) all.append(record.form());

@@ -3,6 +3,7 @@
 #include "core/KLVController.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -10,8 +11,6 @@
 
 namespace kelvo {
 namespace {
-
-constexpr std::string_view kClientEventsHash = "klv_client_events_hash";
 
 /// Fills in the placeholders of `path`. `device` may be nullptr.
 std::string filledIn(std::string_view path, const std::string& appId, const std::shared_ptr<KLVDeviceInfo>& device) {
@@ -29,7 +28,7 @@ std::optional<Dictionary> dictionaryOf(const std::optional<Value>& value) {
 }
 
 std::optional<std::string> savedHash() {
-  return UserDefaults::standard().string(kClientEventsHash);
+  return UserDefaults::standard().string(kKLVClientEventsHashKey);
 }
 
 }  // namespace
@@ -79,7 +78,7 @@ void KLVController::fetchClientEvents(const std::string& hash) {
     if (handler == nullptr) return;
     handler->persistClientEvents(*events);
     // The hash is saved after the file, so that a kill between the two costs another download only.
-    handler->whenStored([hash] { UserDefaults::standard().set(kClientEventsHash, hash); });
+    handler->whenStored([hash] { UserDefaults::standard().set(kKLVClientEventsHashKey, hash); });
   });
 }
 

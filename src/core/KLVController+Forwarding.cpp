@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/KLVController.h"
+#include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -69,7 +70,7 @@ std::optional<Dictionary> KLVController::getLifetimeCountForEvents(const std::ve
 std::int64_t KLVController::getLifetimeCountForEventWithName(const std::string& name) {
   const auto handler = dataHandler();
   const auto row = handler ? handler->retrieveLifetimeEventWithName(name) : std::nullopt;
-  return row ? (*row)["count"].asInt64() : 0;
+  return row ? (*row)[kKLVLifetimeCount].asInt64() : 0;
 }
 
 void KLVController::registerForTimerNotificationWithInterval(double seconds, std::function<void()> closure) {

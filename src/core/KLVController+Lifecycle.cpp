@@ -8,6 +8,8 @@
 #include "platform/JSON.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
+#include "records/KLVRecordKeys.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVException.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
@@ -17,9 +19,6 @@
 namespace kelvo {
 namespace {
 
-constexpr std::string_view kSessionCount = "klv_session_count";
-constexpr std::string_view kRetentionDay = "klv_ret_day";
-constexpr std::string_view kRetentionDayCount = "klv_ret_day_count";
 constexpr std::int64_t kHoursPerDay = 24;
 
 /// Returns `forms` and the storage forms of `events` as one JSON array. Leaves out an event whose attributes cannot be
@@ -130,32 +129,32 @@ void KLVController::updateChunkEndTime() {
 }
 
 std::int64_t KLVController::getLifetimeSessionCount() {
-  return UserDefaults::standard().integer(kSessionCount);
+  return UserDefaults::standard().integer(kKLVSessionCountKey);
 }
 
 void KLVController::incrementLifetimeSessionCount() {
   const std::int64_t count = getLifetimeSessionCount();
   KLV_DEBUG("Increasing lifetime session count: {}", count);
-  UserDefaults::standard().set(kSessionCount, count + 1);
+  UserDefaults::standard().set(kKLVSessionCountKey, count + 1);
 }
 
 std::int64_t KLVController::getRetentionDay() {
-  return UserDefaults::standard().integer(kRetentionDayCount);
+  return UserDefaults::standard().integer(kKLVRetentionDayCountKey);
 }
 
 void KLVController::updateRetentionDayCount() {
   auto& defaults = UserDefaults::standard();
-  const auto text = defaults.string(kRetentionDay);
+  const auto text = defaults.string(kKLVRetentionDayKey);
   const auto first = KLVUtilities::dateFromKLVDateString(text);
   KLV_DEBUG("Retention date for evaluation: {}", first ? text : std::nullopt);
   const Date now = Clock::now();
   if (!first) {
-    defaults.set(kRetentionDay, KLVUtilities::dateKLVStringFromNSDate(now));
+    defaults.set(kKLVRetentionDayKey, KLVUtilities::dateKLVStringFromNSDate(now));
   } else if (const auto hours = std::chrono::duration_cast<std::chrono::hours>(now - *first).count();
              hours >= kHoursPerDay) {
     // Kept: every launch adds the whole days since the first evaluation again.
     const std::int64_t count = getRetentionDay() + hours / kHoursPerDay;
-    defaults.set(kRetentionDayCount, count);
+    defaults.set(kKLVRetentionDayCountKey, count);
     KLV_DEBUG("Increasing retention day count: {}", count);
   }
   defaults.synchronize();
@@ -164,10 +163,11 @@ void KLVController::updateRetentionDayCount() {
 void KLVController::sendUserInfo() {
   const auto form = [](const auto& record) { return record ? Value(record->jsonDictModified()) : Value(); };
   const auto currentUser = user();
-  const Dictionary body{{"sdk_version", std::to_string(static_cast<int>(kKLVSDKVersion))},
-                        {"app_info", form(appInfo())},
-                        {"device_info", form(deviceInfo())},
-                        {"user_attributes", currentUser ? currentUser->userAttributes() : Dictionary()}};
+  const Dictionary body{
+      {std::string(kKLVSDKVersionKey), std::to_string(static_cast<int>(kKLVSDKVersion))},
+      {std::string(kKLVBodyAppInfo), form(appInfo())},
+      {std::string(kKLVBodyDeviceInfo), form(deviceInfo())},
+      {std::string(kKLVBodyUserAttributes), currentUser ? currentUser->userAttributes() : Dictionary()}};
   KLV_DEBUG("Sending user info: {}", body);
   const auto completion = [](const auto&, const auto& response, const auto& error) {
     if (error) {

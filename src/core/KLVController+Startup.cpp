@@ -10,6 +10,7 @@
 #include "platform/JSON.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -19,7 +20,6 @@
 namespace kelvo {
 namespace {
 
-constexpr std::string_view kLegacyEnableKey = "klv_enable_sdk";
 constexpr std::string_view kConfigHashModule = "sdk_config";
 
 Array names(const std::vector<std::shared_ptr<KLVEvent>>& events) {
@@ -246,9 +246,9 @@ bool KLVController::getEnableSDKState() {
     KLV_WARN("Config doesn't exist at path: {}", path);
   }
   auto& defaults = UserDefaults::standard();
-  if (!defaults.contains(kLegacyEnableKey)) return true;
-  const bool enabled = defaults.boolean(kLegacyEnableKey);
-  defaults.remove(kLegacyEnableKey);  // Kept: the value is not copied into the file.
+  if (!defaults.contains(kKLVLegacyEnableSDKKey)) return true;
+  const bool enabled = defaults.boolean(kKLVLegacyEnableSDKKey);
+  defaults.remove(kKLVLegacyEnableSDKKey);  // Kept: the value is not copied into the file.
   return enabled;
 }
 

@@ -1,5 +1,6 @@
 #include "core/KLVEventSource.h"
 
+#include "records/KLVRecordKeys.h"
 #include "records/KLVUUID.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Counts.h"
@@ -18,10 +19,10 @@ void KLVClientEventSource::logEvent(const std::string& name, const std::optional
   const auto event = std::make_shared<KLVClientEvent>();
   event->setIdentifier(name);
   Dictionary attributes = info.value_or(Dictionary());
-  attributes.set("time", KLVTimer::sharedTimer().currentTime());
+  attributes.set(kKLVTime, KLVTimer::sharedTimer().currentTime());
   const std::int64_t count = delegate_.getLifetimeCountForEventWithName(name);
-  attributes.set("klv_lt_count", count);
-  attributes.set("klv_lt_count_slot", KLVUtilities::rangeForCount(count));
+  attributes.set(kKLVLifetimeCountAttribute, count);
+  attributes.set(kKLVLifetimeCountSlot, KLVUtilities::rangeForCount(count));
   event->setAdditionalInfo(attributes);
   event->setCustomInfo(attributes);
   delegate_.dispatchEvent(event);

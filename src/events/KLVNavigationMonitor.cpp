@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/MainQueue.h"
+#include "records/KLVRecordKeys.h"
 #include "util/KLVLogger.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVTimer.h"
@@ -14,8 +15,6 @@ namespace kelvo {
 namespace {
 
 // Attributes of a screen's event.
-constexpr std::string_view kTitle = "name";
-constexpr std::string_view kDuration = "duration";
 
 std::optional<Screen> screenOf(const std::any& userInfo) {
   const auto* screen = std::any_cast<Screen>(&userInfo);
@@ -176,7 +175,7 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
   const auto event = std::make_shared<KLVNavigationEvent>(name);
   readTitle(screen, [this, event, whenCurrent = std::move(whenCurrent)](const std::optional<std::string>& title) {
     navEventDispatchSerialQueue_.assertCurrent();
-    if (title) event->setInfo(*sanitised(title), kTitle);
+    if (title) event->setInfo(*sanitised(title), kKLVName);
     currentNavEvent_ = event;
     whenCurrent();
   });
@@ -211,14 +210,14 @@ void KLVNavigationMonitor::onForeground() {
   previousNavEvent_ = currentNavEvent_;
   if (currentNavEvent_ == nullptr) return;
   const auto again = std::make_shared<KLVNavigationEvent>(currentNavEvent_->identifier());
-  const Value title = currentNavEvent_->additionalInfo()[kTitle];
-  if (!title.isNull()) again->setInfo(title, kTitle);
+  const Value title = currentNavEvent_->additionalInfo()[kKLVName];
+  if (!title.isNull()) again->setInfo(title, kKLVName);
   currentNavEvent_ = again;
 }
 
 void KLVNavigationMonitor::dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime) {
   if (event == nullptr) return;
-  event->setInfo(endTime - event->createdTime(), kDuration);
+  event->setInfo(endTime - event->createdTime(), kKLVDuration);
   delegate_.dispatchEvent(event);
 }
 

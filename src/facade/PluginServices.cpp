@@ -5,6 +5,7 @@
 #include "facade/Guard.h"
 #include "kelvo/Plugin.h"
 #include "platform/MainQueue.h"
+#include "records/KLVRecordKeys.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVUtilities+Cleaning.h"
 #include "util/KLVUtilities+Views.h"
@@ -24,7 +25,7 @@ void whileEnabled(Call&& call) noexcept {
 
 Event asEvent(const KLVEvent& event) {
   Dictionary attributes = event.additionalInfo();
-  attributes.remove("__custom_info__");
+  attributes.remove(kKLVCustomInfo);
   attributes = KLVUtilities::addTwoDictionaries(attributes, event.customInfo());
   return {event.identifier(), event.eventType(), std::move(attributes), event.createdTime()};
 }

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

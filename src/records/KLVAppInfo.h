@@ -6,8 +6,8 @@
 
 namespace kelvo {
 
-/// The host application: name, version, bundle id, release mode, installation time, all read from its bundle when
-/// the record is made. The identifier given to the constructor is replaced by the application's name.
+/// The host: name, version, bundle id, release mode and installation time. The constructor reads them from the bundle
+/// and uses the host's name as the identifier; it ignores its argument.
 class KLVAppInfo final : public KLVInfo {
  public:
   explicit KLVAppInfo(std::string identifier);

@@ -2,20 +2,20 @@
 
 #include "platform/Device.h"
 #include "platform/UserDefaults.h"
+#include "records/KLVRecordKeys.h"
+#include "util/KLVDefaultsKeys.h"
 #include "records/KLVUUID.h"
 #include "util/KLVUtilities+Device.h"
 
 namespace kelvo {
 namespace {
 
-constexpr std::string_view kKLVDeviceId = "klv_device_id";
-
-/// The id of this installation. A stored one is never checked or replaced.
+/// Returns the id of this installation. Makes and saves one if there is none; never checks or replaces a saved one.
 std::string deviceId() {
   UserDefaults& defaults = UserDefaults::standard();
-  if (const auto stored = defaults.string(kKLVDeviceId)) return *stored;
+  if (const auto stored = defaults.string(kKLVDeviceIdKey)) return *stored;
   const std::string made = KLVDeviceInfo::getIDFA().value_or(randomUUIDString());
-  defaults.set(kKLVDeviceId, made);
+  defaults.set(kKLVDeviceIdKey, made);
   defaults.synchronize();
   return made;
 }
@@ -24,19 +24,19 @@ std::string deviceId() {
 
 KLVDeviceInfo::KLVDeviceInfo(std::string identifier) : KLVInfo(std::move(identifier)) {
   setIdentifier(deviceId());
-  setInfo(KLVUtilities::deviceName(), "hardware_model");
-  setInfo(Device::systemVersion(), "os_version");
-  setInfo("ios", "platform");
+  setInfo(KLVUtilities::deviceName(), kKLVHardwareModel);
+  setInfo(Device::systemVersion(), kKLVOSVersion);
+  setInfo("ios", kKLVPlatform);  // Kept: "ios", also on Linux.
   const ScreenSize screen = Device::screenSize();
-  setInfo(Dictionary{{"width", screen.width}, {"height", screen.height}}, "dimensions");
+  setInfo(Dictionary{{"width", screen.width}, {"height", screen.height}}, kKLVDimensions);
 }
 
 std::string KLVDeviceInfo::getHardwareModel() const {
-  return description(additionalInfo()["hardware_model"]);
+  return description(additionalInfo()[kKLVHardwareModel]);
 }
 
 void KLVDeviceInfo::logDeviceToken(const std::string& token) {
-  setInfo(token, "device_registration_token");
+  setInfo(token, kKLVDeviceToken);
 }
 
 std::optional<std::string> KLVDeviceInfo::getIDFA() {

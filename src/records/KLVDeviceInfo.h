@@ -7,10 +7,10 @@
 
 namespace kelvo {
 
-/// The device. Its identifier is made once and kept in the user defaults for good.
+/// The device. Its identifier is made at the first launch and then kept permanently in the user defaults.
 class KLVDeviceInfo final : public KLVInfo {
  public:
-  /// The identifier given is replaced by the device id.
+  /// Uses the device id as the identifier and ignores its argument. May write the user defaults.
   explicit KLVDeviceInfo(std::string identifier);
   [[nodiscard]] std::string_view className() const override { return "KLVDeviceInfo"; }
 

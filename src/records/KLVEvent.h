@@ -11,15 +11,15 @@
 
 namespace kelvo {
 
-/// Something that happened: a record with a type and a creation time in whole seconds since the SDK started.
+/// A recorded occurrence: a record with a type and a creation time in whole seconds since the SDK started.
 ///
-/// Made by its producer, handed to the bus, and not changed once delivered, its type apart, which the bus may
-/// change while it classifies.
+/// Its producer makes it and hands it to the bus. The bus may change the type while it classifies the event. Nothing
+/// changes an event after its delivery.
 class KLVEvent : public KLVInfo {
  public:
-  /// The identifier is the type's name until a subclass sets its own; the time is now.
+  /// An event created now. Its identifier is the type's name until a subclass sets another.
   explicit KLVEvent(KLVEventType type);
-  /// For events rebuilt from storage, which take type and time from there.
+  /// For events rebuilt from storage: `restore` sets their type and time.
   explicit KLVEvent(std::string identifier) : KLVInfo(std::move(identifier)) {}
 
   [[nodiscard]] std::string_view className() const override { return "KLVEvent"; }
@@ -29,7 +29,7 @@ class KLVEvent : public KLVInfo {
   [[nodiscard]] std::int64_t createdTime() const noexcept { return time_.load(); }
   void setCreatedTime(std::int64_t time) noexcept { time_.store(time); }
 
-  /// The record's form plus "time" and "type" (its name).
+  /// Returns the record's form plus "time" and "type" (the type's name).
   [[nodiscard]] Dictionary jsonDict() const override;
   [[nodiscard]] Dictionary jsonDictModifiedforInstanceWithName(std::string_view name) const override;
 
@@ -41,11 +41,11 @@ class KLVEvent : public KLVInfo {
   std::atomic<std::int64_t> time_{0};
 };
 
-/// Whoever wants events from the bus.
+/// Receives events from the bus.
 class KLVEventListener {
  public:
   virtual ~KLVEventListener() = default;
-  /// Called on the bus's serial queue: must not block it.
+  /// Called on the bus's serial queue. Must not block.
   virtual void onEvent(const std::shared_ptr<KLVEvent>& event) = 0;
 };
 

@@ -6,9 +6,10 @@
 
 namespace kelvo {
 
-/// Case-sensitive; any other text logs a warning and gives `unknown`.
+/// Returns the type whose name is `name` (case-sensitive). Any other text logs a warning and returns `unknown`.
 KLVEventType typeFromString(std::string_view name);
 
+// Names of events that the library itself produces.
 inline constexpr std::string_view kKLVAppOpened = "klv_app_opened";
 inline constexpr std::string_view kKLVForeground = "FOREGROUND";
 inline constexpr std::string_view kKLVBackground = "BACKGROUND";

@@ -1,5 +1,6 @@
 #include "records/KLVEvents.h"
 
+#include "records/KLVRecordKeys.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
 #include "util/KLVUtilities+Counts.h"
@@ -8,7 +9,6 @@ namespace kelvo {
 namespace {
 constexpr const char* kUndefined = "undefined";
 constexpr const char* kUndefinedScreen = "undefined-screen";
-constexpr std::string_view kName = "name";
 }  // namespace
 
 KLVAppEvent::KLVAppEvent(KLVEventType type, std::string name, const std::optional<Dictionary>& attributes,
@@ -20,10 +20,10 @@ KLVAppEvent::KLVAppEvent(KLVEventType type, std::string name, const std::optiona
   const std::string slot = KLVUtilities::rangeForCount(count);
   Dictionary info = *attributes;
   Dictionary custom = KLVUtilities::dictionaryByRemovingNulls(*attributes);
-  info.set("time", KLVTimer::sharedTimer().currentTime());
+  info.set(kKLVTime, KLVTimer::sharedTimer().currentTime());
   for (Dictionary* counted : {&info, &custom}) {
-    counted->set("klv_lt_count", count);
-    counted->set("klv_lt_count_slot", slot);
+    counted->set(kKLVLifetimeCountAttribute, count);
+    counted->set(kKLVLifetimeCountSlot, slot);
   }
   setAdditionalInfo(std::move(info));
   setCustomInfo(std::move(custom));
@@ -48,15 +48,15 @@ KLVSystemEvent::SubType KLVSystemEvent::systemTypeFromString(std::string_view na
 KLVNavigationEvent::KLVNavigationEvent(const std::optional<std::string>& viewControllerId)
     : KLVEvent(KLVEventType::navigation) {
   setIdentifier(viewControllerId.value_or(kUndefined));
-  setInfo(0, "duration");
-  setInfo(identifier(), kName);
+  setInfo(0, kKLVDuration);
+  setInfo(identifier(), kKLVName);
 }
 
 KLVNavigationEvent::KLVNavigationEvent(const std::optional<std::string>& navigationId,
                                        const std::optional<std::string>& name)
     : KLVEvent(KLVEventType::navigation) {
   setIdentifier(navigationId.value_or(kUndefined));
-  setInfo(name.value_or(kUndefinedScreen), kName);
+  setInfo(name.value_or(kUndefinedScreen), kKLVName);
 }
 
 KLVCENavEvent::KLVCENavEvent(const std::optional<std::string>& viewControllerId)
@@ -67,7 +67,7 @@ KLVCENavEvent::KLVCENavEvent(const std::optional<std::string>& viewControllerId)
 KLVCENavEvent::KLVCENavEvent(const std::optional<std::string>& navigationId, const std::optional<std::string>& name)
     : KLVEvent(KLVEventType::ceNavigation) {
   setIdentifier(navigationId.value_or(kUndefined));
-  setInfo(name.value_or(kUndefinedScreen), kName);
+  setInfo(name.value_or(kUndefinedScreen), kKLVName);
 }
 
 }  // namespace kelvo

@@ -8,10 +8,10 @@
 
 namespace kelvo {
 
-/// What an event that carries its lifetime count asks of the controller.
+/// The controller method that an event calls to carry its lifetime count. Thread: any.
 class KLVLifetimeCounts {
  public:
-  /// How often an event of this name was stored since installation.
+  /// Returns how often an event of this name was stored since the installation.
   virtual std::int64_t getLifetimeCountForEventWithName(const std::string& name) = 0;
 
  protected:
@@ -21,8 +21,8 @@ class KLVLifetimeCounts {
 /// An event that the host logged.
 class KLVAppEvent final : public KLVEvent {
  public:
-  /// Without `attributes` the event carries neither the attribute "time" nor lifetime counters. The attributes stand
-  /// at the top level and, without nulls, as custom info.
+  /// Stores `attributes` twice: as attributes, and without nulls as custom attributes. Adds the lifetime counters to
+  /// both, and the attribute "time" to the first. Without `attributes` the event has none of these.
   KLVAppEvent(KLVEventType type, std::string name, const std::optional<Dictionary>& attributes,
               KLVLifetimeCounts& counts);
   [[nodiscard]] std::string_view className() const override { return "KLVAppEvent"; }
@@ -32,7 +32,7 @@ class KLVAppEvent final : public KLVEvent {
   void setEventAttributes(Dictionary attributes) { setCustomInfo(std::move(attributes)); }
 };
 
-/// The application came to the foreground or goes to the background.
+/// The application comes to the foreground or goes to the background.
 class KLVSystemEvent final : public KLVEvent {
  public:
   enum class SubType : std::uint64_t { foreground = 0, background = 1 };
@@ -40,13 +40,13 @@ class KLVSystemEvent final : public KLVEvent {
   KLVSystemEvent(KLVEventType type, SubType subType);
   [[nodiscard]] std::string_view className() const override { return "KLVSystemEvent"; }
 
-  /// "FOREGROUND", "BACKGROUND", or "undefined".
+  /// Returns "FOREGROUND" or "BACKGROUND", and "undefined" for any other number.
   static std::string_view stringFromSystemType(SubType subType);
-  /// Kept: every text but "FOREGROUND" is a background.
+  /// Kept: returns `background` for every text but "FOREGROUND".
   static SubType systemTypeFromString(std::string_view name);
 };
 
-/// A screen that was shown, with the time spent on it once it is left.
+/// A screen that was shown. It carries the seconds that the user spent on it, once they leave it.
 class KLVNavigationEvent final : public KLVEvent {
  public:
   explicit KLVNavigationEvent(const std::optional<std::string>& viewControllerId);
@@ -54,7 +54,7 @@ class KLVNavigationEvent final : public KLVEvent {
   [[nodiscard]] std::string_view className() const override { return "KLVNavigationEvent"; }
 };
 
-/// A screen that is about to appear; a signal on the bus only.
+/// A screen that is about to appear. It travels on the bus and is never stored.
 class KLVCENavEvent final : public KLVEvent {
  public:
   explicit KLVCENavEvent(const std::optional<std::string>& viewControllerId);
@@ -70,14 +70,14 @@ class KLVObservationEvent final : public KLVEvent {
   [[nodiscard]] std::string_view className() const override { return "KLVObservationEvent"; }
 };
 
-/// An event that is counted for life but not stored.
+/// An event for plug-ins on this device. Only its lifetime count is stored.
 class KLVClientEvent final : public KLVEvent {
  public:
   KLVClientEvent() : KLVEvent(KLVEventType::client) {}
   [[nodiscard]] std::string_view className() const override { return "KLVClientEvent"; }
 };
 
-/// An event that is only counted, per session and attribute value.
+/// An event that the library only counts, per session and attribute value.
 class KLVAggregateEvent final : public KLVEvent {
  public:
   KLVAggregateEvent() : KLVEvent(KLVEventType::aggregate) {}

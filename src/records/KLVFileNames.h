@@ -4,11 +4,8 @@
 
 namespace kelvo {
 
-// Files in the Library directory. Names on disk are part of the interface and never change.
-inline constexpr std::string_view kKLVAppInfo = "app_info";
+// Files in the Library directory. They are on disk, so the names never change.
 inline constexpr std::string_view kKLVDeviceInfo = "device_info";
-inline constexpr std::string_view kKLVSDKInfo = "sdk_info";
-inline constexpr std::string_view kKLVSessionInfo = "session_info";
 inline constexpr std::string_view kKLVUserDB = "com.kelvo.db.user";
 inline constexpr std::string_view kKLVEventsBuffer = "com.kelvo.db.eventsbuffer";
 inline constexpr std::string_view kKLVSDKFrequencyConfig = "com.kelvo.frequency.config.json";
@@ -19,5 +16,10 @@ inline constexpr std::string_view kKLVSDKRTAConfigLocation = "com.kelvo.SDK.v2.r
 inline constexpr std::string_view kKLVSDKSurveyConfigLocation = "com.kelvo.SDK.v2.survey.config.json";
 inline constexpr std::string_view kKLVSdkConfigLocation = "com.kelvo.SDK.config.json";
 inline constexpr std::string_view kKLVSDKEnableStatusConfig = "com.kelvo.SDK.enable.status.json";
+
+// Files in a session's directory, Library/<session id>.
+inline constexpr std::string_view kKLVAppInfo = "app_info";
+inline constexpr std::string_view kKLVSDKInfo = "sdk_info";
+inline constexpr std::string_view kKLVSessionInfo = "session_info";
 
 }  // namespace kelvo

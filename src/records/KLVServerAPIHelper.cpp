@@ -1,80 +1,65 @@
 #include "records/KLVServerAPIHelper.h"
 
-#include "records/KLVInfo.h"
+#include <span>
+
+#include "records/KLVRecordKeys.h"
 
 namespace kelvo {
 namespace {
 
 struct Name {
+  constexpr Name(std::string_view both) : stored(both), uploaded(both) {}
+  constexpr Name(std::string_view itsStored, std::string_view itsUploaded) : stored(itsStored), uploaded(itsUploaded) {}
+
   std::string_view stored;
   std::string_view uploaded;
 };
 
-constexpr Name kAppInfo[] = {{"id", "app_name"},
-                             {"app_version", "app_version"},
-                             {"bundle_id", "bundle_id"},
-                             {"installation_time", "installation_time"},
-                             {"sdk_first_run_time_web", "sdk_first_run_time_web"},
-                             {"app_mode", "app_mode"}};
+// The library itself never sets the attributes whose storage names are literals here.
+constexpr Name kAppInfo[] = {{kKLVId, "app_name"},       kKLVAppVersion, kKLVBundleId, kKLVInstallationTime,
+                             {"sdk_first_run_time_web"}, kKLVAppMode};
 
-constexpr Name kDeviceInfo[] = {{"id", "id"},
-                                {"hardware_model", "hardware_model"},
-                                {"dimensions", "dimensions"},
-                                {"os_version", "os_version"},
-                                {"device_registration_token", "device_registration_token"},
-                                {"platform", "platform"},
-                                {"dpi", "dpi"},
-                                {"dimensions_in_pixels", "dimensions_in_pixels"}};
+constexpr Name kDeviceInfo[] = {kKLVId,          kKLVHardwareModel, kKLVDimensions, kKLVOSVersion,
+                                kKLVDeviceToken, kKLVPlatform,      {"dpi"},        {"dimensions_in_pixels"}};
 
 // Kept: no "id", so this record's identifier is never uploaded.
-constexpr Name kSDKInfo[] = {{"sdk_version", "sdk_version"},
-                             {"config_id", "config_id"},
-                             {"tick_interval", "tick_interval"},
-                             {"chunk_retry_window", "chunk_retry_window"},
-                             {"sdk_start_time", "sdk_start_time"}};
+constexpr Name kSDKInfo[] = {kKLVSDKVersionKey, kKLVConfigId, kKLVTickInterval, kKLVChunkRetryWindow, kKLVSDKStartTime};
 
-constexpr Name kSession[] = {{"id", "id"},
-                             {"launch_time", "launch_time"},
-                             {"launch_time_web", "launch_time_web"},
-                             {"launch_time_string", "launch_time_string"},
-                             {"startup_time", "startup_time"},
-                             {"is_background", "is_background"},
-                             {"is_first_session", "is_first_session"},
-                             {"process_name", "process_name"},
-                             {"is_fatal", "is_fatal"},
-                             {"launch_type", "launch_type"},
-                             {"duration", "duration"},
-                             {"total_duration", "total_duration"},
-                             {"__custom_info__", "additional_info"}};
+constexpr Name kSession[] = {kKLVId,
+                             kKLVLaunchTime,
+                             {"launch_time_web"},
+                             kKLVLaunchTimeString,
+                             kKLVStartupTime,
+                             kKLVIsBackground,
+                             kKLVIsFirstSession,
+                             kKLVProcessName,
+                             kKLVIsFatal,
+                             kKLVLaunchType,
+                             kKLVDuration,
+                             {"total_duration"},
+                             {kKLVCustomInfo, "additional_info"}};
 
-constexpr Name kUser[] = {{"id", "id"}, {"__custom_info__", "additional_info"}};
+constexpr Name kUser[] = {kKLVId, {kKLVCustomInfo, "additional_info"}};
 
-constexpr Name kSystemEvent[] = {{"id", "name"}, {"time", "time"}};
+constexpr Name kSystemEvent[] = {{kKLVId, "name"}, kKLVTime};
 
-constexpr Name kAppEvent[] = {
-    {"id", "name"}, {"time", "time"}, {"category", "category"}, {"__custom_info__", "additional_info"}};
+constexpr Name kAppEvent[] = {{kKLVId, "name"}, kKLVTime, {"category"}, {kKLVCustomInfo, "additional_info"}};
 
-constexpr Name kNavigationEvent[] = {
-    {"id", "navigation_id"}, {"name", "name"}, {"duration", "duration"}, {"time", "transition_time"}};
+constexpr Name kNavigationEvent[] = {{kKLVId, "navigation_id"}, kKLVName, kKLVDuration, {kKLVTime, "transition_time"}};
 
-constexpr Name kObservationEvent[] = {{"id", "incident_id"},
-                                      {"type", "incident_type"},
-                                      {"time", "time_of_occurrence"},
-                                      {"__custom_info__", "incident_specific_details"},
-                                      {"navigation_id", "navigation_id"},
-                                      {"associated_event", "associated_event"},
-                                      {"health_snapshot", "health_snapshot"}};
+constexpr Name kObservationEvent[] = {{kKLVId, "incident_id"},
+                                      {kKLVType, "incident_type"},
+                                      {kKLVTime, "time_of_occurrence"},
+                                      {kKLVCustomInfo, "incident_specific_details"},
+                                      {"navigation_id"},
+                                      {"associated_event"},
+                                      {"health_snapshot"}};
 
-constexpr Name kChunk[] = {{"id", "id"}, {"number", "number"}, {"reporting_times", "reporting_times"}};
+constexpr Name kChunk[] = {kKLVId, kKLVChunkNumber, kKLVChunkReportingTimes};
 
 struct Map {
-  template <std::size_t kCount>
-  constexpr Map(std::string_view itsClass, const Name (&itsNames)[kCount])
-      : className(itsClass), first(itsNames), last(itsNames + kCount) {}
-
   std::string_view className;
-  const Name* first;
-  const Name* last;
+  std::span<const Name> names;
 };
 
 constexpr Map kMasterMap[] = {{"KLVAppInfo", kAppInfo},
@@ -93,16 +78,12 @@ constexpr Map kMasterMap[] = {{"KLVAppInfo", kAppInfo},
 std::optional<std::string_view> KLVServerAPIHelper::convertInClass(std::string_view key, std::string_view className) {
   for (const Map& map : kMasterMap) {
     if (map.className != className) continue;
-    for (const Name* name = map.first; name != map.last; ++name) {
-      if (name->stored == key) return name->uploaded;
+    for (const Name& name : map.names) {
+      if (name.stored == key) return name.uploaded;
     }
     return std::nullopt;
   }
   return key;
-}
-
-std::optional<std::string_view> KLVServerAPIHelper::convertInInstance(std::string_view key, const KLVInfo& record) {
-  return convertInClass(key, record.className());
 }
 
 }  // namespace kelvo

@@ -1,20 +1,16 @@
 #pragma once
 
 #include <optional>
-#include <string>
 #include <string_view>
 
 namespace kelvo {
 
-class KLVInfo;
-
-/// Translates storage names of attributes to the names that the service knows.
+/// Translates the storage names of attributes to the upload names that the service knows. Thread-safe.
 class KLVServerAPIHelper {
  public:
-  /// The upload name of `key` for a record of the class called `className`: `key` itself when that class has no map,
-  /// nullopt (leave the attribute out) when its map does not list the key. Only the exact class name counts.
+  /// Returns the upload name of `key` for a record of class `className`. Returns `key` if the class has no key map, and
+  /// nullopt (leave the attribute out) if its map lacks the key. A subclass does not inherit the map of its base.
   static std::optional<std::string_view> convertInClass(std::string_view key, std::string_view className);
-  static std::optional<std::string_view> convertInInstance(std::string_view key, const KLVInfo& record);
 };
 
 }  // namespace kelvo

@@ -4,6 +4,7 @@
 
 #include "platform/Clock.h"
 #include "records/KLVEvents.h"
+#include "records/KLVRecordKeys.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Dates.h"
 #include "util/KLVUtilities+Device.h"
@@ -12,9 +13,6 @@ namespace kelvo {
 namespace {
 
 constexpr std::chrono::seconds kLongestAbsence(1800);
-constexpr std::string_view kLaunchTime = "launch_time";
-constexpr std::string_view kDuration = "duration";
-constexpr std::string_view kIsFatal = "is_fatal";
 
 double secondsBetween(Date start, Date end) {
   return std::chrono::duration<double>(end - start).count();
@@ -26,17 +24,21 @@ std::shared_ptr<KLVSession> KLVSession::initWithLaunchType(const std::string& la
                                                            KLVSessionDelegate& delegate) {
   const std::int64_t launchTime = KLVTimer::sharedTimer().currentTimeInMillis();
   auto session = std::make_shared<KLVSession>(std::to_string(launchTime) + "-" + deviceId);
-  // Kept: also for a session that is started later, after a long absence.
-  session->startTime_ = KLVTimer::sharedTimer().SDKStartTime();
-  session->setInfo(launchTime, kLaunchTime);
-  session->setInfo(KLVUtilities::dateKLVStringFromNSDate(session->startTime_), "launch_time_string");
-  session->setInfo(KLVUtilities::isFirstSession(), "is_first_session");
-  session->setInfo(launchType, "launch_type");
-  session->setInfo(0, kDuration);
-  session->setInfo(false, kIsFatal);
-  session->setInfo("Undefined", "process_name");
-  session->setInfo(false, "is_background");
-  session->setInfo(0, "startup_time");
+  // Kept: the time of the SDK start, also for a session that starts later, after a long absence.
+  const Date startTime = KLVTimer::sharedTimer().SDKStartTime();
+  {
+    const Lock lock(session->timesMutex_);
+    session->startTime_ = startTime;
+  }
+  session->setInfo(launchTime, kKLVLaunchTime);
+  session->setInfo(KLVUtilities::dateKLVStringFromNSDate(startTime), kKLVLaunchTimeString);
+  session->setInfo(KLVUtilities::isFirstSession(), kKLVIsFirstSession);
+  session->setInfo(launchType, kKLVLaunchType);
+  session->setInfo(0, kKLVDuration);
+  session->setInfo(false, kKLVIsFatal);
+  session->setInfo("Undefined", kKLVProcessName);
+  session->setInfo(false, kKLVIsBackground);
+  session->setInfo(0, kKLVStartupTime);
 
   session->delegate_ = &delegate;
   delegate.registerForEventWithType(KLVEventType::system, session);
@@ -60,7 +62,7 @@ void KLVSession::onForeground() {
   const Date now = Clock::now();
   std::optional<Date> left;
   {
-    const std::lock_guard lock(timesMutex_);
+    const Lock lock(timesMutex_);
     startTime_ = now;
     left = endTime_;
   }
@@ -74,28 +76,31 @@ void KLVSession::onChunkEnded() {
 }
 
 void KLVSession::updateDuration(Date end) {
-  const Date launch{std::chrono::seconds(additionalInfo()[kLaunchTime].asInt64() / 1000)};
-  const std::lock_guard lock(timesMutex_);
+  using namespace std::chrono;
+  const milliseconds sinceEpoch(additionalInfo()[kKLVLaunchTime].asInt64());
+  const Date launch(duration_cast<seconds>(sinceEpoch));  // Kept: whole seconds.
+  const Lock lock(timesMutex_);
   addToDuration(secondsBetween(launch, end));
 }
 
 void KLVSession::updateEndTime() {
-  const std::lock_guard lock(timesMutex_);
+  const Lock lock(timesMutex_);
   endTime_ = Clock::now();
   addToDuration(secondsBetween(startTime_, *endTime_));
 }
 
-/// Under `timesMutex_`, so that no part of the sum is lost.
+/// The mutex makes reading and writing the sum one step.
 void KLVSession::addToDuration(double seconds) {
-  setInfo(additionalInfo()[kDuration].asDouble() + seconds, kDuration);
+  setInfo(additionalInfo()[kKLVDuration].asDouble() + seconds, kKLVDuration);
 }
 
 void KLVSession::markSessionAsFatal() {
-  setInfo(true, kIsFatal);
+  setInfo(true, kKLVIsFatal);
 }
 
 void KLVSession::stopSession() {
-  // The bus keeps listeners that are registered by type only; without a delegate their events do nothing here.
+  // Kept: the bus does not remove a listener that is registered by type only. Without a delegate, `onEvent` does
+  // nothing.
   KLVSessionDelegate* delegate = delegate_.exchange(nullptr);
   if (delegate == nullptr) return;
   const auto self = shared_from_this();

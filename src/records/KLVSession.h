@@ -2,15 +2,15 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "platform/ThreadSafety.h"
 #include "records/KLVEvent.h"
 
 namespace kelvo {
 
-/// What a session asks of the controller; every call may come on the bus's queue.
+/// The controller methods that a session calls. Thread: any of them may be called on the bus's queue.
 class KLVSessionDelegate {
  public:
   virtual void registerForEventWithType(KLVEventType type, const std::shared_ptr<KLVEventListener>& listener) = 0;
@@ -24,23 +24,24 @@ class KLVSessionDelegate {
   ~KLVSessionDelegate() = default;  // never deleted through this type
 };
 
-/// One session of the application: when and how it was launched, how long it was in the foreground, whether it
-/// crashed, and the host's session attributes.
+/// One session: when and how the host was launched, how long it was in the foreground, whether it crashed, and the
+/// host's session attributes.
 ///
-/// From its start until `stopSession` it listens on the bus: a return to the foreground more than 1,800 seconds
-/// after it went to the background has a new session started; after every chunk it has itself saved.
+/// A session is live from `initWithLaunchType` until `stopSession`: it listens on the bus. If the host returns to the
+/// foreground more than 1,800 seconds after it went to the background, the session asks the controller for a new
+/// session. At each cut it asks the controller to save it. A session rebuilt from storage is never live. Thread-safe.
 class KLVSession final : public KLVInfo, public KLVEventListener, public std::enable_shared_from_this<KLVSession> {
  public:
-  /// Makes the session of this launch, registers it on the bus and announces it with a session event.
-  /// Its identifier is "<launch time in milliseconds>-<device id>".
+  /// Makes a live session that starts now, registers it on the bus and dispatches a session event. The identifier is
+  /// "<launch time in milliseconds since 1970>-<device id>". The delegate must outlive the session.
   static std::shared_ptr<KLVSession> initWithLaunchType(const std::string& launchType, const std::string& deviceId,
                                                         KLVSessionDelegate& delegate);
-  /// For sessions rebuilt from storage, which listen to nothing.
+  /// For sessions rebuilt from storage.
   explicit KLVSession(std::string identifier) : KLVInfo(std::move(identifier)) {}
 
   [[nodiscard]] std::string_view className() const override { return "KLVSession"; }
 
-  /// The null value is ignored.
+  /// Ignores the null value.
   void setSessionAttribute(Value value, std::string_view key);
   [[nodiscard]] Dictionary sessionAttributes() const { return customInfo(); }
 
@@ -48,20 +49,21 @@ class KLVSession final : public KLVInfo, public KLVEventListener, public std::en
 
   /// Adds the seconds from the launch to `end` to the duration.
   void updateDuration(Date end);
-  /// The application goes to the background now: adds the seconds of this foreground stretch to the duration.
+  /// Called when the host goes to the background: adds the seconds of this stretch in the foreground to the duration.
   void updateEndTime();
   void markSessionAsFatal();
+  /// Ends the live state: from now on the session ignores events.
   void stopSession();
 
  private:
   void onForeground();
   void onChunkEnded();
-  void addToDuration(double seconds);
+  void addToDuration(double seconds) REQUIRES(timesMutex_);
 
-  std::atomic<KLVSessionDelegate*> delegate_{nullptr};  // none once stopped
-  std::mutex timesMutex_;
-  Date startTime_;
-  std::optional<Date> endTime_;
+  std::atomic<KLVSessionDelegate*> delegate_{nullptr};  // set while the session is live
+  Mutex timesMutex_;
+  Date startTime_ GUARDED_BY(timesMutex_);               // of the latest stretch in the foreground
+  std::optional<Date> endTime_ GUARDED_BY(timesMutex_);  // nullopt before the first one ends
 };
 
 }  // namespace kelvo

@@ -4,7 +4,7 @@
 
 namespace kelvo {
 
-/// A fresh random UUID, upper-case.
+/// Returns a new random UUID in upper case.
 std::string randomUUIDString();
 
 }  // namespace kelvo

@@ -7,7 +7,7 @@
 
 namespace kelvo {
 
-/// What a user record asks of the controller.
+/// The controller method that a user record calls. Thread: any.
 class KLVUserDelegate {
  public:
   virtual void saveUserInfo() = 0;
@@ -16,16 +16,16 @@ class KLVUserDelegate {
   ~KLVUserDelegate() = default;  // never deleted through this type
 };
 
-/// The host's user: custom attributes only.
+/// The host's user: an identifier and custom attributes. Thread-safe.
 class KLVUser final : public KLVInfo {
  public:
   using KLVInfo::KLVInfo;
   [[nodiscard]] std::string_view className() const override { return "KLVUser"; }
 
-  /// A user rebuilt from storage has no delegate until its adopter sets one.
+  /// A user rebuilt from storage has no delegate until its adopter sets one. The delegate must outlive the user.
   void setDelegate(KLVUserDelegate* delegate) noexcept { delegate_.store(delegate); }
 
-  /// Sets a custom attribute and has the user saved; the null value is ignored.
+  /// Sets a custom attribute and asks the delegate to save the user. Ignores the null value.
   void setUserAttribute(Value value, std::string_view key);
   [[nodiscard]] Dictionary userAttributes() const { return customInfo(); }
 

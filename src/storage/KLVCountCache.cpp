@@ -2,33 +2,31 @@
 
 namespace kelvo {
 namespace {
-/// An application uses some dozens of names; one that makes up names must not fill the memory.
-constexpr std::size_t kMostNames = 512;
+/// An application uses a few dozen names. The limit bounds the memory if one makes up names.
+constexpr std::size_t kMaxNames = 512;
 }  // namespace
 
 std::optional<std::int64_t> KLVCountCache::find(const std::string& name, std::uint64_t generation) {
-  const std::lock_guard lock(mutex_);
-  enter(generation);
-  const auto place = generation == generation_ ? counts_.find(name) : counts_.end();
+  const Lock lock(mutex_);
+  if (!enter(generation)) return std::nullopt;
+  const auto place = counts_.find(name);
   return place == counts_.end() ? std::nullopt : std::optional(place->second);
 }
 
 void KLVCountCache::found(const std::string& name, std::int64_t count, std::uint64_t generation) {
-  const std::lock_guard lock(mutex_);
-  enter(generation);
-  if (generation == generation_) counts_.try_emplace(name, count);
+  const Lock lock(mutex_);
+  if (enter(generation)) counts_.try_emplace(name, count);
 }
 
 void KLVCountCache::written(const std::string& name, std::int64_t count, std::uint64_t generation) {
-  const std::lock_guard lock(mutex_);
-  enter(generation);
-  if (generation == generation_) counts_[name] = count;
+  const Lock lock(mutex_);
+  if (enter(generation)) counts_[name] = count;
 }
 
-/// Under the mutex. Forgets everything when the database has been rolled back since.
-void KLVCountCache::enter(std::uint64_t generation) {
-  if (generation > generation_ || counts_.size() >= kMostNames) counts_.clear();
+bool KLVCountCache::enter(std::uint64_t generation) {
+  if (generation > generation_ || counts_.size() >= kMaxNames) counts_.clear();
   if (generation > generation_) generation_ = generation;
+  return generation == generation_;
 }
 
 }  // namespace kelvo

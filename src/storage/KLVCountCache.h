@@ -2,30 +2,32 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "platform/ThreadSafety.h"
+
 namespace kelvo {
 
-/// Counts by name that the database was seen to hold, so that those of names in frequent use need no query.
+/// Remembers counts of the database by name, so that a frequent name needs no query. Thread-safe.
 ///
-/// Every entry belongs to a generation of the database, the number of its rollbacks: what a rolled back group wrote is
-/// not known any more. Safe to use from any thread.
+/// Callers pass the number of rollbacks so far, the generation. A new generation empties the cache, because a rollback
+/// undoes counts that the cache holds. A call with an old generation finds and caches nothing.
 class KLVCountCache {
  public:
   [[nodiscard]] std::optional<std::int64_t> find(const std::string& name, std::uint64_t generation);
-  /// What a query found that was begun in `generation`. Gives way to what was written meanwhile.
+  /// Caches a query's result unless a later write has superseded it. `generation` is the one when the query began.
   void found(const std::string& name, std::int64_t count, std::uint64_t generation);
-  /// What a statement has just made of it; writers take turns.
+  /// Caches the count that a statement has just written. Writers must take turns.
   void written(const std::string& name, std::int64_t count, std::uint64_t generation);
 
  private:
-  void enter(std::uint64_t generation);
+  /// Moves on to `generation` if it is newer. Returns false if it is old.
+  [[nodiscard]] bool enter(std::uint64_t generation) REQUIRES(mutex_);
 
-  std::mutex mutex_;
-  std::uint64_t generation_ = 0;
-  std::map<std::string, std::int64_t> counts_;
+  Mutex mutex_;
+  std::uint64_t generation_ GUARDED_BY(mutex_) = 0;
+  std::map<std::string, std::int64_t> counts_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kelvo

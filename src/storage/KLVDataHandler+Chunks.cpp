@@ -9,15 +9,19 @@
 namespace kelvo {
 namespace {
 
-/// A row for a new chunk: "status" stays NULL until the service has accepted it.
+constexpr int kAccepted = 1;  // the "status" of a chunk that the service has accepted
+
+/// Returns the attributes as the storage form keeps them, without empty values.
+Dictionary storedAttributes(const KLVChunkMetaInfo& meta) {
+  return objectFromJsonDict<KLVChunkMetaInfo>(meta.jsonDict())->additionalInfo();
+}
+
+/// Returns the row of a new chunk. "status" is missing, so the column stays NULL.
 Dictionary newRow(const KLVChunkMetaInfo& meta) {
-  const auto form = meta.jsonDict();
-  const auto* json = form["__additional_info__"].get<std::string>();
-  const auto parsed = KLVUtilities::dictionaryFromJsonString(json ? std::optional(*json) : std::nullopt);
-  const auto* attributes = parsed ? parsed->get<Dictionary>() : nullptr;
+  const Dictionary attributes = storedAttributes(meta);
   Dictionary row;
   for (const auto key : {kKLVChunkSid, kKLVChunkCid, kKLVChunkReportingTimes, kKLVChunkStart, kKLVChunkEnd}) {
-    if (const auto* value = attributes ? attributes->find(key) : nullptr) row.set(key, *value);
+    if (const auto* value = attributes.find(key)) row.set(key, *value);
   }
   row.set(kKLVChunkId, meta.identifier());
   return row;
@@ -38,14 +42,13 @@ void KLVDataHandler::updateChunkMetaInfoTimestamp(std::shared_ptr<KLVChunkMetaIn
   jobs_->async([jobs = jobs_, meta = std::move(meta)] {
     auto* store = jobs->store();
     if (store == nullptr) return;
-    const auto attributes = objectFromJsonDict<KLVChunkMetaInfo>(meta->jsonDict())->additionalInfo();
-    const auto* times = attributes[kKLVChunkReportingTimes].get<Array>();
-    if (times == nullptr) {
+    const auto times = storedAttributes(*meta)[kKLVChunkReportingTimes].asArray();
+    if (!times) {
       KLV_WARN("reporting_times not found, failed to update.");
       return;
     }
     Dictionary values;
-    values.set(kKLVChunkReportingTimes, KLVUtilities::jsonStringFromNSArray(*times));
+    values.set(kKLVChunkReportingTimes, KLVUtilities::jsonStringFromNSArray(times));
     static_cast<void>(store->updateDataWithTableName(kKLVChunkMetaInfo, values, kKLVChunkId, meta->identifier()));
   });
 }
@@ -56,7 +59,7 @@ void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk) {
     auto* store = jobs->store();
     if (store == nullptr) return;
     Dictionary values;
-    values.set(kKLVChunkStatus, 1);
+    values.set(kKLVChunkStatus, kAccepted);
     static_cast<void>(store->updateDataWithTableName(kKLVChunkMetaInfo, values, kKLVChunkId, chunk->identifier()));
   });
 }

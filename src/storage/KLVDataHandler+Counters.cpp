@@ -16,11 +16,12 @@ std::optional<Dictionary> first(std::vector<Dictionary> rows) {
   return rows.empty() ? std::nullopt : std::optional(std::move(rows.front()));
 }
 
-/// The statements on a name with a quote in it fail, each with its log lines; they are not to be spared.
-bool isRemembered(const std::string& name) {
+/// Kept: every statement on a name with a quote fails and is logged, so such a name must never be cached.
+bool isCached(const std::string& name) {
   return name.find('\'') == std::string::npos;
 }
 
+/// Returns the lifetime count of `name` from the cache or the database, nullopt if it has no row.
 std::optional<std::int64_t> lifetimeCount(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name) {
   const auto generation = store.rollbacks();
   if (const auto known = cache.find(name, generation)) return known;
@@ -32,7 +33,7 @@ std::optional<std::int64_t> lifetimeCount(KLVPersistantStore& store, KLVCountCac
 }
 
 void remember(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name, std::int64_t count) {
-  if (isRemembered(name)) cache.written(name, count, store.rollbacks());
+  if (isCached(name)) cache.written(name, count, store.rollbacks());
 }
 
 bool countLifetimeEvent(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name) {
@@ -74,7 +75,7 @@ std::optional<Dictionary> KLVDataHandler::retrieveLifetimeEventWithName(const st
 
 void KLVDataHandler::saveAggregateEventInfo(std::shared_ptr<KLVEvent> event, const std::string& /*identifier*/) {
   if (!event) return;
-  // Kept: an event's storage form has columns that this table lacks, so the insert fails and is logged.
+  // Kept: the insert always fails and is logged, because an event's storage form has columns that this table lacks.
   jobs_->write([event = std::move(event)](KLVPersistantStore& store) {
     return store.insertDataWithTableName(kKLVAggEvents, event->jsonDict());
   });

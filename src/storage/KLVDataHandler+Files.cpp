@@ -15,7 +15,8 @@
 namespace kelvo {
 namespace {
 
-/// A record's storage form for a log line. One that cannot be stored is logged by its job, too.
+/// Returns a record's storage form for a log line, or the reason why there is none. The job that saves the record logs
+/// the reason again.
 Value storageForm(const KLVInfo& record) {
   try {
     return record.jsonDict();
@@ -24,13 +25,13 @@ Value storageForm(const KLVInfo& record) {
   }
 }
 
-/// `path` is relative to the Library directory.
+/// Returns false on failure, which is not logged. `path` is relative to the Library directory.
 [[nodiscard]] bool writeJSON(const Dictionary& content, std::string_view path) {
   const auto data = KLVUtilities::jsonDataFromNSDictionary(content);
   return data && writeFileAtomically(Directories::inLibrary(path), *data);
 }
 
-/// Writes Library/`session`/`name`, in a directory that is made when there is none.
+/// Writes Library/`session`/`name` and creates the directory if it is missing.
 [[nodiscard]] bool writeSessionRecord(const KLVInfo& record, const std::string& session, std::string_view name) {
   const auto directory = Directories::inLibrary(session);
   if (FileError error; !fileExists(directory) && !makeDirectory(directory, false, &error)) {
@@ -39,7 +40,7 @@ Value storageForm(const KLVInfo& record) {
   return writeJSON(record.jsonDict(), joinPath(session, name));
 }
 
-/// Whether `path` names something below the directory that it is relative to.
+/// Returns whether a relative `path` names an item below its directory: it has no ".." and is not the directory itself.
 bool staysInside(const std::filesystem::path& path) {
   const auto named = [](const auto& part) { return !part.empty() && part != "." && part != "/"; };
   return std::none_of(path.begin(), path.end(), [](const auto& part) { return part == ".."; }) &&
@@ -52,8 +53,7 @@ bool isContainer(const Value& value) {
 
 template <class Record>
 std::shared_ptr<Record> recordFromFile(const std::optional<Value>& content) {
-  const auto* form = content ? content->get<Dictionary>() : nullptr;
-  return form != nullptr ? objectFromJsonDict<Record>(*form) : nullptr;
+  return objectFromJsonDict<Record>(content ? content->asDictionary() : std::nullopt);
 }
 
 }  // namespace
@@ -91,7 +91,7 @@ void KLVDataHandler::saveUserInfo(std::shared_ptr<KLVUser> user) {
   if (!user) return;
   KLV_DEBUG("Saving user info: {}", storageForm(*user));
   jobs_->async([user = std::move(user)] {
-    static_cast<void>(writeJSON(user->jsonDict(), kKLVUserDB));  // Kept: a failure goes without a word.
+    static_cast<void>(writeJSON(user->jsonDict(), kKLVUserDB));  // Kept: a failure is not logged.
   });
 }
 
@@ -157,7 +157,7 @@ std::optional<Value> KLVDataHandler::getClientEvents() {
 }
 
 void KLVDataHandler::persistPIDMIDDict(Dictionary config, std::string path) {
-  // Kept: the same words as for the frequency configuration.
+  // Kept: the same text as for the frequency configuration.
   persist(std::move(config), std::move(path), "Unable to save freq config");
 }
 

@@ -11,16 +11,12 @@
 namespace kelvo {
 namespace {
 
-/// Some hundred kilobytes, and a few dozen milliseconds of work.
-constexpr std::size_t kMostWaitingWrites = 2048;
+/// A few hundred kilobytes of memory, and a few dozen milliseconds of work.
+constexpr std::size_t kMaxWaitingWrites = 2048;
 
-/// The events table of one session.
-std::string suffixIdentifierToTableName(const std::string& identifier, std::string_view table) {
-  return std::string(table) + "_" + identifier;
-}
-
+/// Returns the name of a session's events table.
 std::string eventsTable(const std::string& identifier) {
-  return suffixIdentifierToTableName(identifier, kKLVEvents);
+  return std::string(kKLVEvents) + "_" + identifier;
 }
 
 }  // namespace
@@ -46,7 +42,7 @@ void KLVDataHandler::startWithCompletionHandler(const std::function<void()>& com
 
 void KLVDataHandler::saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier) {
   if (!event || jobs_->store() == nullptr) return;
-  // The storage form is made at once: of a burst, thousands wait, and it is much smaller than the event.
+  // Converted now, not in the job: the row is much smaller than the event, and in a burst thousands wait.
   Dictionary row;
   try {
     row = event->jsonDict();
@@ -65,7 +61,7 @@ std::vector<Dictionary> KLVDataHandler::getEventsBetween(std::uint64_t start, st
   return jobs_->sync([&]() -> std::vector<Dictionary> {
     auto* store = jobs_->store();
     if (store == nullptr) return {};
-    return store->retrieveDataWithTableName(eventsTable(identifier), start, end, std::string(kKLVEventType), eventType);
+    return store->retrieveDataWithTableName(eventsTable(identifier), start, end, std::string(kKLVType), eventType);
   });
 }
 
@@ -84,7 +80,7 @@ std::vector<std::string> KLVDataHandler::getSessions() {
     if (store == nullptr) return sessions;
     for (const auto& table : store->retrieveTableNames()) {
       if (table.rfind(kKLVEvents, 0) != 0) continue;
-      // Kept: an identifier that itself holds a "_" comes back up to there only.
+      // Kept: cuts an id off at a "_" in it.
       const auto from = table.find('_');
       if (from == std::string::npos) continue;
       sessions.push_back(table.substr(from + 1, table.find('_', from + 1) - from - 1));
@@ -106,7 +102,7 @@ void KLVDataHandler::writeTogether(const std::function<void()>& submit) {
 }
 
 void KLVDataHandler::catchUp() {
-  if (jobs_->waitingWrites() > kMostWaitingWrites) jobs_->sync([] {});
+  if (jobs_->waitingWrites() > kMaxWaitingWrites) jobs_->sync([] {});
 }
 
 void KLVDataHandler::whenStored(std::function<void()> done) {

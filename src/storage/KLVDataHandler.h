@@ -20,23 +20,25 @@ namespace kelvo {
 class KLVCountCache;
 class KLVDataHandlerJobs;
 
-/// Decides what is kept in which table, file or key.
+/// Decides which table or file keeps which data. Thread-safe.
 ///
-/// Writes return at once and happen in the order of their submission on the handler's queue; a read from outside
-/// its jobs waits for every write submitted before it, a read inside a job runs at once. No operation reports
-/// failure: it is logged, and the state stays as it was. Until `startWithCompletionHandler` there is no
-/// database: operations on it do nothing and reads give nothing, while files work.
+/// Writes return at once and run on the data queue in the order of their submission. A read blocks until every write
+/// submitted before it is done; inside a job of the queue, it runs at once. A failure is logged and leaves the stored
+/// data unchanged; no operation reports it. Before `startWithCompletionHandler` there is no database: its writes are
+/// dropped and its reads return nothing, but files work.
 class KLVDataHandler {
  public:
+  /// `identifier` is the id of the current session.
   explicit KLVDataHandler(std::string identifier);
   ~KLVDataHandler();
 
-  /// Opens the database and makes the tables on the calling thread, then calls `completion`.
+  /// Opens the database and creates the tables, then calls `completion`. Blocks: all of this runs on the calling
+  /// thread.
   void startWithCompletionHandler(const std::function<void()>& completion);
-  /// Does nothing.
+  /// Kept: does nothing.
   void stop() {}
 
-  // --- Records, as files; a null record writes nothing. `identifier` names the directory, a session's id.
+  // --- Records, each a file. A null record is ignored. `identifier` is a session id and names the directory.
   void saveAppInfo(std::shared_ptr<KLVAppInfo> info, std::string identifier);
   void saveDeviceInfo(std::shared_ptr<KLVDeviceInfo> info);
   void saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string identifier);
@@ -45,24 +47,34 @@ class KLVDataHandler {
   std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::string& identifier);
   std::shared_ptr<KLVUser> retrieveUser();
 
-  // --- Events and counters.
+  // --- Events and counters. `identifier` is a session id.
   void saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier);
-  /// Stored events from `start` to `end`, both included, as rows in ascending order; of one type name, or all.
+  /// Returns the rows of events `start` to `end`, both included, in ascending order. `eventType` is the name of a type;
+  /// nullopt means every type.
   std::vector<Dictionary> getEventsBetween(std::uint64_t start, std::uint64_t end, const std::string& identifier,
                                            const std::optional<std::string>& eventType);
+  /// Returns the number of stored events, 0 if the session has no table.
   std::uint64_t numberOfEventsWithIdentifier(const std::string& identifier);
+  /// Adds 1 to the lifetime count of the event's name.
   void upsertLifetimeEvent(std::shared_ptr<KLVEvent> event);
-  /// The row of this name, or nullopt. Runs at once: writes that still wait are not in it.
+  /// Returns the row of this name, or nullopt. Does not wait: a count that is still queued is missing.
   std::optional<Dictionary> retrieveLifetimeEventWithName(const std::string& name);
+
+  // --- Aggregate events. `parameters` maps columns of their table to values, `identifier` is a session id.
   void saveAggregateEventInfo(std::shared_ptr<KLVEvent> event, const std::string& identifier);
+  /// Returns the count of the first row with these values, or nullopt.
   std::optional<Dictionary> retrieveAggregateEventWithParameters(const Dictionary& parameters);
   std::vector<Dictionary> retrieveAggregateEventsWithSessionIdentifier(const std::string& identifier);
+  /// Adds 1 to the count of the rows with these values, or inserts a row with count 1. Blocks.
   void fetchAndIncrementCountForParameters(const Dictionary& parameters);
+  /// The same for the row that counts the event itself, which has no attribute. Blocks.
   void updateAggregateEventsCountRecordHavingParameters(const Dictionary& parameters);
   void deleteAggregateEventsWithSessionId(std::string identifier);
 
-  // --- Chunk bookkeeping.
+  // --- Rows of chunks.
+  /// Inserts a row. Its status stays NULL until the service accepts the chunk.
   void saveChunkMetaInfo(std::shared_ptr<KLVChunkMetaInfo> meta);
+  /// Replaces the reporting times of the row with this id.
   void updateChunkMetaInfoTimestamp(std::shared_ptr<KLVChunkMetaInfo> meta);
   /// Marks the row whose id is `chunk`'s identifier as accepted.
   void updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk);
@@ -70,11 +82,14 @@ class KLVDataHandler {
   void deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk);
   std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo();
 
-  /// Identifiers of all sessions that have an events table.
+  /// Returns the ids of all sessions that have an events table.
   std::vector<std::string> getSessions();
+  /// Drops the session's events table.
   void deleteSession(std::string identifier);
 
-  // --- Files, named relative to the Library directory.
+  // --- Files. A path is relative to the Library directory. A file holds a JSON object or array; reads return nullopt
+  // if it is missing or holds anything else.
+  /// Deletes a file, or a directory with its content. Refuses a path that leaves the Library directory.
   void deleteItemAtPath(std::string path);
   std::optional<Value> objectFromFileWithPath(const std::optional<std::string>& path);
   std::optional<Value> getEventsInfo();
@@ -85,22 +100,26 @@ class KLVDataHandler {
   void persistPIDMIDDict(Dictionary config, std::string path);
   std::optional<Value> getPIDMIDDictAtPath(const std::string& path);
 
-  /// What `submit` deletes, on the calling thread, goes in one transaction: a kill leaves all of it or nothing.
+  /// Runs `submit` on the calling thread and does its database writes in one transaction: a kill leaves all of them or
+  /// none.
   void writeTogether(const std::function<void()>& submit);
 
-  /// While many writes wait, does not return before they are done, some of them on the calling thread. For threads of
-  /// the library that make writes faster than the disk takes them.
+  /// If more than about 2,000 writes wait, blocks until they are done and may run some on the calling thread. For
+  /// threads of the library that produce writes faster than the disk accepts them. The host's threads must never call
+  /// it.
   void catchUp();
 
-  /// Calls `done` on the handler's queue once all that was submitted so far is stored.
+  /// Calls `done` on the data queue once all writes submitted so far are done.
   void whenStored(std::function<void()> done);
 
  private:
+  // Inside a job.
   [[nodiscard]] std::optional<std::int64_t> aggregateCount(const Dictionary& parameters);
   void insertFirstAggregateCount(Dictionary parameters);
+  /// Queues writing `config` as JSON to `path`; logs `failure` if that fails.
   void persist(Dictionary config, std::string path, std::string failure);
 
-  std::string sessionIdentifier_;
+  const std::string sessionIdentifier_;
   std::shared_ptr<KLVDataHandlerJobs> jobs_;
   std::shared_ptr<KLVCountCache> lifetimeCounts_;
 };

@@ -12,10 +12,11 @@ namespace kelvo {
 namespace {
 
 constexpr const char* kKLVDataMonitoringQueue = "com.kelvo.serial.datamonitoring";
-/// Bounds how long a transaction keeps other readers of the file on old data, and what a failure makes run again.
+/// Bounds the age of the data that other readers of the file see during a transaction, and the work that a failure
+/// repeats.
 constexpr std::ptrdiff_t kWritesPerTransaction = 512;
 
-/// Where this thread's writes go while it submits some that belong together.
+/// Collects this thread's writes during `writeTogether`, else nullptr.
 thread_local std::vector<KLVPersistantStore::Job>* together = nullptr;
 
 }  // namespace
@@ -23,7 +24,7 @@ thread_local std::vector<KLVPersistantStore::Job>* together = nullptr;
 KLVDataHandlerJobs::KLVDataHandlerJobs() : queue_(kKLVDataMonitoringQueue) {}
 
 void KLVDataHandlerJobs::setStore(std::unique_ptr<KLVPersistantStore> store) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (owned_) return;
   owned_ = std::move(store);
   store_.store(owned_.get(), std::memory_order_release);
@@ -36,12 +37,12 @@ KLVPersistantStore* KLVDataHandlerJobs::store() const noexcept {
 void KLVDataHandlerJobs::write(KLVPersistantStore::Job job) {
   if (store() == nullptr) return;
   if (together != nullptr) return together->push_back(std::move(job));
-  const std::lock_guard lock(mutex_);
-  if (!open_) {
-    open_ = std::make_shared<Group>();
-    queue_.async([self = shared_from_this(), group = open_] { self->perform(group); });
+  const Lock lock(mutex_);
+  if (!openGroup_) {
+    openGroup_ = std::make_shared<Group>();
+    queue_.async([self = shared_from_this(), group = openGroup_] { self->perform(group); });
   }
-  open_->push_back(std::move(job));
+  openGroup_->push_back(std::move(job));
   waitingWrites_.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -61,8 +62,8 @@ void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit) {
 
 void KLVDataHandlerJobs::perform(const std::shared_ptr<Group>& group) {
   {
-    const std::lock_guard lock(mutex_);
-    if (open_ == group) open_.reset();
+    const Lock lock(mutex_);
+    if (openGroup_ == group) openGroup_.reset();
   }
   auto* target = store();
   if (target == nullptr) return;
@@ -77,8 +78,8 @@ void KLVDataHandlerJobs::perform(const std::shared_ptr<Group>& group) {
 
 void KLVDataHandlerJobs::async(DispatchQueue::Task job) {
   if (inForkedChild()) return;
-  const std::lock_guard lock(mutex_);
-  open_.reset();
+  const Lock lock(mutex_);
+  openGroup_.reset();
   queue_.async([job = std::move(job)] {
     try {
       job();
@@ -88,10 +89,10 @@ void KLVDataHandlerJobs::async(DispatchQueue::Task job) {
   });
 }
 
-void KLVDataHandlerJobs::seal() {
-  if (inForkedChild()) return;  // the lock may be held for ever
-  const std::lock_guard lock(mutex_);
-  open_.reset();
+void KLVDataHandlerJobs::closeGroup() {
+  if (inForkedChild()) return;  // another thread of the parent may have held the mutex at the fork
+  const Lock lock(mutex_);
+  openGroup_.reset();
 }
 
 }  // namespace kelvo

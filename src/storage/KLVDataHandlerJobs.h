@@ -4,55 +4,55 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "platform/DispatchQueue.h"
+#include "platform/ThreadSafety.h"
 #include "storage/KLVPersistantStore.h"
 
 namespace kelvo {
 
-/// The jobs of one data handler, and the store they work on. Jobs that wait keep it alive, so that what was
-/// accepted is stored even when the handler has gone.
+/// Owns the data queue and the store that its jobs use. Thread-safe.
 ///
-/// Jobs run one at a time, in the order of their submission. Database writes that wait side by side share a
-/// transaction.
+/// Jobs run one at a time, in the order of submission. Writes that wait side by side share a transaction. Waiting jobs
+/// keep this object alive, so accepted work is stored even if the data handler is destroyed first.
 class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJobs> {
  public:
   KLVDataHandlerJobs();
 
-  /// From now on there is a database. Only the first one counts.
+  /// Provides the database. Only the first call has an effect.
   void setStore(std::unique_ptr<KLVPersistantStore> store);
-  /// nullptr before there is one, and in a forked child, which must leave the parent's database alone.
+  /// Returns nullptr before `setStore`, and in a forked child, which must not touch the parent's database.
   [[nodiscard]] KLVPersistantStore* store() const noexcept;
 
-  /// Submits a database write; dropped when there is no store.
+  /// Submits a database write. Drops it if there is no store.
   void write(KLVPersistantStore::Job job);
-  /// The writes that `submit` submits on this thread become one job and one transaction: all of them survive a kill,
-  /// or none. Other jobs that it submits come before.
+  /// Runs `submit` on the calling thread and collects the writes that it submits into one job and one transaction: a
+  /// kill leaves all of them or none. Its other jobs run first.
   void writeTogether(const std::function<void()>& submit);
-  /// Those of `write` that are not done yet.
+  /// Returns the number of submitted writes that have not run yet. Does not count those of `writeTogether`.
   [[nodiscard]] std::size_t waitingWrites() const noexcept { return waitingWrites_.load(std::memory_order_relaxed); }
-  /// Submits any other job. One that throws is logged with the reason.
+  /// Submits a job that is not a database write. If it throws, the reason is logged.
   void async(DispatchQueue::Task job);
-  /// Runs `job` after all that was submitted before, and returns its result; at once from inside a job.
+  /// Runs `job` after all jobs submitted before and returns its result. Blocks. Inside a job, runs it at once.
   template <class F>
   auto sync(F&& job) {
-    seal();
+    closeGroup();
     return queue_.sync(std::forward<F>(job));
   }
 
  private:
   using Group = std::vector<KLVPersistantStore::Job>;
   void perform(const std::shared_ptr<Group>& group);
-  void seal();
+  void closeGroup();
 
   DispatchQueue queue_;
-  std::mutex mutex_;             // never held while a job runs
-  std::shared_ptr<Group> open_;  // the newest job on the queue, while it is a group that has not begun
-  std::unique_ptr<KLVPersistantStore> owned_;
-  std::atomic<KLVPersistantStore*> store_{nullptr};
+  Mutex mutex_;  // never held while a job runs
+  /// The newest job on the queue, if it is a group of writes that has not begun: further writes join it.
+  std::shared_ptr<Group> openGroup_ GUARDED_BY(mutex_);
+  std::unique_ptr<KLVPersistantStore> owned_ GUARDED_BY(mutex_);
+  std::atomic<KLVPersistantStore*> store_{nullptr};  // `owned_`, readable without the mutex
   std::atomic<std::size_t> waitingWrites_{0};
 };
 

@@ -6,15 +6,16 @@
 namespace kelvo {
 namespace {
 
-/// Whether this thread tries a group as a whole. Other threads read meanwhile, and their failures are their own.
-thread_local bool tryingGroup = false;
+/// True while this thread runs a trial run. Per thread, because failures of other threads must still be logged.
+thread_local bool inTrialRun = false;
 
-class GroupTrial {
+/// Marks a trial run while it lives.
+class TrialRun {
  public:
-  GroupTrial() { tryingGroup = true; }
-  GroupTrial(const GroupTrial&) = delete;
-  GroupTrial& operator=(const GroupTrial&) = delete;
-  ~GroupTrial() { tryingGroup = false; }
+  TrialRun() { inTrialRun = true; }
+  TrialRun(const TrialRun&) = delete;
+  TrialRun& operator=(const TrialRun&) = delete;
+  ~TrialRun() { inTrialRun = false; }
 };
 
 }  // namespace
@@ -22,8 +23,9 @@ class GroupTrial {
 /// Rolls back unless it was committed.
 class KLVPersistantStore::Transaction {
  public:
-  explicit Transaction(KLVPersistantStore& store)
-      : store_(store), open_(store.onDatabase(&FMKLVDatabase::beginTransaction)) {}
+  explicit Transaction(KLVPersistantStore& store) : store_(store) {
+    store_.onDatabase([this](FMKLVDatabase& db) { open_ = db.beginTransaction(); });
+  }
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
   ~Transaction() {
@@ -31,18 +33,19 @@ class KLVPersistantStore::Transaction {
   }
   [[nodiscard]] bool isOpen() const noexcept { return open_; }
   [[nodiscard]] bool commit() {
-    const bool committed = store_.onDatabase(&FMKLVDatabase::commit);
+    bool committed = false;
+    store_.onDatabase([&](FMKLVDatabase& db) { committed = db.commit(); });
     open_ = !committed;
     return committed;
   }
 
  private:
   KLVPersistantStore& store_;
-  bool open_;
+  bool open_ = false;
 };
 
 bool KLVPersistantStore::reportsFailures() noexcept {
-  return !tryingGroup;
+  return !inTrialRun;
 }
 
 void KLVPersistantStore::rollBack() {
@@ -56,12 +59,12 @@ void KLVPersistantStore::rollBack() {
 void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
   openAndMakeTables();
   if (jobs.size() > 1) {
-    const GroupTrial trial;
+    const TrialRun trial;
     if (performInOneTransaction(jobs)) return;
   }
   for (const Job& job : jobs) {
     try {
-      static_cast<void>(job(*this));  // it has logged its own failure
+      static_cast<void>(job(*this));  // the job logs its own failure
     } catch (const std::exception& error) {
       KLV_ERROR("{}", error.what());
     }
@@ -70,11 +73,11 @@ void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
 
 void KLVPersistantStore::performTogether(const std::vector<Job>& jobs) {
   openAndMakeTables();
-  static_cast<void>(performInOneTransaction(jobs));  // the one that failed has logged it
+  static_cast<void>(performInOneTransaction(jobs));  // the job that failed has logged it
 }
 
 bool KLVPersistantStore::performInOneTransaction(const std::vector<Job>& jobs) {
-  std::vector<std::string> refusals;  // by jobs that threw: no reason to give the others up
+  std::vector<std::string> reasons;  // of jobs that threw, which is no reason to roll the others back
   {
     Transaction transaction(*this);
     if (!transaction.isOpen()) return false;
@@ -82,12 +85,12 @@ bool KLVPersistantStore::performInOneTransaction(const std::vector<Job>& jobs) {
       try {
         if (!job(*this)) return false;
       } catch (const std::exception& error) {
-        refusals.emplace_back(error.what());
+        reasons.emplace_back(error.what());
       }
     }
     if (!transaction.commit()) return false;
   }
-  for (const auto& refusal : refusals) KLV_ERROR("{}", refusal);
+  for (const auto& reason : reasons) KLV_ERROR("{}", reason);
   return true;
 }
 

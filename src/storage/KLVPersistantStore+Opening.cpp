@@ -21,7 +21,7 @@
 namespace kelvo {
 namespace {
 
-/// Present when a statement has found the database corrupt since it was opened.
+/// Returns the path of the marker file. It exists if a statement has found the database corrupt after opening.
 std::string corruptionMarker() {
   return KLVPersistantStore::getDBPathForIdentifier(fmt::format("{}.corrupt-found", kKLVDatabaseFile));
 }
@@ -30,19 +30,22 @@ bool isCorruption(int code) {
   return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
 }
 
-/// Keeps other users out without a change of the process's file creation mask; SQLite gives its side files the mode
-/// of the database. Makes the file itself when there is none, but never opens one that may be in use: closing it
-/// would drop the locks that SQLite holds on it.
+constexpr mode_t kOwnerOnly = 0600;
+
+/// Denies other users access. Creates the file if it is missing, because SQLite copies its mode to the side files and a
+/// library must not change the process's umask. Never opens an existing file: closing it would drop the locks that
+/// SQLite holds on it.
 void makePrivate(const std::string& path) {
-  const int file = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+  const int file = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kOwnerOnly);
   if (file >= 0) {
     ::close(file);
-  } else if (errno == EEXIST && ::chmod(path.c_str(), 0600) != 0) {
+  } else if (errno == EEXIST && ::chmod(path.c_str(), kOwnerOnly) != 0) {
     KLV_WARN("Unable to make {} private: {}", path, std::strerror(errno));
   }
 }
 
-/// Renames the database and what belongs to it. The database goes last, so that an interrupted move is done again.
+/// Renames the database and its side files. Renames the database last, so that the next start repeats an interrupted
+/// rename. Returns false, after logging why, if a rename fails.
 bool setAside(const std::string& path, const std::string& reason) {
   using std::chrono::milliseconds;
   const auto now = std::chrono::duration_cast<milliseconds>(Clock::now().time_since_epoch()).count();
@@ -56,7 +59,8 @@ bool setAside(const std::string& path, const std::string& reason) {
   return true;
 }
 
-/// Sets the connection up and reads from the file for the first time; the failure when SQLite calls it corrupt.
+/// Configures the connection and reads from the file for the first time. Returns the error if SQLite reports
+/// corruption.
 std::optional<FMKLVError> prepareConnection(FMKLVDatabaseQueue& queue) {
   std::optional<FMKLVError> corruption;
   queue.inDatabase([&](FMKLVDatabase& db) {
@@ -71,7 +75,7 @@ std::optional<FMKLVError> prepareConnection(FMKLVDatabaseQueue& queue) {
         return rows && rows->next();
       };
     };
-    // A commit then costs no disk flush, and what was committed survives a crash of the process.
+    // With these settings a commit costs no disk flush, and committed data survives a crash of the process.
     static_cast<void>(isSound(query("pragma journal_mode=WAL")) &&
                       isSound([&] { return db.executeUpdate("pragma synchronous=NORMAL"); }) &&
                       isSound(query("select COUNT(*) from sqlite_master")));
@@ -134,12 +138,6 @@ void KLVPersistantStore::onDatabase(const FMKLVDatabaseQueue::Block& block) {
     block(db);
     noteCorruption(db);
   });
-}
-
-bool KLVPersistantStore::onDatabase(bool (FMKLVTransactions::*operation)()) {
-  bool done = false;
-  onDatabase([&](FMKLVDatabase& db) { done = (db.*operation)(); });
-  return done;
 }
 
 void KLVPersistantStore::noteCorruption(const FMKLVDatabase& db) {

@@ -14,7 +14,8 @@
 namespace kelvo {
 namespace {
 
-/// "a='1' AND b='2'" and the like: `format` takes key and value.
+/// Formats each entry with `format` ({0} is the key, {1} the value) and joins the texts: "a='1' AND b='2'". `first` is
+/// put before the first text, `then` before each other.
 std::string joined(const Dictionary& parameters, std::string_view first, std::string_view then,
                    fmt::string_view format) {
   std::string text;
@@ -28,7 +29,7 @@ std::string joined(const Dictionary& parameters, std::string_view first, std::st
   return text;
 }
 
-/// The keys alone, each behind `mark`: " a, b" or " :a, :b".
+/// Joins the keys with `mark` before each: " a, b" or " :a, :b".
 std::string joinedKeys(const Dictionary& parameters, std::string_view mark) {
   std::string text;
   std::string_view separator = " ";
@@ -118,6 +119,7 @@ int KLVPersistantStore::retrieveNumberOfRecordsInTable(std::string_view table) {
 
 namespace {
 
+/// Filters by `column` only if `value` is given, too.
 std::string rangeQuery(std::string_view table, const std::string& where, const std::optional<std::string>& column,
                        const std::optional<std::string>& value) {
   if (!column || !value) return fmt::format("select * from '{}' {}", table, where);
@@ -216,7 +218,7 @@ bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const P
 }
 
 bool KLVPersistantStore::updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions) {
-  // Kept: three blanks before the first condition.
+  // Kept: three spaces before the first condition.
   const auto statement =
       fmt::format("UPDATE {} SET {}={} where {} IS NULL AND {} IS NULL AND  {}", kKLVAggEvents, kKLVAggCount, count,
                   kKLVAttrKey, kKLVAttrValue, joined(conditions, " ", " AND ", "{}='{}'"));

@@ -16,84 +16,94 @@
 
 namespace kelvo {
 
-/// Owns the one database file and is the only place where SQL text is written. It knows nothing of records:
-/// dictionaries from column to value go in, rows come out as the same, without the columns that are NULL.
+/// Owns the database file and writes all SQL text. It knows no records: callers pass dictionaries from column to value,
+/// and rows are returned as such dictionaries, without their NULL columns.
 ///
-/// Any thread may call; statements run one at a time. No read reports failure: it gives no rows, or 0. A write that
-/// fails is logged and gives false. When the database cannot be opened, all reads are empty and all writes fail.
+/// Thread-safe, except as noted below; statements run one at a time. A write that fails is logged and returns false. A
+/// read that fails returns no rows, or 0. If the database cannot be opened, every read returns nothing and every write
+/// fails.
 ///
-/// A database that SQLite calls corrupt is set aside when it is opened, and a new one is begun. Corruption that
-/// shows later leaves a marker beside the file, by which the next start sets it aside.
+/// If SQLite reports corruption at opening, the store sets the file aside under another name and creates a new
+/// database. If it reports corruption later, the store writes a marker file, and the next start sets the database
+/// aside.
 ///
-/// Kept: only inserts and the bound update pass values as parameters. Elsewhere they stand in the text between
-/// single quotes, not escaped, so a value with a quote in it fails its statement.
+/// Kept: only inserts and the bound update bind their values. All other statements contain them as text between single
+/// quotes, not escaped, so a value with a quote makes its statement fail.
 class KLVPersistantStore final : public KLVPersistentStore {
  public:
-  using Parameters = Dictionary;  ///< column to value
+  using Parameters = Dictionary;  ///< from column to value
   using Rows = std::vector<Dictionary>;
 
   KLVPersistantStore();
   ~KLVPersistantStore();
 
-  /// With a trailing slash.
+  /// Returns the path of the database directory, with a trailing slash.
   [[nodiscard]] static std::string dbDirectoryPath();
   static void createDBDirectory();
+  /// Returns the path of a file in the database directory.
   [[nodiscard]] static std::string getDBPathForIdentifier(std::string_view component);
+  /// Returns, and logs, an insert statement with one named parameter for each column.
   [[nodiscard]] static std::string insertStatementWithTableName(std::string_view table, const Parameters& parameters);
 
-  // --- Tables; true when it exists afterwards.
+  // --- Tables. The create functions return true if the table exists afterwards; the next group of writes retries a
+  // failed one. Only one thread at a time may call them.
   bool createEventsTableWithTableName(std::string_view table);
   bool createChunkMetaInfoTableWithTableName(std::string_view table);
   bool createAggregateEventsTable();
   bool createLifetimeEventsTable();
+  /// Returns true if the table no longer exists.
   [[nodiscard]] bool removeTableWithName(std::string_view table);
   [[nodiscard]] std::vector<std::string> retrieveTableNames();
 
   // --- Reads.
-  /// Counted by SQLite once for each table, which reads all of it, and kept up to date from then on.
+  /// Returns the number of rows. The first call for a table reads all of it; later calls return a count that the store
+  /// keeps.
   [[nodiscard]] int retrieveNumberOfRecordsInTable(std::string_view table);
-  /// Rows whose "identifier" lies from `from` to `to`, both included, ascending; without a column or a value, all.
+  /// Returns the rows whose "identifier" is from `from` to `to`, both included, in ascending order. Given both `column`
+  /// and `value`, returns only rows with that value.
   [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, std::uint64_t from, std::uint64_t to,
                                                const std::optional<std::string>& column,
                                                const std::optional<std::string>& value);
+  /// The same without an upper end.
   [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, int from,
                                                const std::optional<std::string>& column,
                                                const std::optional<std::string>& value);
+  /// Returns the rows whose column `key` has this value.
   [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, std::string_view key, const Value& value);
-  /// One column of the rows that meet all conditions; nothing without a condition.
+  /// Returns one column of the rows that meet all conditions. Returns nothing if there is no condition.
   [[nodiscard]] Rows retrieveDataForIdentifier(std::string_view column, std::string_view table,
                                                const Parameters& conditions);
   [[nodiscard]] Rows retrieveAllDataWithTableName(std::string_view table);
-  /// A row for every distinct value of the column.
+  /// Returns one row for each distinct value of the column `key`.
   [[nodiscard]] Rows retrieveSetOfValuesFromTable(std::string_view table, std::string_view key);
 
   // --- Writes.
   [[nodiscard]] bool insertDataWithTableName(std::string_view table, const Parameters& parameters);
-  /// Kept: writes the values bare into the text, so they must be numbers.
+  /// Kept: the statement contains the values without quotes, so they must be numbers.
   [[nodiscard]] bool updateDataWithTableName(std::string_view table, const Parameters& values,
                                              const Parameters& conditions);
-  /// Binds the values.
+  /// The bound update.
   [[nodiscard]] bool updateDataWithTableName(std::string_view table, const Parameters& values, std::string_view field,
                                              const Value& having);
-  /// Only the row that counts an event without an attribute.
+  /// Sets the count of the row that has no attribute.
   [[nodiscard]] bool updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions);
   [[nodiscard]] bool removeDataWithTableName(std::string_view table, std::string_view field, const Value& having);
 
-  // --- Groups of writes.
+  // --- Groups of writes. Only one thread at a time may call the two perform functions. They first retry to open the
+  // database and to create its tables if an earlier attempt failed (full disk, no free descriptor).
 
-  /// A few calls of the store; false when one of them failed.
+  /// Calls the store a few times. Returns false if one of the calls failed.
   using Job = std::function<bool(KLVPersistantStore&)>;
 
-  /// Runs the jobs in order inside one transaction. When a statement fails, it is rolled back and the jobs run one by
-  /// one, so that a failure costs its own job only, and is logged only then. A job that throws costs only itself,
-  /// too, and is logged with the reason. What a start could not do, the disk being full or all descriptors in use, is
-  /// tried again first: opening the database, and making its tables.
+  /// Runs the jobs in order in one transaction. If one fails, rolls back and reruns the jobs one by one, so that only
+  /// the bad one has no effect; the rerun logs the failure. A job that throws is logged and does not stop the others.
   void performGrouped(const std::vector<Job>& jobs);
-  /// The same for jobs of which all must have their effect, or none: when one fails, none is run again.
+  /// Runs the jobs in order in one transaction. If one fails, rolls back: none has an effect.
   void performTogether(const std::vector<Job>& jobs);
-  /// False while a group is tried whose failures come again one by one: a job then logs nothing of its own.
+  /// Returns false during a trial run: the rerun logs the failure. A job must check it before it logs a failure. Valid
+  /// for the calling thread.
   [[nodiscard]] static bool reportsFailures() noexcept;
-  /// How many groups were rolled back; whoever remembers what was read or written compares.
+  /// Returns the number of rollbacks. If it has changed, a caller must forget the rows that it has cached.
   [[nodiscard]] std::uint64_t rollbacks() const noexcept { return rollbacks_.load(); }
 
  private:
@@ -101,33 +111,35 @@ class KLVPersistantStore final : public KLVPersistentStore {
 
   [[nodiscard]] static std::unique_ptr<FMKLVDatabaseQueue> openDatabase(const std::string& path);
   [[nodiscard]] bool performInOneTransaction(const std::vector<Job>& jobs);
+  /// Runs `block` on the database's queue. Does nothing if the database is not open.
   void onDatabase(const FMKLVDatabaseQueue::Block& block);
-  [[nodiscard]] bool onDatabase(bool (FMKLVTransactions::*operation)());
   [[nodiscard]] bool create(std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] Rows rows(const std::string& sql);
   [[nodiscard]] bool write(const std::string& sql, const Parameters& parameters = {});
   [[nodiscard]] bool writeAndForgetCount(std::string_view table, const std::string& sql);
-  /// Inside a block of the database's queue.
+  /// Queue: the database's.
   [[nodiscard]] static bool update(FMKLVDatabase& db, const std::string& sql, const Parameters& parameters);
   void open();
   void openAndMakeTables();
   void rollBack();
+  /// Queue: the database's.
   void noteCorruption(const FMKLVDatabase& db);
 
-  std::unique_ptr<FMKLVDatabaseQueue> db_;
-  std::atomic<FMKLVDatabaseQueue*> opened_{nullptr};  // `db_`, for any thread
+  std::atomic<FMKLVDatabaseQueue*> opened_{nullptr};  // `db_`, readable on any thread
   std::atomic<std::uint64_t> rollbacks_{0};
-  // Touched on the database's queue only.
-  bool foundCorrupt_ = false;
-  std::map<std::string, int, std::less<>> recordCounts_;  // of the tables that were asked for
 
-  /// One that could not be made so far. Touched by one thread at a time, like `performGrouped`.
+  // Queue: the database's.
+  bool foundCorrupt_ = false;
+  std::map<std::string, int, std::less<>> recordCounts_;  // by table, once counted
+
+  // Used by one thread at a time: when the tables are created, and in the perform functions.
   struct MissingTable {
     std::string name;
     std::string columns;
     bool failureIsError;
   };
-  std::vector<MissingTable> missingTables_;
+  std::unique_ptr<FMKLVDatabaseQueue> db_;
+  std::vector<MissingTable> missingTables_;  // could not be created so far
 };
 
 }  // namespace kelvo

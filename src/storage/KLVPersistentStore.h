@@ -2,7 +2,7 @@
 
 namespace kelvo {
 
-/// Marks what keeps data beyond the process. Kept: its name differs from `KLVPersistantStore`'s by one letter.
+/// Marks a class that keeps data beyond the process. Kept: its name differs from `KLVPersistantStore` by one letter.
 class KLVPersistentStore {
  protected:
   ~KLVPersistentStore() = default;  // never deleted through this type

@@ -4,11 +4,12 @@
 #include <utility>
 
 #include "records/KLVEvent.h"
+#include "records/KLVRecordKeys.h"
 
 namespace kelvo {
 namespace {
 
-/// One list of the upload: its name, the class whose names its events take, and whether it is there when empty.
+/// One array of the upload: its name, the class whose key map its events use, and whether an empty array is sent.
 struct Group {
   std::string_view name;
   std::string_view className;
@@ -38,7 +39,6 @@ GroupIndex groupOf(KLVEventType type) {
 
 void KLVChunkDetails::addEvents(std::vector<Dictionary> rows) {
   static_assert(kGroups == kGroupTable.size());
-  rows_ += rows.size();
   for (Dictionary& row : rows) {
     const auto event = objectFromJsonDict<KLVEvent>(std::exchange(row, {}));
     const GroupIndex group = groupOf(event->eventType());
@@ -50,7 +50,7 @@ void KLVChunkDetails::addEvents(std::vector<Dictionary> rows) {
 Dictionary KLVChunkDetails::constructChunkDetails(const Dictionary& userAttributes, const Dictionary& sessionAttributes,
                                                   const Dictionary& chunkAttributes,
                                                   const Array& aggregateEvents) const {
-  Dictionary details{{"user_attributes", userAttributes},
+  Dictionary details{{std::string(kKLVBodyUserAttributes), userAttributes},
                      {"session_attributes", sessionAttributes},
                      {"chunk_attributes", chunkAttributes},
                      {"agg_events", aggregateEvents}};

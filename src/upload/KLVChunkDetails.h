@@ -8,23 +8,20 @@
 
 namespace kelvo {
 
-/// "chunk_details" of an upload while it is built: the events of a chunk, grouped by kind in their order, each in the
-/// upload form of its kind.
+/// Builds "chunk_details" of an upload: a chunk's events in their upload forms, grouped by kind. Keeps their order
+/// within a group. Not thread-safe.
 class KLVChunkDetails {
  public:
-  /// Takes stored events (storage forms); events of kinds that are not sent are left out. Each row is freed once it is
-  /// translated.
+  /// Adds events, given in their storage forms. Leaves out events of kinds that are not sent. Frees each row after its
+  /// conversion.
   void addEvents(std::vector<Dictionary> rows);
-  /// Whether no row was ever added.
-  [[nodiscard]] bool empty() const noexcept { return rows_ == 0; }
-
+  /// Returns the details with the four values and the events added so far.
   [[nodiscard]] Dictionary constructChunkDetails(const Dictionary& userAttributes, const Dictionary& sessionAttributes,
                                                  const Dictionary& chunkAttributes, const Array& aggregateEvents) const;
 
  private:
   static constexpr std::size_t kGroups = 5;
 
-  std::size_t rows_ = 0;
   std::array<Array, kGroups> groups_;
 };
 

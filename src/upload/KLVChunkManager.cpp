@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "records/KLVEvents.h"
+#include "records/KLVRecordKeys.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
 #include "util/KLVTimer.h"
@@ -12,19 +13,20 @@ namespace kelvo {
 namespace {
 
 constexpr double kDefaultIntervalSeconds = 30;
-constexpr std::uint64_t kRowsAtATime = 1000;
-/// One body for each connection that the HTTP client opens to a host, and two so that none of them runs dry.
-constexpr std::size_t kBodiesAtATime = 8;
+constexpr std::uint64_t kEventsPerRead = 1000;
+/// One body for each connection that the HTTP client opens to a host, and two so that no connection is ever idle.
+constexpr std::size_t kMaxBodies = 8;
+constexpr long kAcceptedStatus = 200;
+/// Kept: as a filter of a read, this type means every type.
+constexpr KLVEventType kEveryType = KLVEventType::system;
 
 KLVChunkRow rowOf(const KLVChunkMetaInfo& meta) {
   const Dictionary info = meta.additionalInfo();
-  const auto* sid = info["sid"].get<std::string>();
-  return {meta.identifier(),      sid != nullptr ? *sid : std::string(),
-          info["cid"].asUInt64(), info["start"].asUInt64(),
-          info["end"].asUInt64(), info["status"].asBool()};
+  return {info[kKLVChunkSid].asText().value_or(""), info[kKLVChunkCid].asUInt64(), info[kKLVChunkStart].asUInt64(),
+          info[kKLVChunkEnd].asUInt64(), info[kKLVChunkStatus].asBool()};
 }
 
-/// An entry whose record is missing is left out of the body.
+/// Leaves the section out of the body if its record is missing.
 template <class Record>
 void setForm(Dictionary& body, std::string_view key, const std::shared_ptr<Record>& record) {
   if (record != nullptr) body.set(key, record->jsonDictModified());
@@ -61,18 +63,24 @@ void KLVChunkManager::onEvent(const std::shared_ptr<KLVEvent>& event) {
 }
 
 void KLVChunkManager::sendCurrentChunk() {
-  queue_.async([self = shared_from_this()] { self->cutCurrentSession(); });
+  queue_.async([self = shared_from_this()] {
+    self->queue_.assertCurrent();
+    self->cutCurrentSession();
+  });
 }
 
 void KLVChunkManager::flushPreviousChunks() {
-  queue_.async([self = shared_from_this()] { self->flush(); });
+  queue_.async([self = shared_from_this()] {
+    self->queue_.assertCurrent();
+    self->flush();
+  });
 }
 
 void KLVChunkManager::cutCurrentSession() {
   delegate_.dispatchEvent(std::make_shared<KLVChunkEvent>());
-  delegate_.waitUntilDelivered();  // the session has saved itself, so the chunk carries its latest duration
+  delegate_.waitUntilDelivered();  // then the session has saved itself, and the chunk carries its latest duration
   const std::uint64_t last = delegate_.numberOfEventsWithIdentifier(currentSessionIdentifier_);
-  sendChunk(currentSessionIdentifier_, currentChunkIndex_, currentEventIndex_, last, true);
+  sendNewChunk({currentSessionIdentifier_, currentChunkIndex_, currentEventIndex_, last});
 }
 
 void KLVChunkManager::flush() {
@@ -82,21 +90,24 @@ void KLVChunkManager::flush() {
   if (!cuts) return;
   for (const KLVChunkCut& cut : *cuts) {
     const std::uint64_t last = delegate_.numberOfEventsWithIdentifier(cut.sid);
-    const bool nothingBehindLastChunk = cut.start > 1 && last < cut.start;
-    if (!nothingBehindLastChunk) sendChunk(cut.sid, cut.cid, cut.start, last, true);
+    const bool nothingLeft = cut.hasEarlierChunk && last < cut.start;
+    if (!nothingLeft) sendNewChunk({cut.sid, cut.cid, cut.start, last});
   }
   checkChunkStatusAndCleanTables(rows);
 }
 
 void KLVChunkManager::checkChunkStatusAndCleanTables(const std::vector<KLVChunkRow>& rows) {
-  // In line behind the cuts, whose events are read by then; before the chunks that are sent again, which are of other
-  // sessions and may take as long as the service likes.
+  // The order matters. A cut must read its events before a purge deletes them. A purge must not wait for the chunks to
+  // resend, which belong to other sessions and may take as long as the service likes.
   for (const std::string& sid : deliveredSessions(rows)) {
-    inLine([this, sid] { purge(sid); });
+    enqueue([this, sid] { purge(sid); });
   }
   for (const KLVChunkRow& row : rows) {
     if (row.sent) continue;
-    inLine([this, row] { sendChunk(row.sid, row.cid, row.start, row.end, false); });
+    enqueue([this, row] {
+      queue_.assertCurrent();
+      resendChunk(row);
+    });
   }
 }
 
@@ -109,88 +120,91 @@ void KLVChunkManager::purge(const std::string& sid) {
   });
 }
 
+void KLVChunkManager::sendNewChunk(const KLVChunkRow& chunk) {
+  const auto reportingTimes = recordChunk(chunk, RowChange::create);
+  if (!reportingTimes) return;
+  enqueue([this, chunk, times = *reportingTimes] {
+    queue_.assertCurrent();
+    buildAndPost(chunk, times);
+  });
+}
+
+void KLVChunkManager::resendChunk(const KLVChunkRow& chunk) {
+  if (const auto reportingTimes = recordChunk(chunk, RowChange::update)) buildAndPost(chunk, *reportingTimes);
+}
+
+std::optional<Array> KLVChunkManager::recordChunk(const KLVChunkRow& chunk, RowChange change) {
+  if (chunk.end < chunk.start) {
+    KLV_WARN("illegal arguments (end < start)");
+    return std::nullopt;
+  }
+  if (!hasEvents(chunk.sid, chunk.start, chunk.end)) {
+    KLV_INFO("No events to send, wait for next turn");
+    return std::nullopt;
+  }
+  const Array reportingTimes{KLVTimer::sharedTimer().currentTimeInMillis()};
+  const auto meta = std::make_shared<KLVChunkMetaInfo>(chunk.sid, chunk.cid, chunk.start, chunk.end, reportingTimes);
+  const bool isCurrent = chunk.sid == currentSessionIdentifier_;
+  // Kept: the indices advance before the service accepts the chunk. An unaccepted chunk is resent from its row.
+  if (isCurrent) updateCurrentIndicies(chunk.end);
+  // Kept: a chunk of the current session always inserts its row.
+  if (isCurrent || change == RowChange::create) {
+    delegate_.saveChunkMetaInfo(meta);
+  } else {
+    delegate_.updateChunkMetaInfo(meta);
+  }
+  return reportingTimes;
+}
+
 void KLVChunkManager::updateCurrentIndicies(std::uint64_t end) {
   currentEventIndex_ = end + 1;
   currentChunkIndex_ += 1;
 }
 
-void KLVChunkManager::sendChunk(const std::optional<std::string>& sid, std::uint64_t cid, std::uint64_t start,
-                                std::uint64_t end, bool shouldCreateNewEntryInMetaTable) {
-  if (!sid) {
-    KLV_WARN("session identifier shouldn't be nil");
-    return;
-  }
-  if (end < start) {
-    KLV_WARN("illegal arguments (end < start)");
-    return;
-  }
-  if (!hasEvents(*sid, start, end)) {
-    KLV_INFO("No events to send, wait for next turn");
-    return;
-  }
-  const Array reportingTimes{KLVTimer::sharedTimer().currentTimeInMillis()};
-  const KLVChunkRow chunk{KLVChunk::CMID(*sid, cid), *sid, cid, start, end, false};
-  recordMeta(chunk, reportingTimes, shouldCreateNewEntryInMetaTable);
-  if (!shouldCreateNewEntryInMetaTable) return buildAndPost(chunk, reportingTimes);  // it was in line already
-  inLine([this, chunk, reportingTimes] { buildAndPost(chunk, reportingTimes); });
+bool KLVChunkManager::hasEvents(const std::string& sid, std::uint64_t start, std::uint64_t end) {
+  const auto any = [&](std::uint64_t last) {
+    return !delegate_.getEventsBetween(start, last, sid, kEveryType).empty();
+  };
+  return any(start) || any(std::min(end, start + kEventsPerRead - 1));
 }
 
-void KLVChunkManager::buildAndPost(const KLVChunkRow& row, const Array& reportingTimes) {
-  KLVChunk chunk(row.cid, row.sid);
-  chunk.setInfo(reportingTimes, "reporting_times");
-  const KLVChunkDetails details = readEvents(row.sid, row.start, row.end);
-  // This read waits for the writes before it: the meta row is in the database before the body leaves the process.
-  const Array aggregateEvents = delegate_.retrieveAggregateEventsWithSessionIdentifier(row.sid);
-  const auto user = delegate_.user();
-  const auto currentSession = delegate_.session();
-  Dictionary body;
-  setForm(body, "sdk_info", delegate_.sdkInfo());
-  setForm(body, "session_info", delegate_.retrieveSessionInfoWithIdentifier(row.sid));
-  setForm(body, "app_info", delegate_.appInfo());
-  setForm(body, "device_info", delegate_.deviceInfo());
-  body.set("chunk_meta", chunk.jsonDictModified());
-  body.set("chunk_details",
-           details.constructChunkDetails(user ? user->userAttributes() : Dictionary(),
-                                         currentSession ? currentSession->sessionAttributes() : Dictionary(),
-                                         chunk.chunkAttributes(), aggregateEvents));
-  postChunk(body, chunk.identifier());
-}
-
-/// In slices, so that the stored rows of a long range never stand in memory all at once.
+/// Reads in slices, so that a long range's rows are never all in memory at once.
 KLVChunkDetails KLVChunkManager::readEvents(const std::string& sid, std::uint64_t start, std::uint64_t end) {
   KLVChunkDetails details;
-  for (std::uint64_t first = start; first <= end; first += kRowsAtATime) {
-    auto rows = delegate_.getEventsBetween(first, std::min(end, first + kRowsAtATime - 1), sid, KLVEventType::system);
+  for (std::uint64_t first = start; first <= end; first += kEventsPerRead) {
+    auto rows = delegate_.getEventsBetween(first, std::min(end, first + kEventsPerRead - 1), sid, kEveryType);
     if (rows.empty()) break;
     details.addEvents(std::move(rows));
   }
   return details;
 }
 
-bool KLVChunkManager::hasEvents(const std::string& sid, std::uint64_t start, std::uint64_t end) {
-  const auto any = [&](std::uint64_t last) {
-    return !delegate_.getEventsBetween(start, last, sid, KLVEventType::system).empty();
-  };
-  return any(start) || any(std::min(end, start + kRowsAtATime - 1));
-}
-
-void KLVChunkManager::recordMeta(const KLVChunkRow& chunk, const Array& reportingTimes,
-                                 bool shouldCreateNewEntryInMetaTable) {
-  const auto meta = std::make_shared<KLVChunkMetaInfo>(chunk.sid, chunk.cid, chunk.start, chunk.end, reportingTimes);
-  const bool isCurrent = chunk.sid == currentSessionIdentifier_;
-  // Kept: the indices advance before the upload is known to succeed; a failed chunk is sent again from its row.
-  if (isCurrent) updateCurrentIndicies(chunk.end);
-  if (isCurrent || shouldCreateNewEntryInMetaTable) {
-    delegate_.saveChunkMetaInfo(meta);
-  } else {
-    delegate_.updateChunkMetaInfo(meta);
-  }
+void KLVChunkManager::buildAndPost(const KLVChunkRow& row, const Array& reportingTimes) {
+  KLVChunk chunk(row.cid, row.sid);
+  chunk.setInfo(reportingTimes, kKLVChunkReportingTimes);
+  const KLVChunkDetails details = readEvents(row.sid, row.start, row.end);
+  // This read waits for all earlier writes, so the chunk's row is in the database before its body leaves the process.
+  const Array aggregateEvents = delegate_.retrieveAggregateEventsWithSessionIdentifier(row.sid);
+  const auto user = delegate_.user();
+  const auto currentSession = delegate_.session();
+  Dictionary body;
+  setForm(body, kKLVBodySDKInfo, delegate_.sdkInfo());
+  setForm(body, kKLVBodySessionInfo, delegate_.retrieveSessionInfoWithIdentifier(row.sid));
+  setForm(body, kKLVBodyAppInfo, delegate_.appInfo());
+  setForm(body, kKLVBodyDeviceInfo, delegate_.deviceInfo());
+  body.set(kKLVBodyChunkMeta, chunk.jsonDictModified());
+  // Kept: the attributes of the current user and session, also for a chunk of an earlier session.
+  body.set(kKLVBodyChunkDetails,
+           details.constructChunkDetails(user ? user->userAttributes() : Dictionary(),
+                                         currentSession ? currentSession->sessionAttributes() : Dictionary(),
+                                         chunk.chunkAttributes(), aggregateEvents));
+  postChunk(body, chunk.identifier());
 }
 
 void KLVChunkManager::postChunk(const Dictionary& body, const std::string& chunkId) {
-  const auto completion = [this, chunkId, place = takePlace()](const auto&, const auto& response, const auto& error) {
+  const auto completion = [this, chunkId, slot = takeSlot()](const auto&, const auto& response, const auto& error) {
     const long statusCode = response ? response->statusCode : 0;
-    if (error || statusCode != 200) {
+    if (error || statusCode != kAcceptedStatus) {
       KLV_WARN("failed to send chunk - {}, responsecode - {}", chunkId, statusCode);
       return;
     }
@@ -201,33 +215,39 @@ void KLVChunkManager::postChunk(const Dictionary& body, const std::string& chunk
                           std::nullopt, completion);
 }
 
-// --- The line
+// --- The send queue
 
 void KLVChunkManager::whenPosted(std::function<void()> done) {
-  queue_.async([self = shared_from_this(), done = std::move(done)]() mutable { self->inLine(std::move(done)); });
+  queue_.async([self = shared_from_this(), done = std::move(done)]() mutable {
+    self->queue_.assertCurrent();
+    self->enqueue(std::move(done));
+  });
 }
 
-void KLVChunkManager::inLine(Task task) {
-  line_.push_back(std::move(task));
-  serveLine();
+void KLVChunkManager::enqueue(Task task) {
+  sendQueue_.push_back(std::move(task));
+  runSendQueue();
 }
 
-void KLVChunkManager::serveLine() {
-  while (!line_.empty() && placesTaken_ < kBodiesAtATime) {
-    const Task next = std::move(line_.front());
-    line_.pop_front();
+void KLVChunkManager::runSendQueue() {
+  while (!sendQueue_.empty() && slotsTaken_ < kMaxBodies) {
+    const Task next = std::move(sendQueue_.front());
+    sendQueue_.pop_front();
     next();
   }
 }
 
-KLVChunkManager::Place KLVChunkManager::takePlace() {
-  ++placesTaken_;
-  return Place(nullptr, [weak = weak_from_this()](void*) {
+/// The completion of a request holds the slot. So the slot is free again once the completion has been called, or
+/// destroyed without a call.
+KLVChunkManager::Slot KLVChunkManager::takeSlot() {
+  ++slotsTaken_;
+  return Slot(nullptr, [weak = weak_from_this()](void*) {
     const auto self = weak.lock();
     if (self == nullptr) return;
     self->queue_.async([self] {
-      --self->placesTaken_;
-      self->serveLine();
+      self->queue_.assertCurrent();
+      --self->slotsTaken_;
+      self->runSendQueue();
     });
   });
 }

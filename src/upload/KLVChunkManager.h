@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/DispatchQueue.h"
+#include "platform/ThreadSafety.h"
 #include "records/KLVAppInfo.h"
 #include "records/KLVChunk.h"
 #include "records/KLVDeviceInfo.h"
@@ -23,7 +24,7 @@
 
 namespace kelvo {
 
-/// What the chunk manager asks of the controller; every call may come on the chunk queue.
+/// The controller methods that the chunk manager calls. Thread: any of them may be called on the chunk queue.
 class KLVChunkManagerDelegate {
  public:
   virtual std::string applicationIdentifier() = 0;
@@ -35,12 +36,12 @@ class KLVChunkManagerDelegate {
 
   virtual void registerIdentifer(const std::string& key, const std::shared_ptr<KLVEventListener>& listener) = 0;
   virtual void dispatchEvent(const std::shared_ptr<KLVEvent>& event) = 0;
-  /// Returns once the listeners have had every event dispatched so far.
+  /// Blocks until the listeners have received every event dispatched so far.
   virtual void waitUntilDelivered() = 0;
 
-  /// Number of stored events of the session; 0 when it has no table.
+  /// Returns the number of stored events of the session, 0 if it has no table.
   virtual std::uint64_t numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) = 0;
-  /// Stored events from `start` to `end`, both included; `KLVEventType::system` stands for every type.
+  /// Returns the stored events `start` to `end`, both included. Kept: `KLVEventType::system` means every type.
   virtual std::vector<Dictionary> getEventsBetween(std::uint64_t start, std::uint64_t end,
                                                    const std::optional<std::string>& identifier,
                                                    std::optional<KLVEventType> eventType) = 0;
@@ -56,10 +57,10 @@ class KLVChunkManagerDelegate {
   virtual void deleteItemAtPath(const std::optional<std::string>& path) = 0;
   virtual void deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) = 0;
 
-  /// The deletions that `deletions` asks for are all done, or none, whenever the process is killed.
+  /// Calls `deletions` and does its database deletions in one transaction: a kill leaves all of them or none.
   virtual void writeTogether(const std::function<void()>& deletions) = 0;
 
-  /// `completion` is not called when no request could be formed.
+  /// Posts `body`. Does not call `completion` if no request could be formed.
   virtual void postDataToURL(const std::optional<std::string>& path, const std::optional<Dictionary>& body,
                              const std::optional<Dictionary>& headerFields, HTTPCompletion completion) = 0;
 
@@ -67,62 +68,77 @@ class KLVChunkManagerDelegate {
   ~KLVChunkManagerDelegate() = default;  // never deleted through this type
 };
 
-/// Cuts a session's stored events into numbered chunks and posts them.
+/// Cuts stored events into numbered chunks, posts them, and purges delivered sessions.
 ///
-/// Chunk k covers the events after chunk k-1 up to the newest at the time of the cut. A chunk is cut by a repeating
-/// timer, when the application goes to the background, and at launch for earlier sessions. One whose upload failed is
-/// sent again at the next launch with the same id, range and events; a session all of whose chunks were accepted is
-/// deleted. All state is touched on the chunk queue only.
+/// Chunk k covers the events after chunk k-1, up to the newest event at the time of the cut. A repeating timer cuts the
+/// current session, and so does BACKGROUND. "klv_app_opened" flushes the earlier sessions:
+/// - cut: `KLVFlushPlan` decides which sessions are cut, and from which event;
+/// - purge: `KLVFlushPlan` decides which sessions are delivered; `purge` deletes their rows and files;
+/// - resend: `checkChunkStatusAndCleanTables` resends every chunk that the service has not accepted, with the same id,
+///   range and events.
 ///
-/// Only so many bodies are with the HTTP client at once; later chunks wait in a line, first come, first served. What
-/// waits there is small: a chunk's row is in the database, and its events are read when its turn comes.
+/// At most eight bodies exist at a time. All else waits in the send queue, first come, first served. A waiting task is
+/// small: a new chunk's row is already in the database, and its events are read when its body is built.
+///
+/// Thread: all state is used on the chunk queue only. The public functions may be called on any thread.
 class KLVChunkManager final : public KLVEventListener, public std::enable_shared_from_this<KLVChunkManager> {
  public:
-  /// Registers on the bus and starts the timer: "max_fg_chunk_send_time" of `configuration` in seconds, 30 without.
-  /// `delegate` must outlive the manager.
+  /// Registers on the bus and starts the timer. Its interval is "max_fg_chunk_send_time" of `configuration` in seconds,
+  /// 30 if missing or 0. `delegate` must outlive the manager.
   static std::shared_ptr<KLVChunkManager> initWithConfiguration(const std::optional<Dictionary>& configuration,
                                                                 KLVChunkManagerDelegate& delegate);
-  /// For `initWithConfiguration`.
+  /// For `initWithConfiguration` only.
   explicit KLVChunkManager(KLVChunkManagerDelegate& delegate);
 
   void onEvent(const std::shared_ptr<KLVEvent>& event) override;
+  /// Queues a cut of the current session.
   void sendCurrentChunk();
+  /// Queues a flush.
   void flushPreviousChunks();
 
-  /// Calls `done` on the chunk queue once all cuts and flushes so far are posted.
+  /// Calls `done` on the chunk queue once the chunks of all cuts and flushes queued so far are posted.
   void whenPosted(std::function<void()> done);
 
  private:
   using Task = std::function<void()>;
-  /// One of the places with the HTTP client; free again when the last copy dies.
-  using Place = std::shared_ptr<void>;
+  /// The right of one body to exist. It ends with the last copy.
+  using Slot = std::shared_ptr<void>;
+  /// The change that sending a chunk makes to its row in the database.
+  enum class RowChange { create, update };
 
   void registerForChunkCreationWithInterval(double seconds);
-  void cutCurrentSession();
-  void flush();
-  void checkChunkStatusAndCleanTables(const std::vector<KLVChunkRow>& rows);
+  void cutCurrentSession() REQUIRES(queue_);
+  void flush() REQUIRES(queue_);
+  /// Queues the purge of delivered sessions, and the chunks to resend.
+  void checkChunkStatusAndCleanTables(const std::vector<KLVChunkRow>& rows) REQUIRES(queue_);
   void purge(const std::string& sid);
-  void updateCurrentIndicies(std::uint64_t end);
-  void sendChunk(const std::optional<std::string>& sid, std::uint64_t cid, std::uint64_t start, std::uint64_t end,
-                 bool shouldCreateNewEntryInMetaTable);
+
+  /// Inserts a new chunk's row now and queues its body.
+  void sendNewChunk(const KLVChunkRow& chunk) REQUIRES(queue_);
+  /// Updates an unaccepted chunk's row and posts its body. Called by a task of the send queue.
+  void resendChunk(const KLVChunkRow& chunk) REQUIRES(queue_);
+  /// Writes the chunk's row. Returns its reporting times, or nullopt if the chunk has no events and must not be sent.
+  std::optional<Array> recordChunk(const KLVChunkRow& chunk, RowChange change) REQUIRES(queue_);
+  void updateCurrentIndicies(std::uint64_t end) REQUIRES(queue_);
   [[nodiscard]] bool hasEvents(const std::string& sid, std::uint64_t start, std::uint64_t end);
   KLVChunkDetails readEvents(const std::string& sid, std::uint64_t start, std::uint64_t end);
-  void recordMeta(const KLVChunkRow& chunk, const Array& reportingTimes, bool shouldCreateNewEntryInMetaTable);
-  void buildAndPost(const KLVChunkRow& chunk, const Array& reportingTimes);
-  void postChunk(const Dictionary& body, const std::string& chunkId);
+  void buildAndPost(const KLVChunkRow& chunk, const Array& reportingTimes) REQUIRES(queue_);
+  void postChunk(const Dictionary& body, const std::string& chunkId) REQUIRES(queue_);
 
-  /// Runs `task` once those before it have had their turn and there is a place for what it may post.
-  void inLine(Task task);
-  void serveLine();
-  [[nodiscard]] Place takePlace();
+  /// Appends `task` to the send queue. It runs when all tasks before it have run and a slot is free.
+  void enqueue(Task task) REQUIRES(queue_);
+  void runSendQueue() REQUIRES(queue_);
+  [[nodiscard]] Slot takeSlot() REQUIRES(queue_);
 
   KLVChunkManagerDelegate& delegate_;
-  std::uint64_t currentChunkIndex_ = 1;
-  std::uint64_t currentEventIndex_ = 1;
   const std::string currentSessionIdentifier_;
-  std::deque<Task> line_;
-  std::size_t placesTaken_ = 0;
-  DispatchQueue queue_{"com.kelvo.serial.chunkmanager"};
+  // Queue: the chunk queue.
+  std::uint64_t currentChunkIndex_ GUARDED_BY(queue_) = kFirstChunk;
+  std::uint64_t currentEventIndex_ GUARDED_BY(queue_) = kFirstEvent;
+  std::deque<Task> sendQueue_ GUARDED_BY(queue_);
+  std::size_t slotsTaken_ GUARDED_BY(queue_) = 0;
+
+  DispatchQueue queue_{"com.kelvo.serial.chunkmanager"};  // the chunk queue
 };
 
 }  // namespace kelvo

@@ -1,7 +1,6 @@
 #include "upload/KLVFlushPlan.h"
 
 #include <algorithm>
-#include <charconv>
 #include <map>
 #include <string_view>
 #include <unordered_set>
@@ -9,8 +8,8 @@
 namespace kelvo {
 namespace {
 
-/// The row with the greatest end of each session, in the order in which the sessions are first met; of equal ends
-/// the first.
+/// Returns each session's row with the greatest end, the first one of equals. Keeps the order of the sessions' first
+/// rows.
 std::vector<const KLVChunkRow*> lastRows(const std::vector<KLVChunkRow>& rows) {
   std::vector<const KLVChunkRow*> last;
   std::map<std::string_view, std::size_t> places;
@@ -25,16 +24,6 @@ std::vector<const KLVChunkRow*> lastRows(const std::vector<KLVChunkRow>& rows) {
   return last;
 }
 
-/// The pieces of a chunk id before and after its first "_".
-KLVChunkCut cutBehind(const KLVChunkRow& row) {
-  const auto underscore = std::min(row.id.find('_'), row.id.size());
-  std::uint64_t number = 0;
-  if (underscore < row.id.size()) {
-    std::from_chars(row.id.data() + underscore + 1, row.id.data() + row.id.size(), number);
-  }
-  return {row.id.substr(0, underscore), number + 1, row.end + 1};
-}
-
 }  // namespace
 
 std::optional<std::vector<KLVChunkCut>> cutsOfEarlierSessions(const std::vector<KLVChunkRow>& rows,
@@ -47,12 +36,12 @@ std::optional<std::vector<KLVChunkCut>> cutsOfEarlierSessions(const std::vector<
 
   std::vector<KLVChunkCut> cuts;
   if (others == last.size()) {
-    for (const KLVChunkRow* row : last) cuts.push_back(cutBehind(*row));
+    for (const KLVChunkRow* row : last) cuts.push_back({row->sid, row->cid + 1, row->end + 1, true});
   } else if (others > last.size()) {
     std::unordered_set<std::string_view> withRow;
     for (const KLVChunkRow* row : last) withRow.insert(row->sid);
     for (const std::string& sid : sessions) {
-      if (withRow.count(sid) == 0) cuts.push_back({sid, 1, 1});
+      if (withRow.count(sid) == 0) cuts.push_back({sid});
     }
   }
   return cuts;

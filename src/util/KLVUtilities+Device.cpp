@@ -10,6 +10,7 @@
 #include "platform/Files.h"
 #include "platform/JSON.h"
 #include "platform/UserDefaults.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVUtilities+Files.h"
 
 namespace kelvo {
@@ -17,8 +18,6 @@ namespace {
 
 constexpr const char* kKLVSDKFootprintFile = "com.kelvo.SDK.footprint";
 constexpr const char* kKLVFootprintKey = "klv_footprint_time";
-constexpr const char* kFirstSessionKey = "klv_is_first_session";  // written by earlier versions
-
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
@@ -41,8 +40,8 @@ bool KLVUtilities::isFirstSession() {
   if (fileExists(Directories::inLibrary(kKLVSDKFootprintFile))) return false;
   saveConfig(jsonText(Dictionary{{kKLVFootprintKey, description(Clock::now())}}), kKLVSDKFootprintFile);
   UserDefaults& defaults = UserDefaults::standard();
-  if (!defaults.contains(kFirstSessionKey)) return true;
-  defaults.remove(kFirstSessionKey);
+  if (!defaults.contains(kKLVLegacyFirstSessionKey)) return true;
+  defaults.remove(kKLVLegacyFirstSessionKey);
   return false;
 }
 

@@ -6,6 +6,7 @@
 #include "platform/Files.h"
 #include "platform/JSON.h"
 #include "platform/UserDefaults.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -26,8 +27,9 @@ std::optional<std::string> contentOfConfig(const std::string& path) {
   return content;
 }
 
+/// Returns the user-defaults key of the hash of `module`.
 std::string hashKey(std::string_view module) {
-  return fmt::format("klv_{}_hash", module);
+  return fmt::format(kKLVModuleHashKey, module);
 }
 
 }  // namespace

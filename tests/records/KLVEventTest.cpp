@@ -19,7 +19,7 @@ struct Counts : KLVLifetimeCounts {
   }
 };
 
-TEST(KLVEventType, NamesAndNumbersBelongTogether) {
+TEST(KLVEventType, EveryNumberHasItsName) {
   const LogCapture log;
   std::istringstream names(
       "System CENavigation Navigation UserInteraction App Client Agg Push InApp Inline Nudge InlineText "
@@ -36,7 +36,7 @@ TEST(KLVEventType, NamesAndNumbersBelongTogether) {
   EXPECT_EQ(identifierKey(KLVEventType::app, kKLVAppOpened), "4___klv_app_opened");
 }
 
-TEST(KLVEvent, EveryClassUploadsItsOwnShape) {
+TEST(KLVEvent, EveryClassHasItsOwnUploadForm) {
   Counts counts;
   KLVAppEvent app(KLVEventType::app, "Purchase", Dictionary{{"category", "shoes"}, {"price", 3}, {"id", "x"}}, counts);
   KLVSystemEvent system(KLVEventType::system, KLVSystemEvent::SubType::background);
@@ -62,7 +62,7 @@ TEST(KLVEvent, EveryClassUploadsItsOwnShape) {
   }
 }
 
-TEST(KLVEvent, IsRebuiltFromWhatTheDatabaseReturns) {
+TEST(KLVEvent, IsRebuiltFromARowOfTheDatabase) {
   const LogCapture log;
   KLVTimer::sharedTimer().setSDKStartTime(Clock::now() - std::chrono::milliseconds(61500));
   Counts counts;
@@ -71,7 +71,7 @@ TEST(KLVEvent, IsRebuiltFromWhatTheDatabaseReturns) {
   Dictionary stored = event.jsonDict();
   EXPECT_EQ(stored["time"], 61);
   EXPECT_EQ(stored["type"], "App");
-  stored.set("time", 61.0);  // the column is a floating one
+  stored.set("time", 61.0);  // the type of the column
   const auto rebuilt = objectFromJsonDict<KLVEvent>(stored);
   EXPECT_EQ(rebuilt->createdTime(), 61);
   EXPECT_EQ(rebuilt->eventType(), KLVEventType::app);

@@ -50,7 +50,7 @@ TEST(KLVInfo, TheStorageFormKeepsEveryNumberAndTheCustomAttributes) {
   EXPECT_EQ(json(rebuilt->jsonDictModified()), R"({"additional_info":{"plan":"gold"},"id":"u1"})");
 }
 
-TEST(KLVInfo, WhatCannotBeReadCostsNoMoreThanItself) {
+TEST(KLVInfo, AttributesThatDoNotParseAreLeftOut) {
   const LogCapture log;
   EXPECT_EQ(objectFromJsonDict<KLVUser>(std::nullopt), nullptr);
   for (const Value& broken : {Value("{\"a\":"), Value("[1]"), Value(), Value(7)}) {
@@ -92,7 +92,7 @@ TEST(KLVDeviceInfo, TheDeviceIdIsMadeOnceAndNeverReplaced) {
   EXPECT_NE(KLVDeviceInfo("").getDeviceID(), made) << "each installation has its own";
 }
 
-TEST(KLVInfo, TheInformationRecordsUploadWhatTheServiceKnowsAndNothingElse) {
+TEST(KLVInfo, RecordsUploadOnlyAttributesThatTheServiceKnows) {
   writeFileForTest(home() + "/bundle/Info.plist", R"(<plist version="1.0"><dict><key>CFBundleDisplayName</key>
       <string>Shop</string><key>CFBundleShortVersionString</key><string>2.4</string>
       <key>CFBundleIdentifier</key><string>com.example.shop</string></dict></plist>)");
@@ -123,7 +123,7 @@ TEST(KLVInfo, TheInformationRecordsUploadWhatTheServiceKnowsAndNothingElse) {
             R"({"config_id":"undefined","tick_interval":1,"chunk_retry_window":1,"sdk_version":288.0})");
 }
 
-/// Writes down what a session asks for.
+/// Records the calls of a session.
 struct Calls final : KLVSessionDelegate {
   using Listener = std::shared_ptr<KLVEventListener>;
   void registerForEventWithType(KLVEventType type, const Listener&) override { add("+", stringFromType(type)); }
@@ -136,7 +136,7 @@ struct Calls final : KLVSessionDelegate {
   std::string all;
 };
 
-TEST(KLVSession, CountsTheForegroundAndIsSavedAfterEveryChunkUntilItStops) {
+TEST(KLVSession, CountsForegroundTimeAndIsSavedAtEveryCutUntilItStops) {
   Calls calls;
   KLVTimer::sharedTimer().setSDKStartTime(Clock::now());
   const auto session = KLVSession::initWithLaunchType("normal", "D1", calls);
@@ -165,7 +165,7 @@ TEST(KLVSession, CountsTheForegroundAndIsSavedAfterEveryChunkUntilItStops) {
   session->onEvent(std::make_shared<KLVChunkEvent>());
   goForeground();
   session->stopSession();
-  EXPECT_EQ(calls.all, "") << "the bus may still hold it";
+  EXPECT_EQ(calls.all, "") << "a stopped session that is still on the bus";
 }
 
 }  // namespace

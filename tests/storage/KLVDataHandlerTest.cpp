@@ -34,7 +34,7 @@ struct Handler : testing::Test {
 struct StartedHandler : Handler {
   StartedHandler() { handler.startWithCompletionHandler({}); }
 
-  /// Keeps the handler's queue busy until the promise is kept, so that what is submitted meanwhile waits together.
+  /// Blocks the data queue until the promise is kept, so that all jobs submitted meanwhile wait together.
   std::promise<void> block() {
     std::promise<void> release;
     handler.whenStored([released = release.get_future().share()] { released.wait(); });
@@ -42,7 +42,7 @@ struct StartedHandler : Handler {
   }
 };
 
-TEST_F(StartedHandler, JobsOfEveryKindKeepTheOrderOfTheirSubmission) {
+TEST_F(StartedHandler, JobsOfAllKindsRunInTheOrderOfSubmission) {
   auto release = block();
   handler.saveEventInfo(event("a"), "S");
   handler.deleteSession("S");
@@ -58,21 +58,21 @@ TEST_F(StartedHandler, JobsOfEveryKindKeepTheOrderOfTheirSubmission) {
   EXPECT_EQ(countOf("a"), 2);
 }
 
-TEST_F(StartedHandler, DeletionsThatBelongTogetherWaitForOneAnotherAndAreDoneAllOrNot) {
+TEST_F(StartedHandler, WriteTogetherDeletesAllOrNothing) {
   handler.saveChunkMetaInfo(std::make_shared<KLVChunkMetaInfo>("S", 1, 1, 1, Array{5}));
   const auto kept = [&] { return handler.getSessions().size() + handler.retrieveChunkMetaInfo().size(); };
   for (const bool fails : {true, false}) {
     handler.writeTogether([&] {
       handler.deleteSession("S");
       handler.deleteChunkMetaInfo(std::make_shared<KLVChunk>("S"));
-      EXPECT_EQ(kept(), 2U) << "a kill here must leave everything";
+      EXPECT_EQ(kept(), 2U) << "nothing may be deleted yet: a kill here must leave all";
       if (fails) handler.saveEventInfo(event("a"), "no such session");
     });
     EXPECT_EQ(kept(), fails ? 2U : 0U);
   }
 }
 
-TEST_F(StartedHandler, CountsThatAreRememberedStayRight) {
+TEST_F(StartedHandler, CachedCountsStayCorrect) {
   for (const std::uint64_t stored : {1, 2}) {
     handler.saveEventInfo(event("a"), "S");
     EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), stored);
@@ -80,7 +80,7 @@ TEST_F(StartedHandler, CountsThatAreRememberedStayRight) {
   auto release = block();
   handler.saveEventInfo(event("b"), "S");
   handler.upsertLifetimeEvent(event("a"));
-  handler.saveEventInfo(event("c"), "no such session");  // the group is rolled back and done one by one
+  handler.saveEventInfo(event("c"), "no such session");  // rolls the group back; its writes rerun one by one
   release.set_value();
   EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 3U);
   EXPECT_EQ(countOf("a"), 1);
@@ -102,13 +102,13 @@ TEST_F(StartedHandler, CountsThatAreRememberedStayRight) {
   EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 0U);
 }
 
-TEST_F(StartedHandler, AProducerCatchesUpOnlyWhenMuchWaitsAndWhatIsReportedAsStoredSurvivesAKill) {
+TEST_F(StartedHandler, AProducerCatchesUpOnlyWhenMuchWaitsAndReportedWritesSurviveAKill) {
   FMKLVDatabase other(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite"));
   ASSERT_TRUE(other.open());
   const auto survivors = [&] { return other.intForQuery("select count(*) from events_S"); };
   auto release = block();
   for (int i = 0; i < 100; ++i) handler.saveEventInfo(event("a"), "S");
-  handler.catchUp();  // or nobody would ever release the queue
+  handler.catchUp();  // must not block, or nobody releases the queue
   int whenReported = 0;
   handler.whenStored([&] { whenReported = survivors(); });
   release.set_value();
@@ -118,7 +118,7 @@ TEST_F(StartedHandler, AProducerCatchesUpOnlyWhenMuchWaitsAndWhatIsReportedAsSto
   EXPECT_GE(whenReported, 100);
 }
 
-TEST_F(StartedHandler, WhatWasAcceptedIsStoredThoughTheHandlerHasGone) {
+TEST_F(StartedHandler, AcceptedWritesAreStoredAfterTheHandlerIsDestroyed) {
   std::promise<void> hold, stored;
   {
     KLVDataHandler other("T");
@@ -132,7 +132,7 @@ TEST_F(StartedHandler, WhatWasAcceptedIsStoredThoughTheHandlerHasGone) {
   EXPECT_EQ(handler.numberOfEventsWithIdentifier("T"), 1U);
 }
 
-TEST_F(Handler, WithoutAStartKeepsFilesAndLogsTheirFailuresButNoRows) {
+TEST_F(Handler, BeforeTheStartFilesWorkAndWritesOfRowsAreDropped) {
   handler.saveEventInfo(event("a"), "S");
   handler.deleteSession("S");
   EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 0U);

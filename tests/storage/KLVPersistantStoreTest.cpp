@@ -17,7 +17,7 @@ std::string databasePath() {
   return documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite");
 }
 
-/// Databases that were set aside.
+/// Returns the paths of the databases that were set aside.
 std::vector<std::string> asides() {
   std::vector<std::string> found;
   for (const auto& entry : fs::directory_iterator(fs::path(databasePath()).parent_path())) {
@@ -35,20 +35,20 @@ struct Store : testing::Test {
     EXPECT_TRUE(store->createEventsTableWithTableName("events_S"));
     EXPECT_TRUE(store->createAggregateEventsTable());
   }
-  /// Starts the store again, on a database changed meanwhile.
+  /// Restarts the store on a database with other content.
   void restartWith(const std::string& content) {
     store.reset();
     writeFileForTest(databasePath(), content);
     store = std::make_unique<KLVPersistantStore>();
   }
-  /// Nothing that was there is left, and the store works.
+  /// Expects a new, private database in which the store works, and one database set aside.
   void expectAFreshDatabase() {
     ASSERT_TRUE(store->createEventsTableWithTableName("events_S"));
     EXPECT_TRUE(insertEvent(*store, "kept"));
     EXPECT_EQ(store->retrieveNumberOfRecordsInTable("events_S"), 1);
     ASSERT_EQ(asides().size(), 1U);
     for (const char* file : {"", "-wal"}) {
-      EXPECT_EQ(fs::status(databasePath() + file).permissions(), fs::perms(0600)) << "others are kept out";
+      EXPECT_EQ(fs::status(databasePath() + file).permissions(), fs::perms(0600)) << "other users have no access";
     }
     EXPECT_EQ(fs::status(KLVPersistantStore::dbDirectoryPath()).permissions(), fs::perms(0700));
   }
@@ -101,7 +101,7 @@ TEST_F(Store, RangesIncludeBothEndsAndFilterOnlyWithColumnAndValue) {
   EXPECT_EQ(store->retrieveNumberOfRecordsInTable("events_none"), 0);
 }
 
-TEST_F(Store, OneBadJobInAGroupCostsOnlyItselfAndIsLoggedOnce) {
+TEST_F(Store, OneBadJobOfAGroupFailsAloneAndIsLoggedOnce) {
   std::vector<KLVPersistantStore::Job> jobs;
   for (int number = 1; number <= 9; ++number) {
     jobs.emplace_back([number](auto& s) { return insertEvent(s, std::to_string(number)); });
@@ -123,7 +123,7 @@ TEST_F(Store, OneBadJobInAGroupCostsOnlyItselfAndIsLoggedOnce) {
   EXPECT_EQ(log.count("DB Error: 1 "), 1U);
   EXPECT_EQ(log.count("<KLV ERROR> cannot be cleaned"), 1U);
 
-  // Nothing is held back or left open afterwards, and a job that only throws does not undo its neighbours.
+  // Logging and transactions work afterwards, and a job that throws does not roll back the others.
   store->performGrouped({jobs[6], jobs[0], jobs[1]});
   EXPECT_EQ(log.count("<KLV ERROR> cannot be cleaned"), 2U);
   EXPECT_EQ(store->retrieveNumberOfRecordsInTable("events_S"), 8);
@@ -131,7 +131,7 @@ TEST_F(Store, OneBadJobInAGroupCostsOnlyItselfAndIsLoggedOnce) {
   EXPECT_EQ(log.count("KLVError 1: "), 2U);
 }
 
-TEST_F(Store, ACorruptDatabaseIsSetAsideAtOnceOrAtTheStartAfterItWasFound) {
+TEST_F(Store, ACorruptDatabaseIsSetAsideAtOpeningOrAtTheNextStart) {
   for (int row = 0; row < 100; ++row) ASSERT_TRUE(insertEvent(*store, std::string(1000, 'x')));
   store.reset();
   const std::string whole = contentOf(databasePath());
@@ -154,7 +154,7 @@ TEST_F(Store, ACorruptDatabaseIsSetAsideAtOnceOrAtTheStartAfterItWasFound) {
   EXPECT_EQ(log.count("<KLV ERROR> The database is corrupt (file is not a database). It is set aside as "), 1U);
 }
 
-TEST(StoreWithoutDatabase, FailsWritesAndReadsNothingUntilThereIsRoomForOne) {
+TEST(StoreWithoutDatabase, FailsWritesAndReadsNothingUntilItCanBeOpened) {
   const LogCapture log;
   writeFileForTest(documents("kelvo-db"), "a file where the directory should be");
   KLVPersistantStore store;

@@ -13,16 +13,16 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-/// A database, of which the counts are enough, and a service that answers when it is told to.
+/// A database that only counts events, and a service that answers when the test says so.
 class Delegate final : public KLVChunkManagerDelegate {
  public:
   std::map<std::string, std::uint64_t> sessions;
   std::vector<std::shared_ptr<KLVChunkMetaInfo>> rows;
   bool refusesToPost = false;
 
-  Texts done;  ///< what was asked for, in order
+  Texts done;  ///< the calls of the manager, in order
   std::vector<HTTPCompletion> unanswered;
-  std::shared_ptr<std::promise<void>> reached;  ///< by the next cut of the current session
+  std::shared_ptr<std::promise<void>> reached;  ///< kept by the next cut of the current session
 
   std::string applicationIdentifier() override { return "shop"; }
   std::shared_ptr<KLVSession> session() override { return std::make_shared<KLVSession>("now"); }
@@ -80,9 +80,10 @@ class Delegate final : public KLVChunkManagerDelegate {
 
 class ChunkManager : public testing::Test {
  protected:
-  /// What was done by the time when the manager's queue has nothing left, the new events of the session being cut.
+  /// Cuts the current session a few times, so that the manager's queue is empty afterwards. Returns the calls since the
+  /// last time.
   Texts happened() {
-    for (int pass = 0; pass < 3; ++pass) {  // a place that becomes free queues another task
+    for (int pass = 0; pass < 3; ++pass) {  // a slot that becomes free queues another task
       auto cut = (delegate.reached = std::make_shared<std::promise<void>>())->get_future();
       manager->sendCurrentChunk();
       cut.wait();
@@ -93,20 +94,20 @@ class ChunkManager : public testing::Test {
     auto& all = delegate.unanswered;
     const auto end = all.begin() + static_cast<std::ptrdiff_t>(std::min(count, all.size()));
     const std::vector<HTTPCompletion> now(std::make_move_iterator(all.begin()), std::make_move_iterator(end));
-    all.erase(all.begin(), end);  // before the first one dies: the manager goes on at once then
+    all.erase(all.begin(), end);  // before the first completion is destroyed, because the manager then posts more
     for (const auto& each : now) each({}, HTTPResponse{200, ""}, {});
   }
   void addRow(const std::string& sid, std::uint64_t cid, std::uint64_t start, std::uint64_t end, bool sent) {
     delegate.rows.push_back(std::make_shared<KLVChunkMetaInfo>(sid, cid, start, end, Array{1}));
     delegate.rows.back()->setInfo(sent, "status");
   }
-  /// Sends again what an earlier session left, in so many chunks of ten events.
+  /// Flushes an earlier session with `count` unaccepted chunks of ten events each.
   void flushChunks(std::uint64_t count) {
     delegate.sessions = {{"now", 0}, {"old", count * 10}};
     for (std::uint64_t cid = 1; cid <= count; ++cid) addRow("old", cid, cid * 10 - 9, cid * 10, false);
     manager->flushPreviousChunks();
   }
-  static Texts sentAgain(std::uint64_t first, std::uint64_t last) {
+  static Texts resent(std::uint64_t first, std::uint64_t last) {
     Texts texts;
     for (auto cid = first; cid <= last; ++cid) {
       texts.push_back("update old_" + std::to_string(cid));
@@ -123,31 +124,31 @@ TEST_F(ChunkManager, HoldsFewBodiesAtOnceAndKeepsTheOrder) {
   bool posted = false;
   flushChunks(20);
   manager->whenPosted([&] { posted = true; });
-  EXPECT_EQ(happened(), sentAgain(1, 8)) << "and the others wait unread";
+  EXPECT_EQ(happened(), resent(1, 8)) << "the events of the others are not read yet";
   answer(3);
-  EXPECT_EQ(happened(), sentAgain(9, 11));
+  EXPECT_EQ(happened(), resent(9, 11));
   answer(8);
-  EXPECT_EQ(happened(), sentAgain(12, 19));
+  EXPECT_EQ(happened(), resent(12, 19));
   EXPECT_FALSE(posted);
   answer(1);
-  EXPECT_EQ(happened(), sentAgain(20, 20));
+  EXPECT_EQ(happened(), resent(20, 20));
   answer(8);
   EXPECT_EQ(happened(), Texts());
   EXPECT_TRUE(posted);
 }
 
-TEST_F(ChunkManager, ACutIsOnRecordAtOnceThoughItsBodyWaits) {
+TEST_F(ChunkManager, ACutInsertsItsRowAtOnceAndItsBodyWaits) {
   flushChunks(8);
-  EXPECT_EQ(happened(), sentAgain(1, 8));
+  EXPECT_EQ(happened(), resent(1, 8));
   delegate.sessions["now"] = 5;
   EXPECT_EQ(happened(), Texts{"save now_1"});
   delegate.sessions["now"] = 7;
-  EXPECT_EQ(happened(), Texts{"save now_2"}) << "the cut before covers the first five";
+  EXPECT_EQ(happened(), Texts{"save now_2"}) << "the first cut covers the first five events";
   answer(2);
   EXPECT_EQ(happened(), (Texts{"post now_1 of 5", "post now_2 of 2"}));
 }
 
-TEST_F(ChunkManager, PurgesSessionsOnceTheirTailsAreReadAndBeforeOthersAreSentAgain) {
+TEST_F(ChunkManager, PurgesSessionsAfterTheirLastCutIsReadAndBeforeOthersAreResent) {
   delegate.sessions = {{"now", 0}, {"old", 10}};
   addRow("old", 1, 1, 10, false);
   Texts cuts, purges;
@@ -158,18 +159,18 @@ TEST_F(ChunkManager, PurgesSessionsOnceTheirTailsAreReadAndBeforeOthersAreSentAg
     cuts.push_back("post " + sid + "_2 of 1");
     purges.push_back("purge " + sid);
   }
-  const std::string lastTail = cuts.back();
+  const std::string lastCut = cuts.back();
   cuts.pop_back();
   manager->flushPreviousChunks();
   EXPECT_EQ(happened(), cuts);
   answer(1);
-  EXPECT_EQ(happened(), Texts{lastTail}) << "the session was still there";
+  EXPECT_EQ(happened(), Texts{lastCut}) << "the session is not purged yet";
   answer(8);
   purges.insert(purges.end(), {"update old_1", "post old_1 of 10"});
   EXPECT_EQ(happened(), purges);
 }
 
-TEST_F(ChunkManager, ARequestThatCannotBeMadeHoldsNoPlace) {
+TEST_F(ChunkManager, ARequestThatCannotBeFormedHoldsNoSlot) {
   delegate.refusesToPost = true;
   flushChunks(20);
   EXPECT_EQ(happened().size(), 40u);

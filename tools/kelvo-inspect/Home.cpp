@@ -14,6 +14,7 @@
 #include "platform/JSON.h"
 #include "platform/PropertyList.h"
 #include "records/KLVFileNames.h"
+#include "records/KLVRecordKeys.h"
 #include "sqlite/FMKLVDatabase.h"
 #include "storage/KLVSchema.h"
 
@@ -22,7 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kAdditionalInfo = "__additional_info__";
 const std::string kEventsPrefix = std::string(kKLVEvents) + "_";
 
 /// Reads rows through a read-only connection. On failure, `rows` returns no rows and `problem` the reason.
@@ -84,7 +84,7 @@ Dictionary dictionaryFromJSON(const std::optional<std::string>& text) {
 
 /// Returns the attributes in a record's file, where they are one JSON text within the JSON.
 Dictionary attributesOfRecord(const std::string& path) {
-  return dictionaryFromJSON(dictionaryFromJSON(readFile(path))[kAdditionalInfo].asText());
+  return dictionaryFromJSON(dictionaryFromJSON(readFile(path))[kKLVAdditionalInfo].asText());
 }
 
 struct Session {

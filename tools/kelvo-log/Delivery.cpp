@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "core/KLVController.h"
-#include "storage/KLVSchema.h"
+#include "records/KLVRecordKeys.h"
 
 namespace kelvo::log {
 namespace {
