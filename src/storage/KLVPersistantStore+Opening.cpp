@@ -136,7 +136,7 @@ void KLVPersistantStore::onDatabase(const FMKLVDatabaseQueue::Block& block) {
   });
 }
 
-bool KLVPersistantStore::onDatabase(bool (FMKLVTransactions::*operation)()) {
+bool KLVPersistantStore::onDatabase(bool (FMKLVDatabase::*operation)()) {
   bool done = false;
   onDatabase([&](FMKLVDatabase& db) { done = (db.*operation)(); });
   return done;

@@ -102,7 +102,7 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] static std::unique_ptr<FMKLVDatabaseQueue> openDatabase(const std::string& path);
   [[nodiscard]] bool performInOneTransaction(const std::vector<Job>& jobs);
   void onDatabase(const FMKLVDatabaseQueue::Block& block);
-  [[nodiscard]] bool onDatabase(bool (FMKLVTransactions::*operation)());
+  [[nodiscard]] bool onDatabase(bool (FMKLVDatabase::*operation)());
   [[nodiscard]] bool create(std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] Rows rows(const std::string& sql);
   [[nodiscard]] bool write(const std::string& sql, const Parameters& parameters = {});

@@ -65,7 +65,7 @@ bool insertAndUndoInside(FMKLVDatabase& db, bool& undo) {
   return done;
 }
 
-bool insertIn(bool (FMKLVDatabaseQueue::*unit)(const FMKLVWork::TransactionBlock&, FMKLVError*),
+bool insertIn(bool (FMKLVDatabaseQueue::*unit)(const FMKLVBlockRunner::TransactionBlock&, FMKLVError*),
               FMKLVDatabaseQueue& queue) {
   bool inserted = false;
   const auto work = [&](FMKLVDatabase& db, bool& undo) { inserted = insertAndUndoInside(db, undo); };

@@ -15,7 +15,7 @@
 namespace kelvo::test {
 namespace {
 
-using Block = FMKLVWork::TransactionBlock;
+using Block = FMKLVBlockRunner::TransactionBlock;
 
 std::string path() {
   return home() + "/file.sqlite";
