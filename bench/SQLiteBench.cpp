@@ -9,8 +9,9 @@
 
 #include "sqlite/FMKLVDatabase.h"
 
-/// What the access layer costs: rows inserted through it, by named parameters, against the C interface on the same
-/// statements, on a file set up like the library's own. The argument is the number of rows a transaction.
+/// Measures the cost of the SQLite layer: inserts rows with named parameters through the layer and, for comparison,
+/// runs the same statements through the C interface. The file has the settings of the library's own database. The
+/// benchmark's argument is the number of rows per transaction.
 namespace kelvo {
 namespace {
 
@@ -40,7 +41,7 @@ Dictionary dictionary(const Row& row) {
   return {{"type", row.type}, {"name", row.name}, {"details", row.details}, {"time", row.time}};
 }
 
-/// A database in a directory of its own, removed with it.
+/// A database in its own directory. The destructor removes both.
 struct File {
   File() {
     auto pattern = (std::filesystem::temp_directory_path() / "kelvo-bench-XXXXXX").string();
@@ -138,7 +139,7 @@ void uncached(benchmark::State& state) {
   layer(state, false, Arguments::kept);
 }
 
-// As many transactions of each, so that their files grow alike.
+// Fixed numbers of transactions, so that the files of all benchmarks grow alike.
 #define KELVO_BENCH_INSERTS(function)             \
   BENCHMARK(function)->Arg(1)->Iterations(20000); \
   BENCHMARK(function)->Arg(100)->Iterations(1000)

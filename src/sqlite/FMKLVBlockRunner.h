@@ -11,8 +11,8 @@ namespace kelvo {
 
 /// Runs blocks on a connection. The base class of `FMKLVDatabaseQueue` and `FMKLVDatabasePool`.
 ///
-/// A block runs on the calling thread. If it throws, its open transaction is rolled back and the caller receives the
-/// exception. Without a usable connection the block does not run and the call returns false.
+/// A block runs on the calling thread. If it throws, a transaction that it began is rolled back, and the caller
+/// receives the exception. Without a usable connection the block does not run, and the call returns false.
 class FMKLVBlockRunner {
  public:
   using Block = std::function<void(FMKLVDatabase& db)>;

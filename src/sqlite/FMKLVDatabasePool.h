@@ -15,7 +15,7 @@ namespace kelvo {
 
 class FMKLVDatabasePool;
 
-/// Called when a pool opens a connection, on the pool's lock queue. An override may call the pool.
+/// The pool calls these on its lock queue when it opens a connection. An override may call the pool.
 class FMKLVDatabasePoolDelegate {
  public:
   /// Returns whether the pool may keep the new, open connection. If not, the pool closes it and `db` returns nullptr.
@@ -49,7 +49,8 @@ class FMKLVDatabasePool final : public FMKLVBlockRunner {
   /// Checks out an open connection. Returns nullptr if the limit is reached, the connection cannot be opened, or the
   /// delegate refuses it.
   [[nodiscard]] Connection db();
-  /// Logs an error if the connection is in the pool already. Ignores a connection of another or a released pool.
+  /// Checks a connection in. Logs an error if it is in the pool already. Ignores a connection that is not, or no
+  /// longer, of this pool.
   void pushDatabaseBackInPool(const Connection& database);
   /// Runs `block` on the lock queue: no other thread checks a connection in or out meanwhile.
   void executeLocked(const std::function<void()>& block);
