@@ -6,22 +6,18 @@
 
 namespace kelvo {
 
-FMKLVDatabase& FMKLVDatabaseAdditions::database() noexcept {
-  return static_cast<FMKLVDatabase&>(*this);
-}
-
-std::unique_ptr<FMKLVResultSet> FMKLVDatabaseAdditions::firstRow(const std::string& sql,
-                                                                 const FMKLVArguments& arguments) {
-  auto rows = database().queryWithArguments(sql, arguments);
+/// Returns nullptr if there is no row.
+FMKLVDatabase::ResultSet FMKLVDatabase::firstRow(const std::string& sql, const FMKLVArguments& arguments) {
+  auto rows = queryWithArguments(sql, arguments);
   return rows && rows->next() ? std::move(rows) : nullptr;
 }
 
-bool FMKLVDatabaseAdditions::tableExists(const std::string& tableName) {
+bool FMKLVDatabase::tableExists(const std::string& tableName) {
   return firstRow("select [sql] from sqlite_master where [type] = 'table' and lower(name) = ?",
                   lowerCased(tableName)) != nullptr;
 }
 
-bool FMKLVDatabaseAdditions::columnExists(const std::string& columnName, const std::string& tableName) {
+bool FMKLVDatabase::columnExists(const std::string& columnName, const std::string& tableName) {
   const auto columns = getTableSchema(lowerCased(tableName));
   while (columns && columns->next()) {
     if (lowerCased(columns->stringForColumn("name").value_or("")) == lowerCased(columnName)) return true;
@@ -29,39 +25,37 @@ bool FMKLVDatabaseAdditions::columnExists(const std::string& columnName, const s
   return false;
 }
 
-std::unique_ptr<FMKLVResultSet> FMKLVDatabaseAdditions::getSchema() {
-  return database().executeQuery(
+FMKLVDatabase::ResultSet FMKLVDatabase::getSchema() {
+  return executeQuery(
       "SELECT type, name, tbl_name, rootpage, sql FROM (SELECT * FROM sqlite_master UNION ALL SELECT * FROM "
       "sqlite_temp_master) WHERE type != 'meta' AND name NOT LIKE 'sqlite_%' ORDER BY tbl_name, type DESC, name");
 }
 
-std::unique_ptr<FMKLVResultSet> FMKLVDatabaseAdditions::getTableSchema(const std::string& tableName) {
-  return database().executeQuery(fmt::format("pragma table_info('{}')", FMDBEscapeSavePointName(tableName)));
+FMKLVDatabase::ResultSet FMKLVDatabase::getTableSchema(const std::string& tableName) {
+  return executeQuery(fmt::format("pragma table_info('{}')", FMDBEscapeSavePointName(tableName)));
 }
 
-std::uint32_t FMKLVDatabaseAdditions::applicationID() {
+std::uint32_t FMKLVDatabase::applicationID() {
   return static_cast<std::uint32_t>(intForQuery("pragma application_id"));
 }
 
-bool FMKLVDatabaseAdditions::setApplicationID(std::uint32_t applicationID) {
-  return database().executeUpdate(fmt::format("pragma application_id={}", static_cast<std::int32_t>(applicationID)));
+bool FMKLVDatabase::setApplicationID(std::uint32_t applicationID) {
+  return executeUpdate(fmt::format("pragma application_id={}", static_cast<std::int32_t>(applicationID)));
 }
 
-std::uint32_t FMKLVDatabaseAdditions::userVersion() {
+std::uint32_t FMKLVDatabase::userVersion() {
   return static_cast<std::uint32_t>(intForQuery("pragma user_version"));
 }
 
-bool FMKLVDatabaseAdditions::setUserVersion(std::uint32_t version) {
-  return database().executeUpdate(fmt::format("pragma user_version = {}", static_cast<std::int32_t>(version)));
+bool FMKLVDatabase::setUserVersion(std::uint32_t version) {
+  return executeUpdate(fmt::format("pragma user_version = {}", static_cast<std::int32_t>(version)));
 }
 
-bool FMKLVDatabaseAdditions::validateSQL(const std::string& sql, FMKLVError* error) {
-  FMKLVDatabase& db = database();
-  db.forgetFailure();
+bool FMKLVDatabase::validateSQL(const std::string& sql, FMKLVError* error) {
+  handle_.forgetFailure();
   sqlite3_stmt* statement = nullptr;
-  const bool valid =
-      db.databaseExists() && sqlite3_prepare_v2(db.db(), sql.c_str(), -1, &statement, nullptr) == SQLITE_OK;
-  if (!valid && error != nullptr) *error = db.lastError();
+  const bool valid = databaseExists() && sqlite3_prepare_v2(db(), sql.c_str(), -1, &statement, nullptr) == SQLITE_OK;
+  if (!valid && error != nullptr) *error = lastError();
   sqlite3_finalize(statement);
   return valid;
 }

@@ -11,10 +11,13 @@
 
 namespace kelvo {
 
-/// Stands while a statement is prepared and stepped; detects a connection that is used from two places at once.
+/// Prepares, binds and steps one statement. While an execution exists, the connection refuses any other statement: a
+/// second thread or a SQL function uses it by mistake.
 class FMKLVDatabase::Execution {
  public:
-  explicit Execution(FMKLVDatabase& database) : database_(database), entered_(database.isFree()) {
+  enum class Form { query, update };
+
+  Execution(FMKLVDatabase& database, Form form) : database_(database), form_(form), entered_(database.isFree()) {
     if (entered_) database_.isExecutingStatement_ = true;
   }
   Execution(const Execution&) = delete;
@@ -22,58 +25,102 @@ class FMKLVDatabase::Execution {
   ~Execution() {
     if (entered_) database_.isExecutingStatement_ = false;
   }
-  explicit operator bool() const noexcept { return entered_; }
+
+  /// Returns the statement with its arguments bound, or nullptr.
+  [[nodiscard]] std::shared_ptr<FMKLVStatement> statement(const std::string& sql, const FMKLVArguments& arguments);
+  /// Runs an update and finishes its statement.
+  [[nodiscard]] bool step(FMKLVStatement& statement);
+
+  /// Returns the SQL text of `format`, or nullopt if the format is wrong or does not match `values`.
+  [[nodiscard]] static std::optional<std::string> textOfFormat(FMKLVDatabase& database, const std::string& format,
+                                                               const Array& values, Form form);
 
  private:
+  [[nodiscard]] std::shared_ptr<FMKLVStatement> prepare(const std::string& sql);
+  [[nodiscard]] bool bind(FMKLVStatement& statement, const FMKLVArguments& arguments);
+  static void reportBindCount(FMKLVDatabase& database, const std::string& sql, int bound, int expected, Form form);
+
   FMKLVDatabase& database_;
-  bool entered_;
+  const Form form_;
+  const bool entered_;
 };
 
-bool FMKLVDatabase::isFree() {
-  forgetFailure();
-  if (!databaseExists()) return false;
-  if (!isExecutingStatement_) return true;
-  KLV_ERROR("The FMDatabase {} is currently in use.", description());
-  keepFailure({"FMDatabase", SQLITE_MISUSE, "The connection is currently in use"});
+bool FMKLVDatabase::databaseExists() {
+  if (isOpen()) return true;
+  KLV_ERROR("The FMDatabase {} is not open.", description());
+  handle_.keepFailure({"FMDatabase", SQLITE_MISUSE, "The connection is not open"});
   return false;
 }
 
-std::shared_ptr<FMKLVStatement> FMKLVDatabase::prepare(const std::string& sql) {
-  if (shouldCacheStatements()) {
-    if (auto cached = cachedStatementForQuery(sql)) {
+/// Returns whether the connection is open and executes no statement. Forgets the last failure.
+bool FMKLVDatabase::isFree() {
+  handle_.forgetFailure();
+  if (!databaseExists()) return false;
+  if (!isExecutingStatement_) return true;
+  KLV_ERROR("The FMDatabase {} is currently in use.", description());
+  handle_.keepFailure({"FMDatabase", SQLITE_MISUSE, "The connection is currently in use"});
+  return false;
+}
+
+std::shared_ptr<FMKLVStatement> FMKLVDatabase::Execution::statement(const std::string& sql,
+                                                                    const FMKLVArguments& arguments) {
+  if (!entered_) return nullptr;
+  if (database_.traceExecution_) {
+    if (form_ == Form::query) {
+      KLV_DEBUG("{} executeQuery: {}", database_.description(), sql);
+    } else {
+      KLV_DEBUG("{} executeUpdate: {}", database_.description(), sql);
+    }
+  }
+  auto prepared = prepare(sql);
+  if (!prepared || !bind(*prepared, arguments)) return nullptr;
+  if (database_.shouldCacheStatements()) database_.setCachedStatement(prepared, sql);
+  prepared->countUse();
+  return prepared;
+}
+
+std::shared_ptr<FMKLVStatement> FMKLVDatabase::Execution::prepare(const std::string& sql) {
+  if (database_.shouldCacheStatements()) {
+    if (auto cached = database_.cachedStatementForQuery(sql)) {
       cached->reset();
       return cached;
     }
   }
   sqlite3_stmt* handle = nullptr;
-  const int code = sqlite3_prepare_v2(db_, sql.c_str(), -1, &handle, nullptr);
+  const int code = sqlite3_prepare_v2(database_.db(), sql.c_str(), -1, &handle, nullptr);
   if (code == SQLITE_OK) return std::make_shared<FMKLVStatement>(handle, sql);
-  if (logsErrors_) {
-    KLV_ERROR("DB Error: {} \"{}\"", lastErrorCode(), lastErrorMessage());
+  if (database_.logsErrors_) {
+    KLV_ERROR("DB Error: {} \"{}\"", database_.lastErrorCode(), database_.lastErrorMessage());
     KLV_ERROR("DB Query: {}", sql);
-    KLV_ERROR("DB Path: {}", databasePath_);
+    KLV_ERROR("DB Path: {}", database_.databasePath_);
   }
-  if (crashOnErrors_) {
-    KLVLogger::drain(std::chrono::seconds(1));  // the lines above say why
+  if (database_.crashOnErrors_) {
+    KLVLogger::drain(std::chrono::seconds(1));  // writes the lines above
     std::abort();
   }
   return nullptr;
 }
 
-/// Finishes a statement that is short of values.
-bool FMKLVDatabase::bind(FMKLVStatement& statement, const FMKLVArguments& arguments, Form form) {
+/// Finishes the statement and returns false unless every parameter has a value.
+bool FMKLVDatabase::Execution::bind(FMKLVStatement& statement, const FMKLVArguments& arguments) {
+  const auto& format = database_.dateFormat_;
   const int expected = statement.parameterCount();
-  const int bound = statement.bindArguments(arguments, {traceExecution_, logsErrors_, dateFormat()});
+  const int bound = statement.bindArguments(
+      arguments, {database_.traceExecution_, database_.logsErrors_, format ? &*format : nullptr});
   if (bound == expected) return true;
-  reportBindCount(statement.query(), bound, expected, form);
-  if (const int code = statement.bindCode(); code != SQLITE_OK) keepFailure({"FMDatabase", code, sqlite3_errstr(code)});
+  reportBindCount(database_, statement.query(), bound, expected, form_);
+  if (const int code = statement.bindCode(); code != SQLITE_OK) {
+    database_.handle_.keepFailure({"FMDatabase", code, sqlite3_errstr(code)});
+  }
   statement.finish();
   return false;
 }
 
-void FMKLVDatabase::reportBindCount(const std::string& sql, int bound, int expected, Form form) {
-  keepFailure({"FMDatabase", SQLITE_RANGE, "The bind count is not correct for the number of variables"});
-  if (!logsErrors_) return;
+void FMKLVDatabase::Execution::reportBindCount(FMKLVDatabase& database, const std::string& sql, int bound, int expected,
+                                               Form form) {
+  database.handle_.keepFailure(
+      {"FMDatabase", SQLITE_RANGE, "The bind count is not correct for the number of variables"});
+  if (!database.logsErrors_) return;
   if (form == Form::query) {
     KLV_ERROR("Error: the bind count is not correct for the # of variables (executeQuery)");
   } else {
@@ -82,75 +129,67 @@ void FMKLVDatabase::reportBindCount(const std::string& sql, int bound, int expec
   }
 }
 
+bool FMKLVDatabase::Execution::step(FMKLVStatement& statement) {
+  statement.setInUse(true);
+  const int code = statement.statement() != nullptr ? sqlite3_step(statement.statement()) : SQLITE_MISUSE;
+  const bool succeeded = code == SQLITE_DONE || code == SQLITE_OK;
+  if (!succeeded) {
+    database_.handle_.noteFailure(code);
+    if (database_.logsErrors_) {
+      if (code == SQLITE_ERROR) {
+        KLV_ERROR("Error calling sqlite3_step ({}: {}) SQLITE_ERROR", code, database_.lastErrorMessage());
+      } else if (code == SQLITE_MISUSE) {
+        KLV_ERROR("Error calling sqlite3_step ({}: {}) SQLITE_MISUSE", code, database_.lastErrorMessage());
+      } else {
+        KLV_ERROR("Unknown error calling sqlite3_step ({}: {}) eu", code, database_.lastErrorMessage());
+      }
+    }
+  }
+  const int closing = statement.finish();
+  if (closing != SQLITE_OK && database_.logsErrors_) {
+    KLV_ERROR("Unknown error finalizing or resetting statement ({}: {})", closing, database_.lastErrorMessage());
+  }
+  return succeeded;
+}
+
+std::optional<std::string> FMKLVDatabase::Execution::textOfFormat(FMKLVDatabase& database, const std::string& format,
+                                                                  const Array& values, Form form) {
+  if (!database.isFree()) return std::nullopt;
+  auto parsed = FMKLVFormat::parse(format);
+  if (!parsed) {
+    database.handle_.keepFailure({"FMDatabase", SQLITE_ERROR, "The format has an unknown item"});
+    if (database.logsErrors_) KLV_ERROR("Error: the format has an unknown item: {}", format);
+    return std::nullopt;
+  }
+  if (parsed->items == values.size()) return std::move(parsed->sql);
+  reportBindCount(database, parsed->sql, static_cast<int>(values.size()), static_cast<int>(parsed->items), form);
+  return std::nullopt;
+}
+
 FMKLVDatabase::ResultSet FMKLVDatabase::queryWithArguments(const std::string& sql, const FMKLVArguments& arguments) {
-  const Execution execution(*this);
-  if (!execution) return nullptr;
-  if (traceExecution_) KLV_DEBUG("{} executeQuery: {}", description(), sql);
-  auto statement = prepare(sql);
-  if (!statement || !bind(*statement, arguments, Form::query)) return nullptr;
-  if (shouldCacheStatements()) setCachedStatement(statement, sql);
-  statement->countUse();
-  return FMKLVResultSet::resultSetWithStatement(std::move(statement), *this);
+  Execution execution(*this, Execution::Form::query);
+  auto statement = execution.statement(sql, arguments);
+  return statement ? FMKLVResultSet::resultSetWithStatement(std::move(statement), *this) : nullptr;
 }
 
 bool FMKLVDatabase::updateWithArguments(const std::string& sql, const FMKLVArguments& arguments, FMKLVError* error) {
   bool done = false;
-  if (const Execution execution(*this); execution) {
-    if (traceExecution_) KLV_DEBUG("{} executeUpdate: {}", description(), sql);
-    const auto statement = prepare(sql);
-    if (statement && bind(*statement, arguments, Form::update)) {
-      if (shouldCacheStatements()) setCachedStatement(statement, sql);
-      statement->countUse();
-      done = step(*statement);
-    }
+  {
+    Execution execution(*this, Execution::Form::update);
+    const auto statement = execution.statement(sql, arguments);
+    done = statement && execution.step(*statement);
   }
   if (!done && error != nullptr) *error = lastError();
   return done;
 }
 
-bool FMKLVDatabase::step(FMKLVStatement& statement) {
-  statement.setInUse(true);
-  const int code = statement.statement() != nullptr ? sqlite3_step(statement.statement()) : SQLITE_MISUSE;
-  const bool succeeded = code == SQLITE_DONE || code == SQLITE_OK;
-  if (!succeeded) {
-    noteFailure(code);
-    if (logsErrors_) {
-      if (code == SQLITE_ERROR) {
-        KLV_ERROR("Error calling sqlite3_step ({}: {}) SQLITE_ERROR", code, lastErrorMessage());
-      } else if (code == SQLITE_MISUSE) {
-        KLV_ERROR("Error calling sqlite3_step ({}: {}) SQLITE_MISUSE", code, lastErrorMessage());
-      } else {
-        KLV_ERROR("Unknown error calling sqlite3_step ({}: {}) eu", code, lastErrorMessage());
-      }
-    }
-  }
-  const int closing = statement.finish();
-  if (closing != SQLITE_OK && logsErrors_) {
-    KLV_ERROR("Unknown error finalizing or resetting statement ({}: {})", closing, lastErrorMessage());
-  }
-  return succeeded;
-}
-
-std::optional<std::string> FMKLVDatabase::textOfFormat(const std::string& format, const Array& values, Form form) {
-  if (!isFree()) return std::nullopt;
-  auto parsed = FMKLVFormat::parse(format);
-  if (!parsed) {
-    keepFailure({"FMDatabase", SQLITE_ERROR, "The format has an unknown item"});
-    if (logsErrors_) KLV_ERROR("Error: the format has an unknown item: {}", format);
-    return std::nullopt;
-  }
-  if (parsed->items == values.size()) return std::move(parsed->sql);
-  reportBindCount(parsed->sql, static_cast<int>(values.size()), static_cast<int>(parsed->items), form);
-  return std::nullopt;
-}
-
 FMKLVDatabase::ResultSet FMKLVDatabase::queryWithFormat(const std::string& format, const Array& values) {
-  const auto sql = textOfFormat(format, values, Form::query);
+  const auto sql = Execution::textOfFormat(*this, format, values, Execution::Form::query);
   return sql ? queryWithArguments(*sql, values) : nullptr;
 }
 
 bool FMKLVDatabase::updateWithFormat(const std::string& format, const Array& values) {
-  const auto sql = textOfFormat(format, values, Form::update);
+  const auto sql = Execution::textOfFormat(*this, format, values, Execution::Form::update);
   return sql && updateWithArguments(*sql, values, nullptr);
 }
 
@@ -160,7 +199,7 @@ struct Batch {
   const FMKLVDatabase::ResultBlock& block;
   std::exception_ptr thrown;
 
-  /// SQLite is C: an exception must not pass through it.
+  /// Catches exceptions, because they must not pass through SQLite, which is written in C.
   static int takeRow(void* batch, int count, char** texts, char** names) noexcept {
     auto& self = *static_cast<Batch*>(batch);
     try {
@@ -180,11 +219,11 @@ bool FMKLVDatabase::executeStatements(const std::string& sql, const ResultBlock&
   if (!isFree()) return false;
   Batch batch{block, nullptr};
   char* message = nullptr;
-  const int code = sqlite3_exec(db_, sql.c_str(), block ? &Batch::takeRow : nullptr, &batch, &message);
+  const int code = sqlite3_exec(db(), sql.c_str(), block ? &Batch::takeRow : nullptr, &batch, &message);
   const std::unique_ptr<char, decltype(&sqlite3_free)> owned(message, &sqlite3_free);
   if (batch.thrown) std::rethrow_exception(batch.thrown);
   if (code == SQLITE_OK) return true;
-  noteFailure(code);
+  handle_.noteFailure(code);
   if (logsErrors_) KLV_ERROR("Error inserting batch: {}", message != nullptr ? message : sqlite3_errstr(code));
   return false;
 }

@@ -25,19 +25,29 @@ void FMKLVDatabasePool::executeLocked(const std::function<void()>& block) {
 }
 
 void FMKLVDatabasePool::setDelegate(FMKLVDatabasePoolDelegate* delegate) {
-  executeLocked([&] { delegate_ = delegate; });
+  executeLocked([&] {
+    lockQueue_.assertCurrent();
+    delegate_ = delegate;
+  });
 }
 
 void FMKLVDatabasePool::setMaximumNumberOfDatabasesToCreate(std::uint64_t maximum) {
-  executeLocked([&] { maximumNumberOfDatabasesToCreate_ = maximum; });
+  executeLocked([&] {
+    lockQueue_.assertCurrent();
+    maximumNumberOfDatabasesToCreate_ = maximum;
+  });
 }
 
 std::uint64_t FMKLVDatabasePool::maximumNumberOfDatabasesToCreate() {
-  return lockQueue_.sync([&] { return maximumNumberOfDatabasesToCreate_; });
+  return lockQueue_.sync([&] {
+    lockQueue_.assertCurrent();
+    return maximumNumberOfDatabasesToCreate_;
+  });
 }
 
 FMKLVDatabasePool::Connection FMKLVDatabasePool::db() {
   return lockQueue_.sync([&] {
+    lockQueue_.assertCurrent();
     auto database = databaseInPool_.empty() ? addToPool() : takeFromPool();
     if (database) database->setCheckedOut(true);
     return database;
@@ -53,7 +63,7 @@ bool FMKLVDatabasePool::opens(FMKLVDatabase& database) const {
 FMKLVDatabasePool::Connection FMKLVDatabasePool::takeFromPool() {
   auto database = std::move(databaseInPool_.back());
   databaseInPool_.pop_back();
-  if (!opens(*database)) return nullptr;  // its last user had closed it
+  if (!opens(*database)) return nullptr;  // the last user may have closed it
   databaseOutPool_.push_back(database);
   return database;
 }
@@ -78,6 +88,7 @@ FMKLVDatabasePool::Connection FMKLVDatabasePool::addToPool() {
 void FMKLVDatabasePool::pushDatabaseBackInPool(const Connection& database) {
   if (!database) return;
   executeLocked([&] {
+    lockQueue_.assertCurrent();
     if (std::find(databaseInPool_.begin(), databaseInPool_.end(), database) != databaseInPool_.end()) {
       KLV_ERROR("Database already in pool: The FMDatabase being put back into the pool is already present in the pool");
       return;
@@ -94,19 +105,29 @@ void FMKLVDatabasePool::pushDatabaseBackInPool(const Connection& database) {
 }
 
 std::uint64_t FMKLVDatabasePool::countOfCheckedInDatabases() {
-  return lockQueue_.sync([&] { return databaseInPool_.size(); });
+  return lockQueue_.sync([&] {
+    lockQueue_.assertCurrent();
+    return databaseInPool_.size();
+  });
 }
 
 std::uint64_t FMKLVDatabasePool::countOfCheckedOutDatabases() {
-  return lockQueue_.sync([&] { return databaseOutPool_.size(); });
+  return lockQueue_.sync([&] {
+    lockQueue_.assertCurrent();
+    return databaseOutPool_.size();
+  });
 }
 
 std::uint64_t FMKLVDatabasePool::countOfOpenDatabases() {
-  return lockQueue_.sync([&] { return databaseInPool_.size() + databaseOutPool_.size(); });
+  return lockQueue_.sync([&] {
+    lockQueue_.assertCurrent();
+    return databaseInPool_.size() + databaseOutPool_.size();
+  });
 }
 
 void FMKLVDatabasePool::releaseAllDatabases() {
   executeLocked([&] {
+    lockQueue_.assertCurrent();
     databaseInPool_.clear();
     databaseOutPool_.clear();
   });
@@ -121,32 +142,6 @@ bool FMKLVDatabasePool::perform(const std::function<bool(FMKLVDatabase&)>& work,
   if (taken.database) return work(*taken.database);
   if (error != nullptr) *error = {"FMDatabase", SQLITE_CANTOPEN, "The pool has no connection to give"};
   return false;
-}
-
-bool FMKLVDatabasePool::inDatabase(const Block& block) {
-  return perform(
-      [&](FMKLVDatabase& db) {
-        FMKLVWork::perform(db, block);
-        return true;
-      },
-      nullptr);
-}
-
-bool FMKLVDatabasePool::beginTransaction(FMKLVTransactions::Kind kind, const TransactionBlock& block,
-                                         FMKLVError* error) {
-  return perform([&](FMKLVDatabase& db) { return FMKLVWork::performInTransaction(db, kind, block, error); }, error);
-}
-
-bool FMKLVDatabasePool::inTransaction(const TransactionBlock& block, FMKLVError* error) {
-  return beginTransaction(FMKLVTransactions::Kind::exclusive, block, error);
-}
-
-bool FMKLVDatabasePool::inDeferredTransaction(const TransactionBlock& block, FMKLVError* error) {
-  return beginTransaction(FMKLVTransactions::Kind::deferred, block, error);
-}
-
-bool FMKLVDatabasePool::inSavePoint(const TransactionBlock& block, FMKLVError* error) {
-  return perform([&](FMKLVDatabase& db) { return FMKLVWork::performInSavePoint(db, block, error); }, error);
 }
 
 }  // namespace kelvo

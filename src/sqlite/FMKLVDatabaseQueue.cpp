@@ -12,23 +12,26 @@ namespace kelvo {
 std::unique_ptr<FMKLVDatabaseQueue> FMKLVDatabaseQueue::databaseQueueWithPath(std::optional<std::string> path,
                                                                               int flags,
                                                                               const DatabaseClass& databaseClass) {
-  std::unique_ptr<FMKLVDatabaseQueue> queue(new FMKLVDatabaseQueue(std::move(path), flags, databaseClass));
-  if (queue->db_->openWithFlags(flags)) return queue;
-  KLV_DEBUG("Could not create database queue for path {}", queue->path_);
-  return nullptr;
+  auto db = databaseClass(path);
+  if (!db->openWithFlags(flags)) {
+    KLV_DEBUG("Could not create database queue for path {}", path);
+    return nullptr;
+  }
+  return std::unique_ptr<FMKLVDatabaseQueue>(new FMKLVDatabaseQueue(std::move(path), flags, std::move(db)));
 }
 
-FMKLVDatabaseQueue::FMKLVDatabaseQueue(std::optional<std::string> path, int flags, const DatabaseClass& databaseClass)
+FMKLVDatabaseQueue::FMKLVDatabaseQueue(std::optional<std::string> path, int flags, std::unique_ptr<FMKLVDatabase> db)
     : path_(std::move(path)),
       openFlags_(flags),
       queue_(fmt::format("fmdb.<FMKLVDatabaseQueue: {}>", fmt::ptr(this))),
-      db_(databaseClass(path_)) {}
+      db_(std::move(db)) {}
 
 FMKLVDatabaseQueue::~FMKLVDatabaseQueue() {
   close();
 }
 
 FMKLVDatabase* FMKLVDatabaseQueue::database() {
+  queue_.assertCurrent();
   if (db_->isOpen() || db_->openWithFlags(openFlags_)) return db_.get();
   KLV_DEBUG("FMDatabaseQueue could not reopen database for path {}", path_);
   return nullptr;
@@ -41,6 +44,7 @@ bool FMKLVDatabaseQueue::perform(const std::function<bool(FMKLVDatabase&)>& work
         "deadlock\"");
   }
   return queue_.sync([&] {
+    queue_.assertCurrent();
     auto* db = database();
     if (db == nullptr) {
       if (error != nullptr) *error = db_->lastError();
@@ -54,34 +58,11 @@ bool FMKLVDatabaseQueue::perform(const std::function<bool(FMKLVDatabase&)>& work
   });
 }
 
-bool FMKLVDatabaseQueue::inDatabase(const Block& block) {
-  return perform(
-      [&](FMKLVDatabase& db) {
-        FMKLVWork::perform(db, block);
-        return true;
-      },
-      nullptr);
-}
-
-bool FMKLVDatabaseQueue::beginTransaction(FMKLVTransactions::Kind kind, const TransactionBlock& block,
-                                          FMKLVError* error) {
-  return perform([&](FMKLVDatabase& db) { return FMKLVWork::performInTransaction(db, kind, block, error); }, error);
-}
-
-bool FMKLVDatabaseQueue::inTransaction(const TransactionBlock& block, FMKLVError* error) {
-  return beginTransaction(FMKLVTransactions::Kind::exclusive, block, error);
-}
-
-bool FMKLVDatabaseQueue::inDeferredTransaction(const TransactionBlock& block, FMKLVError* error) {
-  return beginTransaction(FMKLVTransactions::Kind::deferred, block, error);
-}
-
-bool FMKLVDatabaseQueue::inSavePoint(const TransactionBlock& block, FMKLVError* error) {
-  return perform([&](FMKLVDatabase& db) { return FMKLVWork::performInSavePoint(db, block, error); }, error);
-}
-
 void FMKLVDatabaseQueue::close() {
-  queue_.sync([&] { db_->close(); });
+  queue_.sync([&] {
+    queue_.assertCurrent();
+    db_->close();
+  });
 }
 
 }  // namespace kelvo

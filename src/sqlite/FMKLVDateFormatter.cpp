@@ -9,6 +9,12 @@
 #include "platform/ClassicLocale.h"
 
 namespace kelvo {
+namespace {
+
+constexpr std::size_t kUsualLength = 64;  // bytes; enough for a date in any common pattern
+constexpr int kTmYear1970 = 70;           // `tm_year` counts from 1900
+
+}  // namespace
 
 FMKLVDateFormatter::FMKLVDateFormatter(std::string pattern) : pattern_(std::move(pattern)) {}
 
@@ -16,8 +22,8 @@ std::string FMKLVDateFormatter::stringFromDate(Date date) const {
   const time_t seconds = std::chrono::floor<std::chrono::seconds>(date).time_since_epoch().count();
   tm parts{};
   gmtime_r(&seconds, &parts);
-  const std::string marked = pattern_ + ".";  // never empty, so that 0 means that the text was too long
-  std::string text(64, '\0');
+  const std::string marked = pattern_ + ".";  // the result is never empty, so 0 means that `text` is too short
+  std::string text(kUsualLength, '\0');
   for (;;) {
     const std::size_t length = strftime_l(text.data(), text.size(), marked.c_str(), &parts, classicLocale());
     if (length > 0) return text.substr(0, length - 1);
@@ -27,11 +33,11 @@ std::string FMKLVDateFormatter::stringFromDate(Date date) const {
 
 std::optional<Date> FMKLVDateFormatter::dateFromString(const std::string& text) const {
   tm parts{};
-  parts.tm_year = 70;
+  parts.tm_year = kTmYear1970;
   parts.tm_mday = 1;
   const char* rest = strptime_l(text.c_str(), pattern_.c_str(), &parts, classicLocale());
   if (rest != text.c_str() + text.size()) return std::nullopt;
-  const auto eastOfGreenwich = parts.tm_gmtoff;  // timegm wipes it
+  const auto eastOfGreenwich = parts.tm_gmtoff;  // timegm resets it
   return dateFromSecondsSince1970(static_cast<double>(timegm(&parts) - eastOfGreenwich));
 }
 

@@ -4,7 +4,7 @@
 
 namespace kelvo {
 
-/// Why a call of the SQLite layer failed.
+/// The reason why a call of the SQLite layer failed.
 struct FMKLVError {
   std::string domain = "FMDatabase";
   int code = 0;  ///< SQLite's result code

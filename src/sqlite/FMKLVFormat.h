@@ -6,15 +6,15 @@
 
 namespace kelvo {
 
-/// SQL text in which every item of a printf-like format has become a parameter.
+/// The SQL text of a printf-like format, with a parameter in place of every item.
 ///
-/// Items are `%@` and what printf knows: flags, width, precision and length may stand in it. An item says where a
-/// value goes, the value itself says as what it is bound. `%%` is a per cent sign.
+/// An item is `%@` or a conversion of printf, with any flags, width, precision and length. It only marks the place of
+/// a value. The value's own type decides the SQLite type. `%%` is a per cent sign.
 struct FMKLVFormat {
   std::string sql;
   std::size_t items = 0;
 
-  /// nullopt when something else follows a per cent sign.
+  /// Returns nullopt if a per cent sign starts neither an item nor `%%`.
   [[nodiscard]] static std::optional<FMKLVFormat> parse(std::string_view format);
 };
 

@@ -5,7 +5,7 @@
 
 namespace kelvo {
 
-/// As SQLite compares names: ASCII letters only, whatever the locale is.
+/// Returns `name` with its ASCII letters in lower case, in any locale. SQLite compares names the same way.
 [[nodiscard]] inline std::string lowerCased(std::string_view name) {
   std::string text(name);
   for (char& character : text) {
@@ -14,7 +14,7 @@ namespace kelvo {
   return text;
 }
 
-/// Doubles every single quote, so that the name can stand between two of them.
+/// Returns `name` with every single quote doubled, for use between single quotes in SQL.
 [[nodiscard]] inline std::string FMDBEscapeSavePointName(std::string_view name) {
   std::string escaped;
   for (const char character : name) escaped.append(character == '\'' ? 2 : 1, character);

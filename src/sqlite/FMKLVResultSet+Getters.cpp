@@ -9,7 +9,7 @@
 
 namespace kelvo {
 
-/// SQLite counts a number that does not exist as a failure of the connection, so it is not asked for one.
+/// SQLite records a wrong column index as a failure of the connection, so the getters check the index first.
 bool FMKLVResultSet::hasColumn(int index) const noexcept {
   return statement_ && index >= 0 && index < sqlite3_data_count(statement_->statement());
 }

@@ -24,11 +24,11 @@ FMKLVResultSet::FMKLVResultSet(std::shared_ptr<FMKLVStatement> statement, FMKLVD
 
 bool FMKLVResultSet::nextWithError(FMKLVError* error) {
   sqlite3_stmt* row = statement_ ? statement_->statement() : nullptr;
-  if (parentDB_ != nullptr) parentDB_->forgetFailure();
+  if (parentDB_ != nullptr) parentDB_->handle_.forgetFailure();
   const int code = row != nullptr ? sqlite3_step(row) : SQLITE_MISUSE;
   if (code == SQLITE_ROW) return true;
   if (code != SQLITE_DONE) {
-    if (parentDB_ != nullptr) parentDB_->noteFailure(code);
+    if (parentDB_ != nullptr) parentDB_->handle_.noteFailure(code);
     const FMKLVError failure =
         parentDB_ != nullptr ? parentDB_->lastError() : FMKLVError{"FMDatabase", code, "parentDB does not exist"};
     if (parentDB_ == nullptr || parentDB_->logsErrors()) {

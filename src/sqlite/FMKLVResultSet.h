@@ -17,9 +17,10 @@ namespace kelvo {
 
 class FMKLVDatabase;
 
-/// A cursor over the rows of a query, standing before the first one at the start.
+/// A cursor over the rows of a query. It starts before the first row.
 ///
-/// Open until `close`, the end of its rows, the end of its connection or its own. Used where its connection is.
+/// It closes after its last row, with its connection, or when it is destroyed. The statement keeps the arguments.
+/// Thread: the connection's.
 class FMKLVResultSet {
  public:
   /// Marks the statement as in use.
@@ -31,11 +32,11 @@ class FMKLVResultSet {
 
   // --- Rows.
 
-  /// Moves to the next row; false, and closed, when there is none or SQLite reports a failure, which is logged.
+  /// Moves to the next row. At the end or after a failure, which is logged, it closes and returns false.
   [[nodiscard]] bool next() { return nextWithError(nullptr); }
-  /// As above; a failure is told in `error`, too, which the end of the rows leaves alone.
+  /// The same, and stores a failure in `error` unless that is nullptr. The end of the rows does not change `error`.
   [[nodiscard]] bool nextWithError(FMKLVError* error);
-  /// Whether it stands on a row.
+  /// Returns whether there is a current row.
   [[nodiscard]] bool hasAnotherRow() const noexcept;
   void close();
 
@@ -43,13 +44,14 @@ class FMKLVResultSet {
 
   [[nodiscard]] const std::string& query() const noexcept { return query_; }
   [[nodiscard]] int columnCount() const noexcept;
-  /// Ignores case; -1, with a warning, when there is none.
+  /// Ignores case. Returns -1 and logs a warning if there is no such column.
   [[nodiscard]] int columnIndexForName(std::string_view name) const;
   [[nodiscard]] std::string columnNameForIndex(int index) const;
 
-  // --- The current row, converted by SQLite's rules. Without a row or such a column: 0, false or nullopt, as for NULL.
+  // --- The current row. SQLite's rules convert the values. NULL, a missing column and a missing row give 0, false,
+  // nullopt or nullptr.
 
-  /// Clamped to 32 bits.
+  /// Clamps the value to 32 bits.
   [[nodiscard]] int intForColumnIndex(int index) const;
   [[nodiscard]] long longForColumnIndex(int index) const { return static_cast<long>(longLongIntForColumnIndex(index)); }
   [[nodiscard]] std::int64_t longLongIntForColumnIndex(int index) const;
@@ -59,14 +61,15 @@ class FMKLVResultSet {
   [[nodiscard]] bool boolForColumnIndex(int index) const { return longLongIntForColumnIndex(index) != 0; }
   [[nodiscard]] double doubleForColumnIndex(int index) const;
   [[nodiscard]] std::optional<std::string> stringForColumnIndex(int index) const;
-  /// Valid until the next row or `close`; nullptr for NULL.
+  /// The pointer is valid until the next row or `close`.
   [[nodiscard]] const char* UTF8StringForColumnIndex(int index) const;
-  /// Reads by the connection's date formatter, or seconds since 1970; nullopt also for what is no date.
+  /// Reads a text with the connection's date formatter, otherwise seconds since 1970. Returns nullopt if the value is
+  /// not a date.
   [[nodiscard]] std::optional<Date> dateForColumnIndex(int index) const;
   [[nodiscard]] std::optional<Data> dataForColumnIndex(int index) const;
-  /// Valid until the next row or `close`.
+  /// The bytes are valid until the next row or `close`.
   [[nodiscard]] std::optional<std::span<const std::uint8_t>> dataNoCopyForColumnIndex(int index) const;
-  /// An integer, a double, a text, bytes, or the null value.
+  /// Returns a signed 64-bit integer, a double, a text, bytes, or the null value.
   [[nodiscard]] Value objectForColumnIndex(int index) const;
   [[nodiscard]] bool columnIndexIsNull(int index) const;
 
@@ -104,19 +107,19 @@ class FMKLVResultSet {
   [[nodiscard]] Value operator[](int index) const { return objectForColumnIndex(index); }
   [[nodiscard]] Value operator[](std::string_view name) const { return objectForColumnName(name); }
 
-  /// The current row by column name, with the null value for NULL; nullopt, with a warning, when there is no row.
+  /// Returns the current row by column name. Returns nullopt and logs a warning if there is no row.
   [[nodiscard]] std::optional<Dictionary> resultDictionary() const;
-  /// Hands the current row to an object's setter, column by column: the name, and the text, nullopt for NULL.
+  /// Calls `setter` for every column of the current row. The text is nullopt for NULL.
   void kvcMagic(const std::function<void(const std::string& column, std::optional<std::string> text)>& setter) const;
 
  private:
   FMKLVResultSet(std::shared_ptr<FMKLVStatement> statement, FMKLVDatabase& parentDB);
   [[nodiscard]] bool hasColumn(int index) const noexcept;
 
-  FMKLVDatabase* parentDB_;  // none once closed
+  FMKLVDatabase* parentDB_;  // nullptr once closed
   std::shared_ptr<FMKLVStatement> statement_;
   std::string query_;
-  mutable std::map<std::string, int> columnNameToIndexMap_;  // lower-cased names, filled on first use
+  mutable std::map<std::string, int> columnNameToIndexMap_;  // by lower-cased name; filled on first use
 };
 
 }  // namespace kelvo

@@ -61,13 +61,13 @@ int FMKLVStatement::bindObject(const Value& value, int column, const BindingRule
   if (value.isNull()) return sqlite3_bind_null(statement_, column);
   if (const auto* text = value.get<std::string>()) return bindText(*text, column);
   if (const auto* bytes = value.get<Data>()) {
-    // A null pointer would bind NULL in place of empty bytes.
+    // A null pointer would bind NULL instead of empty bytes.
     const void* content = bytes->empty() ? static_cast<const void*>("") : bytes->data();
     return sqlite3_bind_blob64(statement_, column, content, bytes->size(), SQLITE_STATIC);
   }
   if (const auto* flag = value.get<bool>()) return sqlite3_bind_int(statement_, column, *flag ? 1 : 0);
   if (const auto* number = value.get<std::uint64_t>()) {
-    // Kept: above the signed range the number turns negative; unsignedLongLongIntForColumn reads it back as it was.
+    // Kept: a number above the signed range becomes negative. unsignedLongLongIntForColumn returns the original number.
     return sqlite3_bind_int64(statement_, column, static_cast<std::int64_t>(*number));
   }
   if (value.isInteger()) return sqlite3_bind_int64(statement_, column, value.asInt64());

@@ -23,7 +23,7 @@ int FMKLVStatement::reset() noexcept {
   inUse_ = false;
   if (statement_ == nullptr || inForkedChild()) return SQLITE_OK;
   const int code = sqlite3_reset(statement_);
-  sqlite3_clear_bindings(statement_);  // before the bytes that they point to go
+  sqlite3_clear_bindings(statement_);  // before the bound texts and bytes are freed
   arguments_ = {};
   texts_.clear();
   return code;

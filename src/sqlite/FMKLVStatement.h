@@ -12,42 +12,43 @@ namespace kelvo {
 
 class FMKLVDateFormatter;
 
-/// A prepared statement together with what is bound to it. Finalized when it dies.
+/// A prepared statement and its bound arguments. The destructor finalizes it.
 ///
-/// SQLite reads bound text and bytes in place, so the statement keeps its arguments until it is reset or closed.
+/// SQLite reads bound texts and bytes in place, so the statement keeps its arguments until `reset` or `close`.
 class FMKLVStatement {
  public:
   struct BindingRules {
     bool traceExecution = false;
     bool logsErrors = true;
-    const FMKLVDateFormatter* dateFormat = nullptr;  ///< without one, dates are bound as seconds since 1970
+    const FMKLVDateFormatter* dateFormat = nullptr;  ///< nullptr: dates are bound as seconds since 1970
   };
 
-  /// Takes `statement` over; it may be null, as SQLite prepares an empty text.
+  /// Takes ownership of `statement`. It is nullptr if the SQL text contains no statement.
   FMKLVStatement(sqlite3_stmt* statement, std::string query);
   FMKLVStatement(const FMKLVStatement&) = delete;
   FMKLVStatement& operator=(const FMKLVStatement&) = delete;
   ~FMKLVStatement() { close(); }
 
-  /// Returns how many values were bound, which is to be `parameterCount`: more when a list is too long, less when a
-  /// parameter is left over or SQLite refuses a value. Keys without a parameter are left out.
+  /// Returns the number of bound values. Success is exactly `parameterCount()`. The result is larger if a list is too
+  /// long, and smaller if a parameter has no value or SQLite refuses a value. Keys without a parameter are ignored.
   int bindArguments(const FMKLVArguments& arguments, const BindingRules& rules);
   [[nodiscard]] int parameterCount() const noexcept;
-  /// Why SQLite refused one of these values, for its size above all; 0 when it took them.
+  /// Returns SQLite's code for a refused value (most often, it is too large), or 0.
   [[nodiscard]] int bindCode() const noexcept { return bindCode_; }
 
-  /// Ready for new arguments, and no longer in use. Returns SQLite's code for the last run when that failed.
+  /// Releases the arguments and makes the statement ready for another run. Returns SQLite's code of the last run if
+  /// that failed, otherwise 0.
   int reset() noexcept;
-  /// Finalizes; as above.
+  /// Finalizes the statement. Returns the same as `reset`.
   int close() noexcept;
-  /// What its user calls in the end: resets a cached statement and closes any other.
+  /// Ends a use: resets a cached statement and closes any other.
   int finish() noexcept { return cached_ ? reset() : close(); }
 
   [[nodiscard]] sqlite3_stmt* statement() const noexcept { return statement_; }
   [[nodiscard]] const std::string& query() const noexcept { return query_; }
   [[nodiscard]] std::int64_t useCount() const noexcept { return useCount_; }
   void countUse() noexcept { ++useCount_; }
-  /// While a result set or an update holds it.
+  /// Whether a result set or an update uses the statement.
   [[nodiscard]] bool inUse() const noexcept { return inUse_; }
   void setInUse(bool inUse) noexcept { inUse_ = inUse; }
   [[nodiscard]] bool isCached() const noexcept { return cached_; }
@@ -67,7 +68,7 @@ class FMKLVStatement {
   bool cached_ = false;
   int bindCode_ = 0;
   FMKLVArguments arguments_;
-  std::forward_list<std::string> texts_;  // of what is no text itself; their addresses must not change
+  std::forward_list<std::string> texts_;  // texts made from other values; SQLite keeps their addresses
 };
 
 }  // namespace kelvo

@@ -5,27 +5,27 @@
 
 namespace kelvo {
 
-void FMKLVStatementCache::setShouldCacheStatements(bool cache) {
-  shouldCacheStatements_ = cache;
-  if (!cache) clearCachedStatements();
+void FMKLVStatementCache::setOn(bool on) {
+  on_ = on;
+  if (!on) clear();
 }
 
-std::shared_ptr<FMKLVStatement> FMKLVStatementCache::cachedStatementForQuery(const std::string& sql) const {
-  const auto found = cachedStatements_.find(sql);
-  if (found == cachedStatements_.end()) return nullptr;
+std::shared_ptr<FMKLVStatement> FMKLVStatementCache::idleStatement(const std::string& sql) const {
+  const auto found = statements_.find(sql);
+  if (found == statements_.end()) return nullptr;
   const auto idle =
       std::find_if(found->second.begin(), found->second.end(), [](const auto& each) { return !each->inUse(); });
   return idle == found->second.end() ? nullptr : *idle;
 }
 
-void FMKLVStatementCache::setCachedStatement(const std::shared_ptr<FMKLVStatement>& statement, const std::string& sql) {
+void FMKLVStatementCache::add(const std::shared_ptr<FMKLVStatement>& statement, const std::string& sql) {
   if (statement->isCached()) return;
   statement->setCached(true);
-  cachedStatements_[sql].push_back(statement);
+  statements_[sql].push_back(statement);
 }
 
-void FMKLVStatementCache::clearCachedStatements() {
-  for (const auto& [sql, statements] : std::exchange(cachedStatements_, {})) {
+void FMKLVStatementCache::clear() {
+  for (const auto& [sql, statements] : std::exchange(statements_, {})) {
     for (const auto& statement : statements) {
       statement->setCached(false);
       if (!statement->inUse()) statement->close();

@@ -9,36 +9,32 @@
 
 namespace kelvo {
 
-/// The prepared statements that a connection keeps for the next use of the same text; off at first.
+/// The prepared statements that one connection keeps for reuse. It starts off and empty.
 ///
-/// It knows a statement by its exact text and has no bound, so texts that hold their values fill it for nothing.
-/// While a result set holds a statement, another use of its text prepares a second one.
+/// The key is the exact SQL text. The size has no limit, so SQL texts that contain their values only fill the cache.
+/// While a result set uses a statement, a second use of the same text prepares another one.
 class FMKLVStatementCache {
  public:
   using Statements = std::vector<std::shared_ptr<FMKLVStatement>>;
 
-  [[nodiscard]] bool shouldCacheStatements() const noexcept { return shouldCacheStatements_; }
-  /// Switching it off clears the cache.
-  void setShouldCacheStatements(bool cache);
-
-  /// One that is not in use; nullptr when there is none.
-  [[nodiscard]] std::shared_ptr<FMKLVStatement> cachedStatementForQuery(const std::string& sql) const;
-  void setCachedStatement(const std::shared_ptr<FMKLVStatement>& statement, const std::string& sql);
-  /// Closes the statements, but those in use only when they are finished.
-  void clearCachedStatements();
-  [[nodiscard]] const std::unordered_map<std::string, Statements>& cachedStatements() const noexcept {
-    return cachedStatements_;
-  }
-
- protected:
   FMKLVStatementCache() = default;
   FMKLVStatementCache(const FMKLVStatementCache&) = delete;
   FMKLVStatementCache& operator=(const FMKLVStatementCache&) = delete;
-  ~FMKLVStatementCache() = default;
+
+  [[nodiscard]] bool isOn() const noexcept { return on_; }
+  /// Switching the cache off clears it.
+  void setOn(bool on);
+
+  /// Returns a statement that is not in use, or nullptr.
+  [[nodiscard]] std::shared_ptr<FMKLVStatement> idleStatement(const std::string& sql) const;
+  void add(const std::shared_ptr<FMKLVStatement>& statement, const std::string& sql);
+  /// Removes all statements. It closes the idle ones; a statement in use closes when its user is finished.
+  void clear();
+  [[nodiscard]] const std::unordered_map<std::string, Statements>& statements() const noexcept { return statements_; }
 
  private:
-  bool shouldCacheStatements_ = false;
-  std::unordered_map<std::string, Statements> cachedStatements_;
+  bool on_ = false;
+  std::unordered_map<std::string, Statements> statements_;
 };
 
 }  // namespace kelvo

@@ -18,7 +18,7 @@ struct Database : testing::Test {
   LogCapture log;
 };
 
-TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBackAlsoThroughAFunction) {
+TEST_F(Database, ValuesKeepTheirStorageClassInATableAndThroughAFunction) {
   const struct {
     const char* storageClass;
     Value bound, read;
@@ -40,7 +40,7 @@ TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBackAlsoThroughA
     SCOPED_TRACE(description(each.read));
     ASSERT_TRUE(db.executeUpdate("delete from t"));
     ASSERT_TRUE(db.executeUpdate("insert into t values (:v)", Dictionary{{"v", each.bound}}));
-    // The arguments of a query die before its rows are read.
+    // The query's arguments are destroyed before the test reads its rows.
     const auto rows = db.executeQuery("select v, ?, same(v), typeof(v), typeof(same(v)) from t", Array{each.bound});
     ASSERT_TRUE(rows && rows->next());
     for (const int column : {0, 1, 2}) {
@@ -53,7 +53,7 @@ TEST_F(Database, EveryKindOfValueIsBoundAsItsStorageClassAndReadBackAlsoThroughA
   }
 }
 
-TEST_F(Database, AStatementWhoseParametersAreNotAllBoundFailsWithItsText) {
+TEST_F(Database, AStatementFailsUnlessEveryParameterHasAValue) {
   ASSERT_TRUE(db.executeUpdate("create table t (a, b)"));
   const std::string insert = "insert into t values (:a, :b)";
   EXPECT_FALSE(db.executeUpdate(insert, Array{1}));
@@ -71,7 +71,7 @@ TEST_F(Database, AStatementWhoseParametersAreNotAllBoundFailsWithItsText) {
   EXPECT_EQ(sqlite3_next_stmt(db.sqliteHandle(), nullptr), nullptr);
 }
 
-TEST_F(Database, ArgumentsLastAsLongAsTheRowsWhateverBecomesOfTheCallersOwn) {
+TEST_F(Database, AResultSetKeepsItsArgumentsWhenTheCallerChangesThem) {
   const std::string text(100, 't');
   for (const bool cache : {false, true}) {
     db.setShouldCacheStatements(cache);
@@ -89,7 +89,7 @@ TEST_F(Database, ArgumentsLastAsLongAsTheRowsWhateverBecomesOfTheCallersOwn) {
   }
 }
 
-TEST_F(Database, FormatsTakeAsManyValuesAsTheyHaveItems) {
+TEST_F(Database, AFormatNeedsOneValueForEveryItem) {
   const auto row = db.executeQueryWithFormat("select %5.2f+%ld, %@, '100%%', %lld", 0.5, 2, "it's", nullptr);
   ASSERT_TRUE(row && row->next());
   EXPECT_EQ((*row)[0], 2.5);
@@ -109,7 +109,7 @@ TEST_F(Database, FormatsTakeAsManyValuesAsTheyHaveItems) {
   EXPECT_EQ(db.intForQuery("select count(*) from t"), 1);
 }
 
-TEST_F(Database, GettersConvertAndAreMildToWhatIsNotThere) {
+TEST_F(Database, GettersConvertValuesAndReturnDefaultsForMissingOnes) {
   const auto row = db.executeQuery(
       "select 5000000000 as big, '12abc' as Txt, 2.9 as dbl, x'80ff' as blb, null as nil, -1 as neg, x'' as empty");
   EXPECT_FALSE(row->hasAnotherRow());
@@ -171,7 +171,7 @@ TEST_F(Database, FailuresAreLoggedAndStayReadable) {
   }
   EXPECT_EQ(log.count("<KLV ERROR> Unknown error calling sqlite3_step (19: UNIQUE constraint failed: t.a) eu"), 2U);
   EXPECT_EQ(log.count("<KLV ERROR> Unknown error finalizing or resetting statement (19: "), 2U);
-  EXPECT_FALSE(db.executeUpdate("insert into t values (?)"));  // SQLite itself sees nothing wrong in that
+  EXPECT_FALSE(db.executeUpdate("insert into t values (?)"));  // SQLite itself reports no error here
   EXPECT_EQ(db.lastErrorCode(), SQLITE_RANGE);
   const int limit = sqlite3_limit(db.sqliteHandle(), SQLITE_LIMIT_LENGTH, 200);
   EXPECT_FALSE(db.executeUpdate("insert into t values (?)", std::string(201, 'x')));
@@ -197,14 +197,14 @@ TEST_F(Database, FailuresAreLoggedAndStayReadable) {
   EXPECT_EQ(nowhere.lastErrorCode(), SQLITE_CANTOPEN);
 }
 
-TEST_F(Database, AFailedPrepareEndsTheProcessWhenAskedTo) {
+TEST_F(Database, AFailedPrepareAbortsTheProcessWithCrashOnErrors) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   setenv("TMPDIR", home().c_str(), 1);
   db.setCrashOnErrors(true);
   EXPECT_DEATH(static_cast<void>(db.executeUpdate("no sql")), "");
 }
 
-TEST_F(Database, CloseFinalizesWhatLeakedAndEndsOpenResultSets) {
+TEST_F(Database, CloseFinalizesLeakedStatementsAndClosesResultSets) {
   sqlite3_stmt* leaked = nullptr;
   ASSERT_EQ(sqlite3_prepare_v2(db.sqliteHandle(), "select 1", -1, &leaked, nullptr), SQLITE_OK);
   const auto rows = db.executeQuery("select 1 union select 2");
@@ -218,7 +218,7 @@ TEST_F(Database, CloseFinalizesWhatLeakedAndEndsOpenResultSets) {
   EXPECT_TRUE(db.open() && db.goodConnection());
 }
 
-TEST_F(Database, BatchesRunUpToTheFirstFailureAndHandOutTheirRows) {
+TEST_F(Database, ABatchRunsUpToTheFirstFailureAndReportsItsRows) {
   std::vector<Dictionary> rows;
   const auto take = [&](const Dictionary& row) {
     rows.push_back(row);
@@ -237,7 +237,7 @@ TEST_F(Database, BatchesRunUpToTheFirstFailureAndHandOutTheirRows) {
   EXPECT_EQ(db.intForQuery("select count(*) from t"), 1);
 }
 
-TEST_F(Database, DatesAreStoredByTheFormatterWhenThereIsOne) {
+TEST_F(Database, DatesAreStoredAsTextIfThereIsAFormatter) {
   const Date date(std::chrono::seconds(951827696));  // 29 February
   const Date now = std::chrono::time_point_cast<std::chrono::microseconds>(Clock::now());
   EXPECT_EQ(db.dateForQuery("select ?", now), now);
@@ -250,23 +250,23 @@ TEST_F(Database, DatesAreStoredByTheFormatterWhenThereIsOne) {
   EXPECT_EQ(db.dateFromString("2000-02-29T13:34:56+0100"), date);
 }
 
-TEST_F(Database, FunctionsMayThrowAndAreReplacedAndMustNotUseTheirConnection) {
+TEST_F(Database, AFunctionMayThrowAndBeReplacedButNotUseItsConnection) {
   ASSERT_TRUE(db.makeFunctionNamed("own", 1, [](const Array& arguments) { return arguments[0]; }));
   EXPECT_EQ(db.stringForQuery("select own(1, 2)"), std::nullopt);
   EXPECT_EQ(log.count("(1: too many arguments) rs"), 1U);
   ASSERT_TRUE(db.makeFunctionNamed("OWN", -1, [this](const Array& arguments) -> Value {
-    if (arguments.empty()) throw std::runtime_error("of what?");
+    if (arguments.empty()) throw std::runtime_error("no arguments");
     return db.executeUpdate("delete from t") ? "reentrant" : "in use";
   }));
   ASSERT_TRUE(db.executeUpdate("create table t (a)"));
   EXPECT_FALSE(db.executeUpdate("insert into t values (own())"));
-  EXPECT_EQ(db.lastErrorMessage(), "of what?");
+  EXPECT_EQ(db.lastErrorMessage(), "no arguments");
   EXPECT_TRUE(db.executeUpdate("insert into t values (own(1, 2, 3))"));
   EXPECT_EQ(db.stringForQuery("select a from t"), "in use");
   EXPECT_EQ(log.count("<KLV ERROR> The FMDatabase " + db.description() + " is currently in use."), 1U);
 }
 
-TEST_F(Database, TheAdditionsKnowTheSchemaAndTheFilesNumbers) {
+TEST_F(Database, AdditionsReadTheSchemaAndTheVersionNumbers) {
   ASSERT_TRUE(db.executeStatements("create table \"It's\" (First, second); create index i on \"It's\" (First)"));
   EXPECT_TRUE(db.tableExists("IT'S") && db.columnExists("FIRST", "it's"));
   EXPECT_FALSE(db.tableExists("i") || db.tableExists("no") || db.columnExists("third", "it's") ||
@@ -284,7 +284,7 @@ TEST_F(Database, TheAdditionsKnowTheSchemaAndTheFilesNumbers) {
   EXPECT_EQ(log.count("ERROR"), 0U);
   EXPECT_FALSE(db.executeUpdate("select ?"));
   EXPECT_FALSE(db.validateSQL("drop", &error));
-  EXPECT_EQ(error.code, SQLITE_ERROR) << "not what the call before left";
+  EXPECT_EQ(error.code, SQLITE_ERROR) << "the error of the call before";
   EXPECT_EQ(log.count("DB Error"), 0U);
   EXPECT_TRUE(db.boolForQuery("select ?", 2) && db.dataForQuery("select x'01'") == Data{1} &&
               db.longForQuery("select ?", -5) == -5);
@@ -304,11 +304,11 @@ struct Cache : Database {
   Cache() { db.setShouldCacheStatements(true); }
 };
 
-TEST_F(Cache, AStatementServesItsTextAgainWithNothingLeftOfItsLastUse) {
+TEST_F(Cache, AStatementIsReusedWithoutItsOldArguments) {
   ASSERT_TRUE(db.executeUpdate("create table t (a, b)"));
   const std::string insert = "insert into t values (:a, :b)";
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(db.executeUpdate(insert, Dictionary{{"a", i}, {"b", std::string(50, 'b')}}));
-  EXPECT_FALSE(db.executeUpdate(insert, Dictionary{{"a", 9}}));  // the b of the last use is gone
+  EXPECT_FALSE(db.executeUpdate(insert, Dictionary{{"a", 9}}));  // the old value of b is gone
   const auto& statements = db.cachedStatements().at(insert);
   ASSERT_EQ(statements.size(), 1U);
   EXPECT_EQ(statements[0]->useCount(), 3);
@@ -319,7 +319,7 @@ TEST_F(Cache, AStatementServesItsTextAgainWithNothingLeftOfItsLastUse) {
   EXPECT_EQ(log.count("leaked"), 0U);
 }
 
-TEST_F(Cache, AStatementInUseIsLeftAloneAndOutlivesTheCache) {
+TEST_F(Cache, AStatementInUseIsNotReusedAndOutlivesTheCache) {
   const std::string sql = "select 1 union select 2";
   const auto first = db.executeQuery(sql);
   ASSERT_TRUE(first->next());
@@ -342,7 +342,7 @@ TEST_F(Cache, AStatementInUseIsLeftAloneAndOutlivesTheCache) {
   ASSERT_TRUE(first->next());
   EXPECT_EQ(first->intForColumnIndex(0), 2);
   EXPECT_FALSE(first->next());
-  EXPECT_EQ(sqlite3_next_stmt(db.sqliteHandle(), nullptr), nullptr) << "the last one is gone, too";
+  EXPECT_EQ(sqlite3_next_stmt(db.sqliteHandle(), nullptr), nullptr) << "a statement leaked";
 }
 
 }  // namespace

@@ -19,8 +19,9 @@ using Persistence = FaultVFS::Persistence;
 constexpr Operation kOperations[] = {Operation::open, Operation::read,   Operation::write,
                                      Operation::sync, Operation::remove, Operation::mapSharedMemory};
 
-/// Calls `run` with the first, the second, the third ... operation of every kind failing, once and for ever, until one
-/// of its runs is clean. `run` is told how failures persist, and returns how many there were.
+/// For every kind of operation, makes the first, second, third ... operation fail and calls `run` each time, until a
+/// run has no failure. Does this with failures that occur once and with permanent ones. `run` returns the number of
+/// failures.
 void failEverythingInTurn(FaultVFS& disk, const std::function<int(Persistence)>& run) {
   for (const auto operation : kOperations) {
     for (const auto persistence : {Persistence::once, Persistence::forEver}) {
@@ -37,7 +38,7 @@ void failEverythingInTurn(FaultVFS& disk, const std::function<int(Persistence)>&
   }
 }
 
-const std::string kRow(3000, 'x');  // of several pages, so that a transaction outgrows the cache
+const std::string kRow(3000, 'x');  // several pages, so that a transaction does not fit in the cache
 
 bool insertRow(FMKLVDatabase& db) {
   return db.executeUpdate("insert into t (v) values (?)", Array{kRow});
@@ -51,11 +52,11 @@ bool onConnection(FMKLVDatabaseQueue& queue, const std::function<bool(FMKLVDatab
 
 struct Work {
   const char* name;
-  std::function<bool(FMKLVDatabaseQueue&)> perform;  ///< false when any of its calls reported a failure
-  int rows;                                          ///< that it adds, all or none
+  std::function<bool(FMKLVDatabaseQueue&)> perform;  ///< returns false if any of its calls reported a failure
+  int rows;                                          ///< the number of rows that it adds
 };
 
-/// Two rows stay, and two go with the savepoint inside.
+/// Adds two rows. Two more are rolled back with an inner savepoint.
 bool insertAndUndoInside(FMKLVDatabase& db, bool& undo) {
   const bool done = insertRow(db) && db.inSavePoint([&](bool& undoInside) {
     undoInside = true;
@@ -65,7 +66,7 @@ bool insertAndUndoInside(FMKLVDatabase& db, bool& undo) {
   return done;
 }
 
-bool insertIn(bool (FMKLVDatabaseQueue::*unit)(const FMKLVWork::TransactionBlock&, FMKLVError*),
+bool insertIn(bool (FMKLVDatabaseQueue::*unit)(const FMKLVBlockRunner::TransactionBlock&, FMKLVError*),
               FMKLVDatabaseQueue& queue) {
   bool inserted = false;
   const auto work = [&](FMKLVDatabase& db, bool& undo) { inserted = insertAndUndoInside(db, undo); };
@@ -92,15 +93,16 @@ const Work kWorks[] = {
 
 class FaultyConnection : public testing::TestWithParam<std::tuple<Work, const char*>> {};
 
-TEST_P(FaultyConnection, ReportsEveryFailureAndLeavesAllOrNothingBehind) {
-  const auto& [work, journal] = GetParam();
+TEST_P(FaultyConnection, ReportsEveryFailureAndStoresAllRowsOrNone) {
+  const auto& work = std::get<0>(GetParam());
+  const std::string journal = std::get<1>(GetParam());
   const std::string path = home() + "/" + work.name + "-" + journal + ".sqlite";
   constexpr int kRowsBefore = 2;
   FaultVFS disk;
   {
     FMKLVDatabase db(path);
     ASSERT_TRUE(db.open() && db.executeUpdate("pragma page_size=1024"));
-    ASSERT_TRUE(db.executeQuery("pragma journal_mode=" + std::string(journal))->next());
+    ASSERT_TRUE(db.executeQuery("pragma journal_mode=" + journal)->next());
     ASSERT_TRUE(db.executeUpdate("create table t (id integer primary key, v text)") && insertRow(db) && insertRow(db));
   }
   const std::string before = contentOf(path);
@@ -119,16 +121,16 @@ TEST_P(FaultyConnection, ReportsEveryFailureAndLeavesAllOrNothingBehind) {
       if (!queue) queue = FMKLVDatabaseQueue::databaseQueueWithPath(path);
       if (queue) {
         queue->inDatabase([&](FMKLVDatabase& db) {
-          EXPECT_TRUE(!db.inTransaction() && sqlite3_get_autocommit(db.db()) != 0) << "something is still open";
+          EXPECT_TRUE(!db.inTransaction() && sqlite3_get_autocommit(db.db()) != 0) << "a transaction is still open";
           if (persistence == Persistence::forEver) return;
-          addedAfterwards = !succeeded && insertRow(db);  // the connection is as good as ever
+          addedAfterwards = !succeeded && insertRow(db);  // the connection still works
           EXPECT_TRUE(succeeded || addedAfterwards) << db.lastErrorMessage();
         });
       }
       failures = disk.heal();
     }
     EXPECT_TRUE(succeeded || failures > 0);
-    EXPECT_TRUE(succeeded || log.count("<KLV ERROR>") > 0) << "a failure without a line";
+    EXPECT_TRUE(succeeded || log.count("<KLV ERROR>") > 0) << "the failure was not logged";
     FMKLVDatabase db(path);
     EXPECT_TRUE(db.open());
     EXPECT_EQ(db.stringForQuery("pragma integrity_check"), "ok");

@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <map>
 #include <stdexcept>
-#include <thread>
 
 #include "sqlite/FMKLVDatabasePool.h"
 #include "sqlite/FMKLVDatabaseQueue.h"
@@ -15,13 +13,13 @@
 namespace kelvo::test {
 namespace {
 
-using Block = FMKLVWork::TransactionBlock;
+using Block = FMKLVBlockRunner::TransactionBlock;
 
 std::string path() {
   return home() + "/file.sqlite";
 }
 
-/// Everything that runs a block as a unit of work, over one file.
+/// All calls that run a block as one unit of work, on the same file.
 struct Units : testing::Test {
   Units() {
     EXPECT_TRUE(other.open() && other.executeStatements("create table t (a); create table parent (p primary key); "
@@ -49,7 +47,7 @@ struct Units : testing::Test {
   std::map<std::string, std::function<bool(const Block&, FMKLVError*)>> units;
 };
 
-TEST_F(Units, AreCommittedOrUndoneByFlagByExceptionAndWhenTheyCannotBeCommitted) {
+TEST_F(Units, CommitOrRollBackOnRequestOnAnExceptionAndWhenTheCommitFails) {
   const auto insert = [](FMKLVDatabase& db) {
     EXPECT_TRUE(db.executeUpdate("insert into t values (1)"));
     return true;
@@ -85,7 +83,7 @@ TEST_F(Units, AreCommittedOrUndoneByFlagByExceptionAndWhenTheyCannotBeCommitted)
   }
 }
 
-TEST_F(Units, GiveUpWhenAnotherConnectionHoldsTheLockLongerThanTheyMayWait) {
+TEST_F(Units, FailWhenAnotherConnectionHoldsTheLockTooLong) {
   FMKLVDatabase::ResultSet rows;
   queue->inDatabase([&](FMKLVDatabase& db) {
     db.setMaxBusyRetryTimeInterval(0.06);
@@ -120,7 +118,7 @@ TEST_F(Units, ASavepointMayHaveAnyName) {
   }
 }
 
-TEST_F(Units, AThrowingBlockUndoesOnlyTheTransactionThatItBeganItself) {
+TEST_F(Units, AThrowingBlockRollsBackOnlyItsOwnTransaction) {
   const auto insertAndThrow = [](FMKLVDatabase& db) {
     EXPECT_TRUE(db.executeUpdate("insert into t values (1)"));
     throw std::runtime_error("block");
@@ -137,7 +135,7 @@ TEST_F(Units, AThrowingBlockUndoesOnlyTheTransactionThatItBeganItself) {
   EXPECT_EQ(other.intForQuery("select count(*) from t"), 1);
 }
 
-TEST_F(Units, TheQueueWarnsOfRowsThatOutliveTheirBlockAndReopensAfterClose) {
+TEST_F(Units, TheQueueWarnsAboutOpenResultSetsAndReopensAfterClose) {
   FMKLVDatabase::ResultSet rows;
   queue->inDatabase([&](FMKLVDatabase& db) { rows = db.executeQuery("select 1"); });
   EXPECT_EQ(log.count("<KLV WARN> Warning: there is at least one open result set around after performing "
@@ -150,88 +148,13 @@ TEST_F(Units, TheQueueWarnsOfRowsThatOutliveTheirBlockAndReopensAfterClose) {
   EXPECT_EQ(log.count("<KLV DEBUG> Could not create database queue for path " + home() + "/no/such/file "), 1U);
 }
 
-TEST_F(Units, ABlockInsideABlockOfOneQueueEndsTheProcess) {
+TEST_F(Units, ANestedBlockOfTheSameQueueAbortsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  setenv("TMPDIR", home().c_str(), 1);  // the home that the dying process leaves behind goes with this one
+  setenv("TMPDIR", home().c_str(), 1);  // this test then also removes the home of the aborted process
   const auto nested = [&](FMKLVDatabase&) { static_cast<void>(queue->inSavePoint([](FMKLVDatabase&, bool&) {})); };
   EXPECT_DEATH(queue->inDatabase(nested),
                "currentSyncQueue != self && \"inDatabase: was called reentrantly on the same queue, which would lead "
                "to a deadlock\"");
-}
-
-struct Pool : testing::Test {
-  FMKLVDatabasePool pool{path()};
-  LogCapture log;
-};
-
-TEST_F(Pool, EightThreadsShareThreeConnectionsOneThreadAtATimeEach) {
-  constexpr std::uint64_t kMaximum = 3;
-  pool.setMaximumNumberOfDatabasesToCreate(kMaximum);
-  pool.inDatabase([](FMKLVDatabase& db) { EXPECT_TRUE(db.executeUpdate("create table t (a)")); });
-  std::atomic<std::uint64_t> out{0};
-  const auto use = [&](FMKLVDatabase& db) {
-    EXPECT_LE(++out, kMaximum);
-    EXPECT_TRUE(db.checkedOut());
-    static_cast<void>(db.intForQuery("select count(*) from t"));
-    --out;
-  };
-  const auto insert = [](FMKLVDatabase& db, bool&) { EXPECT_TRUE(db.executeUpdate("insert into t values (1)")); };
-  const auto user = [&] {
-    for (int done = 0; done < 50;) done += pool.inDatabase(use) ? 1 : 0;
-    while (!pool.inTransaction(insert)) continue;
-  };
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) threads.emplace_back(user);
-  for (auto& thread : threads) thread.join();
-  EXPECT_LE(pool.countOfOpenDatabases(), kMaximum);
-  EXPECT_EQ(pool.countOfCheckedOutDatabases(), 0U);
-  EXPECT_EQ(log.count("is currently in use"), 0U);
-  pool.inDatabase([](FMKLVDatabase& db) { EXPECT_EQ(db.intForQuery("select count(*) from t"), 8); });
-}
-
-TEST_F(Pool, GivesItsLastConnectionAgainUpToItsMaximumAndReportsADoubleReturn) {
-  pool.setMaximumNumberOfDatabasesToCreate(2);
-  const auto first = pool.db(), second = pool.db();
-  ASSERT_TRUE(first && second);
-  EXPECT_EQ(pool.db(), nullptr);
-  EXPECT_EQ(log.count("<KLV DEBUG> Maximum number of databases (2) has already been reached! "), 1U);
-  FMKLVError error;
-  EXPECT_FALSE(pool.inTransaction([](FMKLVDatabase&, bool&) { FAIL(); }, &error));
-  EXPECT_TRUE(error.code != 0);
-  pool.pushDatabaseBackInPool(first);
-  pool.pushDatabaseBackInPool(first);
-  EXPECT_EQ(log.count("<KLV ERROR> Database already in pool"), 1U);
-  EXPECT_EQ(pool.countOfCheckedInDatabases(), 1U);
-  EXPECT_EQ(pool.countOfOpenDatabases(), 2U);
-  EXPECT_FALSE(first->checkedOut());
-  first->close();
-  EXPECT_EQ(pool.db(), first);
-  EXPECT_TRUE(first->isOpen());
-  pool.releaseAllDatabases();
-  pool.pushDatabaseBackInPool(second);
-  EXPECT_EQ(pool.countOfOpenDatabases(), 0U);
-  EXPECT_NE(pool.db(), second);
-}
-
-TEST_F(Pool, OpensNothingThatItsDelegateRefusesOrSQLiteCannot) {
-  struct Delegate final : FMKLVDatabasePoolDelegate {
-    bool databasePoolShouldAddDatabaseToPool(FMKLVDatabasePool& asking, FMKLVDatabase& db) override {
-      EXPECT_TRUE(db.isOpen());
-      return asking.countOfOpenDatabases() == 0;
-    }
-    void databasePoolDidAddDatabase(FMKLVDatabasePool&, FMKLVDatabase& db) noexcept override { added.push_back(&db); }
-    std::vector<FMKLVDatabase*> added;
-  } delegate;
-  pool.setDelegate(&delegate);
-  const auto first = pool.db();
-  ASSERT_TRUE(first);
-  EXPECT_EQ(delegate.added, std::vector<FMKLVDatabase*>{first.get()});
-  EXPECT_EQ(pool.db(), nullptr);
-  EXPECT_FALSE(pool.inDatabase([](FMKLVDatabase&) { FAIL(); }));
-  EXPECT_EQ(pool.countOfOpenDatabases(), 1U);
-  FMKLVDatabasePool nowhere(home() + "/no/such/file");
-  EXPECT_EQ(nowhere.db(), nullptr);
-  EXPECT_EQ(log.count("<KLV DEBUG> Could not open up the database at path " + home() + "/no/such/file "), 1U);
 }
 
 }  // namespace

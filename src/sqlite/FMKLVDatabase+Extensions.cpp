@@ -1,5 +1,3 @@
-#include "sqlite/FMKLVExtensions.h"
-
 #include <sqlite3.h>
 
 #include <exception>
@@ -11,17 +9,18 @@
 
 namespace kelvo {
 
-struct FMKLVExtensions::CustomFunction {
+/// A block of the host as a SQL function. SQLite points to it until the connection closes.
+struct FMKLVDatabase::CustomFunction {
   Function block;
   int maximumArguments;
-  const FMKLVExtensions& connection;
+  const FMKLVDatabase& connection;
 
   static void call(sqlite3_context* context, int count, sqlite3_value** values) noexcept;
   static Value argument(sqlite3_value* value);
   void setResult(sqlite3_context* context, const Value& result) const;
 };
 
-void FMKLVExtensions::CustomFunction::call(sqlite3_context* context, int count, sqlite3_value** values) noexcept {
+void FMKLVDatabase::CustomFunction::call(sqlite3_context* context, int count, sqlite3_value** values) noexcept {
   const auto& self = *static_cast<const CustomFunction*>(sqlite3_user_data(context));
   if (self.maximumArguments >= 0 && count > self.maximumArguments) {
     return sqlite3_result_error(context, "too many arguments", -1);
@@ -37,7 +36,7 @@ void FMKLVExtensions::CustomFunction::call(sqlite3_context* context, int count, 
   }
 }
 
-Value FMKLVExtensions::CustomFunction::argument(sqlite3_value* value) {
+Value FMKLVDatabase::CustomFunction::argument(sqlite3_value* value) {
   switch (sqlite3_value_type(value)) {
     case SQLITE_INTEGER: return static_cast<std::int64_t>(sqlite3_value_int64(value));
     case SQLITE_FLOAT: return sqlite3_value_double(value);
@@ -54,8 +53,8 @@ Value FMKLVExtensions::CustomFunction::argument(sqlite3_value* value) {
   }
 }
 
-/// The same rules as for binding, except that SQLite copies.
-void FMKLVExtensions::CustomFunction::setResult(sqlite3_context* context, const Value& result) const {
+/// Follows the rules of `FMKLVStatement::bindArguments`, but SQLite copies texts and bytes.
+void FMKLVDatabase::CustomFunction::setResult(sqlite3_context* context, const Value& result) const {
   const auto setText = [&](const std::string& text) {
     sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
   };
@@ -78,51 +77,54 @@ void FMKLVExtensions::CustomFunction::setResult(sqlite3_context* context, const 
   setText(kelvo::description(result));
 }
 
-FMKLVDatabase& FMKLVExtensions::database() noexcept {
-  return static_cast<FMKLVDatabase&>(*this);
-}
-
-bool FMKLVExtensions::makeFunctionNamed(const std::string& name, int maximumArguments, Function block) {
-  FMKLVDatabase& db = database();
-  if (!db.isFree()) return false;
+bool FMKLVDatabase::makeFunctionNamed(const std::string& name, int maximumArguments, Function block) {
+  if (!isFree()) return false;
   const auto made = std::make_shared<CustomFunction>(CustomFunction{std::move(block), maximumArguments, *this});
-  constexpr int kAnyCount = -1;  // counted when it is called: SQLite knows an exact count only
-  const int code = sqlite3_create_function_v2(db.sqliteHandle(), name.c_str(), kAnyCount, SQLITE_UTF8, made.get(),
+  constexpr int kAnyCount = -1;  // `call` checks the maximum, because SQLite can only require an exact count
+  const int code = sqlite3_create_function_v2(db(), name.c_str(), kAnyCount, SQLITE_UTF8, made.get(),
                                               &CustomFunction::call, nullptr, nullptr, nullptr);
   if (code != SQLITE_OK) {
-    db.noteFailure(code);
-    if (db.logsErrors()) KLV_ERROR("Unable to make the function {} ({}: {})", name, code, db.lastErrorMessage());
+    handle_.noteFailure(code);
+    if (logsErrors_) KLV_ERROR("Unable to make the function {} ({}: {})", name, code, lastErrorMessage());
     return false;
   }
   openFunctions_[lowerCased(name)] = made;
   return true;
 }
 
-std::optional<Date> FMKLVExtensions::dateFromString(const std::string& text) const {
+FMKLVDateFormatter FMKLVDatabase::storeableDateFormat(std::string pattern) {
+  return FMKLVDateFormatter(std::move(pattern));
+}
+
+void FMKLVDatabase::setDateFormat(std::optional<FMKLVDateFormatter> format) {
+  dateFormat_ = std::move(format);
+}
+
+std::optional<Date> FMKLVDatabase::dateFromString(const std::string& text) const {
   return dateFormat_ ? dateFormat_->dateFromString(text) : std::nullopt;
 }
 
-std::optional<std::string> FMKLVExtensions::stringFromDate(Date date) const {
+std::optional<std::string> FMKLVDatabase::stringFromDate(Date date) const {
   if (!dateFormat_) return std::nullopt;
   return dateFormat_->stringFromDate(date);
 }
 
-bool FMKLVExtensions::refuseKey() {
+bool FMKLVDatabase::refuseKey() {
   KLV_ERROR("This SQLite does not encrypt: the database has no key");
-  database().keepFailure({"FMDatabase", SQLITE_ERROR, "This SQLite does not encrypt"});
+  handle_.keepFailure({"FMDatabase", SQLITE_ERROR, "This SQLite does not encrypt"});
   return false;
 }
 
-bool FMKLVExtensions::setKey(const std::string&) {
+bool FMKLVDatabase::setKey(const std::string&) {
   return refuseKey();
 }
-bool FMKLVExtensions::setKeyWithData(const Data&) {
+bool FMKLVDatabase::setKeyWithData(const Data&) {
   return refuseKey();
 }
-bool FMKLVExtensions::rekey(const std::string&) {
+bool FMKLVDatabase::rekey(const std::string&) {
   return refuseKey();
 }
-bool FMKLVExtensions::rekeyWithData(const Data&) {
+bool FMKLVDatabase::rekeyWithData(const Data&) {
   return refuseKey();
 }
 
