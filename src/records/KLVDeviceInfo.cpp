@@ -3,8 +3,8 @@
 #include "platform/Device.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVRecordKeys.h"
-#include "util/KLVDefaultsKeys.h"
 #include "records/KLVUUID.h"
+#include "util/KLVDefaultsKeys.h"
 #include "util/KLVUtilities+Device.h"
 
 namespace kelvo {

@@ -104,8 +104,8 @@ void readEvents(Reader& reader, Sessions& sessions) {
     Session& session = sessions[name->substr(kEventsPrefix.size())];
     const auto events = quotedName(*name);
     for (const auto& kind :
-         reader.rows(fmt::format("SELECT {0}, COUNT(*) AS count FROM {1} GROUP BY {0}", kKLVEventType, events))) {
-      session.events.set(description(kind[kKLVEventType]), kind["count"]);
+         reader.rows(fmt::format("SELECT {0}, COUNT(*) AS count FROM {1} GROUP BY {0}", kKLVType, events))) {
+      session.events.set(description(kind[kKLVType]), kind["count"]);
     }
     for (const auto& row : reader.rows("SELECT MAX(identifier) AS last FROM " + events)) {
       session.lastEvent = row["last"].asInt64();
