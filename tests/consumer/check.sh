@@ -43,10 +43,15 @@ checkout) configured "-DKELVO_CHECKOUT=$(realpath "$here/../..")" ;;
 pkg-config)
   PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name kelvo.pc)")
   export PKG_CONFIG_PATH LD_LIBRARY_PATH=$prefix/lib:$prefix/lib/$(gcc -print-multiarch)
+  mkdir -p "$work"
+  # The README's first program must compile as printed.
+  sed -n '/^```cpp$/,/^```$/p' "$here/../../README.md" | sed '1d;/^```$/,$d' >"$work/readme.cpp"
+  grep -q 'int main' "$work/readme.cpp"
   for package in kelvo kelvo-static; do
     mkdir -p "$work/$package.bundle"
     cp "$build/consumer/shared/consumer.bundle/Info.plist" "$work/$package.bundle/"
     read -ra flags < <(pkg-config --cflags --libs "$package")
+    c++ -std=c++17 -Wall -Wextra -Werror "$work/readme.cpp" -o "$work/readme" "${flags[@]}"
     c++ -std=c++17 "$here/main.cpp" -o "$work/$package" "${flags[@]}"
     delivered "$work/$package"
   done
