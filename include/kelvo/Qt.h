@@ -23,8 +23,8 @@ inline constexpr const char* kTagProperty = "kelvoTag";
 /// - The application is in the foreground while `QGuiApplication::applicationState()` is active. The adapter ignores
 ///   moments of less than a quarter of a second without focus. Destroying the application object ends the foreground.
 /// - A screen is the active window (a dialog counts as one), or the current page of the window's largest
-/// `QStackedWidget`
-///   or `QTabWidget`, at any depth. Tools, menus, docks and the windows in a `QMdiArea` are parts of their window.
+///   `QStackedWidget` or `QTabWidget`, at any depth. Tools, menus, docks and the windows in a `QMdiArea` are parts of
+///   their window.
 /// - A screen's name is the widget's class without the namespace. For a widget of one of Qt's own classes, it is the
 ///   object name: give plain QWidget pages object names, because a screen of the same name counts as the same screen.
 /// - A screen's title is the widget's window title, else the tab's text, else the title of its window.
