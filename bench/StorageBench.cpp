@@ -61,7 +61,7 @@ void BuildChunk(benchmark::State& state) {
   for (auto _ : state) {
     KLVChunkDetails details;
     for (std::size_t first = 1; first <= count; first += kSlice) {
-      details.addEvents(handler.getEventsBetween(first, first + kSlice - 1, session, std::nullopt));
+      details.addEvents(handler.getEventsBetween(first, first + kSlice - 1, session, std::nullopt).value());
     }
     benchmark::DoNotOptimize(jsonText(details.constructChunkDetails({}, {}, {}, {})));
   }

@@ -1,6 +1,6 @@
 # kelvo_add_bundle(<target> APP_ID <id>
 #                  [BUNDLE_ID <id>] [NAME <name>] [VERSION <version>] [BUILD <build>]
-#                  [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
+#                  [DELIVERY complete|classic] [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
 #
 # Writes `<executable>.bundle/Info.plist` next to the executable `target`. With this bundle, the library starts when the
 # program is loaded.
@@ -9,11 +9,13 @@
 #   BUNDLE_ID        names the home; default: the executable's name
 #   NAME             the application's name as the service shows it; default: the target's name
 #   VERSION, BUILD   the application's version as the service shows it; default: none
+#   DELIVERY         the rules of delivery: complete (default) delivers every event once, also after a long absence or
+#                    an outage; classic keeps the losses that the system requires
 #   PLUGINS          classes of the plug-ins to load
 #   SERVER_BASE_URL  the service
 #   CA_FILE          absolute path, on the machine that runs the program, of a private authority in PEM form
 function(kelvo_add_bundle target)
-  cmake_parse_arguments(ARG "" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
+  cmake_parse_arguments(ARG "" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;DELIVERY;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
   if(NOT TARGET ${target})
     message(FATAL_ERROR "kelvo_add_bundle: there is no target ${target}")
   endif()
@@ -34,6 +36,12 @@ function(kelvo_add_bundle target)
   if(ARG_CA_FILE AND NOT IS_ABSOLUTE "${ARG_CA_FILE}")
     message(FATAL_ERROR "kelvo_add_bundle: CA_FILE ${ARG_CA_FILE} is no full path; the program may run in any directory")
   endif()
+  if(NOT DEFINED ARG_DELIVERY AND NOT "DELIVERY" IN_LIST ARG_KEYWORDS_MISSING_VALUES)
+    set(ARG_DELIVERY complete)
+  endif()
+  if(NOT "${ARG_DELIVERY}" MATCHES "^(complete|classic)$")
+    message(FATAL_ERROR "kelvo_add_bundle: DELIVERY \"${ARG_DELIVERY}\" is neither complete nor classic")
+  endif()
   if(NOT ARG_NAME)
     set(ARG_NAME ${target})
   endif()
@@ -49,6 +57,7 @@ function(kelvo_add_bundle target)
   add_entry(CFBundleName "${ARG_NAME}")
   add_entry(CFBundleShortVersionString "${ARG_VERSION}")
   add_entry(CFBundleVersion "${ARG_BUILD}")
+  add_entry(KelvoDelivery "${ARG_DELIVERY}")
   add_entry(KelvoServerBaseURL "${ARG_SERVER_BASE_URL}")
   add_entry(KelvoCAFile "${ARG_CA_FILE}")
 

@@ -190,8 +190,8 @@ void prepare(std::size_t sessions, std::size_t chunks) {
       handler.saveEventInfo(event, id);
     }
     for (std::size_t c = 0; c < chunks; ++c) {
-      handler.saveChunkMetaInfo(
-          std::make_shared<KLVChunkMetaInfo>(id, c + 1, c * kEvents + 1, (c + 1) * kEvents, Array{1}));
+      static_cast<void>(handler.saveChunkMetaInfo(
+          std::make_shared<KLVChunkMetaInfo>(id, c + 1, c * kEvents + 1, (c + 1) * kEvents, Array{1})));
     }
     const Dictionary launched{{"launch_time", 1},
                               {"launch_time_string", "long ago"},

@@ -18,10 +18,11 @@ enum class LogLevel { debug, info, warn, error };
 /// time, returns at once and never throws. In a forked child it does nothing.
 class KELVO_EXPORT Application {
  public:
-  /// Reports that the application came to the foreground: its window became active. Has no effect before the start.
+  /// Reports that the application came to the foreground: its window became active. A report before the start is
+  /// kept, up to 1,000 of them.
   static void didBecomeActive() noexcept;
   /// Reports that the application is about to leave the foreground. The library then cuts a chunk, which contains all
-  /// events of earlier calls, and sends it. Has no effect before the start.
+  /// events of earlier calls, and sends it. A report before the start is kept.
   static void willResignActive() noexcept;
 
   /// Sets the device's token for push notifications, as text or as bytes, which are sent in upper-case hexadecimal. The
@@ -52,7 +53,8 @@ class KELVO_EXPORT Application {
   /// Report that `screen` is about to appear, or has appeared. The library records a screen, with the time spent on it
   /// in whole seconds, when the next screen has appeared or the application leaves the foreground. A screen of the same
   /// class as the current one counts as the same screen. A navigation counts as no screen. The library reads the title
-  /// on the main queue later, without blocking the caller. nullptr costs one WARN line. No effect before the start.
+  /// on the main queue later, without blocking the caller. nullptr costs one WARN line. A report before the start is
+  /// kept.
   static void willShow(std::shared_ptr<ViewController> screen) noexcept;
   static void didShow(std::shared_ptr<ViewController> screen) noexcept;
   /// The same for a host without view controllers. Without a title, the class names the screen. A nil or empty class

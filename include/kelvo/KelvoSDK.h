@@ -33,8 +33,8 @@ class KELVO_EXPORT KelvoSDK {
   /// loaded.
   static void initializeKelvoWithID(OptionalText appId) noexcept;
 
-  /// Sets the host's own id of its user as an attribute of the user. Refused with an ERROR line before the start-up has
-  /// made the user's record; so is nil.
+  /// Sets the host's own id of its user as an attribute of the user. nil is refused with an ERROR line. So is a call
+  /// before the end of the start-up, unless the delivery rules are `complete`.
   static void setUserIdentifier(OptionalText identifier) noexcept;
 
   /// Reports that the user now sees the screen `title`, a named screen inside the one that `Application::didShow`

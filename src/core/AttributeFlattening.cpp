@@ -64,6 +64,13 @@ void handleDictionary(const std::string& prefix, const Dictionary& dictionary, D
   }
 }
 
+/// Stores each element as JSON text. Several texts become an array.
+void gatherTexts(const std::string& key, const Array& array, Dictionary& result) {
+  for (const Value& element : array) {
+    if (auto text = asJSON(element)) gather(key, *std::move(text), result);
+  }
+}
+
 /// Stores a mixed array as JSON text. The rule for the kind of its first element may then overwrite the text.
 void stringifyMixed(const std::string& key, const Array& array, Kind kind, Dictionary& result) {
   for (const Value& element : array) {
@@ -75,6 +82,7 @@ void handleArray(const std::string& key, const Array& array, Dictionary& result,
   if (array.empty()) return;
   const Kind kind = kindOf(array[0]);
   if (kind == Kind::other) return;
+  if (kind == Kind::dictionary && depth - 1 < 1) return gatherTexts(key, array, result);
   stringifyMixed(key, array, kind, result);
   if (kind == Kind::text || kind == Kind::number) {
     // Kept: a mixed array that begins with a text or a number is stored unchanged.
@@ -83,11 +91,7 @@ void handleArray(const std::string& key, const Array& array, Dictionary& result,
   }
   if (kind == Kind::dictionary) {
     for (const Value& element : array) {
-      if (const auto* dictionary = element.get<Dictionary>()) {
-        handleDictionary(key, *dictionary, result, depth - 1);
-      } else if (depth - 1 < 1) {
-        storeAsJSON(key, element, result);
-      }
+      if (const auto* dictionary = element.get<Dictionary>()) handleDictionary(key, *dictionary, result, depth - 1);
     }
     return;
   }

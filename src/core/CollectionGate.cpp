@@ -1,5 +1,8 @@
 #include "core/CollectionGate.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -7,6 +10,10 @@ namespace {
 constexpr const char* kEvent = "event";
 constexpr const char* kCall = "call";
 }  // namespace
+
+void BufferedAttributes::applyTo(KLVInfo& record) const {
+  for (const auto& [key, value] : attributes) record.setCustomInfo(value, key);
+}
 
 bool CollectionGate::begin() noexcept {
   if (state_ != State::idle) return false;
@@ -20,6 +27,11 @@ void CollectionGate::setEnabled(bool enabled) noexcept {
   } else if (state_ == State::running && !enabled) {
     state_ = State::initialising;
   }
+}
+
+std::vector<std::shared_ptr<KLVEvent>> CollectionGate::openDatabase() noexcept {
+  if (events_.empty()) databaseExists_ = true;
+  return takeEvents();
 }
 
 void CollectionGate::terminate() noexcept {
@@ -45,7 +57,15 @@ bool CollectionGate::admit(bool destinationExists, const char* kind, const Buffe
 }
 
 bool CollectionGate::admitEvent(const std::shared_ptr<KLVEvent>& event) {
-  return admit(databaseExists_, kEvent, [&] { bufferEvent(event); });
+  return admit(databaseExists_, kEvent, [&] {
+    events_.push_back(event);
+    if (event->eventType() == KLVEventType::app) awaitsCount_ = event;
+  });
+}
+
+bool CollectionGate::admitCount(const std::shared_ptr<KLVEvent>& event) {
+  if (std::exchange(awaitsCount_, nullptr) == event) return false;
+  return admit(databaseExists_, kEvent, [&] { events_.push_back(event); });
 }
 
 bool CollectionGate::admitEventUnbuffered() const {
@@ -54,12 +74,29 @@ bool CollectionGate::admitEventUnbuffered() const {
   return stores;
 }
 
-bool CollectionGate::admitAttributes(BufferedAttributes call, bool recordExists) {
-  return admit(recordExists, kCall, [&] { attributes_.push_back(std::move(call)); });
+bool CollectionGate::admitAttributes(const BufferedAttributes& call) {
+  return admit(recordsExist_, kCall, [&] { attributes_.push_back(call); });
 }
 
 bool CollectionGate::admitToken(const std::string& token, bool recordExists) {
   return admit(recordExists, kCall, [&] { token_ = token; });
+}
+
+std::vector<BufferedAttributes> CollectionGate::takeUserAttributes() {
+  const auto session = std::stable_partition(attributes_.begin(), attributes_.end(),
+                                             [](const BufferedAttributes& call) { return call.isUser; });
+  std::vector<BufferedAttributes> ofUser(std::make_move_iterator(attributes_.begin()),
+                                         std::make_move_iterator(session));
+  attributes_.erase(attributes_.begin(), session);
+  return ofUser;
+}
+
+void CollectionGate::putBack(const std::vector<std::shared_ptr<KLVEvent>>& events) {
+  events_.insert(events_.begin(), events.begin(), events.end());
+}
+
+void CollectionGate::putBack(const std::vector<BufferedAttributes>& calls) {
+  attributes_.insert(attributes_.begin(), calls.begin(), calls.end());
 }
 
 void CollectionGate::logRefusal(const char* kind) {

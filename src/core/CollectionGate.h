@@ -10,10 +10,13 @@
 
 namespace kelvo {
 
-/// Attributes of one host call that arrived before the record of the user or the session existed.
+/// Attributes of one host call that arrived before the stored user was merged.
 struct BufferedAttributes {
   bool isUser = false;  ///< of the user, else of the session
   Dictionary attributes;
+
+  /// Sets the attributes on the record that they are for.
+  void applyTo(KLVInfo& record) const;
 };
 
 /// Decides whether a call is stored, buffered in memory or refused, and owns the buffers.
@@ -25,9 +28,10 @@ struct BufferedAttributes {
 /// | running      | collection is enabled                                  | store              | buffer              |
 /// | terminated   | another process owns the home, or collection is denied | refuse             | refuse              |
 ///
-/// The destination of an event is the database. The destination of attributes or a token is the record of the user, the
-/// session or the device. Records exist before the database, so a running gate may store attributes and still buffer
-/// events. `isSDKInitCalled` is true in every state but idle, and `enableSDK` in the state running only.
+/// The destination of an event is the database. The destination of attributes is the record of the user or the session,
+/// and the destination of a token is the record of the device. Each destination exists from its own moment on, after
+/// which later calls are stored. `isSDKInitCalled` is true in every state but idle, and `enableSDK` in the state
+/// running only. A process that must leave the home to another one stays initialising, so that it buffers.
 ///
 /// Thread: not thread-safe. The controller owns the gate and guards it with its mutex.
 class CollectionGate {
@@ -39,8 +43,11 @@ class CollectionGate {
   [[nodiscard]] bool begin() noexcept;
   /// Changes between initialising and running. Does nothing in the other states.
   void setEnabled(bool enabled) noexcept;
-  /// The database is ready: from now on it exists as the destination of events.
-  void openDatabase() noexcept { databaseExists_ = true; }
+  /// Returns the buffered events for the caller to store, and empties the buffer. Once it returns none, the database
+  /// exists as the destination of events. Called repeatedly, it keeps later events behind the buffered ones.
+  [[nodiscard]] std::vector<std::shared_ptr<KLVEvent>> openDatabase() noexcept;
+  /// The stored user is merged: from now on the records exist as the destination of attributes.
+  void openRecords() noexcept { recordsExist_ = true; }
   /// The start-up has ended, with the gate running or terminated.
   void finishStartUp() noexcept { startUpHasEnded_ = true; }
   /// Drops the buffered events and attributes, and refuses every later call permanently.
@@ -49,26 +56,32 @@ class CollectionGate {
 
   [[nodiscard]] State state() const noexcept { return state_; }
   [[nodiscard]] bool databaseExists() const noexcept { return databaseExists_; }
+  [[nodiscard]] bool recordsExist() const noexcept { return recordsExist_; }
   [[nodiscard]] bool startUpHasEnded() const noexcept { return startUpHasEnded_; }
   [[nodiscard]] Decision decide(bool destinationExists) const noexcept;
 
   // Each of these returns true if the caller must store the data now. Otherwise it has buffered the data, or refused it
   // with one ERROR line.
   [[nodiscard]] bool admitEvent(const std::shared_ptr<KLVEvent>& event);
+  /// Admits the lifetime count of `event`. Buffers nothing if the latest `admitEvent` of an application event buffered
+  /// this one: it is counted where it is stored, even if that has happened meanwhile.
+  [[nodiscard]] bool admitCount(const std::shared_ptr<KLVEvent>& event);
   /// Refuses where `admitEvent` buffers.
   [[nodiscard]] bool admitEventUnbuffered() const;
-  [[nodiscard]] bool admitAttributes(BufferedAttributes call, bool recordExists);
+  [[nodiscard]] bool admitAttributes(const BufferedAttributes& call);
   /// Keeps the latest token only.
   [[nodiscard]] bool admitToken(const std::string& token, bool recordExists);
   /// Logs that a call was refused. `kind`: "event" or "call".
   static void logRefusal(const char* kind);
 
-  /// Appends to the buffered events without a decision.
-  void bufferEvent(std::shared_ptr<KLVEvent> event) { events_.push_back(std::move(event)); }
-  /// Returns the buffered events in the order of arrival, and empties the buffer.
+  // Each of these returns buffered data in the order of arrival, and empties the buffer.
   [[nodiscard]] std::vector<std::shared_ptr<KLVEvent>> takeEvents() noexcept { return std::exchange(events_, {}); }
-  /// Returns the buffered attributes in the order of arrival, and empties the buffer.
   [[nodiscard]] std::vector<BufferedAttributes> takeAttributes() noexcept { return std::exchange(attributes_, {}); }
+  /// The attributes of the session stay buffered.
+  [[nodiscard]] std::vector<BufferedAttributes> takeUserAttributes();
+  // Each of these puts taken data back, in front of what arrived meanwhile.
+  void putBack(const std::vector<std::shared_ptr<KLVEvent>>& events);
+  void putBack(const std::vector<BufferedAttributes>& calls);
   /// Returns the latest buffered token, nullopt if there is none. It stays in the buffer.
   [[nodiscard]] const std::optional<std::string>& token() const noexcept { return token_; }
 
@@ -78,8 +91,10 @@ class CollectionGate {
 
   State state_ = State::idle;
   bool databaseExists_ = false;
+  bool recordsExist_ = false;
   bool startUpHasEnded_ = false;
   std::vector<std::shared_ptr<KLVEvent>> events_;
+  std::shared_ptr<KLVEvent> awaitsCount_;  ///< the event that `admitCount` must not buffer again
   std::vector<BufferedAttributes> attributes_;
   std::optional<std::string> token_;
 };

@@ -6,6 +6,7 @@
 #include "network/KLVConfigManager.h"
 #include "records/KLVAppInfo.h"
 #include "records/KLVDeviceInfo.h"
+#include "records/KLVForegroundTime.h"
 #include "records/KLVSDKInfo.h"
 #include "records/KLVSession.h"
 #include "records/KLVUser.h"
@@ -19,6 +20,7 @@ namespace kelvo {
 /// Thread: the controller's mutex guards the pointers. The objects are thread-safe.
 struct KLVComponents {
   std::string applicationIdentifier;
+  KLVForegroundTime foregroundBeforeSession{Date()};  ///< not used any more once there is a session
   std::shared_ptr<KLVSession> session;
   std::shared_ptr<KLVUser> user;
   std::shared_ptr<KLVAppInfo> appInfo;

@@ -38,15 +38,7 @@ void KLVController::processAggregateEventWithEvent(const std::shared_ptr<KLVEven
   const auto handler = components_.dataHandler;
   const auto session = components_.session;
   lock.unlock();
-  const Dictionary parameters{{std::string(kKLVAggName), event->identifier()},
-                              {std::string(kKLVAggSid), session->identifier()}};
-  handler->updateAggregateEventsCountRecordHavingParameters(parameters);
-  for (const auto& [key, value] : event->additionalInfo()) {
-    Dictionary ofAttribute = parameters;
-    ofAttribute.set(kKLVAttrKey, key);
-    ofAttribute.set(kKLVAttrValue, value);
-    handler->fetchAndIncrementCountForParameters(ofAttribute);
-  }
+  handler->countAggregateEvent(event, session->identifier());
 }
 
 Array KLVController::retrieveAggregateEventsWithSessionIdentifier(const std::string& identifier) {

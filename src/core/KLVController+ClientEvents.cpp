@@ -31,6 +31,12 @@ std::optional<std::string> savedHash() {
   return UserDefaults::standard().string(kKLVClientEventsHashKey);
 }
 
+/// Blocks until the hash is in the file of the user defaults.
+void saveHash(const std::string& hash) {
+  UserDefaults::standard().set(kKLVClientEventsHashKey, hash);
+  UserDefaults::standard().synchronize();
+}
+
 }  // namespace
 
 void KLVController::loadClientAndAggregateEvents() {
@@ -46,12 +52,12 @@ void KLVController::loadClientAndAggregateEvents() {
     const auto hash = answer["hash"].asText();
     if (!hash || hash->empty()) {
       KLV_ERROR("Invalid hash for client event config!");  // Kept: does not load the saved lists either.
-    } else if (hash == savedHash()) {
-      KLV_INFO("Client events are the same - no need to fetch");
-      loadEventsWithConfig(getClientEvents());
-    } else {
-      fetchClientEvents(*hash);
+      return;
     }
+    const auto saved = hash == savedHash() ? getClientEvents() : std::nullopt;
+    if (!saved) return fetchClientEvents(*hash);  // also if the hash is saved, but its lists cannot be read
+    KLV_INFO("Client events are the same - no need to fetch");
+    loadEventsWithConfig(saved);
   });
 }
 
@@ -70,15 +76,16 @@ void KLVController::fetchClientEvents(const std::string& hash) {
     const auto events = dictionaryOf(received).value_or(Dictionary())["events"].asDictionary();
     if (!events) {
       KLV_ERROR("Invalid client event config!");
-      return;
+      return loadEventsWithConfig(getClientEvents());
     }
     KLV_INFO("Booting client events data with new client event config: {}", *events);
     loadEventsWithConfig(events);
     const auto handler = dataHandler();
     if (handler == nullptr) return;
-    handler->persistClientEvents(*events);
-    // The hash is saved after the file, so that a kill between the two costs another download only.
-    handler->whenStored([hash] { UserDefaults::standard().set(kKLVClientEventsHashKey, hash); });
+    // The hash follows the file, so that a failed write, or a kill between the two, costs another download only.
+    handler->persistClientEvents(*events, [hash](bool isSaved) {
+      if (isSaved) saveHash(hash);
+    });
   });
 }
 

@@ -3,41 +3,18 @@
 
 #include "core/KLVController.h"
 #include "platform/Clock.h"
-#include "platform/Directories.h"
-#include "platform/Files.h"
-#include "platform/JSON.h"
 #include "platform/UserDefaults.h"
-#include "records/KLVFileNames.h"
 #include "records/KLVRecordKeys.h"
 #include "util/KLVDefaultsKeys.h"
-#include "util/KLVException.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
 #include "util/KLVUtilities+Dates.h"
-#include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {
 
 constexpr std::int64_t kHoursPerDay = 24;
-
-/// Returns `forms` and the storage forms of `events` as one JSON array. Leaves out an event whose attributes cannot be
-/// cleaned, with one ERROR line.
-std::optional<std::string> storageForms(const std::vector<std::shared_ptr<KLVEvent>>& events, Array forms = {}) {
-  for (const auto& event : events) {
-    try {
-      forms.append(event->jsonDict());
-    } catch (const KLVInvalidArgument& fault) {
-      KLV_ERROR("{}", fault.what());
-    }
-  }
-  return KLVUtilities::jsonStringFromNSArray(forms);
-}
-
-/// Writes `content` to `file` in the Library directory. Blocks on the disk. Kept: does not report a failed write.
-void rescue(const std::optional<std::string>& content, std::string_view file) {
-  if (content) static_cast<void>(writeFileAtomically(Directories::inLibrary(file), *content));
-}
 
 }  // namespace
 
@@ -45,61 +22,10 @@ void KLVController::onEvent(const std::shared_ptr<KLVEvent>& event) {
   if (event == nullptr) {
     KLV_WARN("Event is nil");
   } else if (event->eventType() == KLVEventType::app && event->identifier() == kKLVAppOpened) {
-    onAppOpened();
+    static_cast<void>(storeRescuedEvents());
   } else if (event->eventType() == KLVEventType::system && event->identifier() == kKLVBackground) {
-    onBackground();
+    rescue();
   }
-}
-
-void KLVController::onAppOpened() {
-  const auto handler = dataHandler();
-  if (handler == nullptr) return;
-  const auto saved = handler->getEventsInfo();
-  const auto* rescued = saved ? saved->get<Array>() : nullptr;
-  if (rescued == nullptr || rescued->empty()) return;
-  std::vector<std::shared_ptr<KLVEvent>> events;
-  for (const Value& form : *rescued) {
-    if (const auto* dictionary = form.get<Dictionary>()) events.push_back(objectFromJsonDict<KLVEvent>(*dictionary));
-  }
-  {
-    const Lock lock(mutex_);
-    for (const auto& event : events) gate_.bufferEvent(event);
-    // Nothing empties the buffer again once the database is ready, so these events are stored here.
-    if (gate_.databaseExists()) persistEvents(gate_.takeEvents());
-  }
-  handler->deleteItemAtPath(std::string(kKLVEventsBuffer));
-}
-
-void KLVController::onBackground() {
-  std::vector<std::shared_ptr<KLVEvent>> events;
-  std::vector<BufferedAttributes> calls;
-  {
-    const Lock lock(mutex_);
-    if (gate_.databaseExists()) return;
-    events = gate_.takeEvents();
-    calls = gate_.takeAttributes();
-  }
-  if (!events.empty()) rescue(storageForms(events), kKLVEventsBuffer);
-  for (const BufferedAttributes& call : calls) {
-    // Kept: a later call for the user overwrites an earlier one, and the attributes of the session are dropped.
-    if (call.isUser) rescue(KLVUtilities::jsonDataFromNSDictionary(call.attributes), kKLVUserDB);
-  }
-}
-
-void KLVController::rescueEvents() {
-  std::vector<std::shared_ptr<KLVEvent>> events;
-  {
-    const Lock lock(mutex_);
-    if (gate_.databaseExists()) return;
-    events = gate_.takeEvents();
-  }
-  if (events.empty()) return;
-  // The buffer holds an application event twice in a row; the file gets it once.
-  events.erase(std::unique(events.begin(), events.end()), events.end());
-  const auto text = readFile(Directories::inLibrary(kKLVEventsBuffer));
-  const auto earlier = text ? parseJSON(*text) : std::nullopt;
-  const auto* forms = earlier ? earlier->get<Array>() : nullptr;
-  rescue(storageForms(events, forms != nullptr ? *forms : Array()), kKLVEventsBuffer);
 }
 
 void KLVController::startSessionWithLaunchType(const std::optional<std::string>& launchType) {
@@ -108,23 +34,71 @@ void KLVController::startSessionWithLaunchType(const std::optional<std::string>&
     KLV_WARN("launchType is nil");
     return;
   }
-  if (const auto running = session()) running->stopSession();
-  const auto device = deviceInfo();
-  const auto started = KLVSession::initWithLaunchType(*launchType, device ? device->identifier() : "", *this);
-  const auto handler = std::make_shared<KLVDataHandler>(started->identifier());
+  std::shared_ptr<KLVSession> earlier;
+  std::shared_ptr<KLVDataHandler> before;
   {
     const Lock lock(mutex_);
+    earlier = components_.session;
+    before = components_.dataHandler;
+    if (earlier != nullptr && !gate_.databaseExists()) return;  // a session is replaced once its store is open
+  }
+  if (earlier != nullptr) {
+    earlier->stopSession();
+    before->saveSessionInfo(earlier, earlier->identifier());
+  }
+  const auto device = deviceInfo();
+  const auto started = KLVSession::initWithLaunchType(*launchType, device ? device->identifier() : "", *this);
+  const bool isWhole = before != nullptr && KLVDeliveryRules::current().storesRestartedSessions;
+  // Kept: otherwise only the data handler of the first session is ever started. The later ones write files, but no
+  // events.
+  const auto handler = isWhole ? std::make_shared<KLVDataHandler>(started->identifier(), *before)
+                               : std::make_shared<KLVDataHandler>(started->identifier());
+  std::shared_ptr<KLVChunkManager> chunks;
+  {
+    const Lock lock(mutex_);
+    if (earlier == nullptr) started->continueFrom(components_.foregroundBeforeSession);
     components_.session = started;
-    // Kept: only the data handler of the first session is ever started. The later ones write files, but no events.
     components_.dataHandler = handler;
+    chunks = components_.chunkManager;
   }
   handler->saveSessionInfo(started, started->identifier());
+  if (isWhole && chunks != nullptr) chunks->startSession(started->identifier());
   incrementLifetimeSessionCount();
 }
 
-void KLVController::updateChunkEndTime() {
-  controllerSerialQueue_.sync([this] {
-    if (const auto running = session()) running->updateEndTime();
+void KLVController::updateChunkStartTime(Date when) {
+  std::shared_ptr<KLVSession> running;
+  {
+    const Lock lock(mutex_);
+    running = components_.session;
+    if (running == nullptr) components_.foregroundBeforeSession.enter(when);
+  }
+  if (running == nullptr || !running->updateStartTime(when)) return;
+  if (!KLVDeliveryRules::current().storesRestartedSessions) return;  // FOREGROUND restarts the session
+  // The session restarts before FOREGROUND is dispatched, so that FOREGROUND belongs to the new one. All earlier events
+  // belong to the session that ends, also the screen that its BACKGROUND dispatched.
+  eventHandler_.waitUntilDelivered();
+  waitUntilDelivered();
+  startSessionWithLaunchType(std::string(kKLVRestart));
+  session()->updateStartTime(when);
+}
+
+void KLVController::updateChunkEndTime(Date when) {
+  controllerSerialQueue_.sync([this, when] {
+    std::shared_ptr<KLVSession> running;
+    {
+      const Lock lock(mutex_);
+      running = components_.session;
+      if (running == nullptr) components_.foregroundBeforeSession.leave(when);
+    }
+    if (running != nullptr) running->updateEndTime(when);
+  });
+}
+
+void KLVController::performReport(EarlyReports::Report report) {
+  controllerSerialQueue_.async([this, report = std::move(report)] {
+    controllerSerialQueue_.assertCurrent();
+    earlyReports_.add(report);
   });
 }
 
@@ -188,7 +162,15 @@ void KLVController::saveSessionInfoWithIndentifier(const std::optional<std::stri
 }
 
 void KLVController::saveUserInfo() {
-  if (const auto handler = dataHandler()) handler->saveUserInfo(user());
+  std::shared_ptr<KLVDataHandler> handler;
+  std::shared_ptr<KLVUser> merged;
+  {
+    const Lock lock(mutex_);
+    if (!gate_.recordsExist()) return;  // the stored user is not merged yet, and must not be overwritten
+    handler = components_.dataHandler;
+    merged = components_.user;
+  }
+  handler->saveUserInfo(merged);
 }
 
 void KLVController::markFatalAndUpdateDuration(std::optional<Date> duration,

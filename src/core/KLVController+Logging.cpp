@@ -2,6 +2,8 @@
 
 #include "core/AttributeFlattening.h"
 #include "core/KLVController.h"
+#include "platform/Clock.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVException.h"
 #include "util/KLVLogger.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -38,9 +40,10 @@ void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
     return;
   }
   controllerSerialQueue_.async([this, identifier = *std::move(identifier)] {
-    const auto currentUser = user();
-    if (enableSDK() && currentUser != nullptr) {
-      currentUser->setUserAttribute(identifier, "custom_user_id");
+    const auto state = gateState();
+    const bool isEarly = state == CollectionGate::State::idle || state == CollectionGate::State::initialising;
+    if (state == CollectionGate::State::running || (isEarly && KLVDeliveryRules::current().keepsEarlyUserIdentifier)) {
+      setAttributes({true, {{"custom_user_id", identifier}}});
     } else {
       KLV_ERROR("SDK not enabled - user identifier not set");
     }
@@ -52,7 +55,10 @@ void KLVController::logScreenWithName(const std::optional<std::string>& title) {
     KLV_WARN("Invalid title: {} given", title);
     return;
   }
-  controllerSerialQueue_.async([this, title = *title] { navigationMonitor_->logScreenWithName(title); });
+  controllerSerialQueue_.async([this, title = *title, when = Clock::now()] {
+    controllerSerialQueue_.assertCurrent();
+    earlyReports_.addNamedScreen([this, title, when] { navigationMonitor_->logScreenWithName(title, when); });
+  });
 }
 
 void KLVController::logClientEventWithName(std::optional<std::string> name, std::optional<Dictionary> info,
@@ -106,19 +112,18 @@ void KLVController::setCustomInfo(std::optional<Dictionary> info, bool isUser) {
       }
       return;
     }
-    std::shared_ptr<KLVInfo> record;
-    {
-      const Lock lock(mutex_);
-      if (isUser) {
-        record = components_.user;
-      } else {
-        record = components_.session;
-      }
-      if (!gate_.admitAttributes({isUser, *info}, record != nullptr)) return;
-    }
-    for (const auto& [key, value] : *info) record->setCustomInfo(value, key);
-    if (isUser) saveUserInfo();
+    setAttributes({isUser, *info});
   });
+}
+
+void KLVController::setAttributes(const BufferedAttributes& call) {
+  {
+    const Lock lock(mutex_);
+    if (!gate_.admitAttributes(call)) return;
+  }
+  if (!call.isUser) return call.applyTo(*session());
+  call.applyTo(*user());
+  saveUserInfo();
 }
 
 void KLVController::reportCustomError(std::optional<std::string> error, std::optional<Dictionary> info) {
@@ -147,12 +152,16 @@ void KLVController::verifyAndLogDeviceToken(const std::optional<std::string>& to
     KLV_WARN("Invalid token data!");
     return;
   }
-  const Lock lock(mutex_);
-  const auto& device = components_.deviceInfo;
-  const bool stores = gate_.admitToken(*token, device != nullptr);
-  // The record exists for a short time before collection is enabled. A token that is buffered then goes there, too.
-  const bool isEarly = device != nullptr && gate_.state() == CollectionGate::State::initialising;
-  if (stores || isEarly) device->logDeviceToken(*token);
+  std::shared_ptr<KLVDeviceInfo> device;
+  {
+    const Lock lock(mutex_);
+    device = components_.deviceInfo;
+    const bool stores = gate_.admitToken(*token, device != nullptr);
+    // The record exists for a short time before collection is enabled. A token that is buffered then goes there, too.
+    const bool isEarly = gate_.state() == CollectionGate::State::initialising;
+    if (!stores && !isEarly) return;
+  }
+  if (device != nullptr) device->logDeviceToken(*token);
 }
 
 void KLVController::dispatchEvent(const std::shared_ptr<KLVEvent>& event) {
@@ -168,9 +177,12 @@ void KLVController::saveLifetimeEvent(const std::shared_ptr<KLVEvent>& event) {
     KLV_WARN("Event passed is nil");
     return;
   }
-  const Lock lock(mutex_);
-  // Kept: the buffer holds an application event twice, once from here and once from `saveEvent`.
-  if (gate_.admitEvent(event)) components_.dataHandler->upsertLifetimeEvent(event);
+  Lock lock(mutex_);
+  if (!gate_.admitCount(event)) return;
+  const auto handler = components_.dataHandler;
+  lock.unlock();
+  if (event->eventType() == KLVEventType::app) return;  // counted with its row
+  handler->upsertLifetimeEvent(event);
 }
 
 void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event) {
@@ -183,7 +195,11 @@ void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event) {
   const auto handler = components_.dataHandler;
   const auto running = components_.session;
   lock.unlock();  // the data handler makes the event's storage form, which takes time
-  handler->saveEventInfo(event, running->identifier());
+  if (event->eventType() == KLVEventType::app) {
+    handler->saveAndCountEvent(event, running->identifier());
+  } else {
+    handler->saveEventInfo(event, running->identifier());
+  }
 }
 
 void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event, const std::optional<std::string>& sessionId) {
@@ -191,8 +207,11 @@ void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event, const std:
     KLV_WARN("Event/sessionId is nil");
     return;
   }
-  const Lock lock(mutex_);
-  if (gate_.admitEventUnbuffered()) components_.dataHandler->saveEventInfo(event, *sessionId);
+  Lock lock(mutex_);
+  if (!gate_.admitEventUnbuffered()) return;
+  const auto handler = components_.dataHandler;
+  lock.unlock();
+  handler->saveEventInfo(event, *sessionId);
 }
 
 }  // namespace kelvo

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/KLVController.h"
+#include "core/RescueFiles.h"
 #include "platform/Bundle.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
@@ -11,6 +12,7 @@
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
 #include "util/KLVDefaultsKeys.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -49,19 +51,31 @@ void KLVController::initializeWithKelvoID(std::optional<std::string> appId) {
     KLV_INFO("Kelvo SDK already initialized. Ignoring this call");
     return;
   }
-  controllerSerialQueue_.async([this, id = *std::move(appId)] { stepA(id); });
+  controllerSerialQueue_.async([this, id = *std::move(appId)] {
+    controllerSerialQueue_.assertCurrent();
+    stepA(id);
+  });
 }
 
 void KLVController::stepA(const std::string& appId) {
-  if (const auto holder = HomeLock::takeOrFindHolder()) {
-    KLV_ERROR("Process {} uses the directory {} already; this process collects nothing", *holder,
-              Directories::library());
-    return stayTerminated();
+  const auto holder = HomeLock::takeOrFindHolder();
+  holdsHome_ = !holder;
+  if (holder) {
+    const bool collects = KLVDeliveryRules::current().rescuesBesideAnotherProcess && getEnableSDKState();
+    KLV_ERROR("Process {} uses the directory {} already; this process {}", *holder, Directories::library(),
+              collects ? "leaves its events to the next launch" : "collects nothing");
+    if (!collects) {
+      earlyReports_.drop();
+      return stayTerminated();
+    }
   }
   registerIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), asListener());
   registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), asListener());
   systemEventMonitor_.start();
   navigationMonitor_->start();
+  earlyReports_.play();
+  navigationMonitor_->lookUpFirstScreen();
+  if (holder) return finishStartUp();
   const std::string path = byReplacing(kKLVSDKEnableURL, "<app-id>", appId);
   postman_.getDataFromURLPath(fmt::format("{}{:f}", path, kKLVSDKVersion),
                               [this](auto data, auto response, auto error) { stepB(data, response, error); });
@@ -72,12 +86,7 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   std::optional<std::string> serviceHash;
   if (!serviceAllowsCollection(data, response, error, serviceHash)) return stayTerminated();
 
-  auto deviceInfo = std::make_shared<KLVDeviceInfo>("__undefined-devicename__");
-  {
-    const Lock lock(mutex_);
-    components_.deviceInfo = deviceInfo;
-    if (gate_.token()) deviceInfo->logDeviceToken(*gate_.token());
-  }
+  startDeviceRecord();
   auto manager = std::make_shared<KLVConfigManager>(*this);
   {
     const Lock lock(mutex_);
@@ -91,8 +100,7 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   startSessionWithLaunchType("normal");
   setupLoggerLevel();
   loadClientAndAggregateEvents();
-  dataHandler()->startWithCompletionHandler([this] { stepC(); });
-  // On the queue of host calls, so that no attribute set meanwhile gets lost.
+  dataHandler()->startWithCompletionHandler([this] { controllerSerialQueue_.sync([this] { stepC(); }); });
   controllerSerialQueue_.sync([this] { mergeStoredUser(); });
   auto chunks = KLVChunkManager::initWithConfiguration(manager->configDetails(), *this);
   {
@@ -139,17 +147,35 @@ bool KLVController::serviceAllowsCollection(const std::optional<std::string>& da
 }
 
 void KLVController::updateConfiguration(const std::optional<std::string>& serviceHash) {
+  const auto manager = locked(&KLVComponents::configManager);
   const auto saved = KLVUtilities::getHashForModule(std::string(kConfigHashModule));
   KLV_DEBUG("Saved hash value: {}", saved);
-  if (saved && serviceHash && *saved == *serviceHash) {
+  const bool isSame = saved && serviceHash && !serviceHash->empty() && *saved == *serviceHash;
+  if (isSame && manager->hasSavedConfiguration()) {
     KLV_DEBUG("Same hash, no changes in config");
     return;
   }
   KLV_DEBUG("New hash value: {}", serviceHash);
   KLV_INFO("Downloading config ...");
-  locked(&KLVComponents::configManager)->getAndSaveLatestConfigurationWithCompletionHandler([serviceHash] {
-    if (serviceHash) KLVUtilities::saveHash(*serviceHash, std::string(kConfigHashModule));
+  manager->getAndSaveLatestConfigurationWithCompletionHandler([serviceHash] {
+    // Without a hash of its own, the new file must not count as the one of the earlier hash.
+    KLVUtilities::saveHash(serviceHash.value_or(""), std::string(kConfigHashModule));
   });
+}
+
+void KLVController::startDeviceRecord() {
+  const auto device = std::make_shared<KLVDeviceInfo>("__undefined-devicename__");
+  for (std::optional<std::string> token;;) {
+    {
+      const Lock lock(mutex_);
+      if (gate_.token() == token) {  // the record has the latest token, so no older one can replace a newer one
+        components_.deviceInfo = device;
+        return;
+      }
+      token = gate_.token();
+    }
+    device->logDeviceToken(*token);
+  }
 }
 
 void KLVController::startRecords() {
@@ -163,53 +189,71 @@ void KLVController::startRecords() {
   components_.user = std::move(user);
 }
 
+/// Thread: the controller's queue. Later calls therefore follow the buffered ones.
 void KLVController::mergeStoredUser() {
-  const auto stored = retrieveUser();
-  if (stored == nullptr) return;
-  const auto current = user();
-  if (stored->identifier().empty()) stored->setIdentifier(current->identifier());
-  KLV_INFO("Updating user info");
-  KLV_DEBUG("Updating old user info: {} with new user info: {}", stored->customInfo(), current->customInfo());
-  for (const auto& [key, value] : KLVUtilities::dictionaryByRemovingNulls(current->customInfo())) {
-    stored->setCustomInfo(value, key);
-  }
-  stored->setDelegate(this);
-  {
-    const Lock lock(mutex_);
-    components_.user = stored;
-  }
-  saveUserInfo();
-}
-
-void KLVController::stepC() {
   std::vector<BufferedAttributes> calls;
   {
+    const Lock files(rescueMutex_);  // waits for a rescue that is writing the user's file
     const Lock lock(mutex_);
-    gate_.openDatabase();
     calls = gate_.takeAttributes();
-    // Submitted with the lock held, so that later events are stored after the buffered ones.
-    persistEvents(gate_.takeEvents());
   }
   Array descriptions;
   for (const BufferedAttributes& call : calls) {
     descriptions.append(Dictionary{{"type", call.isUser ? "user" : "session"}, {"info", call.attributes}});
   }
   KLV_DEBUG("Persisting info buffer: {}", descriptions);
-  const auto currentUser = user();
-  const auto currentSession = session();
+  const auto current = user();
+  const auto running = session();
   for (const BufferedAttributes& call : calls) {
-    for (const auto& [key, value] : call.attributes) {
-      call.isUser ? currentUser->setCustomInfo(value, key) : currentSession->setCustomInfo(value, key);
+    call.isUser ? call.applyTo(*current) : call.applyTo(*running);
+  }
+  const auto stored = retrieveUser();
+  if (stored != nullptr) {
+    if (stored->identifier().empty()) stored->setIdentifier(current->identifier());
+    KLV_INFO("Updating user info");
+    KLV_DEBUG("Updating old user info: {} with new user info: {}", stored->customInfo(), current->customInfo());
+    for (const auto& [key, value] : KLVUtilities::dictionaryByRemovingNulls(current->customInfo())) {
+      stored->setCustomInfo(value, key);
     }
+    stored->setDelegate(this);
+  }
+  {
+    const Lock lock(mutex_);
+    if (stored != nullptr) components_.user = stored;
+    gate_.openRecords();
+  }
+  saveRecords();
+}
+
+/// Thread: the controller's queue. Host calls wait meanwhile, so the buffer is soon empty.
+void KLVController::stepC() {
+  for (bool isOpen = false; !isOpen;) {
+    // Rescued events are older than buffered ones, so they are stored first, those of this process included.
+    const bool isStored = storeRescuedEvents();
+    const Lock files(rescueMutex_);  // no rescue comes between the check and the opening
+    if (isStored && RescueFiles::isPending()) continue;
+    std::vector<EventRef> events;
+    {
+      const Lock lock(mutex_);
+      events = gate_.openDatabase();
+    }
+    persistEvents(events);
+    isOpen = events.empty();
   }
 }
 
-void KLVController::persistEvents(const std::vector<std::shared_ptr<KLVEvent>>& events) {
+void KLVController::persistEvents(const std::vector<EventRef>& events) {
   KLV_DEBUG("Persisting events buffer: {}", names(events));
+  const auto handler = dataHandler();
+  const std::string sessionId = session()->identifier();
   for (const auto& event : events) {
-    const bool counts = event->eventType() == KLVEventType::app || event->eventType() == KLVEventType::client;
-    if (counts) components_.dataHandler->upsertLifetimeEvent(event);
-    components_.dataHandler->saveEventInfo(event, components_.session->identifier());
+    const KLVEventType type = event->eventType();
+    if (type == KLVEventType::app || type == KLVEventType::client) {
+      handler->saveAndCountEvent(event, sessionId);
+      continue;
+    }
+    if (type == KLVEventType::aggregate) handler->countAggregateEvent(event, sessionId);
+    handler->saveEventInfo(event, sessionId);
   }
 }
 
@@ -248,7 +292,7 @@ bool KLVController::getEnableSDKState() {
   auto& defaults = UserDefaults::standard();
   if (!defaults.contains(kKLVLegacyEnableSDKKey)) return true;
   const bool enabled = defaults.boolean(kKLVLegacyEnableSDKKey);
-  defaults.remove(kKLVLegacyEnableSDKKey);  // Kept: the value is not copied into the file.
+  if (holdsHome_) defaults.remove(kKLVLegacyEnableSDKKey);  // Kept: the value is not copied into the file.
   return enabled;
 }
 

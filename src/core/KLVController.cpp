@@ -3,6 +3,7 @@
 #include "platform/Bundle.h"
 #include "platform/Clock.h"
 #include "platform/Immortal.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -12,6 +13,17 @@ namespace kelvo {
 namespace {
 /// A cut waits this long for the title of the current screen.
 constexpr std::chrono::milliseconds kLongestWaitForTitle(1000);
+
+/// Chooses the delivery that the bundle names, if it names one.
+void chooseDelivery(const Dictionary& bundle) {
+  const Value& name = bundle["KelvoDelivery"];
+  if (name.isNull()) return;
+  const auto* text = name.get<std::string>();
+  const KLVDeliveryRules* rules = text != nullptr ? KLVDeliveryRules::named(*text) : nullptr;
+  if (rules == nullptr) KLV_ERROR("KelvoDelivery is neither classic nor complete: {}", name);
+  KLVDeliveryRules::choose(rules != nullptr ? *rules : KLVDeliveryRules::classic);
+}
+
 }  // namespace
 
 KLVController& KLVController::sharedController() {
@@ -20,12 +32,15 @@ KLVController& KLVController::sharedController() {
 }
 
 KLVController::KLVController() {
-  KLVTimer::sharedTimer().setSDKStartTime(Clock::now());
+  const Date now = Clock::now();
+  KLVTimer::sharedTimer().setSDKStartTime(now);
+  components_.foregroundBeforeSession = KLVForegroundTime(now);
   KLVUtilities::initializeDateFormatter();
 }
 
 void KLVController::initialize() {
   const Dictionary& bundle = Bundle::main().infoDictionary();
+  chooseDelivery(bundle);
   const auto* meta = bundle["Kelvo"].get<Dictionary>();
   if (meta == nullptr) {
     KLV_ERROR("KelvoiOSSDK failed to initialize - invalid Kelvo Meta Info");
@@ -54,18 +69,21 @@ bool KLVController::hasStarted() {
   return gate_.startUpHasEnded();
 }
 
+bool KLVController::leavesEventsToNextLaunch() {
+  return !holdsHome_ && hasStarted() && gateState() == CollectionGate::State::initialising;
+}
+
 CollectionGate::State KLVController::gateState() {
   const Lock lock(mutex_);
   return gate_.state();
 }
 
-/// A host call passes the controller's queue, the bus and the data handler. An activity report also passes the system
-/// events monitor, and a screen the navigation monitor, whose events pass the bus again.
+/// A host call passes the controller's queue, the bus and the data handler. A screen also passes the navigation
+/// monitor, whose events pass the bus again.
 std::vector<Stage> KLVController::stagesUntilStored() {
   const Stage classified = [this](auto next) { eventHandler_.whenClassified(std::move(next)); };
   return {
       [this](auto next) { controllerSerialQueue_.async(std::move(next)); },
-      [this](auto next) { systemEventMonitor_.whenDispatched(std::move(next)); },
       classified,
       classified,  // the bus queues a delivery while it classifies the event
       [this](auto next) { navigationMonitor_->whenDispatched(std::move(next)); },

@@ -1,26 +1,31 @@
 #include "core/KLVStorageForwarding.h"
 
+#include <utility>
+
 #include "util/KLVLogger.h"
 
 namespace kelvo {
-std::uint64_t KLVStorageForwarding::numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) {
+
+std::optional<std::uint64_t> KLVStorageForwarding::numberOfEventsWithIdentifier(
+    const std::optional<std::string>& identifier) {
   if (!identifier) {
     KLV_WARN("identifier is nil");
     return 0;
   }
   const auto handler = dataHandler();
-  return handler ? handler->numberOfEventsWithIdentifier(*identifier) : 0;
+  if (handler == nullptr) return 0;
+  return handler->numberOfEventsWithIdentifier(*identifier);
 }
 
-std::vector<Dictionary> KLVStorageForwarding::getEventsBetween(std::uint64_t start, std::uint64_t end,
-                                                               const std::optional<std::string>& identifier,
-                                                               std::optional<KLVEventType> eventType) {
+std::optional<std::vector<Dictionary>> KLVStorageForwarding::getEventsBetween(
+    std::uint64_t start, std::uint64_t end, const std::optional<std::string>& identifier,
+    std::optional<KLVEventType> eventType) {
   if (!identifier || !eventType) {
     KLV_WARN("identifier/eventType is nil");
-    return {};
+    return std::vector<Dictionary>();
   }
   const auto handler = dataHandler();
-  if (handler == nullptr) return {};
+  if (handler == nullptr) return std::vector<Dictionary>();
   std::optional<std::string> typeName;  // none: events of every type
   if (*eventType != KLVEventType::system) typeName = std::string(stringFromType(*eventType));
   return handler->getEventsBetween(start, end, *identifier, typeName);
@@ -29,6 +34,21 @@ std::vector<Dictionary> KLVStorageForwarding::getEventsBetween(std::uint64_t sta
 std::vector<std::string> KLVStorageForwarding::getSessions() {
   const auto handler = dataHandler();
   return handler ? handler->getSessions() : std::vector<std::string>();
+}
+
+std::vector<std::string> KLVStorageForwarding::getSessionsWithAggregates() {
+  const auto handler = dataHandler();
+  return handler ? handler->getSessionsWithAggregates() : std::vector<std::string>();
+}
+
+std::vector<std::string> KLVStorageForwarding::getSessionDirectories() {
+  const auto handler = dataHandler();
+  return handler ? handler->getSessionDirectories() : std::vector<std::string>();
+}
+
+std::optional<AggregateTotals> KLVStorageForwarding::aggregateTotals(const std::string& sid) {
+  const auto handler = dataHandler();
+  return handler ? handler->aggregateTotals(sid) : AggregateTotals();
 }
 
 std::vector<std::shared_ptr<KLVChunkMetaInfo>> KLVStorageForwarding::retrieveChunkMetaInfo() {
@@ -41,12 +61,19 @@ std::shared_ptr<KLVUser> KLVStorageForwarding::retrieveUser() {
   return handler ? handler->retrieveUser() : nullptr;
 }
 
-void KLVStorageForwarding::saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) {
+bool KLVStorageForwarding::saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta,
+                                             const std::optional<Dictionary>& records) {
   if (meta == nullptr) {
     KLV_WARN("cannot update, event is nil");
-  } else if (const auto handler = dataHandler()) {
-    handler->saveChunkMetaInfo(meta);
+    return false;
   }
+  const auto handler = dataHandler();
+  return handler != nullptr && handler->saveChunkMetaInfo(meta, records);
+}
+
+std::optional<Dictionary> KLVStorageForwarding::retrieveChunkRecords(const std::string& chunkId) {
+  const auto handler = dataHandler();
+  return handler ? handler->retrieveChunkRecords(chunkId) : std::nullopt;
 }
 
 void KLVStorageForwarding::updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) {
@@ -57,11 +84,11 @@ void KLVStorageForwarding::updateChunkMetaInfo(const std::shared_ptr<KLVChunkMet
   }
 }
 
-void KLVStorageForwarding::updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk) {
+void KLVStorageForwarding::updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal) {
   if (chunk == nullptr) {
     KLV_WARN("cannot update, event is nil");
   } else if (const auto handler = dataHandler()) {
-    handler->updateChunkMetaStatus(chunk);
+    handler->updateChunkMetaStatus(chunk, aggregateTotal);
   }
 }
 
@@ -97,8 +124,8 @@ void KLVStorageForwarding::deleteAggregateEventsWithSessionId(const std::optiona
   }
 }
 
-void KLVStorageForwarding::writeTogether(const std::function<void()>& deletions) {
-  if (const auto handler = dataHandler()) handler->writeTogether(deletions);
+void KLVStorageForwarding::writeTogether(const std::function<void()>& deletions, std::function<void()> committed) {
+  if (const auto handler = dataHandler()) handler->writeTogether(deletions, std::move(committed));
 }
 
 std::shared_ptr<KLVSession> KLVStorageForwarding::retrieveSessionInfoWithIdentifier(

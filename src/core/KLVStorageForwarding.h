@@ -19,11 +19,14 @@ namespace kelvo {
 /// Thread: any.
 class KLVStorageForwarding : public KLVChunkManagerDelegate {
  public:
-  std::uint64_t numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) override;
-  std::vector<Dictionary> getEventsBetween(std::uint64_t start, std::uint64_t end,
-                                           const std::optional<std::string>& identifier,
-                                           std::optional<KLVEventType> eventType) override;
+  std::optional<std::uint64_t> numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) override;
+  std::optional<std::vector<Dictionary>> getEventsBetween(std::uint64_t start, std::uint64_t end,
+                                                          const std::optional<std::string>& identifier,
+                                                          std::optional<KLVEventType> eventType) override;
   std::vector<std::string> getSessions() override;
+  std::vector<std::string> getSessionsWithAggregates() override;
+  std::vector<std::string> getSessionDirectories() override;
+  std::optional<AggregateTotals> aggregateTotals(const std::string& sid) override;
   std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override;
 
  protected:
@@ -35,14 +38,16 @@ class KLVStorageForwarding : public KLVChunkManagerDelegate {
   std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::optional<std::string>& identifier) override;
 
  private:
-  void saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override;
+  bool saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta,
+                         const std::optional<Dictionary>& records) override;
+  std::optional<Dictionary> retrieveChunkRecords(const std::string& chunkId) override;
   void updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override;
-  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk) override;
+  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal) override;
   void deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>& chunk) override;
   void deleteSession(const std::optional<std::string>& identifier) override;
   void deleteItemAtPath(const std::optional<std::string>& path) override;
   void deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) override;
-  void writeTogether(const std::function<void()>& deletions) override;
+  void writeTogether(const std::function<void()>& deletions, std::function<void()> committed) override;
 };
 
 }  // namespace kelvo

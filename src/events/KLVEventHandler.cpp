@@ -52,6 +52,11 @@ void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
   });
 }
 
+void KLVEventHandler::whenDelivered(std::function<void()> done) {
+  // The first task runs when every event so far is classified, and its deliveries are queued.
+  queue_.async([this, done = std::move(done)] { queue_.async(done); });
+}
+
 void KLVEventHandler::waitUntilDelivered() {
   queue_.sync([] {});  // now every event is classified, and its deliveries are queued
   queue_.sync([] {});  // now they are delivered

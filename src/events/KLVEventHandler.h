@@ -62,6 +62,9 @@ class KLVEventHandler {
   void waitUntilDelivered();
   /// Calls `done` on the bus's queue once every event enqueued so far is classified and submitted for saving.
   void whenClassified(std::function<void()> done) { queue_.async(std::move(done)); }
+  /// Calls `done` on the bus's queue once the listeners have received every event enqueued so far, and before they
+  /// receive any later one.
+  void whenDelivered(std::function<void()> done);
 
  private:
   using Table = std::unordered_map<std::string, std::vector<Listener>>;

@@ -1,5 +1,6 @@
 #include "events/KLVNavigationMonitor.h"
 
+#include <algorithm>
 #include <future>
 #include <utility>
 
@@ -45,7 +46,6 @@ std::shared_ptr<Event> eventOfNamedScreen(const std::optional<std::string>& navi
 void KLVNavigationMonitor::start() {
   KLV_DEBUG("Starting navigation monitor");
   const auto self = shared_from_this();
-  MainQueue::async([self] { self->lookUpFirstScreen(); });
   delegate_.registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), self);
   delegate_.registerIdentifer(identifierKey(KLVEventType::system, kKLVForeground), self);
   auto& center = NotificationCenter::defaultCenter();
@@ -54,8 +54,7 @@ void KLVNavigationMonitor::start() {
                              [this](const std::any& info) { navigationWillChangeNotification(screenOf(info)); });
   didShow_ = center.observe(kDidShowViewController,
                             [this](const std::any& info) { navigationChangeNotification(screenOf(info)); });
-  viewTreeDidChange_ = center.observe(
-      kViewTreeDidChange, [this] { MainQueue::async([self = shared_from_this()] { self->lookUpFirstScreen(); }); });
+  viewTreeDidChange_ = center.observe(kViewTreeDidChange, [this] { lookUpFirstScreen(); });
 }
 
 void KLVNavigationMonitor::stop() {
@@ -67,6 +66,10 @@ void KLVNavigationMonitor::stop() {
 }
 
 void KLVNavigationMonitor::lookUpFirstScreen() {
+  delegate_.whenDelivered([self = shared_from_this()] { MainQueue::async([self] { self->enterFirstScreen(); }); });
+}
+
+void KLVNavigationMonitor::enterFirstScreen() {
   if (firstScreenIsLookedUp_ || HostInterface::viewTree() == nullptr) return;
   firstScreenIsLookedUp_ = true;
   const auto window = KLVUtilities::keyWindow();
@@ -79,6 +82,10 @@ void KLVNavigationMonitor::perform(Task task) {
     navEventDispatchSerialQueue_.assertCurrent();
     runInOrder(std::move(task));
   });
+}
+
+void KLVNavigationMonitor::performReport(Task task) {
+  delegate_.whenDelivered([self = shared_from_this(), task = std::move(task)] { self->perform(task); });
 }
 
 void KLVNavigationMonitor::runInOrder(Task task) {
@@ -132,13 +139,15 @@ void KLVNavigationMonitor::handleFirstScreen(std::optional<Screen> screen) {
   if (!screen) return;
   perform([this, screen = *std::move(screen)] {
     navEventDispatchSerialQueue_.assertCurrent();
-    if (previousNavEvent_ == nullptr) enter(screen, [] {});
+    if (previousNavEvent_ != nullptr) return;
+    if (currentNavEvent_ != nullptr) return handleNavigationChangeToViewController(screen);
+    enter(screen, [] {});
   });
 }
 
 void KLVNavigationMonitor::navigationWillChangeNotification(std::optional<Screen> next) {
   KLV_DEBUG("Navigation will change notified");
-  perform([this, next = std::move(next)] {
+  performReport([this, next = std::move(next)] {
     navEventDispatchSerialQueue_.assertCurrent();
     if (!isScreen(next)) return;
     const std::string name = nameOf(*next);
@@ -150,7 +159,7 @@ void KLVNavigationMonitor::navigationWillChangeNotification(std::optional<Screen
 
 void KLVNavigationMonitor::navigationChangeNotification(std::optional<Screen> next) {
   KLV_DEBUG("Navigation change notified");
-  perform([this, next = std::move(next)] {
+  performReport([this, next = std::move(next)] {
     navEventDispatchSerialQueue_.assertCurrent();
     if (isScreen(next)) handleNavigationChangeToViewController(*next);
   });
@@ -173,6 +182,7 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
   }
   currNavId_ = currScreenName_ = name;
   const auto event = std::make_shared<KLVNavigationEvent>(name);
+  event->setCreatedTime(KLVTimer::sharedTimer().timeAt(screen.reportedAt));
   readTitle(screen, [this, event, whenCurrent = std::move(whenCurrent)](const std::optional<std::string>& title) {
     navEventDispatchSerialQueue_.assertCurrent();
     if (title) event->setInfo(*sanitised(title), kKLVName);
@@ -181,43 +191,46 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
   });
 }
 
-void KLVNavigationMonitor::logScreenWithName(std::string name) {
-  perform([this, name = std::move(name)] {
+void KLVNavigationMonitor::logScreenWithName(std::string name, Date reportedAt) {
+  performReport([this, name = std::move(name), reportedAt] {
     navEventDispatchSerialQueue_.assertCurrent();
     currScreenName_ = currScreenNameForCE_ = name;
     previousNavEvent_ = currentNavEvent_;
     delegate_.dispatchEvent(eventOfNamedScreen<KLVCENavEvent>(currNavId_, name));
     currentNavEvent_ = eventOfNamedScreen<KLVNavigationEvent>(currNavId_, name);
+    currentNavEvent_->setCreatedTime(KLVTimer::sharedTimer().timeAt(reportedAt));
     dispatch(previousNavEvent_, currentNavEvent_->createdTime());
   });
 }
 
 void KLVNavigationMonitor::onEvent(const std::shared_ptr<KLVEvent>& event) {
   if (event->eventType() != KLVEventType::system) return;
-  perform([this, name = event->identifier()] {
+  perform([this, name = event->identifier(), time = event->createdTime()] {
     navEventDispatchSerialQueue_.assertCurrent();
-    if (name == kKLVBackground) onBackground();
-    if (name == kKLVForeground) onForeground();
+    if (name == kKLVBackground) onBackground(time);
+    if (name == kKLVForeground) onForeground(time);
   });
 }
 
-void KLVNavigationMonitor::onBackground() {
-  dispatch(currentNavEvent_, KLVTimer::sharedTimer().currentTime());
+void KLVNavigationMonitor::onBackground(std::int64_t time) {
+  dispatch(currentNavEvent_, time);
 }
 
-/// Counts the current screen again from now, so that no screen gets the time spent in the background.
-void KLVNavigationMonitor::onForeground() {
+/// Counts the current screen again from `time`, so that no screen gets the time spent in the background.
+void KLVNavigationMonitor::onForeground(std::int64_t time) {
   previousNavEvent_ = currentNavEvent_;
   if (currentNavEvent_ == nullptr) return;
   const auto again = std::make_shared<KLVNavigationEvent>(currentNavEvent_->identifier());
   const Value title = currentNavEvent_->additionalInfo()[kKLVName];
   if (!title.isNull()) again->setInfo(title, kKLVName);
+  again->setCreatedTime(time);
   currentNavEvent_ = again;
 }
 
 void KLVNavigationMonitor::dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime) {
-  if (event == nullptr) return;
-  event->setInfo(endTime - event->createdTime(), kKLVDuration);
+  if (event == nullptr || event == dispatchedNavEvent_) return;
+  dispatchedNavEvent_ = event;
+  event->setInfo(std::max<std::int64_t>(endTime - event->createdTime(), 0), kKLVDuration);
   delegate_.dispatchEvent(event);
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/Clock.h"
 #include "platform/DispatchQueue.h"
 #include "platform/HostInterface.h"
 #include "platform/NotificationCenter.h"
@@ -22,6 +23,8 @@ class KLVNavigationMonitorDelegate {
  public:
   virtual void registerIdentifer(const std::string& key, const std::shared_ptr<KLVEventListener>& listener) = 0;
   virtual void dispatchEvent(const std::shared_ptr<KLVEvent>& event) = 0;
+  /// Runs `task` once every event dispatched so far is delivered, and before any later one is.
+  virtual void whenDelivered(std::function<void()> task) = 0;
 
  protected:
   ~KLVNavigationMonitorDelegate() = default;  // never deleted through this type
@@ -33,31 +36,35 @@ class KLVNavigationMonitorDelegate {
 /// becomes an event when the next one appears or the application goes to the background. That event carries the time
 /// spent on the screen, in whole seconds.
 ///
-/// The monitor works on one serial queue. It reads a view controller's title on the main queue. Until the title is
-/// there, later work waits in order but occupies no thread, so that a busy main loop does not hold up the library.
-/// Thread-safe; no method but `waitUntilDispatched` blocks.
+/// The host's reports follow the bus to the monitor, so that they keep their order with FOREGROUND and BACKGROUND,
+/// which the monitor receives from the bus. The monitor works on one serial queue. It reads a view controller's title
+/// on the main queue. Until the title is there, later work waits in order but occupies no thread, so that a busy main
+/// loop does not hold up the library. Thread-safe; no method but `waitUntilDispatched` blocks.
 class KLVNavigationMonitor final : public KLVEventListener, public std::enable_shared_from_this<KLVNavigationMonitor> {
  public:
   /// `delegate` must outlive the monitor.
   explicit KLVNavigationMonitor(KLVNavigationMonitorDelegate& delegate) : delegate_(delegate) {}
 
-  /// Begins to follow the host's notifications. Looks up the screen on top once: now, or when the host sets its view
-  /// tree.
+  /// Begins to follow the host's notifications.
   void start() EXCLUDES(mutex_);
+  /// Enters the screen on top, once: now, or when the host sets its view tree.
+  void lookUpFirstScreen();
   /// Ends the host's notifications. Screens that the host logs by name still count.
   void stop() EXCLUDES(mutex_);
 
-  /// Enters the screen that is already shown. Ignores nullopt, and every screen once another was left.
+  /// Enters the screen that is already shown, and leaves the current one. Ignores nullopt, and every screen once
+  /// another was left.
   void handleFirstScreen(std::optional<Screen> screen);
   /// `next` is about to appear.
   void navigationWillChangeNotification(std::optional<Screen> next);
   /// `next` has appeared.
   void navigationChangeNotification(std::optional<Screen> next);
   /// Enters a screen that the host names, inside the screen of the last notification.
-  void logScreenWithName(std::string name);
+  void logScreenWithName(std::string name, Date reportedAt = Clock::now());
   void onEvent(const std::shared_ptr<KLVEvent>& event) override;
 
-  /// Calls `done` on the monitor's queue once the events of all earlier work are on the bus.
+  /// Calls `done` on the monitor's queue once the events of all earlier work are on the bus. A report is work of the
+  /// monitor once the bus has delivered the events before it.
   void whenDispatched(std::function<void()> done) { perform(std::move(done)); }
   /// Blocks until the events of all earlier work are on the bus. Returns false if a title did not come within `limit`.
   /// Needs no free pool thread, unless a title is being read.
@@ -69,9 +76,11 @@ class KLVNavigationMonitor final : public KLVEventListener, public std::enable_s
   using Task = std::function<void()>;
   using UseOfTitle = std::function<void(const std::optional<std::string>& title)>;
 
-  void lookUpFirstScreen();
+  void enterFirstScreen();
   /// Runs `task` on the queue, after all earlier work, including work that waits for a title.
   void perform(Task task);
+  /// The same, after the deliveries of all events dispatched so far: for the host's reports.
+  void performReport(Task task);
   void runInOrder(Task task) REQUIRES(navEventDispatchSerialQueue_);
   /// Calls `use` with the screen's title, before any later work.
   void readTitle(const Screen& screen, UseOfTitle use) REQUIRES(navEventDispatchSerialQueue_);
@@ -80,10 +89,10 @@ class KLVNavigationMonitor final : public KLVEventListener, public std::enable_s
   /// Makes `screen` the current one and then calls `whenCurrent`; does nothing if it is already current.
   void enter(const Screen& screen, std::function<void()> whenCurrent) REQUIRES(navEventDispatchSerialQueue_);
   /// Sets the event's duration to `endTime` minus its creation time, and puts it on the bus. `endTime` counts seconds
-  /// since the SDK start. Ignores a null event.
+  /// since the SDK start. Ignores a null event, and one that is already on the bus.
   void dispatch(const std::shared_ptr<KLVEvent>& event, std::int64_t endTime) REQUIRES(navEventDispatchSerialQueue_);
-  void onForeground() REQUIRES(navEventDispatchSerialQueue_);
-  void onBackground() REQUIRES(navEventDispatchSerialQueue_);
+  void onForeground(std::int64_t time) REQUIRES(navEventDispatchSerialQueue_);
+  void onBackground(std::int64_t time) REQUIRES(navEventDispatchSerialQueue_);
 
   KLVNavigationMonitorDelegate& delegate_;
 
@@ -94,8 +103,10 @@ class KLVNavigationMonitor final : public KLVEventListener, public std::enable_s
 
   // Queue: navEventDispatchSerialQueue_.
   std::shared_ptr<KLVNavigationEvent> previousNavEvent_ GUARDED_BY(navEventDispatchSerialQueue_);
-  /// The current screen, not dispatched yet.
+  /// The current screen. BACKGROUND dispatches it; the next FOREGROUND begins a new event.
   std::shared_ptr<KLVNavigationEvent> currentNavEvent_ GUARDED_BY(navEventDispatchSerialQueue_);
+  /// The screen that is on the bus. No screen is counted twice.
+  std::shared_ptr<KLVEvent> dispatchedNavEvent_ GUARDED_BY(navEventDispatchSerialQueue_);
   /// The screen of the last notification. Screens that the host names belong to it.
   std::optional<std::string> currNavId_ GUARDED_BY(navEventDispatchSerialQueue_);
   /// The current screen; a repeated one is ignored.

@@ -1,15 +1,27 @@
 #include "events/KLVSystemEventsMonitor.h"
 
+#include "platform/Clock.h"
 #include "util/KLVLogger.h"
+#include "util/KLVTimer.h"
 
 namespace kelvo {
+namespace {
+
+Date dateOf(const std::any& reportedAt) {
+  const auto* when = std::any_cast<Date>(&reportedAt);
+  return when != nullptr ? *when : Clock::now();
+}
+
+}  // namespace
 
 void KLVSystemEventsMonitor::start() {
   KLV_DEBUG("Starting Events monitor");
   auto& center = NotificationCenter::defaultCenter();
   const Lock lock(mutex_);
-  willResignActive_ = center.observe(kApplicationWillResignActive, [this] { applicationWillResignActiveHandler(); });
-  didBecomeActive_ = center.observe(kApplicationDidBecomeActive, [this] { applicationDidBecomeActiveHandler(); });
+  willResignActive_ = center.observe(kApplicationWillResignActive,
+                                     [this](const std::any& when) { applicationWillResignActiveHandler(when); });
+  didBecomeActive_ = center.observe(kApplicationDidBecomeActive,
+                                    [this](const std::any& when) { applicationDidBecomeActiveHandler(when); });
 }
 
 void KLVSystemEventsMonitor::stop() {
@@ -19,19 +31,22 @@ void KLVSystemEventsMonitor::stop() {
   didBecomeActive_.reset();
 }
 
-void KLVSystemEventsMonitor::applicationDidBecomeActiveHandler() {
-  handlerQueue_.async([this] {
-    delegate_.dispatchEvent(
-        std::make_shared<KLVSystemEvent>(KLVEventType::system, KLVSystemEvent::SubType::foreground));
-  });
+void KLVSystemEventsMonitor::applicationDidBecomeActiveHandler(const std::any& reportedAt) {
+  const Date when = dateOf(reportedAt);
+  delegate_.updateChunkStartTime(when);
+  dispatch(KLVSystemEvent::SubType::foreground, when);
 }
 
-void KLVSystemEventsMonitor::applicationWillResignActiveHandler() {
-  handlerQueue_.async([this] {
-    delegate_.updateChunkEndTime();
-    delegate_.dispatchEvent(
-        std::make_shared<KLVSystemEvent>(KLVEventType::system, KLVSystemEvent::SubType::background));
-  });
+void KLVSystemEventsMonitor::applicationWillResignActiveHandler(const std::any& reportedAt) {
+  const Date when = dateOf(reportedAt);
+  delegate_.updateChunkEndTime(when);
+  dispatch(KLVSystemEvent::SubType::background, when);
+}
+
+void KLVSystemEventsMonitor::dispatch(KLVSystemEvent::SubType subType, Date when) {
+  const auto event = std::make_shared<KLVSystemEvent>(KLVEventType::system, subType);
+  event->setCreatedTime(KLVTimer::sharedTimer().timeAt(when));
+  delegate_.dispatchEvent(event);
 }
 
 }  // namespace kelvo

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <functional>
+#include <any>
 #include <memory>
-#include <utility>
 
+#include "kelvo/Value.h"
 #include "platform/DispatchQueue.h"
 #include "platform/NotificationCenter.h"
 #include "platform/ThreadSafety.h"
@@ -11,11 +11,14 @@
 
 namespace kelvo {
 
-/// The controller methods that the lifecycle monitor calls. Thread: the monitor's queue.
+/// The controller methods that the lifecycle monitor calls. Thread: the one that posts the notification.
 class KLVSystemEventsMonitorDelegate {
  public:
-  /// Returns once every earlier call of the host has put its events on the bus.
-  virtual void updateChunkEndTime() = 0;
+  /// The host was reported in the foreground at `when`. FOREGROUND follows.
+  virtual void updateChunkStartTime(Date when) = 0;
+  /// The host was reported to leave the foreground at `when`. Returns once every earlier call of the host has put its
+  /// events on the bus. BACKGROUND follows.
+  virtual void updateChunkEndTime(Date when) = 0;
   virtual void dispatchEvent(const std::shared_ptr<KLVEvent>& event) = 0;
 
  protected:
@@ -25,8 +28,9 @@ class KLVSystemEventsMonitorDelegate {
 /// Turns the application's activity notifications into system events on the bus: FOREGROUND when it became active,
 /// BACKGROUND when it will resign active.
 ///
-/// Any thread may post a notification. The monitor handles it on a serial queue of its own, so that the two events
-/// reach the bus in the order in which they happened. Thread-safe.
+/// The events carry the time of the report. The monitor handles a notification on the thread that posts it: the
+/// controller's queue posts them in the reported order, between the host's earlier and later calls. Thread-safe, but
+/// posts from several threads have no order.
 class KLVSystemEventsMonitor {
  public:
   /// `delegate` must outlive the monitor.
@@ -35,12 +39,10 @@ class KLVSystemEventsMonitor {
   void start() EXCLUDES(mutex_);
   void stop() EXCLUDES(mutex_);
 
-  /// Calls `done` on the monitor's queue once the events of all earlier notifications are on the bus.
-  void whenDispatched(std::function<void()> done) { handlerQueue_.async(std::move(done)); }
-
  private:
-  void applicationDidBecomeActiveHandler();
-  void applicationWillResignActiveHandler();
+  void applicationDidBecomeActiveHandler(const std::any& reportedAt);
+  void applicationWillResignActiveHandler(const std::any& reportedAt);
+  void dispatch(KLVSystemEvent::SubType subType, Date when);
 
   KLVSystemEventsMonitorDelegate& delegate_;
   Mutex mutex_;  // start and stop are called on different queues
@@ -48,7 +50,6 @@ class KLVSystemEventsMonitor {
   NotificationCenter::Observation willResignActive_ GUARDED_BY(mutex_);
   // Kept: the handlers do not use this queue.
   DispatchQueue monitoringConcurrentQueue_{"com.kelvo.concurrent.sysevents", DispatchQueue::Kind::concurrent};
-  DispatchQueue handlerQueue_{"com.kelvo.serial.sysevents"};
 };
 
 }  // namespace kelvo

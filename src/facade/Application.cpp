@@ -5,6 +5,7 @@
 
 #include "core/KLVController.h"
 #include "facade/Guard.h"
+#include "platform/Clock.h"
 #include "platform/Device.h"
 #include "platform/HostInterface.h"
 #include "platform/MainQueue.h"
@@ -14,10 +15,10 @@
 namespace kelvo {
 namespace {
 
-/// Posts `notification` after all earlier host calls, so that a start among them has registered its observers.
-void report(std::string_view notification, std::any userInfo = {}) {
+/// Posts `notification` after all earlier host calls; before the start, when the monitors begin to observe.
+void report(std::string_view notification, std::any userInfo) {
   guarded([&] {
-    KLVController::sharedController().performInOrder([notification, userInfo = std::move(userInfo)] {
+    KLVController::sharedController().performReport([notification, userInfo = std::move(userInfo)] {
       NotificationCenter::defaultCenter().post(notification, userInfo);
     });
   });
@@ -50,11 +51,11 @@ bool isLength(float points) {
 }  // namespace
 
 void Application::didBecomeActive() noexcept {
-  report(kApplicationDidBecomeActive);
+  report(kApplicationDidBecomeActive, std::any(Clock::now()));
 }
 
 void Application::willResignActive() noexcept {
-  report(kApplicationWillResignActive);
+  report(kApplicationWillResignActive, std::any(Clock::now()));
 }
 
 void Application::logDeviceToken(OptionalText token) noexcept {
@@ -94,7 +95,9 @@ void Application::setLogSink(std::function<void(LogLevel, std::string_view)> sin
 void Application::setViewTree(std::shared_ptr<ViewTree> tree) noexcept {
   guarded([&] {
     HostInterface::setViewTree(std::move(tree));
-    report(kViewTreeDidChange);
+    // Nothing to keep before the start: the start looks at the tree.
+    KLVController::sharedController().performInOrder(
+        [] { NotificationCenter::defaultCenter().post(kViewTreeDidChange); });
   });
 }
 

@@ -7,7 +7,9 @@
 #include "core/KLVController.h"
 #include "facade/Guard.h"
 #include "network/ExitParking.h"
+#include "platform/DispatchQueue.h"
 #include "platform/ServiceEndpoint.h"
+#include "platform/UserDefaults.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -17,16 +19,27 @@ namespace {
 constexpr std::chrono::milliseconds kStoreLimit(500);
 constexpr std::chrono::milliseconds kLogLimit(250);
 
-/// Blocks until the database holds the data of all accepted calls, or until `kStoreLimit` has passed. The queues still
-/// run: no object of the library is destroyed at exit.
+/// Calls `done` on a library queue once the user defaults are on the disk.
+void flushDefaults(const std::shared_ptr<std::promise<void>>& done) {
+  UserDefaults::standard().synchronize();
+  done->set_value();
+}
+
+/// Blocks until the home holds the data of all accepted calls, or until `kStoreLimit` has passed. The queues still run:
+/// no object of the library is destroyed at exit.
 void storeAcceptedWork() {
   auto& controller = KLVController::sharedController();
   if (!controller.isSDKInitCalled()) return;
   controller.stopWaitingForMainLoop();
+  const auto deadline = std::chrono::steady_clock::now() + kStoreLimit;
+  const auto flushed = std::make_shared<std::promise<void>>();  // also if the database is locked
+  DispatchQueue::global().async([flushed] { flushDefaults(flushed); });
+  controller.performInOrder([&controller] { controller.saveRecords(); });
   const auto stored = std::make_shared<std::promise<void>>();
-  controller.whenStored([stored] { stored->set_value(); });
-  stored->get_future().wait_for(kStoreLimit);
-  controller.rescueEvents();
+  controller.whenStored([stored] { flushDefaults(stored); });
+  stored->get_future().wait_until(deadline);
+  flushed->get_future().wait_until(deadline);
+  controller.rescue();
 }
 
 void finalizer() {

@@ -6,10 +6,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <string_view>
 #include <utility>
 
 #include "network/HTTPURL.h"
+#include "network/RetryAfter.h"
+#include "platform/Clock.h"
 #include "records/KLVSDKInfo.h"
+#include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
@@ -18,6 +22,10 @@ constexpr std::size_t kMaximumBody = 64U * 1024 * 1024;
 constexpr long kMaximumRedirects = 10;
 constexpr const char* kHTTPAndHTTPS = "http,https";
 constexpr long kVerifyNameInCertificate = 2;
+
+constexpr std::string_view kPOST = "POST";
+constexpr long kTooManyRequests = 429;
+constexpr long kServiceUnavailable = 503;
 
 /// Sets options of an easy handle.
 class Options {
@@ -56,6 +64,15 @@ void setTimeLimits(Options& options, long seconds) {
   options.set(CURLOPT_CONNECTTIMEOUT, seconds);
   options.set(CURLOPT_LOW_SPEED_LIMIT, 1L);  // byte per second
   options.set(CURLOPT_LOW_SPEED_TIME, seconds);
+}
+
+/// Returns the last response's `Retry-After` field, empty if there is none.
+std::string retryAfterField(CURL* easy) {
+  constexpr std::size_t kFirst = 0;
+  constexpr int kLastResponse = -1;
+  curl_header* header = nullptr;
+  const auto code = curl_easy_header(easy, "Retry-After", kFirst, CURLH_HEADER, kLastResponse, &header);
+  return code == CURLHE_OK ? header->value : "";
 }
 
 }  // namespace
@@ -108,8 +125,7 @@ bool HTTPTransfer::configure(const Settings& settings) {
 
 bool HTTPTransfer::configureMethod() {
   Options options(easy_);
-  if (request_.method == "POST") {
-    // CURLOPT_CUSTOMREQUEST would repeat the POST after a redirect that asks for a GET.
+  if (request_.method == kPOST) {
     options.set(CURLOPT_POST, 1L);
     options.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size()));
     options.set(CURLOPT_POSTFIELDS, request_.body.data());
@@ -142,6 +158,9 @@ HTTPTransfer::Outcome HTTPTransfer::outcome(int code) {
   const char* url = nullptr;
   curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &url);
   response.url = url != nullptr ? url : request_.url;
+  if (response.statusCode == kTooManyRequests || response.statusCode == kServiceUnavailable) {
+    response.retryAfter = retryAfter(retryAfterField(easy_), Clock::now());
+  }
   return {std::move(data_), std::move(response), std::nullopt};
 }
 
@@ -165,11 +184,23 @@ bool HTTPTransfer::isTargetAllowed() noexcept {
     const char* text = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &text);
     const auto url = HTTPURL::parse(text != nullptr ? text : "");
-    if (url && !url->exposesCleartext()) return true;
-    refusal_ = "A redirect to cleartext was refused";
+    if (!url || url->exposesCleartext()) {
+      refusal_ = "A redirect to cleartext was refused";
+    } else if (hasLostItsBody()) {
+      refusal_ = "A redirect from POST to GET was refused";
+      KLV_WARN("{}: {}", refusal_, request_.url);
+    } else {
+      return true;
+    }
   } catch (...) {  // no memory to parse the URL: refuse
   }
   return false;
+}
+
+bool HTTPTransfer::hasLostItsBody() const {
+  const char* method = nullptr;
+  curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_METHOD, &method);
+  return request_.method == kPOST && (method == nullptr || method != kPOST);
 }
 
 /// Returns the socket for a new connection, or CURL_SOCKET_BAD if the target is not allowed or no socket is free.

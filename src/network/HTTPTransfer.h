@@ -46,8 +46,12 @@ class HTTPTransfer {
   [[nodiscard]] bool configureMethod();
   [[nodiscard]] bool addHeader(const std::string& line);
 
-  /// Returns whether the current target, after redirects, may be contacted: it is encrypted or on this machine.
+  /// Returns whether the current target, after redirects, may be contacted: it is encrypted or on this machine, and a
+  /// POST is still a POST. Otherwise sets `refusal_`.
   [[nodiscard]] bool isTargetAllowed() noexcept;
+  /// Returns true for a POST that a redirect (301, 302 or 303) has made a GET. The page behind it has not received the
+  /// body, so its 200 must not count as accepted.
+  [[nodiscard]] bool hasLostItsBody() const;
 
   // curl calls these; each gets its transfer as a void*.
   static int openSocket(void* transfer, int family, int type, int protocol) noexcept;

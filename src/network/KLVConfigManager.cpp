@@ -23,6 +23,7 @@ constexpr std::string_view kServicePaths = "service_paths";
 KLVConfigManager::KLVConfigManager(KLVConfigManagerDelegate& delegate) : delegate_(delegate) {
   const std::string saved = Directories::inLibrary(kKLVSdkConfigLocation);
   if (fileExists(saved)) configDetails_ = Value(KLVUtilities::readConfig(saved)).asDictionary();
+  hasSavedConfiguration_ = configDetails_ && isValidSDKConfiguration(*configDetails_);
   if (!configDetails_) configDetails_ = getDefaultConfiguration();
   const bool* enable = configDetails_ ? (*configDetails_)[kEnable].get<bool>() : nullptr;
   delegate_.setAndSaveEnableSDKState(enable != nullptr && *enable);

@@ -33,6 +33,10 @@ class KLVConfigManager {
   /// Returns the configuration of this run, nullopt if even the default could not be parsed.
   [[nodiscard]] const std::optional<Dictionary>& configDetails() const noexcept { return configDetails_; }
 
+  /// Returns true if `configDetails` comes from a saved file and is valid. Otherwise the saved hash does not count, and
+  /// the configuration is to be downloaded again.
+  [[nodiscard]] bool hasSavedConfiguration() const noexcept { return hasSavedConfiguration_; }
+
   /// Downloads the configuration and saves it for the next start. Returns at once. `completion` is called on the HTTP
   /// callback queue, but only after a successful save; a failure is logged.
   void getAndSaveLatestConfigurationWithCompletionHandler(std::function<void()> completion);
@@ -47,6 +51,7 @@ class KLVConfigManager {
  private:
   KLVConfigManagerDelegate& delegate_;
   std::optional<Dictionary> configDetails_;
+  bool hasSavedConfiguration_ = false;
 };
 
 }  // namespace kelvo

@@ -24,6 +24,7 @@ struct HTTPRequest {
 /// - 30 seconds without progress end a request in an error.
 /// - Proxies come from the environment, but never for a loopback host.
 /// - Cleartext is refused unless the host is a loopback address. Redirects (10 at most) obey the same rule.
+/// - A redirected POST keeps its method and body (307, 308), or ends in an error (301, 302, 303).
 ///
 /// At process exit the network thread is parked (ExitParking.h). Requests that are unfinished then never call back. In
 /// a forked child every request is dropped. Thread-safe.

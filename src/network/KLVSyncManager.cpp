@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/Directories.h"
+#include "platform/Files.h"
 #include "records/KLVFileNames.h"
 #include "util/KLVLogger.h"
 #include "util/KLVServicePaths.h"
@@ -29,6 +31,12 @@ Array keys(const Dictionary& dictionary) {
 
 bool save(const Dictionary& disk, const std::string& actionType) {
   return KLVUtilities::saveConfig(KLVUtilities::jsonDataFromNSDictionary(disk), fileOf(actionType));
+}
+
+/// Returns whether the saved configuration is a dictionary. Otherwise its hash does not count.
+bool canReadConfig(const std::string& actionType) {
+  const std::string path = Directories::inLibrary(fileOf(actionType));
+  return fileExists(path) && Value(KLVUtilities::readConfig(path)).asDictionary();
 }
 
 /// The state on the device: the PID/MID record and the saved configuration.
@@ -119,10 +127,12 @@ void KLVSyncManager::onValidated(const Sync& sync, const Data& data, const Respo
 
   const auto saved = KLVUtilities::getHashForModule(sync.actionType);
   KLV_DEBUG("Existing hash: {}, new hash: {}", saved, *hash);
-  if (saved && *saved == *hash) return sync.completion();
-
   const auto* announced = answer["pid_mid"].get<std::string>();
-  if (announced == nullptr || announced->empty()) {
+  const bool announces = announced != nullptr && !announced->empty();
+  const bool isSame = !hash->empty() && saved == *hash;
+  if (isSame && (!announces || canReadConfig(sync.actionType))) return sync.completion();
+
+  if (!announces) {
     // Kept: no call of the completion here either, unlike after every other failure.
     KLV_WARN("Invalid pid_mid content inside action sync validate call for type: {}", sync.actionType);
     KLV_INFO("Refusing to get config for action type: {}", sync.actionType);

@@ -33,9 +33,10 @@ class KLVSyncManagerDelegate {
 /// configuration, the PID/MID record and the hash.
 ///
 /// A download saves the configuration first, then the hash, then the record. If the process ends before the hash is
-/// saved, the next call downloads again. If it ends after that, the record stays old until the service announces
-/// another hash; the next call then downloads the campaigns that the record lacks or has in an older revision.
-/// Thread-safe, but nothing serialises two simultaneous calls for one type.
+/// saved, the next call downloads again. So it does if the saved configuration cannot be read: its hash does not count.
+/// If it ends after that, the record stays old until the service announces another hash; the next call then downloads
+/// the campaigns that the record lacks or has in an older revision. Thread-safe, but nothing serialises two
+/// simultaneous calls for one type.
 class KLVSyncManager {
  public:
   /// `delegate` must outlive all calls.

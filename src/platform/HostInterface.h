@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "kelvo/ViewTree.h"
+#include "platform/Clock.h"
 
 namespace kelvo {
 
@@ -29,6 +30,7 @@ struct Screen {
   ViewController::Kind kind = ViewController::Kind::plain;
   std::optional<std::string> title;
   std::shared_ptr<ViewController> controller;  ///< nullptr if the host reported a name only
+  Date reportedAt = Clock::now();
 };
 
 /// Holds the host's view tree. Thread-safe.

@@ -11,7 +11,7 @@
 
 namespace kelvo {
 
-/// Posted after the application became active, and before it resigns active.
+/// Posted with the `Date` of the report after the application became active, and before it resigns active.
 inline constexpr std::string_view kApplicationDidBecomeActive = "UIApplicationDidBecomeActiveNotification";
 inline constexpr std::string_view kApplicationWillResignActive = "UIApplicationWillResignActiveNotification";
 

@@ -1,19 +1,38 @@
 #include "records/KLVDeviceInfo.h"
 
+#include <algorithm>
+#include <string_view>
+
 #include "platform/Device.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVRecordKeys.h"
 #include "records/KLVUUID.h"
 #include "util/KLVDefaultsKeys.h"
+#include "util/KLVDeliveryRules.h"
+#include "util/KLVLogger.h"
 #include "util/KLVUtilities+Device.h"
 
 namespace kelvo {
 namespace {
 
-/// Returns the id of this installation. Makes and saves one if there is none; never checks or replaces a saved one.
+constexpr std::size_t kLongestNamePart = 64;
+
+bool isSafeInNames(char character) {
+  constexpr std::string_view kSafe = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-.";
+  return kSafe.find(character) != std::string_view::npos;
+}
+
+/// Returns the id of this installation. Makes and saves one if there is none. A saved one that breaks names costs an
+/// ERROR line, and is replaced if the rules say so.
 std::string deviceId() {
   UserDefaults& defaults = UserDefaults::standard();
-  if (const auto stored = defaults.string(kKLVDeviceIdKey)) return *stored;
+  if (const auto stored = defaults.string(kKLVDeviceIdKey)) {
+    if (KLVDeviceInfo::namePart(*stored) == *stored) return *stored;
+    const bool replaces = KLVDeliveryRules::current().replacesForeignDeviceIds;
+    KLV_ERROR("The device id \"{}\" cannot be part of names: {}", *stored,
+              replaces ? "it is replaced" : "names are made without its special characters");
+    if (!replaces) return *stored;
+  }
   const std::string made = KLVDeviceInfo::getIDFA().value_or(randomUUIDString());
   defaults.set(kKLVDeviceIdKey, made);
   defaults.synchronize();
@@ -37,6 +56,14 @@ std::string KLVDeviceInfo::getHardwareModel() const {
 
 void KLVDeviceInfo::logDeviceToken(const std::string& token) {
   setInfo(token, kKLVDeviceToken);
+}
+
+std::string KLVDeviceInfo::namePart(const std::string& deviceId) {
+  if (deviceId.empty()) return "-";
+  std::string safe = deviceId.substr(0, kLongestNamePart);
+  std::replace_if(
+      safe.begin(), safe.end(), [](char character) { return !isSafeInNames(character); }, '-');
+  return safe;
 }
 
 std::optional<std::string> KLVDeviceInfo::getIDFA() {

@@ -8,6 +8,10 @@
 namespace kelvo {
 
 /// The device. Its identifier is made at the first launch and then kept permanently in the user defaults.
+///
+/// Names of tables and directories are made from the identifier, and somebody may have changed it to a text that breaks
+/// them. Then each start writes one ERROR line. The rule `replacesForeignDeviceIds` decides whether the library keeps
+/// that identifier or saves a new one.
 class KLVDeviceInfo final : public KLVInfo {
  public:
   /// Uses the device id as the identifier and ignores its argument. May write the user defaults.
@@ -17,6 +21,10 @@ class KLVDeviceInfo final : public KLVInfo {
   [[nodiscard]] std::string getDeviceID() const { return identifier(); }
   [[nodiscard]] std::string getHardwareModel() const;
   void logDeviceToken(const std::string& token);
+
+  /// Returns `deviceId` as a part of names: every character but ASCII letters, digits, "-" and "." is replaced by "-",
+  /// and the rest after 64 characters is cut off. Returns "-" for the empty text.
+  static std::string namePart(const std::string& deviceId);
 
   /// Returns the advertising identifier, which Linux does not have: always nullopt.
   static std::optional<std::string> getIDFA();

@@ -47,6 +47,8 @@ inline constexpr std::string_view kKLVType = "type";
 inline constexpr std::string_view kKLVName = "name";
 inline constexpr std::string_view kKLVLifetimeCountAttribute = "klv_lt_count";
 inline constexpr std::string_view kKLVLifetimeCountSlot = "klv_lt_count_slot";
+/// A column only: the event's number in its session, from 1.
+inline constexpr std::string_view kKLVEventIndex = "identifier";
 
 // --- Chunks. The names of a row's attributes are the columns of the table "chunkmeta" (storage/KLVSchema.h).
 inline constexpr std::string_view kKLVChunkNumber = "number";

@@ -1,10 +1,14 @@
 #include "records/KLVSession.h"
 
+#include <charconv>
 #include <chrono>
+#include <string>
 
 #include "platform/Clock.h"
+#include "records/KLVDeviceInfo.h"
 #include "records/KLVEvents.h"
 #include "records/KLVRecordKeys.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Dates.h"
 #include "util/KLVUtilities+Device.h"
@@ -14,8 +18,11 @@ namespace {
 
 constexpr std::chrono::seconds kLongestAbsence(1800);
 
-double secondsBetween(Date start, Date end) {
-  return std::chrono::duration<double>(end - start).count();
+/// Returns when the first stretch in the foreground begins.
+Date startOf(const std::string& launchType) {
+  if (launchType == kKLVRestart && KLVDeliveryRules::current().storesRestartedSessions) return Clock::now();
+  // Kept: also for a session that starts later, after a long absence.
+  return KLVTimer::sharedTimer().SDKStartTime();
 }
 
 }  // namespace
@@ -23,28 +30,40 @@ double secondsBetween(Date start, Date end) {
 std::shared_ptr<KLVSession> KLVSession::initWithLaunchType(const std::string& launchType, const std::string& deviceId,
                                                            KLVSessionDelegate& delegate) {
   const std::int64_t launchTime = KLVTimer::sharedTimer().currentTimeInMillis();
-  auto session = std::make_shared<KLVSession>(std::to_string(launchTime) + "-" + deviceId);
-  // Kept: the time of the SDK start, also for a session that starts later, after a long absence.
-  const Date startTime = KLVTimer::sharedTimer().SDKStartTime();
+  auto session = std::make_shared<KLVSession>(std::to_string(launchTime) + "-" + KLVDeviceInfo::namePart(deviceId));
+  const Date startTime = startOf(launchType);
   {
     const Lock lock(session->timesMutex_);
-    session->startTime_ = startTime;
+    session->foreground_ = KLVForegroundTime(startTime);
   }
-  session->setInfo(launchTime, kKLVLaunchTime);
-  session->setInfo(KLVUtilities::dateKLVStringFromNSDate(startTime), kKLVLaunchTimeString);
-  session->setInfo(KLVUtilities::isFirstSession(), kKLVIsFirstSession);
-  session->setInfo(launchType, kKLVLaunchType);
-  session->setInfo(0, kKLVDuration);
-  session->setInfo(false, kKLVIsFatal);
-  session->setInfo("Undefined", kKLVProcessName);
-  session->setInfo(false, kKLVIsBackground);
-  session->setInfo(0, kKLVStartupTime);
+  session->setLaunch(launchTime, startTime, launchType, KLVUtilities::isFirstSession());
 
   session->delegate_ = &delegate;
   delegate.registerForEventWithType(KLVEventType::system, session);
   delegate.registerForEventWithType(KLVEventType::chunk, session);
   delegate.dispatchEvent(std::make_shared<KLVSessionEvent>());
   return session;
+}
+
+std::shared_ptr<KLVSession> KLVSession::rebuiltFromIdentifier(const std::string& identifier) {
+  auto session = std::make_shared<KLVSession>(identifier);
+  std::int64_t launchTime = 0;  // stays 0 if the id does not begin with a number
+  std::from_chars(identifier.data(), identifier.data() + identifier.size(), launchTime);
+  const Date launch{std::chrono::duration_cast<Date::duration>(std::chrono::milliseconds(launchTime))};
+  session->setLaunch(launchTime, launch, "normal", false);
+  return session;
+}
+
+void KLVSession::setLaunch(std::int64_t launchTime, Date startTime, std::string_view launchType, bool isFirst) {
+  setInfo(launchTime, kKLVLaunchTime);
+  setInfo(KLVUtilities::dateKLVStringFromNSDate(startTime), kKLVLaunchTimeString);
+  setInfo(isFirst, kKLVIsFirstSession);
+  setInfo(std::string(launchType), kKLVLaunchType);
+  setInfo(0, kKLVDuration);
+  setInfo(false, kKLVIsFatal);
+  setInfo("Undefined", kKLVProcessName);
+  setInfo(false, kKLVIsBackground);
+  setInfo(0, kKLVStartupTime);
 }
 
 void KLVSession::setSessionAttribute(Value value, std::string_view key) {
@@ -58,17 +77,8 @@ void KLVSession::onEvent(const std::shared_ptr<KLVEvent>& event) {
 
 void KLVSession::onForeground() {
   KLVSessionDelegate* delegate = delegate_.load();
-  if (delegate == nullptr) return;
-  const Date now = Clock::now();
-  std::optional<Date> left;
-  {
-    const Lock lock(timesMutex_);
-    startTime_ = now;
-    left = endTime_;
-  }
-  if (left && std::chrono::duration_cast<std::chrono::seconds>(now - *left) > kLongestAbsence) {
-    delegate->startSessionWithLaunchType("restart");
-  }
+  if (delegate == nullptr || !absenceWasLong_.exchange(false)) return;
+  delegate->startSessionWithLaunchType(std::string(kKLVRestart));
 }
 
 void KLVSession::onChunkEnded() {
@@ -80,18 +90,31 @@ void KLVSession::updateDuration(Date end) {
   const milliseconds sinceEpoch(additionalInfo()[kKLVLaunchTime].asInt64());
   const Date launch(duration_cast<seconds>(sinceEpoch));  // Kept: whole seconds.
   const Lock lock(timesMutex_);
-  addToDuration(secondsBetween(launch, end));
+  addToDuration(end - launch);
 }
 
-void KLVSession::updateEndTime() {
+bool KLVSession::updateStartTime(Date when) {
   const Lock lock(timesMutex_);
-  endTime_ = Clock::now();
-  addToDuration(secondsBetween(startTime_, *endTime_));
+  const auto absence = foreground_.enter(when);
+  const bool isLong = absence && std::chrono::duration_cast<std::chrono::seconds>(*absence) > kLongestAbsence;
+  if (isLong) absenceWasLong_ = true;
+  return isLong;
+}
+
+void KLVSession::updateEndTime(Date when) {
+  const Lock lock(timesMutex_);
+  addToDuration(foreground_.leave(when));
+}
+
+void KLVSession::continueFrom(const KLVForegroundTime& earlier) {
+  const Lock lock(timesMutex_);
+  foreground_ = earlier;
+  if (earlier.total().count() > 0) addToDuration(earlier.total());
 }
 
 /// The mutex makes reading and writing the sum one step.
-void KLVSession::addToDuration(double seconds) {
-  setInfo(additionalInfo()[kKLVDuration].asDouble() + seconds, kKLVDuration);
+void KLVSession::addToDuration(KLVForegroundTime::Seconds seconds) {
+  setInfo(additionalInfo()[kKLVDuration].asDouble() + seconds.count(), kKLVDuration);
 }
 
 void KLVSession::markSessionAsFatal() {

@@ -1,14 +1,20 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/ThreadSafety.h"
 #include "records/KLVEvent.h"
+#include "records/KLVForegroundTime.h"
 
 namespace kelvo {
+
+/// The launch type of a session that replaces another one after a long absence. The first one's is "normal".
+inline constexpr std::string_view kKLVRestart = "restart";
 
 /// The controller methods that a session calls. Thread: any of them may be called on the bus's queue.
 class KLVSessionDelegate {
@@ -29,13 +35,19 @@ class KLVSessionDelegate {
 ///
 /// A session is live from `initWithLaunchType` until `stopSession`: it listens on the bus. If the host returns to the
 /// foreground more than 1,800 seconds after it went to the background, the session asks the controller for a new
-/// session. At each cut it asks the controller to save it. A session rebuilt from storage is never live. Thread-safe.
+/// session when it receives FOREGROUND, unless the controller has stopped it by then. At each cut it asks the
+/// controller to save it. A session rebuilt from storage is never live. Thread-safe.
 class KLVSession final : public KLVInfo, public KLVEventListener, public std::enable_shared_from_this<KLVSession> {
  public:
   /// Makes a live session that starts now, registers it on the bus and dispatches a session event. The identifier is
-  /// "<launch time in milliseconds since 1970>-<device id>". The delegate must outlive the session.
+  /// "<launch time in milliseconds since 1970>-<device id>", with a device id that `KLVDeviceInfo::namePart` made safe.
+  /// The first stretch in the foreground counts from the start of the SDK; under the rule `storesRestartedSessions`
+  /// that of a restarted session counts from now. The delegate must outlive the session.
   static std::shared_ptr<KLVSession> initWithLaunchType(const std::string& launchType, const std::string& deviceId,
                                                         KLVSessionDelegate& delegate);
+  /// Returns a session of which only the id is known: its launch time comes from the id, everything else is as at a
+  /// normal launch. It is never live.
+  static std::shared_ptr<KLVSession> rebuiltFromIdentifier(const std::string& identifier);
   /// For sessions rebuilt from storage.
   explicit KLVSession(std::string identifier) : KLVInfo(std::move(identifier)) {}
 
@@ -49,21 +61,28 @@ class KLVSession final : public KLVInfo, public KLVEventListener, public std::en
 
   /// Adds the seconds from the launch to `end` to the duration.
   void updateDuration(Date end);
-  /// Called when the host goes to the background: adds the seconds of this stretch in the foreground to the duration.
-  void updateEndTime();
+  /// The host comes to the foreground. Returns true if it was away too long for this session to go on. `when` is the
+  /// time of the report, as below.
+  bool updateStartTime(Date when);
+  /// The host goes to the background: adds the seconds of this stretch in the foreground to the duration. Adds nothing
+  /// if the host was there already.
+  void updateEndTime(Date when);
+  /// Goes on with the transitions that were reported before the session existed, and adds their time to the duration.
+  void continueFrom(const KLVForegroundTime& earlier);
   void markSessionAsFatal();
   /// Ends the live state: from now on the session ignores events.
   void stopSession();
 
  private:
+  void setLaunch(std::int64_t launchTime, Date startTime, std::string_view launchType, bool isFirst);
   void onForeground();
   void onChunkEnded();
-  void addToDuration(double seconds) REQUIRES(timesMutex_);
+  void addToDuration(KLVForegroundTime::Seconds seconds) REQUIRES(timesMutex_);
 
   std::atomic<KLVSessionDelegate*> delegate_{nullptr};  // set while the session is live
+  std::atomic<bool> absenceWasLong_{false};
   Mutex timesMutex_;
-  Date startTime_ GUARDED_BY(timesMutex_);               // of the latest stretch in the foreground
-  std::optional<Date> endTime_ GUARDED_BY(timesMutex_);  // nullopt before the first one ends
+  KLVForegroundTime foreground_ GUARDED_BY(timesMutex_){Date()};
 };
 
 }  // namespace kelvo

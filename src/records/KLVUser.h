@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "records/KLVInfo.h"
@@ -21,6 +23,9 @@ class KLVUser final : public KLVInfo {
  public:
   using KLVInfo::KLVInfo;
   [[nodiscard]] std::string_view className() const override { return "KLVUser"; }
+
+  /// Returns the user in the content of its file: a storage form, or bare custom attributes. nullptr for nullopt.
+  static std::shared_ptr<KLVUser> restored(const std::optional<Dictionary>& content);
 
   /// A user rebuilt from storage has no delegate until its adopter sets one. The delegate must outlive the user.
   void setDelegate(KLVUserDelegate* delegate) noexcept { delegate_.store(delegate); }

@@ -34,6 +34,8 @@ class FMKLVDatabase::Execution {
   /// Returns the SQL text of `format`, or nullopt if the format is wrong or does not match `values`.
   [[nodiscard]] static std::optional<std::string> textOfFormat(FMKLVDatabase& database, const std::string& format,
                                                                const Array& values, Form form);
+  /// Reports a statement that was not prepared, for the connection's last failure.
+  static void report(const FMKLVDatabase& database, const std::string& sql);
 
  private:
   [[nodiscard]] std::shared_ptr<FMKLVStatement> prepare(const std::string& sql);
@@ -89,16 +91,27 @@ std::shared_ptr<FMKLVStatement> FMKLVDatabase::Execution::prepare(const std::str
   sqlite3_stmt* handle = nullptr;
   const int code = sqlite3_prepare_v2(database_.db(), sql.c_str(), -1, &handle, nullptr);
   if (code == SQLITE_OK) return std::make_shared<FMKLVStatement>(handle, sql);
-  if (database_.logsErrors_) {
-    KLV_ERROR("DB Error: {} \"{}\"", database_.lastErrorCode(), database_.lastErrorMessage());
+  report(database_, sql);
+  return nullptr;
+}
+
+void FMKLVDatabase::Execution::report(const FMKLVDatabase& database, const std::string& sql) {
+  if (database.logsErrors_) {
+    KLV_ERROR("DB Error: {} \"{}\"", database.lastErrorCode(), database.lastErrorMessage());
     KLV_ERROR("DB Query: {}", sql);
-    KLV_ERROR("DB Path: {}", database_.databasePath_);
+    KLV_ERROR("DB Path: {}", database.databasePath_);
   }
-  if (database_.crashOnErrors_) {
+  if (database.crashOnErrors_) {
     KLVLogger::drain(std::chrono::seconds(1));  // writes the lines above
     std::abort();
   }
-  return nullptr;
+}
+
+bool FMKLVDatabase::refuse(const std::string& sql, std::string reason) {
+  if (!isFree()) return false;
+  handle_.keepFailure({"FMDatabase", SQLITE_ERROR, std::move(reason)});
+  Execution::report(*this, sql);
+  return false;
 }
 
 /// Finishes the statement and returns false unless every parameter has a value.

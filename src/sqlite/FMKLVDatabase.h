@@ -82,6 +82,8 @@ class FMKLVDatabase {
   [[nodiscard]] bool executeUpdateWithFormat(const std::string& format, const FMKLVBindable auto&... values);
   [[nodiscard]] ResultSet queryWithArguments(const std::string& sql, const FMKLVArguments& arguments);
   [[nodiscard]] bool updateWithArguments(const std::string& sql, const FMKLVArguments& arguments, FMKLVError* error);
+  /// Fails as a statement that SQLite cannot prepare, without running it: for a caller that mistrusts its own text.
+  bool refuse(const std::string& sql, std::string reason);
   /// Receives a row by column name, as texts or null values. Returns 0 to continue; the run fails otherwise.
   using ResultBlock = std::function<int(const Dictionary& row)>;
   /// Runs all statements of `sql` up to the first failure.
@@ -195,5 +197,4 @@ class FMKLVDatabase {
 };
 
 }  // namespace kelvo
-
 #include "sqlite/FMKLVDatabase+Templates.h"

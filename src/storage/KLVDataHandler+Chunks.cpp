@@ -27,47 +27,83 @@ Dictionary newRow(const KLVChunkMetaInfo& meta) {
   return row;
 }
 
+/// Notes that the service has the aggregate counts of the session `sid` up to `total`. Keeps a greater number.
+bool noteAggregatesSent(KLVPersistantStore& store, const std::string& sid, std::int64_t total) {
+  const auto noted = store.retrieveDataWithTableName(kKLVAggregatesSent, kKLVAggSid, sid);
+  Dictionary row;
+  row.set(kKLVAggregatesSentTotal, total);
+  if (!noted) return false;
+  if (!noted->empty()) {
+    return noted->front()[kKLVAggregatesSentTotal].asInt64() >= total ||
+           store.updateDataWithTableName(kKLVAggregatesSent, row, kKLVAggSid, sid);
+  }
+  row.set(kKLVAggSid, sid);
+  return store.insertDataWithTableName(kKLVAggregatesSent, row);
+}
+
 }  // namespace
 
-void KLVDataHandler::saveChunkMetaInfo(std::shared_ptr<KLVChunkMetaInfo> meta) {
-  if (!meta) return;
-  jobs_->async([jobs = jobs_, meta = std::move(meta)] {
-    auto* store = jobs->store();
-    if (store != nullptr) static_cast<void>(store->insertDataWithTableName(kKLVChunkMetaInfo, newRow(*meta)));
+bool KLVDataHandler::saveChunkMetaInfo(std::shared_ptr<KLVChunkMetaInfo> meta, std::optional<Dictionary> records) {
+  if (!meta) return false;
+  const Dictionary row = newRow(*meta);
+  Dictionary recordsRow;
+  if (records) {
+    const auto text = KLVUtilities::jsonStringFromNSDictionary(*records);
+    if (!text) return false;
+    for (const auto key : {kKLVChunkId, kKLVChunkSid}) recordsRow.set(key, row[key]);
+    recordsRow.set(kKLVChunkRecordsText, *text);
+  }
+  return jobs_->writeNow([&](KLVPersistantStore& store) {
+    return (recordsRow.empty() || store.insertDataWithTableName(kKLVChunkRecords, recordsRow)) &&
+           store.insertDataWithTableName(kKLVChunkMetaInfo, row);
+  });
+}
+
+std::optional<Dictionary> KLVDataHandler::retrieveChunkRecords(const std::string& chunkId) {
+  return jobs_->sync([&]() -> std::optional<Dictionary> {
+    auto* store = jobs_->store();
+    if (store == nullptr) return std::nullopt;
+    const auto rows = store->retrieveDataWithTableName(kKLVChunkRecords, kKLVChunkId, chunkId);
+    if (!rows || rows->empty()) return std::nullopt;
+    const auto parsed = KLVUtilities::dictionaryFromJsonString(rows->front()[kKLVChunkRecordsText].asText());
+    return parsed ? parsed->asDictionary() : std::nullopt;
   });
 }
 
 void KLVDataHandler::updateChunkMetaInfoTimestamp(std::shared_ptr<KLVChunkMetaInfo> meta) {
   if (!meta) return;
-  jobs_->async([jobs = jobs_, meta = std::move(meta)] {
-    auto* store = jobs->store();
-    if (store == nullptr) return;
+  jobs_->write([meta = std::move(meta)](KLVPersistantStore& store) {
     const auto times = storedAttributes(*meta)[kKLVChunkReportingTimes].asArray();
     if (!times) {
       KLV_WARN("reporting_times not found, failed to update.");
-      return;
+      return true;
     }
     Dictionary values;
     values.set(kKLVChunkReportingTimes, KLVUtilities::jsonStringFromNSArray(times));
-    static_cast<void>(store->updateDataWithTableName(kKLVChunkMetaInfo, values, kKLVChunkId, meta->identifier()));
+    return store.updateDataWithTableName(kKLVChunkMetaInfo, values, kKLVChunkId, meta->identifier());
   });
 }
 
-void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk) {
+void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::int64_t aggregateTotal) {
   if (!chunk) return;
-  jobs_->async([jobs = jobs_, chunk = std::move(chunk)] {
-    auto* store = jobs->store();
-    if (store == nullptr) return;
-    Dictionary values;
-    values.set(kKLVChunkStatus, kAccepted);
-    static_cast<void>(store->updateDataWithTableName(kKLVChunkMetaInfo, values, kKLVChunkId, chunk->identifier()));
+  writeTogether([&] {
+    jobs_->write([chunk = std::move(chunk), aggregateTotal](KLVPersistantStore& store) {
+      const auto rows = store.retrieveDataWithTableName(kKLVChunkMetaInfo, kKLVChunkId, chunk->identifier());
+      if (!rows) return false;
+      if (rows->empty()) return true;  // purged
+      Dictionary values;
+      values.set(kKLVChunkStatus, kAccepted);
+      return store.updateDataWithTableName(kKLVChunkMetaInfo, values, kKLVChunkId, chunk->identifier()) &&
+             noteAggregatesSent(store, rows->front()[kKLVChunkSid].asText().value_or(""), aggregateTotal);
+    });
   });
 }
 
 void KLVDataHandler::deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk) {
   if (!chunk) return;
   jobs_->write([chunk = std::move(chunk)](KLVPersistantStore& store) {
-    return store.removeDataWithTableName(kKLVChunkMetaInfo, kKLVChunkSid, chunk->identifier());
+    return store.removeDataWithTableName(kKLVChunkMetaInfo, kKLVChunkSid, chunk->identifier()) &&
+           store.removeDataWithTableName(kKLVChunkRecords, kKLVChunkSid, chunk->identifier());
   });
 }
 

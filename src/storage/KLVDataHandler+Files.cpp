@@ -100,7 +100,8 @@ std::shared_ptr<KLVSession> KLVDataHandler::retrieveSessionInfoWithIdentifier(co
 }
 
 std::shared_ptr<KLVUser> KLVDataHandler::retrieveUser() {
-  return jobs_->sync([&] { return recordFromFile<KLVUser>(objectFromFileWithPath(std::string(kKLVUserDB))); });
+  const auto content = objectFromFileWithPath(std::string(kKLVUserDB));
+  return KLVUser::restored(content ? content->asDictionary() : std::nullopt);
 }
 
 void KLVDataHandler::deleteItemAtPath(std::string path) {
@@ -134,9 +135,13 @@ std::optional<Value> KLVDataHandler::getEventsInfo() {
   return objectFromFileWithPath(std::string(kKLVEventsBuffer));
 }
 
-void KLVDataHandler::persist(Dictionary config, std::string path, std::string failure) {
-  jobs_->async([config = std::move(config), path = std::move(path), failure = std::move(failure)] {
-    if (!writeJSON(config, path)) KLV_ERROR("{}", failure);
+void KLVDataHandler::persist(Dictionary config, std::string path, std::string failure,
+                             std::function<void(bool isSaved)> completion) {
+  jobs_->async([config = std::move(config), path = std::move(path), failure = std::move(failure),
+                completion = std::move(completion)] {
+    const bool isSaved = writeJSON(config, path);
+    if (!isSaved) KLV_ERROR("{}", failure);
+    if (completion) completion(isSaved);
   });
 }
 
@@ -148,8 +153,9 @@ std::optional<Value> KLVDataHandler::retrieveFrequencyConfig() {
   return objectFromFileWithPath(std::string(kKLVSDKFrequencyConfig));
 }
 
-void KLVDataHandler::persistClientEvents(Dictionary config) {
-  persist(std::move(config), std::string(kKLVClientEventsPath), "Unable to save client events config");
+void KLVDataHandler::persistClientEvents(Dictionary config, std::function<void(bool isSaved)> completion) {
+  persist(std::move(config), std::string(kKLVClientEventsPath), "Unable to save client events config",
+          std::move(completion));
 }
 
 std::optional<Value> KLVDataHandler::getClientEvents() {

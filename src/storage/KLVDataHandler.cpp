@@ -1,10 +1,12 @@
 #include "storage/KLVDataHandler.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
 #include "storage/KLVCountCache.h"
 #include "storage/KLVDataHandlerJobs.h"
+#include "storage/KLVEventWrites.h"
 #include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
 
@@ -13,11 +15,6 @@ namespace {
 
 /// A few hundred kilobytes of memory, and a few dozen milliseconds of work.
 constexpr std::size_t kMaxWaitingWrites = 2048;
-
-/// Returns the name of a session's events table.
-std::string eventsTable(const std::string& identifier) {
-  return std::string(kKLVEvents) + "_" + identifier;
-}
 
 }  // namespace
 
@@ -28,19 +25,42 @@ KLVDataHandler::KLVDataHandler(std::string identifier)
   KLV_DEBUG("Init data handler with identifier: {}", sessionIdentifier_);
 }
 
-KLVDataHandler::~KLVDataHandler() = default;
+KLVDataHandler::KLVDataHandler(std::string identifier, const KLVDataHandler& first)
+    : sessionIdentifier_(std::move(identifier)), jobs_(first.jobs_), lifetimeCounts_(first.lifetimeCounts_) {
+  KLV_DEBUG("Init data handler with identifier: {}", sessionIdentifier_);
+}
+
+/// The database is closed on the data queue, after the jobs that wait. The caller may hold a mutex.
+KLVDataHandler::~KLVDataHandler() {
+  if (jobs_->store() != nullptr) jobs_->async([jobs = jobs_] {});
+}
 
 void KLVDataHandler::startWithCompletionHandler(const std::function<void()>& completion) {
-  auto store = std::make_unique<KLVPersistantStore>();
-  store->createEventsTableWithTableName(eventsTable(sessionIdentifier_));
-  store->createChunkMetaInfoTableWithTableName(kKLVChunkMetaInfo);
-  store->createAggregateEventsTable();
-  store->createLifetimeEventsTable();
-  jobs_->setStore(std::move(store));
+  if (jobs_->store() == nullptr) {
+    auto store = std::make_unique<KLVPersistantStore>();
+    store->createChunkMetaInfoTableWithTableName(kKLVChunkMetaInfo);
+    store->createAggregateEventsTable();
+    store->createLifetimeEventsTable();
+    store->createOwnTables();
+    jobs_->setStore(std::move(store));
+  }
   if (completion) completion();
 }
 
 void KLVDataHandler::saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier) {
+  insert(event, std::move(identifier), [](KLVPersistantStore&) { return true; });
+}
+
+void KLVDataHandler::saveAndCountEvent(const std::shared_ptr<KLVEvent>& event, std::string identifier) {
+  if (!event) return;
+  insert(event, std::move(identifier),
+         [cache = lifetimeCounts_, name = event->identifier()](KLVPersistantStore& store) {
+           return countLifetimeEvent(store, *cache, name);
+         });
+}
+
+template <class Count>
+void KLVDataHandler::insert(const std::shared_ptr<KLVEvent>& event, std::string identifier, Count count) {
   if (!event || jobs_->store() == nullptr) return;
   // Converted now, not in the job: the row is much smaller than the event, and in a burst thousands wait.
   Dictionary row;
@@ -50,55 +70,38 @@ void KLVDataHandler::saveEventInfo(std::shared_ptr<KLVEvent> event, std::string 
     KLV_ERROR("{}", error.what());
     return;
   }
-  jobs_->write([row = std::move(row), identifier = std::move(identifier)](KLVPersistantStore& store) {
-    return store.insertDataWithTableName(eventsTable(identifier), row);
-  });
+  const bool isOwn = identifier == sessionIdentifier_;
+  jobs_->write([row = std::move(row), identifier = std::move(identifier), isOwn, count = std::move(count)](
+                   KLVPersistantStore& store) { return insertEvent(store, identifier, isOwn, row) && count(store); });
 }
 
-std::vector<Dictionary> KLVDataHandler::getEventsBetween(std::uint64_t start, std::uint64_t end,
-                                                         const std::string& identifier,
-                                                         const std::optional<std::string>& eventType) {
-  return jobs_->sync([&]() -> std::vector<Dictionary> {
+std::optional<std::vector<Dictionary>> KLVDataHandler::getEventsBetween(std::uint64_t start, std::uint64_t end,
+                                                                        const std::string& identifier,
+                                                                        const std::optional<std::string>& eventType) {
+  return jobs_->sync([&]() -> std::optional<std::vector<Dictionary>> {
     auto* store = jobs_->store();
-    if (store == nullptr) return {};
-    return store->retrieveDataWithTableName(eventsTable(identifier), start, end, std::string(kKLVType), eventType);
+    if (store == nullptr) return std::vector<Dictionary>();
+    const auto table = eventsTable(identifier);
+    const auto exists = store->tableExists(table);
+    if (!exists) return std::nullopt;
+    if (!*exists) return std::vector<Dictionary>();
+    return store->retrieveDataWithTableName(table, start, end, std::string(kKLVType), eventType);
   });
 }
 
-std::uint64_t KLVDataHandler::numberOfEventsWithIdentifier(const std::string& identifier) {
-  return jobs_->sync([&]() -> std::uint64_t {
+std::optional<std::uint64_t> KLVDataHandler::numberOfEventsWithIdentifier(const std::string& identifier) {
+  return jobs_->sync([&]() -> std::optional<std::uint64_t> {
     auto* store = jobs_->store();
     if (store == nullptr) return 0;
-    return static_cast<std::uint64_t>(store->retrieveNumberOfRecordsInTable(eventsTable(identifier)));
+    const auto stored = store->lastIdentifierInTable(eventsTable(identifier));
+    const auto cut = store->endOfChunks(identifier);
+    if (!stored || !cut) return std::nullopt;
+    return std::max(*stored, *cut);
   });
 }
 
-std::vector<std::string> KLVDataHandler::getSessions() {
-  return jobs_->sync([&] {
-    std::vector<std::string> sessions;
-    auto* store = jobs_->store();
-    if (store == nullptr) return sessions;
-    for (const auto& table : store->retrieveTableNames()) {
-      if (table.rfind(kKLVEvents, 0) != 0) continue;
-      // Kept: cuts an id off at a "_" in it.
-      const auto from = table.find('_');
-      if (from == std::string::npos) continue;
-      sessions.push_back(table.substr(from + 1, table.find('_', from + 1) - from - 1));
-    }
-    return sessions;
-  });
-}
-
-void KLVDataHandler::deleteSession(std::string identifier) {
-  jobs_->write([identifier = std::move(identifier)](KLVPersistantStore& store) {
-    const bool removed = store.removeTableWithName(eventsTable(identifier));
-    if (!removed && store.reportsFailures()) KLV_ERROR("Couldn't delete session entry");
-    return removed;
-  });
-}
-
-void KLVDataHandler::writeTogether(const std::function<void()>& submit) {
-  jobs_->writeTogether(submit);
+void KLVDataHandler::writeTogether(const std::function<void()>& submit, std::function<void()> committed) {
+  jobs_->writeTogether(submit, std::move(committed));
 }
 
 void KLVDataHandler::catchUp() {

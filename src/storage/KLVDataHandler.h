@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "records/AggregateTotals.h"
 #include "records/KLVAppInfo.h"
 #include "records/KLVChunk.h"
 #include "records/KLVDeviceInfo.h"
@@ -24,12 +25,14 @@ class KLVDataHandlerJobs;
 ///
 /// Writes return at once and run on the data queue in the order of their submission. A read blocks until every write
 /// submitted before it is done; inside a job of the queue, it runs at once. A failure is logged and leaves the stored
-/// data unchanged; no operation reports it. Before `startWithCompletionHandler` there is no database: its writes are
-/// dropped and its reads return nothing, but files work.
+/// data unchanged; no operation reports it unless its comment says so. Before `startWithCompletionHandler` there is no
+/// database: its writes are dropped and its reads return nothing, but files work.
 class KLVDataHandler {
  public:
   /// `identifier` is the id of the current session.
   explicit KLVDataHandler(std::string identifier);
+  /// A handler for a later session on the store and the data queue of `first`. It is started if `first` is.
+  KLVDataHandler(std::string identifier, const KLVDataHandler& first);
   ~KLVDataHandler();
 
   /// Opens the database and creates the tables, then calls `completion`. Blocks: all of this runs on the calling
@@ -49,12 +52,18 @@ class KLVDataHandler {
 
   // --- Events and counters. `identifier` is a session id.
   void saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier);
+  /// The same, and adds 1 to the lifetime count of the event's name in the same transaction. An event that cannot be
+  /// stored is not counted.
+  void saveAndCountEvent(const std::shared_ptr<KLVEvent>& event, std::string identifier);
   /// Returns the rows of events `start` to `end`, both included, in ascending order. `eventType` is the name of a type;
-  /// nullopt means every type.
-  std::vector<Dictionary> getEventsBetween(std::uint64_t start, std::uint64_t end, const std::string& identifier,
-                                           const std::optional<std::string>& eventType);
-  /// Returns the number of stored events, 0 if the session has no table.
-  std::uint64_t numberOfEventsWithIdentifier(const std::string& identifier);
+  /// nullopt means every type. Returns nullopt if the read failed.
+  std::optional<std::vector<Dictionary>> getEventsBetween(std::uint64_t start, std::uint64_t end,
+                                                          const std::string& identifier,
+                                                          const std::optional<std::string>& eventType);
+  /// Returns the index of the session's last event, 0 if it never had one, nullopt if the read failed. Deleted events
+  /// count: the result is the greatest of the table's indices, the last index that SQLite gave out, and the end of the
+  /// session's chunks.
+  std::optional<std::uint64_t> numberOfEventsWithIdentifier(const std::string& identifier);
   /// Adds 1 to the lifetime count of the event's name.
   void upsertLifetimeEvent(std::shared_ptr<KLVEvent> event);
   /// Returns the row of this name, or nullopt. Does not wait: a count that is still queued is missing.
@@ -65,6 +74,10 @@ class KLVDataHandler {
   /// Returns the count of the first row with these values, or nullopt.
   std::optional<Dictionary> retrieveAggregateEventWithParameters(const Dictionary& parameters);
   std::vector<Dictionary> retrieveAggregateEventsWithSessionIdentifier(const std::string& identifier);
+  /// Counts the event and each of its attributes in the session `identifier`, in one transaction. Returns at once.
+  void countAggregateEvent(std::shared_ptr<KLVEvent> event, std::string identifier);
+  /// Returns the sums for the session `identifier`, nullopt if the read failed.
+  std::optional<AggregateTotals> aggregateTotals(const std::string& identifier);
   /// Adds 1 to the count of the rows with these values, or inserts a row with count 1. Blocks.
   void fetchAndIncrementCountForParameters(const Dictionary& parameters);
   /// The same for the row that counts the event itself, which has no attribute. Blocks.
@@ -72,20 +85,38 @@ class KLVDataHandler {
   void deleteAggregateEventsWithSessionId(std::string identifier);
 
   // --- Rows of chunks.
-  /// Inserts a row. Its status stays NULL until the service accepts the chunk.
-  void saveChunkMetaInfo(std::shared_ptr<KLVChunkMetaInfo> meta);
+  /// Inserts a row, and `records` (the upload forms of the chunk's cut) in the same transaction. The row's status stays
+  /// NULL until the service accepts the chunk. Blocks. Returns true once both are committed.
+  [[nodiscard]] bool saveChunkMetaInfo(std::shared_ptr<KLVChunkMetaInfo> meta,
+                                       std::optional<Dictionary> records = std::nullopt);
+  /// Returns the records that were saved with the chunk's row, nullopt if there are none.
+  std::optional<Dictionary> retrieveChunkRecords(const std::string& chunkId);
   /// Replaces the reporting times of the row with this id.
   void updateChunkMetaInfoTimestamp(std::shared_ptr<KLVChunkMetaInfo> meta);
-  /// Marks the row whose id is `chunk`'s identifier as accepted.
-  void updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk);
-  /// Deletes all rows of the session whose id is `chunk`'s identifier.
+  /// Marks the row whose id is `chunk`'s identifier as accepted. In the same transaction, notes that the service has
+  /// the aggregate counts of the chunk's session up to the sum `aggregateTotal`.
+  void updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::int64_t aggregateTotal);
+  /// Deletes all rows of the session whose id is `chunk`'s identifier, and their records.
   void deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk);
   std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo();
 
-  /// Returns the ids of all sessions that have an events table.
+  // --- Sessions and rescued events.
+  /// Returns the ids of all sessions that have an events table: those with at least one event.
   std::vector<std::string> getSessions();
+  /// Returns the ids of all sessions that have an aggregate count.
+  std::vector<std::string> getSessionsWithAggregates();
+  /// Returns the names of all directories in the Library directory whose name has the form of a session id.
+  std::vector<std::string> getSessionDirectories();
   /// Drops the session's events table.
   void deleteSession(std::string identifier);
+  enum class Rescue { stored, alreadyStored, failed };
+  /// Stores events that the file `file` (a name in the Library directory) kept from the death of their process: their
+  /// rows in the session `sid`, their counts, and the file's name, all in one transaction. `alreadyStored` means that
+  /// the name is recorded, and nothing was stored. Leaves out an event that has no storage form. Blocks.
+  [[nodiscard]] Rescue storeRescuedEvents(const std::string& file, const std::vector<std::shared_ptr<KLVEvent>>& events,
+                                          const std::string& sid);
+  /// Forgets the file's name. For files that exist no longer.
+  void forgetRescuedFile(std::string file);
 
   // --- Files. A path is relative to the Library directory. A file holds a JSON object or array; reads return nullopt
   // if it is missing or holds anything else.
@@ -95,14 +126,17 @@ class KLVDataHandler {
   std::optional<Value> getEventsInfo();
   void persistFrequencyConfig(Dictionary config);
   std::optional<Value> retrieveFrequencyConfig();
-  void persistClientEvents(Dictionary config);
+  /// Calls `completion`, unless empty, on the data queue. Passes false if the file could not be written: it then holds
+  /// the earlier lists.
+  void persistClientEvents(Dictionary config, std::function<void(bool isSaved)> completion = nullptr);
   std::optional<Value> getClientEvents();
   void persistPIDMIDDict(Dictionary config, std::string path);
   std::optional<Value> getPIDMIDDictAtPath(const std::string& path);
 
   /// Runs `submit` on the calling thread and does its database writes in one transaction: a kill leaves all of them or
-  /// none.
-  void writeTogether(const std::function<void()>& submit);
+  /// none. Calls `committed` on the data queue once they are committed, and never if they fail. Work that must follow
+  /// the writes, such as the deletion of files, belongs in `committed`: other jobs of `submit` run before them.
+  void writeTogether(const std::function<void()>& submit, std::function<void()> committed = {});
 
   /// If more than about 2,000 writes wait, blocks until they are done and may run some on the calling thread. For
   /// threads of the library that produce writes faster than the disk accepts them. The host's threads must never call
@@ -113,11 +147,11 @@ class KLVDataHandler {
   void whenStored(std::function<void()> done);
 
  private:
-  // Inside a job.
-  [[nodiscard]] std::optional<std::int64_t> aggregateCount(const Dictionary& parameters);
-  void insertFirstAggregateCount(Dictionary parameters);
-  /// Queues writing `config` as JSON to `path`; logs `failure` if that fails.
-  void persist(Dictionary config, std::string path, std::string failure);
+  template <class Count>
+  void insert(const std::shared_ptr<KLVEvent>& event, std::string identifier, Count count);
+  /// Queues writing `config` as JSON to `path`; logs `failure` if that fails. Then calls `completion`, unless empty.
+  void persist(Dictionary config, std::string path, std::string failure,
+               std::function<void(bool isSaved)> completion = nullptr);
 
   const std::string sessionIdentifier_;
   std::shared_ptr<KLVDataHandlerJobs> jobs_;

@@ -46,7 +46,14 @@ void KLVDataHandlerJobs::write(KLVPersistantStore::Job job) {
   waitingWrites_.fetch_add(1, std::memory_order_relaxed);
 }
 
-void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit) {
+bool KLVDataHandlerJobs::writeNow(const KLVPersistantStore::Job& write) {
+  return sync([&] {
+    auto* target = store();
+    return target != nullptr && target->performTogether({write});
+  });
+}
+
+void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit, std::function<void()> committed) {
   Group group;
   {
     struct Collecting {
@@ -55,8 +62,9 @@ void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit) {
     } const collecting(group);
     submit();
   }
-  async([self = shared_from_this(), group = std::move(group)] {
-    if (auto* target = self->store()) target->performTogether(group);
+  async([self = shared_from_this(), group = std::move(group), committed = std::move(committed)] {
+    auto* target = self->store();
+    if (target != nullptr && target->performTogether(group) && committed) committed();
   });
 }
 

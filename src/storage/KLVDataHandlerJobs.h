@@ -28,9 +28,12 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
 
   /// Submits a database write. Drops it if there is no store.
   void write(KLVPersistantStore::Job job);
+  /// Runs `write` in a transaction of its own, after all jobs submitted before. Returns true once it is committed.
+  /// Returns false, after logging why, if it failed or there is no store. Blocks.
+  [[nodiscard]] bool writeNow(const KLVPersistantStore::Job& write);
   /// Runs `submit` on the calling thread and collects the writes that it submits into one job and one transaction: a
-  /// kill leaves all of them or none. Its other jobs run first.
-  void writeTogether(const std::function<void()>& submit);
+  /// kill leaves all of them or none. Its other jobs run first. Calls `committed` in that job after the commit.
+  void writeTogether(const std::function<void()>& submit, std::function<void()> committed);
   /// Returns the number of submitted writes that have not run yet. Does not count those of `writeTogether`.
   [[nodiscard]] std::size_t waitingWrites() const noexcept { return waitingWrites_.load(std::memory_order_relaxed); }
   /// Submits a job that is not a database write. If it throws, the reason is logged.

@@ -51,14 +51,15 @@ bool KLVPersistantStore::reportsFailures() noexcept {
 void KLVPersistantStore::rollBack() {
   onDatabase([this](FMKLVDatabase& db) {
     static_cast<void>(db.rollback());
-    recordCounts_.clear();
+    tables_.clear();
+    sequences_.reset();
     ++rollbacks_;
   });
 }
 
 void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
   openAndMakeTables();
-  if (jobs.size() > 1) {
+  {  // also for a single job: its statements are done together or not at all
     const TrialRun trial;
     if (performInOneTransaction(jobs)) return;
   }
@@ -71,9 +72,9 @@ void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
   }
 }
 
-void KLVPersistantStore::performTogether(const std::vector<Job>& jobs) {
+bool KLVPersistantStore::performTogether(const std::vector<Job>& jobs) {
   openAndMakeTables();
-  static_cast<void>(performInOneTransaction(jobs));  // the job that failed has logged it
+  return performInOneTransaction(jobs);  // the job that failed has logged it
 }
 
 bool KLVPersistantStore::performInOneTransaction(const std::vector<Job>& jobs) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "kelvo/Value.h"
 #include "sqlite/FMKLVDatabaseQueue.h"
 #include "storage/KLVPersistentStore.h"
+#include "storage/KLVSQLText.h"
 
 namespace kelvo {
 
@@ -20,15 +22,15 @@ namespace kelvo {
 /// and rows are returned as such dictionaries, without their NULL columns.
 ///
 /// Thread-safe, except as noted below; statements run one at a time. A write that fails is logged and returns false. A
-/// read that fails returns no rows, or 0. If the database cannot be opened, every read returns nothing and every write
-/// fails.
+/// read that fails is logged and returns no rows, or 0; one that returns an optional returns nullopt. If the database
+/// cannot be opened, every read returns nothing and every write fails.
 ///
 /// If SQLite reports corruption at opening, the store sets the file aside under another name and creates a new
 /// database. If it reports corruption later, the store writes a marker file, and the next start sets the database
 /// aside.
 ///
 /// Kept: only inserts and the bound update bind their values. All other statements contain them as text between single
-/// quotes, not escaped, so a value with a quote makes its statement fail.
+/// quotes. `quoted` doubles the quotes in a value or has the statement refused: it then fails without being run.
 class KLVPersistantStore final : public KLVPersistentStore {
  public:
   using Parameters = Dictionary;  ///< from column to value
@@ -45,41 +47,58 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Returns, and logs, an insert statement with one named parameter for each column.
   [[nodiscard]] static std::string insertStatementWithTableName(std::string_view table, const Parameters& parameters);
 
-  // --- Tables. The create functions return true if the table exists afterwards; the next group of writes retries a
-  // failed one. Only one thread at a time may call them.
+  // --- Tables. The create functions return true if the table exists afterwards. The store remembers tables that exist:
+  // to create one again costs nothing.
   bool createEventsTableWithTableName(std::string_view table);
+  [[nodiscard]] std::optional<bool> tableExists(std::string_view table);
+  // The next perform function retries a failure of these. Only one thread at a time may call them.
   bool createChunkMetaInfoTableWithTableName(std::string_view table);
   bool createAggregateEventsTable();
   bool createLifetimeEventsTable();
+  void createOwnTables();
   /// Returns true if the table no longer exists.
   [[nodiscard]] bool removeTableWithName(std::string_view table);
   [[nodiscard]] std::vector<std::string> retrieveTableNames();
 
   // --- Reads.
-  /// Returns the number of rows. The first call for a table reads all of it; later calls return a count that the store
-  /// keeps.
+  /// Returns the number of rows. Reads the whole table.
   [[nodiscard]] int retrieveNumberOfRecordsInTable(std::string_view table);
+  /// Returns the greatest "identifier" that an events table has or had, 0 if there was none or there is no table.
+  [[nodiscard]] std::optional<std::uint64_t> lastIdentifierInTable(std::string_view table);
+  /// Returns the greatest end of the session's chunks, 0 if it has none.
+  [[nodiscard]] std::optional<std::uint64_t> endOfChunks(std::string_view sid);
+  /// Returns the number of rows whose column `key` has this value.
+  [[nodiscard]] std::optional<std::int64_t> countInTable(std::string_view table, std::string_view key,
+                                                         std::string_view value);
+  /// Returns the sum of `column` over the rows whose column `key` has this value, 0 if there is none.
+  [[nodiscard]] std::optional<std::int64_t> sumInTable(std::string_view table, std::string_view column,
+                                                       std::string_view key, std::string_view value);
   /// Returns the rows whose "identifier" is from `from` to `to`, both included, in ascending order. Given both `column`
   /// and `value`, returns only rows with that value.
-  [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, std::uint64_t from, std::uint64_t to,
-                                               const std::optional<std::string>& column,
-                                               const std::optional<std::string>& value);
+  [[nodiscard]] std::optional<Rows> retrieveDataWithTableName(std::string_view table, std::uint64_t from,
+                                                              std::uint64_t to,
+                                                              const std::optional<std::string>& column,
+                                                              const std::optional<std::string>& value);
   /// The same without an upper end.
   [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, int from,
                                                const std::optional<std::string>& column,
                                                const std::optional<std::string>& value);
   /// Returns the rows whose column `key` has this value.
-  [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, std::string_view key, const Value& value);
+  [[nodiscard]] std::optional<Rows> retrieveDataWithTableName(std::string_view table, std::string_view key,
+                                                              const Value& value);
   /// Returns one column of the rows that meet all conditions. Returns nothing if there is no condition.
-  [[nodiscard]] Rows retrieveDataForIdentifier(std::string_view column, std::string_view table,
-                                               const Parameters& conditions);
+  [[nodiscard]] std::optional<Rows> retrieveDataForIdentifier(std::string_view column, std::string_view table,
+                                                              const Parameters& conditions);
   [[nodiscard]] Rows retrieveAllDataWithTableName(std::string_view table);
   /// Returns one row for each distinct value of the column `key`.
   [[nodiscard]] Rows retrieveSetOfValuesFromTable(std::string_view table, std::string_view key);
 
   // --- Writes.
   [[nodiscard]] bool insertDataWithTableName(std::string_view table, const Parameters& parameters);
-  /// Kept: the statement contains the values without quotes, so they must be numbers.
+  /// The same for an events table. If the store does not know it yet, and `mayCreate` returns true, creates it first.
+  [[nodiscard]] bool insertEventWithTableName(std::string_view table, const Parameters& parameters,
+                                              const std::function<bool()>& mayCreate);
+  /// Kept: the statement contains the new values without quotes. It is refused unless they are numbers.
   [[nodiscard]] bool updateDataWithTableName(std::string_view table, const Parameters& values,
                                              const Parameters& conditions);
   /// The bound update.
@@ -99,7 +118,8 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// the bad one has no effect; the rerun logs the failure. A job that throws is logged and does not stop the others.
   void performGrouped(const std::vector<Job>& jobs);
   /// Runs the jobs in order in one transaction. If one fails, rolls back: none has an effect.
-  void performTogether(const std::vector<Job>& jobs);
+  /// Returns true if they are committed.
+  bool performTogether(const std::vector<Job>& jobs);
   /// Returns false during a trial run: the rerun logs the failure. A job must check it before it logs a failure. Valid
   /// for the calling thread.
   [[nodiscard]] static bool reportsFailures() noexcept;
@@ -114,11 +134,19 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Runs `block` on the database's queue. Does nothing if the database is not open.
   void onDatabase(const FMKLVDatabaseQueue::Block& block);
   [[nodiscard]] bool create(std::string_view table, std::string_view columns, bool failureIsError);
-  [[nodiscard]] Rows rows(const std::string& sql);
-  [[nodiscard]] bool write(const std::string& sql, const Parameters& parameters = {});
-  [[nodiscard]] bool writeAndForgetCount(std::string_view table, const std::string& sql);
-  /// Queue: the database's.
-  [[nodiscard]] static bool update(FMKLVDatabase& db, const std::string& sql, const Parameters& parameters);
+  [[nodiscard]] bool createAtStart(std::string_view table, std::string_view columns, bool failureIsError);
+  [[nodiscard]] std::optional<Rows> rows(const KLVSQLText& sql);
+  [[nodiscard]] bool write(const KLVSQLText& sql, const Parameters& parameters = {});
+  /// Returns the first row's only column, 0 if there is no row or it is NULL.
+  [[nodiscard]] std::optional<std::int64_t> number(const KLVSQLText& sql);
+  // Queue of the next seven: the database's.
+  [[nodiscard]] bool create(FMKLVDatabase& db, std::string_view table, std::string_view columns, bool failureIsError);
+  [[nodiscard]] static std::optional<Rows> rows(FMKLVDatabase& db, const KLVSQLText& sql);
+  [[nodiscard]] static std::optional<std::int64_t> number(FMKLVDatabase& db, const KLVSQLText& sql);
+  [[nodiscard]] static bool run(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& parameters);
+  [[nodiscard]] static bool update(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& parameters);
+  [[nodiscard]] std::optional<bool> exists(FMKLVDatabase& db, std::string_view table);
+  [[nodiscard]] bool readSequences(FMKLVDatabase& db);
   void open();
   void openAndMakeTables();
   void rollBack();
@@ -130,12 +158,14 @@ class KLVPersistantStore final : public KLVPersistentStore {
 
   // Queue: the database's.
   bool foundCorrupt_ = false;
-  std::map<std::string, int, std::less<>> recordCounts_;  // by table, once counted
+  std::set<std::string, std::less<>> tables_;  // known to exist
+  /// The last identifier that each events table gave out, once read. Later inserts are not noted.
+  std::optional<std::map<std::string, std::uint64_t, std::less<>>> sequences_;
 
   // Used by one thread at a time: when the tables are created, and in the perform functions.
   struct MissingTable {
     std::string name;
-    std::string columns;
+    std::string_view columns;
     bool failureIsError;
   };
   std::unique_ptr<FMKLVDatabaseQueue> db_;

@@ -38,4 +38,20 @@ inline constexpr std::string_view kKLVLifetimeEventsColumns = "name text, count 
 inline constexpr std::string_view kKLVLifetimeEventName = "name";
 inline constexpr std::string_view kKLVLifetimeCount = "count";
 
+/// Tables of our own. Other programs that know the database need not know them.
+/// The upload forms of a chunk's cut, as one JSON text.
+inline constexpr std::string_view kKLVChunkRecords = "kelvo_chunk_records";
+inline constexpr std::string_view kKLVChunkRecordsColumns = "id text PRIMARY KEY, sid text, records text";
+inline constexpr std::string_view kKLVChunkRecordsText = "records";
+
+/// The sum of a session's aggregate counts that the service has.
+inline constexpr std::string_view kKLVAggregatesSent = "kelvo_aggregates_sent";
+inline constexpr std::string_view kKLVAggregatesSentColumns = "sid text PRIMARY KEY, total int";
+inline constexpr std::string_view kKLVAggregatesSentTotal = "total";
+
+/// The names of the rescue files whose events are stored.
+inline constexpr std::string_view kKLVRescuedFiles = "kelvo_rescued_files";
+inline constexpr std::string_view kKLVRescuedFilesColumns = "name text PRIMARY KEY";
+inline constexpr std::string_view kKLVRescuedFileName = "name";
+
 }  // namespace kelvo

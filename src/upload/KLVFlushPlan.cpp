@@ -2,62 +2,54 @@
 
 #include <algorithm>
 #include <map>
-#include <string_view>
-#include <unordered_set>
+#include <utility>
 
 namespace kelvo {
-namespace {
 
-/// Returns each session's row with the greatest end, the first one of equals. Keeps the order of the sessions' first
-/// rows.
-std::vector<const KLVChunkRow*> lastRows(const std::vector<KLVChunkRow>& rows) {
-  std::vector<const KLVChunkRow*> last;
-  std::map<std::string_view, std::size_t> places;
-  for (const KLVChunkRow& row : rows) {
-    const auto [place, isNew] = places.try_emplace(row.sid, last.size());
-    if (isNew) {
-      last.push_back(&row);
-    } else if (row.end > last[place->second]->end) {
-      last[place->second] = &row;
-    }
-  }
-  return last;
+std::uint64_t KLVEarlierSession::nextChunk() const {
+  std::uint64_t next = kFirstChunk;
+  for (const KLVChunkRow& row : rows) next = std::max(next, row.cid + 1);
+  return next;
 }
 
-}  // namespace
-
-std::optional<std::vector<KLVChunkCut>> cutsOfEarlierSessions(const std::vector<KLVChunkRow>& rows,
-                                                              const std::vector<std::string>& sessions,
-                                                              const std::string& current) {
-  const auto last = lastRows(rows);
-  const auto others = static_cast<std::size_t>(
-      std::count_if(sessions.begin(), sessions.end(), [&](const auto& s) { return s != current; }));
-  if (others == 0) return std::nullopt;
-
-  std::vector<KLVChunkCut> cuts;
-  if (others == last.size()) {
-    for (const KLVChunkRow* row : last) cuts.push_back({row->sid, row->cid + 1, row->end + 1, true});
-  } else if (others > last.size()) {
-    std::unordered_set<std::string_view> withRow;
-    for (const KLVChunkRow* row : last) withRow.insert(row->sid);
-    for (const std::string& sid : sessions) {
-      if (withRow.count(sid) == 0) cuts.push_back({sid});
-    }
-  }
-  return cuts;
+std::uint64_t KLVEarlierSession::nextEvent() const {
+  std::uint64_t next = kFirstEvent;
+  for (const KLVChunkRow& row : rows) next = std::max(next, row.end + 1);
+  return next;
 }
 
-std::vector<std::string> deliveredSessions(const std::vector<KLVChunkRow>& rows) {
-  std::vector<std::string> sessions;
-  std::map<std::string_view, bool> delivered;
-  for (const KLVChunkRow& row : rows) {
-    const auto [place, isNew] = delivered.try_emplace(row.sid, row.sent);
-    if (isNew) sessions.push_back(row.sid);
-    if (!row.sent) place->second = false;
+bool KLVEarlierSession::isAccepted() const {
+  return !rows.empty() && std::all_of(rows.begin(), rows.end(), [](const auto& row) { return row.sent; });
+}
+
+std::vector<KLVEarlierSession> earlierSessions(const KLVStoredSessions& stored, const std::set<std::string>& running) {
+  std::map<std::string, KLVEarlierSession> sessions;
+  for (const KLVChunkRow& row : stored.rows) sessions[row.sid].rows.push_back(row);
+  for (const std::string& sid : stored.withTable) sessions[sid].hasTable = true;
+  for (const auto* others : {&stored.withAggregates, &stored.withDirectory}) {
+    for (const std::string& sid : *others) sessions[sid];
   }
-  sessions.erase(std::remove_if(sessions.begin(), sessions.end(), [&](const auto& sid) { return !delivered[sid]; }),
-                 sessions.end());
-  return sessions;
+  std::vector<KLVEarlierSession> earlier;
+  for (auto& [sid, session] : sessions) {
+    if (running.count(sid) != 0) continue;
+    session.sid = sid;
+    earlier.push_back(std::move(session));
+  }
+  return earlier;
+}
+
+std::optional<std::set<std::string>> sessionsToCutByCounts(const std::vector<KLVEarlierSession>& earlier) {
+  const auto count = [&](auto condition) { return std::count_if(earlier.begin(), earlier.end(), condition); };
+  const auto withTable = count([](const auto& session) { return session.hasTable; });
+  const auto withRows = count([](const auto& session) { return !session.rows.empty(); });
+  if (withTable == 0) return std::nullopt;
+
+  std::set<std::string> cut;
+  for (const KLVEarlierSession& session : earlier) {
+    const bool isNew = session.rows.empty();
+    if (withTable > withRows ? session.hasTable && isNew : withTable == withRows && !isNew) cut.insert(session.sid);
+  }
+  return cut;
 }
 
 }  // namespace kelvo

@@ -2,13 +2,13 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace kelvo {
 
-// Two decisions of a flush, as pure functions: which earlier sessions are cut, and which are purged. Which chunks are
-// resent is not decided here: `KLVChunkManager` resends every chunk that the service has not accepted.
+// The decisions of a flush, as pure functions: which sessions are earlier ones, and which of them are cut.
 
 /// The numbers of a session's first chunk and first event.
 inline constexpr std::uint64_t kFirstChunk = 1;
@@ -19,31 +19,41 @@ struct KLVChunkRow {
   std::string sid;  ///< session id
   std::uint64_t cid = kFirstChunk;
   std::uint64_t start = kFirstEvent;  ///< first event
-  std::uint64_t end = 0;              ///< last event, included
+  std::uint64_t end = 0;              ///< last event, included; `start` - 1 for a chunk without events
   bool sent = false;                  ///< the service has accepted it
 };
 
-/// A chunk to cut from a session: number `cid`, from event `start` to the newest event.
-struct KLVChunkCut {
-  std::string sid;
-  std::uint64_t cid = kFirstChunk;
-  std::uint64_t start = kFirstEvent;
-  bool hasEarlierChunk = false;  ///< the session has had a chunk, so it may have no event left to cut
-
-  friend bool operator==(const KLVChunkCut&, const KLVChunkCut&) = default;
+/// Everything that may be stored of sessions.
+struct KLVStoredSessions {
+  std::vector<KLVChunkRow> rows;
+  std::vector<std::string> withTable;
+  std::vector<std::string> withAggregates;
+  std::vector<std::string> withDirectory;
 };
 
-/// Returns the cuts of a flush, from all chunk rows and the ids of all stored sessions. Returns nullopt if no session
-/// but `current` is stored: then nothing must be cut, resent or purged.
-///
-/// Kept: only two counts decide which sessions are cut. If more other sessions are stored than have rows, every session
-/// without a row is cut from its first event, the current one included. If as many are stored, every session with rows
-/// is cut after its last chunk. If fewer are stored, none is cut.
-std::optional<std::vector<KLVChunkCut>> cutsOfEarlierSessions(const std::vector<KLVChunkRow>& rows,
-                                                              const std::vector<std::string>& sessions,
-                                                              const std::string& current);
+/// What is stored of one session of an earlier process, or of one that has ended.
+struct KLVEarlierSession {
+  std::string sid;
+  bool hasTable = false;
+  std::vector<KLVChunkRow> rows;
 
-/// Returns the sessions to purge: those with at least one row, and all rows sent. Keeps the order of their first rows.
-std::vector<std::string> deliveredSessions(const std::vector<KLVChunkRow>& rows);
+  /// Returns the number of the next chunk: it follows the greatest number in use.
+  [[nodiscard]] std::uint64_t nextChunk() const;
+  /// Returns the first event after the chunks.
+  [[nodiscard]] std::uint64_t nextEvent() const;
+  /// Returns true if there is a row, and the service has accepted every row.
+  [[nodiscard]] bool isAccepted() const;
+};
+
+/// Returns all stored sessions but the `running` ones, in the order of their ids, which begin with their launch times.
+std::vector<KLVEarlierSession> earlierSessions(const KLVStoredSessions& stored, const std::set<std::string>& running);
+
+/// Returns the ids of the sessions to cut where two counts decide. Returns nullopt if no session has a table: then
+/// nothing must be cut, resent or purged.
+///
+/// Kept: the counts are those of the sessions with a table and of the sessions with rows. If there are more of the
+/// former, every session without a row is cut. If there are as many, every session with rows is cut after its last
+/// chunk. If there are fewer, none is cut. A session that is left out waits for a later flush.
+std::optional<std::set<std::string>> sessionsToCutByCounts(const std::vector<KLVEarlierSession>& earlier);
 
 }  // namespace kelvo

@@ -31,7 +31,7 @@ struct KLVDeliveryRules {
   bool leavesOutEmptyContainers = false;
   /// A process that finds its home in use writes its events to a rescue file. Otherwise it collects nothing.
   bool rescuesBesideAnotherProcess = false;
-  /// A device id that does not have the library's form is replaced. Otherwise it is kept, with an error line.
+  /// A device id that breaks the names made from it is replaced. Otherwise it is kept. Both with an error line.
   bool replacesForeignDeviceIds = false;
   /// The largest chunk: events, and bytes of their stored text. A chunk has at least one event, however long.
   std::uint64_t mostEventsInAChunk = std::numeric_limits<std::uint64_t>::max();

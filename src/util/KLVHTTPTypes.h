@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -10,6 +11,9 @@ namespace kelvo {
 struct HTTPResponse {
   long statusCode = 0;
   std::string url;
+  /// The time that a 429 or 503 asks the client to wait from now on: 0 seconds to 1 hour. nullopt if it names no valid
+  /// time, and for every other status.
+  std::optional<std::chrono::seconds> retryAfter = std::nullopt;
   /// Returns the URL and the status code, for log lines.
   [[nodiscard]] std::string description() const;
 };

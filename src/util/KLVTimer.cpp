@@ -18,7 +18,11 @@ KLVTimer& KLVTimer::sharedTimer() {
 }
 
 std::int64_t KLVTimer::currentTime() const {
-  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - SDKStartTime()).count();
+  return timeAt(Clock::now());
+}
+
+std::int64_t KLVTimer::timeAt(Date when) const {
+  return std::chrono::duration_cast<std::chrono::seconds>(when - SDKStartTime()).count();
 }
 
 std::int64_t KLVTimer::currentTimeInMillis() const {

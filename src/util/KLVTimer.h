@@ -18,6 +18,8 @@ class KLVTimer {
 
   /// Returns the whole seconds since the SDK start time, truncated towards zero. Events carry this time.
   [[nodiscard]] std::int64_t currentTime() const;
+  /// The same at `when`.
+  [[nodiscard]] std::int64_t timeAt(Date when) const;
   /// Returns the milliseconds since 1970, truncated: the unit of launch, start, reporting and installation times.
   [[nodiscard]] std::int64_t currentTimeInMillis() const;
 

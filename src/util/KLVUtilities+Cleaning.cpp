@@ -2,7 +2,9 @@
 
 #include <utility>
 
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVException.h"
+#include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
@@ -54,37 +56,62 @@ Verdict keptOrReplaced(const Container& before, Container after) {
   return {kReplace, std::move(after)};
 }
 
-Verdict verdictOnEntry(const Dictionary::Entry& entry) {
-  const auto& [key, value] = entry;
-  if (value.isNumber()) return {kKeep, {}};
-  if (const auto* text = value.get<std::string>()) return {text->empty() ? kDrop : kKeep, {}};
-  if (const auto* dictionary = value.get<Dictionary>()) {
-    auto clean = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(*dictionary);
-    if (!clean || clean->empty()) return {kDrop, {}};
-    return keptOrReplaced(*dictionary, *std::move(clean));
+/// Cleans one call's attributes, at every level.
+class Cleaner {
+ public:
+  std::optional<Dictionary> clean(const Dictionary& dictionary) {
+    if (dictionary.empty()) return std::nullopt;
+    return judgedEntries(dictionary, [this](const Dictionary::Entry& entry) { return verdictOnEntry(entry); });
   }
-  if (const auto* array = value.get<Array>()) {
-    auto valid = KLVUtilities::validArrayForArray(*array);
-    if (!valid) throw KLVInvalidArgument("object cannot be nil (key: " + key + ")");
-    return keptOrReplaced(*array, *std::move(valid));
+  std::optional<Array> clean(const Array& array) {
+    if (array.empty()) return std::nullopt;
+    const auto add = [](Array& result, const Value& element, Value* replacement) {
+      result.append(replacement == nullptr ? element : std::move(*replacement));
+    };
+    return judged(array, add, [this](const Value& element) { return verdictOnElement(element); });
   }
-  return {kDrop, {}};
-}
+  /// Writes one WARN line if containers were left out.
+  void report() const {
+    if (leftOut_ > 0) KLV_WARN("Leaving out {} empty arrays or objects inside attributes", leftOut_);
+  }
 
-Verdict verdictOnElement(const Value& value) {
-  if (value.isNumber() || value.get<std::string>() != nullptr) return {kKeep, {}};
-  if (const auto* dictionary = value.get<Dictionary>()) {
-    auto clean = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(*dictionary);
-    if (!clean) throw KLVInvalidArgument("object cannot be nil");
-    return keptOrReplaced(*dictionary, *std::move(clean));
+ private:
+  Verdict verdictOnEntry(const Dictionary::Entry& entry) {
+    const auto& [key, value] = entry;
+    if (value.isNumber()) return {kKeep, {}};
+    if (const auto* text = value.get<std::string>()) return {text->empty() ? kDrop : kKeep, {}};
+    if (const auto* dictionary = value.get<Dictionary>()) {
+      auto inner = clean(*dictionary);
+      if (!inner || inner->empty()) return {kDrop, {}};
+      return keptOrReplaced(*dictionary, *std::move(inner));
+    }
+    if (const auto* array = value.get<Array>()) return verdictOn(*array, " (key: " + key + ")");
+    return {kDrop, {}};
   }
-  if (const auto* array = value.get<Array>()) {
-    auto valid = KLVUtilities::validArrayForArray(*array);
-    if (!valid) throw KLVInvalidArgument("object cannot be nil");
-    return keptOrReplaced(*array, *std::move(valid));
+
+  Verdict verdictOnElement(const Value& value) {
+    if (value.isNumber() || value.get<std::string>() != nullptr) return {kKeep, {}};
+    if (const auto* dictionary = value.get<Dictionary>()) return verdictOn(*dictionary, "");
+    if (const auto* array = value.get<Array>()) return verdictOn(*array, "");
+    return {kDrop, {}};
   }
-  return {kDrop, {}};
-}
+
+  /// Returns the verdict on a container that must not be empty.
+  template <class Container>
+  Verdict verdictOn(const Container& container, const std::string& place) {
+    auto inner = clean(container);
+    if (!leavesOut_) {
+      if (!inner) throw KLVInvalidArgument("object cannot be nil" + place);
+    } else if (!inner || inner->empty()) {
+      ++leftOut_;
+      return {kDrop, {}};
+    }
+    return keptOrReplaced(container, *std::move(inner));
+  }
+
+  const bool leavesOut_ = KLVDeliveryRules::current().leavesOutEmptyContainers;
+  std::size_t leftOut_ = 0;
+};
 
 }  // namespace
 
@@ -111,16 +138,18 @@ Dictionary KLVUtilities::dictionaryByRemovingNulls(const Dictionary& dictionary)
 
 std::optional<Dictionary> KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(
     const std::optional<Dictionary>& dictionary) {
-  if (!dictionary || dictionary->empty()) return std::nullopt;
-  return judgedEntries(*dictionary, verdictOnEntry);
+  if (!dictionary) return std::nullopt;
+  Cleaner cleaner;
+  auto clean = cleaner.clean(*dictionary);
+  cleaner.report();
+  return clean;
 }
 
 std::optional<Array> KLVUtilities::validArrayForArray(const Array& array) {
-  if (array.empty()) return std::nullopt;
-  const auto add = [](Array& result, const Value& element, Value* replacement) {
-    result.append(replacement == nullptr ? element : std::move(*replacement));
-  };
-  return judged(array, add, verdictOnElement);
+  Cleaner cleaner;
+  auto valid = cleaner.clean(array);
+  cleaner.report();
+  return valid;
 }
 
 }  // namespace kelvo

@@ -37,8 +37,11 @@ Dictionary addTwoDictionaries(const Dictionary& first, const Dictionary& second)
 /// Removes the null values at the top level.
 Dictionary dictionaryByRemovingNulls(const Dictionary& dictionary);
 /// Removes, at every level, nulls, bytes, dates, and empty texts and dictionaries. Returns nullopt for nullopt and for
-/// an empty dictionary, but an empty dictionary if nothing remains. Throws `KLVInvalidArgument` if an array, at any
-/// depth, is empty or holds an empty array or dictionary: callers log the reason and drop the call.
+/// an empty dictionary, but an empty dictionary if nothing remains.
+///
+/// The rule `leavesOutEmptyContainers` also removes arrays that are or become empty, and such dictionaries in arrays,
+/// with one WARN line for all of them. Otherwise throws `KLVInvalidArgument` if an array, at any depth, is empty or
+/// holds an empty array or dictionary: callers log the reason and drop the call.
 std::optional<Dictionary> dictionaryByRemovingNullsAndEmptyValues(const std::optional<Dictionary>& dictionary);
 /// As above for each element, but keeps empty texts. Returns nullopt for an empty array.
 std::optional<Array> validArrayForArray(const Array& array);

@@ -23,9 +23,13 @@ delivered() (
   curl -fsS "$KELVO_SERVER_BASE_URL/debug/requests" | python3 "$here/expect.py"
 )
 
+# names_delivery RULES: checks the rules of delivery in the consumer's bundle.
+names_delivery() { grep -q "<key>KelvoDelivery</key><string>$1</string>" "$work/consumer.bundle/Info.plist"; }
+
 configured() {
   cmake -S "$here" -B "$work" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@"
   cmake --build "$work"
+  names_delivery complete
   delivered "$work/consumer"
 }
 
@@ -34,7 +38,13 @@ install)
   rm -rf "$prefix"
   cmake --install "$build" --prefix "$prefix"
   ;;
-shared) configured "-DCMAKE_PREFIX_PATH=$prefix" ;;
+shared)
+  configured "-DCMAKE_PREFIX_PATH=$prefix" -DCONSUMER_DELIVERY=
+  cmake "$work" -DCONSUMER_DELIVERY=classic
+  names_delivery classic
+  if cmake "$work" -DCONSUMER_DELIVERY=everything 2>/dev/null; then exit 1; fi
+  cmake "$work" -DCONSUMER_DELIVERY= # the next run begins as this one did
+  ;;
 static)
   configured "-DCMAKE_PREFIX_PATH=$prefix" -DKELVO_TARGET=Kelvo::kelvo_static
   ! ldd "$work/consumer" | grep libkelvo

@@ -10,13 +10,16 @@ namespace {
 using State = CollectionGate::State;
 using Decision = CollectionGate::Decision;
 
-/// Returns a gate in `state` whose database is ready, or not.
-CollectionGate gateIn(State state, bool databaseExists) {
+/// Returns a gate in `state` whose database and records exist, or not.
+CollectionGate gateIn(State state, bool destinationsExist) {
   CollectionGate gate;
   if (state != State::idle) static_cast<void>(gate.begin());
   if (state == State::running) gate.setEnabled(true);
   if (state == State::terminated) gate.terminate();
-  if (databaseExists) gate.openDatabase();
+  if (destinationsExist) {
+    EXPECT_TRUE(gate.openDatabase().empty());
+    gate.openRecords();
+  }
   EXPECT_EQ(gate.state(), state);
   return gate;
 }
@@ -43,7 +46,7 @@ TEST(CollectionGate, StoresWhileRunningIfTheDestinationExistsAndRefusesOnceTermi
     EXPECT_EQ(gate.decide(exists), decision);
     EXPECT_EQ(gate.admitEvent(event), stores);
     EXPECT_EQ(gate.admitEventUnbuffered(), stores);
-    EXPECT_EQ(gate.admitAttributes({true, {{"plan", "gold"}}}, exists), stores);
+    EXPECT_EQ(gate.admitAttributes({true, {{"plan", "gold"}}}), stores);
     EXPECT_EQ(gate.admitToken("t", exists), stores);
     EXPECT_EQ(gate.takeEvents().size(), buffers ? 1u : 0u);
     EXPECT_EQ(gate.takeAttributes().size(), buffers ? 1u : 0u);
@@ -74,12 +77,36 @@ TEST(CollectionGate, TerminatingDropsTheBuffersAndLeavesAnOpenDatabaseInUse) {
   CollectionGate gate = gateIn(State::running, false);
   const auto event = std::make_shared<KLVEvent>(KLVEventType::app);
   EXPECT_FALSE(gate.admitEvent(event));
-  EXPECT_FALSE(gate.admitAttributes({}, false));
-  gate.openDatabase();
+  EXPECT_FALSE(gate.admitAttributes({}));
+  EXPECT_EQ(gate.openDatabase().size(), 1u);
+  EXPECT_FALSE(gate.admitEvent(event)) << "the caller has not stored the first event yet";
+  EXPECT_EQ(gate.openDatabase().size(), 1u);
+  EXPECT_TRUE(gate.openDatabase().empty());
   gate.terminate();
-  EXPECT_TRUE(gate.takeEvents().empty());
   EXPECT_TRUE(gate.takeAttributes().empty());
   EXPECT_TRUE(gate.admitEvent(event));
+}
+
+TEST(CollectionGate, AnEventWaitsOnceAndIsCountedOnceWhateverComesBetweenItsTwoCalls) {
+  const auto app = std::make_shared<KLVEvent>(KLVEventType::app);
+  const auto client = std::make_shared<KLVEvent>(KLVEventType::client);
+  const auto aggregate = std::make_shared<KLVEvent>(KLVEventType::aggregate);
+  using Events = std::vector<std::shared_ptr<KLVEvent>>;
+
+  CollectionGate waiting = gateIn(State::running, false);
+  EXPECT_FALSE(waiting.admitEvent(app));
+  EXPECT_FALSE(waiting.admitEvent(aggregate));  // another thread's
+  EXPECT_FALSE(waiting.admitCount(app));
+  EXPECT_FALSE(waiting.admitCount(client));
+  EXPECT_EQ(waiting.takeEvents(), (Events{app, aggregate, client}));
+
+  CollectionGate opening = gateIn(State::running, false);
+  EXPECT_FALSE(opening.admitEvent(app));
+  EXPECT_EQ(opening.openDatabase(), Events{app}) << "the caller counts it";
+  EXPECT_TRUE(opening.openDatabase().empty());
+  EXPECT_FALSE(opening.admitCount(app));
+  EXPECT_TRUE(opening.admitEvent(app));
+  EXPECT_TRUE(opening.admitCount(app)) << "the database exists, so the next event is counted";
 }
 
 }  // namespace

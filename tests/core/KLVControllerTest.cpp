@@ -113,7 +113,8 @@ TEST_F(Controller, AMainLoopThatHangsHoldsUpNeitherChunksNorEvents) {
   screen->onEvent(nullptr);
   end.set_value();
   settle();
-  const auto events = controller().getEventsBetween(1, 9, controller().getSessionId(), KLVEventType::navigation);
+  const auto events =
+      controller().getEventsBetween(1, 9, controller().getSessionId(), KLVEventType::navigation).value();
   EXPECT_EQ(events.size(), 1u) << "the screen is recorded late, but not lost";
 }
 
@@ -128,7 +129,7 @@ TEST_F(Controller, RefusesMissingArgumentsAndForwardsCompleteCalls) {
   chunkDelegate().postDataToURL("/v2/api/user", std::nullopt, std::nullopt, {});
   EXPECT_EQ(log.count("<KLV WARN> URL/requestMethod is nil"), 1u);
   settle();
-  EXPECT_EQ(controller().getEventsBetween(1, 5, controller().getSessionId(), KLVEventType::app).size(), 1u);
+  EXPECT_EQ(controller().getEventsBetween(1, 5, controller().getSessionId(), KLVEventType::app)->size(), 1u);
   EXPECT_EQ(controller().getLifetimeCountForEvents({}), std::nullopt);
   EXPECT_EQ(controller().getLifetimeCountForEvents({"klv_app_opened", "never"}),
             (Dictionary{{"klv_app_opened", 1}, {"never", 0}}));

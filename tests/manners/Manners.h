@@ -8,14 +8,6 @@
 
 namespace kelvo::test {
 
-#if defined(__SANITIZE_THREAD__)
-inline constexpr std::string_view kSanitizer = "thread";
-#elif defined(__SANITIZE_ADDRESS__)
-inline constexpr std::string_view kSanitizer = "address";
-#else
-inline constexpr std::string_view kSanitizer;
-#endif
-
 /// The conditions under which a program runs.
 struct Machine {
   Texts wrapper = {};                     ///< command line before the program's, see `Road::run`

@@ -12,20 +12,22 @@ using ConfigManager = NetworkTest;
 TEST_F(ConfigManager, LoadsTheSavedConfigurationElseTheDefaultElseTurnsTheSDKOff) {
   const struct {
     const char* saved;  // empty for no file
-    bool enabled, isDefault;
-  } cases[] = {{"", true, true},
-               {"{\"enable\":tru", true, true},
-               {"[true]", true, true},
-               {"{\"enable\":true,\"other\":1}", true, false},
-               {"{\"enable\":false}", false, false},
-               {"{\"other\":1}", false, false},
-               {"{\"enable\":\"true\"}", false, false}};
-  for (const auto& [saved, enabled, isDefault] : cases) {
+    bool enabled, isDefault, hashCounts;
+  } cases[] = {{"", true, true, false},
+               {"{\"enable\":tru", true, true, false},
+               {"[true]", true, true, false},
+               {"{\"enable\":true,\"other\":1}", true, false, false},
+               {"{\"enable\":false}", false, false, false},
+               {"{\"enable\":false,\"service_paths\":1}", false, false, true},
+               {"{\"other\":1}", false, false, false},
+               {"{\"enable\":\"true\"}", false, false, false}};
+  for (const auto& [saved, enabled, isDefault, hashCounts] : cases) {
     SCOPED_TRACE(saved);
     if (*saved != '\0') writeFileForTest(library(kFile), saved);
     Controller controller;
     const KLVConfigManager manager(controller);
     EXPECT_EQ(controller.enabled, enabled);
+    EXPECT_EQ(manager.hasSavedConfiguration(), hashCounts);
     ASSERT_TRUE(manager.configDetails());
     EXPECT_EQ((*manager.configDetails())["max_chunk_event_count"] == Value(30), isDefault);
   }

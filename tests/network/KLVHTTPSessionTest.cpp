@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "network/NetworkTest.h"
+#include "network/RetryAfter.h"
 #include "support/Program.h"
 #include "support/TestHome.h"
 
@@ -20,6 +21,24 @@ using namespace std::chrono_literals;
 class HTTPSession : public NetworkTest {
  protected:
   void start(const std::string& path) { session.start({"GET", server.baseURL() + path, {}, {}}, replies.collect()); }
+  /// Sends a request with the body "body" to a service that answers `head`, which is the status and the headers, and
+  /// no body.
+  void requestAnsweredWith(const std::string& method, const std::string& head) {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(listen(listener, 1), 0);
+    EXPECT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    session.start({method, url, {}, "body"}, replies.collect());
+    const int client = accept(listener, nullptr, nullptr);
+    const std::string answer = "HTTP/1.1 " + head + "\r\nContent-Length: 0\r\n\r\n";
+    char request[4096];
+    EXPECT_GT(recv(client, request, sizeof request, 0), 0);
+    EXPECT_GT(send(client, answer.data(), answer.size(), 0), 0);
+    close(client);
+    close(listener);
+  }
   KLVHTTPSession session{2s};
 };
 
@@ -81,28 +100,70 @@ TEST_F(HTTPSession, UsesNoProxyForALoopbackHost) {
   EXPECT_NE(replies.wait(2).error->localizedDescription.find("127.0.0.1 port 1"), std::string::npos);
 }
 
-TEST_F(HTTPSession, FollowsARedirectWithAGetButNeverToCleartext) {
-  const auto redirected = [this](const std::string& target) {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    EXPECT_EQ(listen(listener, 1), 0);
-    EXPECT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    session.start({"POST", url, {}, "body"}, replies.collect());
-    const int client = accept(listener, nullptr, nullptr);
-    const std::string answer = "HTTP/1.1 302 Found\r\nContent-Length: 0\r\nLocation: " + target + "\r\n\r\n";
-    char request[4096];
-    EXPECT_GT(recv(client, request, sizeof request, 0), 0);
-    EXPECT_GT(send(client, answer.data(), answer.size(), 0), 0);
-    close(client);
-    close(listener);
-  };
-  redirected(server.baseURL() + "/final");
-  EXPECT_EQ(replies.wait(1).response->url, server.baseURL() + "/final");
-  EXPECT_EQ(server.requests("/final").at(0).method, "GET");
-  redirected("http://192.0.2.1/");
-  EXPECT_EQ(replies.wait(2).error->localizedDescription, "A redirect to cleartext was refused");
+TEST_F(HTTPSession, FollowsARedirectButNeverToCleartextNorWithoutTheBodyOfAPost) {
+  const std::string page = server.baseURL() + "/page";
+  server.answer("/page", {200, "<html>"});
+  const std::string cleartext = "A redirect to cleartext was refused", lost = "A redirect from POST to GET was refused";
+  const struct {
+    std::string method, status, target, refusal;
+  } cases[] = {{"GET", "301 Moved Permanently", page, ""},
+               {"POST", "301 Moved Permanently", page, lost},
+               {"GET", "302 Found", page, ""},
+               {"POST", "302 Found", page, lost},
+               {"GET", "302 Found", "http://192.0.2.1/", cleartext},
+               {"GET", "303 See Other", page, ""},
+               {"POST", "303 See Other", page, lost},
+               {"POST", "307 Temporary Redirect", page, ""},
+               {"POST", "308 Permanent Redirect", page, ""},
+               {"POST", "308 Permanent Redirect", "http://192.0.2.1/", cleartext}};
+  std::size_t count = 0;
+  for (const auto& [method, status, target, refusal] : cases) {
+    SCOPED_TRACE(method + " " + status + " " + target);
+    const auto followed = server.requests("/page").size();
+    requestAnsweredWith(method, status + "\r\nLocation: " + target);
+    const Reply reply = replies.wait(++count);
+    EXPECT_EQ(succeeded(reply.response, reply.error), refusal.empty());
+    EXPECT_EQ(reply.error.value_or(HTTPError()).localizedDescription, refusal);
+    const auto requests = server.requests("/page");
+    ASSERT_EQ(requests.size(), followed + (refusal.empty() ? 1 : 0));
+    if (!refusal.empty()) continue;
+    EXPECT_EQ(reply.response->url, target);
+    EXPECT_EQ(requests.back().method + " " + requests.back().body, method == "POST" ? "POST body" : "GET ");
+  }
+}
+
+TEST_F(HTTPSession, PassesTheWaitOnThatABusyServiceAsksFor) {
+  using std::chrono::seconds;
+  const Date now = std::chrono::sys_days{std::chrono::year(2024) / 2 / 29} + 23h + 59min + 30s + 500ms;
+  const struct {
+    const char* field;
+    std::optional<seconds> wait;
+  } fields[] = {{"120", 120s},
+                {"0", 0s},
+                {"3601", 3600s},
+                {"99999999999999999999", 3600s},
+                {"Fri, 01 Mar 2024 00:00:00 GMT", 30s},
+                {"Thursday, 29-Feb-24 23:59:31 GMT", 1s},
+                {"Thu, 29 Feb 2024 23:59:00 GMT", 0s},
+                {"Fri, 31 Dec 9999 23:59:59 GMT", 3600s},
+                {"", std::nullopt},
+                {"-5", std::nullopt},
+                {"2.5", std::nullopt},
+                {"Soon", std::nullopt}};
+  for (const auto& [field, wait] : fields) EXPECT_EQ(retryAfter(field, now), wait) << field;
+
+  const struct {
+    const char* head;
+    std::optional<seconds> wait;
+  } answers[] = {{"429 Too Many Requests\r\nretry-after: 7", 7s},
+                 {"503 Service Unavailable\r\nRetry-After: 7 ", 7s},
+                 {"503 Service Unavailable", std::nullopt},
+                 {"500 Internal Server Error\r\nRetry-After: 7", std::nullopt}};
+  std::size_t count = 0;
+  for (const auto& [head, wait] : answers) {
+    requestAnsweredWith("POST", head);
+    EXPECT_EQ(replies.wait(++count).response->retryAfter, wait) << head;
+  }
 }
 
 // --- TLS

@@ -102,6 +102,8 @@ class SyncManager : public NetworkTest {
 const std::string kReconciliation = R"(
 P1_1,P2_1 |           |             |     | n1:P1 n2:P2 | 1 &pids=P1&pids=P2 | P1_1,P2_1 | n1:P1 n2:P2 | new | Empty config in disk for type: rta
 P1_2      | P1_1,P2_1 | a1:P1 a2:P2 | new |             | 1                  | P1_1,P2_1 | a1:P1 a2:P2 | new | Existing hash: new, new hash: new
+P1_1      | P1_1      |             | new | n1:P1       | 1 &pids=P1         | P1_1      | n1:P1       | new | Adjusting local PIDMIDs for PID: P1
+P1_1      | P1_1      | corrupt     | new | n1:P1       | 1 &pids=P1         | P1_1      | n1:P1       | new | Empty config in disk for type: rta
 P1_2,P2_1 | P1_1,P2_1 | a1:P1 a2:P2 | old | n1:P1       | 1 &pids=P1         | P1_2,P2_1 | a1:P1 a2:P2 n1:P1 | new | Appending new config: ["n1"]
 P1_1,P2_1 | P1_1      | a1:P1       | old | a1:P2       | 1 &pids=P2         | P1_1,P2_1 | a1:P2       | new | URL to fetch action config: /v2/sync/APP/rta?
 P2_1      | P1_1,P2_1 | a1:P1 a2:P2 | old |             | 1                  | P2_1      | a2:P2       | old | Dropping config for PID: P1
@@ -122,6 +124,7 @@ cut       | P1_1,P2_1 | a1:P1 a2:P2 | old |             | 1                  | P
 <html>    | P1_1,P2_1 | a1:P1 a2:P2 | old |             | 0                  | P1_1,P2_1 | a1:P1 a2:P2 | old | <KLV ERROR> JSON Error:
 {"pid_mid":"P1_2"} | P1_1,P2_1 | a1:P1 a2:P2 | old |    | 0                  | P1_1,P2_1 | a1:P1 a2:P2 | old | Received data: {"pid_mid":"P1_2"}
           | P1_1,P2_1 | a1:P1 a2:P2 | old |             | 0                  | P1_1,P2_1 | a1:P1 a2:P2 | old | <KLV WARN> Invalid pid_mid content inside action sync validate call for type: rta
+{"hash":"old"} | P1_1 | a1:P1       | old |             | 1                  | P1_1      | a1:P1       | old | Existing hash: old, new hash: old
 {"hash":"new","pid_mid":["P1_2"]} | P1_1,P2_1 | a1:P1 a2:P2 | old | | 0      | P1_1,P2_1 | a1:P1 a2:P2 | old | <KLV WARN> Invalid pid_mid content inside action sync validate call for type: rta
 P1_2,P2_1 | P1_1,P2_1 | a1:P1 a2:P2 | old | cut         | 1 &pids=P1         | P1_1,P2_1 | a1:P1 a2:P2 | old | <KLV DEBUG> Booting with saved configuration
 P1_2,P2_1 | P1_1,P2_1 | a1:P1 a2:P2 | old | 500 n1:P1   | 1 &pids=P1         | P1_1,P2_1 | a1:P1 a2:P2 | old | <KLV INFO> Sync config fetch failed
@@ -152,6 +155,14 @@ TEST_F(SyncManager, AConfigurationThatCannotBeSavedIsFetchedAgain) {
   for (int i = 0; i < 2; ++i) EXPECT_EQ(outcome(), "1 &pids=P1");
   EXPECT_EQ(log.count("<KLV WARN> Couldn't write action config to file"), 2u);
   EXPECT_TRUE(controller.records["rta"].empty());
+}
+
+TEST_F(SyncManager, AnEmptyHashNeverCountsAsTheSameOne) {
+  server.answer("/validate", {200, R"({"hash":"","pid_mid":"P1_1"})"});
+  server.answer("/rta", {200, fetched("n1:P1")});
+  EXPECT_EQ(outcome(), "1 &pids=P1");
+  server.answer("/validate", {200, R"({"hash":"","pid_mid":"P1_2"})"});
+  EXPECT_EQ(outcome(), "1 &pids=P1");
 }
 
 TEST_F(SyncManager, EveryTypeButRTAFetchesSurveysAndSavesTheirActionsUnchanged) {

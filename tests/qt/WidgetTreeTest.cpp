@@ -22,6 +22,8 @@
 #include "adapters/qt/ItemCells.h"
 #include "adapters/qt/ScreenFollower.h"
 #include "adapters/qt/WidgetClasses.h"
+#include "core/KLVController.h"
+#include "kelvo/KelvoSDK.h"
 #include "kelvo/Plugin.h"
 #include "kelvo/Qt.h"
 #include "platform/HostInterface.h"
@@ -307,7 +309,11 @@ TEST_F(Widgets, ALookupDoesNotSuppressTheReportOfAScreen) {
   window_->setCentralWidget(pages);
   QTest::qWait(20);
   EXPECT_TRUE(reported.empty()) << "the library has not started";
-  EXPECT_EQ(KLVUtilities::keyWindow()->rootViewController()->className(), "first") << "as the library's start does";
+  KelvoSDK::initializeKelvoWithID("shop");
+  bool isLookedUp = false;
+  KLVController::sharedController().whenStored([&] { MainQueue::async([&] { isLookedUp = true; }); });
+  ASSERT_TRUE(QTest::qWaitFor([&] { return isLookedUp; }, 20000));
+  EXPECT_EQ(KLVUtilities::keyWindow()->rootViewController()->className(), "first");
   pages->setCurrentIndex(1);
   EXPECT_EQ(found("17", "t"), "-");
   EXPECT_TRUE(QTest::qWaitFor([&] { return !reported.empty(); }, 20000));

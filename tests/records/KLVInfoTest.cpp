@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <regex>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -21,6 +22,7 @@
 #include "records/KLVUser.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVTimer.h"
 
 namespace kelvo::test {
@@ -81,15 +83,41 @@ TEST(KLVUser, AttributesFromManyThreadsAllArriveAndAreSaved) {
   EXPECT_EQ(delegate.saves, 400);
 }
 
-TEST(KLVDeviceInfo, TheDeviceIdIsMadeOnceAndNeverReplaced) {
-  const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+const std::regex kUUID("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+
+TEST(KLVDeviceInfo, TheDeviceIdIsMadeOnceAndKept) {
+  const LogCapture log;
   const std::string made = KLVDeviceInfo("").getDeviceID();
-  EXPECT_TRUE(std::regex_match(made, uuid)) << made;
+  EXPECT_TRUE(std::regex_match(made, kUUID)) << made;
   EXPECT_EQ(KLVDeviceInfo("").getDeviceID(), made);
-  UserDefaults::standard().set("klv_device_id", "no UUID");
-  EXPECT_EQ(KLVDeviceInfo("").getDeviceID(), "no UUID");
+  UserDefaults::standard().set("klv_device_id", "kiosk-7.east");
+  EXPECT_EQ(KLVDeviceInfo("").getDeviceID(), "kiosk-7.east");
   UserDefaults::standard().remove("klv_device_id");
   EXPECT_NE(KLVDeviceInfo("").getDeviceID(), made) << "each installation has its own";
+  EXPECT_EQ(log.count("<KLV ERROR>"), 0u);
+}
+
+TEST(KLVDeviceInfo, AnIdThatBreaksNamesIsReportedAndReplacedIfTheRulesSaySo) {
+  const std::pair<std::string, std::string> idsAndNames[] = {{"x'; drop table t", "x---drop-table-t"},
+                                                             {"../a_b\"\n", "..-a-b--"},
+                                                             {"K\u00f6ln", "K--ln"},
+                                                             {"", "-"},
+                                                             {std::string(300, 'a'), std::string(64, 'a')}};
+  for (const auto& [id, name] : idsAndNames) {
+    const LogCapture log;
+    EXPECT_EQ(KLVDeviceInfo::namePart(id), name);
+    UserDefaults::standard().set("klv_device_id", id);
+    KLVDeliveryRules::choose(KLVDeliveryRules::classic);
+    for (unsigned starts = 1; starts <= 2; ++starts) {
+      EXPECT_EQ(KLVDeviceInfo("").getDeviceID(), id);
+      EXPECT_EQ(log.count("<KLV ERROR> The device id "), starts) << id;
+    }
+    KLVDeliveryRules::choose(KLVDeliveryRules::complete);
+    const std::string fresh = KLVDeviceInfo("").getDeviceID();
+    EXPECT_TRUE(std::regex_match(fresh, kUUID)) << fresh;
+    EXPECT_EQ(KLVDeviceInfo("").getDeviceID(), fresh);
+    EXPECT_EQ(log.count("<KLV ERROR> The device id "), 3u) << id;
+  }
 }
 
 TEST(KLVInfo, RecordsUploadOnlyAttributesThatTheServiceKnows) {
@@ -136,34 +164,90 @@ struct Calls final : KLVSessionDelegate {
   std::string all;
 };
 
-TEST(KLVSession, CountsForegroundTimeAndIsSavedAtEveryCutUntilItStops) {
+void goForeground(KLVSession& session) {
+  session.onEvent(std::make_shared<KLVSystemEvent>(KLVEventType::system, KLVSystemEvent::SubType::foreground));
+}
+
+TEST(KLVSession, CountsEachStretchInTheForegroundOnce) {
+  // "F7": FOREGROUND is reported 7 seconds after the start; "B9": BACKGROUND 9 seconds after it.
+  const struct {
+    const char *name, *before, *during;
+    double duration;
+  } cases[] = {{"the first stretch needs no report", "", "B10", 10},
+               {"two stretches", "", "F0 B10 F610 B615", 15},
+               {"a second BACKGROUND", "", "B10 B400", 10},
+               {"a second BACKGROUND between two stretches", "", "B10 B400 F500 B503 B600", 13},
+               {"FOREGROUND begins the stretch again", "", "F5 F7 B10", 3},
+               {"a clock that was set back", "", "B10 F50 B40", 10},
+               {"reports before the session", "F2 B5 F8", "B10", 5},
+               {"a stretch that ended before the session", "B4 B7", "B20 F30 B31", 5}};
+  for (const auto& [name, before, during, duration] : cases) {
+    Calls calls;
+    const Date start = Clock::now();
+    KLVTimer::sharedTimer().setSDKStartTime(start);
+    const auto each = [start](const char* script, auto enter, auto leave) {
+      std::istringstream words(script);
+      for (std::string word; words >> word;) {
+        const Date when = start + std::chrono::seconds(std::stoi(word.substr(1)));
+        word[0] == 'F' ? enter(when) : leave(when);
+      }
+    };
+    KLVForegroundTime earlier(start);
+    each(
+        before, [&](Date when) { earlier.enter(when); }, [&](Date when) { earlier.leave(when); });
+    const auto session = KLVSession::initWithLaunchType("normal", "D1", calls);
+    session->continueFrom(earlier);
+    each(
+        during, [&](Date when) { session->updateStartTime(when); }, [&](Date when) { session->updateEndTime(when); });
+    EXPECT_DOUBLE_EQ(session->additionalInfo()["duration"].asDouble(), duration) << name;
+  }
+}
+
+TEST(KLVSession, RestartsAfterALongAbsenceWhateverFollowsAtOnce) {
   Calls calls;
-  KLVTimer::sharedTimer().setSDKStartTime(Clock::now());
+  const Date start = Clock::now();
+  const auto session = KLVSession::initWithLaunchType("normal", "D1", calls);
+  const auto at = [start](std::chrono::milliseconds time) { return start + time; };
+  calls.all.clear();
+  EXPECT_FALSE(session->updateStartTime(at(9000s))) << "it was never in the background";
+  session->updateEndTime(at(10000s));
+  EXPECT_FALSE(session->updateStartTime(at(11800999ms))) << "1,800 whole seconds";
+  EXPECT_FALSE(session->updateStartTime(at(20000s))) << "the absence has ended already";
+  goForeground(*session);
+  EXPECT_EQ(calls.all, "");
+  session->updateEndTime(at(20000s));
+  EXPECT_TRUE(session->updateStartTime(at(21801s)));
+  session->updateEndTime(at(21801s));
+  goForeground(*session);
+  goForeground(*session);
+  EXPECT_EQ(calls.all, "start restart ");
+}
+
+TEST(KLVSession, ARestartedSessionCountsFromTheStartOfTheSDKUnlessItIsWhole) {
+  Calls calls;
+  KLVTimer::sharedTimer().setSDKStartTime(Clock::now() - 5000s);
+  for (const auto& [rules, seconds] : {std::pair(&KLVDeliveryRules::classic, 5000), {&KLVDeliveryRules::complete, 0}}) {
+    KLVDeliveryRules::choose(*rules);
+    const auto restarted = KLVSession::initWithLaunchType("restart", "it's", calls);
+    EXPECT_NE(restarted->identifier().find("-it-s"), std::string::npos) << restarted->identifier();
+    restarted->updateEndTime(Clock::now());
+    EXPECT_NEAR(restarted->additionalInfo()["duration"].asDouble(), seconds, 60);
+  }
+}
+
+TEST(KLVSession, IsSavedAtEveryCutUntilItStops) {
+  Calls calls;
   const auto session = KLVSession::initWithLaunchType("normal", "D1", calls);
   EXPECT_EQ(std::exchange(calls.all, ""), "+System +Chunk !Session ");
-  const auto goForeground = [&] {
-    session->onEvent(std::make_shared<KLVSystemEvent>(KLVEventType::system, KLVSystemEvent::SubType::foreground));
-  };
-  goForeground();
-  Clock::advance(2000s);
-  goForeground();
-  EXPECT_EQ(calls.all, "") << "it was never in the background";
-  Clock::advance(10s);
-  session->updateEndTime();
-  Clock::advance(600s);
-  goForeground();
-  Clock::advance(5s);
-  session->updateEndTime();
-  EXPECT_NEAR(session->additionalInfo()["duration"].asDouble(), 15, 0.9);
-
   session->onEvent(std::make_shared<KLVChunkEvent>());
   session->onEvent(std::make_shared<KLVSurveyEvent>());
   EXPECT_EQ(std::exchange(calls.all, ""), "save " + session->identifier() + " ");
   session->stopSession();
   EXPECT_EQ(std::exchange(calls.all, ""), "-0___BACKGROUND -Chunk ");
-  Clock::advance(4000s);
+  session->updateEndTime(Clock::now());
+  session->updateStartTime(Clock::now() + 4000s);
   session->onEvent(std::make_shared<KLVChunkEvent>());
-  goForeground();
+  goForeground(*session);
   session->stopSession();
   EXPECT_EQ(calls.all, "") << "a stopped session that is still on the bus";
 }

@@ -78,6 +78,7 @@ TEST_F(Road, ScreensAndEventsOfAGameWithItsOwnDrawingArrive) {
 TEST_F(Road, ARefusedChunkIsSentAgainWithTheSameEventsAtTheNextLaunch) {
   const std::pair<const char*, Script> cases[] = {
       {"status 500", 500},        {"status 429", 429},
+      {"status 204", 204},        {"redirected to a page", Script::redirect("/")},
       {"reset", Script::cut()},   {"cut short", Script::cutShort()},
       {"never", Script::never()}, {"answer lost", Script::losingTheAnswer()}};
   for (const auto& [name, script] : cases) {

@@ -1,57 +1,311 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <map>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
 #include <random>
-#include <set>
 #include <thread>
 
-#include "road/Road.h"
+#include "kelvo-collector/store/Store.h"
+#include "road/Ledger.h"
 
 namespace kelvo::test {
 namespace {
 
-TEST_F(Road, KilledAtAnyMomentTheStoreIsWholeAndEveryStoredEventArrivesUnderOneChunkId) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  int number = 0;
-  int checked = 0;
-  for (int round = 0; round < 30; ++round) {
-    // Each round begins with a delivered session in a fresh home. Otherwise a launch that is killed before its first
-    // event leaves an empty session, and then the flush does not cut the remaining events of other sessions.
-    moveToFreshHome("round" + std::to_string(round));
-    const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(launch().quit(), 0);
-    const auto launchDuration = std::chrono::steady_clock::now() - start;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
-    auto host = launch();
+constexpr std::int64_t kLongAbsence = 2000;  // seconds; ends a session
+
+/// Returns a number from the environment; `scripts/soak` sets these.
+long setting(const char* name, long otherwise) {
+  const char* text = std::getenv(name);
+  return text != nullptr ? std::atol(text) : otherwise;
+}
+
+/// Kills launches at random moments, home after home, while the service misbehaves. After one to five kills, a home has
+/// two undisturbed launches.
+class Kills : public Road, public testing::WithParamInterface<const char*> {
+ protected:
+  int between(int least, int most) { return std::uniform_int_distribution(least, most)(random_); }
+  bool oneIn(int chances) { return between(1, chances) == 1; }
+  void sleepUpTo(int most) { std::this_thread::sleep_for(std::chrono::microseconds(between(0, most * 1000))); }
+  [[nodiscard]] bool isComplete() const { return std::string(GetParam()) == "complete"; }
+
+  Findings liveInFreshHome();
+  void seed(unsigned value) { random_.seed(value); }
+  [[nodiscard]] int kills() const { return kills_; }
+
+ private:
+  using Moment = void (Kills::*)();
+
+  Launch start(const std::string& wait = "10") {
+    ++launch_;
+    return launch({"--app-id", "shop", "--delivery", GetParam(), "--wait", wait},
+                  movableClock(KELVO_TEST_CLOCK_LIBRARY, homeOfLaunches() + "/clock"));
+  }
+  static void awaitStart(Launch& host) {
     host.untilReady();
-    const int calls = std::uniform_int_distribution(1, 300)(random);
-    for (int i = 0; i < calls; ++i) {
-      host.log("E" + std::to_string(++number));
-      if (i % 90 == 60) host.call("willResignActive");
-    }
-    std::this_thread::sleep_for(launchDuration * std::uniform_real_distribution(0.0, 2.0)(random));
-    host.kill(SIGKILL);
-    host.wait();
+    EXPECT_TRUE(host.waitForError("initialized!")) << host.errors();
+  }
+  void makeCalls(Launch& host, int count);
+  void kill(Launch& host, int withinMilliseconds);
+  void misbehave();
+  void behave();
+  void beAway();
 
-    ASSERT_EQ(stored("pragma integrity_check"), Texts{"ok"}) << "round " << round;
-    const Texts storedBefore = storedEvents();
-    auto next = launch();
-    ASSERT_EQ(next.quit(), 0) << next.errors();
-    std::map<std::string, std::set<std::string>> arrived;
-    for (const auto& [name, chunk] : arrivals()) arrived[name].insert(chunk);
-    for (const auto& event : storedBefore) {
-      if (event[0] != 'E') continue;
-      ++checked;
-      const auto found = arrived.find(event);
-      ASSERT_NE(found, arrived.end()) << event << " was stored but never arrived; round " << round;
-      ASSERT_EQ(found->second.size(), 1u) << event << " arrived under several chunk ids; round " << round;
+  // The moments of a kill.
+  void duringTheStart();
+  void duringABurst();
+  void aroundCuts();
+  void aroundBackgrounds();
+  void duringTheFlush();
+  void aroundARestart();
+  void beforeReadiness();
+  void besideAnotherProcess();
+
+  static const std::vector<std::pair<const char*, Moment>>& moments();
+
+  std::mt19937 random_;
+  Ledger ledger_;
+  int launch_ = 0;  // number of the launch in this home
+  int kills_ = 0;
+  std::size_t padding_ = 0;  // bytes of text in each application event of this home; many take several chunks
+  std::int64_t clock_ = 0;   // seconds that the clock is ahead
+  std::string diary_;        // the launches in this home
+};
+
+const std::vector<std::pair<const char*, Kills::Moment>>& Kills::moments() {
+  static const std::vector<std::pair<const char*, Moment>> all{
+      {"start", &Kills::duringTheStart},    {"burst", &Kills::duringABurst},
+      {"cut", &Kills::aroundCuts},          {"background", &Kills::aroundBackgrounds},
+      {"flush", &Kills::duringTheFlush},    {"restart", &Kills::aroundARestart},
+      {"unready", &Kills::beforeReadiness}, {"beside", &Kills::besideAnotherProcess}};
+  return all;
+}
+
+void Kills::makeCalls(Launch& host, int count) {
+  std::string lines;
+  if (padding_ > 0) count = std::min(count, 40);
+  for (int i = 0; i < count; ++i) {
+    const int kind = between(1, 20);
+    const auto made = kind <= 16 ? Ledger::Kind::app : kind <= 18 ? Ledger::Kind::aggregate : Ledger::Kind::incident;
+    lines += ledger_.newCall(made, launch_, made == Ledger::Kind::app ? padding_ : 0) + "\n";
+    if (oneIn(20))
+      lines += R"({"call": "logScreenWithName", "name": "Screen"})"
+               "\n";
+    if (oneIn(20))
+      lines += R"({"call": "setUserCustomInfo", "info": {"plan": "gold"}})"
+               "\n";
+  }
+  if (!lines.empty()) host.play(lines.substr(0, lines.size() - 1));
+}
+
+void Kills::kill(Launch& host, int withinMilliseconds) {
+  sleepUpTo(withinMilliseconds);
+  host.kill(SIGKILL);
+  host.wait();
+  ++kills_;
+}
+
+/// Scripts the answers to the next launch's chunks, and sometimes to its start-up requests.
+void Kills::misbehave() {
+  std::vector<Script> scripts;
+  for (int left = between(0, 4); left > 0; --left) {
+    const std::pair<const char*, Script> all[] = {{"500", 500},
+                                                  {"503", 503},
+                                                  {"204", 204},
+                                                  {"redirect", Script::redirect("/")},
+                                                  {"cut", Script::cut()},
+                                                  {"never", Script::never()},
+                                                  {"cutShort", Script::cutShort()},
+                                                  {"loseAnswer", Script::losingTheAnswer()},
+                                                  {"late", Script::late(milliseconds(between(1, 100)))}};
+    const auto& [name, chosen] = all[between(0, static_cast<int>(std::size(all)) - 1)];
+    diary_ += std::string(" ") + name;
+    scripts.push_back(chosen.times(static_cast<std::size_t>(between(1, 3))));
+  }
+  if (!scripts.empty() && oneIn(3)) {
+    scripts.back() = scripts.back().times(0);
+    diary_ += " for ever";
+  }
+  service.answerInTurn("/chunks", scripts);
+  if (oneIn(10)) service.answer("/v2", Script::late(milliseconds(between(1, 60))));
+}
+
+void Kills::behave() {
+  for (const char* path : {"/chunks", "/v2", "/enabled-status"}) service.answerNormally(path);
+}
+
+/// Moves the wall clock as far as if nobody had used the host for a long time.
+void Kills::beAway() {
+  clock_ += kLongAbsence;
+  std::fstream(homeOfLaunches() + "/clock", std::ios::in | std::ios::out | std::ios::binary)
+      .write(reinterpret_cast<const char*>(&clock_), sizeof clock_);
+}
+
+void Kills::duringTheStart() {
+  Launch host = start();
+  makeCalls(host, between(0, 60));
+  if (oneIn(3)) host.call("willResignActive");
+  kill(host, 70);
+}
+
+void Kills::duringABurst() {
+  Launch host = start();
+  awaitStart(host);
+  makeCalls(host, between(1, 400));
+  kill(host, 60);
+}
+
+void Kills::aroundCuts() {
+  Launch host = start();
+  awaitStart(host);
+  for (int bursts = between(1, 4); bursts > 0; --bursts) {
+    makeCalls(host, between(1, 60));
+    sleepUpTo(60);
+  }
+  kill(host, 40);
+}
+
+void Kills::aroundBackgrounds() {
+  Launch host = start();
+  awaitStart(host);
+  for (int visits = between(1, 4); visits > 0; --visits) {
+    if (oneIn(2)) host.call("didBecomeActive");
+    makeCalls(host, between(0, 60));
+    host.call("willResignActive");
+    if (oneIn(2)) sleepUpTo(20);
+  }
+  makeCalls(host, between(0, 20));
+  kill(host, 60);
+}
+
+void Kills::duringTheFlush() {
+  Launch host = start();
+  if (oneIn(2)) awaitStart(host);
+  makeCalls(host, between(0, 3));
+  kill(host, 50);
+}
+
+void Kills::aroundARestart() {
+  Launch host = start();
+  awaitStart(host);
+  host.call("didBecomeActive");
+  for (int absences = between(1, 3); absences > 0; --absences) {
+    makeCalls(host, between(0, 40));
+    host.call("willResignActive");
+    sleepUpTo(60);
+    beAway();
+    host.call("didBecomeActive");
+  }
+  makeCalls(host, between(0, 40));
+  if (oneIn(2)) host.call("willResignActive");
+  kill(host, 80);
+}
+
+void Kills::beforeReadiness() {
+  service.answer("/enabled-status", oneIn(2) ? Script::never() : Script::late(milliseconds(between(5, 60))));
+  Launch host = start("0.03");
+  for (int visits = between(1, 3); visits > 0; --visits) {
+    makeCalls(host, between(0, 5));
+    host.call("willResignActive");
+    sleepUpTo(20);
+  }
+  makeCalls(host, between(0, 5));
+  if (oneIn(2)) return kill(host, 60);
+  diary_ += " exits";
+  host.quit();
+}
+
+void Kills::besideAnotherProcess() {
+  Launch host = start();
+  awaitStart(host);
+  makeCalls(host, between(0, 20));
+  Launch second = start("0.03");
+  makeCalls(second, between(0, 20));
+  if (oneIn(2)) second.call("willResignActive");
+  if (oneIn(2)) {
+    kill(second, 60);
+  } else {
+    second.quit();
+  }
+  makeCalls(host, between(0, 20));
+  kill(host, 40);
+}
+
+Findings Kills::liveInFreshHome() {
+  const std::string home = test::home() + "/home";
+  std::filesystem::remove_all(home);
+  for (const auto& entry : std::filesystem::directory_iterator(test::home())) {
+    if (entry.path().filename().string().rfind("program-", 0) == 0) std::filesystem::remove(entry.path());
+  }
+  moveToFreshHome("home");
+  EXPECT_TRUE(service.store().reset());
+  service.state().setConfigurationValue("max_fg_chunk_send_time", oneIn(2) ? 0.05 : 30.0);
+  writeFileForTest(home + "/clock", std::string(sizeof clock_, '\0'));
+  ledger_ = {};
+  padding_ = oneIn(8) ? 60'000 : 0;
+  launch_ = 0;
+  clock_ = 0;
+  diary_.clear();
+  for (int left = between(1, 5); left > 0; --left) {
+    const auto& [name, moment] =
+        moments()[static_cast<std::size_t>(between(0, static_cast<int>(moments().size()) - 1))];
+    diary_ += "launch " + std::to_string(launch_ + 1) + ": " + name;
+    misbehave();
+    (this->*moment)();
+    behave();
+    ledger_.readHome(home, launch_);
+    diary_ += "\n";
+  }
+  for (int left = 2; left > 0; --left) {
+    Launch host = start();
+    host.untilReady();
+    makeCalls(host, 2);
+    const int status = host.quit();
+    diary_ += "launch " + std::to_string(launch_) + ": undisturbed, status " + std::to_string(status) + "\n";
+    ledger_.readHome(home, launch_);
+  }
+  Findings found = ledger_.compare(service.chunks(), isComplete());
+  if (found.hasFault()) {
+    found.faults["home " + std::to_string(kills_)].push_back("\n" + diary_);
+    if (const char* keep = std::getenv("KELVO_SOAK_KEEP")) {
+      std::filesystem::create_directories(keep);
+      std::filesystem::rename(home,
+                              std::string(keep) + "/" + std::to_string(::getpid()) + "-" + std::to_string(kills_));
     }
   }
-  EXPECT_GT(checked, 100) << "the kills came too early: almost nothing was stored";
+  return found;
 }
+
+TEST_P(Kills, AtAnyMomentLeaveEveryStoredEventToArriveOnce) {
+  const auto chosen = static_cast<unsigned>(setting("KELVO_SOAK_SEED", static_cast<long>(std::random_device{}())));
+  SCOPED_TRACE("seed " + std::to_string(chosen));
+  seed(chosen);
+  const long wanted = setting("KELVO_SOAK_KILLS", 20);
+  const auto end = steady_clock::now() + std::chrono::seconds(setting("KELVO_SOAK_SECONDS", 3600));
+  const bool isSoak = std::getenv("KELVO_SOAK_KILLS") != nullptr;
+  Findings all;
+  while (kills() < wanted && steady_clock::now() < end) {
+    const int before = kills();
+    const Findings found = liveInFreshHome();
+    if (isSoak) {
+      std::cout << "soak " << GetParam() << ' ' << kills() - before << ' ' << found.stored << ' ' << found.delivered
+                << ' ' << found.lost << ' ' << found.doubled << ' ' << found.wrong << ' ' << found.miscounted << ' '
+                << found.waiting << ' ' << found.uncut << '\n'
+                << found.story() << std::flush;
+    }
+    all += found;
+  }
+  EXPECT_FALSE(all.hasFault()) << (isSoak ? "" : all.story());
+  EXPECT_GT(all.delivered, kills()) << "the kills came too early: almost nothing was stored";
+}
+
+INSTANTIATE_TEST_SUITE_P(Delivery, Kills, testing::Values("classic", "complete"),
+                         [](const auto& test) { return test.param; });
 
 TEST_F(Road, ANormalExitRightAfterAThousandCallsStoresThemAll) {
   Program host = run({KELVO_MANNERS_HOST});

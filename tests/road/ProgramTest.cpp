@@ -16,9 +16,13 @@ TEST_F(Road, KelvoLogReportsBadLinesAndPlaysTheOthers) {
 }
 
 TEST_F(Road, KelvoLogRefusesWrongUsage) {
-  for (const auto& wrong : {Texts{"--wait", "soon"}, Texts{"--nonsense"}, Texts{"/no/such/file"}}) {
+  for (const auto& wrong :
+       {Texts{"--wait", "soon"}, Texts{"--delivery", "all"}, Texts{"--nonsense"}, Texts{"/no/such/file"}}) {
     EXPECT_EQ(launch(wrong).quit(), 2) << wrong[0];
   }
+  const Program::Environment started{{"KELVO_BUNDLE", bundle("<key>Core</key><string>auto</string>")}};
+  auto tooLate = launch({"--delivery", "complete"}, started);
+  EXPECT_EQ(tooLate.quit(), 2) << "the bundle has started the library";
   auto neverStarted = launch({});
   EXPECT_EQ(neverStarted.log("Event").quit(), 2);
   EXPECT_EQ(count(neverStarted.errors(), "kelvo-log: the library was never started"), 1u);

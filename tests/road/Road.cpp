@@ -10,9 +10,9 @@
 
 namespace kelvo::test {
 
-Texts Road::stored(const std::string& query) const {
+Texts queried(const std::string& file, const std::string& query) {
   sqlite3* database = nullptr;
-  sqlite3_open((homeOfLaunches_ + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite").c_str(), &database);
+  sqlite3_open(file.c_str(), &database);
   const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(database, sqlite3_close);
   Texts rows;
   const auto collect = [](void* all, int columns, char** values, char**) {
@@ -26,6 +26,10 @@ Texts Road::stored(const std::string& query) const {
   if (error != nullptr) rows.emplace_back(error);
   sqlite3_free(error);
   return rows;
+}
+
+Texts Road::stored(const std::string& query) const {
+  return queried(homeOfLaunches_ + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite", query);
 }
 
 Texts Road::storedEvents() const {

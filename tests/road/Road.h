@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelvo-collector/http/Server.h"
@@ -12,6 +13,28 @@
 #include "kelvo/Value.h"
 #include "support/Program.h"
 #include "support/TestHome.h"
+
+namespace kelvo::test {
+
+#if defined(__SANITIZE_THREAD__)
+inline constexpr std::string_view kSanitizer = "thread";
+#elif defined(__SANITIZE_ADDRESS__)
+inline constexpr std::string_view kSanitizer = "address";
+#else
+inline constexpr std::string_view kSanitizer;
+#endif
+
+/// The environment of a program that may exit while OpenSSL sets itself up: its unfinished lists are no leak.
+inline const Program::Environment kWithoutLeakCheck{{"ASAN_OPTIONS", "detect_leaks=0"}};
+
+/// Returns the environment of a program whose wall clock the test moves through `file`, with the preloaded `library`.
+/// The address sanitizer must be loaded first, so the clock stays with it.
+inline Program::Environment movableClock(const char* library, const std::string& file) {
+  if (kSanitizer == "address") return kWithoutLeakCheck;
+  return {{"LD_PRELOAD", library}, {"KELVO_TEST_CLOCK", file}};
+}
+
+}  // namespace kelvo::test
 
 // The harness of the whole-process tests: a road test follows events all the way from a host's call to the service.
 //
@@ -111,6 +134,9 @@ class Road : public testing::Test {
  private:
   std::string homeOfLaunches_ = home();
 };
+
+/// Runs an SQL query on the database `file`; see `Road::stored`.
+Texts queried(const std::string& file, const std::string& query);
 
 /// Polls until `condition` is true. Returns false if it is still false after a minute.
 bool eventually(const std::function<bool()>& condition);

@@ -5,6 +5,7 @@
 
 #include "storage/KLVPersistantStore.h"
 #include "storage/KLVSchema.h"
+#include "support/FaultVFS.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
 
@@ -86,7 +87,8 @@ TEST_F(Store, RangesIncludeBothEndsAndFilterOnlyWithColumnAndValue) {
   }
   const auto rows = [this](std::uint64_t from, std::uint64_t to, std::optional<std::string> column = {},
                            std::optional<std::string> value = {}) {
-    const auto found = store->retrieveDataWithTableName("events_S", from, to, column, value);
+    const auto found =
+        store->retrieveDataWithTableName("events_S", from, to, column, value).value_or(KLVPersistantStore::Rows());
     EXPECT_TRUE(found.empty() || found.front()["identifier"] == Value(from));
     return found.size();
   };
@@ -154,12 +156,37 @@ TEST_F(Store, ACorruptDatabaseIsSetAsideAtOpeningOrAtTheNextStart) {
   EXPECT_EQ(log.count("<KLV ERROR> The database is corrupt (file is not a database). It is set aside as "), 1U);
 }
 
+TEST_F(Store, SetsTheWriteAheadLogAsideWithItsDatabase) {
+  ASSERT_TRUE(insertEvent(*store, "old"));
+  const std::string database = contentOf(databasePath());
+  const std::string writeAhead = contentOf(databasePath() + "-wal");
+  ASSERT_FALSE(writeAhead.empty());
+  store.reset();
+  for (const char* file : {"-wal", "-shm", ".corrupt-found"}) writeFileForTest(databasePath() + file, writeAhead);
+  restartWith(database);
+  expectAFreshDatabase();  // SQLite would play the log of the old database into the new one
+  EXPECT_EQ(contentOf(asides().at(0) + "-wal"), writeAhead);
+  EXPECT_EQ(contentOf(asides().at(0) + "-shm"), writeAhead);
+}
+
+TEST(StoreOnADisk, ACommitDoesNotFlushTheDiskAndACheckpointDoes) {
+  FaultVFS disk;
+  auto store = std::make_unique<KLVPersistantStore>();
+  ASSERT_TRUE(store->createEventsTableWithTableName("events_S"));
+  disk.fail(FaultVFS::Operation::sync, FaultVFS::Persistence::once, 1);
+  for (int row = 0; row < 9; ++row) EXPECT_TRUE(insertEvent(*store, "a"));
+  EXPECT_EQ(disk.heal(), 0);
+  disk.fail(FaultVFS::Operation::sync, FaultVFS::Persistence::once, 1);
+  store.reset();
+  EXPECT_EQ(disk.heal(), 1) << "a power loss would break the database";
+}
+
 TEST(StoreWithoutDatabase, FailsWritesAndReadsNothingUntilItCanBeOpened) {
   const LogCapture log;
   writeFileForTest(documents("kelvo-db"), "a file where the directory should be");
   KLVPersistantStore store;
-  const std::vector<KLVPersistantStore::Job> twoInserts{2, [](auto& s) { return insertEvent(s, "a"); }};
-  EXPECT_FALSE(store.createEventsTableWithTableName("events_S"));
+  const std::vector<KLVPersistantStore::Job> twoInserts{
+      2, [](auto& s) { return s.createEventsTableWithTableName("events_S") && insertEvent(s, "a"); }};
   store.performGrouped(twoInserts);
   EXPECT_EQ(store.retrieveNumberOfRecordsInTable("events_S"), 0);
   EXPECT_EQ(log.count("<KLV ERROR> error opening!: 14"), 2U) << "a group of writes tries again";

@@ -3,13 +3,16 @@
 #include <cstdlib>
 #include <limits>
 
+#include "platform/Clock.h"
 #include "platform/JSON.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVException.h"
 #include "util/KLVUtilities+Cleaning.h"
 #include "util/KLVUtilities+Counts.h"
 #include "util/KLVUtilities+Dates.h"
+#include "util/KLVUtilities+Device.h"
 #include "util/KLVUtilities+Files.h"
 
 namespace kelvo::test {
@@ -88,6 +91,34 @@ TEST(Cleaning, RefusesEmptyArraysAndEmptyContainersInArrays) {
                  KLVInvalidArgument)
         << json;
   }
+}
+
+TEST(Cleaning, LeavesEmptyContainersOutIfTheRulesSaySo) {
+  KLVDeliveryRules::choose(KLVDeliveryRules::complete);
+  const struct {
+    const char *before, *after;
+    unsigned warnings;
+  } cases[] = {{R"({"ok":1,"f":[],"g":[[],{},[null]]})", R"({"ok":1})", 1},
+               {R"({"o":{"f":[],"t":"x"},"p":{"q":[]}})", R"({"o":{"t":"x"}})", 1},
+               {R"({"f":[1,{},[2,[]],{"x":null}]})", R"({"f":[1,[2]]})", 1},
+               {R"({"f":[]})", "{}", 1},
+               {R"({"silently":{},"t":"","f":[{"g":1}]})", R"({"f":[{"g":1}]})", 0}};
+  for (const auto& [before, after, warnings] : cases) {
+    const LogCapture log;
+    const auto clean = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(dictionaryOf(before));
+    ASSERT_TRUE(clean) << before;
+    EXPECT_EQ(*jsonText(*clean), after) << before;
+    EXPECT_EQ(log.count("<KLV WARN> Leaving out "), warnings) << before;
+    EXPECT_EQ(
+        clean->empty() ? *jsonText(*clean) : *jsonText(*KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(*clean)),
+        after)
+        << "the storage form cleans again";
+  }
+}
+
+TEST(Utilities, TheInstallationDateCountsMilliseconds) {
+  const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
+  EXPECT_NEAR(static_cast<double>(KLVUtilities::installationDate()), static_cast<double>(now), 600'000);
 }
 
 }  // namespace

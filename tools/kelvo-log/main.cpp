@@ -12,6 +12,7 @@
 #include "kelvo-log/Delivery.h"
 #include "kelvo-log/Player.h"
 #include "kelvo/KelvoSDK.h"
+#include "util/KLVDeliveryRules.h"
 
 namespace kelvo::log {
 namespace {
@@ -21,13 +22,17 @@ constexpr int kLinesBetweenWaits = 500;
 enum ExitStatus { kDelivered = 0, kBadLines = 1, kWrongUsage = 2, kNotDelivered = 3, kNotCollecting = 4 };
 
 constexpr const char* kHelp =
-    R"(usage: kelvo-log [--app-id ID] [--wait SECONDS] [FILE]
+    R"(usage: kelvo-log [--app-id ID] [--delivery RULES] [--wait SECONDS] [FILE]
 
 Makes host calls through the library. Reads FILE or standard input, one JSON
 object per line, and makes each call as its line arrives. Skips blank lines and
 lines that begin with #. Without --app-id, the application id comes from the
 bundle's Info.plist. At the end, waits until every chunk is accepted, for --wait
 seconds at most (default 10).
+
+--delivery names the rules of delivery: complete delivers every event once;
+classic (default) keeps the losses that the system requires. If the bundle has an
+application id, it starts the library, and its KelvoDelivery names the rules.
 
 "call" names the call (default logAppEventWithName). The calls and their members:
   initializeKelvoWithID   id             getDeviceID
@@ -53,6 +58,7 @@ bad lines were skipped; 2 wrong usage; 3 not everything was delivered;
 
 struct Options {
   std::optional<std::string> appId;
+  const KLVDeliveryRules* delivery = nullptr;  ///< null if not given
   double waitSeconds = 10;
   std::optional<std::string> file;
 };
@@ -80,6 +86,12 @@ std::optional<Options> parse(int argc, char** argv) {
         return std::nullopt;
       }
       options.waitSeconds = *seconds;
+    } else if (argument == "--delivery" && hasValue) {
+      options.delivery = KLVDeliveryRules::named(argv[++i]);
+      if (options.delivery == nullptr) {
+        std::fprintf(stderr, "kelvo-log: --delivery takes complete or classic, not %s\n", argv[i]);
+        return std::nullopt;
+      }
     } else if ((!argument.empty() && argument[0] == '-' && argument != "-") || options.file) {
       std::fprintf(stderr, "kelvo-log: unknown argument %s; see kelvo-log --help\n", argument.c_str());
       return std::nullopt;
@@ -126,6 +138,10 @@ ExitStatus finish(const Options& options, int bad) {
     std::fprintf(stderr, "kelvo-log: the start-up has not ended; all events wait for the next launch\n");
     return kNotDelivered;
   }
+  if (controller.leavesEventsToNextLaunch()) {
+    std::fprintf(stderr, "kelvo-log: another process uses this home; all events wait for the next launch\n");
+    return kNotDelivered;
+  }
   if (!controller.enableSDK()) {
     std::fprintf(stderr,
                  "kelvo-log: nothing is collected: collection is disabled, or another process uses this home\n");
@@ -157,6 +173,13 @@ int run(int argc, char** argv) {
       std::fprintf(stderr, "kelvo-log: cannot read %s\n", options->file->c_str());
       return kWrongUsage;
     }
+  }
+  if (options->delivery != nullptr) {
+    if (KLVController::sharedController().isSDKInitCalled()) {
+      std::fprintf(stderr, "kelvo-log: --delivery comes too late: the bundle has started the library\n");
+      return kWrongUsage;
+    }
+    KLVDeliveryRules::choose(*options->delivery);
   }
   if (options->appId) KelvoSDK::initializeKelvoWithID(*options->appId);
   return finish(*options, playAll(readsFile ? file : std::cin));

@@ -149,6 +149,11 @@ const std::map<std::string, Word>& words() {
       {"join", [](auto&) { burst.join(); }},
       {"stop", [](auto&) { burst.over = true; }},
       {"pause", [](auto& microseconds) { usleep(static_cast<useconds_t>(std::stoul(microseconds))); }},
+      {"attributes",
+       [](auto& text) {
+         KelvoSDK::setUserCustomInfo({{"text", text}});
+         KelvoSDK::setSessionCustomInfo({{"text", text}});
+       }},
       {"leave", [](auto&) { leave(); }},
       {"fault", [](auto&) { fault(); }},
       {"run", [](auto& command) { static_cast<void>(!std::system(command.c_str())); }},

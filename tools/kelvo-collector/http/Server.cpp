@@ -95,6 +95,7 @@ void sendCutShort(int status, httplib::Response& response) {
 void play(const Script& script, const Reply& answer, httplib::Response& response) {
   Connection& connection = Listener::currentConnection();
   if (script.delay().count() > 0 && !connection.staysOpen(script.delay())) return connection.cut();
+  if (!script.location().empty()) response.set_header("Location", script.location());
   switch (script.kind()) {
     case Script::Kind::Answer: response.status = script.status(); return response.set_content(script.body(), kJSONType);
     case Script::Kind::Late: return send(answer, response);

@@ -21,6 +21,13 @@ Script Script::garbage() {
   return {kSuccess, std::string(kBytes, sizeof kBytes - 1)};
 }
 
+Script Script::redirect(std::string location) {
+  constexpr int kFound = 302;
+  Script script(kFound);
+  script.location_ = std::move(location);
+  return script;
+}
+
 Script Script::after(std::chrono::milliseconds delay) const {
   Script script = *this;
   script.delay_ = delay;

@@ -34,6 +34,8 @@ class Script {
   static Script cutShort(int status = kSuccess);
   /// Answers 200 with a body that is not JSON.
   static Script garbage();
+  /// Answers 302 with `location` as the new target, as the login page of a public network does.
+  static Script redirect(std::string location);
   /// Processes the request (stores the chunk), then resets the connection.
   static Script losingTheAnswer() { return Script(Kind::LoseAnswer); }
   /// Returns a copy that waits for `delay` first. For scripts that answer.
@@ -48,6 +50,8 @@ class Script {
   [[nodiscard]] bool answers() const noexcept { return kind_ == Kind::Answer || kind_ == Kind::Late; }
   [[nodiscard]] int status() const noexcept { return status_; }
   [[nodiscard]] const std::string& body() const noexcept { return body_; }
+  /// Returns the target of a redirect, empty for any other script.
+  [[nodiscard]] const std::string& location() const noexcept { return location_; }
   [[nodiscard]] std::chrono::milliseconds delay() const noexcept { return delay_; }
   /// Returns the number of requests that the script is still for, 0 for all requests.
   [[nodiscard]] std::size_t left() const noexcept { return left_; }
@@ -61,6 +65,7 @@ class Script {
   Kind kind_ = Kind::Answer;
   int status_ = kSuccess;
   std::string body_;
+  std::string location_;
   std::chrono::milliseconds delay_{0};
   std::size_t left_ = 0;
 };

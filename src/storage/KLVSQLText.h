@@ -1,0 +1,52 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+#include <string_view>
+
+#include "kelvo/Value.h"
+
+namespace kelvo {
+
+/// A statement's text, or a part of it. Values are parts between single quotes.
+struct KLVSQLText {
+  std::string text;
+  bool refused = false;  ///< a value in it would end its quotes: the statement must not run
+};
+
+/// Returns `value` for a place between single quotes. Doubles the quotes in it, or, if the delivery rules do not allow
+/// that, refuses a value with a quote. Refuses a value with a null character, which would end the statement.
+[[nodiscard]] KLVSQLText quoted(std::string_view value);
+/// Returns whether `quoted` refuses `value`.
+[[nodiscard]] bool isRefusedValue(std::string_view value);
+
+namespace detail {
+inline const std::string& textOf(const KLVSQLText& part) {
+  return part.text;
+}
+const auto& textOf(const auto& part) {
+  return part;
+}
+constexpr bool isRefused(const KLVSQLText& part) {
+  return part.refused;
+}
+constexpr bool isRefused(const auto&) {
+  return false;
+}
+}  // namespace detail
+
+/// Formats `parts` into `format`. The text is refused if one of its parts is.
+[[nodiscard]] KLVSQLText sqlText(fmt::string_view format, const auto&... parts) {
+  return {fmt::vformat(format, fmt::make_format_args(detail::textOf(parts)...)), (detail::isRefused(parts) || ...)};
+}
+
+/// Formats each entry with `format` ({0} is the key, {1} the value, to be quoted) and joins the texts:
+/// "a='1' AND b='2'". `first` is put before the first text, `then` before each other.
+[[nodiscard]] KLVSQLText joined(const Dictionary& parameters, std::string_view first, std::string_view then,
+                                fmt::string_view format);
+
+/// The failure of a statement that is refused.
+inline constexpr const char* kRefusal = "a value contains a character that would end it";
+
+}  // namespace kelvo

@@ -1,0 +1,216 @@
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include "manners/Manners.h"
+#include "platform/JSON.h"
+#include "road/Road.h"
+
+namespace kelvo::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::int64_t kLongAbsence = 2000;  // seconds; ends a session
+
+/// Tests of processes that live long, or too briefly to reach the service.
+class LongLife : public Road {
+ protected:
+  LongLife() : port_(service.start()) { writeFileForTest(clock(), std::string(sizeof shift_, '\0')); }
+
+  Launch launch(const std::string& delivery = "complete", const std::string& wait = "10") const {
+    return Road::launch({"--app-id", "shop", "--delivery", delivery, "--wait", wait},
+                        movableClock(KELVO_TEST_CLOCK_LIBRARY, clock()));
+  }
+  /// Moves the wall clock of all launches.
+  void beAway() {
+    shift_ += kLongAbsence;
+    std::fstream(clock(), std::ios::in | std::ios::out | std::ios::binary)
+        .write(reinterpret_cast<const char*>(&shift_), sizeof shift_);
+  }
+  void comeBack() { ASSERT_EQ(service.start(port_), port_); }
+
+  /// Returns the names of the events that arrived, sorted. A chunk that arrived again counts once.
+  [[nodiscard]] Texts arrivedOnce() const {
+    std::multiset<std::string> names;
+    std::set<std::string> chunks;
+    for (const Value& body : service.chunks()) {
+      if (!chunks.insert(description(at(body, {"chunk_meta", "id"}))).second) continue;
+      const Value events = at(body, {"chunk_details", "app_events"});
+      for (const Value& event : *events.get<Array>()) names.insert(description(at(event, {"name"})));
+    }
+    names.erase("klv_app_opened");
+    return {names.begin(), names.end()};
+  }
+
+ private:
+  static std::string clock() { return home() + "/clock"; }
+
+  int port_;
+  std::int64_t shift_ = 0;  // seconds
+};
+
+// --- Outages
+
+class Outage : public LongLife, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Outage, EndsAndTheRunningProcessDelivers) {
+  const std::string end = GetParam();
+  setLogLevel("warn");
+  service.stop();
+  auto host = launch();
+  host.untilReady().call("didBecomeActive").log("Early").call("willResignActive");
+  ASSERT_TRUE(host.waitForError("failed to send chunk")) << host.errors();
+  comeBack();
+  Texts expected{"Early"};
+  if (end == "foreground") host.call("didBecomeActive");
+  if (end == "anotherChunk") {
+    host.log(expected.emplace_back("Later")).call("willResignActive");
+  }
+  EXPECT_TRUE(eventually([&] { return arrivedOnce() == expected; })) << host.errors();
+  EXPECT_EQ(host.quit(), 0) << host.errors();
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, Outage, testing::Values("anotherChunk", "foreground", "timeOnly"),
+                         [](const auto& test) { return test.param; });
+
+// --- A clock that moves
+
+TEST_F(LongLife, AKioskDeliversTheSessionsBetweenThreeLongAbsencesWithoutARelaunch) {
+  if (kSanitizer == "address") GTEST_SKIP() << "this sanitizer bypasses the preloaded clock";
+  auto host = launch();
+  host.untilReady().call("didBecomeActive");
+  Texts names;
+  for (std::size_t visit = 1; visit <= 4; ++visit) {
+    if (visit > 1) {
+      beAway();
+      host.call("didBecomeActive");
+    }
+    host.log(names.emplace_back("Visit" + std::to_string(visit))).call("willResignActive");
+    ASSERT_TRUE(eventually([&] { return arrivedOnce() == names; })) << visit << host.errors();
+  }
+  EXPECT_TRUE(eventually([&] { return stored("select 1 from sqlite_master where name like 'events%'").size() == 1; }))
+      << "ended sessions are purged once they are delivered";
+  EXPECT_EQ(host.quit(), 0) << host.errors();
+
+  std::set<std::string> sessions;
+  for (const Value& chunk : service.chunks()) {
+    ASSERT_LE(sessions.size(), names.size());
+    const bool isNew = sessions.insert(description(at(chunk, {"session_info", "id"}))).second;
+    EXPECT_EQ(at(chunk, {"chunk_meta", "number"}) == Value(1), isNew) << describingJSONText(chunk);
+    EXPECT_EQ(description(at(chunk, {"session_info", "launch_type"})), sessions.size() == 1 ? "normal" : "restart");
+    EXPECT_LT(at(chunk, {"session_info", "duration"}).asDouble(), kLongAbsence) << "an absence is no use";
+    if (!isNew) continue;
+    const Value reports = at(chunk, {"chunk_details", "system_events"});
+    EXPECT_EQ(at((*reports.get<Array>())[0], {"name"}), Value("FOREGROUND"));
+    EXPECT_EQ(count(describingJSONText(chunk), names[sessions.size() - 1]), 1U) << "a call after FOREGROUND";
+  }
+  EXPECT_EQ(sessions.size(), 4U);
+}
+
+TEST_F(LongLife, UnderClassicRulesASessionAfterALongAbsenceIsNotStored) {
+  if (kSanitizer == "address") GTEST_SKIP() << "this sanitizer bypasses the preloaded clock";
+  auto host = launch("classic");
+  host.untilReady().call("didBecomeActive").log("Before").call("willResignActive");
+  ASSERT_TRUE(service.waitForChunks(1));
+  beAway();
+  host.call("didBecomeActive");
+  const auto sessions = [] {
+    const fs::directory_iterator entries(home() + "/Library");
+    return std::count_if(begin(entries), end(entries),
+                         [](auto& entry) { return fs::exists(entry.path() / "session_info"); });
+  };
+  ASSERT_TRUE(eventually([&] { return sessions() == 2; })) << "the session was restarted";
+  EXPECT_EQ(host.log("After").quit(), 3) << host.errors();
+  EXPECT_EQ(launch("classic").quit(), 0);
+  EXPECT_EQ(arrivedOnce(), Texts{"Before"});
+}
+
+TEST_F(LongLife, ASuspendDuringEightUploadsLosesNothing) {
+  Texts names;
+  service.answer("/chunks", 500);
+  auto refused = launch();
+  refused.untilReady();
+  for (std::size_t i = 1; i <= 8; ++i) {
+    refused.log(names.emplace_back("Event" + std::to_string(i))).call("willResignActive");
+    ASSERT_TRUE(service.waitFor(i, "/chunks"));
+  }
+  EXPECT_EQ(refused.quit(), 3);
+
+  const auto earlier = service.requests("/chunks").size();
+  service.answer("/chunks", Script::never());
+  auto host = launch();
+  host.untilReady();
+  constexpr std::size_t kConnections = 6;  // two more uploads wait for a connection
+  ASSERT_TRUE(service.waitFor(earlier + kConnections, "/chunks")) << host.errors();
+  host.log(names.emplace_back("Evening"));
+  beAway();
+  service.stop();  // a suspend ends all connections
+  service.answerNormally("/chunks");
+  comeBack();
+  host.call("didBecomeActive").log(names.emplace_back("Morning")).call("willResignActive");
+  EXPECT_TRUE(eventually([&] { return arrivedOnce().size() >= names.size(); })) << host.errors();
+  EXPECT_EQ(host.quit(), 0) << host.errors();
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(arrivedOnce(), names);
+}
+
+// --- Several processes, and short ones
+
+TEST_F(LongLife, EventsOfASecondProcessOnTheHomeArriveAfterTheNextLaunch) {
+  for (const bool isSecondLonger : {false, true}) {
+    SCOPED_TRACE(isSecondLonger);
+    moveToFreshHome(isSecondLonger ? "longer" : "shorter");
+    const auto earlier = arrivedOnce().size();
+    auto first = launch();
+    first.untilReady().log("Of the first");
+    ASSERT_TRUE(first.waitForError("initialized!"));
+    auto second = launch("complete", "0.2");
+    second.untilReady().log("Of the second").log("Of the second, too").call("willResignActive");
+    ASSERT_TRUE(second.waitForError("<KLV ERROR> Process ")) << second.errors();
+    if (!isSecondLonger) second.quit();
+    EXPECT_EQ(first.quit(), 0) << first.errors();
+    if (isSecondLonger) second.quit();
+    for (int launches = 0; launches < 2; ++launches) {
+      EXPECT_EQ(launch().quit(), 0);
+      EXPECT_EQ(arrivedOnce().size(), earlier + 3) << second.errors();
+    }
+  }
+  EXPECT_EQ(arrivedOnce(), (Texts{"Of the first", "Of the first", "Of the second", "Of the second",
+                                  "Of the second, too", "Of the second, too"}));
+}
+
+TEST_F(LongLife, EventsOfTwentyShortProgramsThatNeverReachTheServiceArriveOnceAtTheNextLaunch) {
+  const struct {
+    const char* name;
+    const char* delivery;
+    bool answersNothing;  // otherwise nobody listens
+  } cases[] = {{"hangs", "classic", true}, {"hangs, complete", "complete", true}, {"away", "complete", false}};
+  Texts expected;
+  for (const auto& given : cases) {
+    SCOPED_TRACE(given.name);
+    moveToFreshHome(given.name);
+    service.answer("/v2", Script::never());
+    if (!given.answersNothing) service.stop();
+    Program::Environment rules = kWithoutLeakCheck;
+    rules["KELVO_BUNDLE"] = bundle("", std::string("<key>KelvoDelivery</key><string>") + given.delivery + "</string>");
+    for (int i = 0; i < 20; ++i) {
+      Program brief = run({KELVO_MANNERS_HOST}, rules);
+      brief.writeLine("start");
+      brief.writeLine(expected.emplace_back(given.name + std::to_string(i)));
+      brief.writeLine("background");
+      brief.closeInput();
+      EXPECT_EQ(brief.wait(), 0);
+    }
+    service.answerNormally("/v2");
+    comeBack();
+    auto next = launch(given.delivery);
+    EXPECT_EQ(next.untilReady().quit(), 0) << next.errors();
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(arrivedOnce(), expected) << next.errors();
+  }
+}
+
+}  // namespace
+}  // namespace kelvo::test
