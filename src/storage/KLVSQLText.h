@@ -15,8 +15,8 @@ struct KLVSQLText {
   bool refused = false;  ///< a value in it would end its quotes: the statement must not run
 };
 
-/// Returns `value` for a place between single quotes. Doubles the quotes in it, or, if the delivery rules do not allow
-/// that, refuses a value with a quote. Refuses a value with a null character, which would end the statement.
+/// Returns `value` as it is written between single quotes in a statement. Doubles its quotes if the delivery rules say
+/// so; otherwise refuses a value with a quote. Always refuses a null character, which would end the statement.
 [[nodiscard]] KLVSQLText quoted(std::string_view value);
 /// Returns whether `quoted` refuses `value`.
 [[nodiscard]] bool isRefusedValue(std::string_view value);

@@ -8,6 +8,7 @@
 #include "kelvo-collector/service/Parameters.h"
 #include "kelvo-collector/service/Service.h"
 #include "kelvo-collector/store/Database.h"
+#include "kelvo-collector/store/JSONColumn.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
@@ -18,18 +19,14 @@ constexpr std::size_t kMostChunks = 1000;
 constexpr std::size_t kExaminedRows = 50'000;
 constexpr int kMostNames = 200;
 
-Dictionary storedDictionary(const std::string& json) {
-  return stored(json).asDictionary().value_or(Dictionary{});
-}
-
 #define KELVO_SESSION_COLUMNS \
   "SELECT id, application, record, app, device, received, chunks, events, problems, sequence FROM sessions "
 
 /// Returns the session in the current row of `query`. Sets `sequence` to its position in the order of arrival.
 Dictionary readSession(Database::Query& query, std::int64_t& sequence) {
   Dictionary row{{"id", query.text()}, {"application", query.text()}};
-  const Dictionary record = storedDictionary(query.text()), app = storedDictionary(query.text());
-  const Dictionary device = storedDictionary(query.text());
+  const Dictionary record = dictionaryFromJSON(query.text()), app = dictionaryFromJSON(query.text());
+  const Dictionary device = dictionaryFromJSON(query.text());
   for (const char* name : {"app_name", "app_version"}) row.set(name, app[name]);
   row.set("device", device["id"]);
   for (const char* name : {"hardware_model", "os_version"}) row.set(name, device[name]);

@@ -26,8 +26,8 @@ class ServiceState {
   ServiceState();
 
   void setEnabled(bool enabled) EXCLUDES(mutex_);
-  /// Replaces the whole configuration. In a path of "service_paths", the text "<app-id>" stands for the id of the
-  /// application that asks.
+  /// Replaces the whole configuration. In a path of "service_paths", the text "<app-id>" is replaced by the
+  /// id of the requesting application.
   void setConfiguration(Dictionary configuration) EXCLUDES(mutex_);
   /// Sets one key of the configuration.
   void setConfigurationValue(const std::string& key, Value value) EXCLUDES(mutex_);
