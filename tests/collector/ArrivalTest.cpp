@@ -5,7 +5,9 @@
 
 #include "CollectorTest.h"
 #include "kelvo-collector/debug/Aggregates.h"
+#include "kelvo-collector/debug/Events.h"
 #include "kelvo-collector/debug/Listings.h"
+#include "kelvo-collector/debug/Problems.h"
 #include "kelvo-collector/debug/Timeline.h"
 #include "kelvo-collector/debug/Users.h"
 #include "kelvo-collector/service/Documents.h"
@@ -48,8 +50,9 @@ class Arrival : public testing::Test {
   [[nodiscard]] std::vector<std::string> names(const Filter& filter) const {
     return rows(events(filter)["events"], {"name"});
   }
-  [[nodiscard]] std::vector<std::string> problems(const std::vector<std::string>& members = {"kind", "value"}) const {
-    return rows(store.read([](Database& d) { return listProblems(d, {}); })["problems"], members);
+  [[nodiscard]] std::vector<std::string> problems(const std::vector<std::string>& members = {"kind", "count", "value"},
+                                                  const std::string& session = {}) const {
+    return rows(store.read([&](Database& d) { return listProblems(d, {.session = session}); })["problems"], members);
   }
   [[nodiscard]] Dictionary allCounts() const {
     return store.read([](Database& d) { return counts(d); });
@@ -102,7 +105,7 @@ TEST_F(Arrival, ARepeatedChunkCountsOnceAndAggregateCountsCoverTheWholeSession) 
   };
   add({.number = 1, .app = open, .aggregates = scrolls(1, 2)});
   add({.number = 1, .app = open, .aggregates = scrolls(2, 3)});  // repeated, with later counts
-  add({.number = 2, .app = open, .aggregates = scrolls(5, 6)});
+  add({.number = 2, .app = event("Open", R"({"again": true})"), .aggregates = scrolls(5, 6)});
   add({.number = 1, .app = open, .session = "other", .aggregates = scrolls(1, 2)});
 
   EXPECT_EQ(in(allCounts(), {"byKind"}), Value(Dictionary{{"aggregate", 8}, {"app", 3}}));
@@ -118,18 +121,19 @@ TEST_F(Arrival, ARepeatedChunkCountsOnceAndAggregateCountsCoverTheWholeSession) 
   EXPECT_EQ(problems(), std::vector<std::string>());
   add({.number = 1});
   EXPECT_EQ(problems(), std::vector<std::string>{
-                            R"(conflicting-duplicate {"id":"1700000000000-D1_1","first_request":1,"request":5})"});
+                            R"(conflicting-duplicate 1 {"id":"1700000000000-D1_1","first_request":1,"request":5})"});
 }
 
-TEST_F(Arrival, EachFaultIsReportedOnceWithTheOffendingValue) {
+TEST_F(Arrival, ProblemsOfOneKindAndNameShareARowWithACountAndAnOffendingValue) {
   const auto buy = [](const std::string& price) { return event("Buy", R"({"price": )" + price + "}") + ","; };
   const auto screen = [](const std::string& name, int duration) {
     return R"([{"navigation_id": "H", "name": ")" + name + R"(", "transition_time": 1, "duration": )" +
            std::to_string(duration) + "}]";
   };
-  const auto skus = [](int count) {
+  const auto many = [](const std::string& attribute, int count) {
     std::string all;
-    for (int i = 0; i < count; ++i) all += event("Buy", R"({"sku": "v)" + std::to_string(i) + "\"}") + ",";
+    for (int i = 0; i < count; ++i)
+      all += event("Buy", "{\"" + attribute + "\": \"v" + std::to_string(i) + "\"}") + ",";
     return all;
   };
   const struct {
@@ -137,39 +141,108 @@ TEST_F(Arrival, EachFaultIsReportedOnceWithTheOffendingValue) {
     std::vector<ChunkOf> chunks;
     std::vector<std::string> expected;
   } cases[] = {
-      {"a gap", {{.number = 1}, {.number = 4}}, {"missing-chunk 2", "missing-chunk 3"}},
-      {"a late one", {{.number = 1}, {.number = 3}, {.number = 2}}, {"chunk-order 2"}},
-      {"no name", {{.app = event(" ")}}, {"event-without-name  "}},
-      {"screen below zero", {{.navigation = screen("H", -3)}}, {"negative-duration -3"}},
-      {"session below zero", {{.duration = -0.5}}, {"negative-duration -0.5"}},
-      {"attribute below zero", {{.app = event("Play", R"({"duration": -7})")}}, {"negative-duration -7"}},
+      {"a gap", {{.number = 1}, {.number = 27}, {.number = 29}}, {"missing-chunk 26 [[2,26],[28,28]]"}},
+      {"part of a gap",
+       {{.number = 1}, {.number = 27}, {.number = 5}},
+       {"missing-chunk 24 [[2,4],[6,26]]", "chunk-order 1 5"}},
+      {"a late one", {{.number = 1}, {.number = 3}, {.number = 2}}, {"chunk-order 1 2"}},
+      {"a huge gap", {{.number = 1'000'000'000}}, {"missing-chunk 999999999 [[1,999999999]]"}},
+      {"no name", {{.app = event(" ")}}, {"event-without-name 1  "}},
+      {"screens below zero",
+       {{.number = 1, .navigation = screen("H", -3)}, {.number = 2, .navigation = screen("H", -4)}},
+       {"negative-duration 2 -3"}},
+      {"session below zero", {{.duration = -0.5}}, {"negative-duration 1 -0.5"}},
+      {"attribute below zero", {{.app = event("Play", R"({"duration": -7})")}}, {"negative-duration 1 -7"}},
       {"number and real", {{.app = buy("3") + buy("3.5") + buy("null")}}, {}},
-      {"types in one chunk", {{.app = buy("3") + buy("\"3\"") + buy("\"4\"")}}, {"attribute-type-changes 3"}},
-      {"types in two chunks",
-       {{.number = 1, .app = buy("3")}, {.number = 2, .app = buy("true") + buy("false")}},
-       {"attribute-type-changes 1"}},
+      {"the rarer type came first",
+       {{.number = 1, .app = buy("\"3\"")}, {.number = 2, .app = buy("4") + buy("5")}},
+       {R"(attribute-type-changes 1 [{"type":"text","value":"3","event":1},{"type":"number","value":4,"event":2}])"}},
+      {"the rarer type came last",
+       {{.app = buy("4") + buy("5") + buy("\"3\"")}},
+       {R"(attribute-type-changes 1 [{"type":"text","value":"3","event":3},{"type":"number","value":4,"event":1}])"}},
+      {"the library's own attributes",
+       {{.app = many("klv_lt_count", 101) + event("Buy", R"({"klv_lt_count_slot": 3})") + "," +
+                event("Buy", R"({"klv_lt_count_slot": "5+"})")}},
+       {"suspected-duplicate 102 {}"}},
+      {"logged twice",
+       {{.number = 1, .app = event("Buy", R"({"sku": 1, "klv_lt_count": 1})")},
+        {.number = 2,
+         .app = event("Buy", R"({"klv_lt_count": 2, "sku": 1})") + "," + event("Buy", R"({"sku": 2})") +
+                R"(,{"name": "Buy", "time": 2, "additional_info": {"sku": 1}})"}},
+       {R"(suspected-duplicate 1 {"sku":1})"}},
       {"names in another case",
        {{.number = 1, .app = event("Open")}, {.number = 2, .app = event("OPEN")}, {.number = 3, .app = event("OPEN")}},
-       {R"(names-differ-in-case ["OPEN","Open"])"}},
+       {R"(names-differ-in-case 1 ["OPEN","Open"])", "suspected-duplicate 1 {}"}},
       {"a screen called like an event", {{.app = event("Open"), .navigation = screen("open", 1)}}, {}},
       {"101 values and more",
-       {{.number = 1, .app = skus(101)}, {.number = 2, .app = skus(150)}},
-       {R"(too-many-values {"name":"Buy","attribute":"sku","values":101})"}},
+       {{.number = 1, .app = many("sku", 101)}, {.number = 2, .app = many("sku2", 1)}},
+       {R"(too-many-values 1 {"name":"Buy","attribute":"sku","values":101})"}},
   };
   for (const auto& c : cases) {
     ASSERT_TRUE(store.reset());
     for (const ChunkOf& chunk : c.chunks) add(chunk);
-    EXPECT_EQ(problems(), c.expected) << c.name;
+    auto found = problems();
+    EXPECT_TRUE(std::is_permutation(found.begin(), found.end(), c.expected.begin(), c.expected.end()))
+        << c.name << ": " << testing::PrintToString(found);
+    EXPECT_EQ(problems({"count"}, kSession), problems({"count"})) << c.name;
     EXPECT_EQ(allCounts()["problems"], Value(c.expected.size())) << c.name;
     const Dictionary row = store.read([](Database& d) { return listSessions(d, 0, 50); });
     EXPECT_EQ(in(row, {"sessions", "0", "problems"}), Value(c.expected.size())) << c.name;
   }
-  ASSERT_TRUE(store.reset());
-  add({.number = 1'000'000'000});
-  const auto messages = problems({"message"});
-  EXPECT_EQ(messages.size(), 100U);
-  EXPECT_EQ(allCounts()["problems"], Value(100));
-  EXPECT_EQ(messages.back(), "chunks 100 to 999999999 are missing");
+}
+
+TEST_F(Arrival, ATypeProblemBelongsToTheSessionsWithTheRarerType) {
+  const auto buy = [](const std::string& price) { return event("Buy", R"({"price": )" + price + "}"); };
+  const auto counts = [this] {
+    std::string all;
+    for (const char* session : {"", "S1", "S2", "S3"}) {
+      const auto found = problems({"count"}, session);
+      all += (found.empty() ? "-" : found.front()) + " ";
+    }
+    return all;
+  };
+  add({.app = buy("\"1\""), .session = "S1"});
+  add({.app = buy("2"), .session = "S2"});
+  EXPECT_EQ(counts(), "1 - 1 - ");
+  add({.app = buy("3") + "," + buy("4"), .session = "S3"});
+  EXPECT_EQ(counts(), "1 1 - - ");
+  const auto id = in(store.read([](Database& d) { return listProblems(d, {}); }), {"problems", "0", "id"}).asInt64();
+  const auto details = store.read([&](Database& d) { return problemDetails(d, id, 0, 10); });
+  EXPECT_EQ(rows((*details)["types"], {"type", "count", "value", "event"}),
+            (std::vector<std::string>{"text 1 1 1", "number 3 2 2"}));
+  EXPECT_EQ(in(*details, {"problem", "session"}), Value("S1"));
+}
+
+TEST_F(Arrival, ACheckThatIsOffHidesItsProblemsUntilItIsOnAgain) {
+  add({.number = 2, .app = event("Buy") + "," + event("Buy")});
+  const auto choose = [this](bool isOn) {
+    ASSERT_TRUE(store.change([&](Database& d) { switchChecks(d, {{"suspected-duplicate", isOn}}); }));
+  };
+  const auto seen = [this] {
+    const Dictionary row = store.read([](Database& d) { return listSessions(d, 0, 1); });
+    return std::pair(problems({"kind"}),
+                     allCounts()["problems"].asInt64() + in(row, {"sessions", "0", "problems"}).asInt64());
+  };
+  choose(false);
+  EXPECT_EQ(seen(), std::pair(std::vector<std::string>{"missing-chunk"}, std::int64_t{2}));
+  choose(true);
+  EXPECT_EQ(seen(), std::pair(std::vector<std::string>{"missing-chunk", "suspected-duplicate"}, std::int64_t{4}));
+}
+
+TEST_F(Arrival, SessionsAndEventsAreFoundByTheUsersId) {
+  const auto of = [](const std::string& id) { return R"({"custom_user_id": ")" + id + "\"}"; };
+  add({.number = 1, .app = event("A"), .session = "S1", .user = of("Ann")});
+  add({.number = 1, .app = event("B"), .session = "S2", .user = of("Bob")});
+  add({.number = 2, .app = event("C"), .session = "S2"});  // without the attribute, the session keeps its user
+  add({.number = 1, .app = event("D"), .session = "S3"});
+  const auto found = [this](const std::string& text) {
+    return rows(store.read([&](Database& d) { return listSessions(d, 0, 50, text); })["sessions"], {"id", "user"});
+  };
+  EXPECT_EQ(found("BO"), std::vector<std::string>{"S2 Bob"});
+  EXPECT_EQ(found("shop").size(), 3U);
+  EXPECT_EQ(found("s3"), std::vector<std::string>{"S3 "});
+  EXPECT_EQ(names({.user = "bob"}), (std::vector<std::string>{"B", "C"}));
+  EXPECT_EQ(names({.text = "c", .user = "b", .newestFirst = true}), std::vector<std::string>{"C"});
 }
 
 TEST_F(Arrival, ListingsReturnEveryRowPageByPageAndCombineFilters) {
@@ -207,16 +280,26 @@ TEST_F(Arrival, ListingsReturnEveryRowPageByPageAndCombineFilters) {
   EXPECT_EQ(order, "S4S3S2S1S0");
 }
 
-TEST_F(Arrival, ThePlotOfALongSessionIsASampleOfTheWholeSession) {
+TEST_F(Arrival, ThePlotOfALongSessionGathersEveryPointAndShowsAPeriodInFull) {
   std::string many;
   for (int i = 0; i < 5000; ++i) many += R"({"name":"Tick","time":)" + std::to_string(i) + "},";
   add({.number = 1, .app = many});
-  const Value plot = store.read([](Database& d) { return timeline(d, kSession); });
-  const Array points = *in(plot, {"points"}).get<Array>();
-  EXPECT_EQ(in(plot, {"sampled"}), Value(true));
-  EXPECT_LE(points.size(), 2000U);
-  EXPECT_GT(points.size(), 1000U);
-  EXPECT_GT(in(points[points.size() - 1], {"time"}).asInt64(), 4900);
+  const auto pointsIn = [this](const Period& period, bool gathered) {
+    const Value plot = store.read([&](Database& d) { return timeline(d, kSession, period); });
+    EXPECT_EQ(in(plot, {"gathered"}), Value(gathered));
+    return *in(plot, {"points"}).get<Array>();
+  };
+  const Array all = pointsIn({-1, 10'000}, true);
+  std::int64_t sum = 0, end = 0;
+  for (const Value& bar : all) {
+    EXPECT_EQ(in(bar, {"time"}), Value(end));
+    end += in(bar, {"span"}).asInt64();
+    sum += in(bar, {"count"}).asInt64();
+  }
+  EXPECT_EQ(sum, 5000);
+  EXPECT_GE(end, 5000);
+  EXPECT_LT(all.size(), 300U);
+  EXPECT_EQ(pointsIn({1000, 1010}, false).size(), 10U);
 }
 
 TEST_F(Arrival, TheHistoryKeepsEachChangeOfAUsersAttributes) {
@@ -240,6 +323,19 @@ TEST(CollectorStore, TheFileIsPrivateAndExclusiveAndUnusableContentIsSkippedOrRe
   ServiceState state;
   loadDocuments(state, store);
   EXPECT_EQ(documentsOf(state)["config"], documentsOf(ServiceState())["config"]);
+
+  const std::string old = home() + "/old.db";
+  {
+    Database database(old);
+    database.run(
+        "CREATE TABLE sessions (key INTEGER PRIMARY KEY, application, id, record, user, device, app, sdk, launch, "
+        "length,"
+        " highest_chunk, received, sequence, chunks, events, problems INTEGER NOT NULL); CREATE TABLE problems (id)");
+  }
+  Store upgraded(old);
+  ReceivedRequest request;
+  request.body = kSampleChunk;
+  EXPECT_TRUE(upgraded.add(request, "shop"));
 
   writeFileForTest(home() + "/text", std::string(5000, 'x'));
   EXPECT_THROW(Store(home() + "/text"), std::runtime_error);

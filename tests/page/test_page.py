@@ -3,6 +3,8 @@
 import json
 import os
 import pathlib
+import re
+import socket
 import subprocess
 import sys
 import tempfile
@@ -46,6 +48,8 @@ class PageTest(unittest.TestCase):
     def setUp(self):
         self.browser.get("about:blank")  # an open page would request data that the reset deletes
         self.ask("POST", "/debug/reset")
+        self.ask("PUT", "/debug/expectations", "{}")
+        self.see(1280, 1000)
         home = self.enterContext(tempfile.TemporaryDirectory())
         self.program = {"env": {**os.environ, "KELVO_HOME": home, "KELVO_SERVER_BASE_URL": self.url}, "text": True,
                         "args": [KELVO_LOG, "--app-id", "shop"], "stdout": DEVNULL, "stderr": DEVNULL}
@@ -61,12 +65,13 @@ class PageTest(unittest.TestCase):
         request = urllib.request.Request(self.url + path, body and body.encode(), method=method)
         urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=20).close()
 
-    def post(self, session, number, *events, screens=(), system=()):
+    def post(self, session, number, *events, screens=(), system=(), user=None):
         screens = [{"navigation_id": "N", "name": name, "transition_time": start, "duration": duration}
                    for name, start, duration in screens]
         system = [{"name": name, "time": time} for name, time in system]
+        users = json.dumps({"custom_user_id": user} if user else {})
         self.ask("POST", "/v2/api/shop/chunks", CHUNK % (json.dumps(session), json.dumps(f"{session}_{number}"), number,
-                                                         ",".join(events), json.dumps(screens), json.dumps(system)))
+                                                         users, ",".join(events), json.dumps(screens), json.dumps(system)))
 
     def until(self, condition):
         WebDriverWait(self.browser, 20, 0.05, NOT_YET).until(lambda _: condition())
@@ -84,6 +89,10 @@ class PageTest(unittest.TestCase):
             return False
         element.click()
         return True
+
+    def see(self, pixels, height):
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": pixels, "height": height, "deviceScaleFactor": 1, "mobile": False})
 
     def texts(self, css):  # One script call, because the page may change between two calls.
         return self.script("return [...document.querySelectorAll(arguments[0])].map((e) => e.textContent)", css)
@@ -165,12 +174,15 @@ class PageTest(unittest.TestCase):
 
     def test_received_markup_stays_text_and_no_name_overflows_the_window(self):
         name = MARKUP + "Long" * 80
-        self.post(MARKUP, 1, app(name, 1, **{name: name}), screens=[(name, 0, -1)])
+        self.ask("PUT", "/debug/expectations", json.dumps({name: {"attributes": {name: {"values": [MARKUP]}}}}))
+        self.post(MARKUP, 1, app(name, 1, **{name: name}), screens=[(name, 0, -1)], user=name)
         for pixels in (400, 1280):
-            self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-                "width": pixels, "height": 900, "deviceScaleFactor": 1, "mobile": False})
-            for tab, *marked in (("live", "#events .name", "#events dt", "#events .value", "pre.json"),
-                                ("quality", "#problems li"), ("aggregates", "#aggregates .name", "#aggregates .value"),
+            self.see(pixels, 900)
+            for tab, *marked in (("live", "#events .name", "#events dt", "#events .value", "pre.json",
+                                 "#sessions .user"),
+                                ("events", "#all-events .name", "#all-events .user", "#all-name option"),
+                                ("quality", "#problems .message", "#problems .shown-event dt"),
+                                ("expectations", "#expected .name", ".bad-events .faults", "#draft-name option"), ("aggregates", "#aggregates .name", "#aggregates .value"),
                                 ("service",)):
                 self.click(f"#tab-{tab}")
                 unfold = "document.querySelectorAll('main [aria-expanded=false]').forEach((b) => b.click())"
@@ -183,9 +195,98 @@ class PageTest(unittest.TestCase):
         self.assertEqual([None, "Kelvo collector", 0],
                          self.script("return [window.harmed ?? null, document.title, document.images.length]"))
 
+    def test_a_problem_opens_on_the_event_with_its_attribute_marked(self):
+        self.post("s", 1, app("Buy", 1, price="3", klv_lt_count=1))
+        self.post("s", 27, app("Buy", 2, price=4), app("Buy", 3, price=5), app("Buy", 3, price=5, klv_lt_count="2"))
+        self.click("#tab-quality")
+        self.until(lambda: self.data("#problems > li", "kind") == [
+            ("attribute-type-changes",), ("suspected-duplicate",), ("missing-chunk",)])
+        self.assertEqual("× 25", self.texts("#problems .times")[2])
+        self.assertIn("(4 in event 2), but also a text (\"3\" in event 1)", self.texts("#problems .message")[0])
+        self.click("#problems [data-kind=attribute-type-changes] button")
+        self.until(lambda: self.texts("#problems .shown-event dt.marked, #problems .json .marked") == ["price", '"price":'])
+        self.assertEqual(['"3"', "4"], self.texts("#problems .example .offence"))
+        self.click("#problems .shown-event .whose button")
+        self.until(lambda: self.texts("#events dt.marked, #events dd.marked .value") == ["price", "3"])
+        self.click("#tab-quality")
+        self.click(".checks summary")
+        self.click("[data-check=suspected-duplicate]")
+        self.until(lambda: self.data("#problems > li", "kind") == [("attribute-type-changes",), ("missing-chunk",)])
+        self.until(lambda: self.texts("#problem-count") == ["2"])
+        self.click("[data-check=suspected-duplicate]")
+        self.until(lambda: len(self.texts("#problems > li")) == 3)
+
+    def test_an_expectation_is_drafted_edited_and_judges_each_arrival(self):
+        self.post("s", 1, app("Buy", 1, price=3, item="book", klv_lt_count=1))
+        self.click("#tab-expectations")
+        self.until(lambda: self.texts("#draft-name option") == ["Buy"])
+        self.click("#draft")
+        editor = self.find("#expectation-editor textarea")
+        self.until(lambda: "price" in editor.get_attribute("value"))
+        self.assertEqual({"Buy": {"attributes": {"item": {"type": "text", "values": ["book"]}, "price": {"type": "number"}},
+                                  "others": True}}, json.loads(editor.get_attribute("value")))
+        apply = "#expectation-editor .primary"
+        for text, fault in (('{"Buy": {"attributes": {"price": "cents"}}}', "Buy.price: type is none of"),
+                            ('{"Buy": {"attributes": {"price": {"max": 4}}}}', "")):
+            editor.clear()
+            editor.send_keys(text)
+            self.click(apply)
+            self.until(lambda f=fault: f in " ".join(self.texts("#expectation-editor .messages")))
+        self.until(lambda: self.texts("#expected .verdict") == ["1 good", "0 bad"])
+        self.assertEqual(["400"], re.findall(r"\b4\d\d\b", str(self.browser.get_log("browser"))))  # the refusal
+        self.post("s", 2, app("Buy", 2, price=5))
+        self.until(lambda: self.texts("#expected .verdict") == ["1 good", "1 bad"])
+        self.click("#expected button")
+        self.until(lambda: self.texts(".faults li") == ['"price" is 5, not at most 4'])
+        self.click(".bad-events button")
+        self.until(lambda: self.texts("#events dd.marked .value") == ["5"])
+
+    def test_all_events_are_listed_live_and_filtered_and_sessions_are_found_by_user(self):
+        self.post("s1", 1, app("One", 1, item="book"), app("Two", 2), user="Ann")
+        self.post("s2", 1, app("One", 1, item="pen"), system=[("FOREGROUND", 0)], user="Bob")
+        self.click("#tab-events")
+        names = lambda: sorted(self.texts("#all-events .name"))
+        self.until(lambda: names() == ["FOREGROUND", "One", "One", "Two"])
+        self.post("s3", 1, app("Three", 1))
+        self.until(lambda: "Three" in names())
+        for field, text, found in (("user", "bo", ["FOREGROUND", "One"]), ("text", "pen", ["One"]),
+                                   ("kind", "App", ["One"]), ("name", "One", ["One"])):
+            self.find(f"#all-{field}").send_keys(text)
+            self.until(lambda f=found: names() == f)
+        self.click("#all-clear")
+        self.until(lambda: len(names()) == 5)
+        self.click("#tab-live")
+        self.find("#find-session").send_keys("ann")
+        self.until(lambda: self.texts("#sessions .name") == ["Ann"])
+        self.post("s4", 1, app("Four", 1), user="Joanna")
+        self.until(lambda: self.texts("#sessions .name") == ["Joanna", "Ann"])
+
+    def test_crowded_points_gather_into_bars_that_count_every_event_and_zooming_takes_them_apart(self):
+        self.post("s", 1, *(app(f"Tick {i % 7}", i) for i in range(3000)), app("Alone", 4000))
+        counted = "#plot [data-kind=app]"
+        total = lambda: sum(int(number) for number, in self.data(counted, "count"))
+        self.until(lambda: total() == 3001)
+        self.assertLess(len(self.texts(counted)), 60)
+        self.assertEqual([], self.script("""
+            const boxes = [...document.querySelectorAll("#plot .gathered rect")].map((e) => e.getBoundingClientRect());
+            return boxes.filter((a) => boxes.some((b) => a !== b && a.x < b.right && b.x < a.right)).map((a) => a.x)"""))
+        for _ in range(8):
+            before = total()
+            self.click("#zoom-in")
+            self.until(lambda b=before: total() < b)
+        self.until(lambda: self.texts("#plot path.glyph") and not self.texts("#plot .gathered"))
+
+    def test_open_records_scroll_only_their_own_pane(self):
+        self.see(1280, 720)
+        self.post("s", 1, app("One", 1))
+        self.click("#session-head summary")
+        self.script("document.querySelector('#events').scrollIntoView()")
+        self.assertEqual([0, True], self.script("return [document.querySelector('.top').getBoundingClientRect().top,"
+                                                " document.documentElement.scrollHeight <= innerHeight]"))
+
     def test_a_switch_holds_back_one_launch_and_the_next_one_delivers(self):
         self.click("#tab-service")
-        self.until(lambda: self.find("textarea.code").get_attribute("value"))
+        self.until(lambda: self.find("#service textarea.code").get_attribute("value"))
         refuse = ".preset:first-child"  # uploads answer 503
         for css, state, status in ((refuse, "pressed=true", 3), (refuse, "pressed=false", 0),
                                    ("#enabled", "checked=false", 4), ("#enabled", "checked=true", 0)):
@@ -193,9 +294,9 @@ class PageTest(unittest.TestCase):
             self.until(lambda c=css, s=state: self.texts(f"{c}[aria-{s}]"))
             lines = '{"call": "waitUntilReady", "seconds": 10}\n{"name": "Launch %s"}' % state
             self.assertEqual(status, subprocess.run(**self.program, input=lines, timeout=60, check=False).returncode)
-        self.find("textarea.code").send_keys(Keys.PAGE_DOWN, "x")
-        self.assertIn("Not JSON", self.texts(".messages")[0])
-        self.assertFalse(self.find(".editor .primary").is_enabled())
+        self.find("#service textarea.code").send_keys(Keys.PAGE_DOWN, "x")
+        self.assertIn("Not JSON", self.texts("#service .messages")[0])
+        self.assertFalse(self.find("#service .editor .primary").is_enabled())
         self.click("#tab-aggregates")
         self.until(lambda: {"Launch pressed=true", "Launch pressed=false"} <= set(self.texts("#aggregates .name")))
 
@@ -209,8 +310,8 @@ class PageTest(unittest.TestCase):
             return self.script("return document.activeElement.id || document.activeElement.className")
 
         self.assertEqual("tab-live", press(Keys.TAB))
-        self.assertEqual(("tab-quality", True), (press(Keys.ARROW_RIGHT), self.find("#panel-quality").is_displayed()))
-        self.assertEqual("sessions", press(Keys.HOME, *[Keys.TAB] * 3))
+        self.assertEqual(("tab-events", True), (press(Keys.ARROW_RIGHT), self.find("#panel-events").is_displayed()))
+        self.assertEqual("sessions", press(Keys.HOME, *[Keys.TAB] * 4))
         press(Keys.ARROW_DOWN)
         self.until_events("One")
         passed = [""]
@@ -219,6 +320,29 @@ class PageTest(unittest.TestCase):
         self.assertIn("plot", passed)
         press(Keys.ENTER)
         self.until(lambda: self.texts("pre.json"))
+
+
+class DocumentTest(unittest.TestCase):
+    """Runs the test script that the document shows, line by line as printed, with its port replaced by a free one."""
+
+    def test_the_documents_test_passes_for_a_correct_application_and_fails_for_a_faulty_one(self):
+        document = (pathlib.Path(__file__).parents[2] / "docs/collector.md").read_text(encoding="utf-8")
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = free.getsockname()[1]
+        script = document.split("```sh\n")[1].split("```")[0].replace("8299", str(port))
+        place = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        path = ":".join([*(str(pathlib.Path(program).resolve().parent) for program in (COLLECTOR, KELVO_LOG)), os.environ["PATH"]])
+        application, test = place / "my-application", place / "test"
+        test.write_text(script)
+        test.chmod(0o700)
+        for info, works in (('{"item": "book", "price": 3}', True), ('{"item": "book", "price": -3}', False),
+                            ('{"item": 7, "price": 3}', False), ('{"price": 3}', False)):
+            application.write_text("#!/bin/sh\n" f"echo '{{\"name\": \"Purchase\", \"info\": {info}}}' | kelvo-log --app-id shop\n")
+            application.chmod(0o700)
+            run = subprocess.run([test], cwd=place, stdout=PIPE, stderr=PIPE, text=True, timeout=60, check=False,
+                                 env={**os.environ, "PATH": path, "no_proxy": "127.0.0.1"})
+            self.assertEqual(works, run.returncode == 0, run.stdout + run.stderr)
 
 
 unittest.main(argv=sys.argv[:1], verbosity=2)

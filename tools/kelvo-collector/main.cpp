@@ -1,15 +1,20 @@
 // kelvo-collector: the analytics service on this machine, for developers of applications that use Kelvo.
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "kelvo-collector/http/Server.h"
+#include "kelvo-collector/http/Token.h"
 #include "kelvo-collector/service/Documents.h"
 #include "kelvo-collector/service/ServiceState.h"
 #include "kelvo-collector/store/Store.h"
@@ -20,9 +25,11 @@ namespace {
 constexpr int kStandardPort = 8288;
 constexpr int kWrongUsage = 2;  // exit status
 constexpr int kHighestPort = 65535;
+constexpr std::int64_t kMostMegabytes = 1 << 20;
 
 constexpr const char* kHelp =
-    R"(usage: kelvo-collector [--port N] [--data DIR] [--tls-cert FILE --tls-key FILE]
+    R"(usage: kelvo-collector [--port N] [--data DIR] [--keep MB] [--private]
+                       [--tls-cert FILE --tls-key FILE]
 
 The analytics service on 127.0.0.1: answers every path that an application with
 Kelvo asks for, checks each chunk that arrives and keeps it. It prints the
@@ -31,6 +38,12 @@ address it listens on and serves until SIGINT or SIGTERM.
   --port N          the port, 0 for a free one (default 8288)
   --data DIR        keep received data and the service's documents in DIR
                     (default: in memory, until the program ends)
+  --keep MB         keep at most MB megabytes of received data: then the oldest
+                    requests make room (default 512)
+  --private         answer below /debug only to those who know a token: it is
+                    in the address that is printed, and in a file that only you
+                    can read. Without it, every user of this machine can read
+                    the data and steer the service
   --tls-cert FILE   serve HTTPS with this certificate chain and
   --tls-key FILE    this key, both PEM
   --help            this text
@@ -56,6 +69,8 @@ struct Options {
   std::string data;
   std::string certificate;
   std::string key;
+  std::int64_t keptMegabytes = kelvo::collector::Store::kUsualLimit >> 20U;
+  bool isPrivate = false;
 };
 
 int refuse(std::string_view argument) {
@@ -64,9 +79,10 @@ int refuse(std::string_view argument) {
   return kWrongUsage;
 }
 
-bool readPort(std::string_view text, int& port) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  return error == std::errc() && end == text.data() + text.size() && port >= 0 && port <= kHighestPort;
+template <class Number>
+bool readNumber(std::string_view text, Number least, Number most, Number& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() && number >= least && number <= most;
 }
 
 /// Returns the path of the store's file and makes its directory. Throws std::runtime_error if that fails.
@@ -77,6 +93,14 @@ std::string storePath(const std::string& directory) {
   return kelvo::joinPath(directory, "collector.db");
 }
 
+/// Returns the path of the token's file: in the directory of the data, else in the user's own runtime directory.
+std::string tokenPath(const Options& options) {
+  if (!options.data.empty()) return kelvo::joinPath(options.data, "collector.token");
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  const std::string directory = runtime != nullptr && *runtime == '/' ? runtime : "/tmp";
+  return kelvo::joinPath(directory, "kelvo-collector." + std::to_string(getpid()) + ".token");
+}
+
 int serve(const Options& options) {
   // Blocked before the first thread starts, so that all threads block them and only sigwait receives them.
   sigset_t ends;
@@ -85,10 +109,12 @@ int serve(const Options& options) {
   sigaddset(&ends, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 
-  kelvo::collector::Store store(storePath(options.data));
+  kelvo::collector::Store store(storePath(options.data), options.keptMegabytes << 20U);
   kelvo::collector::ServiceState state;
   kelvo::collector::loadDocuments(state, store);
   kelvo::collector::Server server(store, state);
+  std::optional<kelvo::collector::Token> token;
+  if (options.isPrivate) server.setToken(token.emplace(tokenPath(options)).text());
   const int port = options.certificate.empty() ? server.start(options.port)
                                                : server.startTLS(options.certificate, options.key, options.port);
   if (port == 0) {
@@ -97,6 +123,10 @@ int serve(const Options& options) {
     return 1;
   }
   std::printf("listening on %s\n", server.baseURL().c_str());
+  if (token) {
+    std::printf("the page: %s/#token=%s\nthe token: %s\n", server.baseURL().c_str(), token->text().c_str(),
+                token->file().c_str());
+  }
   std::fflush(stdout);
 
   int signal = 0;
@@ -115,14 +145,23 @@ int main(int count, char** arguments) {
       std::fputs(kHelp, stdout);
       return 0;
     }
+    if (argument == "--private") {
+      options.isPrivate = true;
+      continue;
+    }
     std::string* text = argument == "--data"       ? &options.data
                         : argument == "--tls-cert" ? &options.certificate
                         : argument == "--tls-key"  ? &options.key
                                                    : nullptr;
-    if ((argument != "--port" && text == nullptr) || i + 1 == count) return refuse(argument);
+    const bool takesNumber = argument == "--port" || argument == "--keep";
+    if ((!takesNumber && text == nullptr) || i + 1 == count) return refuse(argument);
     const std::string_view value = arguments[++i];
     if (text != nullptr) *text = value;
-    if (text == nullptr ? !readPort(value, options.port) : value.empty()) return refuse(value);
+    const bool isUsable = text != nullptr ? !value.empty()
+                          : argument == "--port"
+                              ? readNumber(value, 0, kHighestPort, options.port)
+                              : readNumber(value, std::int64_t{1}, kMostMegabytes, options.keptMegabytes);
+    if (!isUsable) return refuse(value);
   }
   if (options.certificate.empty() != options.key.empty()) {
     return refuse(options.key.empty() ? "--tls-cert without --tls-key" : "--tls-key without --tls-cert");

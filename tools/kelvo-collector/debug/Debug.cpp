@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "kelvo-collector/debug/Aggregates.h"
+#include "kelvo-collector/debug/Events.h"
 #include "kelvo-collector/debug/Listings.h"
+#include "kelvo-collector/debug/Problems.h"
 #include "kelvo-collector/debug/Timeline.h"
 #include "kelvo-collector/debug/Users.h"
 #include "kelvo-collector/service/Documents.h"
@@ -20,8 +22,9 @@ namespace {
 using Effect = DebugReply::Effect;
 using Delivery = DebugReply::Delivery;
 
-constexpr std::int64_t kUsualSessions = 50;      // on a page
-constexpr std::int64_t kLongestDelay = 600'000;  // milliseconds
+constexpr std::int64_t kUsualSessions = 50;              // on a page
+constexpr std::int64_t kLongestPeriod = 10'000'000'000;  // seconds, beyond all times of a session
+constexpr std::int64_t kLongestDelay = 600'000;          // milliseconds
 
 struct DebugRequest {
   const Question& question;
@@ -127,24 +130,62 @@ DebugReply showService(const DebugRequest& request) {
   return ok(std::move(all));
 }
 
-DebugReply putDocument(const DebugRequest& request) {
-  const auto refused = [](std::vector<std::string> errors) {
-    Array list;
-    for (std::string& error : errors) list.append(std::move(error));
-    Reply reply = refusal(400, "the document cannot be used");
-    reply.body.set("errors", std::move(list));
-    return DebugReply{std::move(reply)};
-  };
+DebugReply refused(std::vector<std::string> errors) {
+  Array list;
+  for (std::string& error : errors) list.append(std::move(error));
+  Reply reply = refusal(400, "the document cannot be used");
+  reply.body.set("errors", std::move(list));
+  return {std::move(reply)};
+}
+
+/// Calls `use` with the body, or refuses a body that is not JSON.
+template <DebugReply (*use)(const DebugRequest&, const Value&)>
+DebugReply putJSON(const DebugRequest& request) {
   std::string error;
   const auto body = parseJSON(request.question.body, &error);
-  if (!body) return refused({"it is not JSON: " + error});
+  return body ? use(request, *body) : refused({"it is not JSON: " + error});
+}
+
+DebugReply putDocument(const DebugRequest& request, const Value& body) {
   const std::string name = request.question.path.substr(std::string_view("/debug/").size());
-  auto errors = applyDocument(request.targets.state, name, *body);
+  auto errors = applyDocument(request.targets.state, name, body);
   if (!errors.empty()) return refused(std::move(errors));
-  if (!request.targets.store.keepDocument(name, jsonText(*body).value_or("null"))) {
+  if (!request.targets.store.keepDocument(name, jsonText(body).value_or("null"))) {
     return {refusal(500, "it is in force, but could not be kept for the next run"), Effect::ServiceChanged};
   }
   return {success({{"accepted", true}}), Effect::ServiceChanged};
+}
+
+DebugReply putExpectations(const DebugRequest& request, const Value& body) {
+  std::vector<std::string> errors;
+  const auto expectations = Expectations::parse(body, errors);
+  if (!expectations) return refused(std::move(errors));
+  if (!request.targets.store.expect(*expectations, jsonText(body).value_or("{}"))) {
+    return {refusal(500, "the store failed")};
+  }
+  return {success({{"accepted", true}}), Effect::ServiceChanged};
+}
+
+/// Returns the expectations with the number of good and bad events of each name.
+DebugReply showExpectations(const DebugRequest& request) {
+  Dictionary body{{"expectations", stored(request.targets.store.document("expectations").value_or("{}"))}};
+  request.read([&](Database& d) {
+    for (const char* verdict : {"good", "bad"}) body.set(verdict, countersOf(d, 0, verdict));
+    return 0;
+  });
+  return ok(std::move(body));
+}
+
+DebugReply putChecks(const DebugRequest& request, const Value& body) {
+  auto errors = faultsOfChecks(body);
+  if (!errors.empty()) return refused(std::move(errors));
+  const bool kept = request.targets.store.change([&](Database& d) { switchChecks(d, *body.get<Dictionary>()); });
+  return kept ? DebugReply{success({{"accepted", true}}), Effect::ServiceChanged}
+              : DebugReply{refusal(500, "the store failed")};
+}
+
+DebugReply listJudgedAs(bool good, const DebugRequest& request) {
+  return ok(request.read([&](Database& d) { return listJudged(d, good, filterOf(request.question)); }));
 }
 
 /// Returns the script that the query describes, an empty list for the usual answer. Returns nullopt and sets `fault` if
@@ -189,6 +230,13 @@ DebugReply reset(const DebugRequest& request) {
   return {success({}), Effect::StoreReset};
 }
 
+/// Returns the part of a timeline that the query asks for.
+Period periodOf(const Parameters& parameters) {
+  const auto from = parameters.number("from", -kLongestPeriod, kLongestPeriod);
+  const auto to = parameters.number("to", -kLongestPeriod, kLongestPeriod);
+  return {from.value_or(-kLongestPeriod), to.value_or(kLongestPeriod)};
+}
+
 struct Route {
   const char* method;
   std::string_view path;
@@ -206,7 +254,9 @@ constexpr Route kRoutes[] = {
      }},
     {"GET", "/debug/sessions",
      [](const DebugRequest& r) {
-       return ok(r.read([&](Database& d) { return listSessions(d, r.number("before"), r.limit(kUsualSessions)); }));
+       return ok(r.read([&](Database& d) {
+         return listSessions(d, r.number("before"), r.limit(kUsualSessions), r.parameters.text("find"));
+       }));
      }},
     {"GET", "/debug/session",
      [](const DebugRequest& r) {
@@ -214,7 +264,8 @@ constexpr Route kRoutes[] = {
      }},
     {"GET", "/debug/timeline",
      [](const DebugRequest& r) {
-       return okOr404(r.read([&](Database& d) { return timeline(d, r.parameters.text("session")); }));
+       return okOr404(
+           r.read([&](Database& d) { return timeline(d, r.parameters.text("session"), periodOf(r.parameters)); }));
      }},
     {"GET", "/debug/events",
      [](const DebugRequest& r) {
@@ -227,6 +278,11 @@ constexpr Route kRoutes[] = {
     {"GET", "/debug/problems",
      [](const DebugRequest& r) {
        return ok(r.read([&](Database& d) { return listProblems(d, filterOf(r.question)); }));
+     }},
+    {"GET", "/debug/problem",
+     [](const DebugRequest& r) {
+       return okOr404(r.read(
+           [&](Database& d) { return problemDetails(d, r.number("id"), r.number("after"), r.limit(kUsualRows)); }));
      }},
     {"GET", "/debug/counts", [](const DebugRequest& r) { return ok(r.read([](Database& d) { return counts(d); })); }},
     {"GET", "/debug/aggregates",
@@ -241,11 +297,17 @@ constexpr Route kRoutes[] = {
            r.read([&](Database& d) { return userHistory(d, r.parameters.text("id"), r.limit(kUsualRows)); }));
      }},
     {"GET", "/debug/service", showService},
-    {"PUT", "/debug/enabled", putDocument},
-    {"PUT", "/debug/config", putDocument},
-    {"PUT", "/debug/client-events", putDocument},
-    {"PUT", "/debug/actions/rta", putDocument},
-    {"PUT", "/debug/actions/survey", putDocument},
+    {"PUT", "/debug/enabled", putJSON<putDocument>},
+    {"PUT", "/debug/config", putJSON<putDocument>},
+    {"PUT", "/debug/client-events", putJSON<putDocument>},
+    {"PUT", "/debug/actions/rta", putJSON<putDocument>},
+    {"PUT", "/debug/actions/survey", putJSON<putDocument>},
+    {"GET", "/debug/expectations", showExpectations},
+    {"PUT", "/debug/expectations", putJSON<putExpectations>},
+    {"GET", "/debug/good", [](const DebugRequest& r) { return listJudgedAs(true, r); }},
+    {"GET", "/debug/bad", [](const DebugRequest& r) { return listJudgedAs(false, r); }},
+    {"GET", "/debug/checks", [](const DebugRequest& r) { return ok(r.read([](Database& d) { return checks(d); })); }},
+    {"PUT", "/debug/checks", putJSON<putChecks>},
     {"PUT", "/debug/answer", putAnswer},
     {"DELETE", "/debug/answer", deleteAnswers},
     {"POST", "/debug/reset", reset},

@@ -7,8 +7,8 @@
 
 #include "kelvo/Value.h"
 
-// The answers about sessions, events and problems. Every answer is bounded and begins at a given row, so its cost does
-// not grow with the store. Thread: call these inside `Store::read`.
+// The answers about sessions, the totals, and the parts that all listings share. Every answer is bounded and begins at
+// a given row, so its cost does not grow with the store. Thread: call these inside `Store::read`.
 
 namespace kelvo::collector {
 
@@ -25,6 +25,7 @@ struct Filter {
   std::string kind = {};
   std::string name = {};
   std::string text = {};   ///< part of the name or of the attributes, in any case
+  std::string user = {};   ///< part of the user's id, in any case
   std::int64_t after = 0;  ///< the row after which the listing begins: the `next` of the page before
   std::size_t limit = kUsualRows;
   /// For events only. The listing then begins below the row `after`, with the newest event if `after` is 0.
@@ -41,26 +42,24 @@ struct Filter {
 [[nodiscard]] std::optional<std::int64_t> sessionOf(Database& database, const Filter& filter);
 
 /// Returns a page of sessions, latest arrival first. `before` is the `next` of the page before, 0 for the first
-/// page.
-[[nodiscard]] Dictionary listSessions(Database& database, std::int64_t before, std::size_t limit);
+/// page. `find` limits the list to sessions with this text in the user's id, the session's id, the application or the
+/// device. The page examines a bounded number of rows, so it may hold fewer than `limit` and still have a `next`.
+[[nodiscard]] Dictionary listSessions(Database& database, std::int64_t before, std::size_t limit,
+                                      const std::string& find = {});
 /// Returns one session as `listSessions` shows it, empty if there is none.
 [[nodiscard]] Dictionary sessionRow(Database& database, std::int64_t key);
 /// Returns a session with its records and its newest 1000 chunks, nullopt if there is none.
 [[nodiscard]] std::optional<Dictionary> sessionDetails(Database& database, const std::string& id);
 
-/// Returns a page of events. It examines a bounded number of rows, so a page may hold fewer than `limit` events, even
-/// none, and still have a `next`.
-[[nodiscard]] Dictionary listEvents(Database& database, const Filter& filter);
-/// Returns an event with its JSON exactly as it arrived, nullopt if there is none.
-[[nodiscard]] std::optional<Dictionary> eventDetails(Database& database, std::int64_t id);
-/// Returns a page of problems, with the number of problems of each kind.
-[[nodiscard]] Dictionary listProblems(Database& database, const Filter& filter);
-
 /// Returns the totals, and the counts of events by kind and of the 200 most frequent names.
 [[nodiscard]] Dictionary counts(Database& database);
-/// Returns the number of matching events. An aggregate counts as often as its sender counted it. Ignores `text`.
-[[nodiscard]] std::int64_t countEvents(Database& database, const Filter& filter);
+/// Returns the total of all sessions: "sessions", "chunks" or "events".
+[[nodiscard]] std::int64_t totalOf(Database& database, const char* item);
+/// Returns the counters of a session (0: of all sessions) that are above 0, by item.
+[[nodiscard]] Dictionary countersOf(Database& database, std::int64_t session, const char* what);
 
+/// Returns true if `text` contains `part`, in any case.
+[[nodiscard]] bool contains(const std::string& text, const std::string& part);
 /// Parses a JSON text of the store. Returns null if it is unusable.
 [[nodiscard]] Value stored(const std::string& json);
 

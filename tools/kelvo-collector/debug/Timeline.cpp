@@ -10,6 +10,7 @@ namespace kelvo::collector {
 namespace {
 
 constexpr std::size_t kMostPoints = 2000;
+constexpr std::int64_t kGathered = 200;  // rows per kind if the points are gathered
 constexpr std::size_t kMostScreens = 500;
 constexpr std::size_t kMostMarks = 500;
 /// A list that is too long is sampled: it shows the first rows of each of so many equal periods.
@@ -47,10 +48,45 @@ Dictionary readScreen(Database::Query& row) {
   return screen;
 }
 
-Dictionary readPoint(Database::Query& row) {
-  Dictionary point{{"time", row.number()}, {"kind", row.text()}, {"name", row.text()}};
-  point.set("count", row.number());
-  return point;
+Array points(Database& database, std::int64_t session, const Period& period, std::size_t limit) {
+  Database::Query rows(database,
+                       "SELECT second, kind, name, count FROM points WHERE session = ? AND second >= ? AND second < ?"
+                       " ORDER BY second LIMIT ?",
+                       session, period.from, period.to, limit);
+  Array list;
+  while (rows.next()) {
+    Dictionary point{{"time", rows.number()}, {"kind", rows.text()}, {"name", rows.text()}};
+    point.set("count", rows.number());
+    list.append(std::move(point));
+  }
+  return list;
+}
+
+/// Returns one row for each kind and each span with points.
+Array gatheredPoints(Database& database, std::int64_t session, const Period& period) {
+  std::int64_t first = 0, last = 0;
+  {
+    Database::Query row(database,
+                        "SELECT min(second), max(second) FROM points WHERE session = ? AND second >= ? AND second < ?",
+                        session, period.from, period.to);
+    if (row.next()) {
+      first = row.number();
+      last = row.number();
+    }
+  }
+  const std::int64_t span = (last - first) / kGathered + 1;
+  Database::Query rows(database,
+                       "SELECT (second - ?4) / ?5, kind, count(DISTINCT name), sum(count) FROM points"
+                       " WHERE session = ?1 AND second >= ?2 AND second < ?3 GROUP BY 1, 2 ORDER BY 1",
+                       session, period.from, period.to, first, span);
+  Array list;
+  while (rows.next()) {
+    Dictionary bar{{"time", first + rows.number() * span}, {"span", span}, {"kind", rows.text()}};
+    bar.set("names", rows.number());
+    bar.set("count", rows.number());
+    list.append(std::move(bar));
+  }
+  return list;
 }
 
 /// Returns the periods from each FOREGROUND event to the next BACKGROUND event. The last one may have no end.
@@ -89,7 +125,7 @@ Array chunkBoundaries(Database& database, std::int64_t session) {
 
 }  // namespace
 
-std::optional<Dictionary> timeline(Database& database, const std::string& id) {
+std::optional<Dictionary> timeline(Database& database, const std::string& id, const Period& period) {
   const std::int64_t session = sessionKey(database, id);
   if (session == 0) return std::nullopt;
   std::int64_t launch = 0;
@@ -108,10 +144,10 @@ std::optional<Dictionary> timeline(Database& database, const std::string& id) {
                               " AND time >= ? AND time < ? ORDER BY time, id LIMIT ?",
                               session, length, kMostScreens, isSample, readScreen));
   plot.set("active", activePeriods(database, session));
-  plot.set("points", sampled(database,
-                             "SELECT second, kind, name, count FROM points WHERE session = ? AND second >= ?"
-                             " AND second < ? ORDER BY second LIMIT ?",
-                             session, length, kMostPoints, isSample, readPoint));
+  Array marks = points(database, session, period, kMostPoints + 1);
+  const bool isGathered = marks.size() > kMostPoints;
+  plot.set("points", isGathered ? gatheredPoints(database, session, period) : std::move(marks));
+  plot.set("gathered", isGathered);
   plot.set("chunks", chunkBoundaries(database, session));
   plot.set("sampled", isSample);
   return plot;

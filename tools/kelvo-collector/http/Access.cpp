@@ -1,6 +1,7 @@
 #include "kelvo-collector/http/Access.h"
 
 #include <arpa/inet.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cctype>
@@ -26,6 +27,17 @@ bool isLoopbackHost(std::string_view host) {
 
 bool isOwnOrigin(std::string_view origin, std::string_view host, bool tls) {
   return origin.empty() || origin == (tls ? "https://" : "http://") + std::string(host);
+}
+
+bool isForeignSite(std::string_view site) {
+  return site == "cross-site" || site == "same-site";
+}
+
+bool carriesToken(std::string_view authorization, std::string_view queryToken, std::string_view token) {
+  constexpr std::string_view kBearer = "Bearer ";
+  const auto given =
+      authorization.substr(0, kBearer.size()) == kBearer ? authorization.substr(kBearer.size()) : queryToken;
+  return given.size() == token.size() && CRYPTO_memcmp(given.data(), token.data(), token.size()) == 0;
 }
 
 }  // namespace kelvo::collector

@@ -1,5 +1,8 @@
 #include "kelvo-collector/http/Connection.h"
 
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,12 +19,12 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// Limits for a client that sends half a request, or does not read its answer.
+/// Limits for a client that does nothing in the middle of a request, or does not read its answer.
 constexpr milliseconds kReadLimit{30'000};
 constexpr milliseconds kWriteLimit{30'000};
-/// Bytes per TLS write. So few fit into the socket's buffer whenever poll reports room, so the write does not block.
-constexpr std::size_t kTLSPiece = 4096;
-constexpr int kNoDescriptor = -1;  // poll ignores it
+constexpr milliseconds kDrainLimit{500};
+constexpr std::size_t kMostDrained = 4U << 20U;  // bytes
+constexpr int kNoDescriptor = -1;                // poll ignores it
 
 int clamped(std::size_t size) {
   return static_cast<int>(std::min<std::size_t>(size, INT_MAX));
@@ -34,7 +37,10 @@ void Connection::Freer::operator()(ssl_st* session) const noexcept {
 }
 
 Connection::Connection(int socket, int stopDescriptor, ssl_ctx_st* tls)
-    : socket_(socket), stopDescriptor_(stopDescriptor), tls_(tls == nullptr ? nullptr : SSL_new(tls)) {}
+    : socket_(socket), stopDescriptor_(stopDescriptor), tls_(tls == nullptr ? nullptr : SSL_new(tls)) {
+  // Never blocks in a read or write itself: a blocked one would notice neither a limit nor the end of the server.
+  fcntl(socket_, F_SETFL, fcntl(socket_, F_GETFL) | O_NONBLOCK);
+}
 
 Connection::~Connection() {
   if (cut_) {
@@ -42,6 +48,7 @@ Connection::~Connection() {
     setsockopt(socket_, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
   } else {
     if (tls_) SSL_shutdown(tls_.get());
+    if (isEnding_) drain();
     shutdown(socket_, SHUT_RDWR);
   }
   close(socket_);
@@ -49,8 +56,22 @@ Connection::~Connection() {
 
 bool Connection::open() {
   if (!tls_) return true;
-  return SSL_set_fd(tls_.get(), socket_) == 1 && pollFor(POLLIN, kNoDescriptor, kReadLimit) == PollResult::Socket &&
-         SSL_accept(tls_.get()) == 1;
+  if (SSL_set_fd(tls_.get(), socket_) != 1) return false;
+  const auto end = steady_clock::now() + kHeadLimit;
+  for (;;) {
+    ERR_clear_error();
+    const int result = SSL_accept(tls_.get());
+    if (result == 1) return true;
+    if (!isReadyAgain(result, std::chrono::ceil<milliseconds>(end - steady_clock::now()))) return false;
+  }
+}
+
+bool Connection::isReadyAgain(int result, milliseconds limit) const {
+  switch (SSL_get_error(tls_.get(), result)) {
+    case SSL_ERROR_WANT_READ: return pollFor(POLLIN, kNoDescriptor, limit) == PollResult::Socket;
+    case SSL_ERROR_WANT_WRITE: return pollFor(POLLOUT, kNoDescriptor, limit) == PollResult::Socket;
+    default: return false;
+  }
 }
 
 Connection::PollResult Connection::pollFor(short events, int descriptor, std::optional<milliseconds> limit) const {
@@ -75,7 +96,36 @@ bool Connection::hasBufferedData() const {
 }
 
 bool Connection::waitForRequest(milliseconds limit) {
-  return !cut_ && (hasBufferedData() || pollFor(POLLIN, kNoDescriptor, limit) == PollResult::Socket);
+  if (cut_ || isEnding_) return false;
+  if (!hasBufferedData() && pollFor(POLLIN, kNoDescriptor, limit) != PollResult::Socket) return false;
+  begun_ = steady_clock::now();
+  headLeft_ = kLargestHead;
+  return true;
+}
+
+void Connection::refuse(std::string_view statusLine) {
+  headFault_ = HeadFault::None;
+  isEnding_ = true;
+  const std::string answer =
+      fmt::format("HTTP/1.1 {}\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n", statusLine);
+  write(answer.data(), answer.size());
+}
+
+void Connection::drain() {
+  shutdown(socket_, SHUT_WR);
+  const auto end = steady_clock::now() + kDrainLimit;
+  for (std::size_t dropped = 0; dropped < kMostDrained;) {
+    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
+    if (pollFor(POLLIN, kNoDescriptor, left) != PollResult::Socket) return;
+    const ssize_t count = recv(socket_, buffer_.data(), buffer_.size(), 0);
+    if (count <= 0) return;
+    dropped += static_cast<std::size_t>(count);
+  }
+}
+
+milliseconds Connection::timeLeft() const {
+  const milliseconds whole = headLeft_ ? kHeadLimit : kRequestLimit;
+  return std::min(kReadLimit, std::chrono::ceil<milliseconds>(begun_ + whole - steady_clock::now()));
 }
 
 bool Connection::staysOpen(std::optional<milliseconds> limit) {
@@ -91,28 +141,62 @@ Connection::WaitResult Connection::waitFor(int descriptor, milliseconds limit) {
 }
 
 ssize_t Connection::read(char* bytes, std::size_t size) {
+  if (headFault_ != HeadFault::None) return -1;
+  if (headLeft_ == std::size_t{0}) {
+    headFault_ = HeadFault::TooLong;
+    return -1;
+  }
   if (begin_ == end_) {
     const ssize_t received = receive(buffer_.data(), buffer_.size());
+    if (received < 0 && headLeft_ && timeLeft() <= milliseconds(0)) headFault_ = HeadFault::TooLate;
     if (received <= 0) return received;
     begin_ = 0;
     end_ = static_cast<std::size_t>(received);
   }
-  const std::size_t taken = std::min(size, end_ - begin_);
+  const std::size_t taken = std::min({size, end_ - begin_, headLeft_.value_or(size)});
+  if (headLeft_) *headLeft_ -= taken;
   std::memcpy(bytes, buffer_.data() + begin_, taken);
   begin_ += taken;
   return static_cast<ssize_t>(taken);
 }
 
 ssize_t Connection::receive(char* bytes, std::size_t size) {
-  if (!hasBufferedData() && pollFor(POLLIN, kNoDescriptor, kReadLimit) != PollResult::Socket) return -1;
-  return tls_ ? SSL_read(tls_.get(), bytes, clamped(size)) : recv(socket_, bytes, size, 0);
+  for (;;) {
+    if (tls_) {
+      ERR_clear_error();
+      const int count = SSL_read(tls_.get(), bytes, clamped(size));
+      if (count > 0) return count;
+      if (SSL_get_error(tls_.get(), count) == SSL_ERROR_ZERO_RETURN) return 0;
+      if (!isReadyAgain(count, timeLeft())) return -1;
+    } else {
+      const ssize_t count = recv(socket_, bytes, size, 0);
+      if (count >= 0) return count;
+      if (errno != EAGAIN && errno != EINTR) return -1;
+      if (pollFor(POLLIN, kNoDescriptor, timeLeft()) != PollResult::Socket) return -1;
+    }
+  }
+}
+
+ssize_t Connection::send(const char* bytes, std::size_t size) {
+  for (;;) {
+    if (tls_) {
+      ERR_clear_error();
+      const int count = SSL_write(tls_.get(), bytes, clamped(size));
+      if (count > 0) return count;
+      if (!isReadyAgain(count, kWriteLimit)) return -1;
+    } else {
+      const ssize_t count = ::send(socket_, bytes, size, MSG_NOSIGNAL);
+      if (count >= 0) return count;
+      if (errno != EAGAIN && errno != EINTR) return -1;
+      if (pollFor(POLLOUT, kNoDescriptor, kWriteLimit) != PollResult::Socket) return -1;
+    }
+  }
 }
 
 ssize_t Connection::write(const char* bytes, std::size_t size) {
-  if (cut_ || pollFor(POLLOUT, kNoDescriptor, kWriteLimit) != PollResult::Socket) return -1;
-  // Never blocks in the write itself: a blocked write would not notice that the server stops.
-  if (tls_) return SSL_write(tls_.get(), bytes, clamped(std::min(size, kTLSPiece)));
-  return send(socket_, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+  // The HTTP library would answer a broken head itself, with another status.
+  if (cut_ || headFault_ != HeadFault::None) return -1;
+  return send(bytes, size);
 }
 
 }  // namespace kelvo::collector

@@ -2,9 +2,12 @@
 
 #include <httplib.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -17,11 +20,12 @@ namespace {
 
 /// Enough for twenty open pages with up to seven connections each, and for the hosts.
 constexpr std::size_t kMostThreads = 256;
-constexpr std::size_t kLargestBody = 64U << 20U;  // bytes
+constexpr int kBacklog = 512;
 constexpr std::size_t kRequestsPerConnection = 1'000'000;
 constexpr std::chrono::seconds kKeepAlive{60};
 
 thread_local Connection* currentConnectionOfThread = nullptr;
+thread_local bool isRefusing = false;  // the accepting thread found no worker for the connection
 
 /// Adapts a `Connection` to the HTTP library's stream interface.
 class ConnectionStream final : public httplib::Stream {
@@ -39,10 +43,24 @@ class ConnectionStream final : public httplib::Stream {
   Connection& connection_;
 };
 
+/// Sends status 503 without waiting, and closes. A client of TLS only sees that the connection ends.
+void refuseAtOnce(socket_t socket, bool isTLS) {
+  constexpr std::string_view kAnswer =
+      "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n";
+  if (!isTLS) ::send(socket, kAnswer.data(), kAnswer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  ::shutdown(socket, SHUT_WR);
+  ::close(socket);
+}
+
 /// Adapts `Workers` to the HTTP library's task queue.
 class ConnectionTasks final : public httplib::TaskQueue {
  public:
-  void enqueue(std::function<void()> task) override { workers_.add(std::move(task)); }
+  void enqueue(std::function<void()> task) override {
+    if (workers_.add(task)) return;
+    isRefusing = true;
+    task();
+    isRefusing = false;
+  }
   void shutdown() override { workers_.finish(); }
 
  private:
@@ -80,7 +98,7 @@ class Listener::Acceptor final : public httplib::Server {
 Listener::Acceptor::Acceptor(ConnectionCounts& counts, ssl_ctx_st* tls)
     : counts_(counts), tls_(tls), stopDescriptor_(eventfd(0, EFD_CLOEXEC)) {
   new_task_queue = [] { return std::make_unique<ConnectionTasks>().release(); };
-  set_payload_max_length(kLargestBody);
+  set_payload_max_length(SIZE_MAX);  // the handlers count the bytes of a body while they read it
   // `serve` decides when a connection ends. The library only announces these limits in its Keep-Alive header.
   set_keep_alive_max_count(kRequestsPerConnection);
   set_keep_alive_timeout(kKeepAlive.count());
@@ -98,6 +116,7 @@ Listener::Acceptor::Acceptor(ConnectionCounts& counts, ssl_ctx_st* tls)
 int Listener::Acceptor::listenInThread(const std::string& host, int port) {
   const int bound = port == 0 ? bind_to_any_port(host) : bind_to_port(host, port) ? port : 0;
   if (bound <= 0) return 0;
+  ::listen(svr_sock_, kBacklog);  // the library lets five connections wait; a sixth would have to try again
   thread_ = std::thread([this] { listen_after_bind(); });
   while (!is_running()) std::this_thread::yield();  // the library ignores an earlier stop()
   return bound;
@@ -111,6 +130,10 @@ void Listener::Acceptor::stopAndJoin() {
 }
 
 bool Listener::Acceptor::process_and_close_socket(socket_t socket) {
+  if (isRefusing) {
+    refuseAtOnce(socket, tls_ != nullptr);
+    return true;
+  }
   Connection connection(socket, stopDescriptor_, tls_);
   counts_.opened();
   currentConnectionOfThread = &connection;
@@ -122,9 +145,16 @@ bool Listener::Acceptor::process_and_close_socket(socket_t socket) {
 
 void Listener::Acceptor::serve(Connection& connection) {
   ConnectionStream stream(connection);
-  while (connection.waitForRequest(kKeepAlive)) {
+  std::chrono::milliseconds limit = Connection::kHeadLimit;
+  for (; connection.waitForRequest(limit); limit = kKeepAlive) {
     bool closed = false;
-    if (!process_request(stream, false, closed, nullptr) || closed) return;
+    const bool goesOn = process_request(stream, false, closed, nullptr) && !closed;
+    switch (connection.headFault()) {
+      case Connection::HeadFault::TooLong: return connection.refuse("431 Request Header Fields Too Large");
+      case Connection::HeadFault::TooLate: return connection.refuse("408 Request Timeout");
+      case Connection::HeadFault::None: break;
+    }
+    if (!goesOn) return;
   }
 }
 

@@ -27,7 +27,8 @@ struct ConnectionCounts {
 /// Accepts connections and lets the HTTP library parse their requests and call the handlers.
 ///
 /// Each connection is a `Connection`, which a handler can break, and keeps one thread while it is open. There are at
-/// most 256 threads; further connections wait.
+/// most 256 threads; a further connection gets status 503 at once. A handler, or the routing before it, must call
+/// `Connection::endHead` before it reads a body.
 /// Thread: one thread owns the listener; handlers run on the connection threads.
 class Listener {
  public:

@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "kelvo-collector/debug/Events.h"
 #include "kelvo-collector/debug/Listings.h"
 #include "kelvo-collector/http/Bell.h"
 #include "kelvo-collector/http/Connection.h"

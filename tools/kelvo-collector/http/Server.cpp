@@ -5,6 +5,7 @@
 #include <openssl/ssl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <ctime>
 #include <optional>
 #include <string_view>
@@ -29,6 +30,8 @@ using std::chrono::milliseconds;
 
 constexpr const char* kHost = "127.0.0.1";
 constexpr const char* kJSONType = "application/json";
+constexpr std::size_t kLargestBody = 64U << 20U;         // bytes
+constexpr std::size_t kMostBodyBytes = 256U << 20U;      // of all bodies that arrive at one time
 constexpr std::size_t kAnnouncedSizeOfCutAnswer = 4096;  // bytes; more than the few that are sent
 
 struct TLSFreer {
@@ -81,6 +84,13 @@ void send(const Reply& reply, httplib::Response& response) {
   response.set_content(jsonText(reply.body).value_or("{}"), kJSONType);
 }
 
+/// Answers without reading the rest of the request, so the connection ends.
+void endWith(const Reply& reply, httplib::Response& response) {
+  send(reply, response);
+  response.set_header("Connection", "close");
+  Listener::currentConnection().endAfterAnswer();
+}
+
 void sendCutShort(int status, httplib::Response& response) {
   constexpr std::string_view begun = R"({"hash": ")";
   response.status = status;
@@ -106,6 +116,39 @@ void play(const Script& script, const Reply& answer, httplib::Response& response
   }
 }
 
+/// The body of a request as it arrives, counted in `total` until it is destroyed.
+class ArrivingBody {
+ public:
+  explicit ArrivingBody(std::atomic<std::size_t>& total) : total_(total) {}
+  ~ArrivingBody() { total_ -= text_.size(); }
+  ArrivingBody(const ArrivingBody&) = delete;
+  ArrivingBody& operator=(const ArrivingBody&) = delete;
+
+  /// Returns false if the body, or all bodies together, become too large.
+  [[nodiscard]] bool append(const char* bytes, std::size_t size) {
+    if (text_.size() + size > kLargestBody) {
+      fault_ = {413, "a body has 64 MiB at most"};
+    } else if (total_ + size > kMostBodyBytes) {
+      fault_ = {503, "too many large bodies arrive at once"};
+    }
+    if (fault_.first != 0) return false;
+    total_ += size;
+    text_.append(bytes, size);
+    return true;
+  }
+  [[nodiscard]] const std::string& text() const noexcept { return text_; }
+  /// Returns the answer to a body that did not arrive whole.
+  [[nodiscard]] Reply refused() const {
+    return fault_.first == 0 ? refusal(400, "the body is incomplete or cannot be unpacked")
+                             : refusal(fault_.first, fault_.second);
+  }
+
+ private:
+  std::atomic<std::size_t>& total_;
+  std::string text_;
+  std::pair<int, const char*> fault_{0, nullptr};
+};
+
 }  // namespace
 
 /// The one object behind a server. It composes the service and the debug paths, which do not know each other.
@@ -117,6 +160,8 @@ struct Server::Impl {
   int start(int port, TLSContext context);
   void stop();
   void route(httplib::Server& http);
+  /// Returns the refusal of a request that the caller may not make, nullopt if he may. Reads the head only.
+  [[nodiscard]] std::optional<Reply> refusalOf(const httplib::Request& request) const;
 
   // Thread: the following are called on connection threads.
   void handle(const httplib::Request& request, const std::string& body, httplib::Response& response);
@@ -129,6 +174,8 @@ struct Server::Impl {
   Store& store;
   ServiceState& state;
 
+  std::string token;  // set while the listener does not run; empty for none
+  std::atomic<std::size_t> bodyBytes{0};
   ConnectionCounts counts;
   ScriptBook scripts;
   Bell bell;
@@ -147,13 +194,20 @@ void Server::Impl::route(httplib::Server& http) {
   // We read the body ourselves: the library treats a body without a content type as a form, and refuses a large one.
   const httplib::Server::HandlerWithContentReader withBody = [this](const auto& request, auto& response,
                                                                     const httplib::ContentReader& reader) {
-    std::string body;
-    const auto append = [&body](const char* bytes, std::size_t size) { return body.append(bytes, size), true; };
-    if (reader(append)) handle(request, body, response);
+    ArrivingBody body(bodyBytes);
+    if (reader([&body](const char* bytes, std::size_t size) { return body.append(bytes, size); })) {
+      return handle(request, body.text(), response);
+    }
+    endWith(body.refused(), response);
   };
   http.Post(".*", withBody).Put(".*", withBody);
   // A request without a length has no body, but the library would wait for one until the connection closes.
   http.set_pre_routing_handler([this](const auto& request, auto& response) {
+    Listener::currentConnection().endHead();
+    if (const auto refused = refusalOf(request)) {
+      endWith(*refused, response);
+      return httplib::Server::HandlerResponse::Handled;
+    }
     if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
       return httplib::Server::HandlerResponse::Unhandled;
     }
@@ -186,15 +240,22 @@ void Server::Impl::stop() {
   tls.reset();
 }
 
-void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
+std::optional<Reply> Server::Impl::refusalOf(const httplib::Request& request) const {
   const std::string host = request.get_header_value("Host");
-  if (!isLoopbackHost(host)) return send(refusal(403, "the collector answers to loopback names only"), response);
-  const Question question{request.method, request.path, {request.params.begin(), request.params.end()}, body};
-  if (isDebugPath(request.path)) {
-    const bool own = isOwnOrigin(request.get_header_value("Origin"), host, tls != nullptr);
-    if (!own) return send(refusal(403, "only the collector's own page may ask this"), response);
-    return handleDebug(request, question, response);
+  if (!isLoopbackHost(host)) return refusal(403, "the collector answers to loopback names only");
+  const bool isForeign = !isOwnOrigin(request.get_header_value("Origin"), host, tls != nullptr) ||
+                         isForeignSite(request.get_header_value("Sec-Fetch-Site"));
+  if (isForeign) return refusal(403, "no other web page may ask the collector");
+  if (token.empty() || !isDebugPath(request.path)) return std::nullopt;
+  if (carriesToken(request.get_header_value("Authorization"), request.get_param_value("token"), token)) {
+    return std::nullopt;
   }
+  return refusal(401, "this path needs the token that the collector printed at its start");
+}
+
+void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
+  const Question question{request.method, request.path, {request.params.begin(), request.params.end()}, body};
+  if (isDebugPath(request.path)) return handleDebug(request, question, response);
   const bool reads = request.method == "GET" || request.method == "HEAD";
   if (const PageFile* file = reads ? pageFile(request.path) : nullptr) {
     return response.set_content(file->content.data(), file->content.size(), contentTypeOf(file->name));
@@ -276,6 +337,10 @@ void Server::stop() {
 std::string Server::baseURL() const {
   const Lock lock(impl_->mutex);
   return impl_->baseURL;
+}
+
+void Server::setToken(std::string token) {
+  impl_->token = std::move(token);
 }
 
 Store& Server::store() noexcept {

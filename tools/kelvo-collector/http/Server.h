@@ -19,9 +19,11 @@ class ServiceState;
 /// keeps every request and accepted chunk in its `Store`. It also answers the `/debug` paths and serves the page.
 ///
 /// States: stopped, started. It may be started again, for example on the same port to simulate a network outage.
-/// Each connection has a thread of its own, at most 256, so a request that hangs does not delay the others. The server
-/// refuses a request whose host is not a loopback name. From the first start on, the process ignores SIGPIPE.
-/// Thread: one thread calls `start` and `stop`; everything else is thread-safe.
+/// Each connection has a thread of its own, at most 256, so a request that hangs does not delay the others; a further
+/// connection gets status 503 at once. The server refuses a request whose host is not a loopback name, or that a
+/// foreign web page sends. A body has 64 MiB at most, counted as it arrives and unpacks; all bodies that arrive at one
+/// time have 256 MiB. From the first start on, the process ignores SIGPIPE. Thread: one thread calls `start` and
+/// `stop`; everything else is thread-safe.
 class Server {
  public:
   /// Makes a stopped server with an in-memory store and a service state of its own.
@@ -42,6 +44,9 @@ class Server {
   void stop();
   /// Returns "http://127.0.0.1:PORT" or "https://127.0.0.1:PORT" of the last start, without a slash at the end.
   [[nodiscard]] std::string baseURL() const;
+
+  /// From the next start on, the paths below /debug need `token`; an empty one lifts that.
+  void setToken(std::string token);
 
   [[nodiscard]] Store& store() noexcept;
   [[nodiscard]] ServiceState& state() noexcept;

@@ -5,17 +5,20 @@
 
 namespace kelvo::collector {
 
-void Workers::add(std::function<void()> task) {
+bool Workers::add(std::function<void()> task) {
   const Lock lock(mutex_);
-  queue_.push_back(std::move(task));
-  if (idle_ < queue_.size() && threads_.size() < maximum_) {
+  if (idle_ <= queue_.size()) {
+    if (threads_.size() >= maximum_) return false;
     try {
       threads_.emplace_back([this] { work(); });
-    } catch (const std::system_error&) {
-      // The system refuses another thread: the existing threads run the task later.
+    } catch (const std::system_error&) {  // the system refuses another thread
+      return false;
     }
+    ++idle_;  // the new thread
   }
+  queue_.push_back(std::move(task));
   changed_.notify_one();
+  return true;
 }
 
 void Workers::finish() {
@@ -31,8 +34,7 @@ void Workers::finish() {
 
 void Workers::work() {
   Lock lock(mutex_);
-  for (;;) {
-    ++idle_;
+  for (;; ++idle_) {  // `add` has counted the new thread
     while (!finishing_ && queue_.empty()) lock.wait(changed_);
     --idle_;
     if (queue_.empty()) return;

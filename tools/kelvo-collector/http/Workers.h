@@ -11,8 +11,8 @@
 
 namespace kelvo::collector {
 
-/// A thread pool that grows on demand: it starts a thread when a task finds no idle one, up to a maximum. Further tasks
-/// wait in a queue. A task serves one connection and keeps its thread while the connection is open. Thread-safe.
+/// A thread pool that grows on demand: it starts a thread when a task finds no idle one, up to a maximum. A task serves
+/// one connection and keeps its thread while the connection is open. Thread-safe.
 class Workers {
  public:
   explicit Workers(std::size_t maximum) : maximum_(maximum) {}
@@ -21,7 +21,8 @@ class Workers {
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
-  void add(std::function<void()> task) EXCLUDES(mutex_);
+  /// Returns false, without the task, if no thread is free for it.
+  [[nodiscard]] bool add(std::function<void()> task) EXCLUDES(mutex_);
   /// Blocks until all tasks, queued ones included, have run and all threads have ended. No `add` may follow.
   void finish() EXCLUDES(mutex_);
 

@@ -2,6 +2,19 @@
 
 const RECONNECT_PAUSE = 2000; // milliseconds
 
+/**
+ * The token of a private collector, "" otherwise. It comes with the page's address, behind the "#", which a browser
+ * never sends. The tab remembers it, so that the address can lose it.
+ */
+const token = (() => {
+  const given = /^#token=([0-9a-f]+)$/.exec(location.hash)?.[1];
+  if (given) {
+    sessionStorage.setItem("token", given);
+    history.replaceState(null, "", location.pathname + location.search);
+  }
+  return sessionStorage.getItem("token") ?? "";
+})();
+
 /** A request that failed. `errors` lists the faults of a refused document. */
 export class Refusal extends Error {
   constructor(message, status, errors) {
@@ -23,10 +36,11 @@ async function ask(method, path, parameters, body) {
     if (value !== null && value !== undefined && value !== "") query.set(name, value);
   }
   const address = `${query}` === "" ? path : `${path}?${query}`;
-  const options = { method, cache: "no-store" };
+  const options = { method, cache: "no-store", headers: {} };
+  if (token) options.headers.Authorization = `Bearer ${token}`;
   if (body !== undefined) {
     options.body = body;
-    options.headers = { "Content-Type": "application/json" };
+    options.headers["Content-Type"] = "application/json";
   }
   let answer;
   try {
@@ -60,7 +74,8 @@ export const remove = (path) => ask("DELETE", path);
 export function followStream(onEvent, onState) {
   let source = null;
   const open = () => {
-    source = new EventSource("/debug/stream");
+    // An EventSource cannot send a header.
+    source = new EventSource(token ? `/debug/stream?token=${token}` : "/debug/stream");
     source.addEventListener("open", () => {
       onState("live");
       onEvent("resync", {});

@@ -1,14 +1,16 @@
-// The page: its four views, the tabs that switch between them, and the stream that keeps them current.
+// The page: its six views, the tabs that switch between them, and the stream that keeps them current.
 
 import { followStream, get, post } from "./api.js";
 import { AggregatesView } from "./aggregates.js";
+import { AllEventsView } from "./allevents.js";
 import { byId, coalesced, rove } from "./dom.js";
+import { ExpectationsView } from "./expectations.js";
 import { count, plural } from "./format.js";
 import { LiveView } from "./live.js";
 import { QualityView } from "./quality.js";
 import { ServiceView } from "./service.js";
 
-const TABS = ["live", "quality", "aggregates", "service"];
+const TABS = ["live", "events", "quality", "expectations", "aggregates", "service"];
 
 /** Shows an error until the next success; null hides it. */
 function report(error) {
@@ -18,13 +20,16 @@ function report(error) {
 }
 
 const live = new LiveView(report);
-const quality = new QualityView(live.sessions, (session, event) => {
+const open = (session, event, attribute) => {
   show("live");
-  live.open(session, event).catch(report);
-}, report);
+  live.open(session, event, attribute).catch(report);
+};
+const events = new AllEventsView(open, report);
+const quality = new QualityView(live.sessions, open, report);
+const expectations = new ExpectationsView(open, report);
 const aggregates = new AggregatesView(live.sessions, report);
 const service = new ServiceView(showSwitches, report);
-const views = { quality, aggregates };
+const views = { events, quality, expectations, aggregates };
 let current = "live";
 
 const refreshTotals = coalesced(async () => {
@@ -33,6 +38,8 @@ const refreshTotals = coalesced(async () => {
     `${plural(totals.sessions, "session")} · ${plural(totals.chunks, "chunk")} · ${plural(totals.events, "event")}`;
   byId("problem-count").hidden = totals.problems === 0;
   byId("problem-count").textContent = count(totals.problems);
+  byId("bad-count").hidden = totals.bad === 0;
+  byId("bad-count").textContent = `${count(totals.bad)} bad`;
 }, report, 1000);
 
 /** Shows the number of active switches on the tab, because a forgotten switch is easily taken for a fault. */
@@ -63,7 +70,11 @@ function choose(tab) {
 function onEvent(type, data) {
   if (type === "resync" || type === "reset") report(null);
   if (type === "service" || type === "resync") service.refresh();
-  if (type === "service") return;
+  if (type === "service") {
+    refreshTotals(); // the checks or expectations may have changed
+    if (current === "quality" || current === "expectations") views[current].refresh();
+    return;
+  }
   live.onEvent(type, data);
   refreshTotals();
   views[current]?.refresh();

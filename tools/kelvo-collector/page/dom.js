@@ -69,7 +69,7 @@ export function disclosure(attributes, label, build) {
     const open = button.getAttribute("aria-expanded") !== "true";
     button.setAttribute("aria-expanded", String(open));
     body.hidden = !open;
-    if (open && !body.hasChildNodes()) body.append(build());
+    if (open && !body.hasChildNodes()) body.append(...[build()].flat());
   };
   button.addEventListener("click", toggle);
   return { button, body, toggle };

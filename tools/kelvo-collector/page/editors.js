@@ -8,6 +8,7 @@ let editors = 0;
 /** The common part of both editors: fields, messages, and the buttons that apply or revert the edit. */
 class Editor {
   #stored = null; // the service's document, as text
+  effect = "Applied. It takes effect at the next launch.";
 
   constructor(title, note, fields, send) {
     this.fields = fields;
@@ -33,6 +34,12 @@ class Editor {
     if (!edited || this.text() === stored) this.#revert();
     else if (elsewhere) this.state.textContent = "Changed elsewhere meanwhile; Apply replaces that change.";
     this.#buttons();
+  }
+
+  /** Replaces the text as if the user had typed it. */
+  propose(text) {
+    this.write(text);
+    this.#typed();
   }
 
   #buttons() {
@@ -66,7 +73,7 @@ class Editor {
       this.#stored = text;
       this.#showMessages([]);
       this.#buttons();
-      this.state.textContent = "Applied. It takes effect at the next launch.";
+      this.state.textContent = this.effect;
     } catch (error) {
       this.#showMessages(error.errors?.length > 0 ? error.errors : [error.message]);
     }

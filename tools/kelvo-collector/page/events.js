@@ -1,13 +1,13 @@
-// The events of a session as a paged list, newest first, filtered by kind, name and text. Each unfolds to its
-// attributes and the JSON as received.
+// Events as a paged list, newest first: those of one session, or of all. Each unfolds to its details.
 
 import { get } from "./api.js";
-import { byId, coalesced, disclosure, h, reconcile } from "./dom.js";
-import { coloured, count, indented, plural, preview, shown, sinceLaunch, stringify, typeOf } from "./format.js";
+import { attributesOf, eventDetails } from "./details.js";
+import { coalesced, disclosure, h, reconcile } from "./dom.js";
+import { clock, count, preview, sinceLaunch, stringify } from "./format.js";
 import { icon, labelOf } from "./kinds.js";
 
 const PAGE = 100;
-const TYPING_PAUSE = 200;
+const MOST_REQUESTS = 20; // for one page of a filter that fits few events
 // An aggregate's row shows its counts so far, so it changes. All other events stay as received.
 const keyOf = (event) => (event.kind === "aggregate" ? `${event.id} ${stringify(event.attributes)}` : event.id);
 // The position of a page: below event `after`, with `before` events on the earlier pages (null: unknown).
@@ -19,40 +19,31 @@ function titleOf(event) {
   return typeof message === "string" && message !== "" ? message : event.name;
 }
 
-/** Returns the attributes of an event. For an aggregate, each lists its values with their counts: "5 × 3, 4 × 1". */
-function attributesOf(event) {
-  const attributes = event.attributes ?? {};
-  if (event.kind !== "aggregate") return attributes;
-  const tally = (values) => values.map(([value, times]) => `${shown(value)} × ${count(times)}`).join(", ");
-  return Object.fromEntries(Object.entries(attributes).map(([name, values]) => [name, tally(values)]));
-}
-
 export class EventList {
   #session = null;
-  #filter = { kind: "", name: null, text: "" };
+  #filter = { kind: "", name: null, text: "", user: "" };
   #pages = [FIRST]; // the positions of the pages up to this one
   #newest = 0; // the greatest id shown so far; events above it are new
   #wanted = null; // the event to unfold once it is loaded
+  #marked = null; // the event and the attribute to mark in it
   #turns = 0; // counts page changes; an answer to an earlier page is dropped
   #replace = false; // the next answer replaces the whole list
 
-  constructor(onError) {
-    this.list = byId("events");
-    this.newer = byId("newer");
-    this.range = byId("event-range");
-    this.nameChip = byId("event-name");
+  /**
+   * `parts` are the elements: list, newer, range, newerPage, olderPage. With `onOpen(session, event)`, the list names the
+   * user and the session of each event.
+   */
+  constructor(parts, onError, onOpen = null) {
+    Object.assign(this, parts);
+    this.onOpen = onOpen;
+    this.list.classList.toggle("across", onOpen !== null);
     this.refresh = coalesced(() => this.#load(), onError, 100);
-    let typing = 0;
-    byId("event-text").addEventListener("input", (event) => {
-      clearTimeout(typing);
-      typing = setTimeout(() => this.filter({ text: event.target.value }), TYPING_PAUSE);
-    });
-    this.nameChip.addEventListener("click", () => this.filter({ name: null }));
     this.newer.addEventListener("click", () => this.#first());
-    byId("newer-page").addEventListener("click", () => this.#turn(-1));
-    byId("older-page").addEventListener("click", () => this.#turn(1));
+    this.newerPage.addEventListener("click", () => this.#turn(-1));
+    this.olderPage.addEventListener("click", () => this.#turn(1));
   }
 
+  /** Lists the events of a session, of all sessions if `session` is empty. */
   show(session) {
     this.#session = session;
     this.#newest = 0;
@@ -65,16 +56,13 @@ export class EventList {
 
   #apply(change) {
     Object.assign(this.#filter, change);
-    const { name } = this.#filter;
-    this.nameChip.hidden = name === null;
-    this.nameChip.textContent = `Name: ${name} ×`;
-    this.nameChip.setAttribute("aria-label", `Show all names, not only ${name}`);
     this.#first();
   }
 
-  /** Unfolds the event `id`, whichever page it is on. */
-  open(id) {
+  /** Unfolds the event `id`, whichever page it is on, and marks an attribute of it. */
+  open(id, attribute = "") {
     this.#wanted = id;
+    this.#marked = { id, attribute };
     this.#pages = [FIRST, { after: id + 1, before: null }];
     this.#restart();
   }
@@ -98,17 +86,21 @@ export class EventList {
   }
 
   async #load() {
-    if (!this.#session) return;
+    if (this.#session === null) return;
     const [turn, replace, session, begin] = [this.#turns, this.#replace, this.#session, this.#pages.at(-1)];
     const { after } = begin;
     this.#replace = false;
-    const { kind, name, text } = this.#filter;
-    const page = await get("/debug/events", { session, kind, name, text, after, limit: PAGE, order: "desc" });
+    const filter = { session, ...this.#filter, limit: PAGE, order: "desc" };
+    let page = await get("/debug/events", { ...filter, after });
+    // The collector examines a limited number of events per request.
+    for (let i = 1; i < MOST_REQUESTS && page.events.length === 0 && page.next && turn === this.#turns; i += 1) {
+      page = await get("/debug/events", { ...filter, after: page.next });
+    }
     if (turn !== this.#turns) return;
     if (!replace && this.#holdsBack(page)) return;
 
     // A chunk lists its events by kind. Sort them from the newest to the oldest.
-    page.events.sort((a, b) => b.chunk - a.chunk || b.time - a.time || b.id - a.id);
+    page.events.sort((a, b) => b.received - a.received || b.chunk - a.chunk || b.time - a.time || b.id - a.id);
     const { length } = page.events;
     const before = begin.before === null ? null : begin.before + length;
     this.next = page.next === null ? null : { after: page.next, before };
@@ -137,14 +129,14 @@ export class EventList {
     const { length } = page.events;
     let text = length === 0 ? "No events" : `${count(before + 1)}–${count(before + length)}`;
     if (length > 0 && typeof page.total === "number") text += ` of ${count(page.total)}`;
-    // The collector examines a limited number of events per page, so a page may be empty without being the last.
     if (length === 0 && page.next) text = "None found yet; Older continues the search";
     if (length > 0 && before === null) text = "From the requested event";
     this.range.textContent = text;
-    byId("newer-page").disabled = this.#pages.length === 1;
-    byId("older-page").disabled = !page.next;
-    const filtered = this.#filter.kind || this.#filter.text || this.#filter.name !== null;
-    this.list.dataset.empty = filtered ? "No event fits the filter." : "No events in this session yet.";
+    this.newerPage.disabled = this.#pages.length === 1;
+    this.olderPage.disabled = !page.next;
+    const filtered = this.#filter.kind || this.#filter.text || this.#filter.user || this.#filter.name !== null;
+    const none = this.#session === "" ? "No events yet." : "No events in this session yet.";
+    this.list.dataset.empty = filtered ? "No event fits the filter." : none;
   }
 
   #unfoldWanted() {
@@ -160,50 +152,26 @@ export class EventList {
   #row(event, fresh) {
     const { button, body } = disclosure({ class: "event-head" }, "", () => this.#details(event, body));
     button.append(
-      h("span", { class: "time" }, sinceLaunch(event.time)),
+      h("span", { class: "time" }, this.onOpen ? clock(event.received) : sinceLaunch(event.time)),
       h("span", { class: "kind" }, icon(event.kind), labelOf(event.kind)),
       h("span", { class: "name" }, titleOf(event) || h("em", {}, "(no name)")),
       h("span", { class: "preview" }, preview(attributesOf(event))),
-      h("span", { class: "chunk-number", title: "Chunk" }, event.chunk === null ? "" : `#${event.chunk}`),
+      this.onOpen
+        ? h("span", { class: "user", title: `Session ${event.session}` }, event.user || "–")
+        : h("span", { class: "chunk-number", title: "Chunk" }, event.chunk === null ? "" : `#${event.chunk}`),
     );
     return h("li", { class: fresh ? "fresh" : null, "data-kind": event.kind }, button, body);
   }
 
   #details(event, body) {
-    const attributes = Object.entries(attributesOf(event));
-    const table = attributes.length === 0
-      ? h("p", { class: "muted" }, "No attributes.")
-      : h("dl", { class: "attributes" }, attributes.map(([name, value]) => [
-          h("dt", {}, name),
-          h("dd", {}, h("span", { class: "value" }, shown(value)),
-            event.kind !== "aggregate" && h("span", { class: "type" }, typeOf(value))),
-        ]));
-    const received = h("div", { class: "received" }, h("p", { class: "muted" }, "Loading"));
-    get("/debug/event", { id: event.id })
-      .then((answer) => received.replaceChildren(...jsonView(answer)))
-      .catch((error) => received.replaceChildren(h("p", { class: "bad-text" }, error.message)));
     body.classList.add("details");
-    return h("div", { class: "columns" },
-      h("div", {}, h("h4", {}, plural(attributes.length, "attribute")), table), received);
+    const marked = this.#marked?.id === event.id ? this.#marked.attribute : "";
+    const open = this.onOpen && h("button", { type: "button", class: "quiet", click: () => this.onOpen(event.session, event.id) },
+      "Show in session");
+    return [
+      this.onOpen && h("p", { class: "whose" },
+        event.user ? h("span", { class: "user" }, event.user) : null, h("code", {}, event.session), open),
+      eventDetails(event, marked),
+    ].filter(Boolean);
   }
-}
-
-/** Returns the JSON as received, with a button that indents it. */
-function jsonView(answer) {
-  const code = h("code", {}, coloured(answer.json));
-  const wrap = h("button", { type: "button", class: "chip", "aria-pressed": "false" }, "Indented");
-  wrap.addEventListener("click", () => {
-    const on = wrap.getAttribute("aria-pressed") !== "true";
-    wrap.setAttribute("aria-pressed", String(on));
-    code.replaceChildren(...coloured(on ? indented(answer.json) : answer.json));
-  });
-  const copy = h("button", { type: "button", class: "chip" }, "Copy");
-  copy.addEventListener("click", async () => {
-    await navigator.clipboard.writeText(answer.json);
-    copy.textContent = "Copied";
-  });
-  return [
-    h("h4", {}, `JSON as received, request ${answer.request}`, h("span", { class: "actions" }, wrap, copy)),
-    h("pre", { class: "json" }, code),
-  ];
 }

@@ -4,6 +4,7 @@ import { h } from "./dom.js";
 
 const wholeNumber = new Intl.NumberFormat("en");
 const seconds = [1, 3].map((digits) => new Intl.NumberFormat("en", { maximumFractionDigits: digits }));
+const compactNumber = new Intl.NumberFormat("en", { notation: "compact", maximumSignificantDigits: 2 });
 const pad = (number) => String(number).padStart(2, "0");
 
 export function count(number) {
@@ -12,6 +13,11 @@ export function count(number) {
 
 export function plural(number, one, many = `${one}s`) {
   return `${count(number)} ${number === 1 ? one : many}`;
+}
+
+/** Formats a number in at most four letters: "999", "1.2k", "34k", "5M". */
+export function compact(number) {
+  return compactNumber.format(number).toLowerCase();
 }
 
 /** Formats a duration in seconds: "12.5 s", "3 min 05 s", "1 h 02 min". */
@@ -62,10 +68,14 @@ export function typeOf(value) {
   return { string: "text", bigint: "number", boolean: "bool" }[typeof value] ?? typeof value;
 }
 
-/** Returns the attributes as "item=book  price=12.5", cut after `limit` letters. */
+/** Returns true for an attribute that the library itself adds to an event. */
+export const isOfLibrary = (name) => name.startsWith("klv_");
+
+/** Returns the host's own attributes as "item=book  price=12.5", cut after `limit` letters. */
 export function preview(attributes, limit = 160) {
   let text = "";
   for (const [name, value] of Object.entries(attributes ?? {})) {
+    if (isOfLibrary(name)) continue;
     text += `${text && "  "}${name}=${shown(value)}`;
     if (text.length > limit) return `${text.slice(0, limit)}…`;
   }
@@ -107,7 +117,20 @@ export function indented(text) {
   return result;
 }
 
-/** Returns the JSON text unchanged, as coloured elements. */
-export function coloured(text) {
-  return [...tokens(text)].map(([piece, kind]) => (kind ? h("span", { class: kind }, piece) : piece));
+/** Returns the text of a key token of JSON. */
+function keyOf(piece) {
+  try {
+    return JSON.parse(piece.replace(/\s*:$/, ""));
+  } catch {
+    return null;
+  }
+}
+
+/** Returns the JSON text unchanged, as coloured elements. Marks the keys that are `marked`. */
+export function coloured(text, marked = "") {
+  return [...tokens(text)].map(([piece, kind]) => {
+    if (!kind) return piece;
+    const isMarked = marked !== "" && kind === "json-key" && keyOf(piece) === marked;
+    return h("span", { class: isMarked ? `${kind} marked` : kind }, piece);
+  });
 }

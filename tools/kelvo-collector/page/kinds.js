@@ -20,7 +20,7 @@ const OTHER = { path: (r) => `M0 ${-r * 1.2}L${r * 1.1} ${r}H${-r * 1.1}z` };
 const ORDER = Object.keys(KINDS);
 
 /** Returns the class name for the style sheet. An unknown, received kind never becomes a class name. */
-function classOf(kind) {
+export function classOf(kind) {
   return ORDER.includes(kind) ? `kind-${kind}` : "kind-other";
 }
 

@@ -8,18 +8,29 @@ import { icon, labelOf, sortedKinds } from "./kinds.js";
 import { SessionList, flagsOf, versionOf } from "./sessions.js";
 import { Timeline } from "./timeline.js";
 
+const TYPING_PAUSE = 200; // milliseconds
+
 export class LiveView {
   #id = null;
   #sessionChanged = true; // since the last timeline
   #kind = "";
 
   constructor(onError) {
-    this.sessions = new SessionList((row, byUser) => this.#chosen(row, byUser));
-    this.events = new EventList(onError);
+    this.sessions = new SessionList((row, byUser) => this.#chosen(row, byUser), onError);
+    this.events = new EventList({
+      list: byId("events"), newer: byId("newer"), range: byId("event-range"),
+      newerPage: byId("newer-page"), olderPage: byId("older-page"),
+    }, onError);
     this.timeline = new Timeline(byId("plot"), byId("readout"), (kind, name) => {
       this.#filterKind(kind);
-      this.events.filter({ name });
+      this.#filterName(name);
+    }, (from, to) => get("/debug/timeline", { session: this.#id, from, to }).then((part) => part.points, onError));
+    let typing = 0;
+    byId("event-text").addEventListener("input", (event) => {
+      clearTimeout(typing);
+      typing = setTimeout(() => this.events.filter({ text: event.target.value }), TYPING_PAUSE);
     });
+    byId("event-name").addEventListener("click", () => this.#filterName(null));
     this.follow = byId("follow");
     this.follow.addEventListener("change", () => this.#chooseNewest());
     this.reload = coalesced(() => this.#reload(), onError);
@@ -48,18 +59,19 @@ export class LiveView {
     }
   }
 
-  /** Chooses a session and unfolds `event`, if given. Rejects if the session is unknown. */
-  async open(id, event = null) {
+  /** Chooses a session, unfolds `event` and marks `attribute` in it, if given. Rejects if the session is unknown. */
+  async open(id, event = null, attribute = "") {
     this.follow.checked = false;
     if (!this.sessions.rows().some((row) => row.id === id)) {
-      await this.sessions.put((await get("/debug/session", { id })).session);
+      await this.sessions.put((await get("/debug/session", { id })).session, true);
     }
     this.sessions.choose(id, true);
     if (event === null) return;
     this.#filterKind("");
     byId("event-text").value = "";
-    this.events.filter({ text: "", name: null });
-    this.events.open(event);
+    this.#filterName(null);
+    this.events.filter({ text: "" });
+    this.events.open(event, attribute);
   }
 
   async #reload() {
@@ -68,7 +80,7 @@ export class LiveView {
     // A session that the user chose may not be on the first page.
     if (id && !this.sessions.chosen) {
       try {
-        await this.sessions.put((await get("/debug/session", { id })).session);
+        await this.sessions.put((await get("/debug/session", { id })).session, true);
       } catch {
         this.sessions.forget();
         this.#id = null;
@@ -86,8 +98,9 @@ export class LiveView {
   #chooseNewest() {
     const newest = this.sessions.rows()[0];
     if (newest && (this.follow.checked || !this.sessions.chosen)) this.sessions.choose(newest.id);
-    byId("welcome").hidden = Boolean(newest);
-    byId("chosen").hidden = !newest;
+    const empty = this.sessions.size === 0 && byId("find-session").value === "";
+    byId("welcome").hidden = !empty;
+    byId("chosen").hidden = !this.sessions.chosen;
   }
 
   #chosen(row, byUser) {
@@ -100,6 +113,7 @@ export class LiveView {
     byId("chosen").hidden = false;
     byId("session-head").replaceChildren(...headOf(row));
     this.events.show(row.id);
+    this.#filterName(null);
     this.#filterKind("");
     this.refreshHead();
     this.refreshTimeline();
@@ -121,12 +135,10 @@ export class LiveView {
     if (id !== this.#id) return;
     this.timeline.show(data, this.#sessionChanged);
     this.#sessionChanged = false;
-    // Some kinds have no marks. The number of events is known only if the timeline shows all of them.
+    // Some kinds have no marks, so their number in this session is unknown.
     const totals = new Map(Object.keys(all.byKind).map((kind) => [kind, null]));
-    if (!data.sampled) {
-      for (const point of data.points) totals.set(point.kind, (totals.get(point.kind) ?? 0) + point.count);
-      if (data.screens.length > 0) totals.set("navigation", data.screens.length);
-    }
+    for (const point of data.points) totals.set(point.kind, (totals.get(point.kind) ?? 0) + point.count);
+    if (!data.sampled && data.screens.length > 0) totals.set("navigation", data.screens.length);
     this.#legend(totals);
   }
 
@@ -145,6 +157,14 @@ export class LiveView {
     }
   }
 
+  #filterName(name) {
+    const chip = byId("event-name");
+    chip.hidden = name === null;
+    chip.textContent = `Name: ${name} ×`;
+    chip.setAttribute("aria-label", `Show all names, not only ${name}`);
+    this.events.filter({ name });
+  }
+
   /** Applies to the plot and the list. */
   #filterKind(kind) {
     this.#kind = kind;
@@ -161,6 +181,7 @@ function headOf(row, details = null) {
   return [
     h("div", { class: "title" },
       h("h2", {}, row.app_name || row.application, " ", versionOf(row)),
+      row.user ? h("span", { class: "user", title: "The host's id of its user" }, row.user) : null,
       flagsOf(row)),
     h("dl", { class: "facts" },
       fact("Launched", `${clock(row.launch_time)}, ${row.launch_type || "–"}`),

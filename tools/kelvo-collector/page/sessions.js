@@ -1,7 +1,7 @@
 // The list of sessions, newest first. A badge counts the events that arrived since a session was last shown.
 
 import { get } from "./api.js";
-import { byId, h, reconcile } from "./dom.js";
+import { byId, coalesced, h, reconcile } from "./dom.js";
 import { clock, count, duration, plural } from "./format.js";
 
 const PAGE = 50;
@@ -14,15 +14,22 @@ export class SessionList {
   #optionIds = new Map();
   #next = null;
   #chosen = null;
+  #find = ""; // text by which the list is limited
+  #outside = null; // the chosen session if it does not fit that text; it is not in the list
   #putMeanwhile = null; // rows received while the list loads, and so newer than it
 
   /** Calls `onChoose(row, byUser)` when the chosen session changes. */
-  constructor(onChoose) {
+  constructor(onChoose, onError) {
     this.onChoose = onChoose;
     this.list = byId("sessions");
     this.older = byId("older-sessions");
     this.list.addEventListener("keydown", (event) => this.#key(event));
     this.older.addEventListener("click", () => this.#loadMore());
+    this.reload = coalesced(() => this.load(), onError, 200);
+    byId("find-session").addEventListener("input", (event) => {
+      this.#find = event.target.value.trim();
+      this.reload();
+    });
   }
 
   get chosen() {
@@ -35,16 +42,22 @@ export class SessionList {
 
   /** Returns the rows, newest first. */
   rows() {
-    return [...this.#rows.values()].sort((a, b) => b.last_received - a.last_received || (a.id < b.id ? 1 : -1));
+    return [...this.#rows.values()].filter((row) => row.id !== this.#outside).sort((a, b) => b.last_received - a.last_received || (a.id < b.id ? 1 : -1));
   }
 
   async load() {
     const first = this.#rows.size === 0;
     const meanwhile = (this.#putMeanwhile = new Map());
-    const page = await get("/debug/sessions", { limit: PAGE });
+    const page = await get("/debug/sessions", { limit: PAGE, find: this.#find });
     if (meanwhile !== this.#putMeanwhile) return; // another load or a reset came first
     this.#putMeanwhile = null;
+    const chosen = this.chosen;
     this.#rows.clear();
+    this.#outside = null;
+    if (chosen && this.#find !== "" && !page.sessions.some((row) => row.id === chosen.id)) {
+      this.#rows.set(chosen.id, chosen);
+      this.#outside = chosen.id;
+    }
     for (const row of page.sessions) {
       this.#rows.set(row.id, row);
       // Events that arrived before the page opened are not new.
@@ -56,7 +69,7 @@ export class SessionList {
   }
 
   async #loadMore() {
-    const page = await get("/debug/sessions", { limit: PAGE, before: this.#next });
+    const page = await get("/debug/sessions", { limit: PAGE, before: this.#next, find: this.#find });
     for (const row of page.sessions) {
       this.#rows.set(row.id, row);
       if (!this.#seen.has(row.id)) this.#seen.set(row.id, row.events);
@@ -65,10 +78,14 @@ export class SessionList {
     this.#draw();
   }
 
-  /** Adds or replaces a row. */
-  async put(row) {
+  /** Adds or replaces a row. While the list is limited, a new row appears only if it fits, or `always`. */
+  async put(row, always = false) {
+    if (this.#find !== "" && !always && !this.#rows.has(row.id)) {
+      this.reload();
+      return;
+    }
+    if (this.#find === "") this.#putMeanwhile?.set(row.id, row);
     this.#rows.set(row.id, row);
-    this.#putMeanwhile?.set(row.id, row);
     if (this.#rows.size > MOST) await this.load();
     else this.#draw();
   }
@@ -78,6 +95,7 @@ export class SessionList {
     this.#seen.clear();
     this.#optionIds.clear();
     this.#chosen = null;
+    this.#outside = null;
     this.#next = null;
     this.#putMeanwhile = null;
     this.#draw();
@@ -109,6 +127,7 @@ export class SessionList {
 
   #draw() {
     if (this.chosen) this.#seen.set(this.#chosen, this.chosen.events);
+    this.list.dataset.empty = this.#find === "" ? "None yet" : "No session fits.";
     reconcile(this.list, this.rows(), (row) => row.id, (row) => this.#option(row));
     for (const option of this.list.children) this.#update(option, this.#rows.get(option.itemKey));
     this.older.hidden = this.#next === null || this.#next === undefined;
@@ -128,13 +147,15 @@ export class SessionList {
     const state = JSON.stringify([row, unseen], (key, value) => (typeof value === "bigint" ? String(value) : value));
     if (option.drawn === state) return;
     option.drawn = state;
+    const unusual = row.launch_type && row.launch_type !== "normal" ? ` · ${row.launch_type}` : "";
     option.replaceChildren(
-      h("span", { class: "name" },
-        row.app_name || row.application, " ", versionOf(row)),
+      row.user
+        ? h("span", { class: "name user" }, row.user)
+        : h("span", { class: "name" }, row.app_name || row.application, " ", versionOf(row)),
       h("time", { class: "when" }, clock(row.launch_time)),
-      h("span", { class: "machine" }, [row.hardware_model, row.os_version, row.device].filter(Boolean).join(" · ")),
+      h("span", { class: "machine" }, [row.user && (row.app_name || row.application), row.user && versionText(row), row.hardware_model, row.os_version, row.device].filter(Boolean).join(" · ")),
       h("span", { class: "facts" },
-        h("span", {}, `${plural(row.events, "event")} · ${duration(row.duration)} · ${row.launch_type || "launch"}`),
+        h("span", {}, `${plural(row.events, "event")} · ${duration(row.duration)}${unusual}`),
         h("span", { class: "flags" }, flagsOf(row),
           unseen > 0
             ? h("span", { class: "badge new", title: "Arrived since you last looked" }, `${count(unseen)} new`)
@@ -145,7 +166,11 @@ export class SessionList {
 
 /** Returns the version, null if the application has no bundle; its version is then "()". */
 export function versionOf(row) {
-  return row.app_version && row.app_version !== "()" ? h("span", { class: "version" }, row.app_version) : null;
+  return versionText(row) ? h("span", { class: "version" }, row.app_version) : null;
+}
+
+function versionText(row) {
+  return row.app_version && row.app_version !== "()" ? row.app_version : null;
 }
 
 /** Returns badges for a first launch, a fatal end and problems. */
@@ -163,7 +188,7 @@ export function fillSessionSelect(select, rows) {
   select.replaceChildren(
     h("option", { value: "" }, "All sessions"),
     ...rows.map((row) =>
-      h("option", { value: row.id }, `${row.app_name || row.application} · ${clock(row.launch_time)}`)),
+      h("option", { value: row.id }, `${row.user || row.app_name || row.application} · ${clock(row.launch_time)}`)),
   );
   select.value = rows.some((row) => row.id === value) ? value : "";
 }

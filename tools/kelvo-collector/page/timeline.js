@@ -1,20 +1,18 @@
 // Plots one session over the seconds since its launch: chunk boundaries, foreground, screens, and a lane of marks for
-// each kind of event. Sizes are SVG attributes, because the content security policy forbids inline styles.
+// each kind of event (lanes.js). Sizes are SVG attributes, because the content security policy forbids inline styles.
 
 import { s } from "./dom.js";
-import { count, duration, sinceLaunch } from "./format.js";
-import { glyph, labelOf, sortedKinds } from "./kinds.js";
+import { duration, sinceLaunch } from "./format.js";
+import { labelOf, sortedKinds } from "./kinds.js";
+import { arrange, drawLane } from "./lanes.js";
 
 // Heights in pixels.
 const AXIS = 22;
 const CHUNKS = 18;
 const ACTIVE = 14;
 const SCREENS = 26;
-const LANE = 22; // of a lane with one level of marks
-const LEVEL = 9; // of each further level
 const GAP = 5;
 
-const MOST_LEVELS = 6;
 const TINTS = 6;
 const LETTER = 6.4; // approximate width of a letter in pixels
 // Distances between two ticks of the axis, in seconds.
@@ -24,16 +22,21 @@ const REACH = 14; // greatest distance in pixels between the pointer and the mar
 
 export class Timeline {
   #data = null;
+  #marked = []; // the points in the plot: those of the data, or of the zoomed period if the data gathers them
   #kind = "";
   #range = null; // [from, to] in seconds if zoomed
-  #marks = []; // the targets of pointer and arrow keys: {left, right, y, text, pick}
+  #marks = []; // the targets of pointer and arrow keys: {left, right, y, text, pick or zoom}
   #cursor = -1;
 
-  /** Calls `onPick(kind, name)` when the user chooses a mark. */
-  constructor(host, readout, onPick) {
+  /**
+   * Calls `onPick(kind, name)` when the user chooses a mark; the name is null for a bar of events with several names.
+   * `load(from, to)` returns a promise of the points in a period.
+   */
+  constructor(host, readout, onPick, load) {
     this.host = host;
     this.readout = readout;
     this.onPick = onPick;
+    this.load = load;
     new ResizeObserver(() => this.#draw()).observe(host);
     host.addEventListener("keydown", (event) => this.#key(event));
     host.addEventListener("pointermove", (event) => this.#hover(event));
@@ -45,6 +48,18 @@ export class Timeline {
   show(data, sessionChanged) {
     this.#data = data;
     if (sessionChanged) this.#range = null;
+    if (!this.#range || !data.gathered) this.#marked = data.points;
+    this.#draw();
+    this.#loadRange();
+  }
+
+  /** Gets the points of the zoomed period if the data gathers too many of them. */
+  async #loadRange() {
+    const [range, data] = [this.#range, this.#data];
+    if (!range || !data.gathered) return;
+    const points = await this.load(Math.floor(range[0]), Math.ceil(range[1]) + 1);
+    if (!points || range !== this.#range || data !== this.#data) return;
+    this.#marked = points;
     this.#draw();
   }
 
@@ -63,7 +78,7 @@ export class Timeline {
 
   #whole() {
     const { length, points, screens, chunks } = this.#data;
-    const times = [0, 1, length ?? 0, ...points.map((p) => p.time), ...chunks.map((c) => c.time ?? 0),
+    const times = [0, 1, length ?? 0, ...points.map((p) => p.time + (p.span ?? 0)), ...chunks.map((c) => c.time ?? 0),
       ...screens.flatMap((b) => [b.start, b.start + b.duration])];
     return [times.reduce((a, b) => Math.min(a, b)), times.reduce((a, b) => Math.max(a, b))];
   }
@@ -77,7 +92,9 @@ export class Timeline {
     const [from, to] = range ? [Math.max(first, range[0]), Math.min(last, range[1])] : [first, last];
     if (to - from < 0.2) return;
     this.#range = from === first && to === last ? null : [from, to];
+    this.#marked = this.#data.points;
     this.#draw();
+    this.#loadRange();
   }
 
   #draw() {
@@ -108,8 +125,8 @@ export class Timeline {
 
   #summary() {
     const { screens, points, chunks } = this.#data;
-    const marks = `${points.length} marks of events`;
-    return `${screens.length} screens, ${marks}, ${chunks.length} chunks in ${duration(this.#whole()[1])}`;
+    const events = points.reduce((sum, point) => sum + point.count, 0);
+    return `${screens.length} screens, ${events} events, ${chunks.length} chunks in ${duration(this.#whole()[1])}`;
   }
 
   #visible(timed) {
@@ -132,22 +149,11 @@ export class Timeline {
     return tops[lane];
   }
 
-  /** Places the marks of each kind in a lane. Marks that would overlap go to further levels, up to a maximum. */
   #lanes(kinds) {
-    const { x } = this.frame;
     let top = this.#top("points");
     return kinds.map((kind) => {
-      const ends = []; // the right end of the last mark on each level
-      const placed = this.#visible(this.#data.points).filter((point) => point.kind === kind)
-        .sort((a, b) => a.time - b.time).map((point) => {
-          const radius = Math.min(8, 3.6 + Math.log2(Math.max(1, point.count)) / 2);
-          const at = x(point.time);
-          let level = ends.findIndex((end) => at - radius >= end);
-          if (level < 0) level = Math.min(ends.length, MOST_LEVELS - 1);
-          ends[level] = at + radius + 0.5;
-          return { point, at, radius, level };
-        });
-      const lane = { kind, top, placed, height: LANE + LEVEL * Math.max(0, ends.length - 1) };
+      const lane = arrange(this.#marked.filter((point) => point.kind === kind), this.frame);
+      Object.assign(lane, { kind, top });
       top += lane.height;
       return lane;
     });
@@ -222,18 +228,11 @@ export class Timeline {
   }
 
   #points(lanes) {
-    return lanes.flatMap(({ kind, top, height, placed }) => placed.map(({ point, at, radius, level }) => {
-      const y = top + height - LANE / 2 - level * LEVEL;
-      const times = point.count > 1 ? ` × ${count(point.count)}` : "";
-      this.#marks.push({
-        left: at, right: at, y, pick: [kind, point.name],
-        text: `${sinceLaunch(point.time)} ${labelOf(kind)}: ${point.name || "(no name)"}${times}`,
-      });
-      return glyph(kind, at, y, radius, {
-        "data-kind": kind, "data-name": point.name, "data-time": point.time, "data-count": point.count,
-        opacity: this.#kind && this.#kind !== kind ? 0.2 : null,
-      });
-    }));
+    return lanes.flatMap((lane) => {
+      const { shapes, marks } = drawLane(lane, this.#kind && this.#kind !== lane.kind ? 0.2 : null);
+      this.#marks.push(...marks);
+      return shapes;
+    });
   }
 
   #chunks() {
@@ -266,7 +265,7 @@ export class Timeline {
       this.crosshair.setAttribute("d", `M${mark.left.toFixed(1)} ${AXIS - 4}V${this.frame.height}`);
     }
     const resting = this.#data?.sampled
-      ? "Too many marks for a plot: this is a sample of the whole session."
+      ? "Too many screens for a plot: this is a sample of them."
       : "Drag across the plot to zoom; arrow keys step through it.";
     this.readout.textContent = mark?.text ?? resting;
   }
@@ -291,7 +290,8 @@ export class Timeline {
 
   #pick(index) {
     const mark = this.#marks[index];
-    if (mark?.pick) this.onPick(...mark.pick);
+    if (mark?.zoom) this.#zoomTo(mark.zoom);
+    else if (mark?.pick) this.onPick(...mark.pick);
   }
 
   /** Zooms to the dragged period; a click picks the mark below the pointer. */

@@ -1,8 +1,10 @@
 #include "kelvo-collector/service/Documents.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <iterator>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "kelvo-collector/service/ServiceState.h"
@@ -43,6 +45,8 @@ constexpr Member kPlugInKeys[] = {{"platform", Type::Text},
                                   {"Monitoring", Type::Object},
                                   {"Modules", Type::Object},
                                   {"service_paths", Type::Object}};
+/// The events of the library's own that no list may name.
+constexpr std::string_view kTriggers[] = {"klv_app_opened", "BACKGROUND", "FOREGROUND"};
 constexpr Member kHeartbeatKeys[] = {{"enable", Type::Bool}, {"hour", Type::Hour}, {"minute", Type::Minute}};
 
 constexpr std::int64_t kLastHour = 23;
@@ -116,6 +120,12 @@ Errors applyConfiguration(ServiceState& state, const Value& body) {
   return errors;
 }
 
+/// Returns true for an event of the library that makes it cut or flush. A list with such a name would stop all
+/// delivery.
+bool isTrigger(const std::string& name) {
+  return std::find(std::begin(kTriggers), std::end(kTriggers), name) != std::end(kTriggers);
+}
+
 Errors applyClientEvents(ServiceState& state, const Value& body) {
   const auto* object = body.get<Dictionary>();
   if (object == nullptr) return {"the body is not an object with the lists action, agg and stop"};
@@ -132,17 +142,21 @@ Errors applyClientEvents(ServiceState& state, const Value& body) {
     if (events == nullptr && !list.isNull()) errors.push_back(std::string(names[i]) + " is not a list");
     for (std::size_t k = 0; k < lists[i].size(); ++k) {
       const auto* name = lists[i][k].get<std::string>();
-      if (name != nullptr && !name->empty()) continue;
-      errors.push_back(std::string(names[i]) + "[" + std::to_string(k) + "] is not the name of an event");
+      const std::string place = std::string(names[i]) + "[" + std::to_string(k) + "]";
+      if (name == nullptr || name->empty()) {
+        errors.push_back(place + " is not the name of an event");
+      } else if (isTrigger(*name)) {
+        errors.push_back(place + " is " + *name + ", which makes the library send its chunks");
+      }
     }
   }
   if (errors.empty()) state.setClientEvents(lists[0], lists[1], lists[2]);
   return errors;
 }
 
-/// Ids are sent as "PID_MID,PID_MID", so neither may contain a separator.
+/// Ids are sent in a query as "PID_MID,PID_MID", so neither may contain a separator, or a plus that reads as a blank.
 bool isActionId(const std::string* text) {
-  return text != nullptr && !text->empty() && text->find_first_of("_,") == std::string::npos;
+  return text != nullptr && !text->empty() && text->find_first_of("_,+") == std::string::npos;
 }
 
 Errors applyActions(ServiceState& state, const std::string& type, const Value& body) {
@@ -162,8 +176,8 @@ Errors applyActions(ServiceState& state, const std::string& type, const Value& b
     const auto* mid = (*action)["mid"].get<std::string>();
     const auto* config = (*action)["config"].get<Dictionary>();
     const auto* id = config == nullptr ? nullptr : (*config)["_id"].get<std::string>();
-    if (!isActionId(pid)) errors.push_back(place + ": pid is not a text without \"_\" and \",\"");
-    if (!isActionId(mid)) errors.push_back(place + ": mid is not a text without \"_\" and \",\"");
+    if (!isActionId(pid)) errors.push_back(place + ": pid is not a text without \"_\", \",\" and \"+\"");
+    if (!isActionId(mid)) errors.push_back(place + ": mid is not a text without \"_\", \",\" and \"+\"");
     if (config == nullptr) errors.push_back(place + ": config is not an object");
     if (config != nullptr && (id == nullptr || id->empty())) errors.push_back(place + ": config has no text \"_id\"");
     if (pid != nullptr && !pids.insert(*pid).second) errors.push_back(place + ": an earlier action has the same pid");

@@ -33,7 +33,8 @@ constexpr Kind kKinds[] = {
     {"user_events", "user", "id", "time", nullptr},
     {"incidents", "observation", "incident_id", "time_of_occurrence", "incident_specific_details"}};
 constexpr const char* kAggregates = "agg_events";
-constexpr double kLatestSecond = 1e9;  // times are clamped to this distance from the launch, in seconds
+constexpr const char* kUserId = "custom_user_id";  // among the user attributes
+constexpr double kLatestSecond = 1e9;              // times are clamped to this distance from the launch, in seconds
 constexpr std::string_view kNavigation = "navigation";
 constexpr std::string_view kApp = "app";
 
@@ -91,8 +92,10 @@ void keepUserAttributes(Database& database, const std::string& application, cons
 /// Stores one chunk. Used once.
 class ChunkKeeper {
  public:
-  ChunkKeeper(Database& database, const ArrivedBody& arrived, const std::string& application)
+  ChunkKeeper(Database& database, const ArrivedBody& arrived, const std::string& application,
+              const Expectations& expectations)
       : database_(database),
+        expectations_(expectations),
         arrived_(arrived),
         application_(application),
         body_(dictionaryFromJSON(arrived.body)),
@@ -100,13 +103,15 @@ class ChunkKeeper {
         details_(part("chunk_details")),
         device_(part("device_info")),
         userAttributes_(details_["user_attributes"].asDictionary().value_or(Dictionary())),
+        sessionId_(description(record_["id"])),
+        userId_(userAttributes_[kUserId].asText().value_or("")),
         id_(description(part("chunk_meta")["id"])),
         number_(part("chunk_meta")["number"].asInt64()) {}
 
   void keep() {
     keepSession();
     keepRow();
-    Quality quality(database_, session_, number_, arrived_.time);
+    Quality quality(database_, {session_, number_, arrived_.time}, sessionId_, expectations_);
     ChunkCounts chunkCounts(database_, session_);
     if (conflict_) quality.reportConflict(id_, firstRequest_, arrived_.sequence);
     if (!conflict_ && !duplicate_) {
@@ -127,18 +132,18 @@ class ChunkKeeper {
   [[nodiscard]] Array listOf(const char* name) const { return details_[name].asArray().value_or(Array()); }
 
   void keepSession() {
-    const std::string sessionId = description(record_["id"]);
     {
       Database::Query known(database_, "SELECT key, highest_chunk FROM sessions WHERE id = ? AND application = ?",
-                            sessionId, application_);
+                            sessionId_, application_);
       if (known.next()) {
         session_ = known.number();
         highestNumber_ = known.number();
       }
     }
     if (session_ == 0) {
-      Database::Query(database_, "INSERT INTO sessions VALUES (NULL, ?, ?, '', '', '', '', '', ?, 0, 0, ?, ?, 0, 0, 0)",
-                      application_, sessionId, record_["launch_time"].asInt64(), arrived_.time, arrived_.sequence)
+      Database::Query(database_,
+                      "INSERT INTO sessions VALUES (NULL, ?, ?, '', '', '', '', '', ?, 0, 0, ?, ?, 0, 0, '')",
+                      application_, sessionId_, record_["launch_time"].asInt64(), arrived_.time, arrived_.sequence)
           .execute();
       session_ = database_.lastRow();
       addToCounter(database_, kAllSessions, "total", "sessions", 1);
@@ -174,8 +179,8 @@ class ChunkKeeper {
       }
     }
     Database::Query(database_, "INSERT INTO chunks VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", arrived_.sequence,
-                    arrived_.time, application_, id_, session_, description(record_["id"]), number_,
-                    jsonFromDictionary(counts), eventsInChunk_, lastEvent_, events, int(duplicate_), int(conflict_))
+                    arrived_.time, application_, id_, session_, sessionId_, number_, jsonFromDictionary(counts),
+                    eventsInChunk_, lastEvent_, events, int(duplicate_), int(conflict_))
         .execute();
   }
 
@@ -214,7 +219,7 @@ class ChunkKeeper {
       if (kind.kind != kNavigation) {
         chunkCounts.addPoint(static_cast<std::int64_t>(std::floor(time)), kind.kind, name);
       }
-      quality.checkEvent(kind.kind, name, *event, id);
+      quality.checkEvent({kind.kind, name, *event, attributes, time, id});
       if (kind.kind != kApp) continue;
       for (const auto& [attribute, value] : attributes) chunkCounts.addValue(kind.kind, name, attribute, value, 1, id);
     }
@@ -238,7 +243,7 @@ class ChunkKeeper {
       const Span text = textOf(kAggregates, i);
       if (row == 0) {
         row = insertEvent("aggregate", name, lastEvent_, attributes, text);
-        quality.checkEvent("aggregate", name, *event, row);
+        quality.checkEvent({"aggregate", name, *event, attributes, lastEvent_, row});
       } else {
         Database::Query(database_,
                         "UPDATE events SET chunk = ?, request = ?, time = ?, attributes = ?, position = ?, size = ?"
@@ -278,17 +283,19 @@ class ChunkKeeper {
     Database::Query(database_,
                     "UPDATE sessions SET record = ?, user = ?, device = ?, app = ?, sdk = ?, launch = ?,"
                     " length = max(length, ?), highest_chunk = max(highest_chunk, ?), received = ?, sequence = ?,"
-                    " chunks = chunks + ?, events = events + ? WHERE key = ?",
+                    " chunks = chunks + ?, events = events + ?, user_id = iif(?13 = '', user_id, ?13)"
+                    " WHERE key = ?",
                     jsonFromDictionary(record_), jsonFromDictionary(userAttributes_), jsonFromDictionary(device_),
                     jsonFromDictionary(part("app_info")), jsonFromDictionary(part("sdk_info")),
                     record_["launch_time"].asInt64(), length_, number_, arrived_.time, arrived_.sequence, int(isNew),
-                    keptEvents_, session_)
+                    keptEvents_, userId_, session_)
         .execute();
     if (isNew) addToCounter(database_, kAllSessions, "total", "chunks", 1);
     if (keptEvents_ > 0) addToCounter(database_, kAllSessions, "total", "events", keptEvents_);
   }
 
   Database& database_;
+  const Expectations& expectations_;
   const ArrivedBody& arrived_;
   const std::string& application_;
   const Dictionary body_;
@@ -296,6 +303,8 @@ class ChunkKeeper {
   const Dictionary details_;
   const Dictionary device_;
   const Dictionary userAttributes_;
+  const std::string sessionId_;
+  const std::string userId_;  // the host's id of its user, empty if there is none
   const std::string id_;
   const std::int64_t number_;
   const std::map<std::string, std::vector<Span>> texts_ = elementsOfChunk(arrived_.body);
@@ -313,8 +322,9 @@ class ChunkKeeper {
 
 }  // namespace
 
-void keepChunk(Database& database, const ArrivedBody& arrived, const std::string& application) {
-  ChunkKeeper(database, arrived, application).keep();
+void keepChunk(Database& database, const ArrivedBody& arrived, const std::string& application,
+               const Expectations& expectations) {
+  ChunkKeeper(database, arrived, application, expectations).keep();
 }
 
 void keepUser(Database& database, const ArrivedBody& arrived, const std::string& application) {

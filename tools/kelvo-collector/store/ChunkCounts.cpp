@@ -3,6 +3,7 @@
 #include "kelvo-collector/store/Database.h"
 #include "kelvo-collector/store/Quality.h"
 #include "kelvo-collector/store/Schema.h"
+#include "kelvo-collector/store/Types.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
@@ -13,32 +14,6 @@ constexpr std::int64_t kManyValues = 100;
 /// An attribute with this many distinct values gets no rows for further values.
 constexpr std::int64_t kMostValues = 1000;
 constexpr std::size_t kLongestText = 200;  // bytes
-
-/// The types that an analyst tells apart. Sets of them are stored in the column "types", so the bits must not change.
-enum TypeBit : unsigned {
-  kNoType = 0,  // null, which fits every type
-  kText = 1U << 0U,
-  kNumber = 1U << 1U,
-  kBoolean = 1U << 2U,
-  kList = 1U << 3U,
-  kDictionary = 1U << 4U
-};
-
-TypeBit typeOf(const Value& value) {
-  if (value.get<std::string>() != nullptr) return kText;
-  if (value.get<bool>() != nullptr) return kBoolean;
-  if (value.isNumber()) return kNumber;
-  if (value.get<Array>() != nullptr) return kList;
-  return value.get<Dictionary>() != nullptr ? kDictionary : kNoType;
-}
-
-/// Returns the name of the lowest type in `types`.
-std::string nameOfType(unsigned types) {
-  if ((types & kText) != 0) return "text";
-  if ((types & kNumber) != 0) return "number";
-  if ((types & kBoolean) != 0) return "boolean";
-  return (types & kList) != 0 ? "list" : "dictionary";
-}
 
 /// Returns true for the second and later bytes of a UTF-8 character.
 bool continuesCharacter(char byte) {
@@ -73,8 +48,11 @@ void ChunkCounts::addPoint(std::int64_t second, const std::string& kind, const s
 void ChunkCounts::addValue(const std::string& kind, const std::string& name, const std::string& attribute,
                            const Value& value, std::int64_t count, std::int64_t event) {
   Attribute& of = attributes_[{kind, name, attribute}];
-  if (const TypeBit type = typeOf(value); type != kNoType) of.types.try_emplace(type, event, value);
+  if (const TypeBit type = typeOf(value); type != kNoType) {
+    of.types.try_emplace(type, TypeCount{0, event, keyOf(value)}).first->second.count += count;
+  }
   of.values[keyOf(value)] += count;
+  of.lastEvent = event;
 }
 
 std::int64_t ChunkCounts::storedCount(const std::string& kind, const std::string& name, const std::string& attribute,
@@ -127,7 +105,7 @@ ChunkCounts::AttributeRow ChunkCounts::findOrInsertAttribute(std::int64_t sessio
   if (known.next()) {
     row.key = known.number();
     row.types = static_cast<unsigned>(known.number());
-    row.distinct = known.number();
+    row.distinct = row.distinctBefore = known.number();
     return row;
   }
   Database::Query(database_, "INSERT INTO attributes VALUES (NULL, ?, ?, ?, ?, 0, 0)", session, kind, name, attribute)
@@ -149,34 +127,42 @@ std::int64_t ChunkCounts::writeValues(const AttributeRow& row, const Attribute& 
   return distinct;
 }
 
-void ChunkCounts::writeAttribute(std::int64_t session, const AttributeName& of, const Attribute& attribute,
-                                 Quality* quality) {
-  const auto& [kind, name, attributeName] = of;
-  const AttributeRow row = findOrInsertAttribute(session, of);
-  unsigned seen = row.types;
-  for (const auto& [type, first] : attribute.types) {
-    const bool isNew = seen != kNoType && (seen & type) == 0;
-    if (isNew && quality != nullptr) {
-      quality->reportTypeChange(name, attributeName, nameOfType(seen), nameOfType(type), first.second, first.first);
-    }
-    seen |= type;
+void ChunkCounts::writeTypes(const AttributeRow& row, const Attribute& attribute) {
+  for (const auto& [type, seen] : attribute.types) {
+    Database::Query(database_,
+                    "INSERT INTO attribute_types VALUES (?, ?, ?, ?, ?)"
+                    " ON CONFLICT (attribute, type) DO UPDATE SET count = count + excluded.count",
+                    row.key, static_cast<std::int64_t>(type), seen.count, seen.event, seen.value)
+        .execute();
   }
-  const std::int64_t distinct = writeValues(row, attribute);
-  if (row.distinct <= kManyValues && distinct > kManyValues && quality != nullptr) {
-    quality->reportTooManyValues(name, attributeName, kManyValues + 1);
-  }
-  if (distinct == row.distinct && seen == row.types) return;
+}
+
+ChunkCounts::AttributeRow ChunkCounts::writeAttribute(std::int64_t session, const AttributeName& of,
+                                                      const Attribute& attribute) {
+  AttributeRow row = findOrInsertAttribute(session, of);
+  const unsigned typesBefore = row.types;
+  for (const auto& type : attribute.types) row.types |= type.first;
+  row.distinct = writeValues(row, attribute);
+  writeTypes(row, attribute);
+  if (row.distinct == row.distinctBefore && row.types == typesBefore) return row;
   Database::Query(database_, "UPDATE attributes SET types = ?, distinct_values = ? WHERE key = ?",
-                  static_cast<std::int64_t>(seen), distinct, row.key)
+                  static_cast<std::int64_t>(row.types), row.distinct, row.key)
       .execute();
+  return row;
 }
 
 void ChunkCounts::write(Quality& quality) {
   writeNames(quality);
   writePoints();
   for (const auto& [of, attribute] : attributes_) {
-    writeAttribute(kAllSessions, of, attribute, &quality);
-    writeAttribute(session_, of, attribute, nullptr);
+    const AttributeRow all = writeAttribute(kAllSessions, of, attribute);
+    writeAttribute(session_, of, attribute);
+    const auto& [kind, name, attributeName] = of;
+    if (isOfLibrary(attributeName)) continue;
+    if (hasSeveralTypes(all.types)) quality.checkTypes({kind, name, attributeName});
+    if (all.distinctBefore <= kManyValues && all.distinct > kManyValues) {
+      quality.reportTooManyValues(name, attributeName, kManyValues + 1, attribute.lastEvent);
+    }
   }
 }
 

@@ -37,14 +37,21 @@ class ChunkCounts {
     std::int64_t count = 0;
     std::int64_t event = 0;
   };
+  struct TypeCount {
+    std::int64_t count = 0;
+    std::int64_t event = 0;  // the first one with a value of this type
+    std::string value;       // of that event, as JSON text
+  };
   struct Attribute {
-    std::map<unsigned, std::pair<std::int64_t, Value>> types;  // type bit to the first such event and its value
-    std::map<std::string, std::int64_t> values;                // value as JSON text to its count
+    std::map<unsigned, TypeCount> types;         // by type bit
+    std::map<std::string, std::int64_t> values;  // value as JSON text to its count
+    std::int64_t lastEvent = 0;
   };
   struct AttributeRow {
     std::int64_t key = 0;
-    unsigned types = 0;         // bits of the types seen so far
-    std::int64_t distinct = 0;  // number of distinct values
+    unsigned types = 0;               // bits of the types seen so far
+    std::int64_t distinct = 0;        // number of distinct values
+    std::int64_t distinctBefore = 0;  // and before this chunk
   };
   using Name = std::pair<std::string, std::string>;                         // kind, name
   using Point = std::tuple<std::int64_t, std::string, std::string>;         // second, kind, name
@@ -52,11 +59,12 @@ class ChunkCounts {
 
   void writeNames(Quality& quality);
   void writePoints();
-  /// `quality` receives the reports; null reports nothing.
-  void writeAttribute(std::int64_t session, const AttributeName& of, const Attribute& attribute, Quality* quality);
+  /// Returns the row as it is afterwards.
+  AttributeRow writeAttribute(std::int64_t session, const AttributeName& of, const Attribute& attribute);
   AttributeRow findOrInsertAttribute(std::int64_t session, const AttributeName& of);
   /// Returns the number of distinct values afterwards.
   std::int64_t writeValues(const AttributeRow& row, const Attribute& attribute);
+  void writeTypes(const AttributeRow& row, const Attribute& attribute);
 
   Database& database_;
   std::int64_t session_;

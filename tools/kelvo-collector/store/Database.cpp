@@ -1,18 +1,49 @@
 #include "kelvo-collector/store/Database.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 
 namespace kelvo::collector {
 namespace {
 
-/// Creates the file with mode 0600. SQLite gives its journal files the same mode.
-void makePrivate(const std::string& path) {
+constexpr mode_t kPrivate = 0600;
+
+[[noreturn]] void refuse(const std::string& path, const std::string& reason) {
+  throw std::runtime_error("cannot use the store " + path + ": " + reason);
+}
+
+/// Gives the file `path` mode 0600; creates it if `flags` has O_CREAT. Throws std::runtime_error if it is a link, no
+/// file, or another user's.
+void makePrivate(const std::string& path, int flags) {
+  const int file = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | flags, kPrivate);
+  if (file < 0 && errno == ENOENT && (flags & O_CREAT) == 0) return;
+  if (file < 0) refuse(path, errno == ELOOP ? "it is a link" : std::strerror(errno));
+  struct stat facts {};
+  const bool isOwn = fstat(file, &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_uid == geteuid();
+  const bool isPrivate = isOwn && ((facts.st_mode & 0777U) == kPrivate || fchmod(file, kPrivate) == 0);
+  close(file);
+  if (!isPrivate) refuse(path, "it is no file of this user");
+}
+
+/// Makes the store's files private before SQLite opens them, and before it holds a lock that closing would drop.
+/// Throws std::runtime_error if another user may replace them.
+void makeAllPrivate(const std::string& path) {
   if (path == ":memory:") return;
-  if (const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); file >= 0) close(file);
+  const auto slash = path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  struct stat facts {};
+  if (stat(directory.c_str(), &facts) != 0) refuse(path, std::strerror(errno));
+  const bool isSafe = (facts.st_uid == geteuid() || facts.st_uid == 0) && (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  if (!isSafe) refuse(path, "other users may write to its directory");
+  makePrivate(path, O_CREAT);
+  for (const char* suffix : {"-wal", "-shm", "-journal"}) makePrivate(path + suffix, 0);
 }
 
 }  // namespace
@@ -26,7 +57,7 @@ void Database::Finalizer::operator()(sqlite3_stmt* statement) const noexcept {
 }
 
 Database::Database(const std::string& path) {
-  makePrivate(path);
+  makeAllPrivate(path);
   sqlite3* connection = nullptr;
   const int code = sqlite3_open(path.c_str(), &connection);
   connection_.reset(connection);
@@ -37,7 +68,7 @@ Database::Database(const std::string& path) {
         "PRAGMA cache_size = -16000; BEGIN IMMEDIATE; COMMIT");
   }
   if (code != SQLITE_OK || failed_) {
-    throw std::runtime_error("cannot use the store " + path + ": " + sqlite3_errmsg(connection));
+    refuse(path, sqlite3_errmsg(connection));
   }
 }
 
@@ -45,6 +76,11 @@ Database::~Database() = default;
 
 void Database::run(const char* sql) {
   if (sqlite3_exec(connection_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) failed_ = true;
+}
+
+void Database::shrink() {
+  run("VACUUM; PRAGMA wal_checkpoint(TRUNCATE); PRAGMA shrink_memory");
+  malloc_trim(0);  // an in-memory store consists of many small blocks
 }
 
 std::int64_t Database::lastRow() const noexcept {

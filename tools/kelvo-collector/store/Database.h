@@ -43,6 +43,9 @@ class Database {
     return false;
   }
 
+  /// Gives the space of deleted rows back to the system. Must be called outside a transaction.
+  void shrink();
+
   class Query;
 
  private:

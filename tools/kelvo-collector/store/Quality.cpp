@@ -1,23 +1,28 @@
 #include "kelvo-collector/store/Quality.h"
 
-#include <algorithm>
+#include <vector>
 
 #include "kelvo-collector/store/Database.h"
+#include "kelvo-collector/store/JSONColumn.h"
 #include "kelvo-collector/store/Schema.h"
-#include "platform/JSON.h"
+#include "kelvo-collector/store/Verdicts.h"
 
 namespace kelvo::collector {
 namespace {
 
-/// Most problem rows for one gap. In a longer gap, the last row covers all remaining numbers.
-constexpr std::int64_t kMostRowsOfGap = 100;
-
-std::string quoted(const std::string& text) {
-  return "\"" + text + "\"";
-}
+constexpr std::int64_t kMostGapsInText = 20;
+constexpr int kMostCompared = 16;  // earlier events with which one event is compared
 
 bool isBlank(const std::string& text) {
   return text.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
+Dictionary withoutLibraryAttributes(const Dictionary& attributes) {
+  Dictionary own;
+  for (const auto& [name, value] : attributes) {
+    if (!isOfLibrary(name)) own.set(name, value);
+  }
+  return own;
 }
 
 }  // namespace
@@ -31,102 +36,163 @@ void addToCounter(Database& database, std::int64_t session, const char* what, co
       .execute();
 }
 
-void Quality::report(const char* kind, const std::string& message, const Value& value,
-                     std::optional<std::int64_t> event, std::int64_t chunk) {
-  {
-    Database::Query insert(database_,
-                           "INSERT INTO problems (session, kind, message, value, chunk, time, event)"
-                           " VALUES (?, ?, ?, ?, ?, ?, ?)",
-                           session_, kind, message, jsonText(value).value_or("null"), chunk, time_);
-    event ? insert.bind(*event) : insert.bind(nullptr);
-    insert.execute();
-  }
-  addToCounter(database_, kAllSessions, "problem", kind, 1);
-  addToCounter(database_, session_, "problem", kind, 1);
-  addToCounter(database_, kAllSessions, "total", "problems", 1);
-  Database::Query(database_, "UPDATE sessions SET problems = problems + 1 WHERE key = ?", session_).execute();
+void Quality::report(Problem problem) {
+  problem.place = place_;
+  addProblem(database_, problem);
 }
 
-void Quality::resolveMissing() {
-  Database::Query(database_, "DELETE FROM problems WHERE kind = 'missing-chunk' AND session = ? AND chunk = ?",
-                  session_, chunk_)
-      .execute();
-  if (!database_.changed()) return;
-  addToCounter(database_, kAllSessions, "problem", "missing-chunk", -1);
-  addToCounter(database_, session_, "problem", "missing-chunk", -1);
-  addToCounter(database_, kAllSessions, "total", "problems", -1);
-  Database::Query(database_, "UPDATE sessions SET problems = problems - 1 WHERE key = ?", session_).execute();
+void Quality::addGap(std::int64_t first, std::int64_t last) {
+  if (first > last) return;
+  Database::Query(database_, "INSERT OR REPLACE INTO gaps VALUES (?, ?, ?)", place_.session, first, last).execute();
+}
+
+void Quality::closeGap() {
+  std::int64_t first = 0, last = 0;
+  {
+    Database::Query gap(database_,
+                        "SELECT first, last FROM gaps WHERE session = ?1 AND first <= ?2 AND last >= ?2 LIMIT 1",
+                        place_.session, place_.chunk);
+    if (!gap.next()) return;
+    first = gap.number();
+    last = gap.number();
+  }
+  Database::Query(database_, "DELETE FROM gaps WHERE session = ? AND first = ?", place_.session, first).execute();
+  addGap(first, place_.chunk - 1);
+  addGap(place_.chunk + 1, last);
+  reportGaps();
+}
+
+void Quality::reportGaps() {
+  Problem problem{.kind = "missing-chunk", .name = sessionId_, .place = place_, .count = 0};
+  std::string numbers;
+  Array gaps;
+  {
+    Database::Query rows(database_,
+                         "SELECT first, last, (SELECT sum(last - first + 1) FROM gaps WHERE session = ?1) FROM gaps"
+                         " WHERE session = ?1 ORDER BY first LIMIT ?2",
+                         place_.session, kMostGapsInText + 1);
+    while (rows.next()) {
+      const std::int64_t first = rows.number(), last = rows.number();
+      problem.count = rows.number();
+      if (gaps.empty()) problem.place.chunk = first;
+      if (gaps.size() == kMostGapsInText) {
+        numbers += " ...";
+        break;
+      }
+      gaps.append(Array{first, last});
+      numbers += (numbers.empty() ? "" : ", ") + std::to_string(first);
+      if (last > first) numbers += " to " + std::to_string(last);
+    }
+  }
+  problem.message =
+      (problem.count == 1 ? "chunk " : "chunks ") + numbers + (problem.count == 1 ? " is missing" : " are missing");
+  problem.value = std::move(gaps);
+  setProblem(database_, kAllSessions, problem);
+  setProblem(database_, place_.session, problem);
 }
 
 void Quality::checkOrder(std::int64_t highestSoFar) {
-  if (chunk_ < highestSoFar) {
-    resolveMissing();
-    report("chunk-order", "chunk " + std::to_string(chunk_) + " came after chunk " + std::to_string(highestSoFar),
-           chunk_, std::nullopt, chunk_);
-    return;
+  if (place_.chunk < highestSoFar) {
+    closeGap();
+    return report(
+        {.kind = "chunk-order",
+         .name = sessionId_,
+         .message = "chunk " + std::to_string(place_.chunk) + " came after chunk " + std::to_string(highestSoFar),
+         .value = place_.chunk});
   }
-  const std::int64_t missing = chunk_ - highestSoFar - 1;
-  for (std::int64_t i = 1; i <= std::min(missing, kMostRowsOfGap); ++i) {
-    const std::int64_t number = highestSoFar + i;
-    const bool coversRest = i == kMostRowsOfGap && missing > kMostRowsOfGap;
-    report("missing-chunk",
-           coversRest ? "chunks " + std::to_string(number) + " to " + std::to_string(chunk_ - 1) + " are missing"
-                      : "chunk " + std::to_string(number) + " is missing",
-           number, std::nullopt, number);
-  }
+  if (place_.chunk - highestSoFar <= 1) return;
+  addGap(highestSoFar + 1, place_.chunk - 1);
+  reportGaps();
 }
 
-void Quality::checkDuration(const Dictionary& object, const char* member, const std::string& of,
+void Quality::checkDuration(const Dictionary& object, const char* member, const std::string& name,
                             std::optional<std::int64_t> event) {
   const Value* value = object.find(member);
   if (value == nullptr || !value->isNumber() || value->asDouble() >= 0) return;
-  report("negative-duration", quoted(member) + " of " + of + " is below zero", *value, event, chunk_);
+  const std::string of = event ? quoted(name) : "the session";
+  report({.kind = "negative-duration",
+          .name = name,
+          .attribute = member,
+          .message = quoted(member) + " of " + of + " is below zero",
+          .value = *value,
+          .event = event});
 }
 
 void Quality::checkSession(const Dictionary& record) {
   for (const char* member : {"duration", "total_duration", "startup_time"}) {
-    checkDuration(record, member, "the session", std::nullopt);
+    checkDuration(record, member, {}, std::nullopt);
   }
 }
 
-void Quality::checkEvent(const std::string& kind, const std::string& name, const Dictionary& event, std::int64_t id) {
-  if (isBlank(name)) {
-    report("event-without-name", "an event of the kind " + quoted(kind) + " has no name", name, id, chunk_);
+void Quality::checkRepetition(const CheckedEvent& event) {
+  const Dictionary attributes = withoutLibraryAttributes(event.attributes);
+  std::int64_t other = 0;
+  {
+    Database::Query earlier(database_,
+                            "SELECT id, attributes FROM events WHERE kind = 'app' AND session = ? AND name = ?"
+                            " AND time = ? AND id < ? ORDER BY id DESC LIMIT ?",
+                            place_.session, event.name, event.time, event.id, kMostCompared);
+    while (other == 0 && earlier.next()) {
+      const std::int64_t id = earlier.number();
+      if (withoutLibraryAttributes(dictionaryFromJSON(earlier.text())) == attributes) other = id;
+    }
   }
-  checkDuration(event, "duration", quoted(name), id);
-  if (const auto* attributes = event["additional_info"].get<Dictionary>()) {
-    checkDuration(*attributes, "duration", quoted(name), id);
+  if (other == 0) return;
+  report({.kind = "suspected-duplicate",
+          .name = event.name,
+          .message = quoted(event.name) + " was logged again in the same second with the same attributes (events " +
+                     std::to_string(other) + " and " + std::to_string(event.id) + ")",
+          .value = attributes,
+          .event = event.id});
+}
+
+void Quality::checkEvent(const CheckedEvent& event) {
+  if (isBlank(event.name)) {
+    report({.kind = "event-without-name",
+            .message = "an event of the kind " + quoted(event.kind) + " has no name",
+            .value = event.name,
+            .event = event.id});
   }
+  checkDuration(event.members, "duration", event.name, event.id);
+  if (event.kind != "app") return;
+  checkDuration(event.attributes, "duration", event.name, event.id);
+  checkRepetition(event);
+  keepVerdict(database_, expectations_, {event.id, event.name, event.attributes, place_});
 }
 
 void Quality::checkNewName(const std::string& kind, const std::string& name, std::int64_t event) {
-  Database::Query other(database_,
-                        "SELECT name FROM names WHERE session = 0 AND lower(name) = lower(?1) AND name <> ?1"
-                        " AND (kind = ?2 OR (kind IN ('app', 'aggregate') AND ?2 IN ('app', 'aggregate'))) LIMIT 1",
-                        name, kind);
-  if (!other.next()) return;
-  const std::string before = other.text();
-  report("names-differ-in-case", quoted(name) + " and " + quoted(before) + " differ only in case", Array{name, before},
-         event, chunk_);
+  std::string before;
+  {
+    Database::Query other(database_,
+                          "SELECT name FROM names WHERE session = 0 AND lower(name) = lower(?1) AND name <> ?1"
+                          " AND (kind = ?2 OR (kind IN ('app', 'aggregate') AND ?2 IN ('app', 'aggregate'))) LIMIT 1",
+                          name, kind);
+    if (!other.next()) return;
+    before = other.text();
+  }
+  report({.kind = "names-differ-in-case",
+          .name = name,
+          .message = quoted(name) + " and " + quoted(before) + " differ only in case",
+          .value = Array{name, before},
+          .event = event});
 }
 
 void Quality::reportConflict(const std::string& chunkId, std::int64_t firstRequest, std::int64_t secondRequest) {
-  report("conflicting-duplicate", "chunk " + quoted(chunkId) + " came again with other events",
-         Dictionary{{"id", chunkId}, {"first_request", firstRequest}, {"request", secondRequest}}, std::nullopt,
-         chunk_);
+  report({.kind = "conflicting-duplicate",
+          .name = sessionId_,
+          .message = "chunk " + quoted(chunkId) + " came again with other events",
+          .value = Dictionary{{"id", chunkId}, {"first_request", firstRequest}, {"request", secondRequest}}});
 }
 
-void Quality::reportTypeChange(const std::string& name, const std::string& attribute, const std::string& before,
-                               const std::string& now, const Value& value, std::int64_t event) {
-  report("attribute-type-changes",
-         quoted(attribute) + " of " + quoted(name) + " is a " + now + " here and was a " + before + " before", value,
-         event, chunk_);
-}
-
-void Quality::reportTooManyValues(const std::string& name, const std::string& attribute, std::int64_t count) {
-  report("too-many-values",
-         quoted(attribute) + " of " + quoted(name) + " has more than " + std::to_string(count - 1) + " values",
-         Dictionary{{"name", name}, {"attribute", attribute}, {"values", count}}, std::nullopt, chunk_);
+void Quality::reportTooManyValues(const std::string& name, const std::string& attribute, std::int64_t count,
+                                  std::int64_t event) {
+  report(
+      {.kind = "too-many-values",
+       .name = name,
+       .attribute = attribute,
+       .message = quoted(attribute) + " of " + quoted(name) + " has more than " + std::to_string(count - 1) + " values",
+       .value = Dictionary{{"name", name}, {"attribute", attribute}, {"values", count}},
+       .event = event});
 }
 
 }  // namespace kelvo::collector

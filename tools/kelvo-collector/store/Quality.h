@@ -4,44 +4,61 @@
 #include <optional>
 #include <string>
 
+#include "kelvo-collector/store/Problems.h"
+#include "kelvo-collector/store/Types.h"
 #include "kelvo/Value.h"
 
 namespace kelvo::collector {
 
 class Database;
+class Expectations;
 
-/// Checks one chunk while it is stored, and writes a row for each problem. A check reads the chunk and existing counts
-/// only, so its cost does not grow with the store. Thread: inside a transaction of `database`.
+/// An event of the chunk that is being stored.
+struct CheckedEvent {
+  const std::string& kind;
+  const std::string& name;
+  const Dictionary& members;  ///< as received
+  const Dictionary& attributes;
+  double time;  ///< seconds since the launch
+  std::int64_t id;
+};
+
+/// Checks one chunk while it is stored, and writes a row for each problem. A check reads the chunk and a bounded number
+/// of rows, so its cost does not grow with the store. Thread: inside a transaction of `database`.
 class Quality {
  public:
-  /// `session` is the key of the session's row, `chunk` the chunk's number, and `time` the time of arrival in
-  /// milliseconds since 1970.
-  Quality(Database& database, std::int64_t session, std::int64_t chunk, std::int64_t time)
-      : database_(database), session_(session), chunk_(chunk), time_(time) {}
+  /// `sessionId` is the id of the session in `place`.
+  Quality(Database& database, const Place& place, const std::string& sessionId, const Expectations& expectations)
+      : database_(database), place_(place), sessionId_(sessionId), expectations_(expectations) {}
 
   /// Reports the chunk numbers missing between `highestSoFar` and this chunk, or that this chunk is late.
   void checkOrder(std::int64_t highestSoFar);
   void checkSession(const Dictionary& record);
-  void checkEvent(const std::string& kind, const std::string& name, const Dictionary& event, std::int64_t id);
+  void checkEvent(const CheckedEvent& event);
   /// Reports a new `name` that differs from a known name only in case.
   void checkNewName(const std::string& kind, const std::string& name, std::int64_t event);
+  /// Reports an attribute with values of several types.
+  void checkTypes(const AttributeOf& of) { reportTypes(database_, of, place_); }
   void reportConflict(const std::string& chunkId, std::int64_t firstRequest, std::int64_t secondRequest);
-  void reportTypeChange(const std::string& name, const std::string& attribute, const std::string& before,
-                        const std::string& now, const Value& value, std::int64_t event);
-  void reportTooManyValues(const std::string& name, const std::string& attribute, std::int64_t count);
+  void reportTooManyValues(const std::string& name, const std::string& attribute, std::int64_t count,
+                           std::int64_t event);
 
  private:
-  void report(const char* kind, const std::string& message, const Value& value, std::optional<std::int64_t> event,
-              std::int64_t chunk);
-  /// Deletes the report that this chunk is missing.
-  void resolveMissing();
-  void checkDuration(const Dictionary& object, const char* member, const std::string& of,
+  void report(Problem problem);
+  /// Rewrites the report of the session's missing chunks.
+  void reportGaps();
+  /// Removes this chunk from the gap that contains it.
+  void closeGap();
+  void addGap(std::int64_t first, std::int64_t last);
+  void checkDuration(const Dictionary& object, const char* member, const std::string& name,
                      std::optional<std::int64_t> event);
+  /// Reports an application event that was logged twice in one second with the same attributes.
+  void checkRepetition(const CheckedEvent& event);
 
   Database& database_;
-  std::int64_t session_;
-  std::int64_t chunk_;
-  std::int64_t time_;
+  const Place place_;
+  const std::string& sessionId_;
+  const Expectations& expectations_;
 };
 
 /// Adds `count` to a counter of `session`, which may be `kAllSessions`.

@@ -4,9 +4,26 @@
 
 #include "kelvo-collector/store/Arrival.h"
 #include "kelvo-collector/store/JSONColumn.h"
+#include "kelvo-collector/store/Retention.h"
 #include "kelvo-collector/store/Schema.h"
+#include "kelvo-collector/store/Verdicts.h"
 
 namespace kelvo::collector {
+namespace {
+
+constexpr const char* kExpectations = "expectations";  // name of the document
+
+bool isOfEarlierVersion(Database& database) {
+  Database::Query column(database, "SELECT 1 FROM pragma_table_info('sessions') WHERE name = 'problems'");
+  return column.next();
+}
+
+void putDocument(Database& database, const std::string& name, const std::string& body) {
+  Database::Query(database, "INSERT OR REPLACE INTO documents VALUES (?, ?)", name, body).execute();
+}
+
+}  // namespace
+
 Value ReceivedRequest::json() const {
   return parseJSON(body).value_or(Value());
 }
@@ -15,10 +32,20 @@ std::string ReceivedRequest::header(std::string_view name) const {
   return headers[name].asText().value_or("");
 }
 
-Store::Store(const std::string& path) : database_(std::make_unique<Database>(path)) {
+Store::Store(const std::string& path, std::int64_t mostBytes)
+    : mostBytes_(mostBytes), database_(std::make_unique<Database>(path)) {
   Database& database = *database_;
-  const bool made = database.transaction([&] { database.run(kSchema); });
+  const bool made = database.transaction([&] {
+    if (isOfEarlierVersion(database)) database.run(kUpgrade);
+    database.run(kSchema);
+  });
   if (!made) throw std::runtime_error("cannot use the store " + path + ": it holds something else");
+  std::vector<std::string> ignored;
+  const auto kept = document(kExpectations);
+  const Lock lock(mutex_);
+  if (!kept) return;
+  const auto expectations = Expectations::parse(parseJSON(*kept).value_or(Value()), ignored);
+  if (expectations) expectations_ = std::make_shared<const Expectations>(*expectations);
 }
 
 Store::~Store() = default;
@@ -26,6 +53,7 @@ Store::~Store() = default;
 bool Store::add(const ReceivedRequest& request, const Accepted& accepted) {
   const Lock lock(mutex_);
   Database& database = *database_;
+  const auto expectations = expectations_;
   const bool kept = database.transaction([&] {
     {
       Database::Query insert(
@@ -36,8 +64,9 @@ bool Store::add(const ReceivedRequest& request, const Accepted& accepted) {
       insert.execute();
     }
     const ArrivedBody arrived{request.body, database.lastRow(), request.time};
-    if (accepted.chunkOf) keepChunk(database, arrived, *accepted.chunkOf);
+    if (accepted.chunkOf) keepChunk(database, arrived, *accepted.chunkOf, *expectations);
     if (accepted.userOf) keepUser(database, arrived, *accepted.userOf);
+    forgetOldest(database, mostBytes_);
   });
   if (kept) arrived_.notify_all();
   return kept;
@@ -46,7 +75,20 @@ bool Store::add(const ReceivedRequest& request, const Accepted& accepted) {
 bool Store::reset() {
   const Lock lock(mutex_);
   Database& database = *database_;
-  return database.transaction([&] { database.run(kForgetArrivals); });
+  if (!database.transaction([&] { database.run(kForgetArrivals); })) return false;
+  database.shrink();
+  return true;
+}
+
+bool Store::expect(const Expectations& expectations, const std::string& document) {
+  const Lock lock(mutex_);
+  Database& database = *database_;
+  const bool kept = database.transaction([&] {
+    putDocument(database, kExpectations, document);
+    judgeAgain(database, expectations);
+  });
+  if (kept) expectations_ = std::make_shared<const Expectations>(expectations);
+  return kept;
 }
 
 std::vector<ReceivedRequest> Store::requests(const std::string& fragment, std::int64_t after, std::int64_t most) const {
@@ -136,8 +178,7 @@ std::optional<std::string> Store::document(const std::string& name) const {
 bool Store::keepDocument(const std::string& name, const std::string& body) {
   const Lock lock(mutex_);
   Database& database = *database_;
-  return database.transaction(
-      [&] { Database::Query(database, "INSERT OR REPLACE INTO documents VALUES (?, ?)", name, body).execute(); });
+  return database.transaction([&] { putDocument(database, name, body); });
 }
 
 }  // namespace kelvo::collector

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kelvo-collector/store/Database.h"
+#include "kelvo-collector/store/Expectations.h"
 #include "kelvo/Value.h"
 #include "platform/ThreadSafety.h"
 
@@ -53,10 +54,15 @@ struct Accepted {
 };
 
 /// Stores requests, their content and the service's documents in SQLite. Thread-safe: one mutex serialises all use.
+///
+/// The store has a limit. Beyond it, each new request makes room for itself: see `forgetOldest`.
 class Store {
  public:
-  /// Opens or creates the file `path`. Throws std::runtime_error on failure.
-  explicit Store(const std::string& path = ":memory:");
+  static constexpr std::int64_t kUsualLimit = 512LL << 20U;  ///< bytes
+
+  /// Opens or creates the file `path`, which gets mode 0600. Throws std::runtime_error on failure, and if another user
+  /// could read or replace the file.
+  explicit Store(const std::string& path = ":memory:", std::int64_t mostBytes = kUsualLimit);
   ~Store();
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
@@ -67,7 +73,8 @@ class Store {
     return add(request, Accepted{chunkOf, std::nullopt});
   }
   [[nodiscard]] bool add(const ReceivedRequest& request, const Accepted& accepted) EXCLUDES(mutex_);
-  /// Deletes all requests and their content; returns false on failure. Documents stay, and sequence numbers continue.
+  /// Deletes all requests and their content, and frees their space; returns false on failure. Documents stay, and
+  /// sequence numbers continue.
   [[nodiscard]] bool reset() EXCLUDES(mutex_);
 
   /// Returns the requests whose path and query contain `fragment` and whose sequence number is above `after`, `most` of
@@ -89,6 +96,18 @@ class Store {
   /// Saves a document. Returns false on failure.
   [[nodiscard]] bool keepDocument(const std::string& name, const std::string& body) EXCLUDES(mutex_);
 
+  /// Puts the expectations in force and saves their `document`. Judges all stored events again, so the time grows with
+  /// the number of events whose names it contains. Returns false on failure, and then changes nothing.
+  [[nodiscard]] bool expect(const Expectations& expectations, const std::string& document) EXCLUDES(mutex_);
+
+  /// Runs `writer(database)` in a transaction; returns false on failure. The mutex is held meanwhile.
+  template <class Writer>
+  [[nodiscard]] bool change(Writer writer) EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    Database& database = *database_;
+    return database.transaction([&] { writer(database); });
+  }
+
   /// Returns the result of `reader(database)`. The mutex is held meanwhile, so `reader` must not call the store.
   template <class Reader>
   auto read(Reader reader) const EXCLUDES(mutex_) {
@@ -102,9 +121,11 @@ class Store {
   [[nodiscard]] bool waitForCount(std::size_t wanted, const char* sql, const std::string& fragment,
                                   std::chrono::milliseconds timeout) const EXCLUDES(mutex_);
 
+  const std::int64_t mostBytes_;
   mutable Mutex mutex_;
   mutable std::condition_variable arrived_;  // notified for each stored request
   const std::unique_ptr<Database> database_ PT_GUARDED_BY(mutex_);
+  std::shared_ptr<const Expectations> expectations_ GUARDED_BY(mutex_) = std::make_shared<const Expectations>();
 };
 
 }  // namespace kelvo::collector
