@@ -1,11 +1,13 @@
-# Warnings and sanitizers apply to our own code only, never to a consumer's. Inside another project, no warning of our
-# code is an error: the option comes after the host's own -Werror, and its compiler may know warnings that ours does not.
+# Warnings and sanitizers apply to our own code only, never to a consumer's. Our warnings are errors by default. Inside
+# another project, our code gives no warnings at all, whatever the host's flags are.
 add_library(kelvo_flags INTERFACE)
-target_compile_options(kelvo_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
-if(PROJECT_IS_TOP_LEVEL)
-  target_compile_options(kelvo_flags INTERFACE -Werror)
+if(NOT PROJECT_IS_TOP_LEVEL)
+  target_compile_options(kelvo_flags INTERFACE -w)
 else()
-  target_compile_options(kelvo_flags INTERFACE -Wno-error)
+  target_compile_options(kelvo_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+  if(NOT DEFINED CMAKE_COMPILE_WARNING_AS_ERROR)
+    set(CMAKE_COMPILE_WARNING_AS_ERROR ON)
+  endif()
 endif()
 # GCC 12 gives false warnings: about an uninitialised index when a std::optional of a std::variant is moved, and about
 # overlapping memory when a literal and a std::string are concatenated.

@@ -1,25 +1,28 @@
-# Rules for `cmake --install` and `cpack -G DEB`: libraries, headers, tools, documents, and files for find_package and
-# pkg-config.
+# Rules for `cmake --install` and `cpack -G DEB`. The components are also the Debian packages:
+#   kelvo        the shared library
+#   kelvo-dev    headers, static library, documents, and files for find_package and pkg-config
+#   kelvo-qt     the adapter to Qt
+#   kelvo-tools  the tools and their man pages
+# `cmake --install BUILD --component NAME` installs one component, and needs only its targets.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME kelvo-dev)
+set(CMAKE_INSTALL_DOCDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-dev)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Kelvo)
-install(TARGETS kelvo EXPORT KelvoTargets)
+set(packages kelvo kelvo-dev)
+install(TARGETS kelvo EXPORT KelvoTargets LIBRARY COMPONENT kelvo NAMELINK_COMPONENT kelvo-dev)
 install(TARGETS kelvo_static EXPORT KelvoStaticTargets)
-if(TARGET kelvo_qt)
-  install(TARGETS kelvo_qt EXPORT KelvoQtTargets)
-  install(EXPORT KelvoQtTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
-else()
-  set(without_qt PATTERN Qt.h EXCLUDE)
-endif()
-install(DIRECTORY include/kelvo TYPE INCLUDE ${without_qt})
+install(DIRECTORY include/kelvo TYPE INCLUDE PATTERN Qt.h EXCLUDE)
 install(EXPORT KelvoTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
 install(EXPORT KelvoStaticTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/KelvoConfig.cmake.in ${PROJECT_BINARY_DIR}/KelvoConfig.cmake
                               INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KelvoConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KelvoConfig.cmake ${PROJECT_BINARY_DIR}/KelvoConfigVersion.cmake
-              cmake/KelvoBundle.cmake DESTINATION ${package_dir})
+              cmake/KelvoBundle.cmake cmake/KelvoPlugin.cmake DESTINATION ${package_dir})
+install(FILES README.md SECURITY.md TYPE DOC)
+install(DIRECTORY docs TYPE DOC)  # as a subdirectory, so that the links in README.md work
 
 # The .pc files compute the prefix from their own location, so an installed tree can be moved.
 file(RELATIVE_PATH to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
@@ -28,23 +31,83 @@ foreach(pc kelvo kelvo-static)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
 
-if(KELVO_TOOLS)
-  install(TARGETS kelvo-log kelvo-collector kelvo-inspect)
+if(TARGET kelvo_qt)
+  list(APPEND packages kelvo-qt)
+  install(TARGETS kelvo_qt EXPORT KelvoQtTargets COMPONENT kelvo-qt)
+  install(EXPORT KelvoQtTargets NAMESPACE Kelvo:: DESTINATION ${package_dir} COMPONENT kelvo-qt)
+  install(FILES include/kelvo/Qt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvo COMPONENT kelvo-qt)
 endif()
-install(FILES README.md TYPE DOC)
-install(DIRECTORY docs TYPE DOC)  # as a subdirectory, so that the links in README.md work
 
+if(KELVO_TOOLS)
+  list(APPEND packages kelvo-tools)
+  set(summary_kelvo-log "play the calls of a host from the shell")
+  set(summary_kelvo-collector "local analytics service for development and tests")
+  set(summary_kelvo-inspect "show what a Kelvo home stores, or why nothing arrives")
+  foreach(tool kelvo-log kelvo-collector kelvo-inspect)
+    set(page ${PROJECT_BINARY_DIR}/man/${tool}.1)
+    add_custom_command(
+      OUTPUT ${page}.gz
+      COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:${tool}> -DSUMMARY=${summary_${tool}} -DTO=${page}
+              -P ${PROJECT_SOURCE_DIR}/cmake/ManPage.cmake
+      COMMAND gzip -9nf ${page}
+      DEPENDS ${tool} cmake/ManPage.cmake
+      VERBATIM)
+    list(APPEND pages ${page}.gz)
+    install(TARGETS ${tool} COMPONENT kelvo-tools)
+  endforeach()
+  add_custom_target(kelvo-tools ALL DEPENDS ${pages})
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT kelvo-tools)
+endif()
+# The targets kelvo and kelvo-tools are also components. These are the other two.
+add_custom_target(kelvo-dev DEPENDS kelvo kelvo_static)
+if(TARGET kelvo_qt)
+  add_custom_target(kelvo-qt DEPENDS kelvo_qt)
+endif()
+
+set(changelog ${PROJECT_BINARY_DIR}/changelog)
+configure_file(packaging/changelog ${changelog} COPYONLY)
+execute_process(COMMAND gzip -9nkf ${changelog} COMMAND_ERROR_IS_FATAL ANY)
+foreach(package IN LISTS packages)
+  install(FILES ${changelog}.gz DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${package})
+endforeach()
+
+if(NOT PROJECT_IS_TOP_LEVEL)
+  return()  # the packages are the host's
+endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kelvo)
 set(CPACK_PACKAGE_CONTACT "The Kelvo developers <kelvo@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Client-side analytics for C++ applications")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "client-side analytics for C++ applications")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_COMPONENTS_ALL ${packages})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-# The packages that a program with the static library links.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libsqlite3-dev, libcurl4-openssl-dev, libplist-dev, libfmt-dev, pkg-config")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "qt6-base-dev")
+
+# kelvo_package(<component> <section> <depends> <recommends> <summary> <description>)
+function(kelvo_package component section depends recommends summary description)
+  string(TOUPPER ${component} name)
+  set(CPACK_DEBIAN_${name}_PACKAGE_NAME ${component} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${name}_PACKAGE_SECTION ${section} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${name}_PACKAGE_DEPENDS "${depends}" PARENT_SCOPE)
+  set(CPACK_DEBIAN_${name}_PACKAGE_RECOMMENDS "${recommends}" PARENT_SCOPE)
+  set(CPACK_DEBIAN_${name}_DESCRIPTION "${summary}\n${description}" PARENT_SCOPE)
+endfunction()
+set(same "(= ${PROJECT_VERSION})")
+kelvo_package(kelvo libs "" "" "client-side analytics for C++ applications (library)"
+  "Kelvo records sessions, screens, events and errors of an application in a\nlocal database, and uploads them over HTTPS.")
+set(CPACK_DEBIAN_KELVO_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+# The recommended packages are those that a program with the static library links.
+kelvo_package(kelvo-dev libdevel "kelvo ${same}"
+  "libsqlite3-dev, libcurl4-openssl-dev, libplist-dev, libfmt-dev, pkg-config"
+  "client-side analytics for C++ applications (development)"
+  "Headers, the static library, the documents, and the files for CMake and\npkg-config.")
+kelvo_package(kelvo-qt libdevel "kelvo-dev ${same}, qt6-base-dev" ""
+  "client-side analytics for C++ applications (adapter to Qt 6)"
+  "The adapter reports the windows and the activity of a Qt Widgets application.")
+kelvo_package(kelvo-tools devel "" "" "client-side analytics for C++ applications (tools)"
+  "kelvo-log plays host calls, kelvo-collector is a local service, and\nkelvo-inspect shows what is stored.")
 include(CPack)

@@ -1,6 +1,6 @@
 # kelvo_add_bundle(<target> APP_ID <id>
 #                  [BUNDLE_ID <id>] [NAME <name>] [VERSION <version>] [BUILD <build>]
-#                  [DELIVERY complete|classic] [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
+#                  [DELIVERY complete|classic] [NO_FAREWELL] [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
 #
 # Writes `<executable>.bundle/Info.plist` next to the executable `target`. With this bundle, the library starts when the
 # program is loaded.
@@ -11,11 +11,12 @@
 #   VERSION, BUILD   the application's version as the service shows it; default: none
 #   DELIVERY         the rules of delivery: complete (default) delivers every event once, also after a long absence or
 #                    an outage; classic keeps the losses that the system requires
-#   PLUGINS          classes of the plug-ins to load
+#   NO_FAREWELL      the program prints no line when it ends
+#   PLUGINS          classes of the plug-ins that are linked in; kelvo_add_plugin adds those in shared objects
 #   SERVER_BASE_URL  the service
 #   CA_FILE          absolute path, on the machine that runs the program, of a private authority in PEM form
 function(kelvo_add_bundle target)
-  cmake_parse_arguments(ARG "" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;DELIVERY;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
+  cmake_parse_arguments(ARG "NO_FAREWELL" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;DELIVERY;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
   if(NOT TARGET ${target})
     message(FATAL_ERROR "kelvo_add_bundle: there is no target ${target}")
   endif()
@@ -60,13 +61,20 @@ function(kelvo_add_bundle target)
   add_entry(KelvoDelivery "${ARG_DELIVERY}")
   add_entry(KelvoServerBaseURL "${ARG_SERVER_BASE_URL}")
   add_entry(KelvoCAFile "${ARG_CA_FILE}")
+  if(ARG_NO_FAREWELL)
+    string(APPEND entries "  <key>KelvoFarewell</key><false/>\n")
+  endif()
 
   _kelvo_xml_text("${ARG_APP_ID}" text)
   string(APPEND entries "  <key>Kelvo</key>\n  <dict>\n    <key>Core</key><string>${text}</string>\n")
+  # Later calls of kelvo_add_plugin extend the list, so it is read when the project is generated.
   foreach(plugin IN LISTS ARG_PLUGINS)
     _kelvo_xml_text("${plugin}" text)
-    string(APPEND entries "    <key>${text}</key><true/>\n")
+    set_property(TARGET ${target} APPEND PROPERTY KELVO_PLUGINS "${text}")
   endforeach()
+  set(plugins "$<REMOVE_DUPLICATES:$<TARGET_PROPERTY:${target},KELVO_PLUGINS>>")
+  set(entry "$<ANGLE-R><true/$<ANGLE-R>\n    <key$<ANGLE-R>")
+  string(APPEND entries "$<$<BOOL:${plugins}>:    <key$<ANGLE-R>$<JOIN:${plugins},</key${entry}></key$<ANGLE-R><true/$<ANGLE-R>\n>")
   string(APPEND entries "  </dict>\n")
 
   file(GENERATE OUTPUT "$<TARGET_FILE:${target}>.bundle/Info.plist" CONTENT

@@ -182,7 +182,8 @@ int main() {
   kelvo::KelvoSDK::logAppEventWithName("Bought", {{"what", "ship"}, {"coins", 80}});
   game.play(std::chrono::milliseconds(600));
 
-  // The player leaves: the library sends the events. The loop runs on, so that it can read the last screen's title.
+  // The player leaves: the library sends the events. This is the only call that blocks. If the service does not answer
+  // in time, the events are stored, and the next launch sends them.
   kelvo::Application::willResignActive();
-  game.play(std::chrono::milliseconds(600));
+  kelvo::KelvoSDK::flushAndWait(std::chrono::seconds(3));
 }

@@ -62,9 +62,12 @@ class Device final : public KLVSyncManagerDelegate {
   void persistPIDMIDDict(const std::optional<Dictionary>& kept, const std::string&) override {
     if (KLVUtilities::isValidDictionary(kept)) record = *kept;
   }
-  void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
-    if (path->find("/validate?") == std::string::npos) ++fetches;
+  void getDataFromURLPath(const std::optional<std::string>&, HTTPCompletion completion) override {
     completion(answer_, HTTPResponse{200, "http://127.0.0.1/"}, std::nullopt);
+  }
+  void getActionsFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
+    ++fetches;
+    getDataFromURLPath(path, std::move(completion));
   }
 
   std::optional<Dictionary> record;
@@ -124,7 +127,7 @@ void classify(const Dictionary& events) {
   bus.setEventsToBeIgnored(events["stop"].asArray());
   const auto becomes = [&](const Value& name, KLVEventType type) {
     const auto* text = name.get<std::string>();
-    if (text == nullptr) return;
+    if (text == nullptr || *text == kKLVAppOpened) return;
     const auto event = std::make_shared<KLVClientEvent>();
     event->setEventType(KLVEventType::app);
     event->setIdentifier(*text);
@@ -140,18 +143,8 @@ void classify(const Dictionary& events) {
 }  // namespace kelvo::fuzz
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  std::error_code error;
-  const bool inMemory = std::filesystem::is_directory("/dev/shm", error);
-  std::string home = inMemory ? "/dev/shm/kelvo-fuzz-XXXXXX" : "/tmp/kelvo-fuzz-XXXXXX";
-  if (mkdtemp(home.data()) == nullptr) return 1;
-  setenv("KELVO_HOME", home.c_str(), 1);
-  static std::string remembered = home;
-  std::atexit([] {
-    std::error_code inUse;
-    std::filesystem::remove_all(remembered, inUse);
-  });
   kelvo::fuzz::silenceLog();
-  return 0;
+  return kelvo::fuzz::makeHome() ? 0 : 1;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {

@@ -1,18 +1,16 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
-#include <string_view>
 
 #include "kelvo/Export.h"
+#include "kelvo/Log.h"
 #include "kelvo/Nilable.h"
 #include "kelvo/Value.h"
 #include "kelvo/ViewTree.h"
 
 namespace kelvo {
-
-/// The level of a log line.
-enum class LogLevel { debug, info, warn, error };
 
 /// Reports of the host about itself. All of them are optional. Every function is thread-safe, may be called at any
 /// time, returns at once and never throws. In a forked child it does nothing.
@@ -44,11 +42,15 @@ class KELVO_EXPORT Application {
   /// Sends the library's log lines to `sink` in place of standard error. An empty function restores standard error. The
   /// log thread calls `sink` once per line, without the line feed, and ignores its exceptions. A replaced sink may
   /// still be called for a line that is already being written.
-  static void setLogSink(std::function<void(LogLevel level, std::string_view line)> sink) noexcept;
+  static void setLogSink(LogSink sink) noexcept;
 
   /// Hands over the host's windows and views, so that actions of the service can point at a view; nullptr removes them.
   /// The first tree is also asked for the screen that shows at that time, or at the start if that comes later.
   static void setViewTree(std::shared_ptr<ViewTree> tree) noexcept;
+  /// Writes the key window's views as DEBUG lines, for the actions of the service: first the tree of the views that a
+  /// path can name, indented by "-", then the path of each ("Path KLV:UITableView:0:UITableViewCell:3"). Runs on the
+  /// main queue. Does nothing while DEBUG lines are filtered. Like every search by path, it sets the tags of cells.
+  static void printViewTree() noexcept;
 
   /// Report that `screen` is about to appear, or has appeared. The library records a screen, with the time spent on it
   /// in whole seconds, when the next screen has appeared or the application leaves the foreground. A screen of the same
@@ -57,10 +59,15 @@ class KELVO_EXPORT Application {
   /// kept.
   static void willShow(std::shared_ptr<ViewController> screen) noexcept;
   static void didShow(std::shared_ptr<ViewController> screen) noexcept;
+  static void willShow(std::nullptr_t screen) noexcept;
+  static void didShow(std::nullptr_t screen) noexcept;
   /// The same for a host without view controllers. Without a title, the class names the screen. A nil or empty class
   /// costs one WARN line.
   static void willShow(OptionalText className, OptionalText title = {}) noexcept;
   static void didShow(OptionalText className, OptionalText title = {}) noexcept;
+  /// Reports that the screen `name` is about to appear and has appeared: `willShow` and `didShow` for a host without
+  /// view controllers. A screen of the same name as the current one counts as the same screen.
+  static void show(OptionalText name, OptionalText title = {}) noexcept;
 
   /// Reports that a cross-platform framework draws the host's interface. Searches for views then use `View::nativeID`
   /// in place of the tag.

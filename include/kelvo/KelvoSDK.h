@@ -1,24 +1,29 @@
 #pragma once
 
+#include <chrono>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 
 #include "kelvo/Application.h"
+#include "kelvo/EventOptions.h"
 #include "kelvo/Export.h"
+#include "kelvo/Flush.h"
 #include "kelvo/Nilable.h"
+#include "kelvo/Options.h"
 #include "kelvo/Value.h"
 
 namespace kelvo {
 
 /// Client-side analytics for the process that links it. A host calls this class and `Application` only.
 ///
-///     kelvo::KelvoSDK::initializeKelvoWithID("my-app");
+///     kelvo::KelvoSDK::start(kelvo::Options("my-app"));
 ///     kelvo::KelvoSDK::logAppEventWithName("Purchase", {{"item", "book"}, {"price", 12.5}});
 ///
 /// Every function is thread-safe and may be called at any time: before the start, after the service has disabled
-/// collection, during exit. It returns at once: it never blocks on a disk, on the network, or on a lock that is held
-/// across either. It never throws, and in a forked child it does nothing.
+/// collection, during exit. It returns at once: except for `flushAndWait`, it never blocks on a disk, on the network,
+/// or on a lock that is held across either. It never throws, and in a forked child it does nothing.
 ///
 /// Arguments are copied; `Value` documents how unsuitable values are repaired. Attributes lose nulls, dates, bytes, and
 /// empty texts and dictionaries. A call costs a WARN or ERROR line and has no other effect if a required argument is
@@ -28,10 +33,34 @@ namespace kelvo {
 /// `Application::willResignActive` save the events among them to a file for the next launch.
 class KELVO_EXPORT KelvoSDK {
  public:
-  /// Starts the library for the application `appId`. Only the first call with an id that is not empty counts. A host
-  /// whose bundle's `Info.plist` names an id under "Kelvo" / "Core" needs no call: the library starts when it is
-  /// loaded.
+  /// Starts the library with `options`. Only the first start of a process with an id that is not empty counts. A later
+  /// one is ignored with one INFO line, also after the bundle has started the library.
+  ///
+  /// The defaults suit a new host: every event is delivered once, only errors are logged, nothing is printed.
+  static void start(Options options) noexcept;
+
+  /// Starts the library under the classic rules, with the settings of the bundle: all INFO lines are logged, and the
+  /// process prints one line when it ends. A host whose bundle's `Info.plist` names an id under "Kelvo" / "Core" needs
+  /// no call: the library starts when it is loaded. Only the first start of a process counts (see `start`).
   static void initializeKelvoWithID(OptionalText appId) noexcept;
+
+  /// What the library does at present.
+  enum class State {
+    running,            ///< it collects
+    disabledByService,  ///< the service, or its last known answer, has switched collection off
+    switchedOffHere,    ///< the user or administrator of this machine has switched Kelvo off; it touches nothing
+    homeInUse,          ///< another process uses the home; `reason` says whether events wait for the next launch
+    failed,             ///< no valid application id, no usable home, or no database: nothing can be stored
+  };
+  struct Status {
+    State state;
+    std::string reason;  ///< one sentence for people, without a full stop; never empty
+  };
+
+  /// Calls `callback` with the present status as soon as it is known, and again with each new one. Any number of
+  /// callbacks may be added; none is ever removed. They run one at a time on a library queue. An exception from one is
+  /// logged. An empty `callback` is ignored. A forked child and an exiting process get no calls.
+  static void onReady(std::function<void(const Status&)> callback) noexcept;
 
   /// Sets the host's own id of its user as an attribute of the user. nil is refused with an ERROR line. So is a call
   /// before the end of the start-up, unless the delivery rules are `complete`.
@@ -56,11 +85,15 @@ class KELVO_EXPORT KelvoSDK {
   /// A nested dictionary becomes JSON text under its key. With `shouldFlatten`, one more level becomes keys of its own,
   /// joined by "_".
   static void logClientEventWithName(OptionalText name, OptionalDictionary info = {}) noexcept;
+  static void logClientEventWithName(OptionalText name, OptionalDictionary info, EventOptions options) noexcept;
   static void logClientEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten) noexcept;
 
   /// Logs an event of the application with its attributes, which are flattened like those of a client event. An
   /// aggregate event is not stored: the session counts its name, and each value of each of its attributes.
   static void logAppEventWithName(OptionalText name, OptionalDictionary info = {}) noexcept;
+  static void logAppEventWithName(OptionalText name, OptionalDictionary info, EventOptions options) noexcept;
+  static void logAggregateEvent(OptionalText name, OptionalDictionary info = {}, EventOptions options = {}) noexcept;
+  /// The same with bare flags, which are easily mixed up: prefer the functions above.
   static void logAppEventWithName(OptionalText name, OptionalDictionary info, bool isAggregate) noexcept;
   static void logAppEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten,
                                   bool isAggregate) noexcept;
@@ -68,6 +101,18 @@ class KELVO_EXPORT KelvoSDK {
   /// Returns the id of this device, a UUID. The first launch makes it; later launches read it. Returns nullopt until
   /// the start-up has it, and in a forked child.
   [[nodiscard]] static std::optional<std::string> getDeviceID() noexcept;
+
+  /// Cuts all events of earlier calls into chunks now and posts everything that waits. Calls `callback` once, on a
+  /// library queue, as soon as the service has accepted all of it, nothing more can follow, or `deadline` has passed.
+  /// A start-up that is under way is waited for, within the deadline. With a deadline of 0 or less, the result is the
+  /// state after the cut. Under `complete`, refused chunks are posted again until the deadline, but never before a time
+  /// that the service asks for; under `classic`, the first refusal of a chunk ends the flush. The callback does not
+  /// come once the process exits. An empty `callback` is allowed.
+  static void flush(std::chrono::milliseconds deadline, std::function<void(const FlushResult&)> callback) noexcept;
+
+  /// As `flush`, and returns the result. This is the only call that blocks: up to `deadline`. Called from a callback of
+  /// the library, it returns `insideCallback` at once. During exit and in a forked child, it returns at once, too.
+  static FlushResult flushAndWait(std::chrono::milliseconds deadline) noexcept;
 };
 
 }  // namespace kelvo

@@ -125,6 +125,8 @@ class KELVO_EXPORT Value {
   Value(Data bytes) noexcept : content_(std::move(bytes)) {}
   Value(Date date) noexcept : content_(date) {}
   Value(Array array) noexcept : content_(std::move(array)) {}
+  /// A dictionary: in `{{"address", {{"city", "Bern"}}}}`, the inner braces are one. An array says `Array{1, 2}`.
+  Value(std::initializer_list<Dictionary::Entry> entries) : content_(Dictionary(entries)) {}
   Value(Dictionary dictionary) noexcept : content_(std::move(dictionary)) {}
   template <class T>
   Value(std::optional<T> value) : Value(value ? Value(*std::move(value)) : Value()) {}
@@ -162,7 +164,7 @@ class KELVO_EXPORT Value {
  private:
   std::variant<std::monostate, bool, std::int64_t, std::uint64_t, float, double, std::string, Data, Date, Array,
                Dictionary>
-      content_;
+      content_{};
 };
 
 /// Returns a value as text: a text unchanged, an integer in decimal, a floating-point number in the shortest form that

@@ -44,11 +44,7 @@ void KLVController::saveFrequencyInfo(const Value& info, const std::optional<std
   const auto handler = dataHandler();
   if (handler == nullptr || KLVUtilities::isInvalidDictionary(info) || KLVUtilities::isInvalidString(identifier))
     return;
-  const Lock lock(frequencyMutex_);
-  const Value stored = handler->retrieveFrequencyConfig();
-  Dictionary config = stored.asDictionary().value_or(Dictionary());
-  config.set(*identifier, info);
-  handler->persistFrequencyConfig(std::move(config));
+  handler->saveFrequencyInfo(info, *identifier);
 }
 
 std::optional<Value> KLVController::retrieveFrequencyConfigWithIdentifier(
@@ -116,6 +112,10 @@ void KLVController::getDataFromURLPath(const std::optional<std::string>& path, H
     return;
   }
   postman_.getDataFromURLPath(*path, std::move(completion));
+}
+
+void KLVController::getActionsFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) {
+  if (path) postman_.getDataFromURLPath(*path, std::move(completion), kActionsLimits);
 }
 
 void KLVController::postDataToURL(const std::optional<std::string>& path, const std::optional<Dictionary>& body,

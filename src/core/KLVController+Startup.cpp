@@ -1,14 +1,19 @@
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <utility>
 
+#include "core/HostSettings.h"
 #include "core/KLVController.h"
+#include "core/Readiness.h"
 #include "core/RescueFiles.h"
 #include "platform/Bundle.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "platform/HomeLock.h"
 #include "platform/JSON.h"
+#include "platform/Privileges.h"
+#include "platform/SwitchedOff.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
 #include "util/KLVDefaultsKeys.h"
@@ -30,29 +35,64 @@ Array names(const std::vector<std::shared_ptr<KLVEvent>>& events) {
   return all;
 }
 
+/// Applies the "log_level" of the configuration.
+void setupLoggerLevel(const Dictionary& configuration) {
+  if (!configuration.contains("log_level")) return;
+  const Value& level = configuration["log_level"];
+  if (level == Value("debug")) {
+    if (KLVLogger::setLogLevel(KLVLogger::Level::debug)) KLV_INFO("Changed Log level to: {}", level);
+  } else if (level == Value("warn")) {
+    if (KLVLogger::setLogLevel(KLVLogger::Level::warn)) KLV_INFO("Changed Log level to: {}", level);
+  } else {
+    KLVLogger::setLogLevel(KLVLogger::Level::error);
+  }
+}
+
+/// Tells the host whether this process can store events.
+void announceStorage(bool databaseIsReady) {
+  auto problem = Directories::problem();
+  if (!problem && ::access(Directories::library().c_str(), W_OK | X_OK) != 0) {
+    problem = Directories::library() + " cannot be written";
+  }
+  if (!problem && !databaseIsReady) problem = "The database cannot be opened; the next event tries again";
+  if (problem) return Readiness::shared().set(Readiness::State::failed, *std::move(problem));
+  Readiness::shared().set(Readiness::State::running, "Events are collected and sent");
+}
+
 }  // namespace
 
-void KLVController::initializeWithKelvoID(std::optional<std::string> appId) {
-  if (isSDKInitCalled()) {
-    KLV_INFO("Kelvo SDK already initialized. Ignoring this call");
-    return;
-  }
-  if (KLVUtilities::isInvalidString(appId)) {
-    KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId: {}", appId);
-    return;
-  }
+void KLVController::initializeWithKelvoID(std::optional<std::string> appId, const Options* options) {
+  if (HostSettings::refusesForeignRights()) return;
+  const bool isValid = KLVUtilities::isValidString(appId);
   bool isFirst = false;
   {
     const Lock lock(mutex_);
-    isFirst = gate_.begin();
-    if (isFirst) components_.applicationIdentifier = *appId;
+    isFirst = isValid ? gate_.begin() : gate_.state() == CollectionGate::State::idle;
+    if (isFirst && isValid) components_.applicationIdentifier = *appId;
   }
-  if (!isFirst) {  // another thread was faster
+  if (!isFirst) {
     KLV_INFO("Kelvo SDK already initialized. Ignoring this call");
     return;
   }
-  controllerSerialQueue_.async([this, id = *std::move(appId)] {
+  if (options != nullptr) {
+    isValid ? HostSettings::shared().apply(*options) : HostSettings::shared().applyOutput(*options);
+  }
+  if (!isValid) {
+    KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId: {}", appId);
+    return Readiness::shared().set(Readiness::State::failed, "The application id is empty");
+  }
+  if (const auto& reason = SwitchedOff::reason()) {
+    {
+      const Lock lock(mutex_);
+      gate_.terminate();
+    }
+    finishStartUp();
+    KLV_INFO("Kelvo is switched off on this machine: {}", *reason);
+    return Readiness::shared().set(Readiness::State::switchedOffHere, *reason);
+  }
+  controllerSerialQueue_.async([this, id = *std::move(appId), user = options ? options->userIdentifier : ""] {
     controllerSerialQueue_.assertCurrent();
+    if (!user.empty()) setAttributes({true, {{"custom_user_id", user}}});
     stepA(id);
   });
 }
@@ -61,13 +101,16 @@ void KLVController::stepA(const std::string& appId) {
   const auto holder = HomeLock::takeOrFindHolder();
   holdsHome_ = !holder;
   if (holder) {
+    const auto inUse = fmt::format("Process {} uses the home", *holder);
     const bool collects = KLVDeliveryRules::current().rescuesBesideAnotherProcess && getEnableSDKState();
     KLV_ERROR("Process {} uses the directory {} already; this process {}", *holder, Directories::library(),
               collects ? "leaves its events to the next launch" : "collects nothing");
     if (!collects) {
       earlyReports_.drop();
-      return stayTerminated();
+      stayTerminated();
+      return Readiness::shared().set(Readiness::State::homeInUse, inUse + ": nothing is collected");
     }
+    Readiness::shared().set(Readiness::State::homeInUse, inUse + ": events wait for the next launch");
   }
   registerIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), asListener());
   registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), asListener());
@@ -84,7 +127,13 @@ void KLVController::stepA(const std::string& appId) {
 void KLVController::stepB(const std::optional<std::string>& data, const std::optional<HTTPResponse>& response,
                           const std::optional<HTTPError>& error) {
   std::optional<std::string> serviceHash;
-  if (!serviceAllowsCollection(data, response, error, serviceHash)) return stayTerminated();
+  if (!serviceAllowsCollection(data, response, error, serviceHash)) {
+    stayTerminated();
+    return Readiness::shared().set(
+        Readiness::State::disabledByService,
+        error ? "The service does not answer, and its last known answer switches collection off"
+              : "The service has switched collection off for this application");
+  }
 
   startDeviceRecord();
   auto manager = std::make_shared<KLVConfigManager>(*this);
@@ -95,10 +144,14 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   updateConfiguration(serviceHash);
   const bool enabled = getEnableSDKState();
   setEnabled(enabled);
-  if (!enabled) return stayTerminated();
+  if (!enabled) {
+    stayTerminated();
+    return Readiness::shared().set(Readiness::State::disabledByService,
+                                   "The service's configuration switches collection off for this application");
+  }
   startRecords();
   startSessionWithLaunchType("normal");
-  setupLoggerLevel();
+  setupLoggerLevel(manager->configDetails().value_or(Dictionary()));
   loadClientAndAggregateEvents();
   dataHandler()->startWithCompletionHandler([this] { controllerSerialQueue_.sync([this] { stepC(); }); });
   controllerSerialQueue_.sync([this] { mergeStoredUser(); });
@@ -115,6 +168,7 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   KLV_INFO("KelvoiOSSDK ({}) : initialized!", fmt::format("{:.0f}", kKLVSDKVersion));
   updateRetentionDayCount();
   finishStartUp();
+  dataHandler()->whenReady(announceStorage);
 }
 
 bool KLVController::serviceAllowsCollection(const std::optional<std::string>& data,
@@ -129,7 +183,7 @@ bool KLVController::serviceAllowsCollection(const std::optional<std::string>& da
   // Kept: a status other than 200 allows collection. A transport error falls back to the saved switch.
   if (!succeeded(response, error)) return true;
   std::string reason;
-  const auto parsed = parseJSON(data.value_or(""), &reason);
+  const auto parsed = parseJSON(data.value_or(""), &reason, kStartUpLimits.values);
   if (!parsed) {
     KLV_ERROR("Error while fetching SDK enable status: {}", reason);
     return true;
@@ -180,6 +234,7 @@ void KLVController::startDeviceRecord() {
 
 void KLVController::startRecords() {
   auto appInfo = std::make_shared<KLVAppInfo>("__undefined-appname__");
+  HostSettings::shared().rename(*appInfo);
   auto sdkInfo = std::make_shared<KLVSDKInfo>("__undefined-sdkinfo__");
   auto user = std::make_shared<KLVUser>("__undefined-user__");
   user->setDelegate(this);
@@ -263,8 +318,21 @@ void KLVController::stayTerminated() {
 }
 
 void KLVController::finishStartUp() {
-  const Lock lock(mutex_);
-  gate_.finishStartUp();
+  std::vector<std::function<void()>> waiters;
+  {
+    const Lock lock(mutex_);
+    gate_.finishStartUp();
+    waiters.swap(startWaiters_);
+  }
+  for (const auto& waiter : waiters) waiter();
+}
+
+void KLVController::whenStarted(std::function<void()> task) {
+  {
+    const Lock lock(mutex_);
+    if (!gate_.startUpHasEnded()) return startWaiters_.push_back(std::move(task));
+  }
+  task();
 }
 
 void KLVController::setEnabled(bool enabled) {
@@ -294,21 +362,6 @@ bool KLVController::getEnableSDKState() {
   const bool enabled = defaults.boolean(kKLVLegacyEnableSDKKey);
   if (holdsHome_) defaults.remove(kKLVLegacyEnableSDKKey);  // Kept: the value is not copied into the file.
   return enabled;
-}
-
-void KLVController::setupLoggerLevel() {
-  const auto configuration = locked(&KLVComponents::configManager)->configDetails().value_or(Dictionary());
-  if (!configuration.contains("log_level")) return;
-  const Value& level = configuration["log_level"];
-  if (level == Value("debug")) {
-    KLVLogger::setLogLevel(KLVLogger::Level::debug);
-    KLV_INFO("Changed Log level to: {}", level);
-  } else if (level == Value("warn")) {
-    KLVLogger::setLogLevel(KLVLogger::Level::warn);
-    KLV_INFO("Changed Log level to: {}", level);
-  } else {
-    KLVLogger::setLogLevel(KLVLogger::Level::error);
-  }
 }
 
 }  // namespace kelvo

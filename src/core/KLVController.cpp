@@ -1,9 +1,12 @@
 #include "core/KLVController.h"
 
+#include "core/HostSettings.h"
+#include "network/ExitParking.h"
 #include "platform/Bundle.h"
 #include "platform/Clock.h"
 #include "platform/Immortal.h"
-#include "util/KLVDeliveryRules.h"
+#include "platform/Privileges.h"
+#include "platform/SwitchedOff.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -13,16 +16,6 @@ namespace kelvo {
 namespace {
 /// A cut waits this long for the title of the current screen.
 constexpr std::chrono::milliseconds kLongestWaitForTitle(1000);
-
-/// Chooses the delivery that the bundle names, if it names one.
-void chooseDelivery(const Dictionary& bundle) {
-  const Value& name = bundle["KelvoDelivery"];
-  if (name.isNull()) return;
-  const auto* text = name.get<std::string>();
-  const KLVDeliveryRules* rules = text != nullptr ? KLVDeliveryRules::named(*text) : nullptr;
-  if (rules == nullptr) KLV_ERROR("KelvoDelivery is neither classic nor complete: {}", name);
-  KLVDeliveryRules::choose(rules != nullptr ? *rules : KLVDeliveryRules::classic);
-}
 
 }  // namespace
 
@@ -39,16 +32,16 @@ KLVController::KLVController() {
 }
 
 void KLVController::initialize() {
+  if (HostSettings::refusesForeignRights()) return;
+  auto& settings = HostSettings::shared();
   const Dictionary& bundle = Bundle::main().infoDictionary();
-  chooseDelivery(bundle);
+  settings.applyBundle(bundle);
   const auto* meta = bundle["Kelvo"].get<Dictionary>();
   if (meta == nullptr) {
-    KLV_ERROR("KelvoiOSSDK failed to initialize - invalid Kelvo Meta Info");
-    return;
+    return settings.holdLine([] { KLV_ERROR("KelvoiOSSDK failed to initialize - invalid Kelvo Meta Info"); });
   }
   if (!meta->contains("Core")) {
-    KLV_INFO("Ignoring Kelvo SDK auto init");
-    return;
+    return settings.holdLine([] { KLV_INFO("Ignoring Kelvo SDK auto init"); });
   }
   const auto* core = (*meta)["Core"].get<std::string>();
   {
@@ -57,10 +50,9 @@ void KLVController::initialize() {
         core != nullptr ? *core : std::string();  // Kept: the id is stored before it is validated.
   }
   if (core == nullptr || !KLVUtilities::isValidString(*core)) {
-    KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId");
-    return;
+    return settings.holdLine([] { KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId"); });
   }
-  KLV_INFO("Initialising Kelvo SDK automatically with ID: {}", *core);
+  if (!SwitchedOff::reason()) KLV_INFO("Initialising Kelvo SDK automatically with ID: {}", *core);
   initializeWithKelvoID(*core);
 }
 
@@ -69,8 +61,23 @@ bool KLVController::hasStarted() {
   return gate_.startUpHasEnded();
 }
 
+std::optional<std::string> KLVController::reasonNotToCollect() {
+  if (isRefusedForItsRights()) return "the program acts for another user";
+  if (const auto& reason = SwitchedOff::reason()) return "Kelvo is switched off on this machine: " + *reason;
+  if (ExitParking::shared().isExiting()) return "the process is exiting";
+  if (leavesEventsToNextLaunch()) return "another process uses the home, so all events wait for the next launch";
+  const auto state = gateState();
+  if (state == CollectionGate::State::idle) return "the library has not been started";
+  if (state != CollectionGate::State::terminated) return std::nullopt;
+  return hasStarted() && !holdsHome_ ? "another process uses the home" : "collection is disabled";
+}
+
 bool KLVController::leavesEventsToNextLaunch() {
   return !holdsHome_ && hasStarted() && gateState() == CollectionGate::State::initialising;
+}
+
+void KLVController::setMainLoopBlocked(bool isBlocked) noexcept {
+  blockedMainLoops_ += isBlocked ? 1 : -1;
 }
 
 CollectionGate::State KLVController::gateState() {
@@ -113,9 +120,29 @@ void KLVController::whenPosted(std::function<void()> done) {
   runStages(std::make_shared<const std::vector<Stage>>(std::move(stages)));
 }
 
+void KLVController::deliverNow(bool waits, std::function<void(bool isCut)> done) {
+  // The cut waits for the store and, for a limited time, for the titles of screens.
+  const Stage classified = [this](auto next) { eventHandler_.whenClassified(std::move(next)); };
+  runStages(std::make_shared<const std::vector<Stage>>(std::vector<Stage>{
+      [this](auto next) { controllerSerialQueue_.async(std::move(next)); },
+      classified,
+      classified,  // the bus queues a delivery while it classifies the event
+      [this, waits, done = std::move(done)](auto) {
+        const auto manager = locked(&KLVComponents::chunkManager);
+        manager ? manager->deliverNow(waits, done) : done(false);
+      },
+  }));
+}
+
+KLVDeliveryState KLVController::deliveryState() {
+  const auto manager = locked(&KLVComponents::chunkManager);
+  return manager ? manager->deliveryState() : KLVDeliveryState();
+}
+
 void KLVController::waitUntilDelivered() {
   // So that the chunk contains the screen that BACKGROUND ends, unless a busy main loop delays the screen's title.
-  if (!navigationMonitor_->waitUntilDispatched(kLongestWaitForTitle)) KLV_DEBUG("Not waiting for a title any longer");
+  const auto limit = blockedMainLoops_ > 0 ? std::chrono::milliseconds(0) : kLongestWaitForTitle;
+  if (!navigationMonitor_->waitUntilDispatched(limit)) KLV_DEBUG("Not waiting for a title any longer");
   eventHandler_.waitUntilDelivered();
 }
 

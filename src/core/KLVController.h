@@ -23,8 +23,9 @@
 
 namespace kelvo {
 
+struct Options;
+
 /// The process-wide controller: owns every component, starts them, and forwards calls between them.
-///
 /// States: see `CollectionGate`. The delegate interfaces document the private overrides.
 /// Thread: any. Host calls do their work on the controller's serial queue, start-up in HTTP callbacks.
 class KLVController final : public KLVEventListener,
@@ -47,17 +48,15 @@ class KLVController final : public KLVEventListener,
   KLVController();
 
   // --- Start-up.
-  /// Starts the library if the bundle's "Kelvo" dictionary names an application under "Core". Called at load.
-  void initialize();
-  void initializeWithKelvoID(Text appId);
-  /// Asks the service whether its lists have changed. Applies the new lists, or else the saved ones.
-  void loadClientAndAggregateEvents();
+  // Both do nothing but one ERROR line in a program that acts for another user (see Privileges.h).
+  void initialize();  ///< at load: starts the library if the bundle's "Kelvo" names an application under "Core"
+  void initializeWithKelvoID(Text appId, const Options* options = nullptr);  ///< `options`: of `KelvoSDK::start`
+  void loadClientAndAggregateEvents();  ///< applies the service's lists if they have changed, else the saved ones
   /// Stops both monitors. Drops all buffers and refuses later calls, with the exception in `CollectionGate::terminate`.
   void terminateSDK();
   [[nodiscard]] bool enableSDK() { return gateState() == CollectionGate::State::running; }
   [[nodiscard]] bool isSDKInitCalled() { return gateState() != CollectionGate::State::idle; }
-  /// Returns true once the start-up has ended. Without the home, the state may still be initialising.
-  [[nodiscard]] bool hasStarted();
+  [[nodiscard]] bool hasStarted();  ///< the start-up has ended; without the home, the state may still be initialising
   [[nodiscard]] bool leavesEventsToNextLaunch();  ///< without the home, under the rules `complete`
 
   // --- Host calls. The work follows on the controller's queue, except for `logDeviceToken`.
@@ -65,12 +64,11 @@ class KLVController final : public KLVEventListener,
   void logScreenWithName(const Text& title);
   void logClientEventWithName(Text name, std::optional<Dictionary> info, bool shouldFlatten);
   void logAppEventWithName(Text name, std::optional<Dictionary> info, bool shouldFlatten, bool isAggregate);
-  void setUserCustomInfo(std::optional<Dictionary> info);
-  void setSessionCustomInfo(std::optional<Dictionary> info);
+  void setUserCustomInfo(Form info);
+  void setSessionCustomInfo(Form info);
   void reportCustomError(Text error, std::optional<Dictionary> info);
   void logDeviceToken(const Value& token);
-  /// Stores `event` in the session `sessionId`. Never buffers it.
-  void saveEvent(const EventRef& event, const Text& sessionId);
+  void saveEvent(const EventRef& event, const Text& sessionId);  ///< never buffers it
   void markFatalAndUpdateDuration(std::optional<Date> duration, const Text& sessionId);
   void markAsCordova() noexcept { isCordova_ = true; }
   [[nodiscard]] bool isCordova() const noexcept { return isCordova_; }
@@ -89,6 +87,9 @@ class KLVController final : public KLVEventListener,
   std::optional<Value> retrieveFrequencyConfigWithIdentifier(const Text& identifier);
   std::optional<Dictionary> getLifetimeCountForEvents(const std::vector<std::string>& names);
   std::int64_t getLifetimeCountForEventWithName(const std::string& name) override;
+  void getDataFromURLPath(const Text& path, HTTPCompletion completion) override;
+  void postDataToURL(const Text& path, const Form& body, const Form& headers, HTTPCompletion completion) override;
+  void makeDeleteRequestToURLPath(const Text& path, const Form& headers, HTTPCompletion completion);
   void registerForTimerNotificationWithInterval(double seconds, std::function<void()> closure);
   void executeAfterDelay(double seconds, std::function<void()> block);
   [[nodiscard]] bool actionInProgress() const noexcept { return actionInProgress_; }
@@ -103,22 +104,22 @@ class KLVController final : public KLVEventListener,
   std::int64_t getRetentionDay();
   void updateRetentionDayCount();
   std::int64_t currentSDKTimeInMillis();
-  void makeDeleteRequestToURLPath(const Text& path, const Form& headers, HTTPCompletion completion);
 
   // --- Waiting for earlier work: for the exit hook and for tools.
-  /// From now on nothing waits for the host's main loop.
-  void stopWaitingForMainLoop() { navigationMonitor_->stopReadingTitles(); }
-  /// Runs `task` on the controller's queue, behind all earlier host calls.
+  void stopWaitingForMainLoop() { navigationMonitor_->stopReadingTitles(); }  ///< from now on
+  /// Both run on the controller's queue, behind all earlier host calls; a report not before the monitors observe.
   void performInOrder(std::function<void()> task) { controllerSerialQueue_.async(std::move(task)); }
-  void performReport(EarlyReports::Report report);  ///< the same; before the start, once the monitors observe
-  /// Calls `done` on a library queue once the database holds all data of earlier calls.
-  void whenStored(std::function<void()> done);
-  /// Calls `done` once that data is stored, and the HTTP client has every chunk whose cut it caused.
-  void whenPosted(std::function<void()> done);
-  /// Saves the attributes of the user and of the session. Thread: the controller's queue.
-  void saveRecords();
-  /// Writes buffered events and user attributes to files for the next launch (see `RescueFiles`). Blocks on the disk.
-  void rescue() EXCLUDES(mutex_, rescueMutex_);
+  void performReport(EarlyReports::Report report);
+  void whenStored(std::function<void()> done);  ///< once the database holds the data of all earlier calls
+  void whenPosted(std::function<void()> done);  ///< the same, and the HTTP client has every chunk whose cut it caused
+  void saveRecords();  ///< saves the attributes of the user and of the session; on the controller's queue
+  void whenStarted(std::function<void()> task) EXCLUDES(mutex_);  ///< at once, or on the thread that ends the start-up
+  /// Calls `KLVChunkManager::deliverNow` behind all earlier host calls. Before the start, `isCut` is false.
+  void deliverNow(bool waits, std::function<void(bool isCut)> done);
+  [[nodiscard]] KLVDeliveryState deliveryState();
+  [[nodiscard]] Text reasonNotToCollect();           ///< nullopt if this process collects, or its start-up is under way
+  void setMainLoopBlocked(bool isBlocked) noexcept;  ///< while a main loop is blocked, cuts wait for no title
+  void rescue() EXCLUDES(mutex_, rescueMutex_);      ///< writes what is buffered to files (see `RescueFiles`); blocks
 
  private:
   void setAndSaveEnableSDKState(bool enabled) override;
@@ -140,8 +141,7 @@ class KLVController final : public KLVEventListener,
   std::shared_ptr<KLVAppInfo> appInfo() override { return locked(&KLVComponents::appInfo); }
   std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return locked(&KLVComponents::deviceInfo); }
   std::shared_ptr<KLVSDKInfo> sdkInfo() override { return locked(&KLVComponents::sdkInfo); }
-  void getDataFromURLPath(const Text& path, HTTPCompletion completion) override;
-  void postDataToURL(const Text& path, const Form& body, const Form& headers, HTTPCompletion completion) override;
+  void getActionsFromURLPath(const Text& path, HTTPCompletion completion) override;
 
   // Start-up: step A on the controller's queue, step B in the HTTP callback, step C on the queue once storage is ready.
   void stepA(const std::string& appId) REQUIRES(controllerSerialQueue_);
@@ -154,7 +154,6 @@ class KLVController final : public KLVEventListener,
   void startDeviceRecord() EXCLUDES(mutex_);
   void startRecords() EXCLUDES(mutex_);
   void mergeStoredUser() EXCLUDES(mutex_, rescueMutex_);
-  void setupLoggerLevel();
   void sendUserInfo();
   void incrementLifetimeSessionCount();
   void stayTerminated();
@@ -178,11 +177,12 @@ class KLVController final : public KLVEventListener,
     return components_.*field;
   }
   std::atomic<bool> isCordova_{false}, actionInProgress_{false};
-  Mutex frequencyMutex_;                ///< held while one thread reads, changes and writes the saved frequency info
+  std::atomic<int> blockedMainLoops_{0};
   std::atomic<bool> holdsHome_{false};  ///< false until step A, and if another process holds it
   Mutex rescueMutex_;                   ///< held while a rescue writes or renames files; taken before `mutex_`
   Mutex mutex_;                         ///< held for assignments only, never across I/O or a callback
   CollectionGate gate_ GUARDED_BY(mutex_);
+  std::vector<std::function<void()>> startWaiters_ GUARDED_BY(mutex_);
   KLVComponents components_ GUARDED_BY(mutex_);
   KLVPostman postman_;
   KLVAppEventSource appEventSource_{*this};

@@ -6,6 +6,34 @@
 #include "util/KLVUtilities+Counts.h"
 
 namespace kelvo {
+namespace {
+
+std::shared_ptr<KLVEvent> incident(KLVEventType type, const std::string& message, const Dictionary& details) {
+  auto event = std::make_shared<KLVObservationEvent>(type);
+  event->setIdentifier(randomUUIDString());
+  event->setCustomInfo(message, "error_message");
+  for (const auto& [key, value] : details) event->setCustomInfo(value, key);
+  return event;
+}
+
+/// Returns an event of a type that only plug-ins make, nullptr for the library's own types.
+std::shared_ptr<KLVEvent> eventOfPlugin(KLVEventType type) {
+  switch (type) {
+    case KLVEventType::inApp: return std::make_shared<KLVInAppEvent>();
+    case KLVEventType::inlineView: return std::make_shared<KLVInlineEvent>();
+    case KLVEventType::nudge: return std::make_shared<KLVNudgeEvent>();
+    case KLVEventType::survey: return std::make_shared<KLVSurveyEvent>();
+    case KLVEventType::userInteraction:
+    case KLVEventType::push:
+    case KLVEventType::inlineText:
+    case KLVEventType::inlineCoachmark:
+    case KLVEventType::walkthrough:
+    case KLVEventType::screenshot: return std::make_shared<KLVEvent>(type);
+    default: return nullptr;
+  }
+}
+
+}  // namespace
 
 void KLVAppEventSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
                                  std::optional<std::int64_t> time) {
@@ -30,12 +58,23 @@ void KLVClientEventSource::logEvent(const std::string& name, const std::optional
 
 void KLVObservationSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
                                     std::optional<std::int64_t> time) {
-  const auto event = std::make_shared<KLVObservationEvent>(KLVEventType::customError);
+  const auto event = incident(KLVEventType::customError, name, info.value_or(Dictionary()));
   if (time) event->setCreatedTime(*time);
-  event->setIdentifier(randomUUIDString());
-  event->setCustomInfo(name, "error_message");
-  for (const auto& [key, value] : info.value_or(Dictionary())) event->setCustomInfo(value, key);
   delegate_.dispatchEvent(event);
+}
+
+bool KLVPluginEventSource::logEvent(KLVEventType type, const std::optional<std::string>& name, const Dictionary& info) {
+  const std::string given = name && !name->empty() ? *name : std::string(stringFromType(type));
+  if (type == KLVEventType::applicationCrash) {
+    delegate_.dispatchEvent(incident(type, given, info));
+    return true;
+  }
+  const auto event = eventOfPlugin(type);
+  if (event == nullptr) return false;
+  event->setIdentifier(given);
+  event->setAdditionalInfo(info);
+  delegate_.dispatchEvent(event);
+  return true;
 }
 
 }  // namespace kelvo

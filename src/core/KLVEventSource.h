@@ -52,4 +52,13 @@ class KLVObservationSource : public KLVEventSource {
   void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time);
 };
 
+/// Makes events of plug-ins.
+class KLVPluginEventSource : public KLVEventSource {
+ public:
+  using KLVEventSource::KLVEventSource;
+  /// Returns false, and posts nothing, if plug-ins may not make events of `type`. `PluginServices::dispatchEvent`
+  /// documents the types.
+  [[nodiscard]] bool logEvent(KLVEventType type, const std::optional<std::string>& name, const Dictionary& info);
+};
+
 }  // namespace kelvo

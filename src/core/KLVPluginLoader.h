@@ -20,13 +20,16 @@ class KLVPluginLoader {
  public:
   using Factory = std::shared_ptr<Plugin> (*)();
 
-  /// Registers a class. Later classes of the same name are ignored.
+  /// Registers a class. A later class of the same name is ignored with one ERROR line.
   static void registerClass(std::string_view name, Factory make);
 
   KLVPluginLoader();
   /// Makes and initialises the plug-ins of `meta`: its entries, except for "Core", map a class name to true. A plug-in
   /// that is missing or throws costs one WARN or ERROR line; the others still load. Returns after their `initialize`.
   void loadPlugins(const std::optional<Dictionary>& meta, const Dictionary& configuration);
+  /// Writes one ERROR line for each plug-in whose class is still missing, unless its shared object could not be loaded:
+  /// that has cost a line already. Called a second after the lookup, and at exit. Later calls repeat no line.
+  static void reportMissing();
   /// Returns a map from the name of each initialised plug-in to true.
   [[nodiscard]] Dictionary pluginDict() const;
 

@@ -138,4 +138,9 @@ std::shared_ptr<KLVSession> KLVStorageForwarding::retrieveSessionInfoWithIdentif
   return handler ? handler->retrieveSessionInfoWithIdentifier(*identifier) : nullptr;
 }
 
+std::optional<KLVWaiting> KLVStorageForwarding::waiting() {
+  const auto handler = dataHandler();
+  return handler ? handler->waiting() : std::nullopt;
+}
+
 }  // namespace kelvo

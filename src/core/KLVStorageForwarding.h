@@ -28,6 +28,8 @@ class KLVStorageForwarding : public KLVChunkManagerDelegate {
   std::vector<std::string> getSessionDirectories() override;
   std::optional<AggregateTotals> aggregateTotals(const std::string& sid) override;
   std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override;
+  /// As `KLVDataHandler::waiting`.
+  std::optional<KLVWaiting> waiting();
 
  protected:
   ~KLVStorageForwarding() = default;  // never deleted through this type

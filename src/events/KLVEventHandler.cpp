@@ -6,6 +6,33 @@
 #include "util/KLVLogger.h"
 
 namespace kelvo {
+namespace {
+
+/// The names of the library's own events, as they may stand in a list.
+constexpr std::string_view kOwnNames[] = {kKLVAppOpened, kKLVForeground, kKLVBackground, "Session", "Chunk"};
+
+/// Returns whether components of the library listen to this event. Without it, chunks would no longer be cut, or not be
+/// resent.
+bool isOwn(KLVEventType type, const std::string& name) {
+  switch (type) {
+    case KLVEventType::system:
+    case KLVEventType::session:
+    case KLVEventType::chunk: return true;
+    case KLVEventType::app: return name == kKLVAppOpened;
+    default: return false;
+  }
+}
+
+/// Returns those of `names` that are the library's own, separated by commas.
+std::string ownNamesIn(const std::unordered_set<std::string>& names) {
+  std::string own;
+  for (const std::string_view name : kOwnNames) {
+    if (names.count(std::string(name)) > 0) own.append(own.empty() ? "" : ", ").append(name);
+  }
+  return own;
+}
+
+}  // namespace
 
 KLVEventHandler::KLVEventHandler(KLVEventHandlerDelegate& delegate) : delegate_(delegate) {}
 
@@ -64,6 +91,7 @@ void KLVEventHandler::waitUntilDelivered() {
 
 bool KLVEventHandler::classify(KLVEvent& event) const {
   const std::string name = event.identifier();
+  if (isOwn(event.eventType(), name)) return true;
   if (event.eventType() == KLVEventType::client || clientEvents_.contains(name)) {
     KLV_DEBUG("Client event found");
     event.setEventType(KLVEventType::client);
@@ -117,6 +145,9 @@ void KLVEventHandler::NameList::set(std::optional<Array> names) {
   std::unordered_set<std::string> lookup;
   for (const Value& name : names.value_or(Array())) {
     if (const auto* text = name.get<std::string>()) lookup.insert(*text);
+  }
+  if (const std::string own = ownNamesIn(lookup); !own.empty()) {
+    KLV_WARN("The list of {} events names {}: the library keeps its own events of that name", purpose_, own);
   }
   const Lock lock(mutex_);
   names_.swap(names);

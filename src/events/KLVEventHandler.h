@@ -50,7 +50,8 @@ class KLVEventHandler {
   void enqueueEvent(std::shared_ptr<KLVEvent> event);
 
   /// The three lists of event names. A list is nullopt at first, and then matches no event. Elements that are not texts
-  /// match no event.
+  /// match no event. No list matches the library's own events, which make it deliver: "klv_app_opened", FOREGROUND,
+  /// BACKGROUND, and the signals of sessions and chunks. A list that names one costs a WARN line.
   void setEventsToBeIgnored(std::optional<Array> names) { eventsToBeIgnored_.set(std::move(names)); }
   void setClientEvents(std::optional<Array> names) { clientEvents_.set(std::move(names)); }
   void setAggregateEvents(std::optional<Array> names) { aggregateEvents_.set(std::move(names)); }
@@ -72,11 +73,14 @@ class KLVEventHandler {
   /// One of the three lists. It is replaced as a whole. Thread-safe.
   class NameList {
    public:
+    /// `purpose` is for log lines, such as "ignored".
+    explicit NameList(const char* purpose) : purpose_(purpose) {}
     void set(std::optional<Array> names) EXCLUDES(mutex_);
     [[nodiscard]] std::optional<Array> names() const EXCLUDES(mutex_);
     [[nodiscard]] bool contains(const std::string& name) const EXCLUDES(mutex_);
 
    private:
+    const char* const purpose_;
     mutable Mutex mutex_;
     std::optional<Array> names_ GUARDED_BY(mutex_);
     std::unordered_set<std::string> lookup_ GUARDED_BY(mutex_);  // the texts of names_
@@ -91,9 +95,9 @@ class KLVEventHandler {
   static void remove(Table& table, const std::string& key, const Listener& listener);
 
   KLVEventHandlerDelegate& delegate_;
-  NameList eventsToBeIgnored_;
-  NameList clientEvents_;
-  NameList aggregateEvents_;
+  NameList eventsToBeIgnored_{"ignored"};
+  NameList clientEvents_{"client"};
+  NameList aggregateEvents_{"aggregate"};
 
   // Queue: queue_.
   Table objectsRegisteredOnType_ GUARDED_BY(queue_);

@@ -11,6 +11,7 @@
 #include "platform/MainQueue.h"
 #include "platform/NotificationCenter.h"
 #include "util/KLVSanitiser.h"
+#include "util/KLVUtilities+Views.h"
 
 namespace kelvo {
 namespace {
@@ -83,13 +84,8 @@ void Application::setMainLoop(std::function<void(std::function<void()>)> post,
   guarded([&] { MainQueue::handOver(std::move(post), std::move(isCurrent)); });
 }
 
-void Application::setLogSink(std::function<void(LogLevel, std::string_view)> sink) noexcept {
-  guarded([&] {
-    if (!sink) return KLVLogger::setSink({});
-    KLVLogger::setSink([sink = std::move(sink)](KLVLogger::Level level, std::string_view line) {
-      sink(static_cast<LogLevel>(level), line);
-    });
-  });
+void Application::setLogSink(LogSink sink) noexcept {
+  guardedAlways([&] { KLVLogger::setSink(std::move(sink)); });
 }
 
 void Application::setViewTree(std::shared_ptr<ViewTree> tree) noexcept {
@@ -101,6 +97,10 @@ void Application::setViewTree(std::shared_ptr<ViewTree> tree) noexcept {
   });
 }
 
+void Application::printViewTree() noexcept {
+  guarded([] { MainQueue::async([] { KLVUtilities::printViewTree(); }); });
+}
+
 void Application::willShow(std::shared_ptr<ViewController> screen) noexcept {
   report(kWillShowViewController, std::move(screen));
 }
@@ -109,12 +109,28 @@ void Application::didShow(std::shared_ptr<ViewController> screen) noexcept {
   report(kDidShowViewController, std::move(screen));
 }
 
+void Application::willShow(std::nullptr_t screen) noexcept {
+  willShow(std::shared_ptr<ViewController>(screen));
+}
+
+void Application::didShow(std::nullptr_t screen) noexcept {
+  didShow(std::shared_ptr<ViewController>(screen));
+}
+
 void Application::willShow(OptionalText className, OptionalText title) noexcept {
   report(kWillShowViewController, std::move(className), std::move(title));
 }
 
 void Application::didShow(OptionalText className, OptionalText title) noexcept {
   report(kDidShowViewController, std::move(className), std::move(title));
+}
+
+void Application::show(OptionalText name, OptionalText title) noexcept {
+  guarded([&] {
+    if (!name || name->empty()) return didShow(std::move(name), std::move(title));  // one WARN line
+    willShow(name, title);
+    didShow(std::move(name), std::move(title));
+  });
 }
 
 void Application::markAsReactNative() noexcept {

@@ -3,14 +3,16 @@
 #include <exception>
 #include <utility>
 
+#include "platform/Privileges.h"
+#include "platform/SwitchedOff.h"
 #include "platform/Thread.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 
-/// Runs one host call. Logs an exception instead of letting it reach the host. Does nothing in a forked child.
+/// Runs `call`. Logs an exception instead of letting it reach the host. Does nothing in a forked child.
 template <class Call>
-void guarded(Call&& call) noexcept {
+void guardedAlways(Call&& call) noexcept {
   if (inForkedChild()) return;
   try {
     try {
@@ -20,6 +22,20 @@ void guarded(Call&& call) noexcept {
     }
   } catch (...) {  // there may be no memory left for the log line
   }
+}
+
+/// Returns whether the library must do nothing in this process: for the program's rights, or because it is switched off
+/// on this machine.
+inline bool isForbidden() {
+  return isRefusedForItsRights() || SwitchedOff::reason().has_value();
+}
+
+/// The same for a call that collects, sends or asks for data: does nothing where the library is forbidden.
+template <class Call>
+void guarded(Call&& call) noexcept {
+  guardedAlways([&] {
+    if (!isForbidden()) std::forward<Call>(call)();
+  });
 }
 
 }  // namespace kelvo

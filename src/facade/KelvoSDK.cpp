@@ -1,7 +1,13 @@
 #include "kelvo/KelvoSDK.h"
 
+#include <new>
+
+#include "core/Flushing.h"
+#include "core/HostSettings.h"
 #include "core/KLVController.h"
+#include "core/Readiness.h"
 #include "facade/Guard.h"
+#include "platform/DispatchQueue.h"
 #include "util/KLVSanitiser.h"
 
 namespace kelvo {
@@ -19,20 +25,49 @@ std::optional<Dictionary> taken(OptionalDictionary&& info) {
   return sanitised(std::optional<Dictionary>(std::move(info)));
 }
 
+/// `caller` is the host's call, which the line names.
+void logAppEvent(const char* caller, OptionalText&& name, OptionalDictionary&& info, bool shouldFlatten,
+                 bool isAggregate) {
+  constexpr auto kInfo = KLVLogger::Level::info;
+  auto event = taken(std::move(name));
+  auto attributes = taken(std::move(info));
+  if (KLVLogger::writes(kInfo)) {
+    KLVLogger::log(kInfo, caller, __LINE__, "Logging app event for event: {} with Info: {}", event,
+                   KLVLogger::hostData(attributes));
+  }
+  controller().logAppEventWithName(std::move(event), std::move(attributes), shouldFlatten, isAggregate);
+}
+
 }  // namespace
 
+void KelvoSDK::start(Options options) noexcept {
+  guardedAlways([&] {
+    for (auto* text : {&options.appId, &options.userIdentifier, &options.appName, &options.appVersion}) {
+      *text = sanitised(std::optional(std::move(*text))).value_or("");
+    }
+    controller().initializeWithKelvoID(options.appId, &options);
+  });
+}
+
 void KelvoSDK::initializeKelvoWithID(OptionalText appId) noexcept {
-  guarded([&] {
+  guardedAlways([&] {
     auto id = taken(std::move(appId));
-    KLV_INFO("Initialising Kelvo SDK Manually with ID: {}", id);
+    if (!isForbidden()) {
+      HostSettings::shared().writeHeldLine();
+      KLV_INFO("Initialising Kelvo SDK Manually with ID: {}", id);
+    }
     controller().initializeWithKelvoID(std::move(id));
   });
+}
+
+void KelvoSDK::onReady(std::function<void(const Status&)> callback) noexcept {
+  guardedAlways([&] { Readiness::shared().add(std::move(callback)); });
 }
 
 void KelvoSDK::setUserIdentifier(OptionalText identifier) noexcept {
   guarded([&] {
     auto id = taken(std::move(identifier));
-    KLV_INFO("Setting user identifier {}", id);
+    KLV_INFO("Setting user identifier {}", KLVLogger::hostData(id));
     controller().setUserIdentifier(std::move(id));
   });
 }
@@ -48,7 +83,7 @@ void KelvoSDK::logScreenWithName(OptionalText title) noexcept {
 void KelvoSDK::setUserCustomInfo(OptionalDictionary info) noexcept {
   guarded([&] {
     auto attributes = taken(std::move(info));
-    KLV_INFO("Setting custom user info: {}", attributes);
+    KLV_INFO("Setting custom user info: {}", KLVLogger::hostData(attributes));
     controller().setUserCustomInfo(std::move(attributes));
   });
 }
@@ -56,7 +91,7 @@ void KelvoSDK::setUserCustomInfo(OptionalDictionary info) noexcept {
 void KelvoSDK::setSessionCustomInfo(OptionalDictionary info) noexcept {
   guarded([&] {
     auto attributes = taken(std::move(info));
-    KLV_INFO("Setting custom session info: {}", attributes);
+    KLV_INFO("Setting custom session info: {}", KLVLogger::hostData(attributes));
     controller().setSessionCustomInfo(std::move(attributes));
   });
 }
@@ -65,7 +100,8 @@ void KelvoSDK::reportCustomError(OptionalText error, OptionalDictionary info) no
   guarded([&] {
     auto description = taken(std::move(error));
     auto attributes = taken(std::move(info));
-    KLV_INFO("Reporting custom error: {} and info: {}", description, attributes);
+    KLV_INFO("Reporting custom error: {} and info: {}", KLVLogger::hostData(description),
+             KLVLogger::hostData(attributes));
     controller().reportCustomError(std::move(description), std::move(attributes));
   });
 }
@@ -82,22 +118,33 @@ void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info
   guarded([&] {
     auto event = taken(std::move(name));
     auto attributes = taken(std::move(info));
-    KLV_INFO("Logging client event for event: {} with Info: {}", event, attributes);
+    KLV_INFO("Logging client event for event: {} with Info: {}", event, KLVLogger::hostData(attributes));
     controller().logClientEventWithName(std::move(event), std::move(attributes), shouldFlatten);
   });
 }
 
+void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info, EventOptions options) noexcept {
+  logClientEventWithName(std::move(name), std::move(info), options.flatten);
+}
+
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info) noexcept {
-  logAppEventWithName(std::move(name), std::move(info), false);
+  constexpr const char* kCaller = __PRETTY_FUNCTION__;
+  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), false, false); });
 }
 
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, bool isAggregate) noexcept {
-  guarded([&] {
-    auto event = taken(std::move(name));
-    auto attributes = taken(std::move(info));
-    KLV_INFO("Logging app event for event: {} with Info: {}", event, attributes);
-    controller().logAppEventWithName(std::move(event), std::move(attributes), false, isAggregate);
-  });
+  constexpr const char* kCaller = __PRETTY_FUNCTION__;
+  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), false, isAggregate); });
+}
+
+void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, EventOptions options) noexcept {
+  constexpr const char* kCaller = __PRETTY_FUNCTION__;
+  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), options.flatten, false); });
+}
+
+void KelvoSDK::logAggregateEvent(OptionalText name, OptionalDictionary info, EventOptions options) noexcept {
+  constexpr const char* kCaller = __PRETTY_FUNCTION__;
+  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), options.flatten, true); });
 }
 
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten,
@@ -112,6 +159,32 @@ std::optional<std::string> KelvoSDK::getDeviceID() noexcept {
   std::optional<std::string> id;
   guarded([&] { id = controller().getDeviceID(); });
   return id;
+}
+
+void KelvoSDK::flush(std::chrono::milliseconds deadline, std::function<void(const FlushResult&)> callback) noexcept {
+  if (inForkedChild()) {
+    try {
+      if (callback) callback(flushAndWait(deadline));
+    } catch (...) {  // no thread of the library could report it
+    }
+    return;
+  }
+  guardedAlways([&] {
+    Flushing::begin(deadline, [callback = std::move(callback)](const FlushResult& result) {
+      if (callback) DispatchQueue::global().async([callback, result] { callback(result); });
+    });
+  });
+}
+
+FlushResult KelvoSDK::flushAndWait(std::chrono::milliseconds deadline) noexcept {
+  FlushResult result;
+  try {
+    if (inForkedChild()) result.reason = "a forked process collects nothing";
+  } catch (const std::bad_alloc&) {
+    return result;
+  }
+  guardedAlways([&] { result = Flushing::wait(deadline); });
+  return result;
 }
 
 }  // namespace kelvo

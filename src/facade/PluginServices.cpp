@@ -1,11 +1,13 @@
 #include <utility>
 
 #include "core/KLVController.h"
+#include "core/KLVEventSource.h"
 #include "core/KLVPluginLoader.h"
 #include "facade/Guard.h"
 #include "kelvo/Plugin.h"
 #include "platform/MainQueue.h"
 #include "records/KLVRecordKeys.h"
+#include "util/KLVPluginName.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVUtilities+Cleaning.h"
 #include "util/KLVUtilities+Views.h"
@@ -21,6 +23,33 @@ KLVController& controller() {
 template <class Call>
 void whileEnabled(Call&& call) noexcept {
   guarded([&] { controller().enableSDK() ? call() : CollectionGate::logRefusal("call"); });
+}
+
+/// Reads data, or returns none while collection is disabled.
+template <class Result, class Call>
+Result readWhileEnabled(Call&& call) noexcept {
+  Result result{};
+  guarded([&] {
+    if (controller().enableSDK()) result = call();
+  });
+  return result;
+}
+
+std::optional<std::string> taken(OptionalText&& text) {
+  return sanitised(std::optional<std::string>(std::move(text)));
+}
+
+std::optional<Dictionary> taken(OptionalDictionary&& dictionary) {
+  return sanitised(std::optional<Dictionary>(std::move(dictionary)));
+}
+
+/// The callback of a plug-in in the form of the library's own.
+HTTPCompletion asCompletion(HTTPCallback&& callback) {
+  return [callback = std::move(callback)](const auto& data, const auto& response, const auto& error) {
+    if (!callback) return;
+    callback({response ? static_cast<int>(response->statusCode) : 0, data.value_or(""),
+              error ? error->localizedDescription : ""});
+  };
 }
 
 Event asEvent(const KLVEvent& event) {
@@ -53,8 +82,8 @@ std::shared_ptr<EventListener::Adapter> EventListener::adapterOf(const std::shar
   return {listener, listener->adapter_.get()};
 }
 
-bool Plugin::registerClass(const char* name, std::shared_ptr<Plugin> (*make)()) noexcept {
-  guarded([&] { KLVPluginLoader::registerClass(name, make); });
+bool Plugin::registerClass(const char* text, std::shared_ptr<Plugin> (*make)()) noexcept {
+  guardedAlways([&] { KLVPluginLoader::registerClass(pluginName(text), make); });
   return true;
 }
 
@@ -67,19 +96,15 @@ void PluginServices::getSyncDataForActionType(const std::string& type, const std
 }
 
 Dictionary PluginServices::getConfigForActionType(const std::string& type) noexcept {
-  Dictionary config;
-  guarded([&] { config = KLVSyncManager::savedConfig(type); });
-  return config;
+  return readWhileEnabled<Dictionary>([&] { return KLVSyncManager::savedConfig(type); });
 }
 
 std::optional<Dictionary> PluginServices::getPIDMIDDictForType(const std::string& type) noexcept {
-  std::optional<Dictionary> record;
-  guarded([&] { record = controller().getPIDMIDDictForType(type); });
-  return record;
+  return readWhileEnabled<std::optional<Dictionary>>([&] { return controller().getPIDMIDDictForType(type); });
 }
 
 void PluginServices::persistPIDMIDDict(OptionalDictionary record, const std::string& type) noexcept {
-  whileEnabled([&] { controller().persistPIDMIDDict(sanitised(std::optional<Dictionary>(std::move(record))), type); });
+  whileEnabled([&] { controller().persistPIDMIDDict(taken(std::move(record)), type); });
 }
 
 void PluginServices::registerForEventWithType(KLVEventType type,
@@ -102,39 +127,59 @@ void PluginServices::deRegisterIdentifer(const std::string& key,
   guarded([&] { controller().deRegisterIdentifer(key, EventListener::adapterOf(listener)); });
 }
 
-void PluginServices::saveFrequencyInfo(OptionalDictionary info, OptionalText identifier) noexcept {
+void PluginServices::dispatchEvent(KLVEventType type, OptionalText name, OptionalDictionary attributes) noexcept {
   whileEnabled([&] {
-    controller().saveFrequencyInfo(sanitised(std::optional<Dictionary>(std::move(info))),
-                                   sanitised(std::optional<std::string>(std::move(identifier))));
+    const auto info = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(taken(std::move(attributes)));
+    const auto given = taken(std::move(name));
+    if (KLVPluginEventSource(controller()).logEvent(type, given, info.value_or(Dictionary()))) return;
+    KLV_ERROR("Plug-ins dispatch no events of type {}; ignoring {}", stringFromType(type), given);
   });
+}
+
+void PluginServices::saveFrequencyInfo(OptionalDictionary info, OptionalText identifier) noexcept {
+  whileEnabled([&] { controller().saveFrequencyInfo(taken(std::move(info)), taken(std::move(identifier))); });
 }
 
 std::optional<Dictionary> PluginServices::retrieveFrequencyConfigWithIdentifier(OptionalText identifier) noexcept {
-  std::optional<Dictionary> kept;
-  guarded([&] {
-    const auto entry = controller().retrieveFrequencyConfigWithIdentifier(
-        sanitised(std::optional<std::string>(std::move(identifier))));
-    if (const auto* info = entry ? entry->get<Dictionary>() : nullptr) kept = *info;
+  return readWhileEnabled<std::optional<Dictionary>>([&] {
+    const auto entry = controller().retrieveFrequencyConfigWithIdentifier(taken(std::move(identifier)));
+    return entry ? entry->asDictionary() : std::nullopt;
   });
-  return kept;
 }
 
 std::optional<Dictionary> PluginServices::getLifetimeCountForEvents(const std::vector<std::string>& names) noexcept {
-  std::optional<Dictionary> counts;
-  guarded([&] { counts = controller().getLifetimeCountForEvents(names); });
-  return counts;
+  return readWhileEnabled<std::optional<Dictionary>>([&] { return controller().getLifetimeCountForEvents(names); });
 }
 
 std::int64_t PluginServices::getLifetimeCountForEventWithName(const std::string& name) noexcept {
-  std::int64_t count = 0;
-  guarded([&] { count = controller().getLifetimeCountForEventWithName(name); });
-  return count;
+  return readWhileEnabled<std::int64_t>([&] { return controller().getLifetimeCountForEventWithName(name); });
 }
 
 std::optional<std::string> PluginServices::getSessionId() noexcept {
-  std::optional<std::string> id;
-  guarded([&] { id = controller().getSessionId(); });
-  return id;
+  return readWhileEnabled<std::optional<std::string>>([] { return controller().getSessionId(); });
+}
+
+std::int64_t PluginServices::getLifetimeSessionCount() noexcept {
+  return readWhileEnabled<std::int64_t>([] { return controller().getLifetimeSessionCount(); });
+}
+
+std::int64_t PluginServices::getRetentionDay() noexcept {
+  return readWhileEnabled<std::int64_t>([] { return controller().getRetentionDay(); });
+}
+
+void PluginServices::getDataFromURLPath(OptionalText path, HTTPCallback completion) noexcept {
+  whileEnabled([&] { controller().getDataFromURLPath(path, asCompletion(std::move(completion))); });
+}
+
+void PluginServices::postDataToURL(OptionalText path, OptionalDictionary body, OptionalDictionary headers,
+                                   HTTPCallback completion) noexcept {
+  whileEnabled(
+      [&] { controller().postDataToURL(path, taken(std::move(body)), headers, asCompletion(std::move(completion))); });
+}
+
+void PluginServices::makeDeleteRequestToURLPath(OptionalText path, OptionalDictionary headers,
+                                                HTTPCallback completion) noexcept {
+  whileEnabled([&] { controller().makeDeleteRequestToURLPath(path, headers, asCompletion(std::move(completion))); });
 }
 
 void PluginServices::registerForTimerNotificationWithInterval(double seconds, std::function<void()> closure) noexcept {

@@ -1,24 +1,26 @@
 #include "network/HTTPTransfer.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string_view>
 #include <utility>
 
 #include "network/HTTPURL.h"
 #include "network/RetryAfter.h"
 #include "platform/Clock.h"
+#include "platform/Privileges.h"
 #include "records/KLVSDKInfo.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
 
-constexpr std::size_t kMaximumBody = 64U * 1024 * 1024;
 constexpr long kMaximumRedirects = 10;
 constexpr const char* kHTTPAndHTTPS = "http,https";
 constexpr long kVerifyNameInCertificate = 2;
@@ -51,6 +53,22 @@ void setRedirects(Options& options, bool startsOnThisMachine) {
   options.set(CURLOPT_MAXREDIRS, kMaximumRedirects);
 }
 
+/// curl copies a connection's secrets to the file that SSLKEYLOGFILE of the environment names. This hook of curl takes
+/// them away again. Only curl links OpenSSL, so its function is looked up.
+CURLcode keepSecrets(CURL*, void* context, void*) {
+  using Setter = void (*)(void* context, void (*log)(const void*, const char*));
+  const auto setLog = reinterpret_cast<Setter>(::dlsym(RTLD_DEFAULT, "SSL_CTX_set_keylog_callback"));
+  if (setLog == nullptr) return CURLE_SSL_CONNECT_ERROR;
+  setLog(context, nullptr);
+  return CURLE_OK;
+}
+
+/// For a program with more rights than its caller. curl itself trusts the environment of any program.
+void ignoreEnvironment(Options& options) {
+  options.set(CURLOPT_PROXY, "");
+  if (std::getenv("SSLKEYLOGFILE") != nullptr) options.set(CURLOPT_SSL_CTX_FUNCTION, keepSecrets);
+}
+
 void setTLS(Options& options, const std::string& caFile) {
   options.set(CURLOPT_SSL_VERIFYPEER, 1L);
   options.set(CURLOPT_SSL_VERIFYHOST, kVerifyNameInCertificate);
@@ -60,9 +78,10 @@ void setTLS(Options& options, const std::string& caFile) {
   options.set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // or curl would trust the system's authorities, too
 }
 
-void setTimeLimits(Options& options, long seconds) {
+void setTimeLimits(Options& options, const KLVAnswerLimits& limits, long seconds) {
   options.set(CURLOPT_CONNECTTIMEOUT, seconds);
-  options.set(CURLOPT_LOW_SPEED_LIMIT, 1L);  // byte per second
+  if (limits.lowestSpeed == 0) return options.set(CURLOPT_TIMEOUT, seconds);
+  options.set(CURLOPT_LOW_SPEED_LIMIT, limits.lowestSpeed);
   options.set(CURLOPT_LOW_SPEED_TIME, seconds);
 }
 
@@ -117,9 +136,14 @@ bool HTTPTransfer::configure(const Settings& settings) {
   options.set(CURLOPT_OPENSOCKETFUNCTION, open);
   options.set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
   setTLS(options, settings.caFile);
-  setTimeLimits(options, static_cast<long>(settings.limit.count()));
+  if (mustIgnoreEnvironment()) ignoreEnvironment(options);
+  setTimeLimits(options, request_.limits, static_cast<long>(settings.limit.count()));
+  options.set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request_.limits.bytes));
   options.set(CURLOPT_WRITEFUNCTION, &HTTPTransfer::receive);
   options.set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+  options.set(CURLOPT_XFERINFOFUNCTION, &HTTPTransfer::checkProgress);
+  options.set(CURLOPT_XFERINFODATA, static_cast<void*>(this));
+  options.set(CURLOPT_NOPROGRESS, 0L);
   return options.accepted() && configureMethod();
 }
 
@@ -149,6 +173,7 @@ bool HTTPTransfer::addHeader(const std::string& line) {
 }
 
 HTTPTransfer::Outcome HTTPTransfer::outcome(int code) {
+  if (code == CURLE_FILESIZE_EXCEEDED) refuseAnswer();
   if (code != CURLE_OK) {
     std::string text = reason_[0] != '\0' ? reason_.data() : curl_easy_strerror(static_cast<CURLcode>(code));
     return {std::nullopt, std::nullopt, HTTPError{code, refusal_.empty() ? std::move(text) : std::move(refusal_)}};
@@ -168,8 +193,8 @@ std::size_t HTTPTransfer::receive(char* bytes, std::size_t size, std::size_t cou
   auto& self = *static_cast<HTTPTransfer*>(transfer);
   const std::size_t length = size * count;
   try {
-    if (length > kMaximumBody - self.data_.size()) {
-      self.refusal_ = "The answer is larger than 64 MiB";
+    if (length > self.request_.limits.bytes - self.data_.size()) {
+      self.refuseAnswer();
       return 0;
     }
     self.data_.append(bytes, length);
@@ -177,6 +202,22 @@ std::size_t HTTPTransfer::receive(char* bytes, std::size_t size, std::size_t cou
   } catch (...) {  // no memory; a result below `length` ends the transfer
     return 0;
   }
+}
+
+/// Counts also the bytes that `receive` does not get: the body of a redirect.
+int HTTPTransfer::checkProgress(void* transfer, std::int64_t, std::int64_t received, std::int64_t,
+                                std::int64_t) noexcept {
+  auto& self = *static_cast<HTTPTransfer*>(transfer);
+  if (received <= static_cast<std::int64_t>(self.request_.limits.bytes)) return 0;
+  try {
+    self.refuseAnswer();
+  } catch (...) {  // no memory for the text: any other value than 0 ends the transfer
+  }
+  return 1;
+}
+
+void HTTPTransfer::refuseAnswer() {
+  refusal_ = fmt::format("The answer is larger than {} bytes", request_.limits.bytes);
 }
 
 bool HTTPTransfer::isTargetAllowed() noexcept {

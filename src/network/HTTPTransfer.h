@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,7 +18,7 @@ namespace kelvo {
 class HTTPTransfer {
  public:
   struct Settings {
-    std::chrono::seconds limit{30};  ///< without progress
+    std::chrono::seconds limit{30};  ///< in all, or below the lowest speed (`HTTPRequest::limits`)
     std::string caFile;              ///< replaces the system's certificate authorities unless empty
     std::string noProxy;             ///< hosts to reach without a proxy, separated by commas
   };
@@ -49,6 +50,8 @@ class HTTPTransfer {
   /// Returns whether the current target, after redirects, may be contacted: it is encrypted or on this machine, and a
   /// POST is still a POST. Otherwise sets `refusal_`.
   [[nodiscard]] bool isTargetAllowed() noexcept;
+  /// Sets `refusal_` for an answer that is too large.
+  void refuseAnswer();
   /// Returns true for a POST that a redirect (301, 302 or 303) has made a GET. The page behind it has not received the
   /// body, so its 200 must not count as accepted.
   [[nodiscard]] bool hasLostItsBody() const;
@@ -57,6 +60,7 @@ class HTTPTransfer {
   static int openSocket(void* transfer, int family, int type, int protocol) noexcept;
   static int beforeRequest(void* transfer, char*, char*, int, int) noexcept;
   static std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* transfer) noexcept;
+  static int checkProgress(void* transfer, std::int64_t, std::int64_t received, std::int64_t, std::int64_t) noexcept;
 
   static constexpr std::size_t kReasonSize = 256;  // of curl's error buffer, at least
 

@@ -11,7 +11,7 @@ namespace kelvo {
 namespace {
 
 constexpr std::string_view kAllowed =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,;=:@/?";
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*,;=:@/?";
 
 /// Returns the positions of the brackets around an IPv6 host, npos twice if there are none.
 std::pair<std::size_t, std::size_t> hostBrackets(std::string_view text) {
@@ -52,6 +52,15 @@ std::string percentEncoded(std::string_view text) {
     result += kHexadecimal[byte & 0x0F];
   }
   return result;
+}
+
+std::string withoutCredentials(std::string url) {
+  constexpr std::string_view kAuthority = "://";
+  const auto scheme = url.find(kAuthority);
+  const auto from = scheme == std::string::npos ? 0 : scheme + kAuthority.size();
+  const auto at = url.rfind('@');
+  if (at != std::string::npos && at > from) url.replace(from, at - from, "...");
+  return url;
 }
 
 std::optional<HTTPURL> HTTPURL::parse(const std::string& text) {

@@ -7,8 +7,12 @@
 namespace kelvo {
 
 /// Returns `text` with every byte percent-encoded that a URL's query must not contain, "%" included: encoded text is
-/// encoded again. The brackets around the host's IPv6 address stay as they are.
+/// encoded again. "+" is encoded, too, because services read it as a space. The brackets around the host's IPv6 address
+/// stay as they are.
 std::string percentEncoded(std::string_view text);
+
+/// Returns a URL, well-formed or not, for a log line or a report: "..." replaces the user name and the password.
+std::string withoutCredentials(std::string url);
 
 /// The parts of a URL that decide whether it may be requested. curl parses the URL, so curl's requests agree.
 struct HTTPURL {

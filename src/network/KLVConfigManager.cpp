@@ -37,7 +37,7 @@ void KLVConfigManager::getAndSaveLatestConfigurationWithCompletionHandler(std::f
       return;
     }
     std::string parseError;
-    const auto result = parseJSON(data.value_or(""), &parseError);
+    const auto result = parseJSON(data.value_or(""), &parseError, kStartUpLimits.values);
     if (!result) KLV_ERROR("JSON Error: {}", parseError);
     KLV_DEBUG("Fetch Config response: {}", describe(response));
     const auto members = Value(result).asDictionary();

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <thread>
 #include <unordered_map>
@@ -14,6 +15,7 @@
 #include "network/HTTPURL.h"
 #include "network/WakeUpDescriptors.h"
 #include "platform/DispatchQueue.h"
+#include "platform/Privileges.h"
 #include "platform/Problem.h"
 #include "platform/ServiceEndpoint.h"
 #include "platform/Thread.h"
@@ -29,12 +31,26 @@ constexpr int kPollUntilWoken = INT_MAX;  // milliseconds
 constexpr int kPollWithoutWakeUp = 1000;  // milliseconds
 constexpr std::chrono::milliseconds kPauseAfterFailedPoll{100};
 
+/// Copies a text for curl, except for the name of the file for TLS secrets.
+char* copiedWithoutKeyLog(const char* text) {
+  return text == std::getenv("SSLKEYLOGFILE") ? nullptr : ::strdup(text);
+}
+
+/// curl opens the file that SSLKEYLOGFILE of the environment names when it is initialised: in a program with more
+/// rights than its caller, any file. curl reads the variable by copying it with the function that we provide. The
+/// library must not change the environment, which is the host's.
+CURLcode initialiseCurl() {
+  if (!mustIgnoreEnvironment()) return curl_global_init(CURL_GLOBAL_DEFAULT);
+  return curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, std::free, std::realloc, copiedWithoutKeyLog,
+                              std::calloc);
+}
+
 /// Initialises curl once per process. Returns whether curl is ready for use. The parking is registered before and
 /// after: see ExitParking.h.
 bool setUpCurl() {
   static const bool ready = [] {
     ExitParking::registerBeforeOpenSSL();
-    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK && ExitParking::registerAfterCurl();
+    return initialiseCurl() == CURLE_OK && ExitParking::registerAfterCurl();
   }();
   return ready;
 }
@@ -48,20 +64,29 @@ std::string hostsWithoutProxy() {
   return std::string(listed) == "*" ? "*" : listed + ("," + own);
 }
 
+/// Returns the error for a `url` that is empty or not a URL: the service endpoint is missing or malformed. Logs it once
+/// per process.
+HTTPError endpointFault(const std::string& url) {
+  static std::atomic<bool> isLogged{false};
+  const bool logs = !isLogged.exchange(true);
+  if (url.empty()) {
+    if (logs) KLV_ERROR("No service endpoint: set KELVO_SERVER_BASE_URL, or KelvoServerBaseURL in Info.plist");
+    return {CURLE_URL_MALFORMAT, "No service endpoint is configured", true};
+  }
+  if (logs) {
+    KLV_ERROR("The service endpoint is malformed: {} is not a URL; use the form https://HOST[:PORT]",
+              withoutCredentials(url));
+  }
+  return {CURLE_URL_MALFORMAT, "The service endpoint is malformed", true};
+}
+
 /// Returns the error for a `url` that must not be requested, nullopt for one that may.
 std::optional<HTTPError> refusalOf(const std::string& url) {
-  if (url.empty()) {
-    static std::atomic<bool> isLogged{false};
-    if (!isLogged.exchange(true)) {
-      KLV_ERROR("No service endpoint: set KELVO_SERVER_BASE_URL, or KelvoServerBaseURL in Info.plist");
-    }
-    return HTTPError{CURLE_URL_MALFORMAT, "No service endpoint is configured"};
-  }
   const auto parsed = HTTPURL::parse(url);
-  if (!parsed) return HTTPError{CURLE_URL_MALFORMAT, "Not a URL"};
+  if (!parsed) return endpointFault(url);
   if (!parsed->exposesCleartext()) return std::nullopt;
   KLV_ERROR("Refused to send cleartext to {}: only https: leaves this machine", parsed->host);
-  return HTTPError{CURLE_UNSUPPORTED_PROTOCOL, "Cleartext to another machine was refused"};
+  return HTTPError{CURLE_UNSUPPORTED_PROTOCOL, "Cleartext to another machine was refused", true};
 }
 
 HTTPTransfer::Outcome failure(CURLcode code, std::string why) {

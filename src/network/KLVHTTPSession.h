@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "util/KLVAnswerLimits.h"
 #include "util/KLVHTTPTypes.h"
 
 namespace kelvo {
@@ -16,12 +17,13 @@ struct HTTPRequest {
   std::string url;  ///< empty if no service endpoint is configured: the request then ends in an error
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
+  KLVAnswerLimits limits = kUploadLimits;
 };
 
 /// Sends HTTP requests through libcurl, on a network thread of its own that the first request starts.
 ///
 /// - It reuses connections, speaks HTTP/2, and opens at most 6 connections to one host; further requests wait.
-/// - 30 seconds without progress end a request in an error.
+/// - A request that exceeds its `limits` ends in an error, and so does one that cannot connect within 30 seconds.
 /// - Proxies come from the environment, but never for a loopback host.
 /// - Cleartext is refused unless the host is a loopback address. Redirects (10 at most) obey the same rule.
 /// - A redirected POST keeps its method and body (307, 308), or ends in an error (301, 302, 303).
@@ -31,7 +33,7 @@ struct HTTPRequest {
 class KLVHTTPSession {
  public:
   KLVHTTPSession();
-  /// `limit` replaces the 30 seconds without progress.
+  /// `limit` replaces every limit of 30 seconds.
   explicit KLVHTTPSession(std::chrono::seconds limit);
   KLVHTTPSession(const KLVHTTPSession&) = delete;
   KLVHTTPSession& operator=(const KLVHTTPSession&) = delete;
@@ -39,7 +41,7 @@ class KLVHTTPSession {
   ~KLVHTTPSession();
 
   /// Returns at once. `completion` is called exactly once, on a concurrent callback queue, so a slow completion delays
-  /// neither the network thread nor other completions. A response body over 64 MiB is an error.
+  /// neither the network thread nor other completions.
   void start(HTTPRequest request, HTTPCompletion completion);
 
   /// Returns the number of requests whose completion has not returned yet.

@@ -20,11 +20,11 @@ std::optional<std::string> encodedURL(const std::string& text) {
   return encoded;
 }
 
-/// Returns `baseURL` followed by `path`, encoded; nullopt if that is not a URL. If `baseURL` itself is not a URL,
-/// returns an empty text: the session then ends the request in an error. Without a callback, a start-up would never
+/// Returns `baseURL` followed by `path`, encoded; nullopt if that is not a URL. If `baseURL` itself is missing or not a
+/// URL, returns it alone: the session then ends the request in an error. Without a callback, a start-up would never
 /// end.
 std::optional<std::string> appendedURL(const std::string& baseURL, const std::string& path) {
-  if (!HTTPURL::parse(baseURL)) return std::string();
+  if (!HTTPURL::parse(baseURL)) return baseURL;
   return encodedURL(baseURL + path);
 }
 
@@ -67,25 +67,25 @@ HTTPRequest jsonRequest(std::string method, std::string url) {
 
 }  // namespace
 
-KLVPostman::KLVPostman() : baseURL_(ServiceEndpoint::shared().baseURL) {}
-
 KLVHTTPSession& KLVPostman::sharedSession() {
   static Immortal<KLVHTTPSession> session;
   return *session;
 }
 
-void KLVPostman::getDataFromURLPath(const std::string& path, HTTPCompletion completion) {
-  auto url = urlFor(baseURL_, path);
+void KLVPostman::getDataFromURLPath(const std::string& path, HTTPCompletion completion, const KLVAnswerLimits& limits) {
+  auto url = urlFor(ServiceEndpoint::shared().baseURL, path);
   if (!url) {
     KLV_WARN("Error in URL encoding");
     return;
   }
-  send(jsonRequest("GET", *std::move(url)), std::move(completion));
+  HTTPRequest request = jsonRequest("GET", *std::move(url));
+  request.limits = limits;
+  send(std::move(request), std::move(completion));
 }
 
 void KLVPostman::postDataToURL(const std::string& path, const std::optional<Dictionary>& body,
                                const std::optional<Dictionary>& headerFields, HTTPCompletion completion) {
-  auto url = urlFor(baseURL_, path);
+  auto url = urlFor(ServiceEndpoint::shared().baseURL, path);
   if (!url) {
     KLV_WARN("Error in URL encoding");
     return;
@@ -109,7 +109,7 @@ void KLVPostman::postDataToURL(const std::string& path, const std::optional<Dict
 
 void KLVPostman::makeDeleteRequestToURLPath(const std::string& path, const std::optional<Dictionary>& headerFields,
                                             HTTPCompletion completion) {
-  auto url = appendedURL(baseURL_, path);
+  auto url = appendedURL(ServiceEndpoint::shared().baseURL, path);
   if (!url) {
     KLV_WARN("Error in URL encoding");
     return;

@@ -15,14 +15,13 @@ namespace kelvo {
 /// request calls back exactly once, on the HTTP callback queue, unless the process exits.
 class KLVPostman {
  public:
-  /// Uses the base URL of `ServiceEndpoint`.
-  KLVPostman();
   /// Returns the HTTP session of the process, made on first use and never destroyed.
   static KLVHTTPSession& sharedSession();
 
-  // `path` is the whole URL if it contains "https:"; otherwise it is appended to the base URL.
+  // `path` is the whole URL if it contains "https:"; otherwise it is appended to the base URL of `ServiceEndpoint`.
 
-  void getDataFromURLPath(const std::string& path, HTTPCompletion completion);
+  void getDataFromURLPath(const std::string& path, HTTPCompletion completion,
+                          const KLVAnswerLimits& limits = kStartUpLimits);
   /// `headerFields` replace the client's own headers. nullopt as `body` sends an empty body.
   void postDataToURL(const std::string& path, const std::optional<Dictionary>& body,
                      const std::optional<Dictionary>& headerFields, HTTPCompletion completion);
@@ -30,12 +29,8 @@ class KLVPostman {
   void makeDeleteRequestToURLPath(const std::string& path, const std::optional<Dictionary>& headerFields,
                                   HTTPCompletion completion);
 
-  [[nodiscard]] const std::string& baseURL() const noexcept { return baseURL_; }
-
  private:
   static void send(HTTPRequest request, HTTPCompletion completion);
-
-  std::string baseURL_;
 };
 
 }  // namespace kelvo

@@ -36,7 +36,7 @@ bool save(const Dictionary& disk, const std::string& actionType) {
 /// Returns whether the saved configuration is a dictionary. Otherwise its hash does not count.
 bool canReadConfig(const std::string& actionType) {
   const std::string path = Directories::inLibrary(fileOf(actionType));
-  return fileExists(path) && Value(KLVUtilities::readConfig(path)).asDictionary();
+  return fileExists(path) && Value(KLVUtilities::readConfig(path, kActionsLimits)).asDictionary();
 }
 
 /// The state on the device: the PID/MID record and the saved configuration.
@@ -90,7 +90,7 @@ std::string pidsToFetch(const Dictionary& server, const Dictionary& local) {
 }  // namespace
 
 Dictionary KLVSyncManager::savedConfig(const std::string& actionType) {
-  const Value saved = KLVUtilities::readConfigAtRelativePath(fileOf(actionType));
+  const Value saved = KLVUtilities::readConfigAtRelativePath(fileOf(actionType), kActionsLimits);
   return saved.asDictionary().value_or(Dictionary());
 }
 
@@ -176,7 +176,7 @@ void KLVSyncManager::fetch(const Sync& sync, const std::string& pids, const std:
                            Dictionary server) {
   const std::string path = sync.fetchPath + pids;
   KLV_DEBUG("URL to fetch action config: {}", path);
-  delegate_.getDataFromURLPath(
+  delegate_.getActionsFromURLPath(
       path, [this, sync, hash, disk = std::move(disk), server = std::move(server)](
                 auto data, auto response, auto error) { onFetched(sync, hash, disk, server, data, response, error); });
 }
@@ -190,7 +190,7 @@ void KLVSyncManager::onFetched(const Sync& sync, const std::string& hash, Dictio
     return sync.completion();
   }
   KLV_DEBUG("Response for getting config: {}", describe(response));
-  const Value received = KLVUtilities::dictionaryFromNSData(data);
+  const Value received = KLVUtilities::dictionaryFromNSData(data, kActionsLimits);
   KLV_DEBUG("Received data: {}", received);
   const Dictionary answer = received.asDictionary().value_or(Dictionary());
   const auto* configs = answer["configs"].get<Array>();

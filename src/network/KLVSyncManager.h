@@ -20,6 +20,8 @@ class KLVSyncManagerDelegate {
   virtual std::optional<Dictionary> getPIDMIDDictForType(const std::string& type) = 0;
   virtual void persistPIDMIDDict(const std::optional<Dictionary>& record, const std::string& type) = 0;
   virtual void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) = 0;
+  /// As above, but with the limits of actions.
+  virtual void getActionsFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) = 0;
 
  protected:
   ~KLVSyncManagerDelegate() = default;  // never deleted through this type

@@ -2,16 +2,24 @@
 
 #include <fmt/format.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "platform/Bundle.h"
 #include "platform/Files.h"
 #include "platform/Immortal.h"
+#include "platform/Privileges.h"
 #include "platform/Problem.h"
+#include "platform/ThreadSafety.h"
+#include "platform/Trust.h"
 
 namespace kelvo {
 namespace {
@@ -52,47 +60,125 @@ std::optional<std::string> sharedDataDirectory() {
   return joinPath(*home, ".local/share");
 }
 
-std::string root() {
-  if (auto home = Directories::homeFor(Bundle::main())) return *std::move(home);
-  reportProblem(__PRETTY_FUNCTION__, "there is no home directory: nothing can be stored (set KELVO_HOME or HOME)");
-  return kNowhere;
+/// Returns whether a former version has used `directory` as a home.
+bool holdsHome(const std::string& directory) {
+  return isDirectory(joinPath(directory, "Library/Preferences")) && isDirectory(joinPath(directory, "Documents"));
 }
 
 struct Paths {
   std::string library;
   std::string documents;
+  std::optional<std::string> problem;
 };
 
-Paths made(const std::string& root) {
-  Paths paths{joinPath(root, "Library"), joinPath(root, "Documents")};
-  if (root == kNowhere) return paths;
+Paths noHome(std::string reason) {
+  return {joinPath(kNowhere, "Library"), joinPath(kNowhere, "Documents"), std::move(reason)};
+}
+
+std::string cannotBeMade(const std::string& path, const FileError& error) {
+  return fmt::format("{} cannot be made: {}", path, error);
+}
+
+std::optional<std::string> distrustDirectory(const std::string& path, Owner owner) {
+  struct stat facts {};
+  if (::lstat(path.c_str(), &facts) != 0) return std::nullopt;  // it could not be made, which is reported
+  return distrust(facts, owner, path);
+}
+
+/// Makes the directories of the home at `given` and judges them.
+///
+/// A home that another user has prepared could make the library write or delete files elsewhere, through links, or let
+/// that user read the database. One check at the first use is enough: once it has passed, only this user and root can
+/// create, rename or remove anything on the way to the home or below it, so links cannot appear later. The order
+/// matters: the home and the directories above are judged first, so that their answer stays true meanwhile.
+Paths made(const std::string& given) {
+  FileError error;
+  if (!makeDirectory(given, true, &error)) return noHome(cannotBeMade(given, error));
+  const auto home = resolvedPath(given);
+  if (!home) return noHome(cannotBeMade(given, std::strerror(errno)));
+  const auto unsafe = [](std::string reason) { return noHome("the home is not used: " + std::move(reason)); };
+  if (auto reason = distrustAbove(*home)) return unsafe(*std::move(reason));
+  if (auto reason = distrustDirectory(*home, Owner::userOrRoot)) return unsafe(*std::move(reason));
+
+  Paths paths{joinPath(*home, "Library"), joinPath(*home, "Documents"), std::nullopt};
   for (const auto& path : {paths.library, paths.documents}) {
-    FileError error;
-    if (!makeDirectory(path, true, &error)) {
-      reportProblem(__PRETTY_FUNCTION__, fmt::format("{} cannot be made: {}", path, error));
-    }
+    if (!makeDirectory(path, false, &error)) paths.problem = cannotBeMade(path, error);
+    if (auto reason = distrustDirectory(path, Owner::user)) return unsafe(*std::move(reason));
+    if (auto reason = distrustBelow(path)) return unsafe(*std::move(reason));
   }
   return paths;
 }
 
-const Paths& paths() {
-  static Immortal<Paths> instance(made(root()));
+Paths made(const std::optional<std::string>& home) {
+  // The start reports this.
+  if (actsForAnotherUser()) return noHome("the program acts for another user than the one who started it");
+  auto paths =
+      home ? made(*home) : noHome("there is no home directory: nothing can be stored (set KELVO_HOME or HOME)");
+  if (paths.problem) reportProblem("Directories", *paths.problem);
+  return paths;
+}
+
+/// The home of this process. Decided once, at the first use.
+class Home {
+ public:
+  bool choose(const std::string& path) EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    if (!used_) chosen_ = path;
+    return !used_ || used_ == path;
+  }
+
+  const Paths& paths() EXCLUDES(mutex_) {
+    std::call_once(once_, [this] { paths_ = made(use()); });
+    return paths_;
+  }
+
+ private:
+  std::optional<std::string> use() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    const auto home = chosen_.empty() || environment("KELVO_HOME") ? Directories::homeFor(Bundle::main()) : chosen_;
+    used_ = home.value_or("");
+    return home;
+  }
+
+  Mutex mutex_;
+  std::string chosen_ GUARDED_BY(mutex_);
+  std::optional<std::string> used_ GUARDED_BY(mutex_);  // empty text: none; nullopt before the first use
+  std::once_flag once_;
+  Paths paths_;  // constant once `once_` is done
+};
+
+Home& processHome() {
+  static Immortal<Home> instance;
   return *instance;
 }
 
 }  // namespace
 
+bool Directories::chooseHome(const std::string& path) {
+  return path.empty() || environment("KELVO_HOME") || processHome().choose(absolutePath(path));
+}
+
+std::optional<std::string> Directories::sharedData() {
+  return sharedDataDirectory();
+}
+
 const std::string& Directories::library() {
-  return paths().library;
+  return processHome().paths().library;
 }
 const std::string& Directories::documents() {
-  return paths().documents;
+  return processHome().paths().documents;
+}
+
+std::optional<std::string> Directories::problem() {
+  return processHome().paths().problem;
 }
 
 std::optional<std::string> Directories::homeFor(const Bundle& bundle) {
   if (const auto given = environment("KELVO_HOME")) return absolutePath(*given);
   const auto data = sharedDataDirectory();
-  return data ? std::optional(joinPath(*data, bundle.storageName())) : std::nullopt;
+  if (!data) return std::nullopt;
+  auto former = joinPath(*data, bundle.storageName());
+  return holdsHome(former) ? former : joinPath(joinPath(*data, "kelvo"), bundle.storageName());
 }
 
 std::string Directories::inLibrary(std::string_view relativePath) {

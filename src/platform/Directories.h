@@ -10,17 +10,31 @@ class Bundle;
 
 /// The two directories of the home of this process. The first use creates them with mode 0700. Thread-safe.
 ///
-/// The home is `$KELVO_HOME`, else `${XDG_DATA_HOME:-$HOME/.local/share}/<bundle identifier or executable name>`.
-/// Without `HOME`, the password entry's home directory replaces it. If there is no home at all, the paths name
-/// directories that cannot exist: every write fails as on a full disk.
+/// The home is `$KELVO_HOME`, else the path of `chooseHome`, else
+/// `${XDG_DATA_HOME:-$HOME/.local/share}/kelvo/<bundle identifier or executable name>`. Former versions had no `kelvo/`
+/// in this path: a home that they made stays in use. Without `HOME`, the password entry's home directory replaces it.
+/// The library resolves the home once; a linked home directory stays usable. Below it there must be no link. The
+/// effective user must own the home (root may, too) and everything in the two directories, and nobody else may write
+/// there or replace the home (see Trust.h). Else there is no home, and one ERROR line names the path.
+///
+/// If there is no home, the paths name directories that cannot exist: every write fails as on a full disk.
 class Directories {
  public:
+  /// Sets the home of this process, unless the environment names one. An empty path changes nothing. Returns false if
+  /// the process uses another home already.
+  static bool chooseHome(const std::string& path);
+
   /// The paths are absolute and have no trailing slash.
   static const std::string& library();
   static const std::string& documents();
 
   /// Returns the full path of a file in the Library directory.
   static std::string inLibrary(std::string_view relativePath);
+
+  /// Returns in one sentence why this process has no home, nullopt if it has one. The same text is in the log.
+  static std::optional<std::string> problem();
+  /// Returns `${XDG_DATA_HOME:-$HOME/.local/share}`, the parent of homes, nullopt if there is none.
+  static std::optional<std::string> sharedData();
 
   /// Returns the home of a program with this bundle, nullopt if it has none. Creates nothing.
   static std::optional<std::string> homeFor(const Bundle& bundle);

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <deque>
 
+#include "platform/FileLimitShield.h"
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/Thread.h"
@@ -159,7 +160,8 @@ void DispatchQueue::async(Task task) {
 }
 
 void DispatchQueue::runSync(const std::function<void()>& task) {
-  const auto state = state_;  // the task may destroy the handle
+  const FileLimitShield shield;  // the task, or an earlier one that this thread runs, may write a file
+  const auto state = state_;     // the task may destroy the handle
   const bool atOnce = state->kind == Kind::concurrent || isCurrent() || inForkedChild();
   if (!atOnce) state->acquire();
   struct Release {
@@ -183,6 +185,10 @@ bool DispatchQueue::isCurrent() const noexcept {
     if (frame->queue == state_.get()) return true;
   }
   return false;
+}
+
+bool DispatchQueue::isInsideTask() noexcept {
+  return Frame::innermost != nullptr;
 }
 
 DispatchQueue& DispatchQueue::global() {

@@ -40,7 +40,8 @@ class CAPABILITY("queue") DispatchQueue {
   void async(Task task);
 
   /// Runs `task` on the calling thread, after all tasks submitted earlier, and returns its result. Blocks until then.
-  /// Needs no pool thread: if no thread drains the queue, the caller runs the earlier tasks first.
+  /// Needs no pool thread: if no thread drains the queue, the caller runs the earlier tasks first. Meanwhile a limit on
+  /// the size of files causes errors, but no signal (see FileLimitShield).
   /// Inside a task of this serial queue, `task` runs at once, because waiting would never end.
   template <class F>
   auto sync(F&& task) -> std::invoke_result_t<F&> {
@@ -59,6 +60,9 @@ class CAPABILITY("queue") DispatchQueue {
 
   /// Returns whether the calling thread is inside a task of this queue.
   [[nodiscard]] bool isCurrent() const noexcept;
+
+  /// Returns whether the calling thread is inside a task of any queue.
+  [[nodiscard]] static bool isInsideTask() noexcept;
 
   /// Aborts in a debug build if the calling thread is not inside a task of this queue. A release build does nothing.
   void assertCurrent() const noexcept ASSERT_CAPABILITY(this) { assert(isCurrent()); }

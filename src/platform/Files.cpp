@@ -10,33 +10,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 #include <utility>
 
 namespace kelvo {
 namespace {
 
-constexpr std::size_t kLargestFile = std::size_t{64} << 20;  // bytes
-constexpr std::size_t kReadSize = 16384;                     // bytes
+constexpr std::size_t kReadSize = 16384;  // bytes
 constexpr mode_t kPrivateDirectory = 0700;
-
-/// Owns a file descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int number) noexcept : number_(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { close(); }
-
-  [[nodiscard]] int get() const noexcept { return number_; }
-  bool close() noexcept {
-    const int number = std::exchange(number_, -1);
-    return number < 0 || ::close(number) == 0;
-  }
-
- private:
-  int number_;
-};
 
 /// A new file that the destructor removes, unless `keepAs` has renamed it.
 class TemporaryFile {
@@ -89,18 +71,30 @@ bool failed(FileError* error, int number) {
 
 }  // namespace
 
-std::optional<std::string> readFile(const std::string& path, FileError* error) {
+bool Descriptor::close() noexcept {
+  const int number = std::exchange(number_, -1);
+  return number < 0 || ::close(number) == 0;
+}
+
+Descriptor openToRead(const std::string& path, int moreFlags) {
   // Without O_NONBLOCK, opening a pipe that has no writer would block forever.
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  return Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | moreFlags));
+}
+
+std::optional<std::string> readFile(const std::string& path, FileError* error, std::size_t largest) {
+  return readFile(openToRead(path), error, largest);
+}
+
+std::optional<std::string> readFile(const Descriptor& file, FileError* error, std::size_t largest) {
   struct stat facts {};
   if (file.get() < 0 || ::fstat(file.get(), &facts) != 0) return unreadable(error, reason(errno));
   if (!S_ISREG(facts.st_mode)) return unreadable(error, "Not a regular file");
-  if (static_cast<std::uint64_t>(facts.st_size) > kLargestFile) return unreadable(error, reason(EFBIG));
+  if (static_cast<std::uint64_t>(facts.st_size) > largest) return unreadable(error, reason(EFBIG));
 
   std::string content;
   content.reserve(static_cast<std::size_t>(facts.st_size));
   std::array<char, kReadSize> buffer;
-  while (content.size() <= kLargestFile) {  // the file may grow while we read it
+  while (content.size() <= largest) {  // the file may grow while we read it
     const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
     if (count == 0) return content;
     if (count > 0) {
@@ -118,6 +112,11 @@ bool writeFileAtomically(const std::string& path, std::string_view content, File
   TemporaryFile temporary(directoryOf(path));
   if (!temporary.made() || !temporary.fill(content) || !temporary.keepAs(path)) return failed(error, errno);
   return true;
+}
+
+std::uint64_t fileSize(const std::string& path) {
+  struct stat facts {};
+  return ::stat(path.c_str(), &facts) == 0 ? static_cast<std::uint64_t>(facts.st_size) : 0;
 }
 
 bool fileExists(const std::string& path) {
@@ -157,6 +156,11 @@ std::string directoryOf(const std::string& path) {
   const auto slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::optional<std::string> resolvedPath(const std::string& path) {
+  const std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), std::free);
+  return resolved ? std::optional<std::string>(resolved.get()) : std::nullopt;
 }
 
 std::string absolutePath(const std::string& path) {

@@ -32,7 +32,8 @@ std::optional<pid_t> holder(int file) {
 }  // namespace
 
 std::optional<pid_t> HomeLock::takeOrFindHolder() {
-  const int file = ::open(Directories::inLibrary(kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFile);
+  const int file =
+      ::open(Directories::inLibrary(kLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivateFile);
   if (file < 0) return std::nullopt;
   auto region = wholeFile();
   if (::fcntl(file, F_SETLK, &region) == 0) return std::nullopt;  // never closed: closing would release the lock

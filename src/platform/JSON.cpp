@@ -143,6 +143,8 @@ class Writer {
 /// Builds a value from the parser's callbacks. The parser prescribes the names and signatures of the public members.
 class Builder {
  public:
+  explicit Builder(std::size_t mostValues) : left_(mostValues) {}
+
   static constexpr std::size_t max_object_size = std::numeric_limits<std::size_t>::max();
   static constexpr std::size_t max_array_size = max_object_size;
   static constexpr std::size_t max_key_size = max_object_size;
@@ -151,9 +153,9 @@ class Builder {
   bool on_document_begin(json::error_code&) { return true; }
   bool on_document_end(json::error_code&) { return true; }
   bool on_object_begin(json::error_code&) { return open(Dictionary()); }
-  bool on_object_end(std::size_t, json::error_code&) { return close(); }
+  bool on_object_end(std::size_t, json::error_code& error) { return close(error); }
   bool on_array_begin(json::error_code&) { return open(Array()); }
-  bool on_array_end(std::size_t, json::error_code&) { return close(); }
+  bool on_array_end(std::size_t, json::error_code& error) { return close(error); }
   bool on_key_part(json::string_view part, std::size_t, json::error_code&) { return collect(part); }
   bool on_key(json::string_view part, std::size_t, json::error_code&) {
     collect(part);
@@ -161,13 +163,13 @@ class Builder {
     return true;
   }
   bool on_string_part(json::string_view part, std::size_t, json::error_code&) { return collect(part); }
-  bool on_string(json::string_view part, std::size_t, json::error_code&) {
+  bool on_string(json::string_view part, std::size_t, json::error_code& error) {
     collect(part);
-    return add(std::exchange(text_, {}));
+    return add(std::exchange(text_, {}), error);
   }
   bool on_number_part(json::string_view part, json::error_code&) { return collect(part); }
-  bool on_int64(std::int64_t number, json::string_view, json::error_code&) { return addNumber(number); }
-  bool on_uint64(std::uint64_t number, json::string_view, json::error_code&) { return addNumber(number); }
+  bool on_int64(std::int64_t number, json::string_view, json::error_code& error) { return addNumber(number, error); }
+  bool on_uint64(std::uint64_t number, json::string_view, json::error_code& error) { return addNumber(number, error); }
   /// Converts the digits again, because the parser's conversion may be off by the last bit.
   bool on_double(double number, json::string_view part, json::error_code& error) {
     collect(part);
@@ -177,10 +179,10 @@ class Builder {
       error = json::error::exponent_overflow;
       return false;
     }
-    return addNumber(precise);
+    return addNumber(precise, error);
   }
-  bool on_bool(bool flag, json::error_code&) { return add(flag); }
-  bool on_null(json::error_code&) { return add(nullptr); }
+  bool on_bool(bool flag, json::error_code& error) { return add(flag, error); }
+  bool on_null(json::error_code& error) { return add(nullptr, error); }
   bool on_comment_part(json::string_view, json::error_code&) { return true; }
   bool on_comment(json::string_view, json::error_code&) { return true; }
 
@@ -202,19 +204,24 @@ class Builder {
     return true;
   }
 
-  bool close() {
+  bool close(json::error_code& error) {
     auto content = std::move(open_.back().content);
     open_.pop_back();
-    return std::visit([this](auto& container) { return add(std::move(container)); }, content);
+    return std::visit([&](auto& container) { return add(std::move(container), error); }, content);
   }
 
   template <class Number>
-  bool addNumber(Number number) {
+  bool addNumber(Number number, json::error_code& error) {
     text_.clear();
-    return add(number);
+    return add(number, error);
   }
 
-  bool add(Value value) {
+  bool add(Value value, json::error_code& error) {
+    if (left_ == 0) {
+      error = json::error::array_too_large;
+      return false;
+    }
+    --left_;
     if (open_.empty()) {
       result = std::move(value);
     } else if (auto* array = std::get_if<Array>(&open_.back().content)) {
@@ -227,6 +234,7 @@ class Builder {
 
   std::vector<Container> open_;
   std::string text_;
+  std::size_t left_;  // values
 };
 
 std::optional<Value> refused(std::string* error, std::string_view what, std::size_t offset) {
@@ -249,13 +257,14 @@ std::string describingJSONText(const Value& value) {
   return std::move(writer.text);
 }
 
-std::optional<Value> parseJSON(std::string_view text, std::string* error) {
+std::optional<Value> parseJSON(std::string_view text, std::string* error, std::size_t mostValues) {
   json::parse_options options;
   options.max_depth = kDeepestNesting;
   options.allow_trailing_commas = true;
-  json::basic_parser<Builder> parser(options);
+  json::basic_parser<Builder> parser(options, mostValues);
   json::error_code failure;
   const std::size_t consumed = parser.write_some(false, text.data(), text.size(), failure);
+  if (failure == json::error::array_too_large) return refused(error, "too many values", consumed);
   if (failure) return refused(error, failure.message(), consumed);
   if (consumed < text.size()) return refused(error, "extra data", consumed);
   return std::move(parser.handler().result);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,7 +19,9 @@ std::optional<std::string> jsonText(const Value& value, std::string* error = nul
 std::string describingJSONText(const Value& value);
 
 /// Returns the value of a JSON text. Integers stay integers, and a comma before a closing bracket is accepted. Returns
-/// nullopt, with the reason in `error`, if `text` is not JSON or nests deeper than 256 levels.
-std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr);
+/// nullopt, with the reason in `error`, if `text` is not JSON, nests deeper than 256 levels, or has more than
+/// `mostValues` values, containers included.
+std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr,
+                               std::size_t mostValues = std::numeric_limits<std::size_t>::max());
 
 }  // namespace kelvo

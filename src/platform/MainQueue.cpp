@@ -163,6 +163,10 @@ bool MainQueue::isCurrent() {
   return current;
 }
 
+bool MainQueue::isInsideTask() noexcept {
+  return insideTask;
+}
+
 void MainQueue::repeatEvery(std::chrono::nanoseconds interval, Task task) {
   if (interval.count() <= 0) return;
   scheduleTick(std::make_shared<Repetition>(Repetition{interval, std::move(task), Clock::monotonic() + interval, {}}));

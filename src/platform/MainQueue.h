@@ -22,6 +22,9 @@ class MainQueue {
   /// Returns whether the calling thread runs the main loop.
   [[nodiscard]] static bool isCurrent();
 
+  /// Returns whether the calling thread is inside a task of this queue.
+  [[nodiscard]] static bool isInsideTask() noexcept;
+
   /// Calls `task` on the main loop every `interval`, until the process ends. Skips a tick while the previous tick still
   /// waits in the loop.
   static void repeatEvery(std::chrono::nanoseconds interval, Task task);

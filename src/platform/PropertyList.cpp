@@ -293,7 +293,11 @@ std::optional<Value> parsePropertyList(std::string_view text, std::string* error
 }
 
 std::optional<Dictionary> readPropertyList(const std::string& path, std::string* error) {
-  const auto text = readFile(path, error);
+  return readPropertyList(openToRead(path), error);
+}
+
+std::optional<Dictionary> readPropertyList(const Descriptor& file, std::string* error) {
+  const auto text = readFile(file, error);
   const auto content = text ? parsePropertyList(*text, error) : std::nullopt;
   if (!content) return std::nullopt;
   auto dictionary = content->asDictionary();

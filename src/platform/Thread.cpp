@@ -17,6 +17,8 @@ namespace {
 std::atomic<bool> forked{false};
 [[maybe_unused]] const int forkHandler = pthread_atfork(nullptr, nullptr, [] { forked.store(true); });
 
+thread_local bool isOurs = false;
+
 constexpr std::size_t kLongestName = 15;  // the kernel refuses longer ones
 
 /// Gives the calling thread the signal mask that a new thread must inherit. The destructor restores the former mask.
@@ -37,6 +39,7 @@ class InheritedSignalMask {
 };
 
 void runThread(const std::string& name, const std::function<void()>& body) {
+  isOurs = true;
   pthread_setname_np(pthread_self(), name.c_str());
   try {
     body();
@@ -67,6 +70,10 @@ bool startThread(const char* name, std::function<void()> body) {
 
 bool inForkedChild() noexcept {
   return forked.load(std::memory_order_relaxed);
+}
+
+bool onLibraryThread() noexcept {
+  return isOurs;
 }
 
 }  // namespace kelvo

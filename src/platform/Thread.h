@@ -13,4 +13,7 @@ bool startThread(const char* name, std::function<void()> body);
 /// the library runs and any lock may stay locked forever, so the library must not take a lock or start a thread.
 bool inForkedChild() noexcept;
 
+/// Returns true on a thread that `startThread` has started.
+bool onLibraryThread() noexcept;
+
 }  // namespace kelvo

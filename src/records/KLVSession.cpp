@@ -45,6 +45,13 @@ std::shared_ptr<KLVSession> KLVSession::initWithLaunchType(const std::string& la
   return session;
 }
 
+bool KLVSession::isIdentifier(std::string_view text) {
+  const auto dash = text.find_first_not_of("0123456789");
+  if (dash == 0 || dash == std::string_view::npos || text[dash] != '-') return false;
+  const std::string device(text.substr(dash + 1));
+  return !device.empty() && KLVDeviceInfo::namePart(device) == device;
+}
+
 std::shared_ptr<KLVSession> KLVSession::rebuiltFromIdentifier(const std::string& identifier) {
   auto session = std::make_shared<KLVSession>(identifier);
   std::int64_t launchTime = 0;  // stays 0 if the id does not begin with a number

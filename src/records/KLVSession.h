@@ -45,6 +45,9 @@ class KLVSession final : public KLVInfo, public KLVEventListener, public std::en
   /// that of a restarted session counts from now. The delegate must outlive the session.
   static std::shared_ptr<KLVSession> initWithLaunchType(const std::string& launchType, const std::string& deviceId,
                                                         KLVSessionDelegate& delegate);
+  /// Returns whether `text` has the form of a session's identifier. Any other text, from a damaged or planted database
+  /// for example, must never become a part of a path.
+  static bool isIdentifier(std::string_view text);
   /// Returns a session of which only the id is known: its launch time comes from the id, everything else is as at a
   /// normal launch. It is never live.
   static std::shared_ptr<KLVSession> rebuiltFromIdentifier(const std::string& identifier);

@@ -98,7 +98,7 @@ std::shared_ptr<FMKLVStatement> FMKLVDatabase::Execution::prepare(const std::str
 void FMKLVDatabase::Execution::report(const FMKLVDatabase& database, const std::string& sql) {
   if (database.logsErrors_) {
     KLV_ERROR("DB Error: {} \"{}\"", database.lastErrorCode(), database.lastErrorMessage());
-    KLV_ERROR("DB Query: {}", sql);
+    KLV_ERROR("DB Query: {}", KLVLogger::hostData(sql));
     KLV_ERROR("DB Path: {}", database.databasePath_);
   }
   if (database.crashOnErrors_) {
@@ -138,7 +138,7 @@ void FMKLVDatabase::Execution::reportBindCount(FMKLVDatabase& database, const st
     KLV_ERROR("Error: the bind count is not correct for the # of variables (executeQuery)");
   } else {
     KLV_ERROR("Error: the bind count ({}) is not correct for the # of variables in the query ({}) ({}) (executeUpdate)",
-              bound, expected, sql);
+              bound, expected, KLVLogger::hostData(sql));
   }
 }
 
@@ -171,7 +171,7 @@ std::optional<std::string> FMKLVDatabase::Execution::textOfFormat(FMKLVDatabase&
   auto parsed = FMKLVFormat::parse(format);
   if (!parsed) {
     database.handle_.keepFailure({"FMDatabase", SQLITE_ERROR, "The format has an unknown item"});
-    if (database.logsErrors_) KLV_ERROR("Error: the format has an unknown item: {}", format);
+    if (database.logsErrors_) KLV_ERROR("Error: the format has an unknown item: {}", KLVLogger::hostData(format));
     return std::nullopt;
   }
   if (parsed->items == values.size()) return std::move(parsed->sql);

@@ -124,4 +124,11 @@ std::vector<std::shared_ptr<KLVChunkMetaInfo>> KLVDataHandler::retrieveChunkMeta
   });
 }
 
+std::optional<KLVWaiting> KLVDataHandler::waiting() {
+  return jobs_->sync([&] {
+    auto* store = jobs_->store();
+    return store != nullptr ? store->waiting(sessionIdentifier_) : std::nullopt;
+  });
+}
+
 }  // namespace kelvo

@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <filesystem>
 #include <utility>
 
 #include "platform/Directories.h"
@@ -33,6 +31,7 @@ Value storageForm(const KLVInfo& record) {
 
 /// Writes Library/`session`/`name` and creates the directory if it is missing.
 [[nodiscard]] bool writeSessionRecord(const KLVInfo& record, const std::string& session, std::string_view name) {
+  if (!KLVSession::isIdentifier(session)) return false;
   const auto directory = Directories::inLibrary(session);
   if (FileError error; !fileExists(directory) && !makeDirectory(directory, false, &error)) {
     KLV_ERROR("Failed to create directory with path: {} due to: {}", directory, error);
@@ -40,15 +39,21 @@ Value storageForm(const KLVInfo& record) {
   return writeJSON(record.jsonDict(), joinPath(session, name));
 }
 
-/// Returns whether a relative `path` names an item below its directory: it has no ".." and is not the directory itself.
-bool staysInside(const std::filesystem::path& path) {
-  const auto named = [](const auto& part) { return !part.empty() && part != "." && part != "/"; };
-  return std::none_of(path.begin(), path.end(), [](const auto& part) { return part == ".."; }) &&
-         std::any_of(path.begin(), path.end(), named);
-}
-
 bool isContainer(const Value& value) {
   return value.get<Dictionary>() != nullptr || value.get<Array>() != nullptr;
+}
+
+std::optional<Value> objectFromFile(const std::string& path, const KLVAnswerLimits& limits = kOwnFileLimits) {
+  FileError error;
+  const auto text = readFile(Directories::inLibrary(path), &error, limits.bytes);
+  if (!text) {
+    KLV_WARN("Opening file:{} . Error: {}", path, error);
+    return std::nullopt;
+  }
+  error = "neither an array nor an object";
+  if (auto object = parseJSON(*text, &error, limits.values); object && isContainer(*object)) return *std::move(object);
+  KLV_ERROR("parsing json file {})", error);
+  return std::nullopt;
 }
 
 template <class Record>
@@ -96,6 +101,7 @@ void KLVDataHandler::saveUserInfo(std::shared_ptr<KLVUser> user) {
 }
 
 std::shared_ptr<KLVSession> KLVDataHandler::retrieveSessionInfoWithIdentifier(const std::string& identifier) {
+  if (!KLVSession::isIdentifier(identifier)) return nullptr;
   return recordFromFile<KLVSession>(objectFromFileWithPath(joinPath(identifier, kKLVSessionInfo)));
 }
 
@@ -106,29 +112,19 @@ std::shared_ptr<KLVUser> KLVDataHandler::retrieveUser() {
 
 void KLVDataHandler::deleteItemAtPath(std::string path) {
   jobs_->async([path = std::move(path)] {
-    FileError error = "it is not inside the Library directory";
-    if (staysInside(path) && removeItem(Directories::inLibrary(path), &error)) return;
+    FileError error = "it is no session's directory";
+    if (KLVSession::isIdentifier(path) && removeItem(Directories::inLibrary(path), &error)) return;
     KLV_ERROR("Unable to remove file due to: {}", error);
   });
 }
 
-std::optional<Value> KLVDataHandler::objectFromFileWithPath(const std::optional<std::string>& path) {
+std::optional<Value> KLVDataHandler::objectFromFileWithPath(const std::optional<std::string>& path,
+                                                            const KLVAnswerLimits& limits) {
   if (!path) {
     KLV_WARN("Invalid path");
     return std::nullopt;
   }
-  return jobs_->sync([&]() -> std::optional<Value> {
-    FileError error;
-    const auto text = readFile(Directories::inLibrary(*path), &error);
-    if (!text) {
-      KLV_WARN("Opening file:{} . Error: {}", *path, error);
-      return std::nullopt;
-    }
-    error = "neither an array nor an object";
-    if (auto object = parseJSON(*text, &error); object && isContainer(*object)) return *std::move(object);
-    KLV_ERROR("parsing json file {})", error);
-    return std::nullopt;
-  });
+  return jobs_->sync([&] { return objectFromFile(*path, limits); });
 }
 
 std::optional<Value> KLVDataHandler::getEventsInfo() {
@@ -149,6 +145,15 @@ void KLVDataHandler::persistFrequencyConfig(Dictionary config) {
   persist(std::move(config), std::string(kKLVSDKFrequencyConfig), "Unable to save freq config");
 }
 
+void KLVDataHandler::saveFrequencyInfo(Value info, std::string identifier) {
+  jobs_->async([info = std::move(info), identifier = std::move(identifier)] {
+    const Value stored = objectFromFile(std::string(kKLVSDKFrequencyConfig));
+    Dictionary config = stored.asDictionary().value_or(Dictionary());
+    config.set(identifier, info);
+    if (!writeJSON(config, kKLVSDKFrequencyConfig)) KLV_ERROR("Unable to save freq config");
+  });
+}
+
 std::optional<Value> KLVDataHandler::retrieveFrequencyConfig() {
   return objectFromFileWithPath(std::string(kKLVSDKFrequencyConfig));
 }
@@ -159,7 +164,7 @@ void KLVDataHandler::persistClientEvents(Dictionary config, std::function<void(b
 }
 
 std::optional<Value> KLVDataHandler::getClientEvents() {
-  return objectFromFileWithPath(std::string(kKLVClientEventsPath));
+  return objectFromFileWithPath(std::string(kKLVClientEventsPath), kStartUpLimits);
 }
 
 void KLVDataHandler::persistPIDMIDDict(Dictionary config, std::string path) {
@@ -168,7 +173,7 @@ void KLVDataHandler::persistPIDMIDDict(Dictionary config, std::string path) {
 }
 
 std::optional<Value> KLVDataHandler::getPIDMIDDictAtPath(const std::string& path) {
-  return objectFromFileWithPath(path);
+  return objectFromFileWithPath(path, kStartUpLimits);
 }
 
 }  // namespace kelvo

@@ -13,14 +13,6 @@
 namespace kelvo {
 namespace {
 
-/// Returns whether `name` has the form of a session id: the milliseconds of its begin, "-", a device id.
-bool isSessionId(std::string_view name) {
-  const auto dash = name.find('-');
-  return dash != 0 && dash < name.size() - 1 &&
-         std::all_of(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(dash),
-                     [](char digit) { return digit >= '0' && digit <= '9'; });
-}
-
 /// A rescued event and its row.
 struct RescuedEvent {
   std::shared_ptr<KLVEvent> event;
@@ -73,7 +65,7 @@ std::vector<std::string> KLVDataHandler::getSessionDirectories() {
     for (std::filesystem::directory_iterator entry(Directories::library(), failure), end; entry != end && !failure;
          entry.increment(failure)) {
       const auto name = entry->path().filename().string();
-      if (isSessionId(name) && entry->is_directory(failure)) sessions.push_back(name);
+      if (KLVSession::isIdentifier(name) && entry->is_directory(failure)) sessions.push_back(name);
     }
     std::sort(sessions.begin(), sessions.end());
     return sessions;

@@ -108,6 +108,12 @@ void KLVDataHandler::catchUp() {
   if (jobs_->waitingWrites() > kMaxWaitingWrites) jobs_->sync([] {});
 }
 
+void KLVDataHandler::whenReady(std::function<void(bool isReady)> report) {
+  jobs_->async([jobs = jobs_, report = std::move(report)] {
+    if (auto* store = jobs->store()) store->whenReady(report);
+  });
+}
+
 void KLVDataHandler::whenStored(std::function<void()> done) {
   jobs_->async(std::move(done));
 }

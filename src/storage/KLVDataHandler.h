@@ -15,6 +15,8 @@
 #include "records/KLVSDKInfo.h"
 #include "records/KLVSession.h"
 #include "records/KLVUser.h"
+#include "storage/KLVWaiting.h"
+#include "util/KLVAnswerLimits.h"
 
 namespace kelvo {
 
@@ -41,7 +43,8 @@ class KLVDataHandler {
   /// Kept: does nothing.
   void stop() {}
 
-  // --- Records, each a file. A null record is ignored. `identifier` is a session id and names the directory.
+  // --- Records, each a file. A null record is ignored. `identifier` names the directory. It must have the form of a
+  // session id: otherwise nothing is saved, and nothing is found.
   void saveAppInfo(std::shared_ptr<KLVAppInfo> info, std::string identifier);
   void saveDeviceInfo(std::shared_ptr<KLVDeviceInfo> info);
   void saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string identifier);
@@ -99,6 +102,9 @@ class KLVDataHandler {
   /// Deletes all rows of the session whose id is `chunk`'s identifier, and their records.
   void deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk);
   std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo();
+  /// Counts what the service has not accepted, in all sessions. Returns nullopt if a read failed or there is no
+  /// database.
+  std::optional<KLVWaiting> waiting();
 
   // --- Sessions and rescued events.
   /// Returns the ids of all sessions that have an events table: those with at least one event.
@@ -120,11 +126,15 @@ class KLVDataHandler {
 
   // --- Files. A path is relative to the Library directory. A file holds a JSON object or array; reads return nullopt
   // if it is missing or holds anything else.
-  /// Deletes a file, or a directory with its content. Refuses a path that leaves the Library directory.
+  /// Deletes the directory of a session, whose id is the path. Refuses any other path with one ERROR line.
   void deleteItemAtPath(std::string path);
-  std::optional<Value> objectFromFileWithPath(const std::optional<std::string>& path);
+  /// A file beyond `limits` counts as missing: one WARN line.
+  std::optional<Value> objectFromFileWithPath(const std::optional<std::string>& path,
+                                              const KLVAnswerLimits& limits = kOwnFileLimits);
   std::optional<Value> getEventsInfo();
   void persistFrequencyConfig(Dictionary config);
+  /// Sets `info` under `identifier` in the frequency configuration.
+  void saveFrequencyInfo(Value info, std::string identifier);
   std::optional<Value> retrieveFrequencyConfig();
   /// Calls `completion`, unless empty, on the data queue. Passes false if the file could not be written: it then holds
   /// the earlier lists.
@@ -143,6 +153,9 @@ class KLVDataHandler {
   /// it.
   void catchUp();
 
+  /// Calls `report` on the data queue with true once the database is open and has its tables, and with false before if
+  /// it cannot be opened yet: each write tries again.
+  void whenReady(std::function<void(bool isReady)> report);
   /// Calls `done` on the data queue once all writes submitted so far are done.
   void whenStored(std::function<void()> done);
 

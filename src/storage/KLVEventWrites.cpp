@@ -6,6 +6,7 @@
 
 #include "platform/Directories.h"
 #include "platform/Files.h"
+#include "records/KLVSession.h"
 #include "storage/KLVSQLText.h"
 #include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
@@ -44,8 +45,9 @@ bool isUncountable(const std::string& text) {
 }
 
 bool insertEvent(KLVPersistantStore& store, const std::string& session, bool creates, const Dictionary& row) {
-  return store.insertEventWithTableName(eventsTable(session), row,
-                                        [&] { return creates || isDirectory(Directories::inLibrary(session)); });
+  return store.insertEventWithTableName(eventsTable(session), row, [&] {
+    return creates || (KLVSession::isIdentifier(session) && isDirectory(Directories::inLibrary(session)));
+  });
 }
 
 std::optional<std::int64_t> lifetimeCount(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name) {

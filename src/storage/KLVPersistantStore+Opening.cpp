@@ -14,6 +14,7 @@
 #include "platform/Clock.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
+#include "platform/Privileges.h"
 #include "storage/KLVPersistantStore.h"
 #include "storage/KLVSchema.h"
 #include "util/KLVLogger.h"
@@ -76,6 +77,8 @@ std::optional<FMKLVError> prepareConnection(FMKLVDatabaseQueue& queue) {
       };
     };
     // With these settings a commit costs no disk flush, and committed data survives a crash of the process.
+    // SQLite would take the directory of its temporary files from the environment.
+    if (mustIgnoreEnvironment()) static_cast<void>(db.executeUpdate("pragma temp_store=MEMORY"));
     static_cast<void>(isSound(query("pragma journal_mode=WAL")) &&
                       isSound([&] { return db.executeUpdate("pragma synchronous=NORMAL"); }) &&
                       isSound(query("select COUNT(*) from sqlite_master")));

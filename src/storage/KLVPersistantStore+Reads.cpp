@@ -14,7 +14,7 @@ namespace {
 KLVSQLText rangeQuery(std::string_view table, const std::string& where, const std::optional<std::string>& column,
                       const std::optional<std::string>& value) {
   if (!column || !value) return sqlText("select * from '{}' {}", quoted(table), where);
-  return sqlText("select * from '{}' {} and {} = '{}'", quoted(table), where, *column, quoted(*value));
+  return sqlText("select * from '{}' {} and {} = '{}'", quoted(table), where, plainName(*column), quoted(*value));
 }
 
 }  // namespace
@@ -113,14 +113,21 @@ std::optional<std::uint64_t> KLVPersistantStore::endOfChunks(std::string_view si
   return end ? std::optional(static_cast<std::uint64_t>(*end)) : std::nullopt;
 }
 
+std::optional<KLVWaiting> KLVPersistantStore::waiting(std::string_view currentSession) {
+  std::optional<KLVWaiting> result;
+  onDatabase([&](FMKLVDatabase& db) { result = KLVWaiting::in(db, currentSession); });
+  return result;
+}
+
 std::optional<std::int64_t> KLVPersistantStore::sumInTable(std::string_view table, std::string_view column,
                                                            std::string_view key, std::string_view value) {
-  return number(sqlText("select SUM({}) from '{}' where {} = '{}'", column, quoted(table), key, quoted(value)));
+  return number(sqlText("select SUM({}) from '{}' where {} = '{}'", plainName(column), quoted(table), plainName(key),
+                        quoted(value)));
 }
 
 std::optional<std::int64_t> KLVPersistantStore::countInTable(std::string_view table, std::string_view key,
                                                              std::string_view value) {
-  return number(sqlText("select COUNT(*) from '{}' where {} = '{}'", quoted(table), key, quoted(value)));
+  return number(sqlText("select COUNT(*) from '{}' where {} = '{}'", quoted(table), plainName(key), quoted(value)));
 }
 
 std::optional<KLVPersistantStore::Rows> KLVPersistantStore::retrieveDataWithTableName(
@@ -138,15 +145,15 @@ KLVPersistantStore::Rows KLVPersistantStore::retrieveDataWithTableName(std::stri
 std::optional<KLVPersistantStore::Rows> KLVPersistantStore::retrieveDataWithTableName(std::string_view table,
                                                                                       std::string_view key,
                                                                                       const Value& value) {
-  return rows(sqlText("select * from '{}' where {} = '{}'", quoted(table), key, quoted(description(value))));
+  return rows(sqlText("select * from '{}' where {} = '{}'", quoted(table), plainName(key), quoted(description(value))));
 }
 
 std::optional<KLVPersistantStore::Rows> KLVPersistantStore::retrieveDataForIdentifier(std::string_view column,
                                                                                       std::string_view table,
                                                                                       const Parameters& conditions) {
   if (conditions.empty()) return Rows();
-  return rows(
-      sqlText("select {} from '{}' where {}", column, quoted(table), joined(conditions, "", " AND ", "{} = '{}'")));
+  return rows(sqlText("select {} from '{}' where {}", plainName(column), quoted(table),
+                      joined(conditions, "", " AND ", "{} = '{}'")));
 }
 
 KLVPersistantStore::Rows KLVPersistantStore::retrieveAllDataWithTableName(std::string_view table) {
@@ -155,7 +162,7 @@ KLVPersistantStore::Rows KLVPersistantStore::retrieveAllDataWithTableName(std::s
 
 KLVPersistantStore::Rows KLVPersistantStore::retrieveSetOfValuesFromTable(std::string_view table,
                                                                           std::string_view key) {
-  return rows(sqlText("select DISTINCT({}) from '{}'", key, quoted(table))).value_or(Rows());
+  return rows(sqlText("select DISTINCT({}) from '{}'", plainName(key), quoted(table))).value_or(Rows());
 }
 
 }  // namespace kelvo

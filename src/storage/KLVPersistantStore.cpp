@@ -11,21 +11,23 @@
 namespace kelvo {
 namespace {
 
-/// Joins the keys with `mark` before each: " a, b" or " :a, :b".
-std::string joinedKeys(const Dictionary& parameters, std::string_view mark) {
-  std::string text;
+/// Formats each key, which must be a plain name, and joins the texts: " a, b" or " :a, :b".
+KLVSQLText joinedKeys(const Dictionary& parameters, fmt::string_view format) {
+  KLVSQLText all;
   std::string_view separator = " ";
   for (const auto& entry : parameters) {
-    text.append(separator).append(mark).append(entry.first);
+    const KLVSQLText name = sqlText(format, plainName(entry.first));
+    all.text.append(separator).append(name.text);
+    all.refused = all.refused || name.refused;
     separator = ", ";
   }
-  return text;
+  return all;
 }
 
 /// Returns, and logs, an insert statement with one named parameter for each column.
 KLVSQLText insertStatement(std::string_view table, const Dictionary& parameters) {
-  auto statement = sqlText("INSERT INTO '{}' ({}) VALUES ({})", quoted(table), joinedKeys(parameters, ""),
-                           joinedKeys(parameters, ":"));
+  auto statement = sqlText("INSERT INTO '{}' ({}) VALUES ({})", quoted(table), joinedKeys(parameters, "{}"),
+                           joinedKeys(parameters, ":{}"));
   KLV_DEBUG("insert statement: {}", statement.text);
   return statement;
 }
@@ -65,6 +67,13 @@ void KLVPersistantStore::openAndMakeTables() {
   for (const MissingTable& table : std::exchange(missingTables_, {})) {
     static_cast<void>(createAtStart(table.name, table.columns, table.failureIsError));
   }
+  if (!isReady()) return;
+  for (const auto& report : std::exchange(waitForReady_, {})) report(true);
+}
+
+void KLVPersistantStore::whenReady(std::function<void(bool isReady)> report) {
+  report(isReady());
+  if (!isReady()) waitForReady_.push_back(std::move(report));
 }
 
 bool KLVPersistantStore::createEventsTableWithTableName(std::string_view table) {
@@ -138,7 +147,7 @@ bool KLVPersistantStore::insertEventWithTableName(std::string_view table, const 
 
 bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const Parameters& values,
                                                  const Parameters& conditions) {
-  KLVSQLText statement = sqlText("UPDATE {} SET{} where{}", table, joined(values, " ", ", ", "{}={}"),
+  KLVSQLText statement = sqlText("UPDATE {} SET{} where{}", plainName(table), joined(values, " ", ", ", "{}={}"),
                                  joined(conditions, " ", " AND ", "{}='{}'"));
   for (const auto& entry : values) statement.refused = statement.refused || !entry.second.isNumber();
   KLV_DEBUG("update statement: {}", statement.text);
@@ -148,7 +157,7 @@ bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const P
 bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const Parameters& values,
                                                  std::string_view field, const Value& having) {
   const KLVSQLText statement = sqlText("UPDATE '{}' SET{} where {} = '{}'", quoted(table),
-                                       joined(values, " ", ", ", "{0}=:{0}").text, field, quoted(description(having)));
+                                       joinedKeys(values, "{0}=:{0}"), plainName(field), quoted(description(having)));
   KLV_DEBUG("update statement: {}", statement.text);
   return write(statement, values);
 }
@@ -163,7 +172,8 @@ bool KLVPersistantStore::updateAggregateEventsCountRecordWithCount(int count, co
 }
 
 bool KLVPersistantStore::removeDataWithTableName(std::string_view table, std::string_view field, const Value& having) {
-  return write(sqlText("delete from '{}' where {} = '{}'", quoted(table), field, quoted(description(having))));
+  return write(
+      sqlText("delete from '{}' where {} = '{}'", quoted(table), plainName(field), quoted(description(having))));
 }
 
 }  // namespace kelvo

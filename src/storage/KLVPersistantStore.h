@@ -15,6 +15,7 @@
 #include "sqlite/FMKLVDatabaseQueue.h"
 #include "storage/KLVPersistentStore.h"
 #include "storage/KLVSQLText.h"
+#include "storage/KLVWaiting.h"
 
 namespace kelvo {
 
@@ -67,6 +68,8 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] std::optional<std::uint64_t> lastIdentifierInTable(std::string_view table);
   /// Returns the greatest end of the session's chunks, 0 if it has none.
   [[nodiscard]] std::optional<std::uint64_t> endOfChunks(std::string_view sid);
+  /// Counts what the service has not accepted.
+  [[nodiscard]] std::optional<KLVWaiting> waiting(std::string_view currentSession);
   /// Returns the number of rows whose column `key` has this value.
   [[nodiscard]] std::optional<std::int64_t> countInTable(std::string_view table, std::string_view key,
                                                          std::string_view value);
@@ -107,6 +110,10 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Sets the count of the row that has no attribute.
   [[nodiscard]] bool updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions);
   [[nodiscard]] bool removeDataWithTableName(std::string_view table, std::string_view field, const Value& having);
+
+  /// Passes `report` whether the database is open and has all its tables. After false, it is called again, with true,
+  /// by the perform function that achieves it. Only one thread at a time may call this and the perform functions.
+  void whenReady(std::function<void(bool isReady)> report);
 
   // --- Groups of writes. Only one thread at a time may call the two perform functions. They first retry to open the
   // database and to create its tables if an earlier attempt failed (full disk, no free descriptor).
@@ -149,6 +156,7 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] bool readSequences(FMKLVDatabase& db);
   void open();
   void openAndMakeTables();
+  [[nodiscard]] bool isReady() const { return db_ != nullptr && missingTables_.empty(); }
   void rollBack();
   /// Queue: the database's.
   void noteCorruption(const FMKLVDatabase& db);
@@ -170,6 +178,7 @@ class KLVPersistantStore final : public KLVPersistentStore {
   };
   std::unique_ptr<FMKLVDatabaseQueue> db_;
   std::vector<MissingTable> missingTables_;  // could not be created so far
+  std::vector<std::function<void(bool isReady)>> waitForReady_;
 };
 
 }  // namespace kelvo

@@ -15,6 +15,13 @@ KLVSQLText quoted(std::string_view value) {
   return result;
 }
 
+KLVSQLText plainName(std::string_view name) {
+  constexpr std::string_view kFirst = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
+  constexpr std::string_view kAll = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_0123456789";
+  const bool isPlain = name.find_first_of(kFirst) == 0 && name.find_first_not_of(kAll) == std::string_view::npos;
+  return {std::string(name), !isPlain};
+}
+
 bool isRefusedValue(std::string_view value) {
   return value.find('\0') != std::string_view::npos ||
          (!KLVDeliveryRules::current().doublesQuotes && value.find('\'') != std::string_view::npos);
@@ -25,12 +32,18 @@ KLVSQLText joined(const Dictionary& parameters, std::string_view first, std::str
   KLVSQLText all;
   std::string_view separator = first;
   for (const auto& [key, value] : parameters) {
-    const KLVSQLText entry = sqlText(format, key, quoted(description(value)));
+    const KLVSQLText entry = sqlText(format, plainName(key), quoted(description(value)));
     all.text.append(separator).append(entry.text);
     all.refused = all.refused || entry.refused;
     separator = then;
   }
   return all;
+}
+
+std::string quotedName(std::string_view name) {
+  std::string quoted = "\"";
+  for (const char each : name) quoted.append(each == '"' ? 2 : 1, each);
+  return quoted + '"';
 }
 
 }  // namespace kelvo

@@ -12,14 +12,20 @@ namespace kelvo {
 /// A statement's text, or a part of it. Values are parts between single quotes.
 struct KLVSQLText {
   std::string text;
-  bool refused = false;  ///< a value in it would end its quotes: the statement must not run
+  bool refused = false;  ///< a value would end its quotes, or a name is none: the statement must not run
 };
 
 /// Returns `value` as it is written between single quotes in a statement. Doubles its quotes if the delivery rules say
 /// so; otherwise refuses a value with a quote. Always refuses a null character, which would end the statement.
 [[nodiscard]] KLVSQLText quoted(std::string_view value);
+/// Returns the name of a column or a table as it is written without quotes. Refuses any text but letters, digits and
+/// "_", not beginning with a digit.
+[[nodiscard]] KLVSQLText plainName(std::string_view name);
 /// Returns whether `quoted` refuses `value`.
 [[nodiscard]] bool isRefusedValue(std::string_view value);
+
+/// Returns `name`, such as a table's, as an identifier between double quotes. It may contain any character.
+[[nodiscard]] std::string quotedName(std::string_view name);
 
 namespace detail {
 inline const std::string& textOf(const KLVSQLText& part) {
@@ -41,12 +47,12 @@ constexpr bool isRefused(const auto&) {
   return {fmt::vformat(format, fmt::make_format_args(detail::textOf(parts)...)), (detail::isRefused(parts) || ...)};
 }
 
-/// Formats each entry with `format` ({0} is the key, {1} the value, to be quoted) and joins the texts:
+/// Formats each entry with `format` ({0} is the key, a plain name; {1} is the value, to be quoted) and joins the texts:
 /// "a='1' AND b='2'". `first` is put before the first text, `then` before each other.
 [[nodiscard]] KLVSQLText joined(const Dictionary& parameters, std::string_view first, std::string_view then,
                                 fmt::string_view format);
 
 /// The failure of a statement that is refused.
-inline constexpr const char* kRefusal = "a value contains a character that would end it";
+inline constexpr const char* kRefusal = "a name or a value contains a character that would end it";
 
 }  // namespace kelvo

@@ -87,7 +87,7 @@ std::optional<KLVChunkBody> KLVChunkBody::build(const KLVChunkRow& row, const Ar
   body.set(kKLVBodyChunkDetails,
            details->constructChunkDetails(userAttributes.value_or(Dictionary()), sessionAttributes(session, delegate),
                                           chunk.chunkAttributes(), aggregateEvents));
-  return KLVChunkBody{std::move(body), totals->counted};
+  return KLVChunkBody{std::move(body), totals->counted, details->events()};
 }
 
 }  // namespace kelvo

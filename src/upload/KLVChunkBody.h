@@ -13,6 +13,7 @@ namespace kelvo {
 struct KLVChunkBody {
   Dictionary content;
   std::int64_t aggregateTotal = 0;  ///< the body has the session's aggregate counts at least up to this sum
+  std::uint64_t events = 0;         ///< that the service receives
 
   /// Returns the body of the chunk `row`, with exactly the events of its row. Returns nullopt, after one WARN line, if
   /// not all of them could be read. Thread: the chunk queue.

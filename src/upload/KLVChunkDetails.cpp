@@ -47,6 +47,12 @@ void KLVChunkDetails::addEvents(std::vector<Dictionary> rows) {
   }
 }
 
+std::size_t KLVChunkDetails::events() const noexcept {
+  std::size_t count = 0;
+  for (const Array& group : groups_) count += group.size();
+  return count;
+}
+
 Dictionary KLVChunkDetails::constructChunkDetails(const Dictionary& userAttributes, const Dictionary& sessionAttributes,
                                                   const Dictionary& chunkAttributes,
                                                   const Array& aggregateEvents) const {

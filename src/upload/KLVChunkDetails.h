@@ -15,6 +15,8 @@ class KLVChunkDetails {
   /// Adds events, given in their storage forms. Leaves out events of kinds that are not sent. Frees each row after its
   /// conversion.
   void addEvents(std::vector<Dictionary> rows);
+  /// Returns the number of events added so far, without those left out.
+  [[nodiscard]] std::size_t events() const noexcept;
   /// Returns the details with the four values and the events added so far.
   [[nodiscard]] Dictionary constructChunkDetails(const Dictionary& userAttributes, const Dictionary& sessionAttributes,
                                                  const Dictionary& chunkAttributes, const Array& aggregateEvents) const;

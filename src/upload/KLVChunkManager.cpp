@@ -1,5 +1,7 @@
 #include "upload/KLVChunkManager.h"
 
+#include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "records/KLVEvents.h"
@@ -11,6 +13,7 @@ namespace kelvo {
 namespace {
 
 constexpr double kDefaultIntervalSeconds = 30;
+constexpr double kShortestIntervalSeconds = 1;
 
 }  // namespace
 
@@ -22,9 +25,16 @@ std::shared_ptr<KLVChunkManager> KLVChunkManager::initWithConfiguration(const st
     self->queue_.assertCurrent();
     self->onAccepted(chunk);
   });
-  const double interval = configuration ? (*configuration)["max_fg_chunk_send_time"].asDouble() : 0;
-  manager->registerForChunkCreationWithInterval(interval == 0 ? kDefaultIntervalSeconds : interval);
+  manager->registerForChunkCreationWithInterval(intervalIn(configuration));
   return manager;
+}
+
+double KLVChunkManager::intervalIn(const std::optional<Dictionary>& configuration) {
+  const double seconds = configuration ? (*configuration)["max_fg_chunk_send_time"].asDouble() : 0;
+  if (seconds == 0) return kDefaultIntervalSeconds;
+  if (seconds > 0 && std::isfinite(seconds)) return std::max(seconds, kShortestIntervalSeconds);
+  KLV_WARN("max_fg_chunk_send_time is {}: chunks are cut every {} seconds", seconds, kDefaultIntervalSeconds);
+  return kDefaultIntervalSeconds;
 }
 
 KLVChunkManager::KLVChunkManager(KLVChunkManagerDelegate& delegate)
@@ -57,7 +67,28 @@ void KLVChunkManager::sendCurrentChunk() {
   queue_.async([self = shared_from_this()] {
     self->queue_.assertCurrent();
     if (!self->unsettled_.empty()) self->flush();
-    self->cutCurrentSession();
+    static_cast<void>(self->cutCurrentSession());  // the next trigger retries a failed cut
+  });
+}
+
+void KLVChunkManager::deliverNow(bool waits, std::function<void(bool isCut)> done) {
+  queue_.async([self = shared_from_this(), waits, done = std::move(done)]() mutable {
+    self->queue_.assertCurrent();
+    if (!self->unsettled_.empty()) self->flush();
+    const bool isCut = self->cutCurrentSession() != Cut::failed;
+    self->sender_.resendNow();
+    if (!waits || !isCut) return done(isCut);
+    self->whenSettled(std::move(done));
+  });
+}
+
+void KLVChunkManager::whenSettled(std::function<void(bool isCut)> done) {
+  sender_.whenSettled([this, done = std::move(done)]() mutable {
+    queue_.assertCurrent();
+    // Counts that changed while a chunk was under way follow in a chunk of their own.
+    const Cut cut = cutAggregates(currentSessionIdentifier_, current_);
+    if (cut == Cut::made) return whenSettled(std::move(done));
+    done(cut != Cut::failed);
   });
 }
 
@@ -81,10 +112,10 @@ void KLVChunkManager::startSession(const std::string& sid) {
   });
 }
 
-void KLVChunkManager::cutCurrentSession() {
+KLVChunkManager::Cut KLVChunkManager::cutCurrentSession() {
   delegate_.dispatchEvent(std::make_shared<KLVChunkEvent>());
   delegate_.waitUntilDelivered();  // then the session has saved itself, and the chunk carries its latest duration
-  static_cast<void>(cutToEnd(currentSessionIdentifier_, current_));  // the next trigger retries a failed cut
+  return cutToEnd(currentSessionIdentifier_, current_);
 }
 
 void KLVChunkManager::whenPosted(std::function<void()> done) {

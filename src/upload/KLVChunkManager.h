@@ -37,16 +37,24 @@ namespace kelvo {
 /// Thread: all state is used on the chunk queue only. The public functions may be called on any thread.
 class KLVChunkManager final : public KLVEventListener, public std::enable_shared_from_this<KLVChunkManager> {
  public:
-  /// Registers on the bus and starts the timer. Its interval is "max_fg_chunk_send_time" of `configuration` in seconds,
-  /// 30 if missing or 0. `delegate` must outlive the manager.
+  /// Registers on the bus and starts the timer with `intervalIn(configuration)`. `delegate` must outlive the manager.
   static std::shared_ptr<KLVChunkManager> initWithConfiguration(const std::optional<Dictionary>& configuration,
                                                                 KLVChunkManagerDelegate& delegate);
+  /// Returns "max_fg_chunk_send_time" of `configuration` in seconds, at least 1; 30 if it is missing, 0, below 0 (with
+  /// a WARN line) or not finite (with a WARN line).
+  [[nodiscard]] static double intervalIn(const std::optional<Dictionary>& configuration);
   /// For `initWithConfiguration` only.
   explicit KLVChunkManager(KLVChunkManagerDelegate& delegate);
 
   void onEvent(const std::shared_ptr<KLVEvent>& event) override;
   /// Queues a cut of the current session.
   void sendCurrentChunk();
+  /// Cuts the current session and posts everything that waits. Calls `done` on the chunk queue, and passes false if the
+  /// cut failed: once all of it is accepted or cannot be before the next launch, or at once after the cut, unless
+  /// `waits`.
+  void deliverNow(bool waits, std::function<void(bool isCut)> done);
+  /// Thread: any.
+  [[nodiscard]] KLVDeliveryState deliveryState() const { return sender_.state(); }
   /// Queues a flush.
   void flushPreviousChunks();
   /// Makes `sid` the current session. The session so far is cut to its end, and everything unsent is queued.
@@ -66,7 +74,8 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   enum class Cut { nothing, made, failed };
 
   void registerForChunkCreationWithInterval(double seconds);
-  void cutCurrentSession() REQUIRES(queue_);
+  Cut cutCurrentSession() REQUIRES(queue_);
+  void whenSettled(std::function<void(bool isCut)> done) REQUIRES(queue_);
 
   // --- Cutting (KLVChunkManager+Cutting.cpp)
   /// Cuts all events after the session's last chunk.

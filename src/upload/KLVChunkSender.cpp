@@ -21,6 +21,11 @@ std::string idOf(const KLVChunkRow& row) {
   return KLVChunk::CMID(row.sid, row.cid);
 }
 
+KLVDeliveryFailure failureOf(long status, const std::optional<HTTPError>& error) {
+  if (error) return {FlushOutcome::noService, 0, "no service: " + error->localizedDescription, error->isFinal};
+  return {FlushOutcome::refused, static_cast<int>(status), "the service answered " + std::to_string(status)};
+}
+
 bool resends() {
   return KLVDeliveryRules::current().resendsWhileRunning;
 }
@@ -43,12 +48,15 @@ void KLVChunkSender::sendNew(const KLVChunkRow& row, const Array& reportingTimes
     queue_.assertCurrent();
     postNew(row, reportingTimes);
   });
+  update();
 }
 
 bool KLVChunkSender::resend(const KLVChunkRow& row) {
   queue_.assertCurrent();
   if (!known_.insert(idOf(row)).second) return false;
+  givenUp_.erase(idOf(row));
   enqueueResend(row);
+  update();
   return true;
 }
 
@@ -74,9 +82,12 @@ void KLVChunkSender::postAgain(const KLVChunkRow& row) {
 
 void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
   auto body = KLVChunkBody::build(row, reportingTimes, delegate_);
-  if (!body) return onAttemptEnded({row});
+  if (!body) {
+    return onAttemptEnded({.row = row, .failure = {FlushOutcome::deadline, 0, "a chunk's events could not be read"}});
+  }
   // The completion holds the slot. So the attempt ends once it has been called, or destroyed without a call.
-  const auto attempt = std::make_shared<Attempt>(Attempt{row});
+  const auto attempt = std::make_shared<Attempt>(
+      Attempt{.row = row, .events = body->events, .failure = {FlushOutcome::noService, 0, "no request could be sent"}});
   auto slot = sendQueue_.takeSlot([this, attempt] {
     queue_.assertCurrent();
     onAttemptEnded(*attempt);
@@ -87,6 +98,7 @@ void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
     const std::string chunkId = idOf(attempt->row);
     if (error || statusCode != kAcceptedStatus) {
       if (response) attempt->retryAfter = response->retryAfter;
+      attempt->failure = failureOf(statusCode, error);
       KLV_WARN("failed to send chunk - {}, responsecode - {}", chunkId, statusCode);
       return;
     }
@@ -100,6 +112,16 @@ void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
 
 void KLVChunkSender::onAttemptEnded(const Attempt& attempt) {
   const std::string chunkId = idOf(attempt.row);
+  {
+    const Lock lock(stateMutex_);
+    if (attempt.accepted) {
+      ++state_.deliveredChunks;
+      state_.deliveredEvents += attempt.events;
+    } else {
+      ++state_.failures;
+      state_.latestFailure = attempt.failure;
+    }
+  }
   if (attempt.accepted) {
     known_.erase(chunkId);
     accepted_(attempt.row);
@@ -109,12 +131,41 @@ void KLVChunkSender::onAttemptEnded(const Attempt& attempt) {
     note(Trigger::failed, attempt.retryAfter);
   } else {
     known_.erase(chunkId);
+    givenUp_.insert(chunkId);
   }
+  update();
 }
 
 void KLVChunkSender::postpone(const KLVChunkRow& row) {
   postponed_.push_back(row);
   note(Trigger::postponed);
+  update();
+}
+
+// --- The state
+
+KLVDeliveryState KLVChunkSender::state() const {
+  const Lock lock(stateMutex_);
+  return state_;
+}
+
+void KLVChunkSender::whenSettled(std::function<void()> done) {
+  queue_.assertCurrent();
+  settled_.push_back(std::move(done));
+  update();
+}
+
+void KLVChunkSender::update() {
+  const std::size_t underWay = known_.size() - postponed_.size() - failed_.size();
+  bool isHopeless = false;
+  {
+    const Lock lock(stateMutex_);
+    state_.underWay = underWay;
+    state_.waiting = known_.size() + givenUp_.size();
+    isHopeless = state_.latestFailure && state_.latestFailure->isFinal;
+  }
+  if (underWay > 0 || !(known_.empty() || isHopeless)) return;
+  for (const auto& done : std::exchange(settled_, {})) done();
 }
 
 // --- Rounds of waiting chunks
@@ -122,6 +173,11 @@ void KLVChunkSender::postpone(const KLVChunkRow& row) {
 void KLVChunkSender::resendWaiting() {
   queue_.assertCurrent();
   if (resends() && anyWaits()) note(Trigger::foreground);
+}
+
+void KLVChunkSender::resendNow() {
+  queue_.assertCurrent();
+  if (resends() && anyWaits()) note(Trigger::demanded);
 }
 
 void KLVChunkSender::note(KLVResendPolicy::Trigger trigger, std::optional<std::chrono::seconds> retryAfter) {
@@ -139,6 +195,7 @@ void KLVChunkSender::beginRoundIfDue() {
   const auto failed = std::exchange(failed_, {});
   round.insert(round.end(), failed.begin(), failed.end());
   for (const KLVChunkRow& row : round) enqueueResend(row);
+  update();
 }
 
 void KLVChunkSender::wakeAt(KLVResendPolicy::Instant time) {

@@ -13,6 +13,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/ThreadSafety.h"
 #include "upload/KLVChunkManagerDelegate.h"
+#include "upload/KLVDeliveryState.h"
 #include "upload/KLVFlushPlan.h"
 #include "upload/KLVResendPolicy.h"
 #include "upload/KLVSendQueue.h"
@@ -37,6 +38,12 @@ class KLVChunkSender {
   bool resend(const KLVChunkRow& row);
   /// Queues the waiting chunks, if the policy allows it now.
   void resendWaiting();
+  /// The same without a delay, except for a time that the service asks for.
+  void resendNow();
+  /// Calls `done` on the chunk queue once no chunk is under way or waits to be resent, or no service can be reached.
+  void whenSettled(std::function<void()> done);
+  /// Thread: any.
+  [[nodiscard]] KLVDeliveryState state() const EXCLUDES(stateMutex_);
   /// Calls `done` once all chunks queued so far are posted, or wait.
   void whenPosted(std::function<void()> done) { sendQueue_.enqueue(std::move(done)); }
 
@@ -45,7 +52,9 @@ class KLVChunkSender {
   struct Attempt {
     KLVChunkRow row;
     bool accepted = false;
+    std::uint64_t events = 0;
     std::optional<std::chrono::seconds> retryAfter = std::nullopt;
+    KLVDeliveryFailure failure{};
   };
 
   void enqueueResend(const KLVChunkRow& row) REQUIRES(queue_);
@@ -54,6 +63,8 @@ class KLVChunkSender {
   void post(const KLVChunkRow& row, const Array& reportingTimes) REQUIRES(queue_);
   void onAttemptEnded(const Attempt& attempt) REQUIRES(queue_);
   void postpone(const KLVChunkRow& row) REQUIRES(queue_);
+  /// Publishes the state, and ends waits for it.
+  void update() REQUIRES(queue_) EXCLUDES(stateMutex_);
   [[nodiscard]] bool anyWaits() const REQUIRES(queue_) { return !postponed_.empty() || !failed_.empty(); }
   /// Tells the policy of `trigger`, and begins a round if one is due.
   void note(KLVResendPolicy::Trigger trigger, std::optional<std::chrono::seconds> retryAfter = std::nullopt)
@@ -67,12 +78,16 @@ class KLVChunkSender {
   std::function<void(const KLVChunkRow&)> accepted_;
   KLVSendQueue sendQueue_;
   // Queue: the chunk queue.
-  std::set<std::string> known_ GUARDED_BY(queue_);  // ids of the chunks that are queued, in flight or waiting
+  std::set<std::string> known_ GUARDED_BY(queue_);    // ids of the chunks that are queued, in flight or waiting
+  std::set<std::string> givenUp_ GUARDED_BY(queue_);  // ids of the chunks that wait for the next launch
   // Waiting chunks. A round begins with the postponed ones, so that chunks that always fail do not hold up the others.
   std::vector<KLVChunkRow> postponed_ GUARDED_BY(queue_);
   std::vector<KLVChunkRow> failed_ GUARDED_BY(queue_);
   KLVResendPolicy policy_ GUARDED_BY(queue_);
   std::optional<KLVResendPolicy::Instant> wakeUp_ GUARDED_BY(queue_);  // of the earliest timer
+  std::vector<std::function<void()>> settled_ GUARDED_BY(queue_);
+  mutable Mutex stateMutex_;
+  KLVDeliveryState state_ GUARDED_BY(stateMutex_);
   std::minstd_rand random_ GUARDED_BY(queue_){std::random_device()()};
 };
 

@@ -49,6 +49,7 @@ KLVResendPolicy KLVResendPolicy::after(Trigger trigger, Instant now, double rand
       if (trigger == Trigger::accepted) makeDueAtOnce(next, now);
       break;
     case Trigger::foreground: makeDueAtOnce(next, now); break;
+    case Trigger::demanded: makeDue(next, now); break;
     case Trigger::failed:
       ++next.failuresInARow;
       if (retryAfter && retryAfter->count() > 0) {

@@ -14,6 +14,7 @@ namespace kelvo {
 ///   one is drawn at random from half to the whole of it. An acceptance resets it.
 /// - At an acceptance, and when the host comes to the foreground, they are due at once, but at the
 ///   earliest 5 seconds after the latest round.
+/// - At the host's demand, they are due at once.
 /// - A time that the service asks for replaces the delay, and nothing is posted before it.
 /// - After eight failures without an acceptance, the rest of a round waits for the next one.
 struct KLVResendPolicy {
@@ -25,6 +26,7 @@ struct KLVResendPolicy {
     failed,         ///< a chunk was refused, or could not be posted
     postponed,      ///< a chunk was not posted, because `mayPost` or `mayResend` forbids it
     foreground,     ///< the host came to the foreground, and chunks wait
+    demanded,       ///< the host asks for delivery now, and chunks wait
   };
 
   unsigned failedRounds = 0;         ///< delays since the latest acceptance

@@ -22,6 +22,7 @@ struct HTTPResponse {
 struct HTTPError {
   int code = 0;  ///< a CURLcode
   std::string localizedDescription;
+  bool isFinal = false;  ///< every later request to the service fails for the same reason
 };
 
 /// Returns the response's description, "(null)" without a response.

@@ -7,24 +7,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/Thread.h"
 #include "platform/ThreadSafety.h"
+#include "util/KLVLogRules.h"
+#include "util/KLVSanitiser.h"
 
 namespace kelvo {
 namespace {
 
 constexpr std::size_t kMaximumWaitingMessages = 4096;
 
-std::atomic<KLVLogger::Level> lowestLevel{KLVLogger::Level::debug};
 thread_local bool onLogThread = false;
 
 /// Returns `KLVPostman::init` for `std::vector<int> kelvo::KLVPostman::init(int)::<lambda()>`.
@@ -57,6 +60,7 @@ const char* word(KLVLogger::Level level) {
     case KLVLogger::Level::info: return "INFO";
     case KLVLogger::Level::warn: return "WARN";
     case KLVLogger::Level::error: return "ERROR";
+    case KLVLogger::Level::off: break;
   }
   return "";
 }
@@ -69,10 +73,12 @@ struct Message {
   fmt::string_view format;
   std::vector<Value> arguments;
 
+  /// Returns the line, with its line feed.
   [[nodiscard]] std::string text() const {
     fmt::dynamic_format_arg_store<fmt::format_context> texts;
     for (const Value& argument : arguments) texts.push_back(description(argument));
-    return fmt::format("<KLV {}> {} {}:{}\n", word(level), fmt::vformat(format, texts), methodName(function), line);
+    const std::string message = onOneLine(fmt::vformat(format, texts));
+    return fmt::format("<KLV {}> {} {}:{}\n", word(level), message, methodName(function), line);
   }
 };
 
@@ -231,6 +237,19 @@ Writer& writer() {
   return *instance;
 }
 
+constinit KLVLogRules rules;
+constinit bool understandsEnvironment = true;
+
+/// Reads the environment before the static initialisers, which may log.
+__attribute__((constructor(101))) void readEnvironment() {
+  understandsEnvironment = rules.obey(::secure_getenv("KELVO_LOG"));
+}
+
+const bool environmentIsReported = [] {
+  if (!understandsEnvironment) KLV_ERROR("KELVO_LOG has an unknown value: use off, error, warn, info or debug");
+  return true;
+}();
+
 /// Logs the problems that `platform`, the layer below the logger, reports.
 const bool problemsAreLogged = [] {
   setProblemHandler([](const char* where, std::string what) {
@@ -243,12 +262,20 @@ const bool problemsAreLogged = [] {
 
 }  // namespace
 
-void KLVLogger::setLogLevel(Level lowest) noexcept {
-  lowestLevel.store(lowest, std::memory_order_relaxed);
+bool KLVLogger::setLogLevel(Level lowest) noexcept {
+  return rules.serve(lowest);
+}
+
+void KLVLogger::chooseLevel(Level lowest) noexcept {
+  rules.choose(lowest);
 }
 
 bool KLVLogger::writes(Level level) noexcept {
-  return level == Level::info || level >= lowestLevel.load(std::memory_order_relaxed);
+  return rules.writes(level);
+}
+
+bool KLVLogger::carriesHostData() noexcept {
+  return rules.carriesHostData();
 }
 
 void KLVLogger::setSink(Sink sink) {
@@ -259,10 +286,11 @@ bool KLVLogger::drain(std::chrono::milliseconds limit) {
   return inForkedChild() || writer().drain(limit);
 }
 
-void KLVLogger::write(Level level, const char* function, int line, fmt::string_view format,
-                      std::vector<Value> arguments) {
+void KLVLogger::write(Level level, const char* function, int line, fmt::string_view format, Value* arguments,
+                      std::size_t count) {
   if (inForkedChild()) return;
-  writer().accept({level, function, line, format, std::move(arguments)});
+  std::vector<Value> values(std::make_move_iterator(arguments), std::make_move_iterator(arguments + count));
+  writer().accept({level, function, line, format, std::move(values)});
 }
 
 }  // namespace kelvo

@@ -2,13 +2,15 @@
 
 #include <fmt/core.h>
 
+#include <array>
 #include <chrono>
-#include <functional>
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
+#include "kelvo/Log.h"
 #include "kelvo/Value.h"
 
 namespace kelvo {
@@ -21,13 +23,28 @@ namespace kelvo {
 /// Thread-safe.
 class KLVLogger {
  public:
-  enum class Level { debug, info, warn, error };
-  using Sink = std::function<void(Level level, std::string_view line)>;
+  using Level = LogLevel;
+  using Sink = LogSink;
 
   /// Sets the process-wide level: messages below `lowest` are not written. INFO messages are always written. The
-  /// process starts with `debug`.
-  static void setLogLevel(Level lowest) noexcept;
+  /// process starts with `debug`. Returns false, without an effect, if KELVO_LOG or the host has chosen the level.
+  static bool setLogLevel(Level lowest) noexcept;
+  /// Takes the host's choice: messages below `lowest` are not written, INFO included. KELVO_LOG overrides it.
+  static void chooseLevel(Level lowest) noexcept;
   [[nodiscard]] static bool writes(Level level) noexcept;
+
+  /// Returns `value` as an argument of a message, or the text "(hidden)" if the lines must not carry the host's data:
+  /// KELVO_LOG or the host has chosen a level other than `debug`. nil stays nil. For attributes, user ids, tokens,
+  /// error texts.
+  template <class T>
+  [[nodiscard]] static Value hostData(const T& value) {
+    return carriesHostData() ? Value(value) : Value("(hidden)");
+  }
+  template <class T>
+  [[nodiscard]] static Value hostData(const std::optional<T>& value) {
+    return value ? hostData(*value) : Value();
+  }
+  [[nodiscard]] static bool carriesHostData() noexcept;
 
   /// Installs a sink in place of standard error; an empty function restores standard error. The log thread calls the
   /// sink once per line, without the line feed. Exceptions from the sink are ignored.
@@ -44,11 +61,14 @@ class KLVLogger {
   template <class... Args>
   static void log(Level level, const char* function, int line, fmt::format_string<Text<Args>...> format,
                   Args&&... arguments) {
-    write(level, function, line, format, {Value(std::forward<Args>(arguments))...});
+    std::array<Value, sizeof...(Args)> values{Value(std::forward<Args>(arguments))...};
+    write(level, function, line, format, values.data(), values.size());
   }
 
  private:
-  static void write(Level level, const char* function, int line, fmt::string_view format, std::vector<Value> arguments);
+  /// Moves the `count` values at `arguments` into the message.
+  static void write(Level level, const char* function, int line, fmt::string_view format, Value* arguments,
+                    std::size_t count);
 };
 
 }  // namespace kelvo

@@ -56,8 +56,8 @@ std::optional<Dictionary> KLVMobileProvision::getMobileProvision() {
     const Lock lock(kept.mutex);
     if (kept.profile) return kept.profile;
   }
-  const auto path = Bundle::main().pathForResource("embedded", "mobileprovision");
-  const auto text = path ? readFile(*path) : std::nullopt;
+  const auto resource = Bundle::main().open("embedded", "mobileprovision");
+  const auto text = resource ? readFile(resource->file) : std::nullopt;
   auto profile = text ? profileIn(*text) : std::nullopt;
   const Lock lock(kept.mutex);
   kept.profile = profile;

@@ -1,5 +1,7 @@
 #include "util/KLVSanitiser.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -90,6 +92,35 @@ std::string repaired(std::string_view text) {
     text.remove_prefix(firstCharacter(text).size);
   }
   return result;
+}
+
+constexpr bool isPrintableASCII(char byte) noexcept {
+  return byte >= ' ' && byte <= '~';
+}
+
+/// Returns true for a C1 control character, U+0080 to U+009F, and for a line or paragraph separator.
+bool isControlBeyondASCII(std::string_view character) noexcept {
+  return (character.size() == 2 && character >= "\u0080" && character <= "\u009f") || character == "\u2028" ||
+         character == "\u2029";
+}
+
+/// Returns the code point of a valid character of two or three bytes.
+unsigned codePointOf(std::string_view character) noexcept {
+  constexpr unsigned kPayload = 0x3F, kBits = 6;  // of each byte after the first
+  unsigned point = static_cast<unsigned char>(character[0]) & (character.size() == 2 ? 0x1FU : 0x0FU);
+  for (const char byte : character.substr(1)) point = point << kBits | (static_cast<unsigned char>(byte) & kPayload);
+  return point;
+}
+
+/// Returns the escape of a character that must not be printed, or of the bytes of an invalid one.
+std::string escaped(std::string_view character, bool valid) {
+  if (character == "\n") return "\\n";
+  if (character == "\r") return "\\r";
+  if (character == "\t") return "\\t";
+  if (valid && character.size() > 1) return fmt::format("\\u{:04x}", codePointOf(character));
+  std::string bytes;
+  for (const char byte : character) bytes += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
+  return bytes;
 }
 
 bool isNotFinite(const Value& value) noexcept {
@@ -187,6 +218,19 @@ std::optional<std::string> sanitised(std::optional<std::string> text) {
   text = sanitiser.repair(*text);
   sanitiser.report();
   return text;
+}
+
+std::string onOneLine(std::string text) {
+  if (std::all_of(text.begin(), text.end(), isPrintableASCII)) return text;
+  std::string line;
+  for (std::string_view rest = text; !rest.empty();) {
+    const auto [size, valid] = firstCharacter(rest);
+    const auto character = rest.substr(0, size);
+    const bool prints = size == 1 ? isPrintableASCII(rest[0]) : valid && !isControlBeyondASCII(character);
+    prints ? line.append(character) : line.append(escaped(character, valid));
+    rest.remove_prefix(size);
+  }
+  return line;
 }
 
 }  // namespace kelvo

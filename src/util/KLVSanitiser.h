@@ -19,4 +19,8 @@ namespace kelvo {
 [[nodiscard]] std::optional<Dictionary> sanitised(std::optional<Dictionary> dictionary);
 [[nodiscard]] std::optional<std::string> sanitised(std::optional<std::string> text);
 
+/// Returns `text` as one line that cannot control a terminal. Control characters (C0, DEL, C1), the separators U+2028
+/// and U+2029, and bytes that are not UTF-8 become escapes: "\n", "\x1b", "\u2028". Backslashes stay as they are.
+[[nodiscard]] std::string onOneLine(std::string text);
+
 }  // namespace kelvo

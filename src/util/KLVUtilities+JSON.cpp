@@ -1,5 +1,7 @@
 #include "util/KLVUtilities+JSON.h"
 
+#include <limits>
+
 #include "platform/JSON.h"
 #include "util/KLVLogger.h"
 
@@ -14,9 +16,10 @@ std::optional<std::string> jsonOf(const std::optional<Container>& container) {
   return text;
 }
 
-std::optional<Value> valueOf(const std::optional<std::string>& text) {
+std::optional<Value> valueOf(const std::optional<std::string>& text,
+                             std::size_t mostValues = std::numeric_limits<std::size_t>::max()) {
   std::string error = "there is nothing to parse";
-  auto value = text ? parseJSON(*text, &error) : std::nullopt;
+  auto value = text ? parseJSON(*text, &error, mostValues) : std::nullopt;
   if (!value) KLV_ERROR("JSON Error: {}", error);
   return value;
 }
@@ -32,8 +35,9 @@ std::optional<std::string> KLVUtilities::jsonStringFromNSDictionary(const std::o
 std::optional<std::string> KLVUtilities::jsonStringFromNSArray(const std::optional<Array>& array) {
   return jsonOf(array);
 }
-std::optional<Value> KLVUtilities::dictionaryFromNSData(const std::optional<std::string>& data) {
-  return valueOf(data);
+std::optional<Value> KLVUtilities::dictionaryFromNSData(const std::optional<std::string>& data,
+                                                        const KLVAnswerLimits& limits) {
+  return valueOf(data, limits.values);
 }
 std::optional<Value> KLVUtilities::dictionaryFromJsonString(const std::optional<std::string>& text) {
   return valueOf(text);

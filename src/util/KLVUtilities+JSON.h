@@ -4,6 +4,7 @@
 #include <string>
 
 #include "kelvo/Value.h"
+#include "util/KLVAnswerLimits.h"
 
 namespace kelvo {
 
@@ -16,7 +17,9 @@ namespace KLVUtilities {
 std::optional<std::string> jsonDataFromNSDictionary(const std::optional<Dictionary>& dictionary);
 std::optional<std::string> jsonStringFromNSDictionary(const std::optional<Dictionary>& dictionary);
 std::optional<std::string> jsonStringFromNSArray(const std::optional<Array>& array);
-std::optional<Value> dictionaryFromNSData(const std::optional<std::string>& data);
+/// Fails also if `data` has more values than `limits` allow.
+std::optional<Value> dictionaryFromNSData(const std::optional<std::string>& data,
+                                          const KLVAnswerLimits& limits = kStartUpLimits);
 std::optional<Value> dictionaryFromJsonString(const std::optional<std::string>& text);
 std::optional<Value> arrayFromJsonString(const std::optional<std::string>& text);
 

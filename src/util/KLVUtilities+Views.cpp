@@ -134,6 +134,28 @@ struct PathStart {
   std::optional<std::string_view> afterName, afterPosition;  // nullopt where the path ends
 };
 
+/// Returns the position of a child among its siblings as a path names it: of a cell, its tag.
+std::int64_t positionOf(const KLVView& child, std::size_t index) {
+  return isCell(*child.view) ? child.view->tag() : static_cast<std::int64_t>(index);
+}
+
+KLVView simplifiedTree(const std::shared_ptr<View>& view) {
+  KLVView root(view);
+  KLVUtilities::constructCustomViewHierarchyForView(*view, root, KLVUtilities::ignoredViews(), nullptr, nullptr);
+  KLVUtilities::sortSubViewsWithRootView(root);
+  return root;
+}
+
+/// Writes one debug line per view below `root`: its path, which begins with `start`.
+void logPaths(const KLVView& root, const std::string& start) {
+  for (std::size_t i = 0; i < root.subviews.size(); ++i) {
+    const KLVView& child = root.subviews[i];
+    const std::string path = start + child.name + ":" + std::to_string(positionOf(child, i));
+    KLV_DEBUG("Path {}", path);
+    logPaths(child, path + ":");
+  }
+}
+
 /// Whether the first step of a path matches a child. If so, `rest` is the path to follow below the child, nullopt at
 /// the end of the path.
 struct Match {
@@ -148,8 +170,7 @@ Match match(const PathStart& start, const KLVView& child, std::size_t index) {
   }
   const bool named = start.name == child.name && start.afterName && KLVUtilities::isNumericString(start.position);
   if (!named) return {};
-  const std::int64_t position = isCell(*child.view) ? child.view->tag() : static_cast<std::int64_t>(index);
-  return {position == integerValue(start.position), start.afterPosition};
+  return {positionOf(child, index) == integerValue(start.position), start.afterPosition};
 }
 
 }  // namespace
@@ -228,12 +249,9 @@ std::string KLVUtilities::getNativeIDFromIndentifier(const std::string& identifi
 
 std::shared_ptr<View> KLVUtilities::getViewWithPath(const std::string& path, const std::shared_ptr<View>& view) {
   if (view == nullptr) return nullptr;
-  KLVView root(view);
-  constructCustomViewHierarchyForView(*view, root, ignoredViews(), nullptr, nullptr);
-  sortSubViewsWithRootView(root);
   std::string bare = path;
   removeAll(bare, kPathPrefix);
-  return getViewWithIdentifier(std::string_view(bare), root);
+  return getViewWithIdentifier(std::string_view(bare), simplifiedTree(view));
 }
 
 std::shared_ptr<View> KLVUtilities::getViewWithIdentifier(std::string_view path, const KLVView& root) {
@@ -306,6 +324,18 @@ void KLVUtilities::sortSubViewsWithRootView(KLVView& root) {
 void KLVUtilities::logKLVViewWithRoot(const KLVView& root, const std::string& separator) {
   KLV_DEBUG("<>{}{}", separator, root.name);
   for (const KLVView& child : root.subviews) logKLVViewWithRoot(child, separator + "-");
+}
+
+void KLVUtilities::printViewTree() {
+  if (!KLVLogger::writes(KLVLogger::Level::debug)) return;
+  const std::shared_ptr<View> window = keyWindow();
+  if (window == nullptr) {
+    KLV_WARN("There is no key window whose views could be printed");
+    return;
+  }
+  const KLVView root = simplifiedTree(window);
+  logKLVViewWithRoot(root, "");
+  logPaths(root, std::string(kPathPrefix));
 }
 
 void KLVUtilities::logViewWithRoot(const View& view, const std::string& separator) {

@@ -33,7 +33,8 @@ class ClientEvents : public CoreTest {
 TEST_F(ClientEvents, AppliesNewListsAndElseTheSavedOnes) {
   start();
   settled();
-  const std::string events = R"({"events":)" + kNew + "}";
+  const std::string events = R"({"events":)" + kNew + "}",
+                    huge = R"({"events":{}, "x":")" + std::string(2 << 20, 'x') + "\"}";
   const std::string invalidHash = "<KLV ERROR> Invalid hash for client event config!";
   const std::string invalidConfig = "<KLV ERROR> Invalid client event config!";
   const std::string existing = "<KLV INFO> Unable to get new client events config, using existing config";
@@ -48,6 +49,8 @@ TEST_F(ClientEvents, AppliesNewListsAndElseTheSavedOnes) {
       {"same", same, {}, kSaved, kSaved, "Client events are the same - no need to fetch"},
       {"same, but no file", same, Script(200, events), "", kNew, "with new client event config: " + kNew},
       {"same, but a bad file", same, Script(200, events), "[1]", kNew, "with new client event config: " + kNew},
+      {"same, but a huge file", same, Script(200, events), huge, kNew, "Error: File too large"},
+      {"changed and huge", changed, Script(200, huge), kSaved, kSaved, existing},
       {"same, but no file, refused", same, Script(500), "", "(null)", existing},
       {"changed", changed, Script(200, events), kSaved, kNew, "with new client event config: " + kNew},
       {"fetch unreachable", changed, Script::cutShort(), kSaved, kSaved, existing},

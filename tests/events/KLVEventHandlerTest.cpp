@@ -5,6 +5,7 @@
 #include <future>
 
 #include "records/KLVEvents.h"
+#include "support/LogCapture.h"
 
 namespace kelvo::test {
 namespace {
@@ -67,6 +68,39 @@ TEST_F(EventHandler, ClassifiesByTheTypeAndThenByTheLists) {
   EXPECT_EQ(after(KLVEventType::app, "stop"), Texts());
   bus.enqueueEvent(std::make_shared<KLVSessionEvent>());
   EXPECT_EQ(happened(), Texts()) << "a signal is never saved";
+}
+
+TEST_F(EventHandler, NoListStopsOrChangesTheEventsThatTheLibraryNeeds) {
+  const struct {
+    KLVEventType type;
+    const char* name;
+  } own[] = {{KLVEventType::app, "klv_app_opened"},
+             {KLVEventType::system, "BACKGROUND"},
+             {KLVEventType::system, "FOREGROUND"},
+             {KLVEventType::session, "Session"},
+             {KLVEventType::chunk, "Chunk"}};
+  Array names;
+  for (const auto& each : own) names.append(each.name);
+  const LogCapture log;
+  const auto set = {&KLVEventHandler::setClientEvents, &KLVEventHandler::setAggregateEvents,
+                    &KLVEventHandler::setEventsToBeIgnored};
+  for (const auto& each : own) bus.registerIdentifer(identifierKey(each.type, each.name), listener("delivered"));
+  for (const auto list : set) {
+    (bus.*list)(names);
+    for (const auto& each : own) {
+      bus.enqueueEvent(event(each.type, each.name));
+      Texts expected = {"saved " + std::string(each.name)};
+      if (each.type == KLVEventType::app) expected.push_back("for life " + std::string(each.name));
+      expected.push_back("delivered " + std::string(each.name));
+      EXPECT_EQ(happened(), expected);
+    }
+    bus.enqueueEvent(event(KLVEventType::app, "BACKGROUND"));
+    EXPECT_EQ(happened().size(), list == &KLVEventHandler::setEventsToBeIgnored ? 0U : 1U)
+        << "the host's own event of that name obeys the list";
+    (bus.*list)(std::nullopt);
+  }
+  EXPECT_EQ(log.count("<KLV WARN> The list of "), 3U);
+  EXPECT_EQ(log.count("ignored events names klv_app_opened, FOREGROUND, BACKGROUND, Session, Chunk: "), 1U);
 }
 
 TEST_F(EventHandler, DeliversToTypeListenersFirstAndToTheExactEventUnderItsNewType) {

@@ -77,7 +77,7 @@ const Breakage kBreakages[] = {
        writeFileForTest(home() + "/file", "");
        return Machine{{}, {{"KELVO_HOME", home() + "/file/home"}}};
      },
-     "/file/home/Library cannot be made: Not a directory", false, 3},
+     "/file/home cannot be made: Not a directory", false, 3},
     {"noHome",
      [] {
        return Machine{asUser(kUserWithoutEntry), {{"KELVO_HOME", ""}, {"HOME", ""}, {"XDG_DATA_HOME", ""}}};
@@ -128,7 +128,7 @@ TEST_F(Faults, ALockThatIsHeldForAWhileCostsNothingAndOneThatIsNeverReleasedHold
   lock.reset();
   EXPECT_EQ(faulty.quit(), 0) << faulty.errors();
   EXPECT_EQ(arrived("Waits"), 2);
-  EXPECT_EQ(count(faulty.errors(), "<KLV ERROR>"), 1U) << "the missing bundle logs one" << faulty.errors();
+  EXPECT_EQ(count(faulty.errors(), "<KLV ERROR>"), 0U) << faulty.errors();
 
   lock = lockDatabase();
   auto stuck = host();
@@ -181,9 +181,9 @@ TEST_F(Faults, BadFilesCountAsMissingAndAreReplaced) {
     auto faulty = launch({{}, {{"KELVO_BUNDLE", library("bundle")}}});
     faulty.untilReady().log("During");
     EXPECT_EQ(faulty.quit(), 0) << faulty.errors();
-    EXPECT_EQ(count(faulty.errors(), "<KLV ERROR> KelvoiOSSDK failed to initialize - invalid"), 1U);
     EXPECT_EQ(arrived("During"), ++launches);
     const bool isUseless = launches < 3;
+    EXPECT_EQ(count(faulty.errors(), "<KLV ERROR> KelvoiOSSDK failed to initialize - invalid"), isUseless ? 0U : 1U);
     EXPECT_EQ(fs::remove(defaults + ".corrupt"), isUseless);
     EXPECT_EQ(count(faulty.errors(), "kelvo-log.plist cannot be used"), isUseless ? 1U : 0U);
     expectTheNextLaunchGoesOn();
@@ -222,7 +222,7 @@ class SmallDisk : public Faults {
     moveToFreshHome("disk");
     fs::create_directory(homeOfLaunches());
     const bool mounted = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                         mount("none", homeOfLaunches().c_str(), "tmpfs", 0, "size=4m") == 0;
+                         mount("none", homeOfLaunches().c_str(), "tmpfs", 0, "size=4m,mode=700") == 0;
     if (!mounted) GTEST_SKIP() << "this user may not mount a disk: " << std::strerror(errno);
   }
   void TearDown() override { umount2(homeOfLaunches().c_str(), MNT_DETACH); }

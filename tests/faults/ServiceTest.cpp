@@ -17,7 +17,7 @@ struct Endpoint {
 
 const Endpoint kEndpoints[] = {
     {"none", "", "<KLV ERROR> No service endpoint: set KELVO_SERVER_BASE_URL"},
-    {"noURL", "somewhere", "<KLV ERROR> No service endpoint: set KELVO_SERVER_BASE_URL"},
+    {"noURL", "somewhere", "<KLV ERROR> The service endpoint is malformed: somewhere is not a URL; "},
     {"unknownName", "https://no-such-host.invalid", "failed : Could not resolve host: no-such-host.invalid"},
     {"nobodyListens", "https://127.0.0.1:1", "failed : Failed to connect to 127.0.0.1"},
     {"cleartext", "http://192.0.2.1", "<KLV ERROR> Refused to send cleartext to 192.0.2.1"},

@@ -86,5 +86,34 @@ TEST_F(ConfigManager, SavesAValidDownloadForTheNextStartAndKeepsTheOldFileOtherw
   EXPECT_EQ(log.count("<KLV ERROR> Couldn't write sdk config to file"), 1U);
 }
 
+TEST_F(ConfigManager, AConfigurationBeyondItsLimitsIsNeitherSavedNorRead) {
+  const std::string begin = "{\"enable\":false,\"service_paths\":1,\"x\":", small = begin + "1}";
+  std::string many;
+  for (int value = 0; value < 300'000; ++value) many += "0,";
+  const std::string large = begin + "\"" + std::string(2 << 20, 'x') + "\"}", numerous = begin + "[" + many + "0]}";
+  writeFileForTest(library(kFile), small);
+  for (const std::string& hostile : {large, numerous}) {
+    server.answer("/ios", {200, "{\"details\":" + hostile + "}"});
+    Controller controller;
+    KLVConfigManager manager(controller);
+    EXPECT_EQ(controller.enabled, false);
+    manager.getAndSaveLatestConfigurationWithCompletionHandler([] { ADD_FAILURE(); });
+    waitForTheEnd();
+    EXPECT_EQ(contentOf(library(kFile)), small);
+  }
+  EXPECT_EQ(log.count("Cound not get Configuration: The answer is larger than 2097152 bytes"), 1U);
+  EXPECT_EQ(log.count("<KLV ERROR> JSON Error: too many values at offset "), 1U);
+
+  for (const std::string& hostile : {large, numerous}) {
+    writeFileForTest(library(kFile), hostile);
+    Controller controller;
+    const KLVConfigManager manager(controller);
+    EXPECT_EQ(controller.enabled, true) << "the default";
+    EXPECT_FALSE(manager.hasSavedConfiguration());
+  }
+  EXPECT_EQ(log.count("<KLV WARN> " + library(kFile) + " is larger than 2097152 bytes: it counts as missing"), 1U);
+  EXPECT_EQ(log.count("<KLV ERROR> parsing json file too many values"), 1U);
+}
+
 }  // namespace
 }  // namespace kelvo::test

@@ -114,6 +114,7 @@ P1_1      | P1_1      | a1:P1 a2:P2 | old |             | 1                  | P
 P2_1      | P1_1      | a1:P1       | old | 500 n1:P2   | 1 &pids=P2         | P1_1      | none        | old | Action config for type: rta modified. Attempting to save config ..
 x,P1_1_y,,_9,P1_2,P2_ |  |          |     | n1:P1       | 1 &pids=P1&pids=&pids=P2 | P1_2,_9,P2_ | n1:P1 | new | Server PIDs: ["P1","","P2"]
 P1_1      |           |             |     |             | 1 &pids=P1         | P1_1      | none        | new | Config to be saved is: {}
+P+1_2_3   |           |             |     | n1:P+1      | 1 &pids=P%2B1      | P+1_2     | n1:P+1      | new | Server PIDs: ["P+1"]
 P1_1      | P1_1      | corrupt     | old | n1:P1       | 1 &pids=P1         | P1_1      | n1:P1       | new | <KLV ERROR> parsing json file
 )";
 
@@ -174,6 +175,19 @@ TEST_F(SyncManager, EveryTypeButRTAFetchesSurveysAndSavesTheirActionsUnchanged) 
   EXPECT_EQ(server.requests("/v2/sync/APP/surveys").at(0).query,
             user + "&actionType=survey&version=v%201&platform=ios&pids=P1");
   EXPECT_EQ(contentOf(library(kSurveyFile)), R"({"n":)" + action + "}");
+}
+
+TEST_F(SyncManager, ActionsMayBeLargeButTheirValidationMayNot) {
+  const std::string large(3 << 20, 'x');
+  server.answer("/validate", {200, validation("P1_1")});
+  server.answer(
+      "/rta", {200, *jsonText(Dictionary{{"configs", Array{Dictionary{{"_id", "n"}, {"pid", "P1"}, {"x", large}}}}})});
+  EXPECT_EQ(outcome(), "1 &pids=P1");
+  EXPECT_TRUE(KLVSyncManager::savedConfig("rta")["n"] == Value(Dictionary{{"_id", "n"}, {"pid", "P1"}, {"x", large}}));
+  EXPECT_EQ(outcome(), "1") << "the saved actions count";
+  server.answer("/validate", {200, *jsonText(Dictionary{{"hash", "next"}, {"pid_mid", large}})});
+  EXPECT_EQ(outcome(), "1");
+  EXPECT_EQ(log.count("Cound not validate hash: The answer is larger than 2097152 bytes"), 1U);
 }
 
 }  // namespace

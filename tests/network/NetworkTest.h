@@ -73,6 +73,9 @@ class Controller final : public KLVConfigManagerDelegate, public KLVSyncManagerD
   void getDataFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
     KLVPostman().getDataFromURLPath(*path, std::move(completion));
   }
+  void getActionsFromURLPath(const std::optional<std::string>& path, HTTPCompletion completion) override {
+    KLVPostman().getDataFromURLPath(*path, std::move(completion), kActionsLimits);
+  }
   std::string identifier = "APP";
   std::optional<bool> enabled;
   const std::shared_ptr<KLVDeviceInfo> device = std::make_shared<KLVDeviceInfo>("");

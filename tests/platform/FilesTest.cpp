@@ -133,13 +133,28 @@ TEST(Directories, ArePrivateAndFollowTheEnvironment) {
     std::string expected;
   } cases[] = {{"/k", "/x", "/h", "/k"},
                {"r/k", "/x", "/h", fs::current_path() / "r/k"},
-               {"", "/x", "/h", "/x/test_platform"},
-               {"", "relative", "/h", "/h/.local/share/test_platform"}};
+               {"", "/x", "/h", "/x/kelvo/test_platform"},
+               {"", "relative", "/h", "/h/.local/share/kelvo/test_platform"}};
   for (const auto& [kelvoHome, dataHome, userHome, expected] : cases) {
     ::setenv("KELVO_HOME", kelvoHome, 1);
     ::setenv("XDG_DATA_HOME", dataHome, 1);
     ::setenv("HOME", userHome, 1);
     EXPECT_EQ(Directories::homeFor(Bundle::main()), expected);
+  }
+  const std::string former = inHome("data/test_platform");  // as a former version has left it
+  for (const char* made : {"/Documents", "/Library/Preferences"}) ASSERT_TRUE(makeDirectory(former + made, true));
+  ::setenv("XDG_DATA_HOME", inHome("data").c_str(), 1);
+  ::unsetenv("KELVO_HOME");
+  EXPECT_EQ(Directories::homeFor(Bundle::main()), former);
+  EXPECT_FALSE(Directories::chooseHome("/another")) << "the process uses a home already";
+  EXPECT_TRUE(Directories::chooseHome(home()));
+}
+
+TEST(BundleIdentifier, NamesFilesOnlyIfItIsAFileName) {
+  for (const std::string unusable : {"", ".", "..", "a/b", "../x", "tab\there", "line\nfeed"}) {
+    writeFileForTest(home() + "/Info.plist", "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" +
+                                                 unusable + "</string></dict></plist>");
+    EXPECT_EQ(Bundle(home(), "program").storageName(), "program") << unusable;
   }
 }
 

@@ -103,9 +103,10 @@ class Road : public testing::Test {
   }
 
   /// Starts kelvo-log, by default with the application id "shop".
-  Launch launch(Texts arguments = {"--app-id", "shop"}, const Program::Environment& environment = {},
+  Launch launch(Texts arguments = {"--app-id", "shop"}, Program::Environment environment = {},
                 const Texts& wrapper = {}) const {
     arguments.insert(arguments.begin(), KELVO_LOG_PROGRAM);
+    environment.insert(environment.begin(), {"KELVO_LOG", "debug"});  // a later value replaces it
     return run<Launch>(arguments, environment, wrapper);
   }
 

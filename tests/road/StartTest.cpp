@@ -74,12 +74,51 @@ TEST_F(Road, TheConfigurationSetsTheLogLevel) {
   for (const auto& [configured, debugLines, warnings] : cases) {
     SCOPED_TRACE(configured != nullptr ? configured : "none");
     if (configured != nullptr) setLogLevel(configured);
-    auto host = launch();
-    host.untilReady().play(R"({"info": {"no": "name"}})");
-    EXPECT_EQ(host.quit(), 0);
+    auto host = run({KELVO_MANNERS_HOST}, kWithoutLeakCheck);
+    host.writeLine("start");
+    ASSERT_TRUE(host.waitForError("initialized!"));
+    host.writeLine("token");
+    host.closeInput();
+    EXPECT_EQ(host.wait(), 0);
     EXPECT_EQ(count(host.errors(), "<KLV DEBUG> Sending user info: {"), debugLines);
-    EXPECT_EQ(count(host.errors(), "<KLV WARN> Improper app event logged"), warnings);
+    EXPECT_EQ(count(host.errors(), "<KLV WARN> Invalid token object!"), warnings);
   }
+}
+
+TEST_F(Road, TheEnvironmentSetsTheLogLevelOfEveryProgramAndHidesTheHostsData) {
+  setLogLevel("debug");
+  const struct {
+    const char* value;
+    const char* words;  ///< levels whose lines appear
+    bool showsData;
+  } cases[] = {{"off", "", false},
+               {"error", "ERROR ", false},
+               {"warn", "ERROR WARN ", false},
+               {"info", "ERROR WARN INFO ", false},
+               {"debug", "ERROR WARN INFO DEBUG ", true}};
+  for (const auto& [value, words, showsData] : cases) {
+    auto host = launch({"--app-id", "shop"}, {{"KELVO_LOG", value}});
+    host.untilReady().play(R"({"name": "Purchase", "info": {"item": "secret"}})");
+    host.call("setUserIdentifier", R"("identifier": "secret")").call("setUserIdentifier");
+    host.call("setUserCustomInfo", R"("info": {"plan": "secret"})").call("deviceToken", R"("text": "secret")");
+    host.call("setSessionCustomInfo", R"("info": {"plan": "secret"})");
+    host.call("logClientEventWithName", R"("name": "Hint", "info": {"plan": "secret"})");
+    host.call("reportCustomError", R"("error": "secret", "info": {"where": "secret"})");
+    EXPECT_EQ(host.quit(), 0) << host.errors();
+    std::string written;
+    for (const std::string word : {"ERROR", "WARN", "INFO", "DEBUG"}) {
+      if (count(host.errors(), "<KLV " + word + ">") > 0) written += word + " ";
+    }
+    EXPECT_EQ(written, words) << host.errors();
+    EXPECT_EQ(count(host.errors(), "secret") > 0, showsData) << host.errors();
+  }
+  auto bare = run({KELVO_MANNERS_HOST}, {{"KELVO_LOG", "loud"}});
+  for (const char* line : {"start", "attributes visible"}) bare.writeLine(line);
+  bare.closeInput();
+  EXPECT_EQ(bare.wait(), 0);
+  EXPECT_EQ(bare.errors().find("<KLV ERROR> KELVO_LOG has an unknown value: use off, error, warn, info or debug "), 0u);
+  EXPECT_EQ(count(bare.errors(), "<KLV ERROR> KELVO_LOG"), 1u);
+  EXPECT_EQ(count(bare.errors(), R"(<KLV INFO> Setting custom user info: {"text":"visible"})"), 1u) << bare.errors();
 }
 
 TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostsFirstCall) {
@@ -94,7 +133,7 @@ TEST_F(Road, TheBundleStartsTheLibraryBeforeTheHostsFirstCall) {
   EXPECT_EQ(service.requests("/v2/api/auto/chunks").size(), 1u);
   EXPECT_EQ(at(service.chunks()[0], {"app_info", "app_name"}), Value("Shop"));
   EXPECT_EQ(at(service.chunks()[0], {"app_info", "app_version"}), Value("2.4(118)"));
-  EXPECT_EQ(host.output(), "KelvoiOSSDK finalizer\n");
+  EXPECT_EQ(host.output(), "");
 }
 
 TEST_F(Road, ABundleWithoutAnIdLeavesTheStartToTheHost) {

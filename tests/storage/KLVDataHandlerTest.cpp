@@ -147,24 +147,50 @@ TEST_F(Handler, BeforeTheStartFilesWorkAndWritesOfRowsAreDropped) {
   writeFileForTest(library("broken"), "{");
   writeFileForTest(library("fragment"), "1");
   writeFileForTest(library("com.kelvo.SDK.clientevents/x"), "a directory where the file should be");
-  writeFileForTest(home() + "/outside", "kept");
+  writeFileForTest(library("1-blocked"), "a file where the session's directory should be");
+  for (const char* kept : {"../outside", "1-S", "Preferences/p.plist"}) writeFileForTest(library(kept), "kept");
   for (const char* path : {"absent", "broken", "fragment"}) {
     EXPECT_EQ(handler.objectFromFileWithPath(path), std::nullopt) << path;
   }
-  handler.saveSDKInfo(std::make_shared<KLVSDKInfo>(""), "no/intermediates");
-  handler.saveSessionInfo(std::make_shared<KLVSession>("S"), "broken");
+  handler.saveSDKInfo(std::make_shared<KLVSDKInfo>(""), "1-no/intermediates");
+  handler.saveSessionInfo(std::make_shared<KLVSession>("S"), "1-blocked");
   handler.persistClientEvents({});
-  for (const char* path : {"", ".", "/", "../outside", "S/../../outside", "absent"}) handler.deleteItemAtPath(path);
+  // Only what has the form of a session id is a path.
+  const std::string foreign[] = {"",
+                                 ".",
+                                 "/",
+                                 "..",
+                                 "../..",
+                                 "../outside",
+                                 "1-/../../outside",
+                                 "1-S/../../outside",
+                                 library("../outside"),
+                                 "Preferences",
+                                 "-S",
+                                 "1-",
+                                 "1_S",
+                                 "S-1",
+                                 "1-S/",
+                                 std::string("1-S\0", 4),
+                                 "1-" + std::string(65, 'S')};
+  for (const std::string& path : foreign) {
+    EXPECT_FALSE(KLVSession::isIdentifier(path)) << path;
+    handler.deleteItemAtPath(path);
+    EXPECT_EQ(handler.retrieveSessionInfoWithIdentifier(path), nullptr);
+  }
+  handler.deleteItemAtPath("1-absent");
   waitUntilStored(handler);
-  const std::pair<const char*, std::size_t> expected[] = {{"<KLV WARN> Opening file:absent . Error: ", 1},
-                                                          {"<KLV ERROR> parsing json file ", 2},
-                                                          {"<KLV ERROR> Failed to create directory with path: ", 1},
-                                                          {"<KLV ERROR> Failed to save SDKInfo ", 1},
-                                                          {"<KLV ERROR> Failed to save SessionInfo ", 1},
-                                                          {"<KLV ERROR> Unable to save client events config ", 1},
-                                                          {"<KLV ERROR> Unable to remove file due to: ", 6}};
+  const std::pair<const char*, std::size_t> expected[] = {
+      {"<KLV WARN> Opening file:absent . Error: ", 1},
+      {"<KLV ERROR> parsing json file ", 2},
+      {"<KLV ERROR> Failed to save SDKInfo ", 1},
+      {"<KLV ERROR> Failed to save SessionInfo ", 1},
+      {"<KLV ERROR> Unable to save client events config ", 1},
+      {"<KLV ERROR> Unable to remove file due to: ", std::size(foreign) + 1}};
   for (const auto& [line, times] : expected) EXPECT_EQ(log.count(line), times) << line;
-  EXPECT_EQ(contentOf(home() + "/outside"), "kept");
+  for (const char* kept : {"../outside", "1-S", "Preferences/p.plist"}) {
+    EXPECT_EQ(contentOf(library(kept)), "kept") << kept;
+  }
   EXPECT_EQ(contentOf(library("broken")), "{");
 }
 

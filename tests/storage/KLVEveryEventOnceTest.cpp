@@ -272,12 +272,13 @@ TEST_F(EveryEvent, AValueWithAQuoteIsCountedOrRefusedAndNeverRunsAsSQL) {
       }
       EXPECT_EQ(lifetime(text), right ? 2 : 0);
       EXPECT_EQ(aggregated(text, text, text), right ? 2 : 0);
-      const auto refusals = log.count("KLVError 1: a value contains a character that would end it");
+      const auto refusals = log.count("KLVError 1: a name or a value contains a character that would end it");
       handler->deleteAggregateEventsWithSessionId(text);
       handler->deleteChunkMetaInfo(std::make_shared<KLVChunk>(text));
       handler->saveEventInfo(event("a"), text);  // no such session
       EXPECT_EQ(handler->numberOfEventsWithIdentifier(text).has_value(), right);
-      EXPECT_EQ(log.count("KLVError 1: a value contains a character that would end it") - refusals, right ? 0U : 3U);
+      EXPECT_EQ(log.count("KLVError 1: a name or a value contains a character that would end it") - refusals,
+                right ? 0U : 3U);
       EXPECT_EQ(handler->storeRescuedEvents(text, {event(text), aggregate(text, text, text)}, text),
                 right ? Rescue::stored : Rescue::failed);
       EXPECT_EQ(handler->numberOfEventsWithIdentifier(text).value_or(0), right ? 2U : 0U);

@@ -43,6 +43,7 @@ int main(int argc, char** argv) {
   if (mkdtemp(fresh.data()) == nullptr) return 1;
   setenv("KELVO_HOME", fresh.c_str(), 1);
   unsetenv("KELVO_SERVER_BASE_URL");
+  unsetenv("DO_NOT_TRACK");
   kelvo::test::homeDirectory = fresh;
   testing::InitGoogleTest(&argc, argv);
   const int result = RUN_ALL_TESTS();

@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <future>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "platform/Clock.h"
 #include "records/KLVEvents.h"
+#include "support/LogCapture.h"
 #include "util/KLVDeliveryRules.h"
 
 namespace kelvo::test {
@@ -447,6 +450,25 @@ TEST_F(CompleteChunkManager, CutsLongRangesOnceAndKeepsTheRecordsOfTheCut) {
   Clock::advance(seconds(1));
   EXPECT_EQ(happenedAfterTimer(6).size(), 6u);
   EXPECT_EQ(lastBody("chunk_details", "user_attributes"), Value(Dictionary{{"name", "before"}}));
+}
+
+TEST(ChunkInterval, IsAtLeastASecondAndTheDefaultForAnUnusableNumber) {
+  constexpr double kInfinite = std::numeric_limits<double>::infinity();
+  const struct {
+    Value configured;
+    double interval;
+    bool isUnusable;
+  } cases[] = {{nullptr, 30, false},  {0, 30, false},         {0.0, 30, false},        {"soon", 30, false},
+               {5, 5, false},         {"7.5", 7.5, false},    {1e6, 1e6, false},       {1e-9, 1, false},
+               {0.999, 1, false},     {-1e-9, 30, true},      {-30, 30, true},         {"-1", 30, true},
+               {kInfinite, 30, true}, {-kInfinite, 30, true}, {std::nan(""), 30, true}};
+  for (const auto& [configured, interval, isUnusable] : cases) {
+    const LogCapture log;
+    EXPECT_EQ(KLVChunkManager::intervalIn(Dictionary{{"max_fg_chunk_send_time", configured}}), interval)
+        << description(configured);
+    EXPECT_EQ(log.count("<KLV WARN> max_fg_chunk_send_time is "), isUnusable ? 1U : 0U) << description(configured);
+  }
+  EXPECT_EQ(KLVChunkManager::intervalIn(std::nullopt), 30);
 }
 
 }  // namespace

@@ -6,9 +6,11 @@
 
 #include <future>
 #include <regex>
+#include <set>
 
 #include "platform/Problem.h"
 #include "support/LogCapture.h"
+#include "util/KLVLogRules.h"
 
 namespace kelvo::test {
 
@@ -44,6 +46,71 @@ TEST(Logger, TheLevelDecidesWhichMessagesAreWritten) {
   KLVLogger::setLogLevel(Level::error);
   KLV_DEBUG("{}", ++evaluations);
   EXPECT_EQ(evaluations, 0) << "the arguments of a filtered message are not evaluated";
+}
+
+/// The environment overrides the host's choice, and the host's choice the service's.
+TEST(LogRules, EnvironmentThenHostThenServiceDecide) {
+  constexpr auto kNone = std::optional<LogLevel>();
+  const struct {
+    const char* environment;
+    std::optional<LogLevel> host;
+    std::optional<LogLevel> service;
+    const char* written;
+    bool carriesHostData;
+  } cases[] = {{nullptr, kNone, kNone, "DIWE", true},
+               {"", kNone, LogLevel::error, "IE", true},
+               {nullptr, LogLevel::error, LogLevel::debug, "E", false},
+               {nullptr, LogLevel::info, LogLevel::error, "IWE", false},
+               {nullptr, LogLevel::debug, LogLevel::error, "DIWE", true},
+               {nullptr, LogLevel::off, LogLevel::debug, "", false},
+               {"off", LogLevel::debug, LogLevel::debug, "", false},
+               {"error", kNone, LogLevel::debug, "E", false},
+               {"warn", LogLevel::debug, kNone, "WE", false},
+               {"info", LogLevel::error, kNone, "IWE", false},
+               {"debug", LogLevel::error, LogLevel::error, "DIWE", true},
+               {"INFO", kNone, LogLevel::warn, "IWE", true},
+               {"loud", LogLevel::error, kNone, "E", false}};
+  for (const auto& [environment, host, service, expected, carriesHostData] : cases) {
+    KLVLogRules rules;
+    const bool understood = rules.obey(environment);
+    if (service) rules.serve(*service);  // a saved configuration may come first
+    if (host) rules.choose(*host);
+    if (service) rules.serve(*service);
+    std::string written;
+    for (const auto& [level, letter] :
+         {std::pair{LogLevel::debug, 'D'}, {LogLevel::info, 'I'}, {LogLevel::warn, 'W'}, {LogLevel::error, 'E'}}) {
+      if (rules.writes(level)) written += letter;
+    }
+    SCOPED_TRACE(environment != nullptr ? environment : "unset");
+    EXPECT_EQ(written, expected);
+    EXPECT_EQ(rules.carriesHostData(), carriesHostData);
+    const std::set<std::string> unknown{"INFO", "loud"};
+    EXPECT_EQ(understood, unknown.count(environment != nullptr ? environment : "") == 0);
+  }
+}
+
+/// Runs in a process of its own, because the choice cannot be taken back.
+TEST(LoggerDeathTest, TheHostsChoiceFiltersInfoAndHidesItsData) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto speak = [] {
+    KLVLogger::chooseLevel(LogLevel::info);
+    if (KLVLogger::setLogLevel(LogLevel::debug)) KLV_ERROR("the service has the last word");
+    KLV_DEBUG("debug");
+    KLV_INFO("before {}", KLVLogger::hostData("secret"));
+    KLVLogger::chooseLevel(LogLevel::error);
+    KLV_INFO("after");
+    KLVLogger::drain(std::chrono::seconds(10));
+    std::exit(0);
+  };
+  EXPECT_EXIT(speak(), testing::ExitedWithCode(0), "^<KLV INFO> before \\(hidden\\) [^\n]*\n$");
+}
+
+TEST(Logger, AMessageIsOneLine) {
+  const LogCapture log;
+  KLV_ERROR("{}", "a\nb\x1b[2J\u0085\u2028 \xC3\xA9");
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].find(R"(<KLV ERROR> a\nb\x1b[2J\u0085\u2028 é test::)"), 0U) << lines[0];
 }
 
 TEST(Logger, ALineNamesItsMethodAndPlace) {

@@ -31,6 +31,18 @@ TEST(Sanitiser, ReplacesEachMaximalInvalidPartOfAText) {
   EXPECT_EQ(sanitised(std::optional<Dictionary>()), std::nullopt);
 }
 
+TEST(Sanitiser, OneLineCannotControlATerminal) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"plain \\n ~", "plain \\n ~"},
+      {"\r\n\t", R"(\r\n\t)"},
+      {std::string("\0\x1b[31m\x7f", 7), R"(\x00\x1b[31m\x7f)"},
+      {"\u0080\u009b\u009f\u00a0", "\\u0080\\u009b\\u009f\u00a0"},
+      {"\u2027\u2028\u2029\u202a", "\u2027\\u2028\\u2029\u202a"},
+      {"\u00e9\u20ac\U0001F600", "\u00e9\u20ac\U0001F600"},
+      {"\x9b.\xE2\x82", R"(\x9b.\xe2\x82)"}};  // a C1 control character of other encodings; half a character
+  for (const auto& [before, after] : cases) EXPECT_EQ(onOneLine(before), after);
+}
+
 TEST(Sanitiser, RepairsValuesAndWritesOneLinePerKindOfRepair) {
   const LogCapture log;
   const double infinity = std::numeric_limits<double>::infinity();

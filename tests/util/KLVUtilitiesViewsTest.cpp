@@ -181,6 +181,26 @@ TEST_F(Views, AreFoundByTagAndByPath) {
   EXPECT_EQ(log.count("<KLV ERROR> Improper tag given"), 3U);
 }
 
+TEST_F(Views, ArePrintedAsATreeWithPathsThatFindThem) {
+  const LogCapture log;
+  HostInterface::setViewTree(nullptr);
+  KLVUtilities::printViewTree();
+  EXPECT_EQ(log.count("<KLV WARN> There is no key window whose views could be printed"), 1U);
+  show("UIWindow key\n  UITableView =list @0,9\n    UITableViewCell =cell at=2.0\n  Panel\n    UILabel =title @0,1");
+  KLVUtilities::printViewTree();
+  static_cast<void>(log.waitFor("UITableViewCell:20"));
+  std::string tree, found;
+  for (const std::string& line : log.lines()) {
+    std::istringstream words(line);
+    std::string mark, level, first, second;
+    words >> mark >> level >> first >> second;
+    if (first.starts_with("<>")) tree += first + " ";
+    if (first == "Path") found += labelOf(KLVUtilities::getViewWithIdentifier(second, "p")) + " ";
+  }
+  EXPECT_EQ(tree, "<>UIWindow <>-UILabel <>-UITableView <>--UITableViewCell ");
+  EXPECT_EQ(found, "title list cell ");
+}
+
 TEST_F(Views, AreFoundByNativeIdWhereAFrameworkDrawsThem) {
   const LogCapture log;
   show(R"(

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 
 #include "kelvo/Value.h"
@@ -21,7 +23,9 @@
 #include "platform/JSON.h"
 #include "platform/PropertyList.h"
 #include "platform/ServiceEndpoint.h"
+#include "platform/SwitchedOff.h"
 #include "records/KLVSDKInfo.h"
+#include "util/KLVPluginName.h"
 #include "util/KLVServicePaths.h"
 
 namespace kelvo::inspect {
@@ -48,7 +52,7 @@ Finding examineBundle(const Bundle& bundle, const std::string& directory) {
   const auto path = bundle.pathForResource("Info", "plist");
   if (!path) {
     return {Grade::doubtful, "bundle", "no Info.plist in " + directory,
-            "Correct if the program calls initializeKelvoWithID; otherwise add one (kelvo_add_bundle in CMake)"};
+            "Correct if the program calls KelvoSDK::start or initializeKelvoWithID; otherwise add one (kelvo_add_bundle in CMake)"};
   }
   std::string error;
   const auto text = readFile(*path, &error);
@@ -62,6 +66,35 @@ Finding examineBundle(const Bundle& bundle, const std::string& directory) {
             "Add it, or call initializeKelvoWithID"};
   }
   return {Grade::good, "bundle", fmt::format("{} starts application \"{}\" at load", *path, id), ""};
+}
+
+/// Returns whether `KELVO_PLUGIN` has compiled the class `name` into `file`.
+bool containsPlugin(const std::string& file, const std::string& name) {
+  std::ifstream stream(file, std::ios::binary);
+  const std::string content{std::istreambuf_iterator<char>(stream), {}};
+  for (auto at = content.find(kPluginMark); at != content.npos; at = content.find(kPluginMark, at + 1)) {
+    if (pluginName(content.c_str() + at) == name) return true;
+  }
+  return false;
+}
+
+/// Looks for a class in the program's file and in the bundle's shared object. It may also be in another library of the
+/// program, so a missing class is only a doubt.
+Finding examinePlugin(const Bundle& bundle, const std::optional<std::string>& program, const std::string& name) {
+  if (program && containsPlugin(*program, name)) return {Grade::good, "plug-in", name + " is in " + *program, ""};
+  const auto object = bundle.pathForResource(pluginObject(name), "so");
+  if (object && containsPlugin(*object, name)) return {Grade::good, "plug-in", name + " is in " + *object, ""};
+  const auto searched = object ? *object + " does not contain it"
+                               : fmt::format("there is no usable {}.so in {}", pluginObject(name), bundle.directory());
+  if (!program) return {Grade::doubtful, "plug-in", name + ": " + searched, "Give the program: --program EXECUTABLE"};
+  return {Grade::doubtful, "plug-in", fmt::format("{}: {} does not contain it, and {}", name, *program, searched),
+          "Correct the name in Info.plist, or link the class; a class in another library of the program is not seen"};
+}
+
+void examinePlugins(const Bundle& bundle, const std::optional<std::string>& program, std::vector<Finding>& findings) {
+  for (const auto& [name, isOn] : bundle.infoDictionary()["Kelvo"].asDictionary().value_or(Dictionary())) {
+    if (name != "Core" && isOn.asBool()) findings.push_back(examinePlugin(bundle, program, name));
+  }
 }
 
 Finding examineHome(const std::optional<std::string>& home) {
@@ -122,16 +155,12 @@ Finding examineProxy(const HTTPURL& url) {
   const auto first = [](const auto& names) -> std::string {
     for (const char* name : names) {
       const char* value = std::getenv(name);
-      if (value != nullptr && *value != '\0') return fmt::format("{}={}", name, value);
+      if (value != nullptr && *value != '\0') return fmt::format("{}={}", name, withoutCredentials(value));
     }
     return {};
   };
-  std::string found = url.scheme == "https" ? first(kSecure) : first(kPlain);
+  const std::string found = url.scheme == "https" ? first(kSecure) : first(kPlain);
   if (found.empty()) return {Grade::good, "proxy", "none", ""};
-  if (const auto at = found.rfind('@'); at != std::string::npos) {
-    const auto from = found.find("://") == std::string::npos ? found.find('=') + 1 : found.find("://") + 3;
-    found.replace(from, at - from, "...");
-  }
   return {Grade::doubtful, "proxy", found, "Requests use it; to bypass it, add the service's host to no_proxy"};
 }
 
@@ -220,13 +249,15 @@ void examineService(const Bundle& bundle, std::vector<Finding>& findings) {
                         "Set KELVO_SERVER_BASE_URL, or KelvoServerBaseURL in Info.plist"});
     return;
   }
+  const auto shown = withoutCredentials(endpoint.baseURL);
   const auto url = HTTPURL::parse(endpoint.baseURL);
   if (!url) {
-    findings.push_back({Grade::bad, "service", endpoint.baseURL + " is not a URL", "Use the form https://HOST[:PORT]"});
+    findings.push_back({Grade::bad, "service", "the service endpoint is malformed: " + shown + " is not a URL",
+                        "Use the form https://HOST[:PORT]"});
     return;
   }
   if (url->exposesCleartext()) {
-    findings.push_back({Grade::bad, "service", endpoint.baseURL + " is cleartext to another machine: refused",
+    findings.push_back({Grade::bad, "service", shown + " is cleartext to another machine: refused",
                         "Use https:; http: is for loopback addresses only"});
     return;
   }
@@ -236,7 +267,7 @@ void examineService(const Bundle& bundle, std::vector<Finding>& findings) {
   const auto path = byReplacing(kKLVSDKEnableURL, "<app-id>", percentEncoded(id.empty() ? "kelvo-inspect" : id));
   const auto answer =
       ask(endpoint.baseURL + path + fmt::format("{:f}", kKLVSDKVersion), endpoint.caFile, url->isLoopback());
-  findings.push_back(judgeAnswer(answer, endpoint.baseURL));
+  findings.push_back(judgeAnswer(answer, shown));
   if (answer.code == CURLE_OK) findings.push_back(judgeClock(answer));
 }
 
@@ -261,11 +292,15 @@ std::vector<Finding> examine(const std::optional<std::string>& program, const st
   if (program && ::access(program->c_str(), X_OK) != 0) {
     findings.push_back({Grade::bad, "program", *program + " cannot be run", "Give the executable that links Kelvo"});
   }
+  if (const auto& reason = SwitchedOff::reason()) {
+    findings.push_back({Grade::doubtful, "switch", *reason, "No program that links Kelvo collects anything here"});
+  }
   if (directory.empty()) {
     findings.push_back({Grade::doubtful, "bundle", "not checked", "Give the program: --program EXECUTABLE"});
   }
   const Bundle bundle(directory, executable);
   if (!directory.empty()) findings.push_back(examineBundle(bundle, directory));
+  examinePlugins(bundle, program, findings);
   findings.push_back(examineHome(home ? home : Directories::homeFor(bundle)));
   examineService(bundle, findings);
   return findings;

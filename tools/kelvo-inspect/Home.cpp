@@ -1,7 +1,6 @@
 #include "kelvo-inspect/Home.h"
 
 #include <fmt/format.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -9,55 +8,21 @@
 #include <optional>
 #include <vector>
 
+#include "kelvo-inspect/Events.h"
+#include "kelvo-inspect/Reader.h"
 #include "platform/Files.h"
 #include "platform/HomeLock.h"
 #include "platform/JSON.h"
 #include "platform/PropertyList.h"
 #include "records/KLVFileNames.h"
 #include "records/KLVRecordKeys.h"
-#include "sqlite/FMKLVDatabase.h"
+#include "records/KLVSession.h"
 #include "storage/KLVSchema.h"
 
 namespace kelvo::inspect {
 namespace {
 
 namespace fs = std::filesystem;
-
-const std::string kEventsPrefix = std::string(kKLVEvents) + "_";
-
-/// Reads rows through a read-only connection. On failure, `rows` returns no rows and `problem` the reason.
-class Reader {
- public:
-  explicit Reader(const std::string& path) : database_(path) {
-    database_.setLogsErrors(false);
-    if (!fileExists(path)) {
-      problem_ = "there is no database";
-    } else if (!database_.openWithFlags(SQLITE_OPEN_READONLY)) {
-      problem_ = "it cannot be opened";
-    }
-  }
-
-  std::vector<Dictionary> rows(const std::string& sql, const Array& arguments = {}) {
-    std::vector<Dictionary> found;
-    if (!database_.isOpen()) return found;
-    const auto set = database_.executeQuery(sql, arguments);
-    FMKLVError failure;
-    if (set == nullptr) {
-      problem_ = database_.lastErrorMessage();
-      return found;
-    }
-    while (set->nextWithError(&failure)) found.push_back(set->resultDictionary().value_or(Dictionary()));
-    if (failure.code != 0) problem_ = failure.message;
-    return found;
-  }
-
-  [[nodiscard]] const std::string& problem() const noexcept { return problem_; }
-  void setProblem(std::string problem) { problem_ = std::move(problem); }
-
- private:
-  FMKLVDatabase database_;
-  std::string problem_;
-};
 
 std::uint64_t sizeOf(const std::string& path) {
   std::error_code failure;
@@ -71,59 +36,87 @@ Array arrayOf(std::vector<Dictionary> rows) {
   return all;
 }
 
-std::string quotedName(const std::string& table) {
-  std::string quoted = "\"";
-  for (const char byte : table) quoted += byte == '"' ? std::string("\"\"") : std::string(1, byte);
-  return quoted + '"';
-}
-
-/// Returns the dictionary in a JSON text, empty if there is none.
-Dictionary dictionaryFromJSON(const std::optional<std::string>& text) {
-  return parseJSON(text.value_or("")).value_or(Value()).asDictionary().value_or(Dictionary());
-}
-
-/// Returns the attributes in a record's file, where they are one JSON text within the JSON.
-Dictionary attributesOfRecord(const std::string& path) {
-  return dictionaryFromJSON(dictionaryFromJSON(readFile(path))[kKLVAdditionalInfo].asText());
-}
-
 struct Session {
   Array chunks;
   Dictionary events;
+  std::string table;           // its events table, empty if there is none
   std::int64_t lastEvent = 0;  // identifier of the newest event
   std::int64_t lastCut = 0;    // identifier of the last event in a chunk
+  std::int64_t countsWaiting = 0;
+  Value waitingSince;  // the earliest time of what the service has not accepted
+
+  /// Notes that something waits since `time`, milliseconds since 1970.
+  void waits(const Value& time) {
+    if (waitingSince.isNull() || time.asInt64() < waitingSince.asInt64()) waitingSince = time;
+  }
 };
 
 /// Sessions by id. An id begins with the launch time, so the oldest session comes first.
 using Sessions = std::map<std::string, Session>;
 
-void readEvents(Reader& reader, Sessions& sessions) {
-  for (const auto& table : reader.rows("SELECT name FROM sqlite_master WHERE type = 'table'")) {
-    const auto* name = table["name"].get<std::string>();
-    if (name == nullptr || !name->starts_with(kEventsPrefix)) continue;
-    Session& session = sessions[name->substr(kEventsPrefix.size())];
-    const auto events = quotedName(*name);
+void readEventCounts(Reader& reader, Sessions& sessions) {
+  for (const auto& [id, table] : reader.eventsTables()) {
+    Session& session = sessions[id];
+    session.table = quotedName(table);
     for (const auto& kind :
-         reader.rows(fmt::format("SELECT {0}, COUNT(*) AS count FROM {1} GROUP BY {0}", kKLVType, events))) {
+         reader.rows(fmt::format("SELECT {0}, COUNT(*) AS count FROM {1} GROUP BY {0}", kKLVType, session.table))) {
       session.events.set(description(kind[kKLVType]), kind["count"]);
     }
-    for (const auto& row : reader.rows("SELECT MAX(identifier) AS last FROM " + events)) {
+    for (const auto& row : reader.rows("SELECT MAX(identifier) AS last FROM " + session.table)) {
       session.lastEvent = row["last"].asInt64();
     }
   }
 }
 
-void readChunks(Reader& reader, Sessions& sessions) {
+/// Returns the time of the earliest event from number `first` to `last`, null if there is none.
+Value timeOfEarliest(Reader& reader, const Session& session, const SessionClock& clock, const Value& first,
+                     const Value& last) {
+  if (session.table.empty()) return {};
+  const auto sql =
+      fmt::format("SELECT MIN({}) AS time FROM {} WHERE {} BETWEEN ? AND ?", kKLVTime, session.table, kKLVEventIndex);
+  for (const auto& row : reader.rows(sql, Array{first, last})) return clock.timeOf(row["time"]);
+  return {};
+}
+
+void readChunks(Reader& reader, const std::string& library, Sessions& sessions) {
   const auto sql = fmt::format("SELECT * FROM {} ORDER BY {}, {}", kKLVChunkMetaInfo, kKLVChunkSid, kKLVChunkCid);
   for (const auto& row : reader.rows(sql)) {
-    Session& session = sessions[description(row[kKLVChunkSid])];
+    const auto id = description(row[kKLVChunkSid]);
+    Session& session = sessions[id];
     const auto* times = row[kKLVChunkReportingTimes].get<std::string>();
-    session.chunks.append(Dictionary{{"number", row[kKLVChunkCid]},
-                                     {"start", row[kKLVChunkStart]},
-                                     {"end", row[kKLVChunkEnd]},
-                                     {"accepted", row[kKLVChunkStatus].asBool()},
-                                     {"reporting_times", times != nullptr ? parseJSON(*times) : std::nullopt}});
+    Dictionary chunk{{"number", row[kKLVChunkCid]},
+                     {"start", row[kKLVChunkStart]},
+                     {"end", row[kKLVChunkEnd]},
+                     {"accepted", row[kKLVChunkStatus].asBool()},
+                     {"reporting_times", times != nullptr ? parseJSON(*times) : std::nullopt}};
+    if (!row[kKLVChunkStatus].asBool()) {
+      const SessionClock clock(library, id);
+      const Value earliest = timeOfEarliest(reader, session, clock, row[kKLVChunkStart], row[kKLVChunkEnd]);
+      chunk.set("waiting_since", earliest.isNull() ? clock.timeOf(0) : earliest);
+      session.waits(chunk["waiting_since"]);
+    }
+    session.chunks.append(std::move(chunk));
     session.lastCut = std::max(session.lastCut, row[kKLVChunkEnd].asInt64());
+  }
+}
+
+/// Finds what waits in no chunk: events that are not cut yet, and counts of aggregate events. Counts have no time: they
+/// wait since the session's launch.
+void readUncut(Reader& reader, const std::string& library, Sessions& sessions) {
+  const bool notesSent = reader.hasTable(kKLVAggregatesSent);
+  for (auto& [id, session] : sessions) {
+    const SessionClock clock(library, id);
+    const auto number = [&, id = id](std::string_view column, std::string_view table) {
+      const auto sql = fmt::format("SELECT SUM({}) AS sum FROM {} WHERE {} = ?", column, table, kKLVAggSid);
+      const auto rows = reader.rows(sql, Array{id});
+      return rows.empty() ? 0 : rows.front()["sum"].asInt64();
+    };
+    if (session.lastEvent > session.lastCut) {
+      session.waits(timeOfEarliest(reader, session, clock, session.lastCut + 1, session.lastEvent));
+    }
+    const auto sent = notesSent ? number(kKLVAggregatesSentTotal, kKLVAggregatesSent) : 0;
+    session.countsWaiting = std::max<std::int64_t>(0, number(kKLVAggCount, kKLVAggEvents) - sent);
+    if (session.countsWaiting > 0) session.waits(clock.timeOf(0));
   }
 }
 
@@ -131,12 +124,16 @@ Array describe(const Sessions& sessions, const std::string& library) {
   Array all;
   for (const auto& [id, session] : sessions) {
     Dictionary entry{{"id", id}};
-    for (const auto& [key, value] : attributesOfRecord(joinPath(joinPath(library, id), kKLVSessionInfo))) {
-      entry.set(key, value);
+    if (KLVSession::isIdentifier(id)) {
+      for (const auto& [key, value] : attributesOfRecord(joinPath(joinPath(library, id), kKLVSessionInfo))) {
+        entry.set(key, value);
+      }
     }
     entry.set("events", session.events);
     entry.set("chunks", session.chunks);
     entry.set("not_cut", std::max<std::int64_t>(0, session.lastEvent - session.lastCut));
+    entry.set("counts_waiting", session.countsWaiting);
+    if (!session.waitingSince.isNull()) entry.set("waiting_since", session.waitingSince);
     all.append(std::move(entry));
   }
   return all;
@@ -173,16 +170,16 @@ void readFiles(const std::string& library, Sessions& sessions, Array& files, Val
 }  // namespace
 
 Dictionary readHome(const std::string& home) {
-  const auto library = joinPath(home, "Library");
-  const auto path =
-      joinPath(joinPath(home, "Documents"), std::string(kKLVDatabaseDirectory) + std::string(kKLVDatabaseFile));
+  const auto library = libraryOf(home);
+  const auto path = databaseOf(home);
   Reader reader(path);
   Sessions sessions;
   Array files;
   Value defaults;
   readFiles(library, sessions, files, defaults);
-  readEvents(reader, sessions);
-  readChunks(reader, sessions);
+  readEventCounts(reader, sessions);
+  readChunks(reader, library, sessions);
+  readUncut(reader, library, sessions);
   auto lifetime = arrayOf(reader.rows(fmt::format("SELECT * FROM {} ORDER BY {} DESC, {}", kKLVLifetimeEvents,
                                                   kKLVLifetimeCount, kKLVLifetimeEventName)));
   auto aggregates = arrayOf(reader.rows(fmt::format("SELECT * FROM {} ORDER BY {}, {}, {}, {}", kKLVAggEvents,
@@ -201,6 +198,7 @@ Dictionary readHome(const std::string& home) {
           {"used_by", user ? Value(*user) : Value()},
           {"database", std::move(database)},
           {"sessions", describe(sessions, library)},
+          {"saved_events", readSavedEvents(reader, library)},
           {"lifetime_events", std::move(lifetime)},
           {"aggregate_events", std::move(aggregates)},
           {"files", std::move(files)},

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "storage/KLVSchema.h"
+#include "util/KLVSanitiser.h"
 
 namespace kelvo::inspect {
 namespace {
@@ -16,25 +17,13 @@ namespace {
 constexpr std::size_t kLongestContent = 100;  // bytes
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
 
-bool isControlCharacter(char byte) {
-  constexpr char kDelete = 0x7f;
-  return static_cast<unsigned char>(byte) < ' ' || byte == kDelete;
-}
-
 /// Returns true for the second and later bytes of a UTF-8 character.
 bool continuesCharacter(char byte) {
   return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-std::string printable(std::string text) {
-  for (char& byte : text) {
-    if (isControlCharacter(byte)) byte = '?';
-  }
-  return text;
-}
-
 std::string textOf(const Value& value) {
-  return value.isNull() ? "-" : printable(description(value));
+  return value.isNull() ? "-" : onOneLine(description(value));
 }
 
 /// Cuts a long text between two characters and appends dots.
@@ -51,6 +40,10 @@ std::string timeOf(const Value& milliseconds) {
   const auto seconds = static_cast<std::time_t>(milliseconds.asInt64() / kMillisecondsPerSecond);
   std::tm local{};
   return ::localtime_r(&seconds, &local) == nullptr ? "-" : fmt::format("{:%Y-%m-%d %H:%M:%S}", local);
+}
+
+std::string waitingSince(const Value& milliseconds) {
+  return "waiting since " + timeOf(milliseconds);
 }
 
 /// Returns the elements of an array of dictionaries; none if `value` is not an array.
@@ -94,13 +87,14 @@ std::string countsByKind(const Dictionary& events) {
   std::string kinds;
   for (const auto& [kind, count] : events) {
     all += count.asInt64();
-    kinds += fmt::format("{}{} {}", kinds.empty() ? "" : ", ", printable(kind), count.asInt64());
+    kinds += fmt::format("{}{} {}", kinds.empty() ? "" : ", ", onOneLine(kind), count.asInt64());
   }
   return kinds.empty() ? "0" : fmt::format("{} ({})", all, kinds);
 }
 
 std::string sessions(const Dictionary& home) {
-  Table table("Sessions", {"id", "launched", "type", "seconds", "events stored", "chunks accepted", "not cut yet"});
+  Table table("Sessions", {"id", "launched", "type", "seconds", "events stored", "chunks accepted", "not cut yet",
+                           "counts waiting", "waiting since"});
   Table chunks("Chunks", {"session", "number", "events", "status", "sent"});
   for (const Dictionary& session : dictionariesIn(home["sessions"])) {
     std::size_t accepted = 0;
@@ -113,14 +107,24 @@ std::string sessions(const Dictionary& home) {
         times += (times.empty() ? "" : ", ") + timeOf(time);
       }
       chunks.add({textOf(session["id"]), textOf(chunk["number"]), textOf(chunk["start"]) + "-" + textOf(chunk["end"]),
-                  arrived ? "accepted" : "waiting", times});
+                  arrived ? "accepted" : waitingSince(chunk["waiting_since"]), times});
     }
     table.add({textOf(session["id"]), timeOf(session["launch_time"]), textOf(session["launch_type"]),
                fmt::format("{:.1f}", session["duration"].asDouble()),
                countsByKind(session["events"].asDictionary().value_or(Dictionary())),
-               fmt::format("{} of {}", accepted, entries.size()), textOf(session["not_cut"])});
+               fmt::format("{} of {}", accepted, entries.size()), textOf(session["not_cut"]),
+               textOf(session["counts_waiting"]), timeOf(session["waiting_since"])});
   }
   return table.text() + chunks.text();
+}
+
+std::string savedEvents(const Dictionary& home) {
+  std::string text;
+  for (const Dictionary& file : dictionariesIn(home["saved_events"])) {
+    text += fmt::format("\nSaved for the next launch: {} events, {}\n",
+                        file["events"].asArray().value_or(Array()).size(), waitingSince(file["time"]));
+  }
+  return text;
 }
 
 std::string rows(const Dictionary& home, std::string_view key, const std::string& title,
@@ -140,7 +144,7 @@ std::string files(const Dictionary& home) {
     const auto* problem = file["problem"].get<std::string>();
     const auto content = file.contains("content") ? shortened(textOf(file["content"])) : std::string();
     table.add({textOf(file["path"]), textOf(file["bytes"]),
-               problem != nullptr ? "UNREADABLE: " + printable(*problem) : content});
+               problem != nullptr ? "UNREADABLE: " + onOneLine(*problem) : content});
   }
   return table.text();
 }
@@ -148,9 +152,30 @@ std::string files(const Dictionary& home) {
 std::string defaults(const Dictionary& home) {
   Table table("User defaults", {"key", "value"});
   for (const auto& [key, value] : home["user_defaults"].asDictionary().value_or(Dictionary())) {
-    table.add({printable(key), shortened(textOf(value))});
+    table.add({onOneLine(key), shortened(textOf(value))});
   }
   return table.text();
+}
+
+/// Values that the service expects as they are, but that surprise on this system.
+struct Surprise {
+  std::string_view value;
+  std::string_view meaning;
+};
+constexpr Surprise kSurprises[] = {
+    {"ios", "the platform's name for the service. It is the same on every system"},
+    {"Simulator", "the application's mode: its bundle has no provisioning profile, as is usual on Linux"},
+    {"Undefined", "the session's process name: the library does not record it"}};
+
+/// Returns a line on each of these values that `text` shows as a JSON text, plain or within another text.
+std::string notesOn(const std::string& text) {
+  std::string notes;
+  for (const auto& [value, meaning] : kSurprises) {
+    const bool shown = text.find(fmt::format("\"{}\"", value)) != std::string::npos ||
+                       text.find(fmt::format("\\\"{}\\\"", value)) != std::string::npos;
+    if (shown) notes += fmt::format("  {}: {}\n", value, meaning);
+  }
+  return notes.empty() ? notes : "\nNotes\n" + notes;
 }
 
 }  // namespace
@@ -161,11 +186,24 @@ std::string report(const Dictionary& home) {
                                  home["used_by"].isNull() ? "" : ", used by process " + textOf(home["used_by"]));
   text += fmt::format("Database {}, {} bytes{}\n", textOf(database["path"]), textOf(database["bytes"]),
                       database.contains("problem") ? ": " + textOf(database["problem"]) : "");
-  text += sessions(home);
+  text += sessions(home) + savedEvents(home);
   text += rows(home, "lifetime_events", "Lifetime counts", {kKLVLifetimeEventName, kKLVLifetimeCount});
   text += rows(home, "aggregate_events", "Aggregate events",
                {kKLVAggSid, kKLVAggName, kKLVAttrKey, kKLVAttrValue, kKLVAggCount});
-  return text + files(home) + defaults(home);
+  text += files(home) + defaults(home);
+  return text + notesOn(text);
+}
+
+std::string reportEvents(const Dictionary& events) {
+  Table table("Events", {"time", "session", "number", "kind", "name", "status", "attributes"});
+  for (const Dictionary& event : dictionariesIn(events["events"])) {
+    table.add({timeOf(event["time"]), textOf(event["session"]), textOf(event["number"]), textOf(event["kind"]),
+               textOf(event["name"]), event["accepted"].asBool() ? "accepted" : waitingSince(event["waiting_since"]),
+               textOf(event["attributes"])});
+  }
+  const std::string text = table.text().substr(1);  // without the empty line above
+  const std::string problem = events.contains("problem") ? "Database: " + textOf(events["problem"]) + "\n" : "";
+  return problem + text + notesOn(text);
 }
 
 }  // namespace kelvo::inspect

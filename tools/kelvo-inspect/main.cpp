@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "kelvo-inspect/Doctor.h"
+#include "kelvo-inspect/Events.h"
 #include "kelvo-inspect/Home.h"
 #include "kelvo-inspect/Report.h"
 #include "platform/JSON.h"
@@ -20,22 +21,32 @@ enum ExitStatus { kFine = 0, kFoundProblems = 1, kWrongUsage = 2 };
 
 constexpr const char* kHelp =
     R"(usage: kelvo-inspect [--json] [HOME]
+       kelvo-inspect --events [NAME] [--json] [HOME]
        kelvo-inspect --doctor [--program EXECUTABLE] [HOME]
 
-Prints the content of a home: sessions, events by kind, chunks, counts, files
-and user defaults. Prints tables, or with --json one JSON object. HOME is the
+Prints the content of a home as tables, or with --json as one JSON object:
+sessions, events by kind, chunks, counts, files and user defaults. HOME is the
 directory that contains Library and Documents; the default is KELVO_HOME. The
 tool changes nothing, and works while a program uses the home.
 
+--events lists the stored events, or those of one NAME: time, session, kind,
+name, attributes, and "accepted" by the service or "waiting since" a time. A
+directory after --events is HOME; --events=NAME takes any name.
+
 --doctor checks the usual causes of trouble and prints one line for each:
-bundle, home, authorities, proxy, the service's answer, clock. --program is the
-executable that links the library; its bundle and home are checked.
+bundle, plug-ins, home, authorities, proxy, the service's answer, clock.
+--program is the executable that links the library; its bundle and home are
+checked.
 Exit status: 0 no problem found; 1 problem found; 2 wrong usage.
 )";
+
+constexpr std::string_view kEventsOf = "--events=";
 
 struct Options {
   bool json = false;
   bool doctor = false;
+  bool events = false;
+  std::optional<std::string> eventName;  // nullopt: events of all names
   std::optional<std::string> program;
   std::optional<std::string> home;
 };
@@ -57,6 +68,11 @@ int printFindings(const Options& options) {
   return status;
 }
 
+/// Returns the exit status for a part of the home that may have a "problem".
+int statusOf(const Value& part) {
+  return part.asDictionary().value_or(Dictionary()).contains("problem") ? kFoundProblems : kFine;
+}
+
 int printHome(Options options) {
   if (!options.home) {
     const char* home = std::getenv("KELVO_HOME");
@@ -67,9 +83,13 @@ int printHome(Options options) {
     std::fprintf(stderr, "kelvo-inspect: %s is not a directory\n", options.home->c_str());
     return kFoundProblems;
   }
-  const auto home = readHome(*options.home);
-  fmt::print("{}{}", options.json ? describingJSONText(home) : report(home), options.json ? "\n" : "");
-  return home["database"].get<Dictionary>()->contains("problem") ? kFoundProblems : kFine;
+  const auto content = options.events ? readEvents(*options.home, options.eventName) : readHome(*options.home);
+  if (options.json) {
+    fmt::print("{}\n", describingJSONText(content));
+  } else {
+    fmt::print("{}", options.events ? reportEvents(content) : report(content));
+  }
+  return statusOf(options.events ? Value(content) : content["database"]);
 }
 
 int run(int count, char** arguments) {
@@ -84,6 +104,14 @@ int run(int count, char** arguments) {
       options.json = true;
     } else if (argument == "--doctor") {
       options.doctor = true;
+    } else if (argument == "--events") {
+      options.events = true;
+      if (i + 1 < count && arguments[i + 1][0] != '-' && !std::filesystem::is_directory(arguments[i + 1])) {
+        options.eventName = arguments[++i];
+      }
+    } else if (argument.substr(0, kEventsOf.size()) == kEventsOf) {
+      options.events = true;
+      options.eventName = argument.substr(kEventsOf.size());
     } else if (argument == "--program" && i + 1 < count) {
       options.program = arguments[++i];
     } else if (argument.substr(0, 1) == "-" || options.home) {
@@ -92,7 +120,7 @@ int run(int count, char** arguments) {
       options.home = argument;
     }
   }
-  if (options.doctor && options.json) return refuse("--doctor cannot be used with --json");
+  if (options.doctor && (options.json || options.events)) return refuse("--doctor is used alone or with --program");
   if (!options.doctor && options.program) return refuse("--program needs --doctor");
   return options.doctor ? printFindings(options) : printHome(std::move(options));
 }

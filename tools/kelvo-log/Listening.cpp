@@ -4,7 +4,7 @@
 #include <future>
 #include <memory>
 
-#include "kelvo-log/Delivery.h"
+#include "kelvo-log/Waiting.h"
 #include "kelvo/Plugin.h"
 #include "platform/JSON.h"
 #include "records/KLVEventType.h"

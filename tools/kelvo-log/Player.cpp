@@ -1,13 +1,16 @@
 #include "kelvo-log/Player.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <functional>
 #include <map>
 #include <thread>
+#include <vector>
 
-#include "kelvo-log/Delivery.h"
+#include "kelvo-log/Homes.h"
 #include "kelvo-log/Listening.h"
+#include "kelvo-log/Waiting.h"
 #include "kelvo/KelvoSDK.h"
 #include "platform/JSON.h"
 
@@ -24,6 +27,18 @@ class Members {
   }
   [[nodiscard]] OptionalDictionary info() const { return get<Dictionary, OptionalDictionary>("info", "an object"); }
   [[nodiscard]] bool has(std::string_view name) const { return !members_[name].isNull(); }
+
+  /// Throws `BadLine` if there is a member other than `known` and "call", and if "name" is known but missing or null.
+  void check(const std::vector<std::string_view>& known) const {
+    for (const auto& member : members_) {
+      const std::string& name = member.first;
+      if (name != "call" && std::find(known.begin(), known.end(), name) == known.end()) {
+        throw BadLine("unknown member \"" + name + "\"");
+      }
+    }
+    const bool isNamed = std::find(known.begin(), known.end(), kName) != known.end();
+    if (isNamed && !has(kName)) throw BadLine("\"name\" is missing or null");
+  }
 
   /// Returns a required text.
   [[nodiscard]] std::string required(std::string_view name) const {
@@ -61,6 +76,8 @@ class Members {
   }
 
  private:
+  static constexpr std::string_view kName = "name";
+
   template <class Content, class Optional>
   [[nodiscard]] Optional get(std::string_view name, const char* expected) const {
     if (!has(name)) return std::nullopt;
@@ -117,33 +134,54 @@ void listen(const Members& members) {
   if (!listenForType(members.required("type"))) throw BadLine("no such type: " + members.required("type"));
 }
 
-using Call = std::function<void(const Members&)>;
+/// The host's latest report of activity.
+bool leftForeground = false;
+
+void setActive(bool isActive) {
+  isActive ? Application::didBecomeActive() : Application::willResignActive();
+  leftForeground = !isActive;
+}
+
+struct Call {
+  std::vector<std::string_view> members;
+  std::function<void(const Members&)> make;
+};
 
 const std::map<std::string, Call>& calls() {
   static const std::map<std::string, Call> all{
-      {"initializeKelvoWithID", [](const Members& members) { KelvoSDK::initializeKelvoWithID(members.text("id")); }},
-      {"logAppEventWithName", logAppEvent},
-      {"logClientEventWithName", logClientEvent},
-      {"logScreenWithName", [](const Members& members) { KelvoSDK::logScreenWithName(members.text("name")); }},
-      {"setUserIdentifier", [](const Members& members) { KelvoSDK::setUserIdentifier(members.text("identifier")); }},
-      {"setUserCustomInfo", [](const Members& members) { KelvoSDK::setUserCustomInfo(members.info()); }},
-      {"setSessionCustomInfo", [](const Members& members) { KelvoSDK::setSessionCustomInfo(members.info()); }},
+      {"initializeKelvoWithID", {{"id"}, [](const Members& members) { start(members.text("id")); }}},
+      {"logAppEventWithName", {{"name", "info", "isAggregate", "shouldFlatten"}, logAppEvent}},
+      {"logClientEventWithName", {{"name", "info", "shouldFlatten"}, logClientEvent}},
+      {"logScreenWithName",
+       {{"name"}, [](const Members& members) { KelvoSDK::logScreenWithName(members.text("name")); }}},
+      {"setUserIdentifier",
+       {{"identifier"}, [](const Members& members) { KelvoSDK::setUserIdentifier(members.text("identifier")); }}},
+      {"setUserCustomInfo", {{"info"}, [](const Members& members) { KelvoSDK::setUserCustomInfo(members.info()); }}},
+      {"setSessionCustomInfo",
+       {{"info"}, [](const Members& members) { KelvoSDK::setSessionCustomInfo(members.info()); }}},
       {"reportCustomError",
-       [](const Members& members) { KelvoSDK::reportCustomError(members.text("error"), members.info()); }},
-      {"deviceToken", deviceToken},
-      {"didBecomeActive", [](const Members&) { Application::didBecomeActive(); }},
+       {{"error", "info"},
+        [](const Members& members) { KelvoSDK::reportCustomError(members.text("error"), members.info()); }}},
+      {"deviceToken", {{"text", "hex"}, deviceToken}},
       {"willShow",
-       [](const Members& members) { Application::willShow(members.text("screen"), members.text("title")); }},
-      {"didShow", [](const Members& members) { Application::didShow(members.text("screen"), members.text("title")); }},
-      {"willResignActive", [](const Members&) { Application::willResignActive(); }},
-      {"getDeviceID", [](const Members&) { printDeviceID(); }},
-      {"listen", listen},
+       {{"screen", "title"},
+        [](const Members& members) { Application::willShow(members.text("screen"), members.text("title")); }}},
+      {"didShow",
+       {{"screen", "title"},
+        [](const Members& members) { Application::didShow(members.text("screen"), members.text("title")); }}},
+      {"didBecomeActive", {{}, [](const Members&) { setActive(true); }}},
+      {"willResignActive", {{}, [](const Members&) { setActive(false); }}},
+      {"getDeviceID", {{}, [](const Members&) { printDeviceID(); }}},
+      {"listen", {{"type", "identifier"}, listen}},
       {"sync",
-       [](const Members& members) {
-         sync(members.required("type"), members.text("version").value_or("1"), members.seconds());
-       }},
-      {"wait", [](const Members& members) { std::this_thread::sleep_until(deadlineIn(members.seconds())); }},
-      {"waitUntilReady", [](const Members& members) { waitUntilStarted(deadlineIn(members.seconds())); }},
+       {{"type", "version", "seconds"},
+        [](const Members& members) {
+          sync(members.required("type"), members.text("version").value_or("1"), members.seconds());
+        }}},
+      {"wait",
+       {{"seconds"}, [](const Members& members) { std::this_thread::sleep_until(deadlineIn(members.seconds())); }}},
+      {"waitUntilReady",
+       {{"seconds"}, [](const Members& members) { waitUntilStarted(deadlineIn(members.seconds())); }}},
   };
   return all;
 }
@@ -163,7 +201,18 @@ void play(const std::string& line) {
   }
   const auto call = calls().find(name);
   if (call == calls().end()) throw BadLine("no such call: " + name);
-  call->second(Members(*members));
+  const Members checked(*members);
+  checked.check(call->second.members);
+  call->second.make(checked);
+}
+
+void start(const OptionalText& appId) {
+  if (appId) useHomeOf(*appId);
+  KelvoSDK::initializeKelvoWithID(appId);
+}
+
+bool isInBackground() {
+  return leftForeground;
 }
 
 }  // namespace kelvo::log

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "kelvo/Value.h"
+#include "kelvo/Nilable.h"
 
 namespace kelvo::log {
 
@@ -13,8 +13,14 @@ class BadLine : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Makes the host call that `line` describes as a JSON object. A missing or null member is passed as nil. Throws
-/// `BadLine`.
+/// Makes the host call that `line` describes as a JSON object. A missing or null member is passed as nil, except for a
+/// name, which must be there. Throws `BadLine`.
 void play(const std::string& line);
+
+/// Starts the library, in the home of this application id.
+void start(const OptionalText& appId);
+
+/// Returns whether the latest report of activity that was played is `willResignActive`.
+[[nodiscard]] bool isInBackground();
 
 }  // namespace kelvo::log

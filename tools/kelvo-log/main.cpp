@@ -1,112 +1,77 @@
-#include <charconv>
-#include <chrono>
-#include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
+#include <future>
 #include <iostream>
-#include <optional>
+#include <memory>
 #include <string>
 
 #include "core/KLVController.h"
-#include "kelvo-log/Delivery.h"
+#include "facade/ExitWork.h"
+#include "kelvo-log/Arguments.h"
+#include "kelvo-log/Homes.h"
 #include "kelvo-log/Player.h"
+#include "kelvo-log/Progress.h"
+#include "kelvo-log/Waiting.h"
 #include "kelvo/KelvoSDK.h"
+#include "platform/Bundle.h"
 #include "util/KLVDeliveryRules.h"
+#include "util/KLVLogger.h"
+
+/// The symbol by which a program asks for the library's load hooks. Defined here, it keeps them out: this tool starts
+/// the library itself, and ends without a farewell line.
+extern "C" const int kelvo_load_hooks = 0;
 
 namespace kelvo::log {
 namespace {
 
-constexpr int kLinesBetweenWaits = 500;
+using std::chrono::milliseconds;
+
+constexpr std::size_t kLinesBetweenWaits = 500;
+// A cut after so many lines or bytes keeps every request short. Services limit the length of a body.
+constexpr std::size_t kLinesBetweenCuts = 5000;
+constexpr std::size_t kTextBetweenCuts = 1024 * 1024;
+constexpr std::chrono::seconds kLongestStart(35);
+constexpr milliseconds kBetweenReports(100);
 
 enum ExitStatus { kDelivered = 0, kBadLines = 1, kWrongUsage = 2, kNotDelivered = 3, kNotCollecting = 4 };
 
-constexpr const char* kHelp =
-    R"(usage: kelvo-log [--app-id ID] [--delivery RULES] [--wait SECONDS] [FILE]
+KLVController& controller() {
+  return KLVController::sharedController();
+}
 
-Makes host calls through the library. Reads FILE or standard input, one JSON
-object per line, and makes each call as its line arrives. Skips blank lines and
-lines that begin with #. Without --app-id, the application id comes from the
-bundle's Info.plist. At the end, waits until every chunk is accepted, for --wait
-seconds at most (default 10).
+/// Starts the library if the bundle says so, as the load hooks do in a host.
+void startFromBundle() {
+  if (Bundle::main().infoDictionary().empty()) return;
+  useHomeOf(applicationIdOfBundle());
+  controller().initialize();
+}
 
---delivery names the rules of delivery: complete delivers every event once;
-classic (default) keeps the losses that the system requires. If the bundle has an
-application id, it starts the library, and its KelvoDelivery names the rules.
+/// Keeps the calls from piling up in memory.
+class Pace {
+ public:
+  void played(const std::string& line) {
+    text_ += line.size();
+    if (++lines_ % kLinesBetweenWaits == 0) {
+      if (controller().isSDKInitCalled()) waitUntilStarted(deadlineIn(kLongestStart));
+      waitUntilStored();
+    }
+    if (lines_ - linesAtCut_ < kLinesBetweenCuts && text_ < kTextBetweenCuts) return;
+    KelvoSDK::flush(milliseconds(0), {});
+    linesAtCut_ = lines_;
+    text_ = 0;
+  }
 
-"call" names the call (default logAppEventWithName). The calls and their members:
-  initializeKelvoWithID   id             getDeviceID
-  logAppEventWithName     name, info, isAggregate, shouldFlatten
-  logClientEventWithName  name, info, shouldFlatten
-  logScreenWithName       name           willShow, didShow     screen, title
-  setUserCustomInfo       info           setSessionCustomInfo  info
-  reportCustomError       error, info    deviceToken           text, or hex
-  setUserIdentifier       identifier     wait, waitUntilReady  seconds
-  didBecomeActive, willResignActive
-  listen                  type ("App", "Client", "Agg" ...), or
-                          identifier (type number and name: "4___Purchase")
-    prints each later event that matches as one line of JSON
-  sync                    type ("rta" or "survey"), version (default 1), seconds
-    updates the saved actions from the service, and prints if it called back in
-    time
-
-Environment: KELVO_SERVER_BASE_URL (the service), KELVO_HOME (the home),
-KELVO_BUNDLE (the bundle). Exit status: 0 all delivered; 1 all delivered, but
-bad lines were skipped; 2 wrong usage; 3 not everything was delivered;
-4 collection is disabled, or another process uses the home.
-)";
-
-struct Options {
-  std::optional<std::string> appId;
-  const KLVDeliveryRules* delivery = nullptr;  ///< null if not given
-  double waitSeconds = 10;
-  std::optional<std::string> file;
+ private:
+  std::size_t lines_ = 0;
+  std::size_t linesAtCut_ = 0;
+  std::size_t text_ = 0;  // bytes since the latest cut
 };
 
-std::optional<double> parseSeconds(const char* text) {
-  double seconds = 0;
-  const char* end = text + std::strlen(text);
-  const auto [rest, error] = std::from_chars(text, end, seconds);
-  if (error != std::errc() || rest != end || !std::isfinite(seconds) || seconds < 0) return std::nullopt;
-  return seconds;
-}
-
-/// Returns nullopt for wrong usage, after printing the reason.
-std::optional<Options> parse(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string argument = argv[i];
-    const bool hasValue = i + 1 < argc;
-    if (argument == "--app-id" && hasValue) {
-      options.appId = argv[++i];
-    } else if (argument == "--wait" && hasValue) {
-      const auto seconds = parseSeconds(argv[++i]);
-      if (!seconds) {
-        std::fprintf(stderr, "kelvo-log: --wait takes seconds, not %s\n", argv[i]);
-        return std::nullopt;
-      }
-      options.waitSeconds = *seconds;
-    } else if (argument == "--delivery" && hasValue) {
-      options.delivery = KLVDeliveryRules::named(argv[++i]);
-      if (options.delivery == nullptr) {
-        std::fprintf(stderr, "kelvo-log: --delivery takes complete or classic, not %s\n", argv[i]);
-        return std::nullopt;
-      }
-    } else if ((!argument.empty() && argument[0] == '-' && argument != "-") || options.file) {
-      std::fprintf(stderr, "kelvo-log: unknown argument %s; see kelvo-log --help\n", argument.c_str());
-      return std::nullopt;
-    } else {
-      options.file = argument;
-    }
-  }
-  return options;
-}
-
 /// Plays all lines. Returns the number of bad lines.
-int playAll(std::istream& input) {
+int playAll(std::istream& input, Progress& progress) {
   int bad = 0;
-  int played = 0;
   long number = 0;
+  Pace pace;
   for (std::string line; std::getline(input, line);) {
     ++number;
     const auto first = line.find_first_not_of(" \t\r");
@@ -115,79 +80,116 @@ int playAll(std::istream& input) {
       play(line);
     } catch (const BadLine& fault) {
       ++bad;
+      progress.clear();
       std::fprintf(stderr, "kelvo-log: line %ld: %s\n", number, fault.what());
     }
-    if (++played % kLinesBetweenWaits == 0) keepPace();
+    progress.linePlayed();
+    pace.played(line);
   }
   return bad;
 }
 
-ExitStatus finish(const Options& options, int bad) {
-  auto& controller = KLVController::sharedController();
-  if (!controller.isSDKInitCalled()) {
-    std::fprintf(stderr,
-                 "kelvo-log: the library was never started: give --app-id, or a bundle with an application id\n");
-    return kWrongUsage;
+/// Flushes, and shows the progress meanwhile.
+FlushResult flush(milliseconds deadline, Progress& progress) {
+  const auto result = std::make_shared<std::promise<FlushResult>>();
+  auto future = result->get_future();
+  KelvoSDK::flush(deadline, [result](const FlushResult& now) { result->set_value(now); });
+  while (future.wait_for(kBetweenReports) != std::future_status::ready) progress.show();
+  return future.get();
+}
+
+/// Flushes until everything is delivered, or no chunk is accepted for `seconds`.
+FlushResult deliver(double seconds, Progress& progress) {
+  const auto deadline = std::chrono::duration_cast<milliseconds>(deadlineIn(std::chrono::duration<double>(seconds)) -
+                                                                 std::chrono::steady_clock::now());
+  for (auto before = controller().deliveryState().deliveredChunks;;) {
+    auto result = flush(deadline, progress);
+    if (result.outcome != FlushOutcome::deadline || result.deliveredChunks == before) return result;
+    before = result.deliveredChunks;
   }
-  const Deadline deadline = deadlineIn(std::chrono::duration<double>(options.waitSeconds));
-  // During the start-up, the library would write the calls to a file for the next launch. So let it start first.
-  const bool started = waitUntilStarted(deadline);
-  Application::willResignActive();
-  if (!started) {
-    waitUntilStored();
-    std::fprintf(stderr, "kelvo-log: the start-up has not ended; all events wait for the next launch\n");
+}
+
+std::string numberOf(std::uint64_t count, const char* what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+/// Returns the exit status, and prints the summary. In a shell's pipe, a run that delivered everything prints nothing.
+ExitStatus statusOf(const FlushResult& result, const Arguments& arguments, bool isOnTerminal, int bad) {
+  const auto say = [&](const std::string& text) {
+    if (!arguments.isQuiet) std::fprintf(stderr, "kelvo-log: %s\n", text.c_str());
+  };
+  if (result.outcome == FlushOutcome::notCollecting) {
+    say(result.reason);
+    return controller().leavesEventsToNextLaunch() ? kNotDelivered : kNotCollecting;
+  }
+  if (result.outcome != FlushOutcome::delivered) {
+    say(numberOf(result.waitingEvents, "event") + " and " + numberOf(result.waitingChunks, "chunk") +
+        " wait for the next launch: " + result.reason);
     return kNotDelivered;
   }
-  if (controller.leavesEventsToNextLaunch()) {
-    std::fprintf(stderr, "kelvo-log: another process uses this home; all events wait for the next launch\n");
+  // The library logs this event before any played one.
+  if (controller().getLifetimeCountForEventWithName(std::string(kKLVAppOpened)) == 0) {
+    say("not everything could be stored");
     return kNotDelivered;
   }
-  if (!controller.enableSDK()) {
-    std::fprintf(stderr,
-                 "kelvo-log: nothing is collected: collection is disabled, or another process uses this home\n");
-    return kNotCollecting;
-  }
-  if (const std::size_t left = chunksLeftBehind(deadline); left > 0) {
-    std::fprintf(stderr, "kelvo-log: %zu chunks wait for the next launch\n", left);
-    return kNotDelivered;
-  }
-  if (!storedFirstEvent()) {
-    std::fprintf(stderr, "kelvo-log: not everything could be stored\n");
-    return kNotDelivered;
+  if (isOnTerminal) {
+    say(numberOf(result.deliveredEvents, "event") + " delivered in " + numberOf(result.deliveredChunks, "chunk"));
   }
   return bad > 0 ? kBadLines : kDelivered;
 }
 
-int run(int argc, char** argv) {
-  if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
-    std::fputs(kHelp, stdout);
-    return kDelivered;
+ExitStatus finish(const Arguments& arguments, int bad, Progress& progress) {
+  if (!controller().isSDKInitCalled()) {
+    std::fprintf(stderr,
+                 "kelvo-log: the library was never started: give --app-id, or a bundle with an application id\n");
+    return kWrongUsage;
   }
-  const auto options = parse(argc, argv);
-  if (!options) return kWrongUsage;
+  // During the start-up, the library would write the calls to a file for the next launch. So let it start first.
+  const bool isStarted = waitUntilStarted(deadlineIn(std::chrono::duration<double>(arguments.waitSeconds)));
+  if (!isInBackground()) Application::willResignActive();
+  if (!isStarted) waitUntilStored();
+  const auto result = isStarted ? deliver(arguments.waitSeconds, progress) : flush(milliseconds(0), progress);
+  progress.clear();
+  return statusOf(result, arguments, progress.isShown(), bad);
+}
+
+ExitStatus run(const Arguments& arguments) {
   std::ifstream file;
-  const bool readsFile = options->file && *options->file != "-";
-  if (readsFile) {
-    file.open(*options->file);
+  if (arguments.file) {
+    file.open(*arguments.file);
     if (!file) {
-      std::fprintf(stderr, "kelvo-log: cannot read %s\n", options->file->c_str());
+      std::fprintf(stderr, "kelvo-log: cannot read %s\n", arguments.file->c_str());
       return kWrongUsage;
     }
   }
-  if (options->delivery != nullptr) {
-    if (KLVController::sharedController().isSDKInitCalled()) {
+  setDraining(arguments.waitSeconds, arguments.isQuiet);
+  KLVLogger::chooseLevel(KLVLogger::Level::error);
+  startFromBundle();
+  if (arguments.delivery != nullptr) {
+    if (controller().isSDKInitCalled()) {
       std::fprintf(stderr, "kelvo-log: --delivery comes too late: the bundle has started the library\n");
       return kWrongUsage;
     }
-    KLVDeliveryRules::choose(*options->delivery);
+    KLVDeliveryRules::choose(*arguments.delivery);
   }
-  if (options->appId) KelvoSDK::initializeKelvoWithID(*options->appId);
-  return finish(*options, playAll(readsFile ? file : std::cin));
+  if (arguments.appId) start(*arguments.appId);
+  Progress progress(arguments.isQuiet);
+  const int bad = playAll(arguments.file ? file : std::cin, progress);
+  return finish(arguments, bad, progress);
 }
 
 }  // namespace
 }  // namespace kelvo::log
 
-int main(int argc, char** argv) {
-  return kelvo::log::run(argc, argv);
+int main(int count, char** texts) {
+  using namespace kelvo::log;
+  const auto arguments = Arguments::parse(count, texts);
+  if (!arguments) return kWrongUsage;
+  if (arguments->wantsHelp) {
+    printHelp();
+    return kDelivered;
+  }
+  const int status = run(*arguments);
+  kelvo::finishAtExit();
+  return status;
 }

@@ -3,9 +3,11 @@
 // what the test needs to know. At the end of its input it returns from main, even if its threads are still running:
 // with 0, or with `kSlowCall` if any call took too long.
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,11 +20,14 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "kelvo/Application.h"
 #include "kelvo/KelvoSDK.h"
+#include "kelvo/Plugin.h"
 
 namespace {
 
@@ -102,7 +107,14 @@ void fault() {
   Application::setLogSink({});
   Application::setMainLoop([](const std::function<void()>& task) { task(); }, [] { return true; });
   Application::willResignActive();
-  std::exit(KelvoSDK::getDeviceID() ? EXIT_FAILURE : kChildWasIdle);
+  const auto flushed = KelvoSDK::flushAndWait(std::chrono::hours(1)).outcome;
+  std::exit(KelvoSDK::getDeviceID() || flushed != kelvo::FlushOutcome::notCollecting ? EXIT_FAILURE : kChildWasIdle);
+}
+
+/// Prints the outcome as a number, and the reason.
+void flush(const std::string& milliseconds) {
+  const auto result = KelvoSDK::flushAndWait(std::chrono::milliseconds(std::stoi(milliseconds)));
+  std::cout << "flushed " << static_cast<int>(result.outcome) << " " << result.reason << std::endl;
 }
 
 void forkChildren(const std::string& count) {
@@ -131,6 +143,81 @@ void breakPipe() {
   for (const int end : ends) close(end);
 }
 
+// --- The limit on the size of files
+
+/// Prints the state of SIGXFSZ on this thread.
+void printLimitSignal() {
+  sigset_t blocked, pending;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  sigpending(&pending);
+  std::cout << "SIGXFSZ " << (sigismember(&blocked, SIGXFSZ) == 1 ? "blocked" : "free")
+            << (sigismember(&pending, SIGXFSZ) == 1 ? " pending" : "") << std::endl;
+}
+
+/// Limits the size of files. With the word "blocked", this thread also blocks SIGXFSZ and keeps one pending.
+void limit(const std::string& sizeAndWord) {
+  const rlimit size{std::stoul(sizeAndWord), RLIM_INFINITY};
+  setrlimit(RLIMIT_FSIZE, &size);
+  if (sizeAndWord.find("blocked") != std::string::npos) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    raise(SIGXFSZ);
+  }
+  printLimitSignal();
+}
+
+/// Makes every call that reads or writes stored data, as the host and as a plug-in.
+void readAndWrite(const std::string& count) {
+  using Services = kelvo::PluginServices;
+  for (int number = std::stoi(count); number > 0; --number) {
+    const std::string name = "read " + std::to_string(number % 50), text(3000, 'x');
+    for (int i = 0; i < 10; ++i) KelvoSDK::logAppEventWithName(name, {{"text", text}});
+    KelvoSDK::setUserCustomInfo({{"text", text + std::to_string(number)}});
+    KelvoSDK::setSessionCustomInfo({{"text", text}});
+    Application::willResignActive();
+    Application::didBecomeActive();
+    Services::saveFrequencyInfo({{"text", text}}, name);
+    Services::persistPIDMIDDict({{name, text}}, "rta");
+    static_cast<void>(Services::getLifetimeCountForEvents({name, "never logged"}));
+    static_cast<void>(Services::retrieveFrequencyConfigWithIdentifier(name));
+    static_cast<void>(Services::getPIDMIDDictForType("rta"));
+    static_cast<void>(Services::getConfigForActionType("rta"));
+  }
+  printLimitSignal();
+}
+
+// --- Options and status
+
+/// Starts the library with the options in `text`: words of the form NAME=VALUE.
+void startWithOptions(const std::string& text) {
+  kelvo::Options options;
+  const std::map<std::string, std::string*> texts{
+      {"id", &options.appId},          {"url", &options.serverBaseURL},   {"ca", &options.caFile},
+      {"home", &options.home},         {"user", &options.userIdentifier}, {"name", &options.appName},
+      {"version", &options.appVersion}};
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const auto sign = word.find('=');
+    const std::string name = word.substr(0, sign), value = word.substr(sign + 1);
+    if (const auto member = texts.find(name); member != texts.end()) *member->second = value;
+    if (name == "delivery")
+      options.delivery = value == "classic" ? kelvo::Delivery::classic : kelvo::Delivery::complete;
+    if (name == "level") options.logLevel = value == "info" ? kelvo::LogLevel::info : kelvo::LogLevel::off;
+    if (name == "farewell") options.farewell = true;
+    if (name == "sink") {
+      options.logSink = [](kelvo::LogLevel, std::string_view line) { std::cout << "sink " << line << std::endl; };
+    }
+  }
+  KelvoSDK::start(options);
+}
+
+/// Prints the number of the state, as in `KelvoSDK::State`, and the reason.
+void printStatus(const KelvoSDK::Status& status) {
+  std::cout << "status " << static_cast<int>(status.state) << ' ' << status.reason << std::endl;
+}
+
 // --- Words
 
 using Word = std::function<void(const std::string& rest)>;
@@ -138,6 +225,10 @@ using Word = std::function<void(const std::string& rest)>;
 const std::map<std::string, Word>& words() {
   static const auto& all = *new std::map<std::string, Word>{
       {"start", [](auto&) { KelvoSDK::initializeKelvoWithID("shop"); }},
+      {"options", startWithOptions},
+      {"ready", [](auto&) { KelvoSDK::onReady(printStatus); }},
+      {"throw", [](auto&) { KelvoSDK::onReady([](auto&) { throw std::runtime_error("of the host"); }); }},
+      {"token", [](auto&) { Application::logDeviceToken(kelvo::OptionalText()); }},
       {"background", [](auto&) { Application::willResignActive(); }},
       {"foreground", [](auto&) { Application::didBecomeActive(); }},
       // burst COUNT PAUSE: eight threads log COUNT events each, PAUSE microseconds apart.
@@ -155,9 +246,15 @@ const std::map<std::string, Word>& words() {
          KelvoSDK::setSessionCustomInfo({{"text", text}});
        }},
       {"leave", [](auto&) { leave(); }},
+      {"limit", limit},
+      // curl: initialises the library's curl before the library does.
+      {"curl", [](auto&) { reinterpret_cast<int (*)(long)>(dlsym(RTLD_DEFAULT, "curl_global_init"))(3); }},
+      {"reads", readAndWrite},
       {"fault", [](auto&) { fault(); }},
       {"run", [](auto& command) { static_cast<void>(!std::system(command.c_str())); }},
       {"fork", forkChildren},
+      {"flush", flush},
+      {"flushAtExit", [](auto&) { std::atexit([] { flush("3600000"); }); }},
       {"reuse", reuse},
       {"breakPipe", [](auto&) { breakPipe(); }},
       // These play the rest of the line on a new thread, in the log sink, and in the main loop's `post`.

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 
 namespace kelvo::log {
 
@@ -14,15 +13,5 @@ bool waitUntilStarted(Deadline deadline);
 
 /// Blocks until all calls so far are stored. During the start-up, buffered calls count as stored.
 void waitUntilStored();
-
-/// Blocks until the start-up has ended and all calls so far are stored. Called between the lines of a long input, so
-/// that the calls do not pile up in memory.
-void keepPace();
-
-/// Blocks until all cut chunks are posted and no request is running, or `deadline` passes. Returns the number of chunks
-/// that wait for the next launch; earlier launches' chunks count, too.
-std::size_t chunksLeftBehind(Deadline deadline);
-/// Returns true if the library's own first event is stored. The library logs it before any played event.
-bool storedFirstEvent();
 
 }  // namespace kelvo::log

@@ -1,0 +1,21 @@
+# cmake -DTOOL=<program> -DSUMMARY=<text> -DTO=<file> -P ManPage.cmake: writes the man page of the program in section 1. Its
+# text is the program's own --help, so the two never differ.
+get_filename_component(name ${TOOL} NAME)
+execute_process(COMMAND ${TOOL} --help OUTPUT_VARIABLE help ERROR_QUIET COMMAND_ERROR_IS_FATAL ANY)
+# The first paragraph is the usage.
+string(FIND "${help}" "\n\n" end)
+if(NOT help MATCHES "^usage: " OR end EQUAL -1)
+  message(FATAL_ERROR "${name} --help begins with no paragraph of usage")
+endif()
+string(SUBSTRING "${help}" 0 ${end} usage)
+string(SUBSTRING "${help}" ${end} -1 description)
+string(STRIP "${description}" description)
+string(REGEX REPLACE "(^usage: |\n +)" "\n" usage "${usage}")
+foreach(part usage description)
+  string(REPLACE "\\" "\\e" ${part} "${${part}}")
+  string(REPLACE "-" "\\-" ${part} "${${part}}")
+  string(REGEX REPLACE "(^|\n)([.'])" "\\1\\\\&\\2" ${part} "${${part}}")
+endforeach()
+string(STRIP "${usage}" usage)
+string(REPLACE "\n" "\n.br\n" usage "${usage}")
+file(WRITE ${TO} ".TH ${name} 1\n.SH NAME\n${name} \\- ${SUMMARY}\n.SH SYNOPSIS\n${usage}\n.SH DESCRIPTION\n.nf\n${description}\n.fi\n")

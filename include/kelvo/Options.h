@@ -1,0 +1,59 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "kelvo/Log.h"
+
+namespace kelvo {
+
+/// The rules of delivery. `classic` keeps known losses; `complete` stores, counts and delivers every event once.
+enum class Delivery { classic, complete };
+
+/// The settings of `KelvoSDK::start`, which copies them. Every member has a default; an empty text means "not set".
+///
+/// The environment overrides these options, and they override the bundle's `Info.plist`, which overrides the build.
+struct Options {
+  Options() = default;
+  explicit Options(std::string id) : appId(std::move(id)) {}
+
+  /// The application's id at the service. Required: without an id, `start` fails with one ERROR line.
+  std::string appId{};
+
+  /// The address of the service, `https://HOST[:PORT]`; `http:` for loopback addresses only. Overridden by
+  /// `KELVO_SERVER_BASE_URL`. Empty: "KelvoServerBaseURL" of the bundle, else the build's default.
+  std::string serverBaseURL{};
+
+  /// A file of certificate authorities in PEM form, which replaces the system's. Empty: "KelvoCAFile" of the bundle,
+  /// else the system's authorities.
+  std::string caFile{};
+
+  /// The directory of all data of the library, used by one process at a time. A relative path counts from the current
+  /// directory. Overridden by `KELVO_HOME`. Empty: a directory of this program below the user's data directory.
+  std::string home{};
+
+  /// The host's own id of its user: `KelvoSDK::setUserIdentifier` before anything is sent. Empty: the stored id stays.
+  std::string userIdentifier{};
+
+  /// The application's name and version in everything that is sent. Empty: those of the bundle.
+  std::string appName{};
+  std::string appVersion{};
+
+  /// nullopt: "KelvoDelivery" of the bundle if that is valid, else `complete`.
+  std::optional<Delivery> delivery{};
+
+  /// The lowest level of a line that is written; `off` writes none. Overridden by `KELVO_LOG`. The service cannot
+  /// change it.
+  LogLevel logLevel = LogLevel::error;
+
+  /// Receives the log lines in place of standard error (see `Application::setLogSink`). Installed before anything else.
+  /// Empty: a sink that the host has set earlier stays, else standard error.
+  LogSink logSink{};
+
+  /// Whether the process writes the line "KelvoiOSSDK finalizer" to standard output when it ends. Overrides
+  /// "KelvoFarewell" of the bundle.
+  bool farewell = false;
+};
+
+}  // namespace kelvo

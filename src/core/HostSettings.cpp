@@ -1,0 +1,95 @@
+#include "core/HostSettings.h"
+
+#include <utility>
+
+#include "core/Readiness.h"
+#include "platform/Directories.h"
+#include "platform/Immortal.h"
+#include "platform/Privileges.h"
+#include "platform/ServiceEndpoint.h"
+#include "records/KLVRecordKeys.h"
+#include "util/KLVDeliveryRules.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+namespace {
+
+const KLVDeliveryRules& rulesOf(Delivery delivery) {
+  return delivery == Delivery::classic ? KLVDeliveryRules::classic : KLVDeliveryRules::complete;
+}
+
+/// Chooses the delivery that the bundle names. Returns false if it names none; an unknown name chooses `classic`.
+bool chooseDelivery(const Value& name) {
+  if (name.isNull()) return false;
+  const auto* text = name.get<std::string>();
+  const KLVDeliveryRules* rules = text != nullptr ? KLVDeliveryRules::named(*text) : nullptr;
+  if (rules == nullptr) KLV_ERROR("KelvoDelivery is neither classic nor complete: {}", name);
+  KLVDeliveryRules::choose(rules != nullptr ? *rules : KLVDeliveryRules::classic);
+  return rules != nullptr;
+}
+
+}  // namespace
+
+HostSettings& HostSettings::shared() {
+  static Immortal<HostSettings> instance;
+  return *instance;
+}
+
+bool HostSettings::refusesForeignRights() {
+  if (!actsForAnotherUser()) return false;
+  static std::atomic<bool> isLogged{false};
+  const std::string reason = "The program acts for another user than the one who started it";
+  if (!isLogged.exchange(true)) KLV_ERROR("The library does not start: {}", reason);
+  Readiness::shared().set(Readiness::State::failed, reason);
+  return true;
+}
+
+void HostSettings::applyBundle(const Dictionary& info) {
+  if (info["KelvoFarewell"] == Value(false)) chooseFarewell(false);
+  const bool namesDelivery = chooseDelivery(info["KelvoDelivery"]);
+  const Lock lock(mutex_);
+  bundleNamesDelivery_ = namesDelivery;
+}
+
+void HostSettings::applyOutput(const Options& options) {
+  dropHeldLine();
+  chooseFarewell(options.farewell);
+  if (options.logSink) KLVLogger::setSink(options.logSink);
+  KLVLogger::chooseLevel(options.logLevel);
+}
+
+void HostSettings::apply(const Options& options) {
+  applyOutput(options);
+  ServiceEndpoint::choose(options.serverBaseURL, options.caFile);
+  if (!options.home.empty() && !Directories::chooseHome(options.home)) {
+    KLV_ERROR("The home {} was chosen too late: {} is in use", options.home, Directories::library());
+  }
+  Lock lock(mutex_);
+  appName_ = options.appName;
+  appVersion_ = options.appVersion;
+  const bool keepsBundlesDelivery = bundleNamesDelivery_ && !options.delivery;
+  lock.unlock();
+  if (!keepsBundlesDelivery) KLVDeliveryRules::choose(rulesOf(options.delivery.value_or(Delivery::complete)));
+}
+
+void HostSettings::rename(KLVAppInfo& app) {
+  const Lock lock(mutex_);
+  if (!appName_.empty()) app.setIdentifier(appName_);
+  if (!appVersion_.empty()) app.setInfo(appVersion_, kKLVAppVersion);
+}
+
+void HostSettings::holdLine(std::function<void()> write) {
+  const Lock lock(mutex_);
+  heldLine_ = std::move(write);
+}
+
+void HostSettings::writeHeldLine() {
+  std::function<void()> write;
+  {
+    const Lock lock(mutex_);
+    write.swap(heldLine_);
+  }
+  if (write) write();
+}
+
+}  // namespace kelvo

@@ -1,0 +1,45 @@
+#include "core/Readiness.h"
+
+#include <exception>
+#include <utility>
+
+#include "platform/Immortal.h"
+#include "util/KLVLogger.h"
+
+namespace kelvo {
+
+Readiness& Readiness::shared() {
+  static Immortal<Readiness> instance;
+  return *instance;
+}
+
+void Readiness::add(Callback callback) {
+  if (!callback) return;
+  const auto added = std::make_shared<const Callback>(std::move(callback));
+  const Lock lock(mutex_);
+  callbacks_.push_back(added);
+  if (status_) deliver({added}, *status_);
+}
+
+void Readiness::set(State state, std::string reason) {
+  const Lock lock(mutex_);
+  if (status_ && status_->state == state) return;
+  status_ = Status{state, std::move(reason)};
+  if (!callbacks_.empty()) deliver(callbacks_, *status_);
+}
+
+void Readiness::deliver(Callbacks callbacks, Status status) {
+  queue_.async([callbacks = std::move(callbacks), status = std::move(status)] {
+    for (const auto& callback : callbacks) {
+      try {
+        (*callback)(status);
+      } catch (const std::exception& fault) {
+        KLV_ERROR("A callback of onReady has thrown: {}", fault.what());
+      } catch (...) {
+        KLV_ERROR("A callback of onReady has thrown");
+      }
+    }
+  });
+}
+
+}  // namespace kelvo
