@@ -1,4 +1,6 @@
 #include <kelvo/KelvoSDK.h>
+#include <kelvo/Plugin.h>
+#include <kelvo/ViewTree.h>
 
 #include <chrono>
 #include <thread>
