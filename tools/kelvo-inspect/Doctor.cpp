@@ -52,7 +52,8 @@ Finding examineBundle(const Bundle& bundle, const std::string& directory) {
   const auto path = bundle.pathForResource("Info", "plist");
   if (!path) {
     return {Grade::doubtful, "bundle", "no Info.plist in " + directory,
-            "Correct if the program calls KelvoSDK::start or initializeKelvoWithID; otherwise add one (kelvo_add_bundle in CMake)"};
+            "Correct if the program calls KelvoSDK::start or initializeKelvoWithID; otherwise add one "
+            "(kelvo_add_bundle in CMake)"};
   }
   std::string error;
   const auto text = readFile(*path, &error);
