@@ -1,8 +1,9 @@
 // Fuzzes the bodies of chunks: the collector stores each body that it accepts, and can then list it.
 
 #include "Fuzzing.h"
+#include "kelvo-collector/debug/Events.h"
 #include "kelvo-collector/debug/Listings.h"
-#include "kelvo-collector/debug/Timeline.h"
+#include "kelvo-collector/debug/Problems.h"
 #include "kelvo-collector/service/ChunkValidation.h"
 #include "kelvo-collector/store/Store.h"
 

@@ -84,7 +84,7 @@ TEST_F(Road, KelvoLogHasAHomePerApplicationAndEmptiesTheFormerCommonOne) {
   service.answerNormally("/chunks");
   auto first = launch({"--app-id", "shop"}, own);
   first.untilReady().log("First");
-  ASSERT_TRUE(first.waitForError("initialized!")) << first.errors();
+  ASSERT_TRUE(first.waitForError("sent the events")) << first.errors();
   auto second = launch({"--app-id", "../a b"}, own);
   EXPECT_EQ(second.log("Second").quit(), 3) << "the service has no such application";
   EXPECT_EQ(first.quit(), 0) << first.errors();
