@@ -97,6 +97,7 @@ TEST_F(CollectorServer, AnswersOnlyLoopbackHostsAndItsOwnPageAndListsItsPaths) {
                {"", "/v2/api/a/b/chunks", 404, "\"POST /v2/api/<app-id>/chunks\""},
                {"", "/v2/api/config/%ff/ios", 400},
                {"-X DELETE", "/v2/api/app7/chunks", 405, "Allow: POST"},
+               {"-F a=b", "/v2/api/app7/chunks", 415},
                {"-X BREW", "/v2/api/app7/chunks", 400}};
   for (const auto& c : cases) {
     const CurlResult result = get(c.path, "--include " + c.arguments);

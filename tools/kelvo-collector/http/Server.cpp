@@ -194,6 +194,8 @@ void Server::Impl::route(httplib::Server& http) {
   // We read the body ourselves: the library treats a body without a content type as a form, and refuses a large one.
   const httplib::Server::HandlerWithContentReader withBody = [this](const auto& request, auto& response,
                                                                     const httplib::ContentReader& reader) {
+    // The library would hand the parts of a form to functions that we do not have.
+    if (request.is_multipart_form_data()) return endWith(refusal(415, "the body is a form, not JSON"), response);
     ArrivingBody body(bodyBytes);
     if (reader([&body](const char* bytes, std::size_t size) { return body.append(bytes, size); })) {
       return handle(request, body.text(), response);
