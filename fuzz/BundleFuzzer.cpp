@@ -2,18 +2,13 @@
 
 #include <filesystem>
 
-#include "Fuzzing.h"
+#include "FuzzingInHome.h"
 #include "network/HTTPURL.h"
 #include "platform/Bundle.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "platform/PropertyList.h"
 #include "util/KLVDeliveryRules.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return kelvo::fuzz::makeHome() ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;

@@ -13,8 +13,8 @@ namespace kelvo::fuzz {
 namespace {
 
 constexpr std::int64_t kMostBytes = 2 << 20;
-constexpr int kRequestsBetweenResets =
-    1000;  // earlier inputs may have scripted answers that hang until the client ends
+/// An input may script answers that hang until the client ends. They are removed after so many inputs.
+constexpr int kInputsBetweenResets = 1000;
 
 struct Collector {
   collector::Store store{":memory:", kMostBytes};
@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   require(used <= kMostBytes, "the kept data is bounded");
 
   static int count = 0;
-  if (++count % kRequestsBetweenResets == 0) {
+  if (++count % kInputsBetweenResets == 0) {
     static_cast<void>(talk(collector->port, "DELETE /debug/answer HTTP/1.1\r\nHost: localhost\r\n\r\n"));
   }
   return 0;

@@ -4,14 +4,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "kelvo/Value.h"
-#include "platform/Files.h"
 #include "platform/JSON.h"
 #include "util/KLVLogger.h"
 
@@ -28,19 +25,6 @@ inline void require(bool holds, const char* what) {
 inline void silenceLog() {
   KLVLogger::setLogLevel(KLVLogger::Level::error);
   KLVLogger::setSink([](KLVLogger::Level, std::string_view) {});
-}
-
-/// Makes a home in memory, which is removed at exit. Returns false on failure.
-inline bool makeHome() {
-  std::error_code error;
-  const bool inMemory = std::filesystem::is_directory("/dev/shm", error);
-  static std::string home = inMemory ? "/dev/shm/kelvo-fuzz-XXXXXX" : "/tmp/kelvo-fuzz-XXXXXX";
-  if (mkdtemp(home.data()) == nullptr) return false;
-  std::atexit([] {
-    std::error_code inUse;
-    std::filesystem::remove_all(home, inUse);
-  });
-  return setenv("KELVO_HOME", home.c_str(), 1) == 0 && makeDirectory(home + "/Library", true);
 }
 
 /// Calls every conversion on `value` and on everything in it, as the library does with members of a document.

@@ -6,7 +6,7 @@
 #include <map>
 #include <memory>
 
-#include "Fuzzing.h"
+#include "FuzzingInHome.h"
 #include "storage/KLVCountCache.h"
 #include "storage/KLVEventWrites.h"
 #include "storage/KLVSchema.h"
@@ -84,11 +84,6 @@ KLVPersistantStore& openStore() {
 
 }  // namespace
 }  // namespace kelvo::fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return kelvo::fuzz::makeHome() ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;

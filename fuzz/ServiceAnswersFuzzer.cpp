@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "Fuzzing.h"
+#include "FuzzingInHome.h"
 #include "events/KLVEventHandler.h"
 #include "network/HTTPURL.h"
 #include "network/KLVConfigManager.h"
@@ -141,11 +141,6 @@ void classify(const Dictionary& events) {
 
 }  // namespace
 }  // namespace kelvo::fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return kelvo::fuzz::makeHome() ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;

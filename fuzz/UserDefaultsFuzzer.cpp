@@ -2,16 +2,11 @@
 
 #include <filesystem>
 
-#include "Fuzzing.h"
+#include "FuzzingInHome.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "platform/PropertyList.h"
 #include "platform/UserDefaults.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return kelvo::fuzz::makeHome() ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;
@@ -25,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   UserDefaults defaults(path);
   defaults.set("klv_added", "by the library");
   fuzz::require(defaults.synchronize(), "the defaults can be written");
-  fuzz::require(fileExists(path + ".corrupt") == !content, "a file is set aside exactly if it is none");
+  fuzz::require(fileExists(path + ".corrupt") == !content, "a file is set aside if and only if it is no property list");
   if (!content) fuzz::require(readFile(path + ".corrupt") == text, "the file that is set aside is unchanged");
 
   const UserDefaults next(path);

@@ -110,8 +110,9 @@ class KELVO_EXPORT KelvoSDK {
   /// come once the process exits. An empty `callback` is allowed.
   static void flush(std::chrono::milliseconds deadline, std::function<void(const FlushResult&)> callback) noexcept;
 
-  /// As `flush`, and returns the result. This is the only call that blocks: up to `deadline`. Called from a callback of
-  /// the library, it returns `insideCallback` at once. During exit and in a forked child, it returns at once, too.
+  /// As `flush`, and returns the result. This is the only call that blocks: up to `deadline`, and at most one second
+  /// more while it counts what waits. Called from a callback of the library, it returns `insideCallback` at once.
+  /// During exit and in a forked child, it returns at once, too.
   static FlushResult flushAndWait(std::chrono::milliseconds deadline) noexcept;
 };
 

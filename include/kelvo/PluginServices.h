@@ -27,7 +27,7 @@ using HTTPCallback = std::function<void(const HTTPAnswer&)>;
 
 /// The library's functions for plug-ins. All are thread-safe, and none throws. An exception from a block, completion or
 /// listener is logged. While collection is disabled, functions that change, dispatch or send something do nothing but
-/// log one ERROR line. Functions that read data then return none.
+/// log one ERROR line. Functions that read data return nothing.
 class KELVO_EXPORT PluginServices {
  public:
   /// Downloads the changes of the configuration of `type` ("rta" for real-time actions, any other text for surveys) and

@@ -13,6 +13,7 @@
 #include "platform/Privileges.h"
 #include "platform/SwitchedOff.h"
 #include "platform/Thread.h"
+#include "util/KLVUtilities+Counts.h"
 
 namespace kelvo {
 namespace {
@@ -29,10 +30,6 @@ enum class End { settled, notCut, tooLate };
 
 KLVController& controller() {
   return KLVController::sharedController();
-}
-
-std::string numberOf(std::uint64_t count, const char* what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
 /// Returns the result if not everything is delivered, without what waits. `failuresBefore` is the number of failures
@@ -74,7 +71,7 @@ FlushResult resultOf(End end, std::uint64_t failuresBefore) {
     result.status = 0;
     result.reason.clear();
   } else if (result.outcome == FlushOutcome::deadline && state.underWay == 0 && !state.latestFailure) {
-    result.reason = numberOf(waiting->events, "event") + " must wait for a later launch";
+    result.reason = KLVUtilities::numberOf(waiting->events, "event") + " must wait for a later launch";
   }
   return result;
 }

@@ -48,8 +48,8 @@ class KLVSession final : public KLVInfo, public KLVEventListener, public std::en
   /// Returns whether `text` has the form of a session's identifier. Any other text, from a damaged or planted database
   /// for example, must never become a part of a path.
   static bool isIdentifier(std::string_view text);
-  /// Returns a session of which only the id is known: its launch time comes from the id, everything else is as at a
-  /// normal launch. It is never live.
+  /// Returns a record for a session whose own record is lost. The launch time comes from the id; all other values are
+  /// those of a normal launch. The session is never live.
   static std::shared_ptr<KLVSession> rebuiltFromIdentifier(const std::string& identifier);
   /// For sessions rebuilt from storage.
   explicit KLVSession(std::string identifier) : KLVInfo(std::move(identifier)) {}

@@ -96,7 +96,8 @@ class Cleaner {
     return {kDrop, {}};
   }
 
-  /// Returns the verdict on a container that must not be empty.
+  /// Returns whether a dictionary or an array stays, is replaced or is dropped. An empty one never stays: it is
+  /// dropped, or the call is refused with an exception, as the delivery rules say.
   template <class Container>
   Verdict verdictOn(const Container& container, const std::string& place) {
     auto inner = clean(container);

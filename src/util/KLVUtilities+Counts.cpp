@@ -25,4 +25,8 @@ std::string KLVUtilities::rangeForCount(std::int64_t count) {
   return fmt::format("{}", count);
 }
 
+std::string KLVUtilities::numberOf(std::uint64_t count, const char* noun) {
+  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
 }  // namespace kelvo

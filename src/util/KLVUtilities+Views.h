@@ -60,7 +60,7 @@ void sortSubViewsWithRootView(KLVView& root);
 /// Writes one debug line per node: "<>", `separator`, one more "-" per level, and the node's name.
 void logKLVViewWithRoot(const KLVView& root, const std::string& separator);
 /// Writes the simplified tree of the key window in this form, then one debug line "Path KLV:..." for each of its views.
-/// Does nothing if debug lines are filtered. Sets the tags of cells.
+/// Also sets the tags of cells. Does nothing if the log level hides debug lines.
 void printViewTree();
 /// As `logKLVViewWithRoot`, for the host's views instead of nodes.
 void logViewWithRoot(const View& view, const std::string& separator);

@@ -90,11 +90,7 @@ TEST(CollectorAttack, HalfOpenRequestsHoldNobodyUpForLong) {
 }
 
 TEST(CollectorAttack, AHalfTLSHandshakeAndASilentClientEnd) {
-  const std::string key = home() + "/key.pem", certificate = home() + "/cert.pem";
-  ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -keyout " + key + " -out " +
-                         certificate + " 2>/dev/null")
-                            .c_str()),
-            0);
+  const auto [certificate, key] = makeCertificate();
   collector::Server server;
   const int port = server.startTLS(certificate, key);
   const std::string hello("\x16\x03\x01\x02", 4);  // the first bytes of a ClientHello

@@ -45,6 +45,15 @@ inline CurlResult post(const std::string& url, const std::string& body, const st
               "'");
 }
 
+/// Makes a certificate for "localhost" and its key in the test's home. Returns their paths.
+inline std::pair<std::string, std::string> makeCertificate() {
+  const std::string certificate = home() + "/cert.pem", key = home() + "/key.pem";
+  const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -keyout " + key +
+                              " -out " + certificate + " 2>/dev/null";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  return {certificate, key};
+}
+
 /// The JSON of a chunk with an event of every kind.
 inline const std::string kSampleChunk = R"json({
   "sdk_info": {"sdk_version": 288.0, "config_id": "undefined", "tick_interval": 1, "chunk_retry_window": 1,

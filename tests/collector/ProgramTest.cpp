@@ -25,11 +25,7 @@ std::string addressOf(const Program& program) {
 }
 
 TEST(CollectorProgram, ServesUntilASignalAndTheNextRunHasTheStoredData) {
-  const std::string key = home() + "/key.pem", certificate = home() + "/cert.pem";
-  ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -keyout " + key + " -out " +
-                         certificate + " 2>/dev/null")
-                            .c_str()),
-            0);
+  const auto [certificate, key] = makeCertificate();
   std::vector<std::string> arguments{"--port", "0", "--data", home() + "/made/for/it"};
   for (const int signal : {SIGINT, SIGTERM}) {
     Program program = collector(arguments);

@@ -16,6 +16,7 @@
 #include "platform/Bundle.h"
 #include "util/KLVDeliveryRules.h"
 #include "util/KLVLogger.h"
+#include "util/KLVUtilities+Counts.h"
 
 /// The symbol by which a program asks for the library's load hooks. Defined here, it keeps them out: this tool starts
 /// the library itself, and ends without a farewell line.
@@ -109,10 +110,6 @@ FlushResult deliver(double seconds, Progress& progress) {
   }
 }
 
-std::string numberOf(std::uint64_t count, const char* what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 /// Returns the exit status, and prints the summary. In a shell's pipe, a run that delivered everything prints nothing.
 ExitStatus statusOf(const FlushResult& result, const Arguments& arguments, bool isOnTerminal, int bad) {
   const auto say = [&](const std::string& text) {
@@ -123,8 +120,8 @@ ExitStatus statusOf(const FlushResult& result, const Arguments& arguments, bool 
     return controller().leavesEventsToNextLaunch() ? kNotDelivered : kNotCollecting;
   }
   if (result.outcome != FlushOutcome::delivered) {
-    say(numberOf(result.waitingEvents, "event") + " and " + numberOf(result.waitingChunks, "chunk") +
-        " wait for the next launch: " + result.reason);
+    say(KLVUtilities::numberOf(result.waitingEvents, "event") + " and " +
+        KLVUtilities::numberOf(result.waitingChunks, "chunk") + " wait for the next launch: " + result.reason);
     return kNotDelivered;
   }
   // The library logs this event before any played one.
@@ -133,7 +130,8 @@ ExitStatus statusOf(const FlushResult& result, const Arguments& arguments, bool 
     return kNotDelivered;
   }
   if (isOnTerminal) {
-    say(numberOf(result.deliveredEvents, "event") + " delivered in " + numberOf(result.deliveredChunks, "chunk"));
+    say(KLVUtilities::numberOf(result.deliveredEvents, "event") + " delivered in " +
+        KLVUtilities::numberOf(result.deliveredChunks, "chunk"));
   }
   return bad > 0 ? kBadLines : kDelivered;
 }

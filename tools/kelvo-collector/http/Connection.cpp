@@ -32,6 +32,10 @@ int clamped(std::size_t size) {
 
 }  // namespace
 
+std::string bareAnswer(std::string_view statusLine) {
+  return fmt::format("HTTP/1.1 {}\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n", statusLine);
+}
+
 void Connection::Freer::operator()(ssl_st* session) const noexcept {
   SSL_free(session);
 }
@@ -106,8 +110,7 @@ bool Connection::waitForRequest(milliseconds limit) {
 void Connection::refuse(std::string_view statusLine) {
   headFault_ = HeadFault::None;
   isEnding_ = true;
-  const std::string answer =
-      fmt::format("HTTP/1.1 {}\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n", statusLine);
+  const std::string answer = bareAnswer(statusLine);
   write(answer.data(), answer.size());
 }
 

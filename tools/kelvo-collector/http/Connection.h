@@ -8,12 +8,17 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 struct ssl_st;
 struct ssl_ctx_st;
 
 namespace kelvo::collector {
+
+/// Returns a whole answer without a body. It asks the client to try again later. `statusLine` is for example
+/// "503 Service Unavailable".
+[[nodiscard]] std::string bareAnswer(std::string_view statusLine);
 
 /// An accepted connection, plain or TLS, that a handler can break on purpose.
 ///
@@ -43,7 +48,7 @@ class Connection {
   /// The head is too long or too late. Nothing has been answered, and the connection takes no answer but `refuse`.
   enum class HeadFault : std::uint8_t { None, TooLong, TooLate };
   [[nodiscard]] HeadFault headFault() const noexcept { return headFault_; }
-  /// Sends a complete answer with this status line, for example "503 Service Unavailable", and ends the connection.
+  /// Sends the bare answer with this status line, and ends the connection.
   void refuse(std::string_view statusLine);
   /// The present answer is the last one: the rest of the request is never read.
   void endAfterAnswer() noexcept { isEnding_ = true; }

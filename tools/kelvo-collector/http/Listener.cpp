@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -45,9 +44,8 @@ class ConnectionStream final : public httplib::Stream {
 
 /// Sends status 503 without waiting, and closes. A client of TLS only sees that the connection ends.
 void refuseAtOnce(socket_t socket, bool isTLS) {
-  constexpr std::string_view kAnswer =
-      "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n";
-  if (!isTLS) ::send(socket, kAnswer.data(), kAnswer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  const std::string answer = bareAnswer("503 Service Unavailable");
+  if (!isTLS) ::send(socket, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   ::shutdown(socket, SHUT_WR);
   ::close(socket);
 }

@@ -160,7 +160,7 @@ struct Server::Impl {
   int start(int port, TLSContext context);
   void stop();
   void route(httplib::Server& http);
-  /// Returns the refusal of a request that the caller may not make, nullopt if he may. Reads the head only.
+  /// Returns the answer to a request that is not allowed, nullopt if it is allowed. Reads the head only.
   [[nodiscard]] std::optional<Reply> refusalOf(const httplib::Request& request) const;
 
   // Thread: the following are called on connection threads.

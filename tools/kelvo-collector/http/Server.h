@@ -45,7 +45,7 @@ class Server {
   /// Returns "http://127.0.0.1:PORT" or "https://127.0.0.1:PORT" of the last start, without a slash at the end.
   [[nodiscard]] std::string baseURL() const;
 
-  /// From the next start on, the paths below /debug need `token`; an empty one lifts that.
+  /// From the next start on, requests below /debug must carry `token`. An empty token lets every request through.
   void setToken(std::string token);
 
   [[nodiscard]] Store& store() noexcept;

@@ -7,8 +7,8 @@ namespace kelvo::collector {
 /// The token of a private collector: 128 random bits in hexadecimal, and a file of mode 0600 that holds it.
 class Token {
  public:
-  /// Makes a token and its file, which must not exist; an earlier file of this user is replaced. Throws
-  /// std::runtime_error on failure.
+  /// Makes a token and writes it to `file`. Replaces an earlier file of this user. Throws std::runtime_error on
+  /// failure, and if another user has a file or a link in its place.
   explicit Token(std::string file);
   /// Deletes the file.
   ~Token();

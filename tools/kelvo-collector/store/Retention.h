@@ -9,9 +9,9 @@ class Database;
 /// Returns the size of the stored data in bytes, without the free pages.
 [[nodiscard]] std::int64_t usedBytes(Database& database);
 
-/// Deletes the oldest requests until the data has `most` bytes or fewer: with a request go its chunk and its events,
-/// with the last chunk of a session the session. The totals of all sessions stay, unless they alone are larger. A
-/// deleted chunk that arrives again counts as new. Thread: call it in a transaction.
+/// Deletes the oldest requests, with their chunks and events, until the data has at most `most` bytes. Also deletes
+/// each session that has no chunk left. The totals of all sessions stay, unless they alone have more than `most` bytes.
+/// A deleted chunk that arrives again counts as new. Must be called in a transaction.
 void forgetOldest(Database& database, std::int64_t most);
 
 }  // namespace kelvo::collector

@@ -100,7 +100,7 @@ DELETE FROM attribute_types; DELETE FROM problem_rows; DELETE FROM occurrences; 
 DELETE FROM users; DELETE FROM user_history;
 )sql";
 
-/// Deletes the sessions of which no chunk is left, and everything derived from them.
+/// Deletes every session that has no chunk left, and everything derived from it.
 inline constexpr const char* kForgetEmptySessions = R"sql(
 CREATE TEMP TABLE empty AS SELECT key FROM sessions WHERE NOT EXISTS (SELECT 1 FROM chunks WHERE session = key);
 DELETE FROM attribute_values WHERE attribute IN (SELECT key FROM attributes WHERE session IN (SELECT key FROM empty));
