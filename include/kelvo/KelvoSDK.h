@@ -7,9 +7,11 @@
 #include <string>
 
 #include "kelvo/Application.h"
+#include "kelvo/Consent.h"
 #include "kelvo/EventOptions.h"
 #include "kelvo/Export.h"
 #include "kelvo/Flush.h"
+#include "kelvo/Ledger.h"
 #include "kelvo/Nilable.h"
 #include "kelvo/Options.h"
 #include "kelvo/Value.h"
@@ -47,6 +49,8 @@ class KELVO_EXPORT KelvoSDK {
   /// What the library does at present.
   enum class State {
     running,            ///< it collects
+    waitingForConsent,  ///< it holds calls in memory until the user decides; it touches nothing
+    consentDenied,      ///< the user has denied consent: nothing is collected
     disabledByService,  ///< the service, or its last known answer, has switched collection off
     switchedOffHere,    ///< the user or administrator of this machine has switched Kelvo off; it touches nothing
     homeInUse,          ///< another process uses the home; `reason` says whether events wait for the next launch

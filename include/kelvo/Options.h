@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -54,6 +56,26 @@ struct Options {
   /// Whether the process writes the line "KelvoiOSSDK finalizer" to standard output when it ends. Overrides
   /// "KelvoFarewell" of the bundle.
   bool farewell = false;
+
+  /// Whether nothing may be collected, stored or sent until `KelvoSDK::setConsent` was called with `granted`, in this
+  /// launch or an earlier one. "KelvoConsent" = "required" of the bundle has the same effect.
+  bool consentRequired = false;
+
+  /// The number of calls that are held in memory until then. Beyond it, the oldest call is dropped.
+  std::size_t maxHeldCalls = 1000;
+
+  /// The number of calls that may wait to be stored. A call beyond it is refused: one WARN line a second.
+  std::size_t maxWaitingCalls = 100000;
+
+  /// The size of the library's data on the disk, in bytes. Beyond it, the oldest data is deleted, whole chunks at a
+  /// time, with one WARN line each. 0: no limit. nullopt: 100 MiB under `Delivery::complete`, else no limit.
+  std::optional<std::uint64_t> maxStoredBytes{};
+
+  /// The age in days at which stored data is deleted in the same way. 0: never.
+  std::uint32_t maxStoredDays = 0;
+
+  /// Whether chunks carry the ledger (`KelvoSDK::ledger`), so that the service can tell a loss from an eviction.
+  bool sendLedger = false;
 };
 
 }  // namespace kelvo

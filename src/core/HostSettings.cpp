@@ -9,6 +9,7 @@
 #include "platform/ServiceEndpoint.h"
 #include "records/KLVRecordKeys.h"
 #include "util/KLVDeliveryRules.h"
+#include "util/KLVHostLimits.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -70,6 +71,12 @@ void HostSettings::apply(const Options& options) {
   const bool keepsBundlesDelivery = bundleNamesDelivery_ && !options.delivery;
   lock.unlock();
   if (!keepsBundlesDelivery) KLVDeliveryRules::choose(rulesOf(options.delivery.value_or(Delivery::complete)));
+  KLVHostLimits::choose(
+      {.mostHeldCalls = options.maxHeldCalls,
+       .mostWaitingCalls = options.maxWaitingCalls,
+       .mostStoredBytes = options.maxStoredBytes.value_or(KLVDeliveryRules::current().mostStoredBytes),
+       .mostStoredDays = options.maxStoredDays,
+       .sendsLedger = options.sendLedger});
 }
 
 void HostSettings::rename(KLVAppInfo& app) {

@@ -7,6 +7,7 @@ namespace {
 
 constexpr std::uint64_t kMostEvents = 5000;
 constexpr std::size_t kMostText = 1024 * 1024;
+constexpr std::uint64_t kMostStored = 100 * 1024 * 1024;
 
 std::atomic<const KLVDeliveryRules*> chosen{&KLVDeliveryRules::classic};
 
@@ -27,6 +28,8 @@ constexpr KLVDeliveryRules KLVDeliveryRules::complete{
     .replacesForeignDeviceIds = true,
     .mostEventsInAChunk = kMostEvents,
     .mostTextInAChunk = kMostText,
+    .deletesAcceptedEvents = true,
+    .mostStoredBytes = kMostStored,
 };
 
 const KLVDeliveryRules& KLVDeliveryRules::current() noexcept {

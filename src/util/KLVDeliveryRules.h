@@ -37,6 +37,11 @@ struct KLVDeliveryRules {
   std::uint64_t mostEventsInAChunk = std::numeric_limits<std::uint64_t>::max();
   std::size_t mostTextInAChunk = std::numeric_limits<std::size_t>::max();
 
+  /// Accepted events leave the database in the transaction that marks their chunk. Otherwise with their session.
+  bool deletesAcceptedEvents = false;
+  /// The size in bytes of the library's data on the disk, unless the host chooses another; 0: no limit.
+  std::uint64_t mostStoredBytes = 0;
+
   /// Returns the rules of this process: `classic` unless `choose` was called. Thread-safe.
   static const KLVDeliveryRules& current() noexcept;
   static void choose(const KLVDeliveryRules& rules) noexcept;
