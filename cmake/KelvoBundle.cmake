@@ -1,6 +1,6 @@
 # kelvo_add_bundle(<target> APP_ID <id>
 #                  [BUNDLE_ID <id>] [NAME <name>] [VERSION <version>] [BUILD <build>]
-#                  [DELIVERY complete|classic] [NO_FAREWELL] [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
+#                  [DELIVERY complete|classic] [CONSENT required] [NO_FAREWELL] [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
 #
 # Writes `<executable>.bundle/Info.plist` next to the executable `target`. With this bundle, the library starts when the
 # program is loaded.
@@ -11,12 +11,13 @@
 #   VERSION, BUILD   the application's version as the service shows it; default: none
 #   DELIVERY         the rules of delivery: complete (default) delivers every event once, also after a long absence or
 #                    an outage; classic keeps the losses that the system requires
+#   CONSENT          required: nothing is collected, stored or sent before KelvoSDK::setConsent(granted)
 #   NO_FAREWELL      the program prints no line when it ends
 #   PLUGINS          classes of the plug-ins that are linked in; kelvo_add_plugin adds those in shared objects
 #   SERVER_BASE_URL  the service
 #   CA_FILE          absolute path, on the machine that runs the program, of a private authority in PEM form
 function(kelvo_add_bundle target)
-  cmake_parse_arguments(ARG "NO_FAREWELL" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;DELIVERY;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
+  cmake_parse_arguments(ARG "NO_FAREWELL" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;DELIVERY;CONSENT;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
   if(NOT TARGET ${target})
     message(FATAL_ERROR "kelvo_add_bundle: there is no target ${target}")
   endif()
@@ -43,6 +44,9 @@ function(kelvo_add_bundle target)
   if(NOT "${ARG_DELIVERY}" MATCHES "^(complete|classic)$")
     message(FATAL_ERROR "kelvo_add_bundle: DELIVERY \"${ARG_DELIVERY}\" is neither complete nor classic")
   endif()
+  if("CONSENT" IN_LIST ARG_KEYWORDS_MISSING_VALUES OR (DEFINED ARG_CONSENT AND NOT ARG_CONSENT STREQUAL "required"))
+    message(FATAL_ERROR "kelvo_add_bundle: CONSENT \"${ARG_CONSENT}\" is unknown; the only value is: required")
+  endif()
   if(NOT ARG_NAME)
     set(ARG_NAME ${target})
   endif()
@@ -59,6 +63,7 @@ function(kelvo_add_bundle target)
   add_entry(CFBundleShortVersionString "${ARG_VERSION}")
   add_entry(CFBundleVersion "${ARG_BUILD}")
   add_entry(KelvoDelivery "${ARG_DELIVERY}")
+  add_entry(KelvoConsent "${ARG_CONSENT}")
   add_entry(KelvoServerBaseURL "${ARG_SERVER_BASE_URL}")
   add_entry(KelvoCAFile "${ARG_CA_FILE}")
   if(ARG_NO_FAREWELL)

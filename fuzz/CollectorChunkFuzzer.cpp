@@ -4,8 +4,8 @@
 #include "kelvo-collector/debug/Events.h"
 #include "kelvo-collector/debug/Listings.h"
 #include "kelvo-collector/debug/Problems.h"
-#include "kelvo-collector/service/ChunkValidation.h"
 #include "kelvo-collector/store/Store.h"
+#include "kelvo-service/ChunkValidation.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;
@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   collector::ReceivedRequest request;
   request.body.assign(reinterpret_cast<const char*>(bytes), size);
   const auto body = parseJSON(request.body);
-  if (!body || collector::faultOfChunk(*body)) return 0;
+  if (!body || service::faultOfChunk(*body)) return 0;
   require(store->add(request, "app"), "an accepted chunk is stored");
   store->read([](auto& database) {
     for (const Dictionary& all : {collector::listSessions(database, 0, 10), collector::listEvents(database, {}),

@@ -6,8 +6,8 @@
 
 #include "Fuzzing.h"
 #include "kelvo-collector/http/Server.h"
-#include "kelvo-collector/service/ServiceState.h"
 #include "kelvo-collector/store/Retention.h"
+#include "kelvo-service/ServiceState.h"
 
 namespace kelvo::fuzz {
 namespace {

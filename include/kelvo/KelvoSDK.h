@@ -33,10 +33,16 @@ namespace kelvo {
 ///
 /// Calls before the database is ready are kept in memory and stored once it is. Normal exit and
 /// `Application::willResignActive` save the events among them to a file for the next launch.
+///
+/// With `Options::consentRequired`, the library does nothing before the user has granted consent: it creates no file,
+/// no thread and no socket. It holds calls in memory, and its log lines, too; a process that ends first drops the
+/// calls.
 class KELVO_EXPORT KelvoSDK {
  public:
   /// Starts the library with `options`. Only the first start of a process with an id that is not empty counts. A later
   /// one is ignored with one INFO line, also after the bundle has started the library.
+  ///
+  /// Reads one small file of the home, with the user's decision about consent, before it returns.
   ///
   /// The defaults suit a new host: every event is delivered once, only errors are logged, nothing is printed.
   static void start(Options options) noexcept;
@@ -62,9 +68,33 @@ class KELVO_EXPORT KelvoSDK {
   };
 
   /// Calls `callback` with the present status as soon as it is known, and again with each new one. Any number of
-  /// callbacks may be added; none is ever removed. They run one at a time on a library queue. An exception from one is
-  /// logged. An empty `callback` is ignored. A forked child and an exiting process get no calls.
+  /// callbacks may be added; none is ever removed. They run one at a time on a library queue; while the library waits
+  /// for consent, it has no thread, and they run inside `start` or this function. An exception from one is logged. An
+  /// empty `callback` is ignored. A forked child and an exiting process get no calls.
   static void onReady(std::function<void(const Status&)> callback) noexcept;
+
+  /// Applies the user's decision about the collection of data, and remembers it in the home for later launches. Before
+  /// the start, the decision is kept in memory, and the start applies it. `undecided` is ignored with one WARN line.
+  ///
+  /// `granted`: if consent was required, the start-up runs now, and the held calls are played in their order, with the
+  /// times at which they were made. After a denial, collection begins as a new device.
+  ///
+  /// `denied`: nothing is collected any more. Held calls are dropped. Everything that the library has stored on this
+  /// device is erased. If anything was ever sent, the service is asked to erase it, too, until it confirms.
+  ///
+  /// A host that does not require consent may call this at any time, too; a denial in its home counts for it as well.
+  /// Where Kelvo is switched off, a grant is not stored, and a denial only if the home exists.
+  static void setConsent(Consent consent) noexcept;
+
+  /// Returns the latest decision: of `setConsent`, or the one that the start has found in the home. Without one,
+  /// returns `granted` after a start that does not require consent, else `undecided`. In a forked child, `undecided`.
+  [[nodiscard]] static Consent consent() noexcept;
+
+  /// Returns every kind of data that this build may collect, for a page that informs the user. The keys are names of
+  /// the kinds, such as "device_info.hardware_model". Each value is a dictionary of texts in English: "what" it is, its
+  /// "purpose", "stored" (where on this device) and "kept" (for how long, on this device). The same on every call;
+  /// empty in a forked child.
+  [[nodiscard]] static Dictionary describeData() noexcept;
 
   /// Sets the host's own id of its user as an attribute of the user. nil is refused with an ERROR line. So is a call
   /// before the end of the start-up, unless the delivery rules are `complete`.
@@ -106,12 +136,24 @@ class KELVO_EXPORT KelvoSDK {
   /// the start-up has it, and in a forked child.
   [[nodiscard]] static std::optional<std::string> getDeviceID() noexcept;
 
+  /// Erases everything that the library has stored on this device: events, counts, records, configuration, identifiers.
+  /// Earlier calls that are not sent yet are dropped. If anything was ever sent, the service is asked to erase it, too,
+  /// until it confirms. Then collection continues as a new device, with later calls. Does not change the consent. If a
+  /// file cannot be deleted, nothing more is collected before a launch that can. Returns at once.
+  static void erase() noexcept;
+
+  /// Returns what became of the events of this process, and of all since the installation or the last erasure. The
+  /// latter are those of this process alone until the database is open, and in a process that leaves the home to
+  /// another one. Reads memory only, and may be called often. In a forked child, every count is 0.
+  [[nodiscard]] static Ledger ledger() noexcept;
+
   /// Cuts all events of earlier calls into chunks now and posts everything that waits. Calls `callback` once, on a
-  /// library queue, as soon as the service has accepted all of it, nothing more can follow, or `deadline` has passed.
-  /// A start-up that is under way is waited for, within the deadline. With a deadline of 0 or less, the result is the
-  /// state after the cut. Under `complete`, refused chunks are posted again until the deadline, but never before a time
-  /// that the service asks for; under `classic`, the first refusal of a chunk ends the flush. The callback does not
-  /// come once the process exits. An empty `callback` is allowed.
+  /// library queue (before the start and while consent is undecided: on the caller's or the start's thread), as soon as
+  /// the service has accepted all of it, nothing more can follow, or `deadline` has passed. A start-up that is under
+  /// way is waited for, within the deadline. With a deadline of 0 or less, the result is the state after the cut. Under
+  /// `complete`, refused chunks are posted again until the deadline, but never before a time that the service asks for;
+  /// under `classic`, the first refusal of a chunk ends the flush. The callback does not come once the process exits.
+  /// An empty `callback` is allowed.
   static void flush(std::chrono::milliseconds deadline, std::function<void(const FlushResult&)> callback) noexcept;
 
   /// As `flush`, and returns the result. This is the only call that blocks: up to `deadline`, and at most one second

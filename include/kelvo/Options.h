@@ -58,10 +58,12 @@ struct Options {
   bool farewell = false;
 
   /// Whether nothing may be collected, stored or sent until `KelvoSDK::setConsent` was called with `granted`, in this
-  /// launch or an earlier one. "KelvoConsent" = "required" of the bundle has the same effect.
+  /// launch or an earlier one. "KelvoConsent" = "required" of the bundle has the same effect; so has any other value of
+  /// this key, after one ERROR line.
   bool consentRequired = false;
 
-  /// The number of calls that are held in memory until then. Beyond it, the oldest call is dropped.
+  /// The number of calls that are held in memory until then. Beyond it, the oldest call is dropped: one WARN line when
+  /// that begins, and `LedgerCounts::droppedBeforeConsent` counts the events.
   std::size_t maxHeldCalls = 1000;
 
   /// The number of calls that may wait to be stored. A call beyond it is refused: one WARN line a second.

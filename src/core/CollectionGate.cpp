@@ -21,7 +21,26 @@ bool CollectionGate::begin() noexcept {
   return true;
 }
 
+void CollectionGate::close() noexcept {
+  isClosed_ = true;
+  databaseExists_ = recordsExist_ = startUpHasEnded_ = false;
+  if (state_ != State::idle) state_ = State::initialising;
+  KLVLedger::shared().add(KLVLedgerEntry::notStored, events_.size());
+  events_.clear();
+  attributes_.clear();
+  awaitsCount_.reset();
+  token_.reset();
+}
+
+void CollectionGate::reopen() noexcept {
+  const auto token = std::exchange(token_, std::nullopt);
+  close();
+  token_ = token;
+  isClosed_ = false;
+}
+
 void CollectionGate::setEnabled(bool enabled) noexcept {
+  if (isClosed_) return;
   if (state_ == State::initialising && enabled) {
     state_ = State::running;
   } else if (state_ == State::running && !enabled) {
@@ -30,17 +49,20 @@ void CollectionGate::setEnabled(bool enabled) noexcept {
 }
 
 std::vector<std::shared_ptr<KLVEvent>> CollectionGate::openDatabase() noexcept {
-  if (events_.empty()) databaseExists_ = true;
+  if (events_.empty()) databaseExists_ = !isClosed_;
   return takeEvents();
 }
 
-void CollectionGate::terminate() noexcept {
+void CollectionGate::terminate(KLVLedgerEntry reason) noexcept {
+  refusal_ = reason;
+  KLVLedger::shared().add(refusal_, events_.size());
   events_.clear();
   attributes_.clear();
-  if (!databaseExists_) state_ = State::terminated;
+  if (!databaseExists_ && !isClosed_) state_ = State::terminated;
 }
 
 CollectionGate::Decision CollectionGate::decide(bool destinationExists) const noexcept {
+  if (isClosed_) return Decision::drop;
   if (state_ == State::terminated) return Decision::refuse;
   return state_ == State::running && destinationExists ? Decision::store : Decision::buffer;
 }
@@ -50,13 +72,23 @@ bool CollectionGate::admit(bool destinationExists, const char* kind, const Buffe
   switch (decide(destinationExists)) {
     case Decision::store: return true;
     case Decision::buffer: buffer(); return false;
+    case Decision::drop: return false;
     case Decision::refuse: break;
   }
   logRefusal(kind);
   return false;
 }
 
+void CollectionGate::countRefusal() const {
+  if (isClosed_) {
+    KLVLedger::shared().add(KLVLedgerEntry::notStored);
+  } else if (state_ == State::terminated) {
+    KLVLedger::shared().add(refusal_);
+  }
+}
+
 bool CollectionGate::admitEvent(const std::shared_ptr<KLVEvent>& event) {
+  countRefusal();
   return admit(databaseExists_, kEvent, [&] {
     events_.push_back(event);
     if (event->eventType() == KLVEventType::app) awaitsCount_ = event;
@@ -65,13 +97,16 @@ bool CollectionGate::admitEvent(const std::shared_ptr<KLVEvent>& event) {
 
 bool CollectionGate::admitCount(const std::shared_ptr<KLVEvent>& event) {
   if (std::exchange(awaitsCount_, nullptr) == event) return false;
+  if (event->eventType() != KLVEventType::app) countRefusal();  // an application event has been counted with its row
   return admit(databaseExists_, kEvent, [&] { events_.push_back(event); });
 }
 
 bool CollectionGate::admitEventUnbuffered() const {
-  const bool stores = decide(databaseExists_) == Decision::store;
-  if (!stores) logRefusal(kEvent);
-  return stores;
+  const Decision decision = decide(databaseExists_);
+  if (decision == Decision::store) return true;
+  KLVLedger::shared().add(decision == Decision::drop ? KLVLedgerEntry::notStored : refusal_);
+  if (decision != Decision::drop) logRefusal(kEvent);
+  return false;
 }
 
 bool CollectionGate::admitAttributes(const BufferedAttributes& call) {
@@ -79,6 +114,7 @@ bool CollectionGate::admitAttributes(const BufferedAttributes& call) {
 }
 
 bool CollectionGate::admitToken(const std::string& token, bool recordExists) {
+  if (isClosed_) token_ = token;
   return admit(recordExists, kCall, [&] { token_ = token; });
 }
 
@@ -92,10 +128,12 @@ std::vector<BufferedAttributes> CollectionGate::takeUserAttributes() {
 }
 
 void CollectionGate::putBack(const std::vector<std::shared_ptr<KLVEvent>>& events) {
+  if (isClosed_) return;
   events_.insert(events_.begin(), events.begin(), events.end());
 }
 
 void CollectionGate::putBack(const std::vector<BufferedAttributes>& calls) {
+  if (isClosed_) return;
   attributes_.insert(attributes_.begin(), calls.begin(), calls.end());
 }
 

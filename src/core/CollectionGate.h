@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "records/KLVEvent.h"
+#include "util/KLVLedger.h"
 
 namespace kelvo {
 
@@ -37,7 +38,7 @@ struct BufferedAttributes {
 class CollectionGate {
  public:
   enum class State { idle, initialising, running, terminated };
-  enum class Decision { store, buffer, refuse };
+  enum class Decision { store, buffer, refuse, drop };
 
   /// Leaves the state idle. Returns false if an earlier call did.
   [[nodiscard]] bool begin() noexcept;
@@ -47,13 +48,22 @@ class CollectionGate {
   /// exists as the destination of events. Called repeatedly, it keeps later events behind the buffered ones.
   [[nodiscard]] std::vector<std::shared_ptr<KLVEvent>> openDatabase() noexcept;
   /// The stored user is merged: from now on the records exist as the destination of attributes.
-  void openRecords() noexcept { recordsExist_ = true; }
+  void openRecords() noexcept { recordsExist_ = !isClosed_; }
   /// The start-up has ended, with the gate running or terminated.
-  void finishStartUp() noexcept { startUpHasEnded_ = true; }
-  /// Drops the buffered events and attributes, and refuses every later call permanently.
+  void finishStartUp() noexcept { startUpHasEnded_ = !isClosed_; }
+  /// An erasure begins: empties all buffers, and drops every event and attribute silently until `reopen`, whatever the
+  /// state. A token is buffered. Leaves a state other than idle for initialising, and keeps it. The ledger counts
+  /// dropped events as not stored.
+  void close() noexcept;
+  /// The erasure has ended: begins again without destinations. Tokens from the time since `close` stay buffered.
+  void reopen() noexcept;
+  /// Drops the buffered events and attributes, and refuses every later call permanently. The ledger counts dropped and
+  /// refused events under `reason`.
   /// Kept: once the database is ready, a running gate still stores.
-  void terminate() noexcept;
+  void terminate(KLVLedgerEntry reason = KLVLedgerEntry::refusedTerminated) noexcept;
 
+  /// Returns true from `close` to `reopen`.
+  [[nodiscard]] bool isClosed() const noexcept { return isClosed_; }
   [[nodiscard]] State state() const noexcept { return state_; }
   [[nodiscard]] bool databaseExists() const noexcept { return databaseExists_; }
   [[nodiscard]] bool recordsExist() const noexcept { return recordsExist_; }
@@ -88,8 +98,11 @@ class CollectionGate {
  private:
   template <class Buffer>
   bool admit(bool destinationExists, const char* kind, const Buffer& buffer);
+  void countRefusal() const;
 
   State state_ = State::idle;
+  KLVLedgerEntry refusal_ = KLVLedgerEntry::refusedDisabled;
+  bool isClosed_ = false;
   bool databaseExists_ = false;
   bool recordsExist_ = false;
   bool startUpHasEnded_ = false;

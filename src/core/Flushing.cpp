@@ -96,6 +96,16 @@ class BlockedMainLoop {
 
 void Flushing::begin(milliseconds deadline, std::function<void(const FlushResult&)> callback) {
   const bool waits = deadline.count() > 0;
+  const bool never = isRefusedForItsRights() || SwitchedOff::reason() || controller().waitsForConsent();
+  if (never || (!waits && !controller().isSDKInitCalled())) {
+    return callback(undelivered(controller().deliveryState(), 0));
+  }
+  if (!controller().isSDKInitCalled()) {  // there is no thread yet that could count the time
+    return controller().whenPastStart([latest = std::chrono::steady_clock::now() + std::min(deadline, kLongestDeadline),
+                                       callback = std::move(callback)] {
+      begin(std::chrono::duration_cast<milliseconds>(latest - std::chrono::steady_clock::now()), callback);
+    });
+  }
   const auto finish = [isOver = std::make_shared<std::atomic<bool>>(false), callback = std::move(callback),
                        failuresBefore = controller().deliveryState().failures](End end) {
     if (!isOver->exchange(true)) callback(resultOf(end, failuresBefore));
@@ -109,8 +119,7 @@ void Flushing::begin(milliseconds deadline, std::function<void(const FlushResult
   };
   // Not on the caller's thread, because counting reads the database.
   DispatchQueue::global().async([waits, finish, deliver] {
-    const bool never = isRefusedForItsRights() || SwitchedOff::reason();
-    if (never || (!waits && !controller().hasStarted())) return finish(End::tooLate);
+    if (!waits && !controller().hasStarted()) return finish(End::tooLate);
     controller().whenStarted(deliver);
   });
 }
@@ -123,7 +132,8 @@ FlushResult Flushing::wait(milliseconds deadline) {
     return result;
   }
   const std::uint64_t failuresBefore = controller().deliveryState().failures;
-  const auto limit = std::clamp(deadline, milliseconds(0), kLongestDeadline) + kLongestCount;
+  const auto limit = std::clamp(deadline, milliseconds(0), kLongestDeadline) +
+                     (controller().isSDKInitCalled() ? kLongestCount : milliseconds(0));
   const auto latest = std::chrono::steady_clock::now() + limit;
   const BlockedMainLoop blocked;
   const auto result = std::make_shared<std::promise<FlushResult>>();

@@ -29,6 +29,15 @@ bool chooseDelivery(const Value& name) {
   return rules != nullptr;
 }
 
+/// Returns whether the bundle's "KelvoConsent" requires consent. An unknown value does: nobody writes the key without
+/// the wish to ask first.
+bool bundleRequiresConsent(const Value& value) {
+  if (value.isNull()) return false;
+  if (value != Value("required"))
+    KLV_ERROR("KelvoConsent has an unknown value: {}; the only one is \"required\", which applies", value);
+  return true;
+}
+
 }  // namespace
 
 HostSettings& HostSettings::shared() {
@@ -48,6 +57,7 @@ bool HostSettings::refusesForeignRights() {
 void HostSettings::applyBundle(const Dictionary& info) {
   if (info["KelvoFarewell"] == Value(false)) chooseFarewell(false);
   const bool namesDelivery = chooseDelivery(info["KelvoDelivery"]);
+  if (bundleRequiresConsent(info["KelvoConsent"])) requiresConsent_ = true;
   const Lock lock(mutex_);
   bundleNamesDelivery_ = namesDelivery;
 }
@@ -55,6 +65,7 @@ void HostSettings::applyBundle(const Dictionary& info) {
 void HostSettings::applyOutput(const Options& options) {
   dropHeldLine();
   chooseFarewell(options.farewell);
+  if (options.consentRequired) requiresConsent_ = true;
   if (options.logSink) KLVLogger::setSink(options.logSink);
   KLVLogger::chooseLevel(options.logLevel);
 }
@@ -71,12 +82,11 @@ void HostSettings::apply(const Options& options) {
   const bool keepsBundlesDelivery = bundleNamesDelivery_ && !options.delivery;
   lock.unlock();
   if (!keepsBundlesDelivery) KLVDeliveryRules::choose(rulesOf(options.delivery.value_or(Delivery::complete)));
-  KLVHostLimits::choose(
-      {.mostHeldCalls = options.maxHeldCalls,
-       .mostWaitingCalls = options.maxWaitingCalls,
-       .mostStoredBytes = options.maxStoredBytes.value_or(KLVDeliveryRules::current().mostStoredBytes),
-       .mostStoredDays = options.maxStoredDays,
-       .sendsLedger = options.sendLedger});
+  KLVHostLimits::choose({.mostHeldCalls = options.maxHeldCalls,
+                         .mostWaitingCalls = options.maxWaitingCalls,
+                         .mostStoredBytes = options.maxStoredBytes,
+                         .mostStoredDays = options.maxStoredDays,
+                         .sendsLedger = options.sendLedger});
 }
 
 void HostSettings::rename(KLVAppInfo& app) {

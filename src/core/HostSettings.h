@@ -23,11 +23,12 @@ class HostSettings {
   /// first time, logs one ERROR line and tells the host.
   static bool refusesForeignRights();
 
-  /// Applies "KelvoDelivery" and "KelvoFarewell" of the `Info.plist`. Called at load.
+  /// Applies "KelvoDelivery", "KelvoFarewell" and "KelvoConsent" of the `Info.plist`. Called at load.
   void applyBundle(const Dictionary& info) EXCLUDES(mutex_);
   /// Applies all options but the id of the application and of its user. Called once, before the start-up.
   void apply(const Options& options) EXCLUDES(mutex_);
-  /// Applies only those about output: sink, level, farewell. Drops the held line.
+  /// Applies only those about output and consent: sink, level, farewell, whether consent is required. Drops the held
+  /// line.
   void applyOutput(const Options& options) EXCLUDES(mutex_);
 
   /// Replaces the bundle's name and version in the record, if the host has given its own.
@@ -37,6 +38,9 @@ class HostSettings {
   [[nodiscard]] bool saysFarewell() const noexcept { return saysFarewell_; }
   void chooseFarewell(bool says) noexcept { saysFarewell_ = says; }
 
+  /// Returns whether the host or its bundle requires the user's consent. Takes no lock.
+  [[nodiscard]] bool requiresConsent() const noexcept { return requiresConsent_; }
+
   /// Keeps `write`, which logs the line of the load.
   void holdLine(std::function<void()> write) EXCLUDES(mutex_);
   /// Writes the line, if there is one that was neither written nor dropped.
@@ -45,6 +49,7 @@ class HostSettings {
 
  private:
   std::atomic<bool> saysFarewell_{true};
+  std::atomic<bool> requiresConsent_{false};
   Mutex mutex_;
   std::function<void()> heldLine_ GUARDED_BY(mutex_);
   bool bundleNamesDelivery_ GUARDED_BY(mutex_) = false;

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "network/KLVConfigManager.h"
 #include "records/KLVAppInfo.h"
@@ -27,6 +28,7 @@ struct KLVComponents {
   std::shared_ptr<KLVDeviceInfo> deviceInfo;
   std::shared_ptr<KLVSDKInfo> sdkInfo;
   std::shared_ptr<KLVDataHandler> dataHandler;
+  std::vector<std::shared_ptr<KLVDataHandler>> earlierHandlers;  ///< with data queues of their own
   std::shared_ptr<KLVConfigManager> configManager;
   std::shared_ptr<KLVChunkManager> chunkManager;
 };

@@ -40,22 +40,6 @@ bool KLVController::isReactNative() const noexcept {
   return KLVUtilities::isReactNative();
 }
 
-void KLVController::saveFrequencyInfo(const Value& info, const std::optional<std::string>& identifier) {
-  const auto handler = dataHandler();
-  if (handler == nullptr || KLVUtilities::isInvalidDictionary(info) || KLVUtilities::isInvalidString(identifier))
-    return;
-  handler->saveFrequencyInfo(info, *identifier);
-}
-
-std::optional<Value> KLVController::retrieveFrequencyConfigWithIdentifier(
-    const std::optional<std::string>& identifier) {
-  const auto handler = dataHandler();
-  const auto stored = handler ? handler->retrieveFrequencyConfig() : std::nullopt;
-  const auto* dictionary = stored ? stored->get<Dictionary>() : nullptr;
-  const Value* entry = dictionary != nullptr && identifier ? dictionary->find(*identifier) : nullptr;
-  return entry != nullptr ? std::optional(*entry) : std::nullopt;
-}
-
 std::optional<Dictionary> KLVController::getLifetimeCountForEvents(const std::vector<std::string>& names) {
   if (names.empty()) return std::nullopt;
   Dictionary counts;

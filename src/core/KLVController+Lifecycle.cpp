@@ -16,6 +16,11 @@ namespace {
 
 constexpr std::int64_t kHoursPerDay = 24;
 
+void incrementLifetimeSessionCount(std::int64_t count) {
+  KLV_DEBUG("Increasing lifetime session count: {}", count);
+  UserDefaults::standard().set(kKLVSessionCountKey, count + 1);
+}
+
 }  // namespace
 
 void KLVController::onEvent(const std::shared_ptr<KLVEvent>& event) {
@@ -41,6 +46,7 @@ void KLVController::startSessionWithLaunchType(const std::optional<std::string>&
     earlier = components_.session;
     before = components_.dataHandler;
     if (earlier != nullptr && !gate_.databaseExists()) return;  // a session is replaced once its store is open
+    if (gate_.isClosed()) return;
   }
   if (earlier != nullptr) {
     earlier->stopSession();
@@ -57,13 +63,15 @@ void KLVController::startSessionWithLaunchType(const std::optional<std::string>&
   {
     const Lock lock(mutex_);
     if (earlier == nullptr) started->continueFrom(components_.foregroundBeforeSession);
+    if (gate_.isClosed()) return started->stopSession();  // an erasure has begun
+    if (before != nullptr && !isWhole) components_.earlierHandlers.push_back(before);
     components_.session = started;
     components_.dataHandler = handler;
     chunks = components_.chunkManager;
   }
   handler->saveSessionInfo(started, started->identifier());
   if (isWhole && chunks != nullptr) chunks->startSession(started->identifier());
-  incrementLifetimeSessionCount();
+  incrementLifetimeSessionCount(getLifetimeSessionCount());
 }
 
 void KLVController::updateChunkStartTime(Date when) {
@@ -95,21 +103,8 @@ void KLVController::updateChunkEndTime(Date when) {
   });
 }
 
-void KLVController::performReport(EarlyReports::Report report) {
-  controllerSerialQueue_.async([this, report = std::move(report)] {
-    controllerSerialQueue_.assertCurrent();
-    earlyReports_.add(report);
-  });
-}
-
 std::int64_t KLVController::getLifetimeSessionCount() {
   return UserDefaults::standard().integer(kKLVSessionCountKey);
-}
-
-void KLVController::incrementLifetimeSessionCount() {
-  const std::int64_t count = getLifetimeSessionCount();
-  KLV_DEBUG("Increasing lifetime session count: {}", count);
-  UserDefaults::standard().set(kKLVSessionCountKey, count + 1);
 }
 
 std::int64_t KLVController::getRetentionDay() {
@@ -150,7 +145,8 @@ void KLVController::sendUserInfo() {
       KLV_DEBUG("Send user info response: {}", response->description());
     }
   };
-  postDataToURL(std::string(kKLVSDKUserInfoURL) + applicationIdentifier(), body, std::nullopt, completion);
+  postDataToURL(std::string(kKLVSDKUserInfoURL) + applicationIdentifier(), body,
+                Dictionary{{std::string(kKLVEraseHeader), KLVDeviceInfo::eraseSecret()}}, completion);
 }
 
 void KLVController::saveSessionInfoWithIndentifier(const std::optional<std::string>& identifier) {
@@ -194,7 +190,7 @@ void KLVController::markFatalAndUpdateDuration(std::optional<Date> duration,
 void KLVController::terminateSDK() {
   {
     const Lock lock(mutex_);
-    gate_.terminate();
+    gate_.terminate(holdsHome_ ? KLVLedgerEntry::refusedDisabled : KLVLedgerEntry::refusedTerminated);
   }
   systemEventMonitor_.stop();
   navigationMonitor_->stop();

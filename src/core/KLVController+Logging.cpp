@@ -5,9 +5,12 @@
 #include "platform/Clock.h"
 #include "util/KLVDeliveryRules.h"
 #include "util/KLVException.h"
+#include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
+#include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
 #include "util/KLVUtilities+Device.h"
+#include "util/KLVWaitingCall.h"
 
 namespace kelvo {
 namespace {
@@ -32,6 +35,23 @@ bool clean(std::optional<Dictionary>& info) {
   }
 }
 
+/// The same for an event, which the ledger counts.
+bool cleanEvent(std::optional<Dictionary>& info) {
+  KLVLedger::shared().add(KLVLedgerEntry::logged);
+  const bool isClean = clean(info);
+  if (!isClean) KLVLedger::shared().add(KLVLedgerEntry::refusedUncleanable);
+  return isClean;
+}
+
+void countNameless() {
+  KLVLedger::shared().add(KLVLedgerEntry::refusedNameless);
+}
+
+/// Returns whether an event of this type counts as logged when the host calls. Others do when they are dispatched.
+bool isCountedAtItsCall(KLVEventType type) {
+  return type == KLVEventType::app || type == KLVEventType::client || type == KLVEventType::customError;
+}
+
 }  // namespace
 
 void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
@@ -39,7 +59,7 @@ void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
     KLV_ERROR("Identifier passed is nil");
     return;
   }
-  controllerSerialQueue_.async([this, identifier = *std::move(identifier)] {
+  submit([this, identifier = *std::move(identifier)] {
     const auto state = gateState();
     const bool isEarly = state == CollectionGate::State::idle || state == CollectionGate::State::initialising;
     if (state == CollectionGate::State::running || (isEarly && KLVDeliveryRules::current().keepsEarlyUserIdentifier)) {
@@ -52,44 +72,56 @@ void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
 
 void KLVController::logScreenWithName(const std::optional<std::string>& title) {
   if (KLVUtilities::isInvalidString(title)) {
+    KLVLedger::shared().refuse(KLVLedgerEntry::refusedNameless);
     KLV_WARN("Invalid title: {} given", title);
     return;
   }
-  controllerSerialQueue_.async([this, title = *title, when = Clock::now()] {
-    controllerSerialQueue_.assertCurrent();
-    earlyReports_.addNamedScreen([this, title, when] { navigationMonitor_->logScreenWithName(title, when); });
-  });
+  auto call = KLVWaitingCall::admit();
+  if (!call) return;
+  submit([this, title = *title, when = Clock::now(),
+          call = std::move(call)] { navigationMonitor_->logScreenWithName(title, when); },
+         HeldCalls::Kind::namedScreen);
 }
 
 void KLVController::logClientEventWithName(std::optional<std::string> name, std::optional<Dictionary> info,
                                            bool shouldFlatten) {
-  if (!clean(info)) return;
-  controllerSerialQueue_.async([this, name = std::move(name), info = std::move(info), shouldFlatten] {
-    if (!name) {
-      KLV_WARN("Improper app event logged");
-      return;
-    }
-    clientEventSource_.logEvent(*name, flattened(info, shouldFlatten), std::nullopt);
-  });
+  auto call = KLVWaitingCall::admit();
+  if (!call || !cleanEvent(info)) return;
+  submit(
+      [this, name = std::move(name), info = std::move(info), shouldFlatten, call = std::move(call)] {
+        if (!name) {
+          countNameless();
+          KLV_WARN("Improper app event logged");
+          return;
+        }
+        clientEventSource_.logEvent(*name, flattened(info, shouldFlatten), std::nullopt, call);
+      },
+      HeldCalls::Kind::event);
 }
 
 void KLVController::logAppEventWithName(std::optional<std::string> name, std::optional<Dictionary> info,
                                         bool shouldFlatten, bool isAggregate) {
-  if (!clean(info)) return;
-  controllerSerialQueue_.async([this, name = std::move(name), info = std::move(info), shouldFlatten, isAggregate] {
-    if (const auto handler = dataHandler()) handler->catchUp();  // a queued call takes less memory than its event
-    if (!name) {
-      KLV_WARN("Improper app event logged");
-      return;
-    }
-    Dictionary flat = flattened(info, shouldFlatten);
-    if (!isAggregate) return appEventSource_.logEvent(*name, flat, std::nullopt);
-    const auto event = std::make_shared<KLVAggregateEvent>();
-    event->setIdentifier(*name);
-    event->setAdditionalInfo(std::move(flat));
-    processAggregateEventWithEvent(event);
-    KLV_INFO("Aggregte event logged with name {}", *name);
-  });
+  auto call = KLVWaitingCall::admit();
+  if (!call || !cleanEvent(info)) return;
+  submit(
+      [this, name = std::move(name), info = std::move(info), shouldFlatten, isAggregate, when = Clock::now(),
+       call = std::move(call)] {
+        if (const auto handler = dataHandler()) handler->catchUp();  // a queued call takes less memory than its event
+        if (!name) {
+          countNameless();
+          KLV_WARN("Improper app event logged");
+          return;
+        }
+        Dictionary flat = flattened(info, shouldFlatten);
+        if (!isAggregate) return appEventSource_.logEvent(*name, flat, KLVTimer::sharedTimer().timeAt(when), call);
+        const auto event = std::make_shared<KLVAggregateEvent>();
+        event->setIdentifier(*name);
+        event->setAdditionalInfo(std::move(flat));
+        event->setCall(call);
+        processAggregateEventWithEvent(event);
+        KLV_INFO("Aggregte event logged with name {}", *name);
+      },
+      HeldCalls::Kind::event);
 }
 
 void KLVController::setUserCustomInfo(std::optional<Dictionary> info) {
@@ -101,8 +133,9 @@ void KLVController::setSessionCustomInfo(std::optional<Dictionary> info) {
 }
 
 void KLVController::setCustomInfo(std::optional<Dictionary> info, bool isUser) {
-  if (!clean(info)) return;
-  controllerSerialQueue_.async([this, info = std::move(info), isUser] {
+  const auto call = KLVWaitingCall::admit(false);
+  if (!call || !clean(info)) return;
+  submit([this, info = std::move(info), isUser, call] {
     if (!info || info->empty()) {
       // Kept: the message is the same if the service allows collection.
       if (isUser) {
@@ -127,17 +160,25 @@ void KLVController::setAttributes(const BufferedAttributes& call) {
 }
 
 void KLVController::reportCustomError(std::optional<std::string> error, std::optional<Dictionary> info) {
-  if (!clean(info)) return;
-  controllerSerialQueue_.async([this, error = std::move(error), info = std::move(info)] {
-    if (!error) {
-      KLV_WARN("Improper observation reported");
-      return;
-    }
-    observationSource_.logEvent(*error, info.value_or(Dictionary()), std::nullopt);
-  });
+  auto call = KLVWaitingCall::admit();
+  if (!call || !cleanEvent(info)) return;
+  submit(
+      [this, error = std::move(error), info = std::move(info), when = Clock::now(), call = std::move(call)] {
+        if (!error) {
+          countNameless();
+          KLV_WARN("Improper observation reported");
+          return;
+        }
+        observationSource_.logEvent(*error, info.value_or(Dictionary()), KLVTimer::sharedTimer().timeAt(when), call);
+      },
+      HeldCalls::Kind::event);
 }
 
 void KLVController::logDeviceToken(const Value& token) {
+  runOrHold([this, token] { takeDeviceToken(token); });
+}
+
+void KLVController::takeDeviceToken(const Value& token) {
   if (const auto* bytes = token.get<Data>()) {
     verifyAndLogDeviceToken(KLVUtilities::stringWithDeviceToken(*bytes));
   } else if (const auto* text = token.get<std::string>()) {
@@ -169,6 +210,7 @@ void KLVController::dispatchEvent(const std::shared_ptr<KLVEvent>& event) {
     KLV_WARN("event is nil");
     return;
   }
+  if (!isCountedAtItsCall(event->eventType())) KLVLedger::shared().add(KLVLedgerEntry::logged);
   eventHandler_.enqueueEvent(event);
 }
 
@@ -182,6 +224,7 @@ void KLVController::saveLifetimeEvent(const std::shared_ptr<KLVEvent>& event) {
   const auto handler = components_.dataHandler;
   lock.unlock();
   if (event->eventType() == KLVEventType::app) return;  // counted with its row
+  KLVLedger::shared().add(KLVLedgerEntry::forPlugins);
   handler->upsertLifetimeEvent(event);
 }
 
@@ -207,6 +250,7 @@ void KLVController::saveEvent(const std::shared_ptr<KLVEvent>& event, const std:
     KLV_WARN("Event/sessionId is nil");
     return;
   }
+  KLVLedger::shared().add(KLVLedgerEntry::logged);
   Lock lock(mutex_);
   if (!gate_.admitEventUnbuffered()) return;
   const auto handler = components_.dataHandler;

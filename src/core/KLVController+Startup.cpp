@@ -13,6 +13,7 @@
 #include "platform/HomeLock.h"
 #include "platform/JSON.h"
 #include "platform/Privileges.h"
+#include "platform/ServiceEndpoint.h"
 #include "platform/SwitchedOff.h"
 #include "platform/UserDefaults.h"
 #include "records/KLVFileNames.h"
@@ -48,6 +49,14 @@ void setupLoggerLevel(const Dictionary& configuration) {
   }
 }
 
+/// Has the note on the disk before the first request that names the device. Without a service, there is no request.
+void noteThatDeviceIsNamed() {
+  if (ServiceEndpoint::shared().baseURL.empty()) return;
+  static_cast<void>(KLVDeviceInfo::eraseSecret());
+  UserDefaults::standard().set(kKLVIsNamedKey, true);
+  UserDefaults::standard().synchronize();
+}
+
 /// Tells the host whether this process can store events.
 void announceStorage(bool databaseIsReady) {
   auto problem = Directories::problem();
@@ -78,26 +87,33 @@ void KLVController::initializeWithKelvoID(std::optional<std::string> appId, cons
     isValid ? HostSettings::shared().apply(*options) : HostSettings::shared().applyOutput(*options);
   }
   if (!isValid) {
+    if (!HostSettings::shared().requiresConsent()) letThreadsStart();
     KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId: {}", appId);
     return Readiness::shared().set(Readiness::State::failed, "The application id is empty");
   }
   if (const auto& reason = SwitchedOff::reason()) {
     {
       const Lock lock(mutex_);
-      gate_.terminate();
+      gate_.terminate(KLVLedgerEntry::refusedDisabled);
     }
     finishStartUp();
     KLV_INFO("Kelvo is switched off on this machine: {}", *reason);
+    pastStart({});
     return Readiness::shared().set(Readiness::State::switchedOffHere, *reason);
   }
-  controllerSerialQueue_.async([this, id = *std::move(appId), user = options ? options->userIdentifier : ""] {
-    controllerSerialQueue_.assertCurrent();
-    if (!user.empty()) setAttributes({true, {{"custom_user_id", user}}});
-    stepA(id);
-  });
+  pastStart(options != nullptr ? options->userIdentifier : "");
 }
 
-void KLVController::stepA(const std::string& appId) {
+/// Thread: the controller's queue.
+void KLVController::stepA(const std::string& userIdentifier, const HeldCalls::Calls& early) {
+  const auto refuse = [&] {
+    for (const auto& held : early) {
+      if (!held.isReport()) held.call();  // the gate refuses or drops it
+    }
+  };
+  const auto generation = erasure_.generation();
+  if (!generation) return refuse();  // the end of the erasure starts the library again
+  if (!userIdentifier.empty()) setAttributes({true, {{"custom_user_id", userIdentifier}}});
   const auto holder = HomeLock::takeOrFindHolder();
   holdsHome_ = !holder;
   if (holder) {
@@ -106,33 +122,40 @@ void KLVController::stepA(const std::string& appId) {
     KLV_ERROR("Process {} uses the directory {} already; this process {}", *holder, Directories::library(),
               collects ? "leaves its events to the next launch" : "collects nothing");
     if (!collects) {
-      earlyReports_.drop();
       stayTerminated();
+      refuse();
       return Readiness::shared().set(Readiness::State::homeInUse, inUse + ": nothing is collected");
     }
     Readiness::shared().set(Readiness::State::homeInUse, inUse + ": events wait for the next launch");
   }
+  if (!holder && !erasure_.finishInterrupted()) {
+    stayTerminated();
+    refuse();
+    return Readiness::shared().set(Readiness::State::failed, "Not everything could be erased: nothing is collected");
+  }
+  if (!holder && *generation == 0) erasure_.resumeDeletions();  // later, the end of the old requests does this
   registerIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), asListener());
   registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), asListener());
   systemEventMonitor_.start();
   navigationMonitor_->start();
-  earlyReports_.play();
+  for (const auto& held : early) held.call();
   navigationMonitor_->lookUpFirstScreen();
   if (holder) return finishStartUp();
-  const std::string path = byReplacing(kKLVSDKEnableURL, "<app-id>", appId);
-  postman_.getDataFromURLPath(fmt::format("{}{:f}", path, kKLVSDKVersion),
-                              [this](auto data, auto response, auto error) { stepB(data, response, error); });
+  const std::string path = byReplacing(kKLVSDKEnableURL, "<app-id>", applicationIdentifier());
+  postman_.getDataFromURLPath(
+      fmt::format("{}{:f}", path, kKLVSDKVersion), [this, now = *generation](auto data, auto response, auto error) {
+        erasure_.perform(now, [this, now, answer = HTTPOutcome{data, response, error}] { stepB(now, answer); });
+      });
 }
 
-void KLVController::stepB(const std::optional<std::string>& data, const std::optional<HTTPResponse>& response,
-                          const std::optional<HTTPError>& error) {
+void KLVController::stepB(std::uint64_t generation, const HTTPOutcome& answer) {
   std::optional<std::string> serviceHash;
-  if (!serviceAllowsCollection(data, response, error, serviceHash)) {
+  if (!serviceAllowsCollection(answer, serviceHash)) {
     stayTerminated();
     return Readiness::shared().set(
         Readiness::State::disabledByService,
-        error ? "The service does not answer, and its last known answer switches collection off"
-              : "The service has switched collection off for this application");
+        answer.error ? "The service does not answer, and its last known answer switches collection off"
+                     : "The service has switched collection off for this application");
   }
 
   startDeviceRecord();
@@ -152,28 +175,35 @@ void KLVController::stepB(const std::optional<std::string>& data, const std::opt
   startRecords();
   startSessionWithLaunchType("normal");
   setupLoggerLevel(manager->configDetails().value_or(Dictionary()));
+  const auto handler = dataHandler();
+  if (handler == nullptr) return;  // an erasure has begun
+  noteThatDeviceIsNamed();
   loadClientAndAggregateEvents();
-  dataHandler()->startWithCompletionHandler([this] { controllerSerialQueue_.sync([this] { stepC(); }); });
+  handler->startWithCompletionHandler([this] { controllerSerialQueue_.sync([this] { stepC(); }); });
   controllerSerialQueue_.sync([this] { mergeStoredUser(); });
   auto chunks = KLVChunkManager::initWithConfiguration(manager->configDetails(), *this);
   {
     const Lock lock(mutex_);
     components_.chunkManager = std::move(chunks);
   }
+  if (erasure_.generation() != generation) return;
   const auto* plugins = Bundle::main().infoDictionary()["Kelvo"].get<Dictionary>();
   pluginManager_.loadPlugins(plugins != nullptr ? std::optional(*plugins) : std::nullopt,
                              manager->configDetails().value_or(Dictionary()));
   sendUserInfo();
-  logAppEventWithName(std::string(kKLVAppOpened), Dictionary{{"type", "normal"}}, false, false);
+  // Not submitted as a host call, which an erasure that has begun meanwhile would keep.
+  controllerSerialQueue_.async([this] {
+    KLVLedger::shared().add(KLVLedgerEntry::logged);
+    appEventSource_.logEvent(std::string(kKLVAppOpened), Dictionary{{"type", "normal"}}, std::nullopt);
+  });
   KLV_INFO("KelvoiOSSDK ({}) : initialized!", fmt::format("{:.0f}", kKLVSDKVersion));
   updateRetentionDayCount();
   finishStartUp();
-  dataHandler()->whenReady(announceStorage);
+  handler->whenReady(announceStorage);
 }
 
-bool KLVController::serviceAllowsCollection(const std::optional<std::string>& data,
-                                            const std::optional<HTTPResponse>& response,
-                                            const std::optional<HTTPError>& error, std::optional<std::string>& hash) {
+bool KLVController::serviceAllowsCollection(const HTTPOutcome& answer, std::optional<std::string>& hash) {
+  const auto& [data, response, error] = answer;
   if (error) {
     KLV_ERROR("SDK enable network call failed : {}", error->localizedDescription);
     const bool enabled = getEnableSDKState();
@@ -303,12 +333,8 @@ void KLVController::persistEvents(const std::vector<EventRef>& events) {
   const std::string sessionId = session()->identifier();
   for (const auto& event : events) {
     const KLVEventType type = event->eventType();
-    if (type == KLVEventType::app || type == KLVEventType::client) {
-      handler->saveAndCountEvent(event, sessionId);
-      continue;
-    }
-    if (type == KLVEventType::aggregate) handler->countAggregateEvent(event, sessionId);
-    handler->saveEventInfo(event, sessionId);
+    const bool isCounted = type == KLVEventType::app || type == KLVEventType::client || type == KLVEventType::aggregate;
+    isCounted ? handler->saveAndCountEvent(event, sessionId) : handler->saveEventInfo(event, sessionId);
   }
 }
 
@@ -322,7 +348,7 @@ void KLVController::finishStartUp() {
   {
     const Lock lock(mutex_);
     gate_.finishStartUp();
-    waiters.swap(startWaiters_);
+    if (gate_.startUpHasEnded()) waiters.swap(startWaiters_);
   }
   for (const auto& waiter : waiters) waiter();
 }

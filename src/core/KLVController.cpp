@@ -29,6 +29,7 @@ KLVController::KLVController() {
   KLVTimer::sharedTimer().setSDKStartTime(now);
   components_.foregroundBeforeSession = KLVForegroundTime(now);
   KLVUtilities::initializeDateFormatter();
+  postman_.setGroup(std::make_shared<HTTPGroup>());
 }
 
 void KLVController::initialize() {
@@ -66,8 +67,10 @@ std::optional<std::string> KLVController::reasonNotToCollect() {
   if (const auto& reason = SwitchedOff::reason()) return "Kelvo is switched off on this machine: " + *reason;
   if (ExitParking::shared().isExiting()) return "the process is exiting";
   if (leavesEventsToNextLaunch()) return "another process uses the home, so all events wait for the next launch";
+  if (waitsForConsent()) return "the user has not decided about consent yet";
   const auto state = gateState();
   if (state == CollectionGate::State::idle) return "the library has not been started";
+  if (consent() == Consent::denied) return "the user has denied consent";
   if (state != CollectionGate::State::terminated) return std::nullopt;
   return hasStarted() && !holdsHome_ ? "another process uses the home" : "collection is disabled";
 }
@@ -90,6 +93,7 @@ CollectionGate::State KLVController::gateState() {
 std::vector<Stage> KLVController::stagesUntilStored() {
   const Stage classified = [this](auto next) { eventHandler_.whenClassified(std::move(next)); };
   return {
+      [this](auto next) { erasure_.whenEnded(std::move(next)); },
       [this](auto next) { controllerSerialQueue_.async(std::move(next)); },
       classified,
       classified,  // the bus queues a delivery while it classifies the event
@@ -124,6 +128,7 @@ void KLVController::deliverNow(bool waits, std::function<void(bool isCut)> done)
   // The cut waits for the store and, for a limited time, for the titles of screens.
   const Stage classified = [this](auto next) { eventHandler_.whenClassified(std::move(next)); };
   runStages(std::make_shared<const std::vector<Stage>>(std::vector<Stage>{
+      [this](auto next) { erasure_.whenEnded(std::move(next)); },
       [this](auto next) { controllerSerialQueue_.async(std::move(next)); },
       classified,
       classified,  // the bus queues a delivery while it classifies the event

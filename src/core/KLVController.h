@@ -8,8 +8,9 @@
 #include <vector>
 
 #include "core/CollectionGate.h"
-#include "core/EarlyReports.h"
 #include "core/KLVComponents.h"
+#include "core/KLVConsentControl.h"
+#include "core/KLVErasure.h"
 #include "core/KLVEventSource.h"
 #include "core/KLVPluginLoader.h"
 #include "core/KLVStorageForwarding.h"
@@ -37,7 +38,8 @@ class KLVController final : public KLVEventListener,
                             public KLVUserDelegate,
                             public KLVConfigManagerDelegate,
                             public KLVSyncManagerDelegate,
-                            public KLVStorageForwarding {
+                            public KLVStorageForwarding,
+                            public KLVConsentControl {
  public:
   using Text = std::optional<std::string>;
   using Form = std::optional<Dictionary>;
@@ -47,8 +49,7 @@ class KLVController final : public KLVEventListener,
   static KLVController& sharedController();
   KLVController();
 
-  // --- Start-up.
-  // Both do nothing but one ERROR line in a program that acts for another user (see Privileges.h).
+  // --- Start-up. Both do nothing but one ERROR line in a program that acts for another user (see Privileges.h).
   void initialize();  ///< at load: starts the library if the bundle's "Kelvo" names an application under "Core"
   void initializeWithKelvoID(Text appId, const Options* options = nullptr);  ///< `options`: of `KelvoSDK::start`
   void loadClientAndAggregateEvents();  ///< applies the service's lists if they have changed, else the saved ones
@@ -57,9 +58,11 @@ class KLVController final : public KLVEventListener,
   [[nodiscard]] bool enableSDK() { return gateState() == CollectionGate::State::running; }
   [[nodiscard]] bool isSDKInitCalled() { return gateState() != CollectionGate::State::idle; }
   [[nodiscard]] bool hasStarted();  ///< the start-up has ended; without the home, the state may still be initialising
+  void eraseAll(bool collectsAfterwards) override { erasure_.begin(collectsAfterwards); }
+  void startAgain() override { erasure_.startAgain(); }
   [[nodiscard]] bool leavesEventsToNextLaunch();  ///< without the home, under the rules `complete`
 
-  // --- Host calls. The work follows on the controller's queue, except for `logDeviceToken`.
+  // --- Host calls. `KLVConsentControl` holds each of them until the user has decided.
   void setUserIdentifier(Text identifier);
   void logScreenWithName(const Text& title);
   void logClientEventWithName(Text name, std::optional<Dictionary> info, bool shouldFlatten);
@@ -83,8 +86,6 @@ class KLVController final : public KLVEventListener,
   void deregisterForEventWithType(KLVEventType type, const ListenerRef& listener) override;
   void registerIdentifer(const std::string& key, const ListenerRef& listener) override;
   void deRegisterIdentifer(const std::string& key, const ListenerRef& listener) override;
-  void saveFrequencyInfo(const Value& info, const Text& identifier);
-  std::optional<Value> retrieveFrequencyConfigWithIdentifier(const Text& identifier);
   std::optional<Dictionary> getLifetimeCountForEvents(const std::vector<std::string>& names);
   std::int64_t getLifetimeCountForEventWithName(const std::string& name) override;
   void getDataFromURLPath(const Text& path, HTTPCompletion completion) override;
@@ -106,10 +107,8 @@ class KLVController final : public KLVEventListener,
   std::int64_t currentSDKTimeInMillis();
 
   // --- Waiting for earlier work: for the exit hook and for tools.
-  void stopWaitingForMainLoop() { navigationMonitor_->stopReadingTitles(); }  ///< from now on
-  /// Both run on the controller's queue, behind all earlier host calls; a report not before the monitors observe.
-  void performInOrder(std::function<void()> task) { controllerSerialQueue_.async(std::move(task)); }
-  void performReport(EarlyReports::Report report);
+  void stopWaitingForMainLoop() { navigationMonitor_->stopReadingTitles(); }                          ///< from now on
+  void performInOrder(std::function<void()> task) { controllerSerialQueue_.async(std::move(task)); }  ///< as host calls
   void whenStored(std::function<void()> done);  ///< once the database holds the data of all earlier calls
   void whenPosted(std::function<void()> done);  ///< the same, and the HTTP client has every chunk whose cut it caused
   void saveRecords();  ///< saves the attributes of the user and of the session; on the controller's queue
@@ -122,6 +121,7 @@ class KLVController final : public KLVEventListener,
   void rescue() EXCLUDES(mutex_, rescueMutex_);      ///< writes what is buffered to files (see `RescueFiles`); blocks
 
  private:
+  friend class KLVErasure;
   void setAndSaveEnableSDKState(bool enabled) override;
   void onEvent(const EventRef& event) override;
   void dispatchEvent(const EventRef& event) override;
@@ -142,21 +142,21 @@ class KLVController final : public KLVEventListener,
   std::shared_ptr<KLVDeviceInfo> deviceInfo() override { return locked(&KLVComponents::deviceInfo); }
   std::shared_ptr<KLVSDKInfo> sdkInfo() override { return locked(&KLVComponents::sdkInfo); }
   void getActionsFromURLPath(const Text& path, HTTPCompletion completion) override;
+  void resumeDeletions() override { erasure_.resume(); }
+  void eraseAtStart() override { erasure_.eraseAtStart(); }
 
-  // Start-up: step A on the controller's queue, step B in the HTTP callback, step C on the queue once storage is ready.
-  void stepA(const std::string& appId) REQUIRES(controllerSerialQueue_);
-  void stepB(const Text& data, const std::optional<HTTPResponse>& response, const std::optional<HTTPError>& error);
+  // Start-up: steps A and C on the controller's queue, step B on the lifecycle queue.
+  void stepA(const std::string& userIdentifier, const HeldCalls::Calls& early) override;
+  void stepB(std::uint64_t generation, const HTTPOutcome& answer);
   void stepC() EXCLUDES(mutex_, rescueMutex_);
-  bool serviceAllowsCollection(const Text& data, const std::optional<HTTPResponse>& response,
-                               const std::optional<HTTPError>& error, Text& hash);
+  bool serviceAllowsCollection(const HTTPOutcome& answer, Text& hash);
   bool getEnableSDKState();
   void updateConfiguration(const Text& serviceHash);
   void startDeviceRecord() EXCLUDES(mutex_);
   void startRecords() EXCLUDES(mutex_);
   void mergeStoredUser() EXCLUDES(mutex_, rescueMutex_);
   void sendUserInfo();
-  void incrementLifetimeSessionCount();
-  void stayTerminated();
+  void stayTerminated() override;
   void finishStartUp() EXCLUDES(mutex_);
   void setEnabled(bool enabled) EXCLUDES(mutex_);
   void persistEvents(const std::vector<EventRef>& events) EXCLUDES(mutex_);
@@ -165,6 +165,7 @@ class KLVController final : public KLVEventListener,
   std::optional<Dictionary> getClientEvents();
   void setCustomInfo(std::optional<Dictionary> info, bool isUser);
   void setAttributes(const BufferedAttributes& call) EXCLUDES(mutex_);
+  void takeDeviceToken(const Value& token);
   void verifyAndLogDeviceToken(const Text& token) EXCLUDES(mutex_);
   bool storeRescuedEvents() EXCLUDES(mutex_, rescueMutex_);  ///< returns false if the newest file cannot be renamed
   ListenerRef asListener();
@@ -184,12 +185,11 @@ class KLVController final : public KLVEventListener,
   CollectionGate gate_ GUARDED_BY(mutex_);
   std::vector<std::function<void()>> startWaiters_ GUARDED_BY(mutex_);
   KLVComponents components_ GUARDED_BY(mutex_);
+  KLVErasure erasure_{*this};
   KLVPostman postman_;
   KLVAppEventSource appEventSource_{*this};
   KLVClientEventSource clientEventSource_{*this};
   KLVObservationSource observationSource_{*this};
-  DispatchQueue controllerSerialQueue_{"com.kelvo.serial.controller"};
-  EarlyReports earlyReports_ GUARDED_BY(controllerSerialQueue_);
   KLVEventHandler eventHandler_{*this};
   KLVSystemEventsMonitor systemEventMonitor_{*this};
   const std::shared_ptr<KLVNavigationMonitor> navigationMonitor_ = std::make_shared<KLVNavigationMonitor>(*this);

@@ -1,5 +1,7 @@
 #include "core/KLVEventSource.h"
 
+#include <utility>
+
 #include "records/KLVRecordKeys.h"
 #include "records/KLVUUID.h"
 #include "util/KLVTimer.h"
@@ -36,14 +38,16 @@ std::shared_ptr<KLVEvent> eventOfPlugin(KLVEventType type) {
 }  // namespace
 
 void KLVAppEventSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
-                                 std::optional<std::int64_t> time) {
+                                 std::optional<std::int64_t> time, KLVWaitingCall call) {
   const auto event = std::make_shared<KLVAppEvent>(KLVEventType::app, name, info, delegate_);
   if (time) event->setCreatedTime(*time);
+  if (time && info) event->setInfo(*time, kKLVTime);
+  event->setCall(std::move(call));
   delegate_.dispatchEvent(event);
 }
 
 void KLVClientEventSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
-                                    std::optional<std::int64_t> /*time*/) {
+                                    std::optional<std::int64_t> /*time*/, KLVWaitingCall call) {
   const auto event = std::make_shared<KLVClientEvent>();
   event->setIdentifier(name);
   Dictionary attributes = info.value_or(Dictionary());
@@ -53,13 +57,15 @@ void KLVClientEventSource::logEvent(const std::string& name, const std::optional
   attributes.set(kKLVLifetimeCountSlot, KLVUtilities::rangeForCount(count));
   event->setAdditionalInfo(attributes);
   event->setCustomInfo(attributes);
+  event->setCall(std::move(call));
   delegate_.dispatchEvent(event);
 }
 
 void KLVObservationSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
-                                    std::optional<std::int64_t> time) {
+                                    std::optional<std::int64_t> time, KLVWaitingCall call) {
   const auto event = incident(KLVEventType::customError, name, info.value_or(Dictionary()));
   if (time) event->setCreatedTime(*time);
+  event->setCall(std::move(call));
   delegate_.dispatchEvent(event);
 }
 

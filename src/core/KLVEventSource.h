@@ -19,8 +19,8 @@ class KLVEventSourceDelegate : public KLVLifetimeCounts {
 };
 
 /// The base of the event sources. `logEvent` makes an event from a name and attributes and posts it on the bus. `time`
-/// is the event's creation time in whole seconds since the SDK start date; nullopt means now. Thread: any; the work
-/// runs on the calling thread.
+/// is the event's creation time in whole seconds since the SDK start date; nullopt means now. `call` is the host call
+/// that waits until the event is stored. Thread: any; the work runs on the calling thread.
 class KLVEventSource {
  public:
   /// `delegate` must outlive the source.
@@ -34,7 +34,8 @@ class KLVEventSource {
 class KLVAppEventSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;
-  void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time);
+  void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time,
+                KLVWaitingCall call = {});
 };
 
 /// Makes client events, which are for plug-ins on this device.
@@ -42,14 +43,16 @@ class KLVClientEventSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;
   /// Kept: ignores `time`.
-  void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time);
+  void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time,
+                KLVWaitingCall call = {});
 };
 
 /// Makes events from the errors that the host reports. `name` is the error's description.
 class KLVObservationSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;
-  void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time);
+  void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time,
+                KLVWaitingCall call = {});
 };
 
 /// Makes events of plug-ins.

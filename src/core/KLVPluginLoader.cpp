@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <functional>
@@ -117,6 +118,7 @@ struct KLVPluginLoader::Plugins {
     }
   }
 
+  std::atomic<bool> areLoaded{false};
   Mutex mutex;  ///< never held while a plug-in runs
   std::vector<std::shared_ptr<Plugin>> all GUARDED_BY(mutex);
   Dictionary pluginDict GUARDED_BY(mutex);
@@ -143,6 +145,7 @@ void KLVPluginLoader::registerClass(std::string_view name, Factory make) {
 
 void KLVPluginLoader::loadPlugins(const std::optional<Dictionary>& meta, const Dictionary& configuration) {
   KLV_DEBUG("Loading plugins with meta data: {} and config: {}", meta, configuration);
+  if (!meta || plugins_->areLoaded.exchange(true)) return;
   bool isOneMissing = false;
   for (const auto& [key, isOn] : meta.value_or(Dictionary())) {
     if (key == "Core" || !isOn.asBool()) continue;

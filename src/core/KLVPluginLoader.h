@@ -26,6 +26,7 @@ class KLVPluginLoader {
   KLVPluginLoader();
   /// Makes and initialises the plug-ins of `meta`: its entries, except for "Core", map a class name to true. A plug-in
   /// that is missing or throws costs one WARN or ERROR line; the others still load. Returns after their `initialize`.
+  /// Only the first call with a `meta` has an effect.
   void loadPlugins(const std::optional<Dictionary>& meta, const Dictionary& configuration);
   /// Writes one ERROR line for each plug-in whose class is still missing, unless its shared object could not be loaded:
   /// that has cost a line already. Called a second after the lookup, and at exit. Later calls repeat no line.

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "util/KLVLogger.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo {
 
@@ -128,6 +129,39 @@ void KLVStorageForwarding::writeTogether(const std::function<void()>& deletions,
   if (const auto handler = dataHandler()) handler->writeTogether(deletions, std::move(committed));
 }
 
+std::optional<std::uint64_t> KLVStorageForwarding::storedBytes(std::uint64_t limit) {
+  const auto handler = dataHandler();
+  return handler ? handler->storedBytes(limit) : std::nullopt;
+}
+
+void KLVStorageForwarding::deleteSettledData(std::uint64_t bytes) {
+  if (const auto handler = dataHandler()) handler->deleteSettledData(bytes);
+}
+
+KLVEviction KLVStorageForwarding::evictChunks(const std::vector<std::shared_ptr<KLVChunkMetaInfo>>& chunks,
+                                              std::uint64_t bytes, KLVLedgerEntry why) {
+  const auto handler = dataHandler();
+  return handler ? handler->evictChunks(chunks, bytes, why) : KLVEviction();
+}
+
+std::optional<KLVEviction> KLVStorageForwarding::reportedEvictions(const std::string& chunkId) {
+  const auto handler = dataHandler();
+  return handler ? handler->reportedEvictions(chunkId) : KLVEviction();
+}
+
+std::optional<Date> KLVStorageForwarding::timeOfEvent(const std::string& sid, std::uint64_t index) {
+  const auto handler = dataHandler();
+  return handler ? handler->timeOfEvent(sid, index) : std::nullopt;
+}
+
+void KLVStorageForwarding::tidy(bool isIdle) {
+  if (const auto handler = dataHandler()) handler->tidy(isIdle);
+}
+
+void KLVStorageForwarding::whenGrown(std::uint64_t bytes, std::function<void()> report) {
+  if (const auto handler = dataHandler()) handler->whenGrown(bytes, std::move(report));
+}
+
 std::shared_ptr<KLVSession> KLVStorageForwarding::retrieveSessionInfoWithIdentifier(
     const std::optional<std::string>& identifier) {
   if (!identifier) {
@@ -141,6 +175,22 @@ std::shared_ptr<KLVSession> KLVStorageForwarding::retrieveSessionInfoWithIdentif
 std::optional<KLVWaiting> KLVStorageForwarding::waiting() {
   const auto handler = dataHandler();
   return handler ? handler->waiting() : std::nullopt;
+}
+
+void KLVStorageForwarding::saveFrequencyInfo(const Value& info, const std::optional<std::string>& identifier) {
+  const auto handler = dataHandler();
+  if (handler == nullptr || KLVUtilities::isInvalidDictionary(info) || KLVUtilities::isInvalidString(identifier))
+    return;
+  handler->saveFrequencyInfo(info, *identifier);
+}
+
+std::optional<Value> KLVStorageForwarding::retrieveFrequencyConfigWithIdentifier(
+    const std::optional<std::string>& identifier) {
+  const auto handler = dataHandler();
+  const auto stored = handler ? handler->retrieveFrequencyConfig() : std::nullopt;
+  const auto* dictionary = stored ? stored->get<Dictionary>() : nullptr;
+  const Value* entry = dictionary != nullptr && identifier ? dictionary->find(*identifier) : nullptr;
+  return entry != nullptr ? std::optional(*entry) : std::nullopt;
 }
 
 }  // namespace kelvo

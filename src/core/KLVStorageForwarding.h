@@ -28,6 +28,8 @@ class KLVStorageForwarding : public KLVChunkManagerDelegate {
   std::vector<std::string> getSessionDirectories() override;
   std::optional<AggregateTotals> aggregateTotals(const std::string& sid) override;
   std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override;
+  void saveFrequencyInfo(const Value& info, const std::optional<std::string>& identifier);
+  std::optional<Value> retrieveFrequencyConfigWithIdentifier(const std::optional<std::string>& identifier);
   /// As `KLVDataHandler::waiting`.
   std::optional<KLVWaiting> waiting();
 
@@ -50,6 +52,14 @@ class KLVStorageForwarding : public KLVChunkManagerDelegate {
   void deleteItemAtPath(const std::optional<std::string>& path) override;
   void deleteAggregateEventsWithSessionId(const std::optional<std::string>& identifier) override;
   void writeTogether(const std::function<void()>& deletions, std::function<void()> committed) override;
+  std::optional<std::uint64_t> storedBytes(std::uint64_t limit) override;
+  void deleteSettledData(std::uint64_t bytes) override;
+  KLVEviction evictChunks(const std::vector<std::shared_ptr<KLVChunkMetaInfo>>& chunks, std::uint64_t bytes,
+                          KLVLedgerEntry why) override;
+  std::optional<KLVEviction> reportedEvictions(const std::string& chunkId) override;
+  std::optional<Date> timeOfEvent(const std::string& sid, std::uint64_t index) override;
+  void tidy(bool isIdle) override;
+  void whenGrown(std::uint64_t bytes, std::function<void()> report) override;
 };
 
 }  // namespace kelvo

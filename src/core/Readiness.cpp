@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/Immortal.h"
+#include "platform/Thread.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -29,7 +30,7 @@ void Readiness::set(State state, std::string reason) {
 }
 
 void Readiness::deliver(Callbacks callbacks, Status status) {
-  queue_.async([callbacks = std::move(callbacks), status = std::move(status)] {
+  auto tell = [callbacks = std::move(callbacks), status = std::move(status)] {
     for (const auto& callback : callbacks) {
       try {
         (*callback)(status);
@@ -39,7 +40,11 @@ void Readiness::deliver(Callbacks callbacks, Status status) {
         KLV_ERROR("A callback of onReady has thrown");
       }
     }
-  });
+  };
+  if (!threadsAreHeld()) return queue_.async(std::move(tell));
+  mutex_.unlock();  // a callback may call `add`
+  queue_.sync(tell);
+  mutex_.lock();
 }
 
 }  // namespace kelvo

@@ -20,6 +20,8 @@ class Readiness {
 
   static Readiness& shared();
 
+  // While the library may have no thread (`threadsAreHeld`), both call the callbacks on the caller's thread.
+
   /// Calls `callback` on a queue with the status, if it is known, and with each later one. Ignores an empty function.
   void add(Callback callback) EXCLUDES(mutex_);
   /// Does nothing if the state stays the same.
@@ -27,7 +29,7 @@ class Readiness {
 
  private:
   using Callbacks = std::vector<std::shared_ptr<const Callback>>;
-  void deliver(Callbacks callbacks, Status status);
+  void deliver(Callbacks callbacks, Status status) REQUIRES(mutex_);
 
   Mutex mutex_;  ///< also orders the deliveries; never held while a callback runs
   std::optional<Status> status_ GUARDED_BY(mutex_);

@@ -15,6 +15,7 @@
 #include "records/KLVUUID.h"
 #include "records/KLVUser.h"
 #include "util/KLVException.h"
+#include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
 #include "util/KLVUtilities+JSON.h"
 
@@ -62,9 +63,13 @@ std::optional<std::string> beginOfArray() {
   return RescueFiles::retire() ? std::optional<std::string>("[") : std::nullopt;
 }
 
-bool write(const std::string& array, bool holdsHome) {
+/// Counts the events in the ledger: `forms` of `events` are in the array.
+bool write(const std::string& array, bool holdsHome, std::size_t forms, std::size_t events) {
   const std::string name = holdsHome ? std::string(kKLVEventsBuffer) : uniqueName();
-  return writeFileAtomically(Directories::inLibrary(name), array + "]");
+  if (!writeFileAtomically(Directories::inLibrary(name), array + "]")) return false;
+  KLVLedger::shared().addRescued(forms);
+  KLVLedger::shared().add(KLVLedgerEntry::refusedUncleanable, events - forms);
+  return true;
 }
 
 }  // namespace
@@ -72,19 +77,21 @@ bool write(const std::string& array, bool holdsHome) {
 std::size_t RescueFiles::writeEvents(const Events& events, bool holdsHome) {
   auto array = holdsHome ? beginOfArray() : "[";
   if (!array) return 0;
-  std::size_t written = 0, count = 0;
+  std::size_t written = 0, count = 0, forms = 0;
   for (const auto& event : events) {
     const std::string form = storageForm(*event);
     if (array->size() + form.size() > kLongFile && array->size() > 1) {
-      if (!write(*array, holdsHome)) return written;
+      if (!write(*array, holdsHome, forms, count - written)) return written;
       written = count;
+      forms = 0;
       if (holdsHome && !retire()) return written;
       array = "[";
     }
     if (!form.empty()) *array += (array->size() > 1 ? "," : "") + form;
+    if (!form.empty()) ++forms;
     ++count;
   }
-  return write(*array, holdsHome) ? count : written;
+  return write(*array, holdsHome, forms, count - written) ? count : written;
 }
 
 bool RescueFiles::writeUserAttributes(const std::vector<BufferedAttributes>& calls) {

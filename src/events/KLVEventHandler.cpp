@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -72,7 +73,7 @@ void KLVEventHandler::deRegisterIdentifer(std::string key, Listener listener) {
 void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
   queue_.async([this, event = std::move(event)] {
     queue_.assertCurrent();
-    if (!classify(*event)) return;
+    if (!classify(*event)) return KLVLedger::shared().add(KLVLedgerEntry::ignored);
     save(event);
     deliver(event, objectsRegisteredOnType_, std::string(stringFromType(event->eventType())));
     deliver(event, objectsRegisteredOnIdentifier_, identifierKey(event->eventType(), event->identifier()));
@@ -116,6 +117,8 @@ void KLVEventHandler::save(const std::shared_ptr<KLVEvent>& event) {
     delegate_.processAggregateEventWithEvent(event);
   } else if (event->isStorable()) {
     delegate_.saveEvent(event);
+  } else {
+    KLVLedger::shared().add(KLVLedgerEntry::forPlugins);
   }
   if (type == KLVEventType::app || type == KLVEventType::client) delegate_.saveLifetimeEvent(event);
 }

@@ -96,13 +96,14 @@ void KLVNavigationMonitor::runInOrder(Task task) {
 void KLVNavigationMonitor::readTitle(const Screen& screen, UseOfTitle use) {
   if (screen.controller == nullptr || !readsTitles_) return use(screen.title);
   waitingForTitle_ = std::move(use);
+  const int asked = ++titlesAsked_;
   const auto title = std::make_shared<std::optional<std::string>>();
   // Destroyed with the last copy of the task below: after the task has run or thrown, or when a host whose loop has
   // ended drops it.
-  const std::shared_ptr<void> whenRead(nullptr, [self = shared_from_this(), title](void*) {
-    self->navEventDispatchSerialQueue_.async([self, title] {
+  const std::shared_ptr<void> whenRead(nullptr, [self = shared_from_this(), title, asked](void*) {
+    self->navEventDispatchSerialQueue_.async([self, title, asked] {
       self->navEventDispatchSerialQueue_.assertCurrent();
-      self->titleIsRead(*title);
+      if (asked == self->titlesAsked_) self->titleIsRead(*title);
     });
   });
   MainQueue::async([controller = screen.controller, title, whenRead] { *title = controller->title(); });
@@ -116,6 +117,20 @@ void KLVNavigationMonitor::titleIsRead(const std::optional<std::string>& title) 
     heldBack_.pop_front();
     task();
   }
+}
+
+void KLVNavigationMonitor::forget(std::function<void()> done) {
+  MainQueue::async([self = shared_from_this()] { self->firstScreenIsLookedUp_ = false; });
+  navEventDispatchSerialQueue_.async([this, self = shared_from_this(), done = std::move(done)] {
+    navEventDispatchSerialQueue_.assertCurrent();
+    const bool readsTitles = std::exchange(readsTitles_, false);  // so that no work below waits for another title
+    titleIsRead(std::nullopt);
+    readsTitles_ = readsTitles;
+    previousNavEvent_ = currentNavEvent_ = nullptr;
+    dispatchedNavEvent_ = nullptr;
+    currNavId_ = currScreenName_ = currScreenNameForCE_ = std::nullopt;
+    done();
+  });
 }
 
 void KLVNavigationMonitor::stopReadingTitles() {

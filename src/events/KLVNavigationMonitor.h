@@ -69,6 +69,9 @@ class KLVNavigationMonitor final : public KLVEventListener, public std::enable_s
   /// Blocks until the events of all earlier work are on the bus. Returns false if a title did not come within `limit`.
   /// Needs no free pool thread, unless a title is being read.
   bool waitUntilDispatched(std::chrono::milliseconds limit);
+  /// Forgets all screens, as if the host had shown none, and the title that is being read. Calls `done` on the
+  /// monitor's queue.
+  void forget(std::function<void()> done);
   /// Stops reading titles, and waiting for one, because the host's main loop has ended.
   void stopReadingTitles();
 
@@ -118,6 +121,7 @@ class KLVNavigationMonitor final : public KLVEventListener, public std::enable_s
   /// The work that waits for the title.
   std::deque<Task> heldBack_ GUARDED_BY(navEventDispatchSerialQueue_);
   bool readsTitles_ GUARDED_BY(navEventDispatchSerialQueue_) = true;
+  int titlesAsked_ GUARDED_BY(navEventDispatchSerialQueue_) = 0;  ///< a title counts only if no later one was asked for
 
   bool firstScreenIsLookedUp_ = false;  // Queue: the main queue.
   DispatchQueue navEventDispatchSerialQueue_{"com.kelvo.serial.KLVNavEventHandler"};

@@ -19,9 +19,11 @@ namespace {
 /// Posts `notification` after all earlier host calls; before the start, when the monitors begin to observe.
 void report(std::string_view notification, std::any userInfo) {
   guarded([&] {
-    KLVController::sharedController().performReport([notification, userInfo = std::move(userInfo)] {
-      NotificationCenter::defaultCenter().post(notification, userInfo);
-    });
+    KLVController::sharedController().submit(
+        [notification, userInfo = std::move(userInfo)] {
+          NotificationCenter::defaultCenter().post(notification, userInfo);
+        },
+        HeldCalls::Kind::report);
   });
 }
 
@@ -91,14 +93,16 @@ void Application::setLogSink(LogSink sink) noexcept {
 void Application::setViewTree(std::shared_ptr<ViewTree> tree) noexcept {
   guarded([&] {
     HostInterface::setViewTree(std::move(tree));
-    // Nothing to keep before the start: the start looks at the tree.
-    KLVController::sharedController().performInOrder(
-        [] { NotificationCenter::defaultCenter().post(kViewTreeDidChange); });
+    auto& controller = KLVController::sharedController();
+    if (controller.holdsCalls()) return;  // the start looks at the tree
+    controller.performInOrder([] { NotificationCenter::defaultCenter().post(kViewTreeDidChange); });
   });
 }
 
 void Application::printViewTree() noexcept {
-  guarded([] { MainQueue::async([] { KLVUtilities::printViewTree(); }); });
+  guarded([] {
+    KLVController::sharedController().runOrHold([] { MainQueue::async([] { KLVUtilities::printViewTree(); }); });
+  });
 }
 
 void Application::willShow(std::shared_ptr<ViewController> screen) noexcept {

@@ -30,7 +30,7 @@ void flushDefaults(const std::shared_ptr<std::promise<void>>& done) {
 /// no object of the library is destroyed at exit.
 void storeAcceptedWork() {
   auto& controller = KLVController::sharedController();
-  if (!controller.isSDKInitCalled()) return;
+  if (!controller.isSDKInitCalled() || controller.waitsForConsent()) return;
   controller.stopWaitingForMainLoop();
   const FileLimitShield shield;  // the rescue writes files on this thread, which is the host's
   const auto deadline = std::chrono::steady_clock::now() + kStoreLimit;

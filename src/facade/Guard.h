@@ -6,6 +6,7 @@
 #include "platform/Privileges.h"
 #include "platform/SwitchedOff.h"
 #include "platform/Thread.h"
+#include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -35,6 +36,14 @@ template <class Call>
 void guarded(Call&& call) noexcept {
   guardedAlways([&] {
     if (!isForbidden()) std::forward<Call>(call)();
+  });
+}
+
+/// The same for a call that logs an event. The ledger counts it where the library is forbidden.
+template <class Call>
+void guardedEvent(Call&& call) noexcept {
+  guardedAlways([&] {
+    isForbidden() ? KLVLedger::shared().refuse(KLVLedgerEntry::refusedDisabled) : std::forward<Call>(call)();
   });
 }
 

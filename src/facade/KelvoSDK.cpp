@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "core/DataDescription.h"
 #include "core/Flushing.h"
 #include "core/HostSettings.h"
 #include "core/KLVController.h"
@@ -73,7 +74,7 @@ void KelvoSDK::setUserIdentifier(OptionalText identifier) noexcept {
 }
 
 void KelvoSDK::logScreenWithName(OptionalText title) noexcept {
-  guarded([&] {
+  guardedEvent([&] {
     const auto name = taken(std::move(title));
     KLV_INFO("Logging screen with title: {}", name);
     controller().logScreenWithName(name);
@@ -97,7 +98,7 @@ void KelvoSDK::setSessionCustomInfo(OptionalDictionary info) noexcept {
 }
 
 void KelvoSDK::reportCustomError(OptionalText error, OptionalDictionary info) noexcept {
-  guarded([&] {
+  guardedEvent([&] {
     auto description = taken(std::move(error));
     auto attributes = taken(std::move(info));
     KLV_INFO("Reporting custom error: {} and info: {}", KLVLogger::hostData(description),
@@ -107,7 +108,7 @@ void KelvoSDK::reportCustomError(OptionalText error, OptionalDictionary info) no
 }
 
 void KelvoSDK::reportCustomError(const std::exception& error, OptionalDictionary info) noexcept {
-  guarded([&] { reportCustomError(OptionalText(error.what()), std::move(info)); });
+  guardedEvent([&] { reportCustomError(OptionalText(error.what()), std::move(info)); });
 }
 
 void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info) noexcept {
@@ -115,7 +116,7 @@ void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info
 }
 
 void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten) noexcept {
-  guarded([&] {
+  guardedEvent([&] {
     auto event = taken(std::move(name));
     auto attributes = taken(std::move(info));
     KLV_INFO("Logging client event for event: {} with Info: {}", event, KLVLogger::hostData(attributes));
@@ -129,36 +130,60 @@ void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info
 
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info) noexcept {
   constexpr const char* kCaller = __PRETTY_FUNCTION__;
-  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), false, false); });
+  guardedEvent([&] { logAppEvent(kCaller, std::move(name), std::move(info), false, false); });
 }
 
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, bool isAggregate) noexcept {
   constexpr const char* kCaller = __PRETTY_FUNCTION__;
-  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), false, isAggregate); });
+  guardedEvent([&] { logAppEvent(kCaller, std::move(name), std::move(info), false, isAggregate); });
 }
 
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, EventOptions options) noexcept {
   constexpr const char* kCaller = __PRETTY_FUNCTION__;
-  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), options.flatten, false); });
+  guardedEvent([&] { logAppEvent(kCaller, std::move(name), std::move(info), options.flatten, false); });
 }
 
 void KelvoSDK::logAggregateEvent(OptionalText name, OptionalDictionary info, EventOptions options) noexcept {
   constexpr const char* kCaller = __PRETTY_FUNCTION__;
-  guarded([&] { logAppEvent(kCaller, std::move(name), std::move(info), options.flatten, true); });
+  guardedEvent([&] { logAppEvent(kCaller, std::move(name), std::move(info), options.flatten, true); });
 }
 
 void KelvoSDK::logAppEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten,
                                    bool isAggregate) noexcept {
   // Kept: unlike the others, this form writes no INFO line.
-  guarded([&] {
+  guardedEvent([&] {
     controller().logAppEventWithName(taken(std::move(name)), taken(std::move(info)), shouldFlatten, isAggregate);
   });
+}
+
+void KelvoSDK::setConsent(Consent consent) noexcept {
+  guardedAlways([&] {
+    if (!isRefusedForItsRights()) controller().setConsent(consent);
+  });
+}
+
+Consent KelvoSDK::consent() noexcept {
+  Consent consent = Consent::undecided;
+  guardedAlways([&] { consent = controller().consent(); });
+  return consent;
+}
+
+Dictionary KelvoSDK::describeData() noexcept {
+  Dictionary data;
+  guardedAlways([&] { data = dataDescription(); });
+  return data;
 }
 
 std::optional<std::string> KelvoSDK::getDeviceID() noexcept {
   std::optional<std::string> id;
   guarded([&] { id = controller().getDeviceID(); });
   return id;
+}
+
+void KelvoSDK::erase() noexcept {
+  guardedAlways([] {
+    if (!isRefusedForItsRights()) controller().erase();
+  });
 }
 
 void KelvoSDK::flush(std::chrono::milliseconds deadline, std::function<void(const FlushResult&)> callback) noexcept {
@@ -171,9 +196,19 @@ void KelvoSDK::flush(std::chrono::milliseconds deadline, std::function<void(cons
   }
   guardedAlways([&] {
     Flushing::begin(deadline, [callback = std::move(callback)](const FlushResult& result) {
-      if (callback) DispatchQueue::global().async([callback, result] { callback(result); });
+      if (!callback) return;
+      threadsAreHeld() ? callback(result) : DispatchQueue::global().async([callback, result] { callback(result); });
     });
   });
+}
+
+Ledger KelvoSDK::ledger() noexcept {
+  Ledger ledger;
+  guardedAlways([&] {
+    KLVLedger::shared().setHeld(controller().heldEvents());
+    ledger = KLVLedger::shared().ledger();
+  });
+  return ledger;
 }
 
 FlushResult KelvoSDK::flushAndWait(std::chrono::milliseconds deadline) noexcept {

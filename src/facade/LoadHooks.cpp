@@ -7,6 +7,7 @@
 #include "facade/Guard.h"
 #include "platform/Privileges.h"
 #include "platform/ServiceEndpoint.h"
+#include "platform/Thread.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -15,6 +16,11 @@ namespace {
 void finalizer() {
   finishAtExit();
   if (HostSettings::shared().saysFarewell() && !SwitchedOff::reason()) std::printf("KelvoiOSSDK finalizer\n");
+}
+
+/// Runs before all other initialisers of the library, because one may log.
+__attribute__((constructor(101))) void needNoThreads() {
+  holdThreads();
 }
 
 /// Runs when the library is loaded. The log level is set after the automatic start has returned, so that all log lines

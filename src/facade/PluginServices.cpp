@@ -7,6 +7,7 @@
 #include "kelvo/Plugin.h"
 #include "platform/MainQueue.h"
 #include "records/KLVRecordKeys.h"
+#include "util/KLVException.h"
 #include "util/KLVPluginName.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -33,6 +34,12 @@ Result readWhileEnabled(Call&& call) noexcept {
     if (controller().enableSDK()) result = call();
   });
   return result;
+}
+
+/// Runs a call that needs threads. Before the user's decision about consent, it is held like a host call.
+template <class Call>
+void whileThreadsMayRun(Call&& call) noexcept {
+  guarded([&] { controller().runOrHold(std::forward<Call>(call)); });
 }
 
 std::optional<std::string> taken(OptionalText&& text) {
@@ -109,27 +116,37 @@ void PluginServices::persistPIDMIDDict(OptionalDictionary record, const std::str
 
 void PluginServices::registerForEventWithType(KLVEventType type,
                                               const std::shared_ptr<EventListener>& listener) noexcept {
-  guarded([&] { controller().registerForEventWithType(type, EventListener::adapterOf(listener)); });
+  whileThreadsMayRun([=] { controller().registerForEventWithType(type, EventListener::adapterOf(listener)); });
 }
 
 void PluginServices::registerIdentifer(const std::string& key,
                                        const std::shared_ptr<EventListener>& listener) noexcept {
-  guarded([&] { controller().registerIdentifer(key, EventListener::adapterOf(listener)); });
+  whileThreadsMayRun([=] { controller().registerIdentifer(key, EventListener::adapterOf(listener)); });
 }
 
 void PluginServices::deregisterForEventWithType(KLVEventType type,
                                                 const std::shared_ptr<EventListener>& listener) noexcept {
-  guarded([&] { controller().deregisterForEventWithType(type, EventListener::adapterOf(listener)); });
+  whileThreadsMayRun([=] { controller().deregisterForEventWithType(type, EventListener::adapterOf(listener)); });
 }
 
 void PluginServices::deRegisterIdentifer(const std::string& key,
                                          const std::shared_ptr<EventListener>& listener) noexcept {
-  guarded([&] { controller().deRegisterIdentifer(key, EventListener::adapterOf(listener)); });
+  whileThreadsMayRun([=] { controller().deRegisterIdentifer(key, EventListener::adapterOf(listener)); });
 }
 
 void PluginServices::dispatchEvent(KLVEventType type, OptionalText name, OptionalDictionary attributes) noexcept {
-  whileEnabled([&] {
-    const auto info = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(taken(std::move(attributes)));
+  guardedEvent([&] {
+    if (!controller().enableSDK()) {
+      KLVLedger::shared().refuse(KLVLedgerEntry::refusedDisabled);
+      return CollectionGate::logRefusal("call");
+    }
+    std::optional<Dictionary> info;
+    try {
+      info = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(taken(std::move(attributes)));
+    } catch (const KLVInvalidArgument&) {
+      KLVLedger::shared().refuse(KLVLedgerEntry::refusedUncleanable);
+      throw;
+    }
     const auto given = taken(std::move(name));
     if (KLVPluginEventSource(controller()).logEvent(type, given, info.value_or(Dictionary()))) return;
     KLV_ERROR("Plug-ins dispatch no events of type {}; ignoring {}", stringFromType(type), given);
@@ -183,13 +200,14 @@ void PluginServices::makeDeleteRequestToURLPath(OptionalText path, OptionalDicti
 }
 
 void PluginServices::registerForTimerNotificationWithInterval(double seconds, std::function<void()> closure) noexcept {
-  guarded([&] { controller().registerForTimerNotificationWithInterval(seconds, std::move(closure)); });
+  whileThreadsMayRun([seconds, closure = std::move(closure)] {
+    controller().registerForTimerNotificationWithInterval(seconds, closure);
+  });
 }
 
 void PluginServices::executeAfterDelay(double seconds, std::function<void()> block) noexcept {
-  guarded([&] {
-    if (block) controller().executeAfterDelay(seconds, std::move(block));
-  });
+  if (!block) return;
+  whileThreadsMayRun([seconds, block = std::move(block)] { controller().executeAfterDelay(seconds, block); });
 }
 
 bool PluginServices::actionInProgress() noexcept {

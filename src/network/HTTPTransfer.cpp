@@ -111,6 +111,13 @@ HTTPTransfer::~HTTPTransfer() {
   curl_slist_free_all(static_cast<curl_slist*>(headers_));
 }
 
+bool HTTPTransfer::mustEnd() const {
+  if (request_.group == nullptr || !request_.group->isClosed()) return false;
+  curl_off_t sent = 0;
+  curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent);
+  return request_.body.empty() || static_cast<std::uint64_t>(sent) < request_.body.size();
+}
+
 bool HTTPTransfer::configure(const Settings& settings) {
   const auto url = HTTPURL::parse(request_.url);
   const bool startsOnThisMachine = url && url->isLoopback();

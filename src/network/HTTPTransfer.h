@@ -38,6 +38,8 @@ class HTTPTransfer {
   [[nodiscard]] void* handle() const noexcept { return easy_; }
   /// Returns the outcome of the finished transfer; `code` is its CURLcode. Moves the body out, so call it once.
   [[nodiscard]] Outcome outcome(int code);
+  /// Returns whether the request's group is closed and the service does not have the whole body yet.
+  [[nodiscard]] bool mustEnd() const;
   [[nodiscard]] HTTPCompletion takeCompletion() noexcept { return std::move(completion_); }
 
  private:

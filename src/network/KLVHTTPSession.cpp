@@ -93,6 +93,10 @@ HTTPTransfer::Outcome failure(CURLcode code, std::string why) {
   return {std::nullopt, std::nullopt, HTTPError{code, std::move(why)}};
 }
 
+HTTPTransfer::Outcome cancelled() {
+  return failure(CURLE_ABORTED_BY_CALLBACK, "The request was cancelled");
+}
+
 }  // namespace
 
 /// The state that the session's handle, its network thread and its pending callbacks share.
@@ -104,6 +108,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
     if (auto refusal = refusalOf(request.url)) {
       return finish(std::move(completion), {std::nullopt, std::nullopt, std::move(refusal)});
     }
+    if (request.group != nullptr && request.group->isClosed()) return finish(std::move(completion), cancelled());
     Lock lock(mutex_);
     if (ExitParking::shared().isExiting()) return;
     if (!running_) running_ = startThread("kelvo.net", [self = shared_from_this()] { self->run(); });
@@ -127,6 +132,11 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
   void wake() override EXCLUDES(mutex_) {
     const Lock lock(mutex_);
     if (multi_ != nullptr) curl_multi_wakeup(multi_);
+  }
+
+  void endClosedGroups() {
+    endsGroups_ = true;
+    wake();
   }
 
   [[nodiscard]] std::size_t unfinished() const noexcept { return unfinished_.load(); }
@@ -170,6 +180,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
     for (;;) {
       ExitParking::shared().parkIfExiting(*this);
       if (!acceptWaiting(multi)) return;
+      if (endsGroups_.exchange(false)) endTransfersOfClosedGroups(multi);
       int running = 0;
       curl_multi_perform(multi, &running);
       deliverFinished(multi);
@@ -188,6 +199,10 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
       if (closed_ && accepted.empty() && active_.empty()) return false;
     }
     for (Waiting& each : accepted) {
+      if (each.request.group != nullptr && each.request.group->isClosed()) {
+        finish(std::move(each.completion), cancelled());
+        continue;
+      }
       auto completion = each.completion;
       auto transfer = HTTPTransfer::make(std::move(each.request), std::move(each.completion), settings_);
       if (transfer == nullptr || curl_multi_add_handle(multi, transfer->handle()) != CURLM_OK) {
@@ -197,6 +212,16 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
       active_.emplace(transfer->handle(), std::move(transfer));
     }
     return true;
+  }
+
+  void endTransfersOfClosedGroups(CURLM* multi) {
+    for (auto next = active_.begin(); next != active_.end();) {
+      const auto current = next++;
+      if (!current->second->mustEnd()) continue;
+      curl_multi_remove_handle(multi, current->first);
+      finish(current->second->takeCompletion(), cancelled());
+      active_.erase(current);
+    }
   }
 
   void deliverFinished(CURLM* multi) {
@@ -252,6 +277,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
 
   DispatchQueue callbacks_{"com.kelvo.concurrent.KLVPostman.callbacks", DispatchQueue::Kind::concurrent};
   std::atomic<std::size_t> unfinished_{0};
+  std::atomic<bool> endsGroups_{false};  // a group was closed
 
   Mutex mutex_;
   std::deque<Waiting> waiting_ GUARDED_BY(mutex_);
@@ -274,6 +300,10 @@ KLVHTTPSession::~KLVHTTPSession() {
 void KLVHTTPSession::start(HTTPRequest request, HTTPCompletion completion) {
   if (inForkedChild()) return;
   impl_->start(std::move(request), std::move(completion));
+}
+
+void KLVHTTPSession::endClosedGroups() {
+  if (!inForkedChild()) impl_->endClosedGroups();
 }
 
 std::size_t KLVHTTPSession::unfinished() const {

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "network/HTTPGroup.h"
 #include "util/KLVAnswerLimits.h"
 #include "util/KLVHTTPTypes.h"
 
@@ -18,6 +19,7 @@ struct HTTPRequest {
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
   KLVAnswerLimits limits = kUploadLimits;
+  std::shared_ptr<HTTPGroup> group = nullptr;  ///< may be nullptr
 };
 
 /// Sends HTTP requests through libcurl, on a network thread of its own that the first request starts.
@@ -43,6 +45,9 @@ class KLVHTTPSession {
   /// Returns at once. `completion` is called exactly once, on a concurrent callback queue, so a slow completion delays
   /// neither the network thread nor other completions.
   void start(HTTPRequest request, HTTPCompletion completion);
+
+  /// Ends the requests of closed groups, with an error, as `HTTPGroup` describes. Returns at once.
+  void endClosedGroups();
 
   /// Returns the number of requests whose completion has not returned yet.
   [[nodiscard]] std::size_t unfinished() const;

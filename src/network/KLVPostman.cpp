@@ -119,7 +119,19 @@ void KLVPostman::makeDeleteRequestToURLPath(const std::string& path, const std::
   send(std::move(request), std::move(completion));
 }
 
+void KLVPostman::setGroup(std::shared_ptr<HTTPGroup> group) {
+  const Lock lock(mutex_);
+  group_.swap(group);  // `group` ends after the lock: see ~HTTPGroup
+}
+
+std::shared_ptr<HTTPGroup> KLVPostman::group() const {
+  const Lock lock(mutex_);
+  return group_;
+}
+
 void KLVPostman::send(HTTPRequest request, HTTPCompletion completion) {
+  request.group = group();
+  if (request.group != nullptr) completion = request.group->guard(std::move(completion));
   sharedSession().start(std::move(request), [completion = std::move(completion)](auto data, auto response, auto error) {
     KLV_DEBUG("Response: {}", describe(response));
     if (completion) completion(std::move(data), std::move(response), std::move(error));

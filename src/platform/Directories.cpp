@@ -132,7 +132,7 @@ class Home {
     return paths_;
   }
 
- private:
+  /// Returns the home's path, nullopt if there is none. It is final from now on.
   std::optional<std::string> use() EXCLUDES(mutex_) {
     const Lock lock(mutex_);
     const auto home = chosen_.empty() || environment("KELVO_HOME") ? Directories::homeFor(Bundle::main()) : chosen_;
@@ -140,6 +140,7 @@ class Home {
     return home;
   }
 
+ private:
   Mutex mutex_;
   std::string chosen_ GUARDED_BY(mutex_);
   std::optional<std::string> used_ GUARDED_BY(mutex_);  // empty text: none; nullopt before the first use
@@ -167,6 +168,12 @@ const std::string& Directories::library() {
 }
 const std::string& Directories::documents() {
   return processHome().paths().documents;
+}
+
+std::optional<std::string> Directories::existingLibrary() {
+  const auto home = processHome().use();
+  const auto directory = home ? resolvedPath(joinPath(*home, "Library")) : std::nullopt;
+  return directory && isDirectory(*directory) ? directory : std::nullopt;
 }
 
 std::optional<std::string> Directories::problem() {

@@ -28,6 +28,10 @@ class Directories {
   static const std::string& library();
   static const std::string& documents();
 
+  /// Returns the Library directory of this process's home, nullopt if it does not exist. Creates and judges nothing:
+  /// only `library` says whether the home may be used. From now on, `chooseHome` cannot change the home.
+  static std::optional<std::string> existingLibrary();
+
   /// Returns the full path of a file in the Library directory.
   static std::string inLibrary(std::string_view relativePath);
 

@@ -33,14 +33,14 @@ class TemporaryFile {
 
   [[nodiscard]] bool made() const noexcept { return made_; }
 
-  bool fill(std::string_view content) {
+  bool fill(std::string_view content, bool syncs) {
     while (!content.empty()) {
       const ssize_t written = ::write(file_.get(), content.data(), content.size());
       if (written < 0 && errno == EINTR) continue;
       if (written < 0) return false;
       content.remove_prefix(static_cast<std::size_t>(written));
     }
-    return file_.close();
+    return (!syncs || ::fsync(file_.get()) == 0) && file_.close();
   }
 
   bool keepAs(const std::string& path) {
@@ -57,6 +57,11 @@ class TemporaryFile {
 
 std::string reason(int number) {
   return std::generic_category().message(number);
+}
+
+bool syncDirectory(const std::string& path) {
+  const Descriptor directory = openToRead(path, O_DIRECTORY);
+  return directory.get() >= 0 && ::fsync(directory.get()) == 0;
 }
 
 std::nullopt_t unreadable(FileError* error, std::string why) {
@@ -110,8 +115,14 @@ std::optional<std::string> readFile(const Descriptor& file, FileError* error, st
 // content can be created again.
 bool writeFileAtomically(const std::string& path, std::string_view content, FileError* error) {
   TemporaryFile temporary(directoryOf(path));
-  if (!temporary.made() || !temporary.fill(content) || !temporary.keepAs(path)) return failed(error, errno);
+  if (!temporary.made() || !temporary.fill(content, false) || !temporary.keepAs(path)) return failed(error, errno);
   return true;
+}
+
+bool writeFileDurably(const std::string& path, std::string_view content, FileError* error) {
+  TemporaryFile temporary(directoryOf(path));
+  if (!temporary.made() || !temporary.fill(content, true) || !temporary.keepAs(path)) return failed(error, errno);
+  return syncDirectory(directoryOf(path)) || failed(error, errno);
 }
 
 std::uint64_t fileSize(const std::string& path) {

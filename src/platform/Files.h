@@ -44,6 +44,8 @@ std::optional<std::string> readFile(const Descriptor& file, FileError* error = n
 /// Replaces the file at `path`, mode 0600. Readers see the old content or the new content, never a part. On failure,
 /// returns false with the reason in `error` and leaves the old file untouched.
 [[nodiscard]] bool writeFileAtomically(const std::string& path, std::string_view content, FileError* error = nullptr);
+/// The same, and waits until the disk has the new file. It then survives a power cut, too.
+[[nodiscard]] bool writeFileDurably(const std::string& path, std::string_view content, FileError* error = nullptr);
 
 /// Returns the size of the file at `path` in bytes, 0 if there is none.
 [[nodiscard]] std::uint64_t fileSize(const std::string& path);

@@ -3,15 +3,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <string_view>
-
 #include "platform/Directories.h"
 #include "platform/Files.h"
+#include "platform/Immortal.h"
+#include "platform/ThreadSafety.h"
 
 namespace kelvo {
 namespace {
 
-constexpr std::string_view kLockFile = "com.kelvo.lock";
 constexpr mode_t kPrivateFile = 0600;
 
 /// Returns the region of a record lock. Unlike flock, a record lock names its holder, and a forked child does not
@@ -32,18 +31,23 @@ std::optional<pid_t> holder(int file) {
 }  // namespace
 
 std::optional<pid_t> HomeLock::takeOrFindHolder() {
+  static Immortal<Mutex> mutex;
+  static bool isHeld = false;  // guarded by `mutex`
+  const Lock lock(*mutex);
+  if (isHeld) return std::nullopt;
   const int file =
-      ::open(Directories::inLibrary(kLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivateFile);
+      ::open(Directories::inLibrary(kKLVLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivateFile);
   if (file < 0) return std::nullopt;
   auto region = wholeFile();
-  if (::fcntl(file, F_SETLK, &region) == 0) return std::nullopt;  // never closed: closing would release the lock
+  isHeld = ::fcntl(file, F_SETLK, &region) == 0;
+  if (isHeld) return std::nullopt;  // never closed: closing would release the lock
   const auto found = holder(file);
   ::close(file);
   return found;
 }
 
 std::optional<pid_t> HomeLock::holderOf(const std::string& library) {
-  const int file = ::open(joinPath(library, kLockFile).c_str(), O_RDONLY | O_CLOEXEC);
+  const int file = ::open(joinPath(library, kKLVLockFile).c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) return std::nullopt;
   const auto found = holder(file);
   ::close(file);

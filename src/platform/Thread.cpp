@@ -17,6 +17,8 @@ namespace {
 std::atomic<bool> forked{false};
 [[maybe_unused]] const int forkHandler = pthread_atfork(nullptr, nullptr, [] { forked.store(true); });
 
+constinit std::atomic<bool> areHeld{false};
+
 thread_local bool isOurs = false;
 
 constexpr std::size_t kLongestName = 15;  // the kernel refuses longer ones
@@ -70,6 +72,18 @@ bool startThread(const char* name, std::function<void()> body) {
 
 bool inForkedChild() noexcept {
   return forked.load(std::memory_order_relaxed);
+}
+
+void holdThreads() noexcept {
+  areHeld.store(true);
+}
+
+void allowThreads() noexcept {
+  areHeld.store(false);
+}
+
+bool threadsAreHeld() noexcept {
+  return areHeld.load();
 }
 
 bool onLibraryThread() noexcept {

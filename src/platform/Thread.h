@@ -13,6 +13,13 @@ bool startThread(const char* name, std::function<void()> body);
 /// the library runs and any lock may stay locked forever, so the library must not take a lock or start a thread.
 bool inForkedChild() noexcept;
 
+/// From now on the library needs no thread: log lines wait in memory, callbacks come on the caller's thread. The
+/// process is in this state from the load until the library knows that the user has decided about consent, or that the
+/// host does not require it. Programs without the load hooks never are. Thread: any.
+void holdThreads() noexcept;
+void allowThreads() noexcept;
+[[nodiscard]] bool threadsAreHeld() noexcept;
+
 /// Returns true on a thread that `startThread` has started.
 bool onLibraryThread() noexcept;
 

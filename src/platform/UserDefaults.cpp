@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 
@@ -79,6 +80,20 @@ struct UserDefaults::Impl : std::enable_shared_from_this<Impl> {
     return false;
   }
 
+  /// Thread: the queue.
+  bool erase() EXCLUDES(mutex) {
+    queue.assertCurrent();
+    {
+      const Lock lock(mutex);
+      values = {};
+      dirty = false;
+    }
+    bool isDone = true;
+    for (const std::string& each : {path, path + ".corrupt"})
+      isDone &= std::remove(each.c_str()) == 0 || errno == ENOENT;
+    return isDone;
+  }
+
   void loadOnce() EXCLUDES(mutex) {
     std::call_once(loaded, [this] {
       Dictionary content = load(path);
@@ -138,6 +153,11 @@ void UserDefaults::remove(std::string_view key) {
     values.remove(key);
     return changes;
   });
+}
+
+bool UserDefaults::erase() {
+  impl_->loadOnce();
+  return impl_->queue.sync([this] { return impl_->erase(); });
 }
 
 bool UserDefaults::synchronize() {

@@ -34,6 +34,10 @@ class UserDefaults {
   void set(std::string_view key, Value value);
   void remove(std::string_view key);
 
+  /// Deletes all values, the file and its `.corrupt` copy, and drops unsaved changes. Blocks until that is done.
+  /// Returns false if a file is left.
+  bool erase();
+
   /// Writes unsaved changes to the file, and blocks until they are written. Returns false if the file cannot be
   /// written; the changes stay in memory, and the next write tries again.
   bool synchronize();

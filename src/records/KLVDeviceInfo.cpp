@@ -1,6 +1,13 @@
 #include "records/KLVDeviceInfo.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <cstdint>
+#include <iterator>
+#include <stdexcept>
 #include <string_view>
 
 #include "platform/Device.h"
@@ -22,6 +29,16 @@ bool isSafeInNames(char character) {
   return kSafe.find(character) != std::string_view::npos;
 }
 
+/// Returns 256 bits from the system's random source as hexadecimal digits.
+std::string randomSecret() {
+  constexpr std::size_t kBytes = 32;
+  std::array<std::uint8_t, kBytes> bytes{};
+  if (::getentropy(bytes.data(), bytes.size()) != 0) throw std::runtime_error("The system has no random numbers");
+  std::string text;
+  for (const std::uint8_t byte : bytes) fmt::format_to(std::back_inserter(text), "{:02x}", byte);
+  return text;
+}
+
 /// Returns the id of this installation. Makes and saves one if there is none. A saved one that breaks names costs an
 /// ERROR line, and is replaced if the rules say so.
 std::string deviceId() {
@@ -34,6 +51,7 @@ std::string deviceId() {
     if (!replaces) return *stored;
   }
   const std::string made = KLVDeviceInfo::getIDFA().value_or(randomUUIDString());
+  defaults.set(kKLVEraseSecretKey, randomSecret());  // first: no id without a secret is ever on the disk
   defaults.set(kKLVDeviceIdKey, made);
   defaults.synchronize();
   return made;
@@ -56,6 +74,16 @@ std::string KLVDeviceInfo::getHardwareModel() const {
 
 void KLVDeviceInfo::logDeviceToken(const std::string& token) {
   setInfo(token, kKLVDeviceToken);
+}
+
+std::string KLVDeviceInfo::eraseSecret() {
+  UserDefaults& defaults = UserDefaults::standard();
+  if (auto stored = defaults.string(kKLVEraseSecretKey)) return *std::move(stored);
+  std::string made = randomSecret();
+  defaults.set(kKLVIsNamedKey, true);  // older versions have kept no such note
+  defaults.set(kKLVEraseSecretKey, made);
+  defaults.synchronize();
+  return made;
 }
 
 std::string KLVDeviceInfo::namePart(const std::string& deviceId) {

@@ -22,6 +22,10 @@ class KLVDeviceInfo final : public KLVInfo {
   [[nodiscard]] std::string getHardwareModel() const;
   void logDeviceToken(const std::string& token);
 
+  /// Returns the secret that was made with the device id, 64 hexadecimal digits. The device of an older version gets
+  /// one now, which is saved. Blocks on the disk then.
+  static std::string eraseSecret();
+
   /// Returns `deviceId` as a part of names: every character but ASCII letters, digits, "-" and "." is replaced by "-",
   /// and the rest after 64 characters is cut off. Returns "-" for the empty text.
   static std::string namePart(const std::string& deviceId);

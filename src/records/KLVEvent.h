@@ -5,9 +5,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "records/KLVEventType.h"
 #include "records/KLVInfo.h"
+#include "util/KLVWaitingCall.h"
 
 namespace kelvo {
 
@@ -28,6 +30,9 @@ class KLVEvent : public KLVInfo {
   void setEventType(KLVEventType type) noexcept { type_.store(type); }
   [[nodiscard]] std::int64_t createdTime() const noexcept { return time_.load(); }
   void setCreatedTime(std::int64_t time) noexcept { time_.store(time); }
+  /// The host call that caused the event: it waits while the event, or its write, does. Set before the event is shared.
+  [[nodiscard]] const KLVWaitingCall& call() const noexcept { return call_; }
+  void setCall(KLVWaitingCall call) noexcept { call_ = std::move(call); }
 
   /// Returns the record's form plus "time" and "type" (the type's name).
   [[nodiscard]] Dictionary jsonDict() const override;
@@ -39,6 +44,7 @@ class KLVEvent : public KLVInfo {
  private:
   std::atomic<KLVEventType> type_{KLVEventType::system};
   std::atomic<std::int64_t> time_{0};
+  KLVWaitingCall call_;
 };
 
 /// Receives events from the bus.

@@ -8,6 +8,7 @@ namespace kelvo {
 inline constexpr std::string_view kKLVDeviceInfo = "device_info";
 inline constexpr std::string_view kKLVUserDB = "com.kelvo.db.user";
 inline constexpr std::string_view kKLVEventsBuffer = "com.kelvo.db.eventsbuffer";
+inline constexpr std::string_view kKLVConsent = "com.kelvo.consent.json";
 inline constexpr std::string_view kKLVSDKFrequencyConfig = "com.kelvo.frequency.config.json";
 inline constexpr std::string_view kKLVClientEventsPath = "com.kelvo.SDK.clientevents";
 inline constexpr std::string_view kKLVSDKPIDMIDForRTA = "com.kelvo.SDK.rta.pidmid";

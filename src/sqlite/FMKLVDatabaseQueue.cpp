@@ -32,6 +32,7 @@ FMKLVDatabaseQueue::~FMKLVDatabaseQueue() {
 
 FMKLVDatabase* FMKLVDatabaseQueue::database() {
   queue_.assertCurrent();
+  if (isRetired_) return nullptr;
   if (db_->isOpen() || db_->openWithFlags(openFlags_)) return db_.get();
   KLV_DEBUG("FMDatabaseQueue could not reopen database for path {}", path_);
   return nullptr;
@@ -55,6 +56,14 @@ bool FMKLVDatabaseQueue::perform(const std::function<bool(FMKLVDatabase&)>& work
       KLV_WARN("Warning: there is at least one open result set around after performing [FMDatabaseQueue inDatabase:]");
     }
     return done;
+  });
+}
+
+void FMKLVDatabaseQueue::retire() {
+  queue_.sync([&] {
+    queue_.assertCurrent();
+    isRetired_ = true;
+    db_->close();
   });
 }
 

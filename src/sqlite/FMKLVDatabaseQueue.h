@@ -28,6 +28,8 @@ class FMKLVDatabaseQueue final : public FMKLVBlockRunner {
   [[nodiscard]] FMKLVDatabase* database();
   /// Closes the connection. The next block reopens it.
   void close();
+  /// Closes the connection permanently: later blocks do not run.
+  void retire();
 
   [[nodiscard]] const std::optional<std::string>& path() const noexcept { return path_; }
   [[nodiscard]] int openFlags() const noexcept { return openFlags_; }
@@ -40,6 +42,7 @@ class FMKLVDatabaseQueue final : public FMKLVBlockRunner {
   const int openFlags_;
   DispatchQueue queue_;
   const std::unique_ptr<FMKLVDatabase> db_ PT_GUARDED_BY(queue_);
+  bool isRetired_ GUARDED_BY(queue_) = false;
 };
 
 }  // namespace kelvo

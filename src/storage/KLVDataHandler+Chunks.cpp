@@ -1,15 +1,16 @@
 #include <utility>
 
+#include "storage/KLVChunkWrites.h"
 #include "storage/KLVDataHandler.h"
 #include "storage/KLVDataHandlerJobs.h"
+#include "storage/KLVEventWrites.h"
 #include "storage/KLVSchema.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVLogger.h"
 #include "util/KLVUtilities+JSON.h"
 
 namespace kelvo {
 namespace {
-
-constexpr int kAccepted = 1;  // the "status" of a chunk that the service has accepted
 
 /// Returns the attributes as the storage form keeps them, without empty values.
 Dictionary storedAttributes(const KLVChunkMetaInfo& meta) {
@@ -25,6 +26,12 @@ Dictionary newRow(const KLVChunkMetaInfo& meta) {
   }
   row.set(kKLVChunkId, meta.identifier());
   return row;
+}
+
+/// Returns the number of events that the chunk of `row` carries to the service, 0 if they cannot be read.
+std::int64_t eventsOf(const Dictionary& row, KLVPersistantStore& store) {
+  const auto table = eventsTable(row[kKLVChunkSid].asText().value_or(""));
+  return store.countForUpload(table, row[kKLVChunkStart].asUInt64(), row[kKLVChunkEnd].asUInt64()).value_or(0);
 }
 
 /// Notes that the service has the aggregate counts of the session `sid` up to `total`. Keeps a greater number.
@@ -54,8 +61,11 @@ bool KLVDataHandler::saveChunkMetaInfo(std::shared_ptr<KLVChunkMetaInfo> meta, s
     recordsRow.set(kKLVChunkRecordsText, *text);
   }
   return jobs_->writeNow([&](KLVPersistantStore& store) {
-    return (recordsRow.empty() || store.insertDataWithTableName(kKLVChunkRecords, recordsRow)) &&
-           store.insertDataWithTableName(kKLVChunkMetaInfo, row);
+    const std::string sid = row[kKLVChunkSid].asText().value_or("");
+    return countInLedger(store, KLVLedgerEntry::sent, eventsOf(row, store)) &&
+           (recordsRow.empty() || store.insertDataWithTableName(kKLVChunkRecords, recordsRow)) &&
+           store.insertDataWithTableName(kKLVChunkMetaInfo, row) &&
+           reportEvictions(store, meta->identifier(), sid, sid == sessionIdentifier_);
   });
 }
 
@@ -91,10 +101,12 @@ void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::
       const auto rows = store.retrieveDataWithTableName(kKLVChunkMetaInfo, kKLVChunkId, chunk->identifier());
       if (!rows) return false;
       if (rows->empty()) return true;  // purged
-      Dictionary values;
-      values.set(kKLVChunkStatus, kAccepted);
-      return store.updateDataWithTableName(kKLVChunkMetaInfo, values, kKLVChunkId, chunk->identifier()) &&
-             noteAggregatesSent(store, rows->front()[kKLVChunkSid].asText().value_or(""), aggregateTotal);
+      const KLVStoredChunk stored(rows->front());
+      const bool isFirst = !rows->front()[kKLVChunkStatus].asBool();
+      return countInLedger(store, KLVLedgerEntry::accepted, isFirst ? eventsOf(rows->front(), store) : 0) &&
+             settleChunk(store, stored, kKLVChunkAccepted, KLVDeliveryRules::current().deletesAcceptedEvents) &&
+             store.removeDataWithTableName(kKLVEvictions, "chunk", stored.id) &&
+             noteAggregatesSent(store, stored.sid, aggregateTotal);
     });
   });
 }

@@ -57,11 +57,14 @@ void KLVDataHandler::updateAggregateEventsCountRecordHavingParameters(const Dict
 
 void KLVDataHandler::countAggregateEvent(std::shared_ptr<KLVEvent> event, std::string identifier) {
   if (!event) return;
+  if (jobs_->store() == nullptr) return KLVLedger::shared().add(KLVLedgerEntry::notStored);
   jobs_->writeTogether(
       [&] {
-        jobs_->write([event = std::move(event), identifier = std::move(identifier)](KLVPersistantStore& store) {
-          return countAggregate(store, *event, identifier);
-        });
+        jobs_->write(
+            [event = std::move(event), identifier = std::move(identifier)](KLVPersistantStore& store) {
+              return countInLedger(store, KLVLedgerEntry::counted, 1) && countAggregate(store, *event, identifier);
+            },
+            1);
       },
       {});
 }

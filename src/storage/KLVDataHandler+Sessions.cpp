@@ -81,6 +81,8 @@ KLVDataHandler::Rescue KLVDataHandler::storeRescuedEvents(const std::string& fil
     const KLVEvent& event = *rescued.event;
     const auto type = event.eventType();
     const bool countsForLife = type == KLVEventType::app || type == KLVEventType::client;
+    store.ledger().countFromFile(KLVLedgerEntry::stored, 1);
+    store.ledger().countFromFile(KLVLedgerEntry::notForUpload, notForUpload(rescued.row));
     return insertEvent(store, sid, true, rescued.row) &&
            (!countsForLife || countLifetimeEvent(store, *lifetimeCounts_, event.identifier()) ||
             isUncountable(event.identifier())) &&
@@ -93,6 +95,8 @@ KLVDataHandler::Rescue KLVDataHandler::storeRescuedEvents(const std::string& fil
       result = Rescue::alreadyStored;
       return true;
     }
+    const auto formless = static_cast<std::int64_t>(events.size() - rows.size());
+    store.ledger().countFromFile(KLVLedgerEntry::refusedUncleanable, formless);
     Dictionary name;
     name.set(kKLVRescuedFileName, file);
     return store.insertDataWithTableName(kKLVRescuedFiles, name) &&

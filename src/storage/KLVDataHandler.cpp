@@ -16,6 +16,14 @@ namespace {
 /// A few hundred kilobytes of memory, and a few dozen milliseconds of work.
 constexpr std::size_t kMaxWaitingWrites = 2048;
 
+/// Returns about the size of an event's row in the file.
+std::uint64_t bytesOf(const Dictionary& row) {
+  constexpr std::uint64_t kOtherColumns = 40;
+  const auto* name = row[kKLVId].get<std::string>();
+  const auto* attributes = row[kKLVAdditionalInfo].get<std::string>();
+  return kOtherColumns + (name != nullptr ? name->size() : 0) + (attributes != nullptr ? attributes->size() : 0);
+}
+
 }  // namespace
 
 KLVDataHandler::KLVDataHandler(std::string identifier)
@@ -53,6 +61,10 @@ void KLVDataHandler::saveEventInfo(std::shared_ptr<KLVEvent> event, std::string 
 
 void KLVDataHandler::saveAndCountEvent(const std::shared_ptr<KLVEvent>& event, std::string identifier) {
   if (!event) return;
+  if (event->eventType() == KLVEventType::aggregate) {
+    return insert(event, identifier,
+                  [event, identifier](KLVPersistantStore& store) { return countAggregate(store, *event, identifier); });
+  }
   insert(event, std::move(identifier),
          [cache = lifetimeCounts_, name = event->identifier()](KLVPersistantStore& store) {
            return countLifetimeEvent(store, *cache, name);
@@ -61,18 +73,27 @@ void KLVDataHandler::saveAndCountEvent(const std::shared_ptr<KLVEvent>& event, s
 
 template <class Count>
 void KLVDataHandler::insert(const std::shared_ptr<KLVEvent>& event, std::string identifier, Count count) {
-  if (!event || jobs_->store() == nullptr) return;
+  if (!event) return;
+  if (jobs_->store() == nullptr) return KLVLedger::shared().add(KLVLedgerEntry::notStored);
   // Converted now, not in the job: the row is much smaller than the event, and in a burst thousands wait.
   Dictionary row;
   try {
     row = event->jsonDict();
   } catch (const std::exception& error) {
+    KLVLedger::shared().add(KLVLedgerEntry::refusedUncleanable);
     KLV_ERROR("{}", error.what());
     return;
   }
   const bool isOwn = identifier == sessionIdentifier_;
-  jobs_->write([row = std::move(row), identifier = std::move(identifier), isOwn, count = std::move(count)](
-                   KLVPersistantStore& store) { return insertEvent(store, identifier, isOwn, row) && count(store); });
+  jobs_->grow(bytesOf(row));
+  jobs_->write(
+      [row = std::move(row), identifier = std::move(identifier), isOwn, count = std::move(count),
+       call = event->call()](KLVPersistantStore& store) {
+        const bool isStored = insertEvent(store, identifier, isOwn, row);
+        countRow(store, row, isStored);
+        return isStored && count(store);
+      },
+      1);
 }
 
 std::optional<std::vector<Dictionary>> KLVDataHandler::getEventsBetween(std::uint64_t start, std::uint64_t end,
@@ -115,7 +136,17 @@ void KLVDataHandler::whenReady(std::function<void(bool isReady)> report) {
 }
 
 void KLVDataHandler::whenStored(std::function<void()> done) {
-  jobs_->async(std::move(done));
+  jobs_->asyncAlways([jobs = jobs_, done = std::move(done)] {
+    if (auto* store = jobs->store()) {
+      if (KLVLedgerWrites::isBehind()) static_cast<void>(store->performTogether({}));
+      store->ledger().keepCopy();
+    }
+    done();
+  });
+}
+
+void KLVDataHandler::retire(std::function<void()> done) {
+  jobs_->retire(std::move(done));
 }
 
 }  // namespace kelvo

@@ -12,11 +12,13 @@
 #include "records/KLVChunk.h"
 #include "records/KLVDeviceInfo.h"
 #include "records/KLVEvent.h"
+#include "records/KLVEviction.h"
 #include "records/KLVSDKInfo.h"
 #include "records/KLVSession.h"
 #include "records/KLVUser.h"
 #include "storage/KLVWaiting.h"
 #include "util/KLVAnswerLimits.h"
+#include "util/KLVLedger.h"
 
 namespace kelvo {
 
@@ -55,8 +57,8 @@ class KLVDataHandler {
 
   // --- Events and counters. `identifier` is a session id.
   void saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier);
-  /// The same, and adds 1 to the lifetime count of the event's name in the same transaction. An event that cannot be
-  /// stored is not counted.
+  /// The same, and counts the event in the same transaction: adds 1 to the lifetime count of its name, or counts an
+  /// aggregate event like `countAggregateEvent`. An event that cannot be stored is not counted.
   void saveAndCountEvent(const std::shared_ptr<KLVEvent>& event, std::string identifier);
   /// Returns the rows of events `start` to `end`, both included, in ascending order. `eventType` is the name of a type;
   /// nullopt means every type. Returns nullopt if the read failed.
@@ -97,7 +99,8 @@ class KLVDataHandler {
   /// Replaces the reporting times of the row with this id.
   void updateChunkMetaInfoTimestamp(std::shared_ptr<KLVChunkMetaInfo> meta);
   /// Marks the row whose id is `chunk`'s identifier as accepted. In the same transaction, notes that the service has
-  /// the aggregate counts of the chunk's session up to the sum `aggregateTotal`.
+  /// the aggregate counts of the chunk's session up to the sum `aggregateTotal`, and, if the delivery rules say so,
+  /// deletes the chunk's events.
   void updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::int64_t aggregateTotal);
   /// Deletes all rows of the session whose id is `chunk`'s identifier, and their records.
   void deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk);
@@ -105,6 +108,27 @@ class KLVDataHandler {
   /// Counts what the service has not accepted, in all sessions. Returns nullopt if a read failed or there is no
   /// database.
   std::optional<KLVWaiting> waiting();
+
+  // --- Limits (KLVDataHandler+Limits.cpp). These block, except for the last two.
+  /// Returns the size in bytes of all data: the database without its free pages, the greatest size of its log, and
+  /// every other file. Limits the log to a part of `limit`. Returns nullopt if there is no database.
+  std::optional<std::uint64_t> storedBytes(std::uint64_t limit);
+  /// Deletes what nothing needs any more, until that frees `bytes`: damaged databases that were set aside, then the
+  /// events of accepted chunks, the oldest first.
+  void deleteSettledData(std::uint64_t bytes);
+  /// Deletes the first of `chunks`, in one transaction, until that frees `bytes`, and notes them for a later chunk to
+  /// report. Returns what is deleted, nothing if that fails. `why`: an entry of the ledger for evicted events.
+  KLVEviction evictChunks(const std::vector<std::shared_ptr<KLVChunkMetaInfo>>& chunks, std::uint64_t bytes,
+                          KLVLedgerEntry why);
+  /// Returns what the chunk reports as evicted, nullopt if the read failed.
+  std::optional<KLVEviction> reportedEvictions(const std::string& chunkId);
+  /// Returns when an event happened, nullopt if it is not stored.
+  std::optional<Date> timeOfEvent(const std::string& sid, std::uint64_t index);
+  /// Gives free space of the database back to the disk, in small steps. `isIdle`: also empties a large log, and, under
+  /// the rules that delete accepted events, rewrites a file that cannot give space back.
+  void tidy(bool isIdle);
+  /// Calls `report` each time that about `bytes` of events were stored since the last time. On any thread.
+  void whenGrown(std::uint64_t bytes, std::function<void()> report);
 
   // --- Sessions and rescued events.
   /// Returns the ids of all sessions that have an events table: those with at least one event.
@@ -158,6 +182,9 @@ class KLVDataHandler {
   void whenReady(std::function<void(bool isReady)> report);
   /// Calls `done` on the data queue once all writes submitted so far are done.
   void whenStored(std::function<void()> done);
+  /// Ends the handler, and all that share its data queue: every write is dropped, those that wait included, and reads
+  /// of the database return nothing. Calls `done` on the data queue once the database is closed.
+  void retire(std::function<void()> done);
 
  private:
   template <class Count>

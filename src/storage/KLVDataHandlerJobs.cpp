@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/Thread.h"
+#include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -17,7 +18,7 @@ constexpr const char* kKLVDataMonitoringQueue = "com.kelvo.serial.datamonitoring
 constexpr std::ptrdiff_t kWritesPerTransaction = 512;
 
 /// Collects this thread's writes during `writeTogether`, else nullptr.
-thread_local std::vector<KLVPersistantStore::Job>* together = nullptr;
+thread_local KLVDataHandlerJobs::Group* together = nullptr;
 
 }  // namespace
 
@@ -31,18 +32,27 @@ void KLVDataHandlerJobs::setStore(std::unique_ptr<KLVPersistantStore> store) {
 }
 
 KLVPersistantStore* KLVDataHandlerJobs::store() const noexcept {
-  return inForkedChild() ? nullptr : store_.load(std::memory_order_acquire);
+  return isRetired_ || inForkedChild() ? nullptr : store_.load(std::memory_order_acquire);
 }
 
-void KLVDataHandlerJobs::write(KLVPersistantStore::Job job) {
-  if (store() == nullptr) return;
-  if (together != nullptr) return together->push_back(std::move(job));
+void KLVDataHandlerJobs::Group::add(KLVPersistantStore::Job job, std::uint64_t eventsOfJob) {
+  jobs.push_back(std::move(job));
+  events += eventsOfJob;
+}
+
+void KLVDataHandlerJobs::Group::drop() const {
+  KLVLedger::shared().add(KLVLedgerEntry::notStored, events);
+}
+
+void KLVDataHandlerJobs::write(KLVPersistantStore::Job job, std::uint64_t events) {
+  if (store() == nullptr) return KLVLedger::shared().add(KLVLedgerEntry::notStored, events);
+  if (together != nullptr) return together->add(std::move(job), events);
   const Lock lock(mutex_);
   if (!openGroup_) {
     openGroup_ = std::make_shared<Group>();
     queue_.async([self = shared_from_this(), group = openGroup_] { self->perform(group); });
   }
-  openGroup_->push_back(std::move(job));
+  openGroup_->add(std::move(job), events);
   waitingWrites_.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -62,9 +72,10 @@ void KLVDataHandlerJobs::writeTogether(const std::function<void()>& submit, std:
     } const collecting(group);
     submit();
   }
-  async([self = shared_from_this(), group = std::move(group), committed = std::move(committed)] {
+  asyncAlways([self = shared_from_this(), group = std::move(group), committed = std::move(committed)] {
     auto* target = self->store();
-    if (target != nullptr && target->performTogether(group) && committed) committed();
+    if (target == nullptr) return group.drop();
+    if (target->performTogether(group.jobs) && committed) committed();
   });
 }
 
@@ -74,17 +85,48 @@ void KLVDataHandlerJobs::perform(const std::shared_ptr<Group>& group) {
     if (openGroup_ == group) openGroup_.reset();
   }
   auto* target = store();
-  if (target == nullptr) return;
-  for (auto next = group->begin(); next != group->end();) {
-    const auto count = std::min(kWritesPerTransaction, std::distance(next, group->end()));
+  if (target == nullptr) return group->drop();
+  auto& jobs = group->jobs;
+  for (auto next = jobs.begin(); next != jobs.end();) {
+    const auto count = std::min(kWritesPerTransaction, std::distance(next, jobs.end()));
     const auto last = next + count;
-    target->performGrouped(Group(std::make_move_iterator(next), std::make_move_iterator(last)));
+    target->performGrouped({std::make_move_iterator(next), std::make_move_iterator(last)});
     waitingWrites_.fetch_sub(static_cast<std::size_t>(count), std::memory_order_relaxed);
     next = last;
   }
 }
 
+void KLVDataHandlerJobs::whenGrown(std::uint64_t bytes, std::function<void()> report) {
+  const Lock lock(mutex_);
+  reportGrowth_ = std::move(report);
+  reportedAt_ = bytes;
+}
+
+void KLVDataHandlerJobs::grow(std::uint64_t bytes) {
+  const std::uint64_t reportedAt = reportedAt_.load(std::memory_order_relaxed);
+  if (reportedAt == 0 || grown_.fetch_add(bytes, std::memory_order_relaxed) + bytes < reportedAt) return;
+  grown_ = 0;
+  Lock lock(mutex_);
+  const auto report = reportGrowth_;
+  lock.unlock();
+  report();
+}
+
 void KLVDataHandlerJobs::async(DispatchQueue::Task job) {
+  asyncAlways([self = shared_from_this(), job = std::move(job)] {
+    if (!self->isRetired_) job();
+  });
+}
+
+void KLVDataHandlerJobs::retire(std::function<void()> done) {
+  isRetired_ = true;
+  asyncAlways([self = shared_from_this(), done = std::move(done)] {
+    if (auto* store = self->store_.load(std::memory_order_acquire)) store->retire();
+    done();
+  });
+}
+
+void KLVDataHandlerJobs::asyncAlways(DispatchQueue::Task job) {
   if (inForkedChild()) return;
   const Lock lock(mutex_);
   openGroup_.reset();

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -19,15 +20,24 @@ namespace kelvo {
 /// keep this object alive, so accepted work is stored even if the data handler is destroyed first.
 class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJobs> {
  public:
+  /// Writes that share a transaction.
+  struct Group {
+    std::vector<KLVPersistantStore::Job> jobs;
+    std::uint64_t events = 0;  ///< that the jobs would store
+    void add(KLVPersistantStore::Job job, std::uint64_t eventsOfJob);
+    void drop() const;  ///< the ledger counts the events as not stored
+  };
+
   KLVDataHandlerJobs();
 
   /// Provides the database. Only the first call has an effect.
   void setStore(std::unique_ptr<KLVPersistantStore> store);
-  /// Returns nullptr before `setStore`, and in a forked child, which must not touch the parent's database.
+  /// Returns nullptr before `setStore`, after `retire`, and in a forked child, which must not touch the parent's
+  /// database.
   [[nodiscard]] KLVPersistantStore* store() const noexcept;
 
-  /// Submits a database write. Drops it if there is no store.
-  void write(KLVPersistantStore::Job job);
+  /// Submits a database write that stores `events` events. Drops it if there is no store.
+  void write(KLVPersistantStore::Job job, std::uint64_t events = 0);
   /// Runs `write` in a transaction of its own, after all jobs submitted before. Returns true once it is committed.
   /// Returns false, after logging why, if it failed or there is no store. Blocks.
   [[nodiscard]] bool writeNow(const KLVPersistantStore::Job& write);
@@ -36,8 +46,16 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
   void writeTogether(const std::function<void()>& submit, std::function<void()> committed);
   /// Returns the number of submitted writes that have not run yet. Does not count those of `writeTogether`.
   [[nodiscard]] std::size_t waitingWrites() const noexcept { return waitingWrites_.load(std::memory_order_relaxed); }
-  /// Submits a job that is not a database write. If it throws, the reason is logged.
+  /// Notes that about `bytes` will be stored.
+  void grow(std::uint64_t bytes);
+  void whenGrown(std::uint64_t bytes, std::function<void()> report);
+  /// Submits a job that is not a database write. If it throws, the reason is logged. Drops it after `retire`.
   void async(DispatchQueue::Task job);
+  /// The same for a job that writes nothing: it always runs.
+  void asyncAlways(DispatchQueue::Task job);
+  /// From now on drops every write, those that wait included. Closes the database after the running job, and then calls
+  /// `done` on the data queue.
+  void retire(std::function<void()> done);
   /// Runs `job` after all jobs submitted before and returns its result. Blocks. Inside a job, runs it at once.
   template <class F>
   auto sync(F&& job) {
@@ -46,7 +64,6 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
   }
 
  private:
-  using Group = std::vector<KLVPersistantStore::Job>;
   void perform(const std::shared_ptr<Group>& group);
   void closeGroup();
 
@@ -57,6 +74,10 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
   std::unique_ptr<KLVPersistantStore> owned_ GUARDED_BY(mutex_);
   std::atomic<KLVPersistantStore*> store_{nullptr};  // `owned_`, readable without the mutex
   std::atomic<std::size_t> waitingWrites_{0};
+  std::atomic<std::uint64_t> grown_{0};       // bytes since the last report
+  std::atomic<std::uint64_t> reportedAt_{0};  // bytes; 0: nobody wants a report
+  std::function<void()> reportGrowth_ GUARDED_BY(mutex_);
+  std::atomic<bool> isRetired_{false};
 };
 
 }  // namespace kelvo

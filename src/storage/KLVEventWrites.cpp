@@ -6,6 +6,7 @@
 
 #include "platform/Directories.h"
 #include "platform/Files.h"
+#include "records/KLVEventType.h"
 #include "records/KLVSession.h"
 #include "storage/KLVSQLText.h"
 #include "storage/KLVSchema.h"
@@ -48,6 +49,18 @@ bool insertEvent(KLVPersistantStore& store, const std::string& session, bool cre
   return store.insertEventWithTableName(eventsTable(session), row, [&] {
     return creates || (KLVSession::isIdentifier(session) && isDirectory(Directories::inLibrary(session)));
   });
+}
+
+void countRow(KLVPersistantStore& store, const Dictionary& row, bool isStored) {
+  store.ledger().count(isStored ? KLVLedgerEntry::stored : KLVLedgerEntry::notStored, 1);
+  if (isStored) store.ledger().count(KLVLedgerEntry::notForUpload, notForUpload(row));
+}
+
+int notForUpload(const Dictionary& row) {
+  const auto* type = row[kKLVType].get<std::string>();
+  const bool isSent = type != nullptr && std::any_of(std::begin(kTypesInChunks), std::end(kTypesInChunks),
+                                                     [&](auto each) { return *type == stringFromType(each); });
+  return isSent ? 0 : 1;
 }
 
 std::optional<std::int64_t> lifetimeCount(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name) {

@@ -24,6 +24,11 @@ namespace kelvo {
 [[nodiscard]] bool insertEvent(KLVPersistantStore& store, const std::string& session, bool creates,
                                const Dictionary& row);
 
+/// Counts the event of `row` in the ledger: as stored, or as not stored.
+void countRow(KLVPersistantStore& store, const Dictionary& row, bool isStored);
+/// Returns 1 if no chunk carries the event of `row`, else 0.
+[[nodiscard]] int notForUpload(const Dictionary& row);
+
 /// Returns the lifetime count of `name` from the cache or the database, nullopt if it has no row.
 [[nodiscard]] std::optional<std::int64_t> lifetimeCount(KLVPersistantStore& store, KLVCountCache& cache,
                                                         const std::string& name);

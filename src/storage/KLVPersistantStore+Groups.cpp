@@ -34,8 +34,13 @@ class KLVPersistantStore::Transaction {
   [[nodiscard]] bool isOpen() const noexcept { return open_; }
   [[nodiscard]] bool commit() {
     bool committed = false;
-    store_.onDatabase([&](FMKLVDatabase& db) { committed = db.commit(); });
+    store_.onDatabase([&](FMKLVDatabase& db) {
+      store_.ledger_.write(db);
+      committed = db.commit();
+      if (!committed && reportsFailures()) KLV_ERROR("KLVError {}: {}", db.lastErrorCode(), db.lastErrorMessage());
+    });
     open_ = !committed;
+    if (committed) store_.ledger_.committed();
     return committed;
   }
 
@@ -63,18 +68,25 @@ void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
     const TrialRun trial;
     if (performInOneTransaction(jobs)) return;
   }
-  for (const Job& job : jobs) {
-    try {
-      static_cast<void>(job(*this));  // the job logs its own failure
-    } catch (const std::exception& error) {
-      KLV_ERROR("{}", error.what());
-    }
+  ledger_.rolledBack();
+  for (const Job& job : jobs) performAlone(job);
+}
+
+void KLVPersistantStore::performAlone(const Job& job) {
+  Transaction transaction(*this);
+  try {
+    static_cast<void>(job(*this));  // the job logs its own failure
+  } catch (const std::exception& error) {
+    KLV_ERROR("{}", error.what());
   }
+  if (!transaction.isOpen() || !transaction.commit()) ledger_.failed();
 }
 
 bool KLVPersistantStore::performTogether(const std::vector<Job>& jobs) {
   openAndMakeTables();
-  return performInOneTransaction(jobs);  // the job that failed has logged it
+  if (performInOneTransaction(jobs)) return true;  // else the job that failed has logged it
+  ledger_.failed();
+  return false;
 }
 
 bool KLVPersistantStore::performInOneTransaction(const std::vector<Job>& jobs) {

@@ -17,6 +17,7 @@
 #include "platform/Privileges.h"
 #include "storage/KLVPersistantStore.h"
 #include "storage/KLVSchema.h"
+#include "storage/KLVStoreSpace.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -32,6 +33,7 @@ bool isCorruption(int code) {
 }
 
 constexpr mode_t kOwnerOnly = 0600;
+constexpr std::size_t kKeptAside = 2;  // databases
 
 /// Denies other users access. Creates the file if it is missing, because SQLite copies its mode to the side files and a
 /// library must not change the process's umask. Never opens an existing file: closing it would drop the locks that
@@ -56,7 +58,9 @@ bool setAside(const std::string& path, const std::string& reason) {
     KLV_ERROR("Unable to set aside {}{}: {}", path, suffix, std::strerror(errno));
     return false;
   }
+  KLVLedgerWrites::keepCopyOf(aside);
   KLV_ERROR("The database is corrupt ({}). It is set aside as {}, and a new one is begun", reason, aside);
+  removeSetAside(kKeptAside);
   return true;
 }
 
@@ -79,6 +83,8 @@ std::optional<FMKLVError> prepareConnection(FMKLVDatabaseQueue& queue) {
     // With these settings a commit costs no disk flush, and committed data survives a crash of the process.
     // SQLite would take the directory of its temporary files from the environment.
     if (mustIgnoreEnvironment()) static_cast<void>(db.executeUpdate("pragma temp_store=MEMORY"));
+    // Before the first page is written; an old file keeps its mode until it is rewritten.
+    static_cast<void>(db.executeUpdate("pragma auto_vacuum=incremental"));
     static_cast<void>(isSound(query("pragma journal_mode=WAL")) &&
                       isSound([&] { return db.executeUpdate("pragma synchronous=NORMAL"); }) &&
                       isSound(query("select COUNT(*) from sqlite_master")));
@@ -95,6 +101,10 @@ KLVPersistantStore::KLVPersistantStore() {
 }
 
 KLVPersistantStore::~KLVPersistantStore() = default;
+
+void KLVPersistantStore::retire() {
+  if (db_ != nullptr) db_->retire();
+}
 
 void KLVPersistantStore::open() {
   createDBDirectory();
@@ -123,6 +133,11 @@ std::unique_ptr<FMKLVDatabaseQueue> KLVPersistantStore::openDatabase(const std::
 
 std::string KLVPersistantStore::dbDirectoryPath() {
   return joinPath(Directories::documents(), kKLVDatabaseDirectory);
+}
+
+std::string KLVPersistantStore::databaseRoot() {
+  const std::string path(kKLVDatabaseDirectory);
+  return joinPath(Directories::documents(), path.substr(0, path.find('/')));
 }
 
 void KLVPersistantStore::createDBDirectory() {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "storage/KLVChunkWrites.h"
 #include "storage/KLVPersistantStore.h"
 #include "storage/KLVSchema.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -106,16 +107,23 @@ bool KLVPersistantStore::readSequences(FMKLVDatabase& db) {
 }
 
 std::optional<std::uint64_t> KLVPersistantStore::endOfChunks(std::string_view sid) {
-  // The first condition makes SQLite use the primary key: a chunk's id begins with its session's. "`" follows "_".
-  const auto text = quoted(sid);
-  const auto end = number(sqlText("select MAX({}) from '{}' where id >= '{}_' and id < '{}`' and {} = '{}'",
-                                  kKLVChunkEnd, kKLVChunkMetaInfo, text, text, kKLVChunkSid, text));
+  const auto end =
+      number(sqlText("select MAX({}) from '{}' where {}", kKLVChunkEnd, kKLVChunkMetaInfo, chunksOfSession(sid)));
   return end ? std::optional(static_cast<std::uint64_t>(*end)) : std::nullopt;
 }
 
 std::optional<KLVWaiting> KLVPersistantStore::waiting(std::string_view currentSession) {
   std::optional<KLVWaiting> result;
   onDatabase([&](FMKLVDatabase& db) { result = KLVWaiting::in(db, currentSession); });
+  return result;
+}
+
+std::optional<std::int64_t> KLVPersistantStore::countForUpload(std::string_view table, std::uint64_t from,
+                                                               std::uint64_t to) {
+  std::optional<std::int64_t> result;
+  onDatabase([&](FMKLVDatabase& db) {
+    if (const auto count = KLVWaiting::eventsIn(db, table, from, to)) result = static_cast<std::int64_t>(*count);
+  });
   return result;
 }
 

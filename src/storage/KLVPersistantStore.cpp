@@ -68,6 +68,7 @@ void KLVPersistantStore::openAndMakeTables() {
     static_cast<void>(createAtStart(table.name, table.columns, table.failureIsError));
   }
   if (!isReady()) return;
+  if (!ledger_.isOpen()) onDatabase([&](FMKLVDatabase& db) { ledger_.open(db); });
   for (const auto& report : std::exchange(waitForReady_, {})) report(true);
 }
 
@@ -96,6 +97,8 @@ void KLVPersistantStore::createOwnTables() {
   static_cast<void>(createAtStart(kKLVChunkRecords, kKLVChunkRecordsColumns, true));
   static_cast<void>(createAtStart(kKLVAggregatesSent, kKLVAggregatesSentColumns, true));
   static_cast<void>(createAtStart(kKLVRescuedFiles, kKLVRescuedFilesColumns, true));
+  static_cast<void>(createAtStart(kKLVEvictions, kKLVEvictionsColumns, true));
+  if (createAtStart(kKLVLedger, kKLVLedgerColumns, true)) onDatabase([&](FMKLVDatabase& db) { ledger_.open(db); });
 }
 
 bool KLVPersistantStore::removeTableWithName(std::string_view table) {

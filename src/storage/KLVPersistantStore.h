@@ -13,6 +13,7 @@
 
 #include "kelvo/Value.h"
 #include "sqlite/FMKLVDatabaseQueue.h"
+#include "storage/KLVLedgerWrites.h"
 #include "storage/KLVPersistentStore.h"
 #include "storage/KLVSQLText.h"
 #include "storage/KLVWaiting.h"
@@ -42,6 +43,8 @@ class KLVPersistantStore final : public KLVPersistentStore {
 
   /// Returns the path of the database directory, with a trailing slash.
   [[nodiscard]] static std::string dbDirectoryPath();
+  /// Returns the directory with the databases of all versions.
+  [[nodiscard]] static std::string databaseRoot();
   static void createDBDirectory();
   /// Returns the path of a file in the database directory.
   [[nodiscard]] static std::string getDBPathForIdentifier(std::string_view component);
@@ -70,6 +73,9 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] std::optional<std::uint64_t> endOfChunks(std::string_view sid);
   /// Counts what the service has not accepted.
   [[nodiscard]] std::optional<KLVWaiting> waiting(std::string_view currentSession);
+  /// Returns the number of rows from `from` to `to`, both included, of an events table that chunks carry.
+  [[nodiscard]] std::optional<std::int64_t> countForUpload(std::string_view table, std::uint64_t from,
+                                                           std::uint64_t to);
   /// Returns the number of rows whose column `key` has this value.
   [[nodiscard]] std::optional<std::int64_t> countInTable(std::string_view table, std::string_view key,
                                                          std::string_view value);
@@ -110,6 +116,15 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Sets the count of the row that has no attribute.
   [[nodiscard]] bool updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions);
   [[nodiscard]] bool removeDataWithTableName(std::string_view table, std::string_view field, const Value& having);
+  [[nodiscard]] bool write(const KLVSQLText& sql, const Parameters& parameters = {});
+  [[nodiscard]] std::optional<Rows> rows(const KLVSQLText& sql);
+  /// Returns the first row's only column, 0 if there is no row or it is NULL.
+  [[nodiscard]] std::optional<std::int64_t> number(const KLVSQLText& sql);
+  /// Closes the database permanently. Blocks until the running operation of another thread has ended; every later one
+  /// fails. Only one thread at a time may call this and the perform functions.
+  void retire();
+  /// Runs `block` on the database's queue. Does nothing if the database is not open.
+  void onDatabase(const FMKLVDatabaseQueue::Block& block);
 
   /// Passes `report` whether the database is open and has all its tables. After false, it is called again, with true,
   /// by the perform function that achieves it. Only one thread at a time may call this and the perform functions.
@@ -130,6 +145,8 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Returns false during a trial run: the rerun logs the failure. A job must check it before it logs a failure. Valid
   /// for the calling thread.
   [[nodiscard]] static bool reportsFailures() noexcept;
+  /// Each transaction writes the ledger with its jobs. For jobs and the thread that runs them.
+  [[nodiscard]] KLVLedgerWrites& ledger() noexcept { return ledger_; }
   /// Returns the number of rollbacks. If it has changed, a caller must forget the rows that it has cached.
   [[nodiscard]] std::uint64_t rollbacks() const noexcept { return rollbacks_.load(); }
 
@@ -138,14 +155,10 @@ class KLVPersistantStore final : public KLVPersistentStore {
 
   [[nodiscard]] static std::unique_ptr<FMKLVDatabaseQueue> openDatabase(const std::string& path);
   [[nodiscard]] bool performInOneTransaction(const std::vector<Job>& jobs);
-  /// Runs `block` on the database's queue. Does nothing if the database is not open.
-  void onDatabase(const FMKLVDatabaseQueue::Block& block);
+  /// Runs the job in a transaction of its own. What it has done until a failure is committed.
+  void performAlone(const Job& job);
   [[nodiscard]] bool create(std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] bool createAtStart(std::string_view table, std::string_view columns, bool failureIsError);
-  [[nodiscard]] std::optional<Rows> rows(const KLVSQLText& sql);
-  [[nodiscard]] bool write(const KLVSQLText& sql, const Parameters& parameters = {});
-  /// Returns the first row's only column, 0 if there is no row or it is NULL.
-  [[nodiscard]] std::optional<std::int64_t> number(const KLVSQLText& sql);
   // Queue of the next seven: the database's.
   [[nodiscard]] bool create(FMKLVDatabase& db, std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] static std::optional<Rows> rows(FMKLVDatabase& db, const KLVSQLText& sql);
@@ -177,6 +190,7 @@ class KLVPersistantStore final : public KLVPersistentStore {
     bool failureIsError;
   };
   std::unique_ptr<FMKLVDatabaseQueue> db_;
+  KLVLedgerWrites ledger_;
   std::vector<MissingTable> missingTables_;  // could not be created so far
   std::vector<std::function<void(bool isReady)>> waitForReady_;
 };

@@ -16,8 +16,10 @@ inline constexpr std::string_view kKLVEvents = "events";
 inline constexpr std::string_view kKLVEventsColumns =
     "identifier INTEGER PRIMARY KEY AUTOINCREMENT, id text, __additional_info__ text, time REAL, type text";
 
-/// Chunks that were cut: their range of events, and whether the service accepted them (NULL until it does). The columns
-/// are the kKLVChunk... keys of records/KLVRecordKeys.h.
+/// Chunks that were cut: their range of events, and their status: NULL until the service accepts them. The columns are
+/// the kKLVChunk... keys of records/KLVRecordKeys.h. A settled chunk, accepted or evicted, is never sent again.
+inline constexpr int kKLVChunkAccepted = 1;
+inline constexpr int kKLVChunkEvicted = 2;
 inline constexpr std::string_view kKLVChunkMetaInfo = "chunkmeta";
 inline constexpr std::string_view kKLVChunkMetaInfoColumns =
     "id text PRIMARY KEY, sid text, cid int, start int, end int, reporting_times text, status bool";
@@ -53,5 +55,17 @@ inline constexpr std::string_view kKLVAggregatesSentTotal = "total";
 inline constexpr std::string_view kKLVRescuedFiles = "kelvo_rescued_files";
 inline constexpr std::string_view kKLVRescuedFilesColumns = "name text PRIMARY KEY";
 inline constexpr std::string_view kKLVRescuedFileName = "name";
+
+/// Evictions that the service does not know yet: the session of the evicted chunks, and the chunk that reports them,
+/// empty until it is cut.
+inline constexpr std::string_view kKLVEvictions = "kelvo_evictions";
+inline constexpr std::string_view kKLVEvictionsColumns = "sid text, chunk text, events int, chunks int";
+
+/// What became of the events since the installation: a number for each entry of util/KLVLedger.h. Each transaction that
+/// moves events updates it.
+inline constexpr std::string_view kKLVLedger = "kelvo_ledger";
+inline constexpr std::string_view kKLVLedgerColumns = "entry text PRIMARY KEY, total int";
+inline constexpr std::string_view kKLVLedgerEntryName = "entry";
+inline constexpr std::string_view kKLVLedgerTotal = "total";
 
 }  // namespace kelvo

@@ -47,13 +47,6 @@ std::string typesInChunks() {
   return names;
 }
 
-std::optional<std::uint64_t> countEvents(FMKLVDatabase& db, std::string_view table, const Range& range) {
-  const auto found =
-      rows(db, fmt::format("select COUNT(*) as n from {} where identifier >= {} and identifier <= {} and {} in ({})",
-                           quotedName(table), range.first, range.last, kKLVType, typesInChunks()));
-  return found && !found->empty() ? std::optional(found->front()["n"].asUInt64()) : std::nullopt;
-}
-
 void add(Session& session, const Range& chunk, bool isAccepted) {
   session.lastInChunk = std::max(session.lastInChunk, chunk.last);
   if (isAccepted || chunk.last < chunk.first) return;
@@ -66,6 +59,15 @@ void add(Session& session, const Range& chunk, bool isAccepted) {
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> KLVWaiting::eventsIn(FMKLVDatabase& db, std::string_view table, std::uint64_t first,
+                                                  std::uint64_t last) {
+  if (last < first) return 0;
+  const auto found =
+      rows(db, fmt::format("select COUNT(*) as n from {} where identifier >= {} and identifier <= {} and {} in ({})",
+                           quotedName(table), first, last, kKLVType, typesInChunks()));
+  return found && !found->empty() ? std::optional(found->front()["n"].asUInt64()) : std::nullopt;
+}
 
 std::optional<KLVWaiting> KLVWaiting::in(FMKLVDatabase& db, std::string_view currentSession) {
   const std::string prefix = std::string(kKLVEvents) + "_";
@@ -88,11 +90,11 @@ std::optional<KLVWaiting> KLVWaiting::in(FMKLVDatabase& db, std::string_view cur
     const std::string_view sid = std::string_view(name).substr(prefix.size());
     const Session& session = sessions[std::string(sid)];
     for (const Range& range : session.unaccepted) {
-      const auto count = countEvents(db, name, range);
+      const auto count = eventsIn(db, name, range.first, range.last);
       if (!count) return std::nullopt;
       waiting.events += *count;
     }
-    const auto tail = countEvents(db, name, {session.lastInChunk + 1, INT64_MAX});
+    const auto tail = eventsIn(db, name, session.lastInChunk + 1, INT64_MAX);
     if (!tail) return std::nullopt;
     waiting.events += *tail;
     if (sid == currentSession) waiting.newEvents = *tail;

@@ -17,6 +17,9 @@ struct KLVWaiting {
 
   /// Counts in `db`. `currentSession` may be empty. Returns nullopt if a read fails.
   static std::optional<KLVWaiting> in(FMKLVDatabase& db, std::string_view currentSession);
+  /// Returns the number of events from `first` to `last` of an events table. Returns nullopt if a read fails.
+  static std::optional<std::uint64_t> eventsIn(FMKLVDatabase& db, std::string_view table, std::uint64_t first,
+                                               std::uint64_t last);
   /// Counts in the database of the home `home`, which this process must not use. Returns nothing if there is none, or
   /// it cannot be read.
   static KLVWaiting inHome(const std::string& home);

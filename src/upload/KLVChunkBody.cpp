@@ -9,10 +9,14 @@
 #include "upload/KLVChunkDetails.h"
 #include "upload/KLVStoredEvents.h"
 #include "util/KLVDeliveryRules.h"
+#include "util/KLVHostLimits.h"
+#include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
+
+constexpr std::string_view kLedger = "ledger";  // a chunk attribute, if the host sends the ledger
 
 /// Leaves the section out of the body if its record is missing.
 template <class Record>
@@ -49,6 +53,20 @@ Dictionary sessionAttributes(const std::shared_ptr<KLVSession>& ofChunk, KLVChun
   return session ? session->sessionAttributes() : Dictionary();
 }
 
+/// Returns "chunk_attributes", empty unless there is something to say. `records` are those of the chunk's cut. Returns
+/// nullopt if a read failed.
+std::optional<Dictionary> chunkAttributes(const std::string& chunkId, const Dictionary& records,
+                                          KLVChunkManagerDelegate& delegate) {
+  const auto evicted = delegate.reportedEvictions(chunkId);
+  if (!evicted) return std::nullopt;
+  Dictionary attributes;
+  if (evicted->chunks > 0) {
+    attributes.set("evicted", Dictionary{{"events", evicted->events}, {"chunks", evicted->chunks}});
+  }
+  copyForm(attributes, kLedger, records);
+  return attributes;
+}
+
 }  // namespace
 
 Dictionary recordsOfTheCut(KLVChunkManagerDelegate& delegate) {
@@ -57,6 +75,7 @@ Dictionary recordsOfTheCut(KLVChunkManagerDelegate& delegate) {
   records.set(kKLVBodyUserAttributes, user ? user->userAttributes() : Dictionary());
   setForm(records, kKLVBodyAppInfo, delegate.appInfo());
   setForm(records, kKLVBodyDeviceInfo, delegate.deviceInfo());
+  if (KLVHostLimits::current().sendsLedger) records.set(kLedger, KLVLedger::shared().form());
   return records;
 }
 
@@ -75,6 +94,11 @@ std::optional<KLVChunkBody> KLVChunkBody::build(const KLVChunkRow& row, const Ar
   std::optional<Dictionary> kept;
   if (KLVDeliveryRules::current().keepsRecordsOfTheCut) kept = delegate.retrieveChunkRecords(chunk.identifier());
   const Dictionary records = kept ? *kept : recordsOfTheCut(delegate);
+  const auto attributes = chunkAttributes(chunk.identifier(), records, delegate);
+  if (!attributes) {
+    KLV_WARN("failed to read the evictions before chunk - {}, it waits", chunk.identifier());
+    return std::nullopt;
+  }
   const auto session = sessionOf(row, delegate);
 
   Dictionary body;
@@ -86,7 +110,7 @@ std::optional<KLVChunkBody> KLVChunkBody::build(const KLVChunkRow& row, const Ar
   const auto userAttributes = records[kKLVBodyUserAttributes].asDictionary();
   body.set(kKLVBodyChunkDetails,
            details->constructChunkDetails(userAttributes.value_or(Dictionary()), sessionAttributes(session, delegate),
-                                          chunk.chunkAttributes(), aggregateEvents));
+                                          *attributes, aggregateEvents));
   return KLVChunkBody{std::move(body), totals->counted, details->events()};
 }
 

@@ -21,7 +21,8 @@ struct KLVChunkBody {
                                            KLVChunkManagerDelegate& delegate);
 };
 
-/// Returns the upload forms of the user, the application and the device, for a chunk that keeps those of its cut.
+/// Returns the upload forms of the user, the application and the device, for a chunk that keeps those of its cut. With
+/// `KLVHostLimits::sendsLedger`, the ledger is among them.
 Dictionary recordsOfTheCut(KLVChunkManagerDelegate& delegate);
 
 }  // namespace kelvo

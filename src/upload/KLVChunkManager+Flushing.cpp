@@ -1,22 +1,11 @@
 #include <algorithm>
 
 #include "records/KLVChunk.h"
-#include "records/KLVRecordKeys.h"
 #include "upload/KLVChunkManager.h"
 #include "upload/KLVStoredEvents.h"
 #include "util/KLVDeliveryRules.h"
 
 namespace kelvo {
-namespace {
-
-KLVChunkRow rowOf(const KLVChunkMetaInfo& meta) {
-  const Dictionary info = meta.additionalInfo();
-  return {info[kKLVChunkSid].asText().value_or(""), info[kKLVChunkCid].asUInt64(), info[kKLVChunkStart].asUInt64(),
-          info[kKLVChunkEnd].asUInt64(), info[kKLVChunkStatus].asBool()};
-}
-
-}  // namespace
-
 void KLVChunkManager::flush() {
   std::vector<KLVEarlierSession> earlier;
   for (KLVEarlierSession& session : readEarlierSessions()) {
@@ -35,7 +24,7 @@ void KLVChunkManager::flush() {
 
 std::vector<KLVEarlierSession> KLVChunkManager::readEarlierSessions() {
   KLVStoredSessions stored;
-  for (const auto& meta : delegate_.retrieveChunkMetaInfo()) stored.rows.push_back(rowOf(*meta));
+  stored.rows = storedChunks(delegate_);
   stored.withTable = delegate_.getSessions();
   stored.withAggregates = delegate_.getSessionsWithAggregates();
   stored.withDirectory = delegate_.getSessionDirectories();
@@ -62,15 +51,17 @@ void KLVChunkManager::flushByCounts(const std::vector<KLVEarlierSession>& earlie
   }
   for (const KLVEarlierSession& session : earlier) {
     // The rows are those before the cuts: a tail that was just posted still follows them.
-    if (session.isAccepted() && hasEventsFrom(delegate_, session.sid, session.nextEvent()) == false) {
-      purge(session.sid);
-    }
+    purgeIfSettled(session);
   }
   for (const KLVEarlierSession& session : earlier) {
     for (const KLVChunkRow& row : session.rows) {
       if (!row.sent) sender_.resend(row);
     }
   }
+}
+
+void KLVChunkManager::purgeIfSettled(const KLVEarlierSession& session) {
+  if (session.isAccepted() && hasEventsFrom(delegate_, session.sid, session.nextEvent()) == false) purge(session.sid);
 }
 
 void KLVChunkManager::flushEverySession(const std::vector<KLVEarlierSession>& earlier) {
@@ -95,7 +86,7 @@ void KLVChunkManager::settle(const std::string& sid) {
   purge(sid);
 }
 
-void KLVChunkManager::onAccepted(const KLVChunkRow& chunk) {
+void KLVChunkManager::onSettled(const KLVChunkRow& chunk) {
   if (chunk.sid == currentSessionIdentifier_) {
     current_.unaccepted -= 1;
     return;

@@ -6,6 +6,7 @@
 
 #include "records/KLVEvents.h"
 #include "util/KLVDeliveryRules.h"
+#include "util/KLVHostLimits.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
 
@@ -21,11 +22,18 @@ std::shared_ptr<KLVChunkManager> KLVChunkManager::initWithConfiguration(const st
                                                                         KLVChunkManagerDelegate& delegate) {
   KLV_DEBUG("Init chunk manager with config: {}", configuration);
   auto manager = std::make_shared<KLVChunkManager>(delegate);
-  manager->sender_.start(manager->weak_from_this(), [self = manager.get()](const KLVChunkRow& chunk) {
-    self->queue_.assertCurrent();
-    self->onAccepted(chunk);
-  });
+  manager->sender_.start(
+      manager->weak_from_this(),
+      [self = manager.get()](const KLVChunkRow& chunk) {
+        self->queue_.assertCurrent();
+        self->onSettled(chunk);
+      },
+      [self = manager.get()] {
+        self->queue_.assertCurrent();
+        if (std::exchange(self->isBeyondLimit_, false)) self->checkLimits();
+      });
   manager->registerForChunkCreationWithInterval(intervalIn(configuration));
+  manager->watchGrowth();
   return manager;
 }
 
@@ -59,22 +67,33 @@ void KLVChunkManager::onEvent(const std::shared_ptr<KLVEvent>& event) {
   } else if (event->eventType() == KLVEventType::system && event->identifier() == kKLVBackground) {
     sendCurrentChunk();
   } else if (event->eventType() == KLVEventType::system && event->identifier() == kKLVForeground) {
-    queue_.async([self = shared_from_this()] { self->sender_.resendWaiting(); });
+    perform([this] { sender_.resendWaiting(); });
   }
 }
 
-void KLVChunkManager::sendCurrentChunk() {
-  queue_.async([self = shared_from_this()] {
+void KLVChunkManager::perform(std::function<void()> work) {
+  queue_.async([self = shared_from_this(), work = std::move(work)] {
     self->queue_.assertCurrent();
-    if (!self->unsettled_.empty()) self->flush();
-    static_cast<void>(self->cutCurrentSession());  // the next trigger retries a failed cut
+    if (!self->isRetired_) work();
+  });
+}
+
+void KLVChunkManager::sendCurrentChunk() {
+  perform([this] {
+    queue_.assertCurrent();
+    if (!unsettled_.empty()) flush();
+    enforceLimits();
+    const Cut cut = cutCurrentSession();  // the next trigger retries a failed cut
+    delegate_.tidy(cut == Cut::nothing);
   });
 }
 
 void KLVChunkManager::deliverNow(bool waits, std::function<void(bool isCut)> done) {
   queue_.async([self = shared_from_this(), waits, done = std::move(done)]() mutable {
     self->queue_.assertCurrent();
+    if (self->isRetired_) return done(false);
     if (!self->unsettled_.empty()) self->flush();
+    self->enforceLimits();
     const bool isCut = self->cutCurrentSession() != Cut::failed;
     self->sender_.resendNow();
     if (!waits || !isCut) return done(isCut);
@@ -85,6 +104,7 @@ void KLVChunkManager::deliverNow(bool waits, std::function<void(bool isCut)> don
 void KLVChunkManager::whenSettled(std::function<void(bool isCut)> done) {
   sender_.whenSettled([this, done = std::move(done)]() mutable {
     queue_.assertCurrent();
+    if (isRetired_) return done(false);
     // Counts that changed while a chunk was under way follow in a chunk of their own.
     const Cut cut = cutAggregates(currentSessionIdentifier_, current_);
     if (cut == Cut::made) return whenSettled(std::move(done));
@@ -93,22 +113,28 @@ void KLVChunkManager::whenSettled(std::function<void(bool isCut)> done) {
 }
 
 void KLVChunkManager::flushPreviousChunks() {
-  queue_.async([self = shared_from_this()] {
-    self->queue_.assertCurrent();
-    self->flush();
-    self->sender_.resendWaiting();
+  perform([this] {
+    queue_.assertCurrent();
+    {
+      // Chunks beyond the age of stored data are deleted before they can be posted.
+      const auto held = KLVHostLimits::current().mostStoredDays > 0 ? sender_.hold() : nullptr;
+      flush();
+      enforceLimits();
+    }
+    delegate_.tidy(false);
+    sender_.resendWaiting();
   });
 }
 
 void KLVChunkManager::startSession(const std::string& sid) {
-  queue_.async([self = shared_from_this(), sid] {
-    self->queue_.assertCurrent();
-    if (sid == self->currentSessionIdentifier_) return;
-    self->delegate_.waitUntilDelivered();  // then all events of the session so far are stored
-    self->ended_[self->currentSessionIdentifier_] = std::exchange(self->current_, {});
-    self->currentSessionIdentifier_ = sid;
-    self->flush();
-    self->sender_.resendWaiting();
+  perform([this, sid] {
+    queue_.assertCurrent();
+    if (sid == currentSessionIdentifier_) return;
+    delegate_.waitUntilDelivered();  // then all events of the session so far are stored
+    ended_[currentSessionIdentifier_] = std::exchange(current_, {});
+    currentSessionIdentifier_ = sid;
+    flush();
+    sender_.resendWaiting();
   });
 }
 
@@ -116,6 +142,15 @@ KLVChunkManager::Cut KLVChunkManager::cutCurrentSession() {
   delegate_.dispatchEvent(std::make_shared<KLVChunkEvent>());
   delegate_.waitUntilDelivered();  // then the session has saved itself, and the chunk carries its latest duration
   return cutToEnd(currentSessionIdentifier_, current_);
+}
+
+void KLVChunkManager::retire(std::function<void()> done) {
+  queue_.async([self = shared_from_this(), done = std::move(done)] {
+    self->queue_.assertCurrent();
+    self->isRetired_ = true;
+    self->sender_.retire();
+    done();
+  });
 }
 
 void KLVChunkManager::whenPosted(std::function<void()> done) {

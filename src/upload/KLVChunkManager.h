@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -60,6 +61,9 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   /// Makes `sid` the current session. The session so far is cut to its end, and everything unsent is queued.
   void startSession(const std::string& sid);
 
+  /// Ends the manager: nothing is cut or posted any more, and pending waits end. Calls `done` on the chunk queue.
+  void retire(std::function<void()> done);
+
   /// Calls `done` on the chunk queue once the chunks of all cuts and flushes queued so far are posted.
   void whenPosted(std::function<void()> done);
 
@@ -73,6 +77,8 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   /// `nothing` means that no event follows the last chunk. `failed` means that a later trigger must try again.
   enum class Cut { nothing, made, failed };
 
+  /// Runs `work` on the chunk queue, unless the manager is retired.
+  void perform(std::function<void()> work);
   void registerForChunkCreationWithInterval(double seconds);
   Cut cutCurrentSession() REQUIRES(queue_);
   void whenSettled(std::function<void(bool isCut)> done) REQUIRES(queue_);
@@ -86,25 +92,47 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   [[nodiscard]] bool cutChunk(const std::string& sid, Progress& progress, const KLVChunkRanges::Range& range)
       REQUIRES(queue_);
 
+  // --- Limits (KLVChunkManager+Limits.cpp)
+  void watchGrowth();
+  void checkLimits();  ///< queues `enforceLimits`
+  /// Deletes data beyond the limits of the host. The age is checked once an hour.
+  void enforceLimits() REQUIRES(queue_);
+  void enforceSpace(std::uint64_t limit) REQUIRES(queue_);
+  void enforceAge(std::chrono::hours limit) REQUIRES(queue_);
+  /// Returns the chunks that are neither accepted nor in flight, those of earlier sessions first, in the order of their
+  /// numbers.
+  [[nodiscard]] std::vector<KLVChunkRow> evictableChunks() REQUIRES(queue_);
+  [[nodiscard]] bool isOlder(const KLVChunkRow& chunk, Date limit) REQUIRES(queue_);
+  /// Cuts the tails of earlier sessions that the flush leaves uncut, if `selects` returns true.
+  void cutTails(const std::function<bool(const KLVChunkRow& tail)>& selects) REQUIRES(queue_);
+  /// Deletes the first of `chunks` as long as `excess` returns a number of bytes to free.
+  void evict(std::vector<KLVChunkRow> chunks, const std::function<std::uint64_t()>& excess, KLVLedgerEntry why)
+      REQUIRES(queue_);
+
   // --- Flushing (KLVChunkManager+Flushing.cpp)
   void flush() REQUIRES(queue_);
   [[nodiscard]] std::vector<KLVEarlierSession> readEarlierSessions() REQUIRES(queue_);
   [[nodiscard]] bool isEmpty(const KLVEarlierSession& session) REQUIRES(queue_);
   void flushByCounts(const std::vector<KLVEarlierSession>& earlier) REQUIRES(queue_);
+  void purgeIfSettled(const KLVEarlierSession& session) REQUIRES(queue_);
   void flushEverySession(const std::vector<KLVEarlierSession>& earlier) REQUIRES(queue_);
   /// Cuts the tail of a session that has ended. Purges the session if there is none and every chunk is accepted.
   void settle(const std::string& sid) REQUIRES(queue_);
-  void onAccepted(const KLVChunkRow& chunk) REQUIRES(queue_);
+  /// The chunk is accepted or evicted.
+  void onSettled(const KLVChunkRow& chunk) REQUIRES(queue_);
   void purge(const std::string& sid);
 
   KLVChunkManagerDelegate& delegate_;
   DispatchQueue queue_{"com.kelvo.serial.chunkmanager"};  // the chunk queue
   KLVChunkSender sender_;
   // Queue: the chunk queue.
+  bool isRetired_ GUARDED_BY(queue_) = false;
   std::string currentSessionIdentifier_ GUARDED_BY(queue_);
   Progress current_ GUARDED_BY(queue_);
   std::map<std::string, Progress> ended_ GUARDED_BY(queue_);  // sessions to deliver while the process runs
-  std::set<std::string> unsettled_ GUARDED_BY(queue_);        // those whose cut failed, or whose purge is not committed
+  std::optional<Date> ageChecked_ GUARDED_BY(queue_);
+  bool isBeyondLimit_ GUARDED_BY(queue_) = false;       // because chunks in flight stay
+  std::set<std::string> unsettled_ GUARDED_BY(queue_);  // those whose cut failed, or whose purge is not committed
 };
 
 }  // namespace kelvo

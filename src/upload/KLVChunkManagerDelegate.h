@@ -12,10 +12,12 @@
 #include "records/KLVChunk.h"
 #include "records/KLVDeviceInfo.h"
 #include "records/KLVEvent.h"
+#include "records/KLVEviction.h"
 #include "records/KLVSDKInfo.h"
 #include "records/KLVSession.h"
 #include "records/KLVUser.h"
 #include "util/KLVHTTPTypes.h"
+#include "util/KLVLedger.h"
 
 namespace kelvo {
 
@@ -68,6 +70,16 @@ class KLVChunkManagerDelegate {
   /// Calls `deletions` and does its database deletions in one transaction: a kill leaves all of them or none. Calls
   /// `committed` on the data queue once they are committed, and never if they fail.
   virtual void writeTogether(const std::function<void()>& deletions, std::function<void()> committed) = 0;
+
+  // --- Limits: `KLVDataHandler` documents these. Without a database they return nothing and do nothing.
+  virtual std::optional<std::uint64_t> storedBytes(std::uint64_t limit) = 0;
+  virtual void deleteSettledData(std::uint64_t bytes) = 0;
+  virtual KLVEviction evictChunks(const std::vector<std::shared_ptr<KLVChunkMetaInfo>>& chunks, std::uint64_t bytes,
+                                  KLVLedgerEntry why) = 0;
+  virtual std::optional<KLVEviction> reportedEvictions(const std::string& chunkId) = 0;
+  virtual std::optional<Date> timeOfEvent(const std::string& sid, std::uint64_t index) = 0;
+  virtual void tidy(bool isIdle) = 0;
+  virtual void whenGrown(std::uint64_t bytes, std::function<void()> report) = 0;
 
   /// Posts `body`. Does not call `completion` if no request could be formed.
   virtual void postDataToURL(const std::optional<std::string>& path, const std::optional<Dictionary>& body,

@@ -35,10 +35,22 @@ bool resends() {
 KLVChunkSender::KLVChunkSender(KLVChunkManagerDelegate& delegate, DispatchQueue& chunkQueue)
     : delegate_(delegate), queue_(chunkQueue), sendQueue_(chunkQueue) {}
 
-void KLVChunkSender::start(std::weak_ptr<void> owner, std::function<void(const KLVChunkRow&)> accepted) {
+void KLVChunkSender::start(std::weak_ptr<void> owner, std::function<void(const KLVChunkRow&)> accepted,
+                           std::function<void()> failed) {
   owner_ = owner;
   accepted_ = std::move(accepted);
+  failedAttempt_ = std::move(failed);
   sendQueue_.setOwner(std::move(owner));
+}
+
+void KLVChunkSender::retire() {
+  queue_.assertCurrent();
+  isRetired_ = true;
+  known_.clear();
+  givenUp_.clear();
+  postponed_.clear();
+  failed_.clear();
+  update();
 }
 
 void KLVChunkSender::sendNew(const KLVChunkRow& row, const Array& reportingTimes) {
@@ -46,7 +58,7 @@ void KLVChunkSender::sendNew(const KLVChunkRow& row, const Array& reportingTimes
   known_.insert(idOf(row));
   sendQueue_.enqueue([this, row, reportingTimes] {
     queue_.assertCurrent();
-    postNew(row, reportingTimes);
+    if (known_.contains(idOf(row))) postNew(row, reportingTimes);
   });
   update();
 }
@@ -60,19 +72,36 @@ bool KLVChunkSender::resend(const KLVChunkRow& row) {
   return true;
 }
 
+bool KLVChunkSender::isInFlight(const KLVChunkRow& row) const {
+  queue_.assertCurrent();
+  return inFlight_.contains(idOf(row));
+}
+
+void KLVChunkSender::forget(const KLVChunkRow& row) {
+  queue_.assertCurrent();
+  const std::string id = idOf(row);
+  known_.erase(id);
+  givenUp_.erase(id);
+  for (auto* waiting : {&postponed_, &failed_})
+    std::erase_if(*waiting, [&](const auto& each) { return idOf(each) == id; });
+  update();
+}
+
 void KLVChunkSender::enqueueResend(const KLVChunkRow& row) {
   sendQueue_.enqueue([this, row] {
     queue_.assertCurrent();
-    postAgain(row);
+    if (known_.contains(idOf(row))) postAgain(row);
   });
 }
 
 void KLVChunkSender::postNew(const KLVChunkRow& row, const Array& reportingTimes) {
+  if (isRetired_) return;
   if (resends() && !policy_.mayPost(Clock::monotonic())) return postpone(row);
   post(row, reportingTimes);
 }
 
 void KLVChunkSender::postAgain(const KLVChunkRow& row) {
+  if (isRetired_) return;
   if (resends() && !policy_.mayResend(Clock::monotonic())) return postpone(row);
   const Array reportingTimes{KLVTimer::sharedTimer().currentTimeInMillis()};
   delegate_.updateChunkMetaInfo(
@@ -85,6 +114,7 @@ void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
   if (!body) {
     return onAttemptEnded({.row = row, .failure = {FlushOutcome::deadline, 0, "a chunk's events could not be read"}});
   }
+  inFlight_.insert(idOf(row));
   // The completion holds the slot. So the attempt ends once it has been called, or destroyed without a call.
   const auto attempt = std::make_shared<Attempt>(
       Attempt{.row = row, .events = body->events, .failure = {FlushOutcome::noService, 0, "no request could be sent"}});
@@ -111,7 +141,9 @@ void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
 }
 
 void KLVChunkSender::onAttemptEnded(const Attempt& attempt) {
+  if (isRetired_) return;
   const std::string chunkId = idOf(attempt.row);
+  inFlight_.erase(chunkId);
   {
     const Lock lock(stateMutex_);
     if (attempt.accepted) {
@@ -133,6 +165,7 @@ void KLVChunkSender::onAttemptEnded(const Attempt& attempt) {
     known_.erase(chunkId);
     givenUp_.insert(chunkId);
   }
+  if (!attempt.accepted) failedAttempt_();
   update();
 }
 
@@ -187,6 +220,7 @@ void KLVChunkSender::note(KLVResendPolicy::Trigger trigger, std::optional<std::c
 }
 
 void KLVChunkSender::beginRoundIfDue() {
+  if (isRetired_) return;
   const auto now = Clock::monotonic();
   if (!policy_.due) return;
   if (!policy_.isDue(now)) return wakeAt(*policy_.due);

@@ -28,8 +28,11 @@ class KLVChunkSender {
  public:
   KLVChunkSender(KLVChunkManagerDelegate& delegate, DispatchQueue& chunkQueue);
   /// `owner` keeps this object and the chunk queue alive while requests run. `accepted` is called on the chunk queue
-  /// with each accepted chunk. Call before anything else.
-  void start(std::weak_ptr<void> owner, std::function<void(const KLVChunkRow&)> accepted);
+  /// with each accepted chunk, `failed` after each attempt that failed. Call before anything else.
+  void start(std::weak_ptr<void> owner, std::function<void(const KLVChunkRow&)> accepted, std::function<void()> failed);
+
+  /// Forgets all chunks and ends pending waits. Nothing is posted any more.
+  void retire();
 
   /// Queues a chunk that was just cut.
   void sendNew(const KLVChunkRow& row, const Array& reportingTimes);
@@ -40,6 +43,12 @@ class KLVChunkSender {
   void resendWaiting();
   /// The same without a delay, except for a time that the service asks for.
   void resendNow();
+  /// Posts nothing while the result lives, on the chunk queue.
+  [[nodiscard]] std::shared_ptr<void> hold() { return sendQueue_.hold(); }
+  /// Returns whether a request with the chunk is under way, or its answer is not stored yet.
+  [[nodiscard]] bool isInFlight(const KLVChunkRow& row) const;
+  /// Forgets a chunk that is not in flight: it was deleted, and is not sent.
+  void forget(const KLVChunkRow& row);
   /// Calls `done` on the chunk queue once no chunk is under way or waits to be resent, or no service can be reached.
   void whenSettled(std::function<void()> done);
   /// Thread: any.
@@ -76,9 +85,11 @@ class KLVChunkSender {
   DispatchQueue& queue_;  // the chunk queue
   std::weak_ptr<void> owner_;
   std::function<void(const KLVChunkRow&)> accepted_;
+  std::function<void()> failedAttempt_;
   KLVSendQueue sendQueue_;
   // Queue: the chunk queue.
-  std::set<std::string> known_ GUARDED_BY(queue_);    // ids of the chunks that are queued, in flight or waiting
+  std::set<std::string> known_ GUARDED_BY(queue_);  // ids of the chunks that are queued, in flight or waiting
+  std::set<std::string> inFlight_ GUARDED_BY(queue_);
   std::set<std::string> givenUp_ GUARDED_BY(queue_);  // ids of the chunks that wait for the next launch
   // Waiting chunks. A round begins with the postponed ones, so that chunks that always fail do not hold up the others.
   std::vector<KLVChunkRow> postponed_ GUARDED_BY(queue_);
@@ -86,6 +97,7 @@ class KLVChunkSender {
   KLVResendPolicy policy_ GUARDED_BY(queue_);
   std::optional<KLVResendPolicy::Instant> wakeUp_ GUARDED_BY(queue_);  // of the earliest timer
   std::vector<std::function<void()>> settled_ GUARDED_BY(queue_);
+  bool isRetired_ GUARDED_BY(queue_) = false;
   mutable Mutex stateMutex_;
   KLVDeliveryState state_ GUARDED_BY(stateMutex_);
   std::minstd_rand random_ GUARDED_BY(queue_){std::random_device()()};

@@ -16,7 +16,7 @@ void KLVSendQueue::enqueue(Task task) {
 }
 
 void KLVSendQueue::run() {
-  if (isRunning_) return;  // a task that enqueues another one
+  if (isRunning_ || holds_ > 0) return;  // a task that enqueues another one
   isRunning_ = true;
   while (!tasks_.empty() && slotsTaken_ < kMaxBodies) {
     const Task next = std::move(tasks_.front());
@@ -24,6 +24,16 @@ void KLVSendQueue::run() {
     next();
   }
   isRunning_ = false;
+}
+
+std::shared_ptr<void> KLVSendQueue::hold() {
+  queue_.assertCurrent();
+  ++holds_;
+  return {nullptr, [this](void*) {
+            queue_.assertCurrent();
+            --holds_;
+            run();
+          }};
 }
 
 KLVSendQueue::Slot KLVSendQueue::takeSlot(Task ended) {

@@ -25,6 +25,8 @@ class KLVSendQueue {
 
   /// Appends `task`. It runs when all tasks before it have run and a slot is free.
   void enqueue(Task task);
+  /// Lets no task run while the result lives, on the chunk queue.
+  [[nodiscard]] std::shared_ptr<void> hold();
   /// Takes a slot for the body of the running task. Calls `ended` on the chunk queue once the slot has ended.
   [[nodiscard]] Slot takeSlot(Task ended);
 
@@ -37,6 +39,7 @@ class KLVSendQueue {
   std::deque<Task> tasks_ GUARDED_BY(queue_);
   std::size_t slotsTaken_ GUARDED_BY(queue_) = 0;
   bool isRunning_ GUARDED_BY(queue_) = false;
+  unsigned holds_ GUARDED_BY(queue_) = 0;
 };
 
 }  // namespace kelvo

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "records/KLVRecordKeys.h"
+
 namespace kelvo {
 namespace {
 
@@ -25,6 +27,16 @@ bool readStoredEvents(KLVChunkManagerDelegate& delegate, const std::string& sid,
     first = end + 1;
   }
   return true;
+}
+
+std::vector<KLVChunkRow> storedChunks(KLVChunkManagerDelegate& delegate) {
+  std::vector<KLVChunkRow> rows;
+  for (const auto& meta : delegate.retrieveChunkMetaInfo()) {
+    const Dictionary info = meta->additionalInfo();
+    rows.push_back({info[kKLVChunkSid].asText().value_or(""), info[kKLVChunkCid].asUInt64(),
+                    info[kKLVChunkStart].asUInt64(), info[kKLVChunkEnd].asUInt64(), info[kKLVChunkStatus].asBool()});
+  }
+  return rows;
 }
 
 std::optional<bool> hasEventsFrom(KLVChunkManagerDelegate& delegate, const std::string& sid, std::uint64_t first) {

@@ -8,6 +8,7 @@
 
 #include "kelvo/Value.h"
 #include "upload/KLVChunkManagerDelegate.h"
+#include "upload/KLVFlushPlan.h"
 
 namespace kelvo {
 
@@ -20,5 +21,8 @@ namespace kelvo {
 /// Returns whether the session `sid` has an event number `first` or higher, nullopt if a read failed.
 [[nodiscard]] std::optional<bool> hasEventsFrom(KLVChunkManagerDelegate& delegate, const std::string& sid,
                                                 std::uint64_t first);
+
+/// Returns the rows of all chunks.
+[[nodiscard]] std::vector<KLVChunkRow> storedChunks(KLVChunkManagerDelegate& delegate);
 
 }  // namespace kelvo

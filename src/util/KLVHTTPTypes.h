@@ -32,6 +32,13 @@ struct HTTPError {
 using HTTPCompletion = std::function<void(std::optional<std::string> data, std::optional<HTTPResponse> response,
                                           std::optional<HTTPError> error)>;
 
+/// The arguments of an `HTTPCompletion`.
+struct HTTPOutcome {
+  std::optional<std::string> data;
+  std::optional<HTTPResponse> response;
+  std::optional<HTTPError> error;
+};
+
 /// Returns true if there is no error and the status code is 200. The library knows no other success.
 [[nodiscard]] bool succeeded(const std::optional<HTTPResponse>& response, const std::optional<HTTPError>& error);
 

@@ -2,6 +2,7 @@
 
 #include "platform/Immortal.h"
 #include "platform/ThreadSafety.h"
+#include "util/KLVDeliveryRules.h"
 
 namespace kelvo {
 namespace {
@@ -18,14 +19,19 @@ Chosen& chosen() {
 
 }  // namespace
 
+std::atomic<std::size_t> KLVHostLimits::waitingCalls{KLVHostLimits().mostWaitingCalls};
+
 KLVHostLimits KLVHostLimits::current() noexcept {
   const Lock lock(chosen().mutex);
-  return chosen().limits;
+  KLVHostLimits limits = chosen().limits;
+  if (!limits.mostStoredBytes) limits.mostStoredBytes = KLVDeliveryRules::current().mostStoredBytes;
+  return limits;
 }
 
 void KLVHostLimits::choose(const KLVHostLimits& limits) noexcept {
   const Lock lock(chosen().mutex);
   chosen().limits = limits;
+  waitingCalls.store(limits.mostWaitingCalls, std::memory_order_relaxed);
 }
 
 }  // namespace kelvo

@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
@@ -111,12 +113,16 @@ class StandardError {
     if (own_ >= 0) ::close(own_);
   }
 
-  void write(std::string_view text) const {
+  /// Without `waits`, drops the rest of `text` as soon as the thread would have to wait for the reader.
+  void write(std::string_view text, bool waits) const {
     while (target_ >= 0 && !text.empty()) {
-      const ssize_t written = ::write(target_, text.data(), text.size());
+      pollfd now{target_, POLLOUT, 0};
+      if (!waits && ::poll(&now, 1, 0) <= 0) return;
+      const std::size_t size = waits ? text.size() : std::min<std::size_t>(text.size(), PIPE_BUF);
+      const ssize_t written = ::write(target_, text.data(), size);
       if (written > 0) {
         text.remove_prefix(static_cast<std::size_t>(written));
-      } else if (written < 0 && errno == EAGAIN) {  // the host made it non-blocking: wait for room
+      } else if (written < 0 && errno == EAGAIN && waits) {  // the host made it non-blocking: wait for room
         pollfd room{target_, POLLOUT, 0};
         ::poll(&room, 1, -1);
       } else if (written == 0 || errno != EINTR) {
@@ -150,7 +156,7 @@ class Writer {
     }
     messages_.push_back(std::move(message));
     ++accepted_;
-    if (!running_) running_ = startThread("kelvo.log", [this] { run(); });
+    startIfNeeded();
     const bool wakes = std::exchange(idle_, false);
     lock.unlock();  // first, so that the log thread need not wait for the mutex
     if (wakes) wake_.notify_one();
@@ -162,9 +168,15 @@ class Writer {
     sink_.swap(shared);
   }
 
+  void start() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    if (!messages_.empty()) startIfNeeded();
+  }
+
   bool drain(std::chrono::milliseconds limit) EXCLUDES(mutex_) {
     if (onLogThread) return false;  // a sink that ends the process must not wait for itself
     const auto deadline = std::chrono::steady_clock::now() + limit;
+    if (threadsAreHeld()) writeHere();
     Lock lock(mutex_);
     const std::uint64_t last = accepted_;
     while (done_ < last) {
@@ -174,6 +186,35 @@ class Writer {
   }
 
  private:
+  void startIfNeeded() REQUIRES(mutex_) {
+    if (!running_ && !threadsAreHeld()) running_ = startThread("kelvo.log", [this] { run(); });
+  }
+
+  /// Returns the waiting messages. The last one says how many were dropped.
+  std::deque<Message> takeMessages() REQUIRES(mutex_) {
+    auto batch = std::exchange(messages_, {});
+    if (const auto dropped = std::exchange(dropped_, 0); dropped > 0) {
+      batch.push_back({KLVLogger::Level::warn,
+                       __PRETTY_FUNCTION__,
+                       __LINE__,
+                       "{} log lines were dropped: nobody read them",
+                       {Value(dropped)}});
+    }
+    return batch;
+  }
+
+  /// Writes the waiting messages on the calling thread, without waiting for a reader.
+  void writeHere() EXCLUDES(mutex_) {
+    Lock lock(mutex_);
+    const auto batch = takeMessages();
+    const auto sink = sink_;
+    done_ = accepted_;
+    lock.unlock();
+    onLogThread = true;
+    write(batch, sink.get(), false);
+    onLogThread = false;
+  }
+
   void run() EXCLUDES(mutex_) {
     onLogThread = true;
     Lock lock(mutex_);
@@ -181,36 +222,27 @@ class Writer {
       idle_ = true;
       while (messages_.empty()) lock.wait(wake_);
       idle_ = false;
-      std::deque<Message> batch;
-      batch.swap(messages_);
-      const auto dropped = std::exchange(dropped_, 0);
+      const std::uint64_t last = accepted_;
+      auto batch = takeMessages();
       const auto sink = sink_;
       lock.unlock();
-      const auto count = batch.size();
-      if (dropped > 0) {
-        batch.push_back({KLVLogger::Level::warn,
-                         __PRETTY_FUNCTION__,
-                         __LINE__,
-                         "{} log lines were dropped: nobody read them",
-                         {Value(dropped)}});
-      }
-      write(batch, sink.get());
+      write(batch, sink.get(), true);
       batch.clear();
       lock.lock();
-      done_ += count;
+      done_ = last;
       written_.notify_all();
     }
   }
 
   /// Thread: the log thread, without the mutex: standard error or the sink may block.
-  void write(const std::deque<Message>& batch, const KLVLogger::Sink* sink) const {
+  void write(const std::deque<Message>& batch, const KLVLogger::Sink* sink, bool waits) const {
     std::optional<StandardError> standardError;
     if (sink == nullptr) standardError.emplace(standardErrorAtStart_);
     for (const Message& message : batch) {
       try {
         const std::string line = message.text();
         if (standardError) {
-          standardError->write(line);
+          standardError->write(line, waits);
         } else {
           (*sink)(message.level, std::string_view(line).substr(0, line.size() - 1));
         }
@@ -280,6 +312,10 @@ bool KLVLogger::carriesHostData() noexcept {
 
 void KLVLogger::setSink(Sink sink) {
   writer().setSink(std::move(sink));
+}
+
+void KLVLogger::threadsAreAllowed() {
+  if (!inForkedChild()) writer().start();
 }
 
 bool KLVLogger::drain(std::chrono::milliseconds limit) {

@@ -19,8 +19,8 @@ namespace kelvo {
 ///
 /// A message below the level costs one comparison. Any other message is queued for the log thread, which formats and
 /// writes the messages in order; the caller never waits. At most 4,096 messages wait. Later ones are dropped, and one
-/// line says how many. Log through the macros below: they do not evaluate the arguments of a filtered message.
-/// Thread-safe.
+/// line says how many. While the library may have no thread (`threadsAreHeld`), all messages wait. Log through the
+/// macros below: they do not evaluate the arguments of a filtered message. Thread-safe.
 class KLVLogger {
  public:
   using Level = LogLevel;
@@ -51,8 +51,11 @@ class KLVLogger {
   static void setSink(Sink sink);
 
   /// Blocks until all messages accepted so far are written, but for `limit` at most. Returns false if some are not.
-  /// Returns false at once on the log thread.
+  /// Returns false at once on the log thread. While the library may have no thread, the calling thread writes them: it
+  /// drops what the reader of standard error does not take at once.
   static bool drain(std::chrono::milliseconds limit);
+  /// Starts the log thread if messages wait for one. Called after `allowThreads`.
+  static void threadsAreAllowed();
 
   template <class>
   using Text = const std::string&;

@@ -9,6 +9,9 @@ namespace kelvo {
 inline constexpr std::string_view kKLVSDKEnableURL = "/v2/api/<app-id>/sdk/enabled-status?platform=ios&sdk_version=";
 inline constexpr std::string_view kKLVSDKConfigURL = "/v2/api/config/<app-id>/ios";
 inline constexpr std::string_view kKLVSDKUserInfoURL = "/v2/api/user?appId=";
+inline constexpr std::string_view kKLVSDKUserDeletionURL = "/v2/api/user?appId=<app-id>&userId=<user-id>";
+/// The header with the secret of the device, of the user-info request and of the deletion request.
+inline constexpr std::string_view kKLVEraseHeader = "X-Kelvo-Erase";
 inline constexpr std::string_view kKLVSDKChunkURL = "/v2/api/<app-id>/chunks";
 inline constexpr std::string_view kKLVSDKSyncValidateURL =
     "/v2/sync/<app-id>/validate?userId=<user-id>&actionType=<action-type>&version=<version>&platform=ios";

@@ -10,15 +10,19 @@
 #include "kelvo-collector/debug/Problems.h"
 #include "kelvo-collector/debug/Timeline.h"
 #include "kelvo-collector/debug/Users.h"
-#include "kelvo-collector/service/Documents.h"
-#include "kelvo-collector/service/ServiceState.h"
-#include "kelvo-collector/store/EventText.h"
 #include "kelvo-collector/store/Store.h"
+#include "kelvo-service/Documents.h"
+#include "kelvo-service/EventText.h"
+#include "kelvo-service/ServiceState.h"
 
 namespace kelvo::test {
 namespace {
 
 using namespace collector;
+using service::documentsOf;
+using service::elementsOfChunk;
+using service::ServiceState;
+using service::Span;
 
 constexpr const char* kSession = "1700000000000-D1";
 
@@ -229,6 +233,98 @@ TEST_F(Arrival, ACheckThatIsOffHidesItsProblemsUntilItIsOnAgain) {
   EXPECT_EQ(seen(), std::pair(std::vector<std::string>{"missing-chunk", "suspected-duplicate"}, std::int64_t{4}));
 }
 
+TEST_F(Arrival, AnEvictionExplainsMissingNumbersBelowItInItsSessionThenInEarlierOnesOfItsDevice) {
+  const auto session = [](int launch, int number, const std::string& says = {}, const std::string& device = "D1") {
+    std::string text = ChunkOf{.number = number, .session = "S" + std::to_string(launch)}.text();
+    const auto put = [&](const std::string& from, const std::string& to) {
+      text.replace(text.find(from), from.size(), to);
+    };
+    put(R"("launch_time":1700000000123)", R"("launch_time":)" + std::to_string(launch));
+    put(R"("device_info":{"id":"D1")", R"("device_info":{"id":")" + device + "\"");
+    if (!says.empty()) put(R"("chunk_attributes":{})", R"("chunk_attributes":)" + says);
+    return text;
+  };
+  const auto evicted = [](int events, int chunks) {
+    return R"({"evicted": {"events": )" + std::to_string(events) + R"(, "chunks": )" + std::to_string(chunks) + "}}";
+  };
+  const struct {
+    const char* name;
+    std::vector<std::string> chunks;
+    std::vector<std::string> missing;  // session, count, numbers
+    std::string said;                  // of the first session
+  } cases[] = {{"the session's own",
+                {session(1, 1), session(1, 4, evicted(9, 2))},
+                {},
+                R"({"events":9,"chunks":2,"explained":2})"},
+               {"too few",
+                {session(1, 1), session(1, 5, evicted(9, 2))},
+                {"S1 1 [[2,4]] chunks 2 to 4 are missing, of which the device evicted 2"},
+                R"({"events":9,"chunks":2,"explained":2})"},
+               {"the rest arrives",
+                {session(1, 1), session(1, 5, evicted(9, 2)), session(1, 3)},
+                {},
+                R"({"events":9,"chunks":2,"explained":2})"},
+               {"a gap above it",
+                {session(1, 1, evicted(9, 2)), session(1, 3)},
+                {"S1 1 [[2,2]] chunk 2 is missing"},
+                R"({"events":9,"chunks":2,"explained":0})"},
+               {"the next session",
+                {session(1, 3), session(2, 2, evicted(9, 3))},
+                {},
+                R"({"events":0,"chunks":0,"explained":2})"},
+               {"the next session first",
+                {session(2, 1, evicted(9, 2)), session(1, 3)},
+                {},
+                R"({"events":0,"chunks":0,"explained":2})"},
+               {"an earlier session",
+                {session(1, 1, evicted(9, 2)), session(2, 2)},
+                {"S2 1 [[1,1]] chunk 1 is missing"},
+                R"({"events":9,"chunks":2,"explained":0})"},
+               {"another device",
+                {session(1, 2), session(2, 1, evicted(9, 2), "D2")},
+                {"S1 1 [[1,1]] chunk 1 is missing"},
+                "null"},
+               {"huge counts",
+                {session(1, 1, R"({"evicted": {"events": 9223372036854775807, "chunks": 9223372036854775807}})"),
+                 session(1, 3, evicted(1, 1))},
+                {},
+                R"({"events":1000000001,"chunks":1000000001,"explained":1})"}};
+  for (const auto& c : cases) {
+    ASSERT_TRUE(store.reset());
+    for (const std::string& chunk : c.chunks) add(chunk);
+    const auto shown = problems({"name", "count", "value", "message"});
+    std::vector<std::string> missing;
+    std::copy_if(shown.begin(), shown.end(), std::back_inserter(missing),
+                 [](const std::string& row) { return row.find("missing") != std::string::npos; });
+    EXPECT_EQ(missing, c.missing) << c.name;
+    const auto details = store.read([](Database& d) { return sessionDetails(d, "S1"); });
+    EXPECT_EQ(*jsonText((*details)["evicted"]), c.said) << c.name;
+  }
+}
+
+TEST_F(Arrival, TheLedgerOfTheSessionsLastChunkIsShownWithWhatArrivedFromTheDevice) {
+  const auto say = [this](int number, const std::string& session, int waiting) {
+    std::string text = ChunkOf{.number = number,
+                               .app = event("A") + "," + event("B"),
+                               .session = session,
+                               .aggregates = R"([{"name": "C", "count": 5, "attributes": {}}])"}
+                           .text();
+    const std::string none = R"("chunk_attributes":{})";
+    add(text.replace(text.find(none), none.size(),
+                     R"("chunk_attributes":{"ledger":{"waiting":)" + std::to_string(waiting) + "}}"));
+  };
+  const auto ledger = [this](const char* session) {
+    return *jsonText((*store.read([&](Database& d) { return sessionDetails(d, session); }))["ledger"]);
+  };
+  say(2, "S1", 20);
+  say(2, "S1", 21);  // sent again
+  say(1, "S1", 10);  // came late
+  EXPECT_EQ(ledger("S1"), R"({"chunk":2,"counts":{"waiting":21},"received":4})");
+  say(1, "S2", 5);
+  add({.number = 2, .session = "S2"});  // says nothing
+  EXPECT_EQ(ledger("S2"), R"({"chunk":1,"counts":{"waiting":5},"received":6})");
+}
+
 TEST_F(Arrival, SessionsAndEventsAreFoundByTheUsersId) {
   const auto of = [](const std::string& id) { return R"({"custom_user_id": ")" + id + "\"}"; };
   add({.number = 1, .app = event("A"), .session = "S1", .user = of("Ann")});
@@ -321,21 +417,8 @@ TEST(CollectorStore, TheFileIsPrivateAndExclusiveAndUnusableContentIsSkippedOrRe
   EXPECT_THROW(Store second(path), std::runtime_error);
   ASSERT_TRUE(store.keepDocument("config", "{}"));
   ServiceState state;
-  loadDocuments(state, store);
+  service::loadDocuments(state, [&](const std::string& name) { return store.document(name); });
   EXPECT_EQ(documentsOf(state)["config"], documentsOf(ServiceState())["config"]);
-
-  const std::string old = home() + "/old.db";
-  {
-    Database database(old);
-    database.run(
-        "CREATE TABLE sessions (key INTEGER PRIMARY KEY, application, id, record, user, device, app, sdk, launch, "
-        "length,"
-        " highest_chunk, received, sequence, chunks, events, problems INTEGER NOT NULL); CREATE TABLE problems (id)");
-  }
-  Store upgraded(old);
-  ReceivedRequest request;
-  request.body = kSampleChunk;
-  EXPECT_TRUE(upgraded.add(request, "shop"));
 
   writeFileForTest(home() + "/text", std::string(5000, 'x'));
   EXPECT_THROW(Store(home() + "/text"), std::runtime_error);

@@ -4,7 +4,7 @@
 
 #include "CollectorTest.h"
 #include "kelvo-collector/http/Server.h"
-#include "kelvo-collector/service/ServiceState.h"
+#include "kelvo-service/ServiceState.h"
 
 namespace kelvo::test {
 namespace {

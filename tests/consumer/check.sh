@@ -64,6 +64,9 @@ shared)
   cmake "$work" -DCONSUMER_DELIVERY=classic
   names_delivery classic
   if cmake "$work" -DCONSUMER_DELIVERY=everything 2>/dev/null; then exit 1; fi
+  cmake "$work" "-DCONSUMER_DELIVERY=classic;CONSENT;required"
+  grep -q "<key>KelvoConsent</key><string>required</string>" "$work/consumer.bundle/Info.plist"
+  if cmake "$work" "-DCONSUMER_DELIVERY=classic;CONSENT;maybe" 2>/dev/null; then exit 1; fi
   cmake "$work" -DCONSUMER_DELIVERY= # the next run begins as this one did
   ;;
 static)

@@ -151,23 +151,5 @@ TEST_F(Lifecycle, AnIdThatBreaksNamesStopsNoStoring) {
   EXPECT_EQ(controller().getSessions(), std::vector<std::string>{controller().getSessionId().value()});
 }
 
-TEST(EarlyReports, KeepsTheLastThousandAndEveryNamedScreen) {
-  const LogCapture log;
-  EarlyReports reports;
-  std::vector<int> played;
-  const auto report = [&](int number) { return [&played, number] { played.push_back(number); }; };
-  for (int i = 0; i < 3; ++i) reports.addNamedScreen(report(-i));
-  for (int i = 1; i <= 1500; ++i) reports.add(report(i));
-  EXPECT_TRUE(played.empty());
-  reports.play();
-  ASSERT_EQ(played.size(), 1003u);
-  EXPECT_EQ(played[2], -2);
-  EXPECT_EQ(played[3], 501);
-  EXPECT_EQ(played.back(), 1500);
-  reports.add(report(7));
-  EXPECT_EQ(played.back(), 7);
-  EXPECT_EQ(log.count("<KLV WARN> Keeping only the last 1000 reports until the start"), 1u);
-}
-
 }  // namespace
 }  // namespace kelvo::test

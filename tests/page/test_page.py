@@ -61,17 +61,18 @@ class PageTest(unittest.TestCase):
     def tearDown(self):  # The browser also logs violations of the content security policy.
         self.assertEqual([], [entry["message"] for entry in self.browser.get_log("browser")])
 
-    def ask(self, method, path, body=None):
-        request = urllib.request.Request(self.url + path, body and body.encode(), method=method)
+    def ask(self, method, path, body=None, **headers):
+        request = urllib.request.Request(self.url + path, body and body.encode(), headers, method=method)
         urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=20).close()
 
-    def post(self, session, number, *events, screens=(), system=(), user=None):
+    def post(self, session, number, *events, screens=(), system=(), user=None, says=None, device="D1", **headers):
         screens = [{"navigation_id": "N", "name": name, "transition_time": start, "duration": duration}
                    for name, start, duration in screens]
         system = [{"name": name, "time": time} for name, time in system]
         users = json.dumps({"custom_user_id": user} if user else {})
-        self.ask("POST", "/v2/api/shop/chunks", CHUNK % (json.dumps(session), json.dumps(f"{session}_{number}"), number,
-                                                         users, ",".join(events), json.dumps(screens), json.dumps(system)))
+        chunk = CHUNK % (json.dumps(session), json.dumps(device), json.dumps(f"{session}_{number}"), number, users,
+                         json.dumps(says or {}), ",".join(events), json.dumps(screens), json.dumps(system))
+        self.ask("POST", "/v2/api/shop/chunks", chunk, **headers)
 
     def until(self, condition):
         WebDriverWait(self.browser, 20, 0.05, NOT_YET).until(lambda _: condition())
@@ -194,6 +195,30 @@ class PageTest(unittest.TestCase):
                     return [document.body.scrollWidth > innerWidth, beyond.map((e) => e.id || e.className)]"""))
         self.assertEqual([None, "Kelvo collector", 0],
                          self.script("return [window.harmed ?? null, document.title, document.images.length]"))
+
+    def test_what_a_device_says_is_shown_with_its_session_until_the_device_is_erased(self):
+        self.post("stays", 1, app("Stays", 1), device="D2")
+        self.post("gone", 1, app("One", 1), device="D3", says={"ledger": {"waiting": 9}}, **{"X-Kelvo-Erase": "secret"})
+        self.post("gone", 4, app("Two", 2), device="D3", says={
+            "evicted": {"events": 7, "chunks": 1},
+            "ledger": {"stored": 20, "accepted": 1, "notForUpload": 3, "evictedForSpace": 7, "lost": 0}})
+        self.until(lambda: self.texts(".account") == [
+            "Evicted by the device: 7 events in 1 chunk. 1 chunk number of this session is not missing but evicted. "
+            "When it sent chunk 4: 9 events of this device wait on it, 7 were evicted, none is lost. "
+            "The device knows of 1 accepted event; the collector has 2."])
+        self.click("#tab-quality")
+        self.until(lambda: self.texts("#problems .message") == [
+            "chunks 2 to 3 are missing, of which the device evicted 1"])
+        self.click("#tab-aggregates")
+        self.until(lambda: self.texts("#users .name") == ["D3", "D2"])
+        self.ask("DELETE", "/v2/api/user?appId=shop&userId=D3", **{"X-Kelvo-Erase": "secret"})
+        self.until(lambda: self.texts("#users .name") == ["D2"])
+        self.assertEqual(["shop", "1 session, 2 chunks, 2 events, 2 requests deleted"],
+                         self.texts("#erasures li > :not(.when)"))
+        self.click("#tab-live")
+        self.until(lambda: self.texts("#totals") == ["1 session · 1 chunk · 1 event"])
+        self.until_events("Stays")
+        self.assertEqual(1, len(self.texts("#sessions [role=option]")))
 
     def test_a_problem_opens_on_the_event_with_its_attribute_marked(self):
         self.post("s", 1, app("Buy", 1, price="3", klv_lt_count=1))

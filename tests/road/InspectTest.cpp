@@ -44,11 +44,20 @@ TEST_F(Inspect, ReportsContentAndDamageWithoutStartingTheLibrary) {
   EXPECT_EQ(at(sessions[0], {"not_cut"}), Value(0));
   EXPECT_EQ(at((*at(*found, {"aggregate_events"}).get<Array>())[0], {"name"}), Value("Rating"));
   EXPECT_EQ(at(*found, {"user_defaults", "klv_session_count"}), Value(1));
+  const auto ledger = at(*found, {"ledger"}).asDictionary().value_or(Dictionary());
+  EXPECT_EQ(ledger["stored"].asInt64(), ledger["waiting"].asInt64());
+  EXPECT_EQ(ledger["counted"], Value(1));
+  EXPECT_EQ(ledger["faults"], Value(Array()));
   const std::string text = inspect({home()});
+  EXPECT_NE(text.find("\n  stored "), std::string::npos) << text;
   EXPECT_NE(text.find("0 of 1"), std::string::npos) << text;
   EXPECT_NE(text.find(R"(Purchase\x1b[2J)"), std::string::npos) << "stored text must not control the terminal" << text;
   EXPECT_NE(text.find("\n  ios: the platform's name"), std::string::npos) << text;
   EXPECT_EQ(service.requests().size(), requests) << "the library was started";
+  ASSERT_EQ(stored("update kelvo_ledger set total = total + 7 where entry = 'stored'"), Texts{});
+  const std::string wrong = inspect({home()});
+  EXPECT_NE(wrong.find("FAULT: By the sums "), std::string::npos) << wrong;
+  EXPECT_NE(wrong.find("events were logged, but the outcomes of "), std::string::npos) << wrong;
 
   writeFileForTest(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite"), std::string(8192, 'x'));
   std::filesystem::remove(documents("kelvo-db/v1.0.0/com.kelvo.sessions.sqlite-wal"));

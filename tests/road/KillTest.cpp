@@ -259,6 +259,7 @@ Findings Kills::liveInFreshHome() {
     (this->*moment)();
     behave();
     ledger_.readHome(home, launch_);
+    ledger_.compareLibrarys(home, service.chunks(), launch_);
     diary_ += "\n";
   }
   for (int left = 2; left > 0; --left) {
@@ -268,6 +269,7 @@ Findings Kills::liveInFreshHome() {
     const int status = host.quit();
     diary_ += "launch " + std::to_string(launch_) + ": undisturbed, status " + std::to_string(status) + "\n";
     ledger_.readHome(home, launch_);
+    ledger_.compareLibrarys(home, service.chunks(), launch_);
   }
   Findings found = ledger_.compare(service.chunks(), isComplete());
   if (found.hasFault()) {
@@ -295,7 +297,7 @@ TEST_P(Kills, AtAnyMomentLeaveEveryStoredEventToArriveOnce) {
     if (isSoak) {
       std::cout << "soak " << GetParam() << ' ' << kills() - before << ' ' << found.stored << ' ' << found.delivered
                 << ' ' << found.lost << ' ' << found.doubled << ' ' << found.wrong << ' ' << found.miscounted << ' '
-                << found.waiting << ' ' << found.uncut << '\n'
+                << found.ledger << ' ' << found.waiting << ' ' << found.uncut << '\n'
                 << found.story() << std::flush;
     }
     all += found;

@@ -74,6 +74,7 @@ Findings& Findings::operator+=(const Findings& other) {
   doubled += other.doubled;
   wrong += other.wrong;
   miscounted += other.miscounted;
+  ledger += other.ledger;
   waiting += other.waiting;
   uncut += other.uncut;
   for (const auto& [what, which] : other.faults) {
@@ -158,6 +159,68 @@ void Ledger::readSession(const std::string& file, const std::string& id, int lau
   }
 }
 
+void Ledger::compareLibrarys(const std::string& home, const std::vector<Value>& chunks, int launch) {
+  const std::string file = home + "/copy.sqlite";
+  if (queried(file, "select name from sqlite_master where name = 'kelvo_ledger'") != Texts{"kelvo_ledger"}) return;
+  std::map<std::string, long> sums;
+  for (const auto& row : queried(file, "select entry, total from kelvo_ledger")) {
+    sums[split(row)[0]] = std::stol(split(row)[1]);
+  }
+  const Arrivals arrivals = read(chunks, librarys_);
+  std::map<std::string, long> arrived;  // session to events
+  std::map<std::string, long> expected;
+  for (const auto& [id, chunk] : arrivals.chunks) {
+    const auto events = static_cast<long>(chunk.events.size());
+    arrived[chunk.session] += events;
+    // A session is purged once all its chunks are accepted.
+    const auto session = sessions_.find(chunk.session);
+    const auto row = chunkRows_.find(id);
+    const bool isKept = session != sessions_.end() && session->second.isKept;
+    if (!isKept || (row != chunkRows_.end() && row->second.status == "1")) expected["accepted"] += events;
+  }
+  long waiting = 0;
+  for (const auto& [id, session] : sessions_) {
+    long forUpload = 0;
+    for (const auto& [index, row] : session.rows) {
+      forUpload += row.isSent ? 1 : 0;
+      expected["notForUpload"] += row.isSent ? 0 : 1;
+    }
+    arrived[id] = std::max(arrived[id], forUpload);  // events that left before a copy was made have arrived
+    if (!session.isKept) continue;
+    waiting += toNumber(queried(file, "select count(*) from 'events_" + id +
+                                          "' e where type not in ('Client', 'Agg') and not exists (select 1 from "
+                                          "chunkmeta c where sid = '" +
+                                          id + "' and status = 1 and e.identifier between c.start and c.end)")[0]);
+  }
+  expected["stored"] = expected["notForUpload"];
+  for (const auto& [id, events] : arrived) expected["stored"] += events;
+  std::set<int> counted;
+  for (const auto& [call, counts] : aggregates_) counted.insert(call);
+  for (const auto& [call, counts] : arrivals.aggregates) counted.insert(call);
+  for (const int call : std::set<int>(counted)) {
+    if (rowsOfCalls_.count(call) > 0) {
+      counted.erase(call);
+    } else if (rescued_.count(call) > 0) {  // its row left, with its session, before a copy was made
+      counted.erase(call);
+      ++expected["notForUpload"];
+      ++expected["stored"];
+    }
+  }
+  expected["counted"] = static_cast<long>(counted.size());
+  expected["logged"] = expected["stored"] + expected["counted"] + sums["forPlugins"] + sums["notStored"];
+  expected["waiting"] = waiting;
+  sums["waiting"] = sums["stored"] - sums["notForUpload"] - sums["accepted"];
+  for (const char* entry : {"stored", "notForUpload", "counted", "accepted", "waiting", "logged", "lost",
+                            "evictedForSpace", "evictedForAge", "refusedDisabled", "refusedNameless", "ignored"}) {
+    const long difference = std::abs(sums[entry] - expected[entry]);
+    if (difference == 0) continue;
+    librarys_.ledger += difference;
+    librarys_.faults["the library's ledger, " + std::string(entry)].push_back(
+        std::to_string(sums[entry]) + " instead of " + std::to_string(expected[entry]) + " after launch " +
+        std::to_string(launch));
+  }
+}
+
 Ledger::Arrivals Ledger::read(const std::vector<Value>& chunks, Findings& found) {
   Arrivals arrivals;
   for (const Value& body : chunks) {
@@ -199,8 +262,8 @@ Ledger::Arrivals Ledger::read(const std::vector<Value>& chunks, Findings& found)
 }
 
 Findings Ledger::compare(const std::vector<Value>& chunks, bool complete) const {
-  Findings found;
-  found.wrong = static_cast<long>(damage_.size());
+  Findings found = librarys_;
+  found.wrong += static_cast<long>(damage_.size());
   if (!damage_.empty()) found.faults["damaged database"] = damage_;
   const Arrivals arrivals = read(chunks, found);
   compareCalls(arrivals, complete, found);
@@ -280,7 +343,7 @@ void Ledger::compareOwnEvents(const Arrivals& arrivals, bool complete, Findings&
       const long times = arrived == arrivals.ownEvents.end() ? 0 : arrived->second;
       found.stored += expected;
       found.delivered += std::min(expected, times);
-      if (times == expected) continue;
+      if (times == expected || (times > expected && !sawAllRowsOf(id, arrivals))) continue;
       const bool waits = times < expected && session.isKept;
       (times > expected     ? found.doubled
        : waits && !complete ? found.waiting
@@ -291,6 +354,18 @@ void Ledger::compareOwnEvents(const Arrivals& arrivals, bool complete, Findings&
                                                                      ", arrived " + std::to_string(times) + ")");
     }
   }
+}
+
+/// Under `complete`, accepted events leave the database, perhaps before the ledger could read it.
+bool Ledger::sawAllRowsOf(const std::string& id, const Arrivals& arrivals) const {
+  const auto& rows = sessions_.at(id).rows;
+  return std::all_of(arrivals.chunks.begin(), arrivals.chunks.end(), [&](const auto& arrived) {
+    if (arrived.second.session != id) return true;
+    const auto row = chunkRows_.find(arrived.first);
+    if (row == chunkRows_.end()) return false;
+    const auto [first, last] = std::pair(rows.lower_bound(row->second.start), rows.upper_bound(row->second.end));
+    return std::distance(first, last) == row->second.end - row->second.start + 1;
+  });
 }
 
 void Ledger::compareChunks(const Arrivals& arrivals, Findings& found) const {

@@ -18,12 +18,13 @@ struct Findings {
   long doubled = 0;     ///< events that arrived under two chunk ids, or are stored or counted twice
   long wrong = 0;       ///< chunks with two contents, with other events than their rows, or out of order
   long miscounted = 0;  ///< lifetime counts: difference from the number of stored events
+  long ledger = 0;      ///< sum of the differences of the library's own ledger, after each launch
   // Losses that `classic` requires; under `complete`, they are `lost`.
   long waiting = 0;  ///< events that the flush leaves in the database, because its two counts of sessions are uneven
   long uncut = 0;    ///< aggregate counts after the last chunk of their session
   std::map<std::string, Texts> faults;  ///< description to the calls or rows that it is about
 
-  [[nodiscard]] bool hasFault() const { return lost + doubled + wrong + miscounted > 0; }
+  [[nodiscard]] bool hasFault() const { return lost + doubled + wrong + miscounted + ledger > 0; }
   /// Returns a line for each fault.
   [[nodiscard]] std::string story() const;
   Findings& operator+=(const Findings& other);
@@ -43,6 +44,8 @@ class Ledger {
   /// Reads the database and the rescue files of `home` after launch `launch`. Reads copies: the next launch must find
   /// the files as this one left them.
   void readHome(const std::string& home, int launch);
+  /// Compares the library's own ledger, as `readHome` has copied it, with what is stored and has arrived until now.
+  void compareLibrarys(const std::string& home, const std::vector<Value>& chunks, int launch);
   /// Compares with the bodies of all accepted chunks. Every event must have arrived if `complete`.
   [[nodiscard]] Findings compare(const std::vector<Value>& chunks, bool complete) const;
 
@@ -82,6 +85,7 @@ class Ledger {
   [[nodiscard]] Fate fateOf(int number, const Arrivals& arrivals) const;
   void compareCalls(const Arrivals& arrivals, bool complete, Findings& found) const;
   void compareOwnEvents(const Arrivals& arrivals, bool complete, Findings& found) const;
+  [[nodiscard]] bool sawAllRowsOf(const std::string& session, const Arrivals& arrivals) const;
   void compareChunks(const Arrivals& arrivals, Findings& found) const;
   void compareOrder(const Arrivals& arrivals, Findings& found) const;
   void compareCounts(const Arrivals& arrivals, Findings& found) const;
@@ -96,6 +100,7 @@ class Ledger {
   std::set<int> keptInFiles_;              // calls that are in a rescue file now
   std::map<std::string, long> lifetimes_;  // name to count
   Texts damage_;
+  Findings librarys_;  // of the library's ledger
 };
 
 }  // namespace kelvo::test

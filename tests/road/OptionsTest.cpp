@@ -167,31 +167,31 @@ INSTANTIATE_TEST_SUITE_P(
                                 service.answer("/enabled-status", Script(200, R"({"enabled": 0})"));
                                 return Program::Environment{};
                               },
-                              "1 The service has switched collection off"},
+                              "3 The service has switched collection off"},
                     Condition{"savedSwitch",
                               [](auto& service) {
                                 service.answer("/enabled-status", Script::cut());
                                 writeFileForTest(library(kStatusFile), R"({"status":false})");
                                 return Program::Environment{};
                               },
-                              "1 The service does not answer, and its last"},
+                              "3 The service does not answer, and its last"},
                     Condition{"configuration",
                               [](auto&) {
                                 writeFileForTest(library("com.kelvo.SDK.config.json"), R"({"enable": false})");
                                 return Program::Environment{};
                               },
-                              "1 The service's configuration switches"},
+                              "3 The service's configuration switches"},
                     Condition{"switchedOff",
                               [](auto&) {
                                 return Program::Environment{{"DO_NOT_TRACK", "1"}};
                               },
-                              "2 DO_NOT_TRACK"},
+                              "4 DO_NOT_TRACK"},
                     Condition{"unusableHome",
                               [](auto&) {
                                 writeFileForTest(home() + "/file", "");
                                 return Program::Environment{{"KELVO_HOME", home() + "/file/home"}};
                               },
-                              "4 "}),
+                              "6 "}),
     [](const auto& test) { return test.param.name; });
 
 TEST_F(Options, AHomeInUseIsReportedAndItsEventsWait) {
@@ -200,7 +200,7 @@ TEST_F(Options, AHomeInUseIsReportedAndItsEventsWait) {
   ASSERT_TRUE(first.waitForError("initialized!"));
   auto second = run({KELVO_MANNERS_HOST});
   for (const char* line : {"ready", "options id=shop", "Beside"}) second.writeLine(line);
-  const std::string holder = "status 3 Process " + std::to_string(first.id()) + " uses the home: events wait";
+  const std::string holder = "status 5 Process " + std::to_string(first.id()) + " uses the home: events wait";
   EXPECT_TRUE(second.waitForOutput(holder)) << second.output();
   second.closeInput();
   EXPECT_EQ(second.wait(), 0);

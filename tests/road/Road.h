@@ -9,7 +9,7 @@
 
 #include "kelvo-collector/http/Server.h"
 #include "kelvo-collector/service/Script.h"
-#include "kelvo-collector/service/ServiceState.h"
+#include "kelvo-service/ServiceState.h"
 #include "kelvo/Value.h"
 #include "support/Program.h"
 #include "support/TestHome.h"

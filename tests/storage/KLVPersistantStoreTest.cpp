@@ -1,13 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <future>
 #include <stdexcept>
 
+#include "platform/Clock.h"
+#include "sqlite/FMKLVDatabase.h"
+#include "storage/KLVDataHandler.h"
 #include "storage/KLVPersistantStore.h"
 #include "storage/KLVSchema.h"
 #include "support/FaultVFS.h"
 #include "support/LogCapture.h"
 #include "support/TestHome.h"
+#include "util/KLVDeliveryRules.h"
 
 namespace kelvo::test {
 namespace {
@@ -154,6 +160,44 @@ TEST_F(Store, ACorruptDatabaseIsSetAsideAtOpeningOrAtTheNextStart) {
   expectAFreshDatabase();
   EXPECT_EQ(contentOf(asides().at(0)), headless);
   EXPECT_EQ(log.count("<KLV ERROR> The database is corrupt (file is not a database). It is set aside as "), 1U);
+}
+
+TEST_F(Store, KeepsTheTwoLatestOfTheDatabasesSetAside) {
+  std::vector<std::string> all;
+  for (int i = 0; i < 4; ++i) {
+    restartWith("no database " + std::to_string(i));
+    for (const auto& aside : asides()) all.push_back(aside);
+    Clock::advance(std::chrono::milliseconds(1));  // the name has the time
+  }
+  std::sort(all.begin(), all.end());
+  all.erase(std::unique(all.begin(), all.end()), all.end());
+  ASSERT_EQ(all.size(), 4U);
+  auto kept = asides();
+  std::sort(kept.begin(), kept.end());
+  EXPECT_EQ(kept, (std::vector{all[2], all[3]}));
+}
+
+TEST(OldStore, IsRewrittenWhenIdleUnderTheRulesThatDeleteAcceptedEvents) {
+  {
+    FMKLVDatabase old(databasePath());
+    fs::create_directories(fs::path(databasePath()).parent_path());
+    ASSERT_TRUE(old.open() && old.executeUpdate("create table lifetime_events (name text, count int)"));
+  }
+  KLVDataHandler handler("S");
+  handler.startWithCompletionHandler({});
+  const auto modeAfterTidying = [&](bool isIdle) {
+    handler.tidy(isIdle);
+    std::promise<void> done;
+    handler.whenStored([&] { done.set_value(); });
+    done.get_future().wait();
+    FMKLVDatabase reader(databasePath());
+    return reader.open() ? reader.intForQuery("pragma auto_vacuum") : -1;
+  };
+  EXPECT_EQ(modeAfterTidying(true), 0) << "classic";
+  KLVDeliveryRules::choose(KLVDeliveryRules::complete);
+  EXPECT_EQ(modeAfterTidying(false), 0) << "not idle";
+  EXPECT_EQ(modeAfterTidying(true), 2);
+  KLVDeliveryRules::choose(KLVDeliveryRules::classic);
 }
 
 TEST_F(Store, SetsTheWriteAheadLogAsideWithItsDatabase) {

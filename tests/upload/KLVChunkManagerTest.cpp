@@ -13,6 +13,7 @@
 #include "records/KLVEvents.h"
 #include "support/LogCapture.h"
 #include "util/KLVDeliveryRules.h"
+#include "util/KLVHostLimits.h"
 
 namespace kelvo::test {
 namespace {
@@ -30,6 +31,8 @@ class Delegate final : public KLVChunkManagerDelegate {
   std::set<std::string> directories, sessionRecords;
   std::string running = "now", current = "now", userName = "before";
   std::size_t eventText = 1;
+  static constexpr std::uint64_t kBytesOfAChunk = 100;
+  std::uint64_t bytes = 0;
   bool refusesToPost = false, refusesRows = false, failsReads = false, failsTransactions = false;
 
   Texts done;  ///< the calls of the manager, in order
@@ -135,6 +138,26 @@ class Delegate final : public KLVChunkManagerDelegate {
     for (const auto& each : all) each();
     committed();
   }
+  std::optional<std::uint64_t> storedBytes(std::uint64_t) override { return bytes; }
+  void deleteSettledData(std::uint64_t) override {}
+  KLVEviction evictChunks(const std::vector<std::shared_ptr<KLVChunkMetaInfo>>& chunks, std::uint64_t toFree,
+                          KLVLedgerEntry) override {
+    KLVEviction evicted;
+    for (const std::uint64_t before = bytes; evicted.chunks < chunks.size() && before - bytes < toFree;) {
+      const std::string id = chunks[evicted.chunks++]->identifier();
+      const auto row = std::find_if(rows.begin(), rows.end(),
+                                    [&](const auto& each) { return KLVChunk::CMID(each.sid, each.cid) == id; });
+      row->sent = true;
+      for (auto event = row->start; event <= row->end; ++event) evicted.events += sessions[row->sid].erase(event);
+      bytes -= kBytesOfAChunk;
+      done.push_back("evict " + id);
+    }
+    return evicted;
+  }
+  std::optional<KLVEviction> reportedEvictions(const std::string&) override { return KLVEviction(); }
+  std::optional<Date> timeOfEvent(const std::string&, std::uint64_t) override { return std::nullopt; }
+  void tidy(bool) override {}
+  void whenGrown(std::uint64_t, std::function<void()>) override {}
   void postDataToURL(const std::optional<std::string>&, const std::optional<Dictionary>& body,
                      const std::optional<Dictionary>&, HTTPCompletion completion) override {
     const auto& details = *(*body)["chunk_details"].get<Dictionary>();
@@ -469,6 +492,38 @@ TEST(ChunkInterval, IsAtLeastASecondAndTheDefaultForAnUnusableNumber) {
     EXPECT_EQ(log.count("<KLV WARN> max_fg_chunk_send_time is "), isUnusable ? 1U : 0U) << description(configured);
   }
   EXPECT_EQ(KLVChunkManager::intervalIn(std::nullopt), 30);
+}
+
+struct LimitedChunkManager : ChunkManager {
+  LimitedChunkManager() : ChunkManager(chosen()) {}
+  ~LimitedChunkManager() override { KLVHostLimits::choose({}); }
+  static const KLVDeliveryRules& chosen() {
+    KLVHostLimits::choose({.mostStoredBytes = 1000});
+    return KLVDeliveryRules::complete;
+  }
+  /// Makes the data `beyond` chunks too large.
+  void exceedBy(std::uint64_t beyond) { delegate.bytes = 1000 + beyond * Delegate::kBytesOfAChunk; }
+};
+
+TEST_F(LimitedChunkManager, EvictsWaitingChunksOfEarlierSessionsFirstAndNoneInFlight) {
+  flushChunks(10);
+  EXPECT_EQ(happened(), resent(1, 8)) << "eight are in flight, two are queued";
+  addEvents("now", 1, 3);
+  EXPECT_EQ(happened(), Texts{"save now_1"});
+  addEvents("now", 4, 4);
+  EXPECT_EQ(happened(), Texts{"save now_2"});
+  exceedBy(9);
+  EXPECT_EQ(happened(), (Texts{"evict old_9", "evict old_10", "evict now_1"})) << "the newest chunk stays";
+  answer(8, {503, ""});
+  Texts afterwards = happened();
+  for (auto& call : happened()) afterwards.push_back(call);  // the check cuts, too, which ends a wait early
+  EXPECT_EQ(afterwards, (Texts{"post now_2 of 1", "evict old_1", "evict old_2", "evict old_3", "evict old_4",
+                               "evict old_5", "evict old_6"}))
+      << "the failed ones can go now; no evicted chunk is posted";
+  std::promise<void> posted;
+  manager->deliverNow(false, [&](bool) { posted.set_value(); });
+  posted.get_future().wait();
+  EXPECT_EQ(delegate.done, resent(7, 8));
 }
 
 }  // namespace

@@ -15,9 +15,9 @@
 
 #include "kelvo-collector/http/Server.h"
 #include "kelvo-collector/http/Token.h"
-#include "kelvo-collector/service/Documents.h"
-#include "kelvo-collector/service/ServiceState.h"
 #include "kelvo-collector/store/Store.h"
+#include "kelvo-service/Documents.h"
+#include "kelvo-service/ServiceState.h"
 #include "platform/Files.h"
 
 namespace {
@@ -57,8 +57,9 @@ For tests and scripts, as JSON:
   /debug/wait?count=N[&name=...][&kind=...][&session=...][&timeout=S]
   /debug/events, /debug/counts, /debug/problems, /debug/requests
 PUT /debug/answer?path=/chunks&status=503[&times=N] answers every request whose
-path contains that text with that status, N times or until it is switched off.
-The same without a status switches it off.
+method and path contain that text ("/chunks", "DELETE /v2/api/user") with that
+status, N times or until it is switched off. The same without a status switches
+it off.
 An unknown path lists all paths.
 
 Exit status: 0 after a signal, 1 when it cannot serve, 2 for wrong usage.
@@ -110,8 +111,8 @@ int serve(const Options& options) {
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
 
   kelvo::collector::Store store(storePath(options.data), options.keptMegabytes << 20U);
-  kelvo::collector::ServiceState state;
-  kelvo::collector::loadDocuments(state, store);
+  kelvo::service::ServiceState state;
+  kelvo::service::loadDocuments(state, [&](const std::string& name) { return store.document(name); });
   kelvo::collector::Server server(store, state);
   std::optional<kelvo::collector::Token> token;
   if (options.isPrivate) server.setToken(token.emplace(tokenPath(options)).text());

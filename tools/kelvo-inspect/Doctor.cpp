@@ -14,6 +14,7 @@
 #include <iterator>
 #include <memory>
 
+#include "core/ConsentFile.h"
 #include "kelvo/Value.h"
 #include "network/HTTPURL.h"
 #include "platform/Bundle.h"
@@ -27,6 +28,7 @@
 #include "records/KLVSDKInfo.h"
 #include "util/KLVPluginName.h"
 #include "util/KLVServicePaths.h"
+#include "util/KLVUtilities+Counts.h"
 
 namespace kelvo::inspect {
 namespace {
@@ -67,6 +69,25 @@ Finding examineBundle(const Bundle& bundle, const std::string& directory) {
             "Add it, or call initializeKelvoWithID"};
   }
   return {Grade::good, "bundle", fmt::format("{} starts application \"{}\" at load", *path, id), ""};
+}
+
+/// Reports whether the bundle requires consent, and what the home remembers. The host's options may require it, too.
+Finding examineConsent(const Bundle& bundle, const std::optional<std::string>& home) {
+  const bool isRequired = !bundle.infoDictionary()["KelvoConsent"].isNull();
+  const std::string_view required = isRequired ? "required by the bundle" : "not required by the bundle";
+  const auto file = home ? KLVConsentFile::read(joinPath(*home, "Library")) : KLVConsentFile();
+  const bool isDenied = file.decision == Consent::denied;
+  auto result = fmt::format("{}, {}", required, !file.decision ? "undecided" : isDenied ? "denied" : "granted");
+  if (file.isErasing) result += ", an erasure is not complete";
+  if (!file.deletions.empty()) {
+    result += ", " + KLVUtilities::numberOf(file.deletions.size(), "deletion request") + " not answered yet";
+  }
+  if (isDenied) return {Grade::doubtful, "consent", result, "Nothing is collected until the user grants consent"};
+  if (isRequired && !file.decision) {
+    return {Grade::doubtful, "consent", result, "Nothing is collected until the program calls setConsent"};
+  }
+  const bool isPending = file.isErasing || !file.deletions.empty();
+  return {isPending ? Grade::doubtful : Grade::good, "consent", result, isPending ? "The next launch goes on" : ""};
 }
 
 /// Returns whether `KELVO_PLUGIN` has compiled the class `name` into `file`.
@@ -302,7 +323,9 @@ std::vector<Finding> examine(const std::optional<std::string>& program, const st
   const Bundle bundle(directory, executable);
   if (!directory.empty()) findings.push_back(examineBundle(bundle, directory));
   examinePlugins(bundle, program, findings);
-  findings.push_back(examineHome(home ? home : Directories::homeFor(bundle)));
+  const auto checked = home ? home : Directories::homeFor(bundle);
+  findings.push_back(examineConsent(bundle, checked));
+  findings.push_back(examineHome(checked));
   examineService(bundle, findings);
   return findings;
 }

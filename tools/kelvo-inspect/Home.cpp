@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kelvo-inspect/Events.h"
+#include "kelvo-inspect/Ledger.h"
 #include "kelvo-inspect/Reader.h"
 #include "platform/Files.h"
 #include "platform/HomeLock.h"
@@ -87,8 +88,9 @@ void readChunks(Reader& reader, const std::string& library, Sessions& sessions) 
     Dictionary chunk{{"number", row[kKLVChunkCid]},
                      {"start", row[kKLVChunkStart]},
                      {"end", row[kKLVChunkEnd]},
-                     {"accepted", row[kKLVChunkStatus].asBool()},
+                     {"accepted", row[kKLVChunkStatus] == Value(kKLVChunkAccepted)},
                      {"reporting_times", times != nullptr ? parseJSON(*times) : std::nullopt}};
+    if (row[kKLVChunkStatus] == Value(kKLVChunkEvicted)) chunk.set("evicted", true);
     if (!row[kKLVChunkStatus].asBool()) {
       const SessionClock clock(library, id);
       const Value earliest = timeOfEarliest(reader, session, clock, row[kKLVChunkStart], row[kKLVChunkEnd]);
@@ -190,6 +192,9 @@ Dictionary readHome(const std::string& home) {
     }
   }
 
+  auto savedEvents = readSavedEvents(reader, library);
+  auto ledger = readLedger(path, savedEvents);
+
   Dictionary database{{"path", path}};
   if (fileExists(path)) database.set("bytes", sizeOf(path) + sizeOf(path + "-wal"));
   if (!reader.problem().empty()) database.set("problem", reader.problem());
@@ -198,7 +203,8 @@ Dictionary readHome(const std::string& home) {
           {"used_by", user ? Value(*user) : Value()},
           {"database", std::move(database)},
           {"sessions", describe(sessions, library)},
-          {"saved_events", readSavedEvents(reader, library)},
+          {"saved_events", std::move(savedEvents)},
+          {"ledger", std::move(ledger)},
           {"lifetime_events", std::move(lifetime)},
           {"aggregate_events", std::move(aggregates)},
           {"files", std::move(files)},

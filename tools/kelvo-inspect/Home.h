@@ -12,11 +12,12 @@ namespace kelvo::inspect {
 /// - "database": "path", "bytes" (including the write-ahead log), and "problem" if it is damaged or cannot be read;
 /// - "sessions", oldest first: "id", the attributes in the session's file ("launch_time", "launch_type", "duration"
 /// ...),
-///   "events" (counts by kind), "chunks" ("number", "start", "end", "accepted", "reporting_times", "waiting_since"),
+///   "events" (counts by kind), "chunks" ("number", "start", "end", "accepted", "reporting_times", "waiting_since",
+///   "evicted" if its events were deleted unsent),
 ///   "not_cut" (number of events after the last chunk), "counts_waiting" (counts of aggregate events that the service
 ///   has not accepted). "waiting_since" (milliseconds since 1970) is the time of the earliest event that the service
 ///   has not accepted; for counts, the session's launch. It is missing if nothing waits;
-/// - "saved_events": see `readSavedEvents`;
+/// - "saved_events": see `readSavedEvents`; "ledger": see `readLedger`;
 /// - "lifetime_events" and "aggregate_events": the stored rows;
 /// - "files" below Library, each with "path", "bytes" and "content" (JSON), or "problem";
 /// - "user_defaults".

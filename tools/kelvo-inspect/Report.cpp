@@ -138,6 +138,16 @@ std::string rows(const Dictionary& home, std::string_view key, const std::string
   return table.text();
 }
 
+std::string ledger(const Dictionary& home) {
+  Table table("Ledger since the installation", {"entry", "events"});
+  std::string faults;
+  for (const auto& [entry, events] : home["ledger"].asDictionary().value_or(Dictionary())) {
+    if (entry != "faults") table.add({entry, textOf(events)});
+    for (const Value& fault : events.asArray().value_or(Array())) faults += "FAULT: " + textOf(fault) + '\n';
+  }
+  return table.text() + faults;
+}
+
 std::string files(const Dictionary& home) {
   Table table("Files in Library", {"path", "bytes", "content"});
   for (const Dictionary& file : dictionariesIn(home["files"])) {
@@ -186,7 +196,7 @@ std::string report(const Dictionary& home) {
                                  home["used_by"].isNull() ? "" : ", used by process " + textOf(home["used_by"]));
   text += fmt::format("Database {}, {} bytes{}\n", textOf(database["path"]), textOf(database["bytes"]),
                       database.contains("problem") ? ": " + textOf(database["problem"]) : "");
-  text += sessions(home) + savedEvents(home);
+  text += sessions(home) + savedEvents(home) + ledger(home);
   text += rows(home, "lifetime_events", "Lifetime counts", {kKLVLifetimeEventName, kKLVLifetimeCount});
   text += rows(home, "aggregate_events", "Aggregate events",
                {kKLVAggSid, kKLVAggName, kKLVAttrKey, kKLVAttrValue, kKLVAggCount});

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/DataDescription.h"
 #include "kelvo-inspect/Doctor.h"
 #include "kelvo-inspect/Events.h"
 #include "kelvo-inspect/Home.h"
@@ -23,20 +24,25 @@ constexpr const char* kHelp =
     R"(usage: kelvo-inspect [--json] [HOME]
        kelvo-inspect --events [NAME] [--json] [HOME]
        kelvo-inspect --doctor [--program EXECUTABLE] [HOME]
+       kelvo-inspect --describe [--json]
 
 Prints the content of a home as tables, or with --json as one JSON object:
-sessions, events by kind, chunks, counts, files and user defaults. HOME is the
-directory that contains Library and Documents; the default is KELVO_HOME. The
-tool changes nothing, and works while a program uses the home.
+sessions, events by kind, chunks, the ledger, counts, files and user defaults.
+HOME is the directory that contains Library and Documents; the default is
+KELVO_HOME. The tool changes nothing, and works while a program uses the home.
+A sum of the ledger that disagrees with the tables is a FAULT.
 
 --events lists the stored events, or those of one NAME: time, session, kind,
 name, attributes, and "accepted" by the service or "waiting since" a time. A
 directory after --events is HOME; --events=NAME takes any name.
 
 --doctor checks the usual causes of trouble and prints one line for each:
-bundle, plug-ins, home, authorities, proxy, the service's answer, clock.
+switch, bundle, plug-ins, consent, home, authorities, proxy, the service's answer, clock.
 --program is the executable that links the library; its bundle and home are
 checked.
+
+--describe prints every kind of data that programs with this build of Kelvo may
+collect: what it is, its purpose, where it is stored, and for how long.
 Exit status: 0 no problem found; 1 problem found; 2 wrong usage.
 )";
 
@@ -46,6 +52,7 @@ struct Options {
   bool json = false;
   bool doctor = false;
   bool events = false;
+  bool describe = false;
   std::optional<std::string> eventName;  // nullopt: events of all names
   std::optional<std::string> program;
   std::optional<std::string> home;
@@ -66,6 +73,18 @@ int printFindings(const Options& options) {
                finding.advice.empty() ? "" : ". " + finding.advice + ".");
   }
   return status;
+}
+
+int printDescription(bool json) {
+  const Dictionary data = dataDescription();
+  if (json) fmt::print("{}\n", describingJSONText(data));
+  for (const auto& [name, kind] : data) {
+    if (json) break;
+    const Dictionary texts = kind.asDictionary().value_or(Dictionary());
+    fmt::print("{}\n  what     {}\n  purpose  {}\n  stored   {}, {}\n", name, description(texts["what"]),
+               description(texts["purpose"]), description(texts["stored"]), description(texts["kept"]));
+  }
+  return kFine;
 }
 
 /// Returns the exit status for a part of the home that may have a "problem".
@@ -104,6 +123,8 @@ int run(int count, char** arguments) {
       options.json = true;
     } else if (argument == "--doctor") {
       options.doctor = true;
+    } else if (argument == "--describe") {
+      options.describe = true;
     } else if (argument == "--events") {
       options.events = true;
       if (i + 1 < count && arguments[i + 1][0] != '-' && !std::filesystem::is_directory(arguments[i + 1])) {
@@ -119,6 +140,10 @@ int run(int count, char** arguments) {
     } else {
       options.home = argument;
     }
+  }
+  if (options.describe) {
+    if (options.doctor || options.events || options.home) return refuse("--describe is used alone or with --json");
+    return printDescription(options.json);
   }
   if (options.doctor && (options.json || options.events)) return refuse("--doctor is used alone or with --program");
   if (!options.doctor && options.program) return refuse("--program needs --doctor");

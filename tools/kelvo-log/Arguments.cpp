@@ -27,7 +27,7 @@ application id, it starts the library, and its KelvoDelivery names the rules.
 --quiet writes neither progress (on a terminal) nor the summary at the end.
 
 "call" names the call (default logAppEventWithName). The calls and their members:
-  initializeKelvoWithID   id             getDeviceID
+  initializeKelvoWithID   id             getDeviceID, erase
   logAppEventWithName     name, info, isAggregate, shouldFlatten
   logClientEventWithName  name, info, shouldFlatten
   logScreenWithName       name           willShow, didShow     screen, title

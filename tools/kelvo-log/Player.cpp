@@ -172,6 +172,7 @@ const std::map<std::string, Call>& calls() {
       {"didBecomeActive", {{}, [](const Members&) { setActive(true); }}},
       {"willResignActive", {{}, [](const Members&) { setActive(false); }}},
       {"getDeviceID", {{}, [](const Members&) { printDeviceID(); }}},
+      {"erase", {{}, [](const Members&) { KelvoSDK::erase(); }}},
       {"listen", {{"type", "identifier"}, listen}},
       {"sync",
        {{"type", "version", "seconds"},

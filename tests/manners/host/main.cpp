@@ -188,6 +188,34 @@ void readAndWrite(const std::string& count) {
   printLimitSignal();
 }
 
+/// Makes each kind of call that begins work in the library, as the host and as a plug-in.
+void makeEveryCall() {
+  using Services = kelvo::PluginServices;
+  KelvoSDK::onReady([](auto&) {});
+  KelvoSDK::logAppEventWithName("app", {{"a", 1}});
+  KelvoSDK::logClientEventWithName("client");
+  KelvoSDK::logAggregateEvent("aggregate");
+  KelvoSDK::reportCustomError("error");
+  KelvoSDK::setUserIdentifier("user");
+  KelvoSDK::setUserCustomInfo({{"a", 1}});
+  KelvoSDK::setSessionCustomInfo({{"a", 1}});
+  KelvoSDK::logScreenWithName("named");
+  for (const char* name : {"First", "Second"}) Application::show(name);
+  Application::didBecomeActive();
+  Application::willResignActive();
+  Application::logDeviceToken("token");
+  Application::setViewTree(nullptr);
+  Application::printViewTree();
+  Services::dispatchEvent(kelvo::KLVEventType::push, "plug-in");
+  Services::executeAfterDelay(0, [] {});
+  Services::registerForTimerNotificationWithInterval(1, [] {});
+  Services::getDataFromURLPath("/", [](auto&) {});
+  KelvoSDK::flush(std::chrono::hours(1), [](auto&) {});
+  const auto flushed = KelvoSDK::flushAndWait(std::chrono::milliseconds(10));
+  std::cout << (KelvoSDK::getDeviceID() ? "an id " : "no id ") << KelvoSDK::describeData().empty() << ' '
+            << static_cast<int>(flushed.outcome) << ' ' << flushed.reason << std::endl;
+}
+
 // --- Options and status
 
 /// Starts the library with the options in `text`: words of the form NAME=VALUE.
@@ -206,6 +234,11 @@ void startWithOptions(const std::string& text) {
       options.delivery = value == "classic" ? kelvo::Delivery::classic : kelvo::Delivery::complete;
     if (name == "level") options.logLevel = value == "info" ? kelvo::LogLevel::info : kelvo::LogLevel::off;
     if (name == "farewell") options.farewell = true;
+    if (name == "bytes") options.maxStoredBytes = std::stoull(value);
+    if (name == "days") options.maxStoredDays = static_cast<std::uint32_t>(std::stoul(value));
+    if (name == "calls") options.maxWaitingCalls = std::stoul(value);
+    if (name == "consent") options.consentRequired = value == "required";
+    if (name == "held") options.maxHeldCalls = std::stoul(value);
     if (name == "sink") {
       options.logSink = [](kelvo::LogLevel, std::string_view line) { std::cout << "sink " << line << std::endl; };
     }
@@ -230,12 +263,25 @@ const std::map<std::string, Word>& words() {
       {"throw", [](auto&) { KelvoSDK::onReady([](auto&) { throw std::runtime_error("of the host"); }); }},
       {"token", [](auto&) { Application::logDeviceToken(kelvo::OptionalText()); }},
       {"background", [](auto&) { Application::willResignActive(); }},
+      {"screen", [](auto& name) { Application::show(name); }},
+      // consent granted|denied; without either, prints the state.
+      {"consent",
+       [](auto& text) {
+         if (text == "granted") return KelvoSDK::setConsent(kelvo::Consent::granted);
+         if (text == "denied") return KelvoSDK::setConsent(kelvo::Consent::denied);
+         std::cout << "consent " << static_cast<int>(KelvoSDK::consent()) << std::endl;
+       }},
+      {"everyCall", [](auto&) { makeEveryCall(); }},
       {"foreground", [](auto&) { Application::didBecomeActive(); }},
       // burst COUNT PAUSE: eight threads log COUNT events each, PAUSE microseconds apart.
       {"burst",
        [](auto& rest) {
          const auto pause = rest.find(' ');
          burst.begin(std::stoi(rest), std::chrono::microseconds(std::stoi(rest.substr(pause))));
+       }},
+      {"long",
+       [](auto& number) {
+         KelvoSDK::logAppEventWithName("long", {{"number", number}, {"text", std::string(250, 'x')}});
        }},
       {"join", [](auto&) { burst.join(); }},
       {"stop", [](auto&) { burst.over = true; }},
@@ -246,6 +292,7 @@ const std::map<std::string, Word>& words() {
          KelvoSDK::setSessionCustomInfo({{"text", text}});
        }},
       {"leave", [](auto&) { leave(); }},
+      {"erase", [](auto&) { KelvoSDK::erase(); }},
       {"limit", limit},
       // curl: initialises the library's curl before the library does.
       {"curl", [](auto&) { reinterpret_cast<int (*)(long)>(dlsym(RTLD_DEFAULT, "curl_global_init"))(3); }},

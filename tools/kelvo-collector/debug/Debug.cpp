@@ -11,13 +11,20 @@
 #include "kelvo-collector/debug/Problems.h"
 #include "kelvo-collector/debug/Timeline.h"
 #include "kelvo-collector/debug/Users.h"
-#include "kelvo-collector/service/Documents.h"
-#include "kelvo-collector/service/Parameters.h"
 #include "kelvo-collector/service/Script.h"
+#include "kelvo-service/Documents.h"
+#include "kelvo-service/Parameters.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
 namespace {
+
+using service::applyDocument;
+using service::documentsOf;
+using service::Parameters;
+using service::refusal;
+using service::servicePaths;
+using service::success;
 
 using Effect = DebugReply::Effect;
 using Delivery = DebugReply::Delivery;
@@ -27,9 +34,9 @@ constexpr std::int64_t kLongestPeriod = 10'000'000'000;  // seconds, beyond all 
 constexpr std::int64_t kLongestDelay = 600'000;          // milliseconds
 
 struct DebugRequest {
-  const Question& question;
+  const Request& http;
   const DebugTargets& targets;
-  Parameters parameters{question.parameters};
+  Parameters parameters{http.parameters};
 
   /// Returns the number of rows that the query asks for, else `usual`.
   [[nodiscard]] std::size_t limit(std::int64_t usual) const {
@@ -142,12 +149,12 @@ DebugReply refused(std::vector<std::string> errors) {
 template <DebugReply (*use)(const DebugRequest&, const Value&)>
 DebugReply putJSON(const DebugRequest& request) {
   std::string error;
-  const auto body = parseJSON(request.question.body, &error);
+  const auto body = parseJSON(request.http.body, &error);
   return body ? use(request, *body) : refused({"it is not JSON: " + error});
 }
 
 DebugReply putDocument(const DebugRequest& request, const Value& body) {
-  const std::string name = request.question.path.substr(std::string_view("/debug/").size());
+  const std::string name = request.http.path.substr(std::string_view("/debug/").size());
   auto errors = applyDocument(request.targets.state, name, body);
   if (!errors.empty()) return refused(std::move(errors));
   if (!request.targets.store.keepDocument(name, jsonText(body).value_or("null"))) {
@@ -185,7 +192,7 @@ DebugReply putChecks(const DebugRequest& request, const Value& body) {
 }
 
 DebugReply listJudgedAs(bool good, const DebugRequest& request) {
-  return ok(request.read([&](Database& d) { return listJudged(d, good, filterOf(request.question)); }));
+  return ok(request.read([&](Database& d) { return listJudged(d, good, filterOf(request.http)); }));
 }
 
 /// Returns the script that the query describes, an empty list for the usual answer. Returns nullopt and sets `fault` if
@@ -268,17 +275,13 @@ constexpr Route kRoutes[] = {
            r.read([&](Database& d) { return timeline(d, r.parameters.text("session"), periodOf(r.parameters)); }));
      }},
     {"GET", "/debug/events",
-     [](const DebugRequest& r) {
-       return ok(r.read([&](Database& d) { return listEvents(d, filterOf(r.question)); }));
-     }},
+     [](const DebugRequest& r) { return ok(r.read([&](Database& d) { return listEvents(d, filterOf(r.http)); })); }},
     {"GET", "/debug/event",
      [](const DebugRequest& r) {
        return okOr404(r.read([&](Database& d) { return eventDetails(d, r.number("id")); }));
      }},
     {"GET", "/debug/problems",
-     [](const DebugRequest& r) {
-       return ok(r.read([&](Database& d) { return listProblems(d, filterOf(r.question)); }));
-     }},
+     [](const DebugRequest& r) { return ok(r.read([&](Database& d) { return listProblems(d, filterOf(r.http)); })); }},
     {"GET", "/debug/problem",
      [](const DebugRequest& r) {
        return okOr404(r.read(
@@ -286,15 +289,17 @@ constexpr Route kRoutes[] = {
      }},
     {"GET", "/debug/counts", [](const DebugRequest& r) { return ok(r.read([](Database& d) { return counts(d); })); }},
     {"GET", "/debug/aggregates",
-     [](const DebugRequest& r) {
-       return ok(r.read([&](Database& d) { return aggregates(d, filterOf(r.question)); }));
-     }},
+     [](const DebugRequest& r) { return ok(r.read([&](Database& d) { return aggregates(d, filterOf(r.http)); })); }},
     {"GET", "/debug/users",
      [](const DebugRequest& r) { return ok(r.read([&](Database& d) { return listUsers(d, r.limit(kUsualRows)); })); }},
     {"GET", "/debug/user",
      [](const DebugRequest& r) {
        return okOr404(
            r.read([&](Database& d) { return userHistory(d, r.parameters.text("id"), r.limit(kUsualRows)); }));
+     }},
+    {"GET", "/debug/erasures",
+     [](const DebugRequest& r) {
+       return ok(r.read([&](Database& d) { return listErasures(d, r.limit(kUsualRows)); }));
      }},
     {"GET", "/debug/service", showService},
     {"PUT", "/debug/enabled", putJSON<putDocument>},
@@ -321,12 +326,12 @@ bool isDebugPath(const std::string& path) {
   return path == "/debug" || path.rfind("/debug/", 0) == 0;
 }
 
-DebugReply debugReply(const Question& question, const DebugTargets& targets) {
+DebugReply debugReply(const Request& request, const DebugTargets& targets) {
   std::string allowed;
-  const std::string method = question.method == "HEAD" ? "GET" : question.method;
+  const std::string method = request.method == "HEAD" ? "GET" : request.method;
   for (const Route& route : kRoutes) {
-    if (route.path != question.path) continue;
-    if (route.method == method) return route.answer({question, targets});
+    if (route.path != request.path) continue;
+    if (route.method == method) return route.answer({request, targets});
     allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
   }
   if (allowed.empty()) return {unknownPath()};

@@ -3,13 +3,17 @@
 #include <cstdint>
 #include <string>
 
-#include "kelvo-collector/service/Service.h"
+#include "kelvo-collector/store/Store.h"
+#include "kelvo-service/Service.h"
 
 // The paths below /debug: they show the received data and steer the service. The store does not keep such requests.
 
 namespace kelvo::collector {
 
 class ScriptBook;
+using service::Reply;
+using service::Request;
+using service::ServiceState;
 
 /// The objects that a debug request reads and changes.
 struct DebugTargets {
@@ -33,7 +37,7 @@ struct DebugReply {
 [[nodiscard]] bool isDebugPath(const std::string& path);
 
 /// Returns the answer to any request with a debug path. Thread-safe.
-[[nodiscard]] DebugReply debugReply(const Question& question, const DebugTargets& targets);
+[[nodiscard]] DebugReply debugReply(const Request& request, const DebugTargets& targets);
 
 /// Returns the answer to an unknown path: 404 with the list of all paths of the collector.
 [[nodiscard]] Reply unknownPath();

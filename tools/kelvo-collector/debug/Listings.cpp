@@ -4,10 +4,11 @@
 #include <utility>
 
 #include "kelvo-collector/debug/Problems.h"
-#include "kelvo-collector/service/Parameters.h"
-#include "kelvo-collector/service/Service.h"
 #include "kelvo-collector/store/Database.h"
+#include "kelvo-collector/store/Gaps.h"
 #include "kelvo-collector/store/JSONColumn.h"
+#include "kelvo-service/Parameters.h"
+#include "kelvo-service/Service.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
@@ -64,6 +65,25 @@ Array chunksOf(Database& database, std::int64_t session) {
   return list;
 }
 
+/// Returns the newest ledger that the session's chunks carry, with the number of events that the store has of the
+/// device, null if they carry none. The number leaves out aggregate events: devices do not store them.
+Value ledgerOf(Database& database, std::int64_t session) {
+  Dictionary ledger;
+  {
+    Database::Query row(database, "SELECT number, ledger FROM ledgers WHERE session = ?", session);
+    if (!row.next()) return {};
+    ledger.set("chunk", row.number());
+    ledger.set("counts", stored(row.text()));
+  }
+  Database::Query row(database,
+                      "SELECT sum(count) FROM counters JOIN sessions ON key = session WHERE what = 'kind'"
+                      " AND item <> 'aggregate' AND (application, device_id) ="
+                      " (SELECT application, device_id FROM sessions WHERE key = ?)",
+                      session);
+  ledger.set("received", row.next() ? row.number() : 0);
+  return ledger;
+}
+
 std::int64_t sumOf(Database& database, const char* what) {
   Database::Query row(database, "SELECT sum(count) FROM counters WHERE session = 0 AND what = ?", what);
   return row.next() ? row.number() : 0;
@@ -96,8 +116,8 @@ Value stored(const std::string& json) {
   return parseJSON(json).value_or(Value());
 }
 
-Filter filterOf(const Question& question) {
-  const Parameters parameters(question.parameters);
+Filter filterOf(const Request& request) {
+  const service::Parameters parameters(request.parameters);
   Filter filter;
   filter.session = parameters.text("session");
   filter.kind = parameters.text("kind");
@@ -152,6 +172,8 @@ std::optional<Dictionary> sessionDetails(Database& database, const std::string& 
     }
   }
   details.set("chunks", chunksOf(database, key));
+  details.set("evicted", evictionsOf(database, key));
+  details.set("ledger", ledgerOf(database, key));
   return details;
 }
 

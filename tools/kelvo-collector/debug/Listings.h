@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "kelvo-service/Service.h"
 #include "kelvo/Value.h"
 
 // The answers about sessions, the totals, and the parts that all listings share. Every answer is bounded and begins at
@@ -13,7 +14,7 @@
 namespace kelvo::collector {
 
 class Database;
-struct Question;
+using service::Request;
 
 /// The default and the maximum number of rows on a page.
 inline constexpr std::int64_t kUsualRows = 100;
@@ -32,8 +33,8 @@ struct Filter {
   bool newestFirst = false;
 };
 
-/// Returns the filter that the query of `question` describes. Values out of range count as absent.
-[[nodiscard]] Filter filterOf(const Question& question);
+/// Returns the filter that the query of `request` describes. Values out of range count as absent.
+[[nodiscard]] Filter filterOf(const Request& request);
 
 /// Returns the row of the session with this id, 0 if there is none. If several applications have a session
 /// with this id, returns the latest.
@@ -48,7 +49,8 @@ struct Filter {
                                       const std::string& find = {});
 /// Returns one session as `listSessions` shows it, empty if there is none.
 [[nodiscard]] Dictionary sessionRow(Database& database, std::int64_t key);
-/// Returns a session with its records and its newest 1000 chunks, nullopt if there is none.
+/// Returns a session with its records, its newest 1000 chunks, and what its device says about evictions and in its
+/// ledger; nullopt if there is none.
 [[nodiscard]] std::optional<Dictionary> sessionDetails(Database& database, const std::string& id);
 
 /// Returns the totals, and the counts of events by kind and of the 200 most frequent names.

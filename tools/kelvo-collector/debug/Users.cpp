@@ -40,4 +40,17 @@ std::optional<Dictionary> userHistory(Database& database, const std::string& id,
   return Dictionary{{"history", std::move(history)}};
 }
 
+Dictionary listErasures(Database& database, std::size_t limit) {
+  Database::Query rows(
+      database,
+      "SELECT id, time, application, sessions, chunks, events, requests FROM erasures ORDER BY id DESC LIMIT ?", limit);
+  Array list;
+  while (rows.next()) {
+    Dictionary erasure{{"id", rows.number()}, {"time", rows.number()}, {"application", rows.text()}};
+    for (const char* name : {"sessions", "chunks", "events", "requests"}) erasure.set(name, rows.number());
+    list.append(std::move(erasure));
+  }
+  return {{"erasures", std::move(list)}};
+}
+
 }  // namespace kelvo::collector

@@ -6,7 +6,7 @@
 
 #include "kelvo/Value.h"
 
-// The answers about users. Thread: call these inside `Store::read`.
+// The answers about users and erased devices. Thread: call these inside `Store::read`.
 
 namespace kelvo::collector {
 
@@ -17,5 +17,7 @@ class Database;
 /// Returns the newest `limit` states of a user's attributes, newest first, each with the names that changed. Returns
 /// nullopt if there is no user with this id.
 [[nodiscard]] std::optional<Dictionary> userHistory(Database& database, const std::string& id, std::size_t limit);
+/// Returns the latest `limit` erasures, newest first: when, of which application, and how much was deleted.
+[[nodiscard]] Dictionary listErasures(Database& database, std::size_t limit);
 
 }  // namespace kelvo::collector

@@ -40,6 +40,11 @@ void Bell::ringForServiceChange() {
   ring();
 }
 
+void Bell::ringForErasure() {
+  ++erasures_;
+  ring();
+}
+
 void Bell::ringForReset() {
   ++resets_;
   ring();

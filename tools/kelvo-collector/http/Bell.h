@@ -9,8 +9,8 @@
 
 namespace kelvo::collector {
 
-/// Wakes the threads that wait for news: new events, a changed service, a reset store. It carries no content; a woken
-/// thread looks the news up itself. Thread-safe.
+/// Wakes the threads that wait for news: new events, a changed service, an erased device, a reset store. It carries no
+/// content; a woken thread looks the news up itself. Thread-safe.
 class Bell {
  public:
   /// Owns a descriptor that becomes readable when the bell rings and stays readable until `clear`.
@@ -36,15 +36,19 @@ class Bell {
   void ring() EXCLUDES(mutex_);
   /// Counts a change of the service, then rings.
   void ringForServiceChange() EXCLUDES(mutex_);
+  /// Counts an erasure, then rings.
+  void ringForErasure() EXCLUDES(mutex_);
   /// Counts a reset of the store, then rings.
   void ringForReset() EXCLUDES(mutex_);
 
   /// The number of calls so far. A subscriber compares it with the number that it saw last.
   [[nodiscard]] std::uint64_t serviceChanges() const noexcept { return serviceChanges_; }
+  [[nodiscard]] std::uint64_t erasures() const noexcept { return erasures_; }
   [[nodiscard]] std::uint64_t resets() const noexcept { return resets_; }
 
  private:
   std::atomic<std::uint64_t> serviceChanges_{0};
+  std::atomic<std::uint64_t> erasures_{0};
   std::atomic<std::uint64_t> resets_{0};
   Mutex mutex_;
   std::set<int> descriptors_ GUARDED_BY(mutex_);  // of the active subscriptions

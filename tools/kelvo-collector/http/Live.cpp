@@ -9,11 +9,15 @@
 #include "kelvo-collector/debug/Listings.h"
 #include "kelvo-collector/http/Bell.h"
 #include "kelvo-collector/http/Connection.h"
-#include "kelvo-collector/service/Parameters.h"
+#include "kelvo-service/Parameters.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
 namespace {
+
+using service::Parameters;
+using service::refusal;
+using service::success;
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -79,7 +83,11 @@ bool findBeginning(Database& database, const std::string& lastEventId, std::int6
 }  // namespace
 
 EventStream::EventStream(const Store& store, Bell& bell, const std::string& lastEventId)
-    : store_(store), bell_(bell), serviceChanges_(bell.serviceChanges()), resets_(bell.resets()) {
+    : store_(store),
+      bell_(bell),
+      serviceChanges_(bell.serviceChanges()),
+      erasures_(bell.erasures()),
+      resets_(bell.resets()) {
   mustReload_ = store.read([&](Database& d) { return findBeginning(d, lastEventId, sequence_); });
 }
 
@@ -95,6 +103,7 @@ void EventStream::serve(Connection& connection, const std::function<bool(const s
     if (const auto now = bell_.serviceChanges(); now != std::exchange(serviceChanges_, now)) {
       messages += message("service", {});
     }
+    if (const auto now = bell_.erasures(); now != std::exchange(erasures_, now)) messages += message("erased", {});
     const bool more = store_.read([&](Database& d) { return readNews(d, sequence_, messages); });
     if (!messages.empty() && !write(messages)) return;
     if (more) continue;
@@ -105,8 +114,8 @@ void EventStream::serve(Connection& connection, const std::function<bool(const s
   }
 }
 
-std::optional<Reply> waitForEvents(const Question& question, const Store& store, Bell& bell, Connection& connection) {
-  const Parameters parameters(question.parameters);
+std::optional<Reply> waitForEvents(const Request& request, const Store& store, Bell& bell, Connection& connection) {
+  const Parameters parameters(request.parameters);
   const auto wanted = parameters.has("count") ? parameters.number("count", 0, INT64_MAX) : 1;
   const auto seconds = parameters.has("timeout") ? parameters.number("timeout", 0, kLongestTimeout) : kUsualTimeout;
   if (!wanted) return refusal(400, "count is no number from 0");
@@ -114,7 +123,7 @@ std::optional<Reply> waitForEvents(const Question& question, const Store& store,
 
   const Bell::Subscription news(bell);
   if (!news.isActive()) return refusal(503, "too many wait already");
-  const Filter filter = filterOf(question);
+  const Filter filter = filterOf(request);
   const auto end = steady_clock::now() + std::chrono::seconds(*seconds);
   for (;;) {
     news.clear();

@@ -18,13 +18,17 @@
 #include "kelvo-collector/http/Listener.h"
 #include "kelvo-collector/http/Live.h"
 #include "kelvo-collector/http/Page.h"
-#include "kelvo-collector/service/Service.h"
-#include "kelvo-collector/service/ServiceState.h"
+#include "kelvo-collector/http/Received.h"
+#include "kelvo-service/Service.h"
+#include "kelvo-service/ServiceState.h"
 #include "platform/JSON.h"
 #include "platform/ThreadSafety.h"
 
 namespace kelvo::collector {
 namespace {
+
+using service::refusal;
+using service::replyToErasure;
 
 using std::chrono::milliseconds;
 
@@ -46,31 +50,6 @@ TLSContext tlsContext(const std::string& certificateFile, const std::string& key
     return nullptr;
   }
   return context;
-}
-
-/// Returns the headers as sent, without those that the HTTP library adds about the connection.
-Dictionary headersOf(const httplib::Request& request) {
-  Dictionary headers;
-  for (const auto& [name, value] : request.headers) {
-    if (name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT") continue;
-    std::string lower = name;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    headers.set(lower, value);
-  }
-  return headers;
-}
-
-ReceivedRequest received(const httplib::Request& request, const std::string& body) {
-  ReceivedRequest result;
-  result.time = std::chrono::duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
-  result.method = request.method;
-  const auto mark = request.target.find('?');
-  result.path = request.target.substr(0, mark);
-  if (mark != std::string::npos) result.query = request.target.substr(mark + 1);
-  result.headers = headersOf(request);
-  result.body = body;
-  return result;
 }
 
 /// Returns the current time for a Date header: "Sat, 21 Nov 2026 06:15:09 GMT".
@@ -165,9 +144,9 @@ struct Server::Impl {
 
   // Thread: the following are called on connection threads.
   void handle(const httplib::Request& request, const std::string& body, httplib::Response& response);
-  void handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response);
+  void handleDebug(const httplib::Request& request, const Request& decoded, httplib::Response& response);
   void stream(const httplib::Request& request, httplib::Response& response);
-  void handleService(const httplib::Request& request, const Question& question, httplib::Response& response);
+  void handleService(const httplib::Request& request, const Request& decoded, httplib::Response& response);
 
   std::unique_ptr<Store> ownStore;
   std::unique_ptr<ServiceState> ownState;
@@ -256,22 +235,26 @@ std::optional<Reply> Server::Impl::refusalOf(const httplib::Request& request) co
 }
 
 void Server::Impl::handle(const httplib::Request& request, const std::string& body, httplib::Response& response) {
-  const Question question{request.method, request.path, {request.params.begin(), request.params.end()}, body};
-  if (isDebugPath(request.path)) return handleDebug(request, question, response);
+  const Request decoded{request.method,
+                        request.path,
+                        {request.params.begin(), request.params.end()},
+                        body,
+                        request.get_header_value("X-Kelvo-Erase")};
+  if (isDebugPath(request.path)) return handleDebug(request, decoded, response);
   const bool reads = request.method == "GET" || request.method == "HEAD";
   if (const PageFile* file = reads ? pageFile(request.path) : nullptr) {
     return response.set_content(file->content.data(), file->content.size(), contentTypeOf(file->name));
   }
-  handleService(request, question, response);
+  handleService(request, decoded, response);
 }
 
-void Server::Impl::handleDebug(const httplib::Request& request, const Question& question, httplib::Response& response) {
-  DebugReply answer = debugReply(question, {state, store, scripts});
+void Server::Impl::handleDebug(const httplib::Request& request, const Request& decoded, httplib::Response& response) {
+  DebugReply answer = debugReply(decoded, {state, store, scripts});
   if (answer.effect == DebugReply::Effect::ServiceChanged) bell.ringForServiceChange();
   if (answer.effect == DebugReply::Effect::StoreReset) bell.ringForReset();
   if (answer.delivery == DebugReply::Delivery::Stream && request.method == "GET") return stream(request, response);
   if (answer.delivery == DebugReply::Delivery::Wait) {
-    auto reply = waitForEvents(question, store, bell, Listener::currentConnection());
+    auto reply = waitForEvents(decoded, store, bell, Listener::currentConnection());
     if (!reply) return Listener::currentConnection().cut();
     answer.reply = std::move(*reply);
   }
@@ -288,19 +271,23 @@ void Server::Impl::stream(const httplib::Request& request, httplib::Response& re
   });
 }
 
-void Server::Impl::handleService(const httplib::Request& request, const Question& question,
-                                 httplib::Response& response) {
-  const auto script = scripts.take(request.target);
+void Server::Impl::handleService(const httplib::Request& request, const Request& decoded, httplib::Response& response) {
+  const auto script = scripts.take(request.method + " " + request.target);
   if (script && script->left() > 0) bell.ringForServiceChange();  // the open pages show how often it still applies
   const bool serves = !script || script->serves();
   const bool answers = !script || script->answers();
 
   Reply answer;
   if (serves) {
-    auto reply = collector::reply(question, state, store);
+    auto reply = service::reply(decoded, state);
     answer = reply ? std::move(*reply) : unknownPath();
   }
-  ReceivedRequest arrived = received(request, question.body);
+  ReceivedRequest arrived = received(request, decoded);
+  if (const auto& device = answer.accepted.erasureOf) {
+    const auto outcome = store.erase(*device, decoded.eraseSecret, arrived.time);
+    answer = outcome ? replyToErasure(*outcome) : refusal(500, "the store failed");
+    if (outcome == Erasure::done) bell.ringForErasure();
+  }
   if (answers) arrived.status = serves ? answer.status : script->status();
   if (!store.add(arrived, answer.accepted)) return send(refusal(500, "the store failed"), response);
   if (answer.accepted.chunkOf || answer.accepted.userOf) bell.ring();

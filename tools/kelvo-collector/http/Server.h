@@ -9,11 +9,12 @@
 
 #include "kelvo-collector/service/Script.h"
 #include "kelvo-collector/store/Store.h"
+#include "kelvo-service/ServiceState.h"
 #include "kelvo/Value.h"
 
 namespace kelvo::collector {
 
-class ServiceState;
+using service::ServiceState;
 
 /// The analytics service on 127.0.0.1. It answers every path that the library asks for from its `ServiceState`, and
 /// keeps every request and accepted chunk in its `Store`. It also answers the `/debug` paths and serves the page.
@@ -51,8 +52,8 @@ class Server {
   [[nodiscard]] Store& store() noexcept;
   [[nodiscard]] ServiceState& state() noexcept;
 
-  /// Answers requests whose path and query contain `pathFragment` as `script` says. Replaces the scripts of the same
-  /// fragment. If several fragments match, the last one set wins.
+  /// Answers requests that contain `pathFragment` in "METHOD path?query" as `script` says. Replaces the scripts of the
+  /// same fragment. If several fragments match, the last one set wins.
   void answer(const std::string& pathFragment, Script script);
   /// Follows the scripts in order, each for its `times`. A script without a limit counts once, the last one
   /// permanently.

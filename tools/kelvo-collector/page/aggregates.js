@@ -1,4 +1,4 @@
-// The counts by event and attribute value, and the users with the changes of their attributes.
+// The counts by event and attribute value, the users with the changes of their attributes, and the erased devices.
 
 import { get } from "./api.js";
 import { byId, coalesced, disclosure, h, reconcile, s } from "./dom.js";
@@ -20,8 +20,8 @@ export class AggregatesView {
 
   async #load() {
     fillSessionSelect(this.select, this.sessions.rows());
-    const [aggregates, users] = await Promise.all([
-      get("/debug/aggregates", { session: this.select.value }), get("/debug/users"),
+    const [aggregates, users, erased] = await Promise.all([
+      get("/debug/aggregates", { session: this.select.value }), get("/debug/users"), get("/debug/erasures"),
     ]);
     const list = byId("aggregates");
     list.dataset.empty = "No application event has arrived.";
@@ -40,6 +40,9 @@ export class AggregatesView {
     userList.dataset.empty = "No user has arrived.";
     const keyOf = (user) => `${user.id}\n${user.application}\n${user.received}`;
     reconcile(userList, users.users, keyOf, (user) => this.#user(user));
+    const erasures = byId("erasures");
+    erasures.dataset.empty = "No device was erased.";
+    reconcile(erasures, erased.erasures, (erasure) => erasure.id, erasureRow);
   }
 
   #filter() {
@@ -71,6 +74,13 @@ export class AggregatesView {
       h("span", { class: "when" }, `${user.application} · ${clock(user.received)}`));
     return h("li", {}, button, body);
   }
+}
+
+function erasureRow({ application, time, sessions, chunks, events, requests }) {
+  const parts = [[sessions, "session"], [chunks, "chunk"], [events, "event"], [requests, "request"]];
+  return h("li", { class: "erasure" }, h("span", { class: "name" }, application),
+    h("span", {}, parts.map(([number, name]) => plural(number, name)).join(", "), " deleted"),
+    h("span", { class: "when" }, clock(time)));
 }
 
 function bar(number, most) {

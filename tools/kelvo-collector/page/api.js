@@ -85,7 +85,7 @@ export function followStream(onEvent, onState) {
       // The browser does not reconnect after an answer that is not a stream.
       if (source.readyState === EventSource.CLOSED) setTimeout(reopen, RECONNECT_PAUSE);
     });
-    for (const type of ["chunk", "session", "service", "reset"]) {
+    for (const type of ["chunk", "session", "service", "erased", "reset"]) {
       source.addEventListener(type, (event) => onEvent(type, JSON.parse(event.data || "{}", exact)));
     }
   };

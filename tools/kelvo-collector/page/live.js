@@ -1,5 +1,6 @@
 // The live view: the chosen session's properties, timeline and events. The stream keeps it current.
 
+import { accountOf } from "./account.js";
 import { get } from "./api.js";
 import { byId, coalesced, h, reconcile } from "./dom.js";
 import { EventList } from "./events.js";
@@ -16,6 +17,7 @@ export class LiveView {
   #kind = "";
 
   constructor(onError) {
+    this.onError = onError;
     this.sessions = new SessionList((row, byUser) => this.#chosen(row, byUser), onError);
     this.events = new EventList({
       list: byId("events"), newer: byId("newer"), range: byId("event-range"),
@@ -51,6 +53,8 @@ export class LiveView {
       this.events.refresh();
     } else if (type === "resync") {
       this.reload();
+    } else if (type === "erased") {
+      this.#leaveErased().then(this.reload, this.onError);
     } else if (type === "reset") {
       this.sessions.forget();
       this.#id = null;
@@ -72,6 +76,15 @@ export class LiveView {
     this.#filterName(null);
     this.events.filter({ text: "" });
     this.events.open(event, attribute);
+  }
+
+  /** Leaves the chosen session if it was erased. */
+  async #leaveErased() {
+    if (!this.#id) return;
+    const { sessions } = await get("/debug/sessions", { find: this.#id, limit: 1 });
+    if (sessions.length > 0) return;
+    this.sessions.forget();
+    this.#id = null;
   }
 
   async #reload() {
@@ -191,14 +204,16 @@ function headOf(row, details = null) {
       fact("Events", count(row.events)),
       fact("Last received", clock(row.last_received)),
       fact("Session", h("code", {}, row.id))),
+    details ? accountOf(details) : null,
     details ? recordsOf(details) : null,
   ].filter(Boolean);
 }
 
 /** Returns the session's records as they were last received. */
 function recordsOf(details) {
-  const { record, user, device, app, sdk } = details;
+  const { record, user, device, app, sdk, ledger } = details;
   const parts = { Session: record, User: user, Device: device, Application: app, SDK: sdk };
+  if (ledger) parts.Ledger = ledger.counts;
   return h("details", {},
     h("summary", {}, "Session, user, device, application and SDK records"),
     h("div", { class: "records" }, Object.entries(parts).map(([name, members]) =>

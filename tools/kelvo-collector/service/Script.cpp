@@ -49,10 +49,10 @@ void ScriptBook::set(const std::string& fragment, std::vector<Script> scripts) {
   entries_.emplace_front(fragment, std::deque<Script>(scripts.begin(), scripts.end()));
 }
 
-std::optional<Script> ScriptBook::take(const std::string& target) {
+std::optional<Script> ScriptBook::take(const std::string& request) {
   const Lock lock(mutex_);
   const auto found = std::find_if(entries_.begin(), entries_.end(),
-                                  [&](const auto& entry) { return target.find(entry.first) != std::string::npos; });
+                                  [&](const auto& entry) { return request.find(entry.first) != std::string::npos; });
   if (found == entries_.end()) return std::nullopt;
   auto& turn = found->second;
   Script script = turn.front();

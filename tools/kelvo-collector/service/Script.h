@@ -75,12 +75,12 @@ class ScriptBook {
  public:
   using Entries = std::list<std::pair<std::string, std::deque<Script>>>;
 
-  /// Replaces the scripts for requests whose path and query contain `fragment`. They are followed in order; an empty
-  /// list brings back normal answers.
+  /// Replaces the scripts for requests that contain `fragment` in "METHOD path?query". They are followed in order; an
+  /// empty list brings back normal answers.
   void set(const std::string& fragment, std::vector<Script> scripts) EXCLUDES(mutex_);
-  /// Returns the script for a request of `target` and counts that use; nullopt for a normal answer. If several
-  /// fragments match, the one set last wins.
-  [[nodiscard]] std::optional<Script> take(const std::string& target) EXCLUDES(mutex_);
+  /// Returns the script for a request, "METHOD path?query", and counts that use; nullopt for a normal answer. If
+  /// several fragments match, the one set last wins.
+  [[nodiscard]] std::optional<Script> take(const std::string& request) EXCLUDES(mutex_);
   void clear() EXCLUDES(mutex_);
   /// Returns all fragments with their scripts, the fragment set last first.
   [[nodiscard]] Entries entries() const EXCLUDES(mutex_);

@@ -7,44 +7,25 @@
 
 #include "kelvo-collector/store/ChunkCounts.h"
 #include "kelvo-collector/store/Database.h"
-#include "kelvo-collector/store/EventText.h"
-#include "kelvo-collector/store/Fingerprint.h"
 #include "kelvo-collector/store/JSONColumn.h"
 #include "kelvo-collector/store/Quality.h"
 #include "kelvo-collector/store/Schema.h"
+#include "kelvo-service/EventKinds.h"
+#include "kelvo-service/EventText.h"
 #include "platform/JSON.h"
 
 namespace kelvo::collector {
 namespace {
 
-/// A kind of event, and the members of an upload that hold its parts.
-struct Kind {
-  const char* list;        ///< list in "chunk_details"
-  const char* kind;        ///< name of the kind in the collector's tables
-  const char* name;        ///< member with the event's name
-  const char* time;        ///< member with the event's time
-  const char* attributes;  ///< member with the attributes; null if all other members are attributes
-};
+using service::EventKind;
+using service::kEventKinds;
+using service::Span;
 
-constexpr Kind kKinds[] = {
-    {"system_events", "system", "name", "time", nullptr},
-    {"navigation_events", "navigation", "name", "transition_time", nullptr},
-    {"app_events", "app", "name", "time", "additional_info"},
-    {"user_events", "user", "id", "time", nullptr},
-    {"incidents", "observation", "incident_id", "time_of_occurrence", "incident_specific_details"}};
 constexpr const char* kAggregates = "agg_events";
 constexpr const char* kUserId = "custom_user_id";  // among the user attributes
-constexpr double kLatestSecond = 1e9;              // times are clamped to this distance from the launch, in seconds
+constexpr double kLatestSecond = 1e9;              // a session is at most this long
 constexpr std::string_view kNavigation = "navigation";
 constexpr std::string_view kApp = "app";
-
-Dictionary attributesOf(const Dictionary& event, const Kind& kind) {
-  if (kind.attributes != nullptr) return event[kind.attributes].asDictionary().value_or(Dictionary());
-  Dictionary others = event;
-  others.remove(kind.name);
-  others.remove(kind.time);
-  return others;
-}
 
 /// Returns the names of the members that only one of the two has, or that have different values.
 Array changesBetween(const Dictionary& before, const Dictionary& now) {
@@ -74,7 +55,7 @@ void keepUserAttributes(Database& database, const std::string& application, cons
   const bool isNew = user == 0;
   const Array changed = changesBetween(before, attributes);
   if (isNew) {
-    Database::Query(database, "INSERT INTO users VALUES (NULL, ?, ?, ?, ?)", application, id,
+    Database::Query(database, "INSERT INTO users VALUES (NULL, ?, ?, ?, ?, '')", application, id,
                     jsonFromDictionary(attributes), time)
         .execute();
     user = database.lastRow();
@@ -103,6 +84,8 @@ class ChunkKeeper {
         details_(part("chunk_details")),
         device_(part("device_info")),
         userAttributes_(details_["user_attributes"].asDictionary().value_or(Dictionary())),
+        chunkAttributes_(details_["chunk_attributes"].asDictionary().value_or(Dictionary())),
+        deviceId_(description(device_["id"])),
         sessionId_(description(record_["id"])),
         userId_(userAttributes_[kUserId].asText().value_or("")),
         id_(description(part("chunk_meta")["id"])),
@@ -115,14 +98,17 @@ class ChunkKeeper {
     ChunkCounts chunkCounts(database_, session_);
     if (conflict_) quality.reportConflict(id_, firstRequest_, arrived_.sequence);
     if (!conflict_ && !duplicate_) {
-      quality.checkOrder(highestNumber_);
+      quality.checkOrder(highestNumber_, evictedOf(chunkAttributes_));
       quality.checkSession(record_);
-      for (const Kind& kind : kKinds) keepEvents(kind, quality, chunkCounts);
+      for (const EventKind& kind : kEventKinds) keepEvents(kind, quality, chunkCounts);
     }
-    if (!conflict_) keepAggregates(quality, chunkCounts);
+    if (!conflict_) {
+      keepAggregates(quality, chunkCounts);
+      keepLedger();
+    }
     chunkCounts.write(quality);
     finishSession();
-    keepUserAttributes(database_, application_, description(device_["id"]), userAttributes_, arrived_.time);
+    keepUserAttributes(database_, application_, deviceId_, userAttributes_, arrived_.time);
   }
 
  private:
@@ -133,17 +119,19 @@ class ChunkKeeper {
 
   void keepSession() {
     {
-      Database::Query known(database_, "SELECT key, highest_chunk FROM sessions WHERE id = ? AND application = ?",
-                            sessionId_, application_);
+      Database::Query known(database_,
+                            "SELECT key, highest_chunk FROM sessions WHERE id = ? AND application = ?"
+                            " AND device_id = ?",
+                            sessionId_, application_, deviceId_);
       if (known.next()) {
         session_ = known.number();
         highestNumber_ = known.number();
       }
     }
     if (session_ == 0) {
-      Database::Query(database_,
-                      "INSERT INTO sessions VALUES (NULL, ?, ?, '', '', '', '', '', ?, 0, 0, ?, ?, 0, 0, '')",
-                      application_, sessionId_, record_["launch_time"].asInt64(), arrived_.time, arrived_.sequence)
+      Database::Query(
+          database_, "INSERT INTO sessions VALUES (NULL, ?, ?, '', '', '', '', '', ?, 0, 0, ?, ?, 0, 0, '', ?)",
+          application_, sessionId_, record_["launch_time"].asInt64(), arrived_.time, arrived_.sequence, deviceId_)
           .execute();
       session_ = database_.lastRow();
       addToCounter(database_, kAllSessions, "total", "sessions", 1);
@@ -153,11 +141,9 @@ class ChunkKeeper {
   /// Stores the chunk's row, and finds out if the chunk is a duplicate by the fingerprint of its events. The
   /// fingerprint leaves out aggregate counts and attributes, because a resent chunk carries newer ones.
   void keepRow() {
-    Dictionary covered, counts;
-    for (const Kind& kind : kKinds) {
-      const Value* list = details_.find(kind.list);
-      if (list == nullptr) continue;
-      covered.set(kind.list, *list);
+    Dictionary counts;
+    for (const EventKind& kind : kEventKinds) {
+      if (!details_.contains(kind.list)) continue;
       const Array all = listOf(kind.list);
       counts.set(kind.list, all.size());
       for (const Value& event : all) {
@@ -166,12 +152,12 @@ class ChunkKeeper {
       eventsInChunk_ += static_cast<std::int64_t>(all.size());
     }
     if (details_.contains(kAggregates)) counts.set(kAggregates, listOf(kAggregates).size());
-    const std::string events = fingerprint(covered);
+    const std::string events = service::fingerprintOfEvents(details_);
     {
       Database::Query earlier(database_,
                               "SELECT min(request), max(fingerprint = ?), max(fingerprint <> ?) FROM chunks"
-                              " WHERE application = ? AND id = ?",
-                              events, events, application_, id_);
+                              " WHERE application = ? AND id = ? AND session = ?",
+                              events, events, application_, id_, session_);
       if (earlier.next()) {
         firstRequest_ = earlier.number();
         duplicate_ = earlier.number() != 0;
@@ -182,12 +168,6 @@ class ChunkKeeper {
                     arrived_.time, application_, id_, session_, sessionId_, number_, jsonFromDictionary(counts),
                     eventsInChunk_, lastEvent_, events, int(duplicate_), int(conflict_))
         .execute();
-  }
-
-  /// Returns the event's time in seconds since the session's launch.
-  static double timeOf(const Dictionary& event, const Kind& kind) {
-    const double time = event[kind.time].asDouble();
-    return std::isfinite(time) ? std::clamp(time, -kLatestSecond, kLatestSecond) : 0;
   }
 
   std::int64_t insertEvent(const char* kind, const std::string& name, double time, const Dictionary& attributes,
@@ -204,7 +184,7 @@ class ChunkKeeper {
     return found != texts_.end() && index < found->second.size() ? found->second[index] : Span{};
   }
 
-  void keepEvents(const Kind& kind, Quality& quality, ChunkCounts& chunkCounts) {
+  void keepEvents(const EventKind& kind, Quality& quality, ChunkCounts& chunkCounts) {
     const Array events = listOf(kind.list);
     for (std::size_t i = 0; i < events.size(); ++i) {
       const auto* event = events[i].get<Dictionary>();
@@ -276,6 +256,17 @@ class ChunkKeeper {
     }
   }
 
+  /// Keeps the device's ledger of the session's last chunk, and of its last sending.
+  void keepLedger() {
+    const auto* ledger = chunkAttributes_["ledger"].get<Dictionary>();
+    if (ledger == nullptr) return;
+    Database::Query(database_,
+                    "INSERT INTO ledgers VALUES (?, ?, ?) ON CONFLICT (session) DO UPDATE"
+                    " SET number = excluded.number, ledger = excluded.ledger WHERE excluded.number >= number",
+                    session_, number_, jsonFromDictionary(*ledger))
+        .execute();
+  }
+
   void finishSession() {
     const bool isNew = !duplicate_ && !conflict_;
     const double reported = std::max(record_["duration"].asDouble(), record_["total_duration"].asDouble());
@@ -303,11 +294,13 @@ class ChunkKeeper {
   const Dictionary details_;
   const Dictionary device_;
   const Dictionary userAttributes_;
+  const Dictionary chunkAttributes_;
+  const std::string deviceId_;
   const std::string sessionId_;
   const std::string userId_;  // the host's id of its user, empty if there is none
   const std::string id_;
   const std::int64_t number_;
-  const std::map<std::string, std::vector<Span>> texts_ = elementsOfChunk(arrived_.body);
+  const std::map<std::string, std::vector<Span>> texts_ = service::elementsOfChunk(arrived_.body);
 
   std::int64_t session_ = 0;        // key of the session's row
   std::int64_t highestNumber_ = 0;  // of the session's earlier chunks

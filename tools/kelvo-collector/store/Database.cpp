@@ -63,8 +63,10 @@ Database::Database(const std::string& path) {
   connection_.reset(connection);
   if (code == SQLITE_OK) {
     // EXCLUSIVE: no other process can lock the file and stall the service. NORMAL: a power failure may lose the newest
-    // rows. The empty transaction takes the lock, so it fails here if another process has it.
+    // rows. secure_delete: the bytes of deleted rows are overwritten. The empty transaction takes the lock, so it fails
+    // here if another process has it.
     run("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
+        "PRAGMA secure_delete = ON;"
         "PRAGMA cache_size = -16000; BEGIN IMMEDIATE; COMMIT");
   }
   if (code != SQLITE_OK || failed_) {
@@ -79,7 +81,7 @@ void Database::run(const char* sql) {
 }
 
 void Database::shrink() {
-  run("VACUUM; PRAGMA wal_checkpoint(TRUNCATE); PRAGMA shrink_memory");
+  run("VACUUM; PRAGMA user_version = 0; PRAGMA wal_checkpoint(TRUNCATE); PRAGMA shrink_memory");
   malloc_trim(0);  // an in-memory store consists of many small blocks
 }
 
@@ -87,8 +89,8 @@ std::int64_t Database::lastRow() const noexcept {
   return sqlite3_last_insert_rowid(connection_.get());
 }
 
-bool Database::changed() const noexcept {
-  return sqlite3_changes(connection_.get()) > 0;
+std::int64_t Database::changes() const noexcept {
+  return sqlite3_changes64(connection_.get());
 }
 
 sqlite3_stmt* Database::prepared(const char* sql) {

@@ -28,8 +28,11 @@ class Database {
   void run(const char* sql);
   /// Returns the key of the last inserted row.
   [[nodiscard]] std::int64_t lastRow() const noexcept;
-  /// Returns true if the last INSERT, UPDATE or DELETE affected a row.
-  [[nodiscard]] bool changed() const noexcept;
+  /// Returns the number of rows that the last INSERT, UPDATE or DELETE affected.
+  [[nodiscard]] std::int64_t changes() const noexcept;
+  [[nodiscard]] bool changed() const noexcept { return changes() > 0; }
+  /// Makes the running transaction fail.
+  void fail() noexcept { failed_ = true; }
 
   /// Runs `work` in a transaction. Rolls back and returns false if any statement failed.
   template <class Work>
@@ -43,7 +46,8 @@ class Database {
     return false;
   }
 
-  /// Gives the space of deleted rows back to the system. Must be called outside a transaction.
+  /// Gives the space of deleted rows back to the system, so that no byte of them stays in the files. Must be called
+  /// outside a transaction.
   void shrink();
 
   class Query;

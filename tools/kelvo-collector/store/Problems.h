@@ -13,10 +13,13 @@ namespace kelvo::collector {
 
 class Database;
 
+inline constexpr const char* kTypeChanges = "attribute-type-changes";
+
 /// The kinds of problems; each is a check that can be switched off.
-inline constexpr const char* kProblemKinds[] = {
-    "missing-chunk",     "chunk-order",     "conflicting-duplicate",  "suspected-duplicate",  "event-without-name",
-    "negative-duration", "not-as-expected", "attribute-type-changes", "names-differ-in-case", "too-many-values"};
+inline constexpr const char* kProblemKinds[] = {"missing-chunk",       "chunk-order",        "conflicting-duplicate",
+                                                "suspected-duplicate", "event-without-name", "negative-duration",
+                                                "not-as-expected",     kTypeChanges,         "names-differ-in-case",
+                                                "too-many-values"};
 
 /// The chunk in which a problem was found.
 struct Place {

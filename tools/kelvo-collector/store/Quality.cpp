@@ -10,7 +10,6 @@
 namespace kelvo::collector {
 namespace {
 
-constexpr std::int64_t kMostGapsInText = 20;
 constexpr int kMostCompared = 16;  // earlier events with which one event is compared
 
 bool isBlank(const std::string& text) {
@@ -41,68 +40,13 @@ void Quality::report(Problem problem) {
   addProblem(database_, problem);
 }
 
-void Quality::addGap(std::int64_t first, std::int64_t last) {
-  if (first > last) return;
-  Database::Query(database_, "INSERT OR REPLACE INTO gaps VALUES (?, ?, ?)", place_.session, first, last).execute();
-}
-
-void Quality::closeGap() {
-  std::int64_t first = 0, last = 0;
-  {
-    Database::Query gap(database_,
-                        "SELECT first, last FROM gaps WHERE session = ?1 AND first <= ?2 AND last >= ?2 LIMIT 1",
-                        place_.session, place_.chunk);
-    if (!gap.next()) return;
-    first = gap.number();
-    last = gap.number();
-  }
-  Database::Query(database_, "DELETE FROM gaps WHERE session = ? AND first = ?", place_.session, first).execute();
-  addGap(first, place_.chunk - 1);
-  addGap(place_.chunk + 1, last);
-  reportGaps();
-}
-
-void Quality::reportGaps() {
-  Problem problem{.kind = "missing-chunk", .name = sessionId_, .place = place_, .count = 0};
-  std::string numbers;
-  Array gaps;
-  {
-    Database::Query rows(database_,
-                         "SELECT first, last, (SELECT sum(last - first + 1) FROM gaps WHERE session = ?1) FROM gaps"
-                         " WHERE session = ?1 ORDER BY first LIMIT ?2",
-                         place_.session, kMostGapsInText + 1);
-    while (rows.next()) {
-      const std::int64_t first = rows.number(), last = rows.number();
-      problem.count = rows.number();
-      if (gaps.empty()) problem.place.chunk = first;
-      if (gaps.size() == kMostGapsInText) {
-        numbers += " ...";
-        break;
-      }
-      gaps.append(Array{first, last});
-      numbers += (numbers.empty() ? "" : ", ") + std::to_string(first);
-      if (last > first) numbers += " to " + std::to_string(last);
-    }
-  }
-  problem.message =
-      (problem.count == 1 ? "chunk " : "chunks ") + numbers + (problem.count == 1 ? " is missing" : " are missing");
-  problem.value = std::move(gaps);
-  setProblem(database_, kAllSessions, problem);
-  setProblem(database_, place_.session, problem);
-}
-
-void Quality::checkOrder(std::int64_t highestSoFar) {
-  if (place_.chunk < highestSoFar) {
-    closeGap();
-    return report(
-        {.kind = "chunk-order",
-         .name = sessionId_,
-         .message = "chunk " + std::to_string(place_.chunk) + " came after chunk " + std::to_string(highestSoFar),
-         .value = place_.chunk});
-  }
-  if (place_.chunk - highestSoFar <= 1) return;
-  addGap(highestSoFar + 1, place_.chunk - 1);
-  reportGaps();
+void Quality::checkOrder(std::int64_t highestSoFar, const std::optional<Evicted>& evicted) {
+  noteNumber(database_, place_, highestSoFar, evicted);
+  if (place_.chunk >= highestSoFar) return;
+  report({.kind = "chunk-order",
+          .name = sessionId_,
+          .message = "chunk " + std::to_string(place_.chunk) + " came after chunk " + std::to_string(highestSoFar),
+          .value = place_.chunk});
 }
 
 void Quality::checkDuration(const Dictionary& object, const char* member, const std::string& name,

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "kelvo-collector/store/Gaps.h"
 #include "kelvo-collector/store/Problems.h"
 #include "kelvo-collector/store/Types.h"
 #include "kelvo/Value.h"
@@ -31,8 +32,9 @@ class Quality {
   Quality(Database& database, const Place& place, const std::string& sessionId, const Expectations& expectations)
       : database_(database), place_(place), sessionId_(sessionId), expectations_(expectations) {}
 
-  /// Reports the chunk numbers missing between `highestSoFar` and this chunk, or that this chunk is late.
-  void checkOrder(std::int64_t highestSoFar);
+  /// Reports the chunk numbers missing between `highestSoFar` and this chunk, or that this chunk is late. `evicted` is
+  /// what the chunk says about evictions.
+  void checkOrder(std::int64_t highestSoFar, const std::optional<Evicted>& evicted);
   void checkSession(const Dictionary& record);
   void checkEvent(const CheckedEvent& event);
   /// Reports a new `name` that differs from a known name only in case.
@@ -45,11 +47,6 @@ class Quality {
 
  private:
   void report(Problem problem);
-  /// Rewrites the report of the session's missing chunks.
-  void reportGaps();
-  /// Removes this chunk from the gap that contains it.
-  void closeGap();
-  void addGap(std::int64_t first, std::int64_t last);
   void checkDuration(const Dictionary& object, const char* member, const std::string& name,
                      std::optional<std::int64_t> event);
   /// Reports an application event that was logged twice in one second with the same attributes.

@@ -17,22 +17,22 @@ std::int64_t numberFrom(Database& database, const char* sql) {
   return row.next() ? row.number() : 0;
 }
 
-struct Request {
+struct OldRequest {
   std::int64_t sequence;
   std::int64_t time;
 };
 
 /// Returns the newest request of the next step, nullopt if there are no requests.
-std::optional<Request> lastOfStep(Database& database) {
+std::optional<OldRequest> lastOfStep(Database& database) {
   const std::int64_t count = numberFrom(database, "SELECT count(*) FROM requests");
   Database::Query row(database, "SELECT sequence, time FROM requests ORDER BY sequence LIMIT 1 OFFSET ?",
                       std::max<std::int64_t>(count / kSteps, 1) - 1);
   if (!row.next()) return std::nullopt;
   const std::int64_t sequence = row.number();
-  return Request{sequence, row.number()};
+  return OldRequest{sequence, row.number()};
 }
 
-void deleteUpTo(Database& database, const Request& last) {
+void deleteUpTo(Database& database, const OldRequest& last) {
   for (const char* sql : {"DELETE FROM verdicts WHERE event IN (SELECT id FROM events WHERE request <= ?)",
                           "DELETE FROM events WHERE request <= ?", "DELETE FROM chunks WHERE request <= ?",
                           "DELETE FROM requests WHERE sequence <= ?"}) {

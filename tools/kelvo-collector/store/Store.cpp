@@ -13,9 +13,39 @@ namespace {
 
 constexpr const char* kExpectations = "expectations";  // name of the document
 
-bool isOfEarlierVersion(Database& database) {
-  Database::Query column(database, "SELECT 1 FROM pragma_table_info('sessions') WHERE name = 'problems'");
+constexpr const char* kEraseHeader = "x-kelvo-erase";
+
+bool hasColumn(Database& database, const char* name) {
+  Database::Query column(database, "SELECT 1 FROM pragma_table_info('sessions') WHERE name = ?", name);
   return column.next();
+}
+
+/// Brings the tables of earlier versions to the present form.
+void upgrade(Database& database) {
+  if (hasColumn(database, "problems")) database.run(kUpgrade);
+  if (hasColumn(database, "user_id") && !hasColumn(database, "device_id")) database.run(kUpgradeDevices);
+}
+
+/// `erasedAs` is the name of an erased device, empty for other requests.
+void insertRequest(Database& database, const ReceivedRequest& request, const std::string& erasedAs) {
+  const bool isErased = !erasedAs.empty();
+  std::string target = request.query.empty() ? request.path : request.path + "?" + request.query;
+  Dictionary headers;
+  if (isErased) {
+    target = withoutId(std::move(target), request.device.id, erasedAs);
+  } else {
+    headers = request.headers;
+    if (const auto secret = request.header(kEraseHeader); !secret.empty()) {
+      headers.set(kEraseHeader, keyedHash(database, secret));
+    }
+  }
+  Database::Query insert(database,
+                         "INSERT INTO requests (time, method, target, headers, status, application, device, body)"
+                         " VALUES (?, ?, ?, ?, ?, ?, ?, ?)",
+                         request.time, request.method, target, description(headers), request.status,
+                         request.device.application, isErased ? std::string() : request.device.id);
+  insert.bindBytes(isErased ? std::string_view() : std::string_view(request.body));
+  insert.execute();
 }
 
 void putDocument(Database& database, const std::string& name, const std::string& body) {
@@ -36,10 +66,11 @@ Store::Store(const std::string& path, std::int64_t mostBytes)
     : mostBytes_(mostBytes), database_(std::make_unique<Database>(path)) {
   Database& database = *database_;
   const bool made = database.transaction([&] {
-    if (isOfEarlierVersion(database)) database.run(kUpgrade);
+    upgrade(database);
     database.run(kSchema);
   });
   if (!made) throw std::runtime_error("cannot use the store " + path + ": it holds something else");
+  if (mustShrink(database)) database.shrink();
   std::vector<std::string> ignored;
   const auto kept = document(kExpectations);
   const Lock lock(mutex_);
@@ -55,21 +86,32 @@ bool Store::add(const ReceivedRequest& request, const Accepted& accepted) {
   Database& database = *database_;
   const auto expectations = expectations_;
   const bool kept = database.transaction([&] {
-    {
-      Database::Query insert(
-          database, "INSERT INTO requests (time, method, target, headers, status, body) VALUES (?, ?, ?, ?, ?, ?)",
-          request.time, request.method, request.query.empty() ? request.path : request.path + "?" + request.query,
-          description(request.headers), request.status);
-      insert.bindBytes(request.body);
-      insert.execute();
+    const std::string erasedAs = nameOfErased(database, request.device);
+    insertRequest(database, request, erasedAs);
+    if (erasedAs.empty()) {
+      const ArrivedBody arrived{request.body, database.lastRow(), request.time};
+      if (accepted.chunkOf) keepChunk(database, arrived, *accepted.chunkOf, *expectations);
+      if (accepted.userOf) keepUser(database, arrived, *accepted.userOf);
+      const std::string secret = request.header(kEraseHeader);
+      if (!secret.empty() && (accepted.chunkOf || accepted.userOf)) keepSecret(database, request.device, secret);
     }
-    const ArrivedBody arrived{request.body, database.lastRow(), request.time};
-    if (accepted.chunkOf) keepChunk(database, arrived, *accepted.chunkOf, *expectations);
-    if (accepted.userOf) keepUser(database, arrived, *accepted.userOf);
     forgetOldest(database, mostBytes_);
   });
   if (kept) arrived_.notify_all();
   return kept;
+}
+
+std::optional<Erasure> Store::erase(const Device& device, const std::string& secret, std::int64_t time) {
+  const Lock lock(mutex_);
+  Database& database = *database_;
+  Erasure outcome = Erasure::unknownDevice;
+  const bool erased = database.transaction([&] {
+    outcome = rightToErase(database, device, secret);
+    if (outcome == Erasure::done) eraseDevice(database, device, time);
+  });
+  if (!erased) return std::nullopt;
+  if (outcome == Erasure::done) database.shrink();
+  return outcome;
 }
 
 bool Store::reset() {

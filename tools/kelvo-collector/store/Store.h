@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "kelvo-collector/store/Database.h"
+#include "kelvo-collector/store/Erasure.h"
 #include "kelvo-collector/store/Expectations.h"
+#include "kelvo-service/Service.h"
 #include "kelvo/Value.h"
 #include "platform/ThreadSafety.h"
 
@@ -26,7 +28,8 @@ struct ReceivedRequest {
   std::string query;   ///< as sent, without the question mark
   Dictionary headers;  ///< names in lower case
   std::string body;
-  int status = 0;  ///< status of the answer, 0 without a complete answer
+  int status = 0;   ///< status of the answer, 0 without a complete answer
+  Device device{};  ///< that the request names; without an id if it names none
 
   /// Returns the body parsed as JSON, null if it is not JSON.
   [[nodiscard]] Value json() const;
@@ -47,11 +50,7 @@ struct ReceivedChunk {
   bool conflict = false;   ///< an earlier chunk has the same id and other events
 };
 
-/// The content of a request that the service accepted: a chunk, the attributes of a user, or nothing.
-struct Accepted {
-  std::optional<std::string> chunkOf;  ///< application that sent a chunk
-  std::optional<std::string> userOf;   ///< application that sent a user's attributes
-};
+using service::Accepted;
 
 /// Stores requests, their content and the service's documents in SQLite. Thread-safe: one mutex serialises all use.
 ///
@@ -68,11 +67,15 @@ class Store {
   Store& operator=(const Store&) = delete;
 
   /// Stores the request, and the chunk in its body if `chunkOf` names the application that sent one. Stores both or
-  /// neither; returns false on failure.
+  /// neither; returns false on failure. Of a request of an erased device, stores only that it came.
   [[nodiscard]] bool add(const ReceivedRequest& request, const std::optional<std::string>& chunkOf) EXCLUDES(mutex_) {
     return add(request, Accepted{chunkOf, std::nullopt});
   }
   [[nodiscard]] bool add(const ReceivedRequest& request, const Accepted& accepted) EXCLUDES(mutex_);
+  /// Erases the device if `secret` is its secret. Returns the outcome, nullopt if the store failed. `time` is in
+  /// milliseconds since 1970. Takes longer the more the store has.
+  [[nodiscard]] std::optional<Erasure> erase(const Device& device, const std::string& secret, std::int64_t time)
+      EXCLUDES(mutex_);
   /// Deletes all requests and their content, and frees their space; returns false on failure. Documents stay, and
   /// sequence numbers continue.
   [[nodiscard]] bool reset() EXCLUDES(mutex_);

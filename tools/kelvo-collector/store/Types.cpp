@@ -51,7 +51,7 @@ Problem problemOf(const AttributeOf& of, const std::vector<Seen>& types, const P
   Array values;
   for (const Seen& seen : types) values.append(described(seen));
   Problem problem;
-  problem.kind = "attribute-type-changes";
+  problem.kind = kTypeChanges;
   problem.name = of.name;
   problem.attribute = of.attribute;
   problem.message = quoted(of.attribute) + " of " + quoted(of.name) + " is " +

@@ -1,14 +1,15 @@
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kelvo/Value.h"
 
-namespace kelvo::collector {
+namespace kelvo::service {
 
 class ServiceState;
-class Store;
 
 // Documents are the JSON values that control the service: "enabled", "config", "client-events", "actions/rta" and
 // "actions/survey".
@@ -17,10 +18,11 @@ class Store;
 /// `state` does not change.
 [[nodiscard]] std::vector<std::string> applyDocument(ServiceState& state, const std::string& name, const Value& body);
 
-/// Puts the documents that `store` saved in an earlier run in force, and skips documents that are no longer valid.
-void loadDocuments(ServiceState& state, const Store& store);
+/// Puts the saved documents in force, and skips documents that are no longer valid. `saved` returns the text of the
+/// document with the given name, nullopt if none is saved.
+void loadDocuments(ServiceState& state, const std::function<std::optional<std::string>(const std::string&)>& saved);
 
 /// Returns all documents in force, with the hashes that the library receives.
 [[nodiscard]] Dictionary documentsOf(const ServiceState& state);
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

@@ -7,7 +7,7 @@
 #include "kelvo/Value.h"
 #include "platform/ThreadSafety.h"
 
-namespace kelvo::collector {
+namespace kelvo::service {
 
 /// The content that the service serves: the enable switch, the configuration, the client-event lists and the actions.
 ///
@@ -63,4 +63,4 @@ class ServiceState {
   std::map<std::string, std::vector<Action>> actions_ GUARDED_BY(mutex_);  // has a key for each of the two types
 };
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

@@ -1,4 +1,4 @@
-#include "kelvo-collector/service/Documents.h"
+#include "kelvo-service/Documents.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -7,11 +7,10 @@
 #include <string_view>
 #include <utility>
 
-#include "kelvo-collector/service/ServiceState.h"
-#include "kelvo-collector/store/Store.h"
+#include "kelvo-service/ServiceState.h"
 #include "platform/JSON.h"
 
-namespace kelvo::collector {
+namespace kelvo::service {
 namespace {
 
 using Errors = std::vector<std::string>;
@@ -198,9 +197,9 @@ std::vector<std::string> applyDocument(ServiceState& state, const std::string& n
   return {"there is no such document"};
 }
 
-void loadDocuments(ServiceState& state, const Store& store) {
+void loadDocuments(ServiceState& state, const std::function<std::optional<std::string>(const std::string&)>& saved) {
   for (const char* name : kDocuments) {
-    const auto kept = store.document(name);
+    const auto kept = saved(name);
     const auto body = kept ? parseJSON(*kept) : std::nullopt;
     if (body) static_cast<void>(applyDocument(state, name, *body));
   }
@@ -216,4 +215,4 @@ Dictionary documentsOf(const ServiceState& state) {
           {"actions", Dictionary{{"rta", state.actions("rta")}, {"survey", state.actions("survey")}}}};
 }
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kelvo::collector {
+namespace kelvo::service {
 
 /// A part of a text: its offset and length in bytes.
 struct Span {
@@ -18,4 +18,4 @@ struct Span {
 /// of their elements. `chunk` must be valid JSON; if a name occurs twice, the last list counts.
 [[nodiscard]] std::map<std::string, std::vector<Span>> elementsOfChunk(std::string_view chunk);
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

@@ -1,4 +1,4 @@
-#include "kelvo-collector/store/Fingerprint.h"
+#include "kelvo-service/Fingerprint.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kelvo::collector {
+namespace kelvo::service {
 namespace {
 
 constexpr std::uint64_t kOffsetBasis = 0xcbf29ce484222325U;
@@ -66,4 +66,4 @@ std::string fingerprint(const Value& value) {
   return digits;
 }
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

@@ -1,12 +1,12 @@
-#include "kelvo-collector/service/ServiceState.h"
+#include "kelvo-service/ServiceState.h"
 
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
-#include "kelvo-collector/store/Fingerprint.h"
+#include "kelvo-service/Fingerprint.h"
 
-namespace kelvo::collector {
+namespace kelvo::service {
 namespace {
 
 constexpr std::string_view kApplicationPlaceholder = "<app-id>";
@@ -144,4 +144,4 @@ const std::vector<ServiceState::Action>& ServiceState::actionsOf(const std::stri
   return actions_.at(type == kRealTimeActions ? kRealTimeActions : kSurveyActions);
 }
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

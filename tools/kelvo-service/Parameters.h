@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-namespace kelvo::collector {
+namespace kelvo::service {
 
 /// Reads the decoded parameters of a URL's query. It holds a reference to `pairs`, which must outlive it.
 class Parameters {
@@ -35,4 +35,4 @@ class Parameters {
   const Pairs& pairs_;
 };
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

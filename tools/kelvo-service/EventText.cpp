@@ -1,8 +1,8 @@
-#include "kelvo-collector/store/EventText.h"
+#include "kelvo-service/EventText.h"
 
 #include "platform/JSON.h"
 
-namespace kelvo::collector {
+namespace kelvo::service {
 namespace {
 
 /// Scans valid JSON without building values.
@@ -118,4 +118,4 @@ std::map<std::string, std::vector<Span>> elementsOfChunk(std::string_view chunk)
   return lists;
 }
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

@@ -1,9 +1,9 @@
-#include "kelvo-collector/service/ChunkValidation.h"
+#include "kelvo-service/ChunkValidation.h"
 
 #include <cstdint>
 #include <initializer_list>
 
-namespace kelvo::collector {
+namespace kelvo::service {
 namespace {
 
 using Fault = std::optional<std::string>;
@@ -87,6 +87,32 @@ Fault faultOfElements(const Value& list, const std::string& place, const Members
   return std::nullopt;
 }
 
+/// Checks that each member of `counts` is an integer from 0.
+Fault faultOfCounts(const Dictionary& counts, const std::string& place) {
+  for (const auto& [name, count] : counts) {
+    const auto* number = count.get<std::int64_t>();
+    if (number == nullptr || *number < 0) return place + "." + name + " is not a count";
+  }
+  return std::nullopt;
+}
+
+/// Checks what the device says about evicted chunks, and its ledger. A device that evicts nothing says nothing.
+Fault faultOfChunkAttributes(const Dictionary& attributes) {
+  const std::string evicted = "chunk_details.chunk_attributes.evicted";
+  const std::string ledger = "chunk_details.chunk_attributes.ledger";
+  if (const Value* value = attributes.find("evicted")) {
+    if (auto fault = faultOfType(*value, Type::Object, evicted)) return fault;
+    const auto& counts = *value->get<Dictionary>();
+    if (auto fault = faultOfMembers(counts, evicted, {{"events", Type::Integer}, {"chunks", Type::Integer}}))
+      return fault;
+    if (auto fault = faultOfCounts({{"events", counts["events"]}, {"chunks", counts["chunks"]}}, evicted)) return fault;
+  }
+  const Value* value = attributes.find("ledger");
+  if (value == nullptr) return std::nullopt;
+  if (auto fault = faultOfType(*value, Type::Object, ledger)) return fault;
+  return faultOfCounts(*value->get<Dictionary>(), ledger);
+}
+
 /// Checks the attributes of an aggregate event: each is a list of [value, count] pairs.
 Fault faultOfAggregate(const Dictionary& event, const std::string& place) {
   for (const auto& [key, values] : *event["attributes"].get<Dictionary>()) {
@@ -134,6 +160,7 @@ Fault faultOfDetails(const Dictionary& body) {
     return fault;
   }
   const auto& details = *body["chunk_details"].get<Dictionary>();
+  if (auto fault = faultOfChunkAttributes(*details["chunk_attributes"].get<Dictionary>())) return fault;
   auto fault =
       faultOfElements(details["agg_events"], "chunk_details.agg_events",
                       {{"name", Type::Text}, {"count", Type::Integer}, {"attributes", Type::Object}}, faultOfAggregate);
@@ -235,4 +262,4 @@ std::optional<std::string> faultOfUserInfo(const Value& body) {
   return faultOfAppAndDevice(*info);
 }
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service

@@ -5,7 +5,7 @@
 
 #include "kelvo/Value.h"
 
-namespace kelvo::collector {
+namespace kelvo::service {
 
 /// Returns nullopt if `body` is a valid chunk. Otherwise returns the first fault and names its member:
 /// "chunk_details.app_events[3].time is not an integer". Unknown members are ignored.
@@ -14,4 +14,4 @@ namespace kelvo::collector {
 /// As `faultOfChunk`, for the body of a user-info upload.
 [[nodiscard]] std::optional<std::string> faultOfUserInfo(const Value& body);
 
-}  // namespace kelvo::collector
+}  // namespace kelvo::service
