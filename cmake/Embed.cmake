@@ -1,5 +1,6 @@
-# cmake -DFROM=<directory> -DTO=<source> -P Embed.cmake: writes a C++ source with each file in FROM as an array.
-# kelvo-collector/http/Page.h declares the arrays.
+# cmake -DFROM=<directory> -DTO=<source> -DHEADER=<header> -DNAMESPACE=<name> -DTYPE=<struct> -P Embed.cmake: writes a C++
+# source with each file in FROM as an array, and with the list k<TYPE>s of their names and contents. The header declares
+# TYPE.
 file(GLOB files RELATIVE ${FROM} ${FROM}/*)
 list(SORT files)
 set(contents "")
@@ -13,17 +14,17 @@ foreach(file IN LISTS files)
   string(APPEND table "    {\"${file}\", {reinterpret_cast<const char*>(kFile${count}), sizeof kFile${count} - 1}},\n")
   math(EXPR count "${count} + 1")
 endforeach()
-file(WRITE ${TO} "#include \"kelvo-collector/http/Page.h\"
+file(WRITE ${TO} "#include \"${HEADER}\"
 
-namespace kelvo::collector {
+namespace ${NAMESPACE} {
 namespace {
 ${contents}}  // namespace
 
-extern const PageFile kPageFiles[];
-extern const unsigned kNumberOfPageFiles;
-const PageFile kPageFiles[] = {
+extern const ${TYPE} k${TYPE}s[];
+extern const unsigned kNumberOf${TYPE}s;
+const ${TYPE} k${TYPE}s[] = {
 ${table}};
-const unsigned kNumberOfPageFiles = ${count};
+const unsigned kNumberOf${TYPE}s = ${count};
 
-}  // namespace kelvo::collector
+}  // namespace ${NAMESPACE}
 ")

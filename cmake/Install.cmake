@@ -3,6 +3,7 @@
 #   kelvo-dev    headers, static library, documents, and files for find_package and pkg-config
 #   kelvo-qt     the adapter to Qt
 #   kelvo-tools  the tools and their man pages
+#   kelvo-server the service on PostgreSQL, its systemd unit and man page
 # `cmake --install BUILD --component NAME` installs one component, and needs only its targets.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -38,27 +39,38 @@ if(TARGET kelvo_qt)
   install(FILES include/kelvo/Qt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvo COMPONENT kelvo-qt)
 endif()
 
+# kelvo_install_program(<program> <component> <summary>): installs the program and a man page that is its --help. The page is
+# appended to the list <component>_pages.
+function(kelvo_install_program program component summary)
+  set(page ${PROJECT_BINARY_DIR}/man/${program}.1)
+  add_custom_command(
+    OUTPUT ${page}.gz
+    COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:${program}> -DSUMMARY=${summary} -DTO=${page}
+            -P ${PROJECT_SOURCE_DIR}/cmake/ManPage.cmake
+    COMMAND gzip -9nf ${page}
+    DEPENDS ${program} ${PROJECT_SOURCE_DIR}/cmake/ManPage.cmake
+    VERBATIM)
+  set(${component}_pages ${${component}_pages} ${page}.gz PARENT_SCOPE)
+  install(TARGETS ${program} COMPONENT ${component})
+  install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
+endfunction()
+
 if(KELVO_TOOLS)
   list(APPEND packages kelvo-tools)
-  set(summary_kelvo-log "play the calls of a host from the shell")
-  set(summary_kelvo-collector "local analytics service for development and tests")
-  set(summary_kelvo-inspect "show what a Kelvo home stores, or why nothing arrives")
-  foreach(tool kelvo-log kelvo-collector kelvo-inspect)
-    set(page ${PROJECT_BINARY_DIR}/man/${tool}.1)
-    add_custom_command(
-      OUTPUT ${page}.gz
-      COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:${tool}> -DSUMMARY=${summary_${tool}} -DTO=${page}
-              -P ${PROJECT_SOURCE_DIR}/cmake/ManPage.cmake
-      COMMAND gzip -9nf ${page}
-      DEPENDS ${tool} cmake/ManPage.cmake
-      VERBATIM)
-    list(APPEND pages ${page}.gz)
-    install(TARGETS ${tool} COMPONENT kelvo-tools)
-  endforeach()
-  add_custom_target(kelvo-tools ALL DEPENDS ${pages})
-  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT kelvo-tools)
+  kelvo_install_program(kelvo-log kelvo-tools "play the calls of a host from the shell")
+  kelvo_install_program(kelvo-collector kelvo-tools "local analytics service for development and tests")
+  kelvo_install_program(kelvo-inspect kelvo-tools "show what a Kelvo home stores, or why nothing arrives")
+  add_custom_target(kelvo-tools ALL DEPENDS ${kelvo-tools_pages})
 endif()
-# The targets kelvo and kelvo-tools are also components. These are the other two.
+if(TARGET kelvo-server)
+  list(APPEND packages kelvo-server)
+  kelvo_install_program(kelvo-server kelvo-server "analytics service on PostgreSQL")
+  add_custom_target(kelvo-server-pages ALL DEPENDS ${kelvo-server_pages})
+  install(FILES packaging/kelvo-server@.service DESTINATION lib/systemd/system COMPONENT kelvo-server)
+  install(FILES docs/server.md docs/questions.md docs/scale.md docs/return.svg
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
+endif()
+# The targets kelvo, kelvo-tools and kelvo-server are also components. These are the other two.
 add_custom_target(kelvo-dev DEPENDS kelvo kelvo_static)
 if(TARGET kelvo_qt)
   add_custom_target(kelvo-qt DEPENDS kelvo_qt)
@@ -110,4 +122,7 @@ kelvo_package(kelvo-qt libdevel "kelvo-dev ${same}, qt6-base-dev" ""
   "The adapter reports the windows and the activity of a Qt Widgets application.")
 kelvo_package(kelvo-tools devel "" "" "client-side analytics for C++ applications (tools)"
   "kelvo-log plays host calls, kelvo-collector is a local service, and\nkelvo-inspect shows what is stored.")
+kelvo_package(kelvo-server net "" "postgresql (>= 15), libnss-systemd"
+  "client-side analytics for C++ applications (service)"
+  "The service stores each event once in PostgreSQL, with any number of\ninstances, and answers while the database is away with 503.")
 include(CPack)

@@ -43,7 +43,7 @@ struct LedgerCounts {
 
   // Of the stored events:
   std::uint64_t notForUpload = 0;  ///< of a type that is never sent
-  std::uint64_t sent = 0;          ///< in a chunk that was posted, accepted or not
+  std::uint64_t sent = 0;          ///< in a chunk that was cut to be posted, accepted or not
   std::uint64_t accepted = 0;      ///< accepted by the service
   std::uint64_t waiting = 0;       ///< in the database, not accepted yet
   Evicted evicted{};               ///< deleted before they were accepted

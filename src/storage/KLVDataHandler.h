@@ -173,8 +173,7 @@ class KLVDataHandler {
   void writeTogether(const std::function<void()>& submit, std::function<void()> committed = {});
 
   /// If more than about 2,000 writes wait, blocks until they are done and may run some on the calling thread. For
-  /// threads of the library that produce writes faster than the disk accepts them. The host's threads must never call
-  /// it.
+  /// threads of the library that produce writes faster than the disk accepts them; never for the host's threads.
   void catchUp();
 
   /// Calls `report` on the data queue with true once the database is open and has its tables, and with false before if

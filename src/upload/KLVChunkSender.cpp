@@ -137,7 +137,7 @@ void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
     KLV_DEBUG("Successfully sent chunk - {}, responsecode - {}", chunkId, statusCode);
   };
   delegate_.postDataToURL(byReplacing(kKLVSDKChunkURL, "<app-id>", delegate_.applicationIdentifier()), body->content,
-                          std::nullopt, completion);
+                          Dictionary{{std::string(kKLVEraseHeader), KLVDeviceInfo::eraseSecret()}}, completion);
 }
 
 void KLVChunkSender::onAttemptEnded(const Attempt& attempt) {

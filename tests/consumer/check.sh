@@ -142,7 +142,7 @@ deb)
   "$work/root/usr/bin/kelvo-log" --help >/dev/null
   # The project names no mail host and no licence yet. kelvo-dev is left out, because its archive takes over a minute.
   lintian --no-cfg --fail-on error --suppress-tags bogus-mail-host,bogus-mail-host-in-debian-changelog,no-copyright-file \
-    "$work"/package/kelvo_*.deb "$work"/package/kelvo-[qt]*.deb
+    "$work"/package/kelvo_*.deb "$work"/package/kelvo-[qst]*.deb
   # The package that each of these files is in.
   while read -r package file; do
     "${dpkg[@]}" -L "$package" | grep -qx "$file" || { echo "$package lacks $file"; exit 1; }
@@ -155,10 +155,13 @@ kelvo-dev .*/pkgconfig/kelvo\.pc
 kelvo-tools /usr/bin/kelvo-inspect
 kelvo-tools /usr/share/man/man1/kelvo-collector\.1\.gz
 kelvo-tools /usr/share/doc/kelvo-tools/changelog\.gz
+kelvo-server /usr/lib/systemd/system/kelvo-server@\.service
+kelvo-server /usr/share/man/man1/kelvo-server\.1\.gz
 FILES
   names=$("${dpkg[@]}" --get-selections | awk '{print $1}')
   for package in $names; do
-    case $package in kelvo) needs=libcurl4 ;; kelvo-dev) needs='kelvo (=' ;; kelvo-qt) needs='kelvo-dev (=' ;; *) needs=libssl3 ;; esac
+    case $package in kelvo) needs=libcurl4 ;; kelvo-dev) needs='kelvo (=' ;; kelvo-qt) needs='kelvo-dev (=' ;;
+      kelvo-server) needs=libpq5 ;; *) needs=libssl3 ;; esac
     dpkg-deb -f "$work/package/${package}_"*.deb Depends | grep -F "$needs"
   done
   # shellcheck disable=SC2086  # one word for each package

@@ -6,6 +6,7 @@
 #include "platform/SwitchedOff.h"
 #include "support/FaultVFS.h"
 #include "util/KLVDeliveryRules.h"
+#include "util/KLVHostLimits.h"
 
 namespace kelvo::test {
 namespace {
@@ -24,6 +25,23 @@ TEST(HostSettings, OptionsChooseTheDeliveryThenTheBundleThenComplete) {
   EXPECT_EQ(chosen("classic", Delivery::complete), &KLVDeliveryRules::complete);
   EXPECT_EQ(chosen("complete", Delivery::classic), &KLVDeliveryRules::classic);
   EXPECT_EQ(chosen("every", {}), &KLVDeliveryRules::complete) << "an unknown name is no choice";
+}
+
+TEST(HostSettings, TheLimitOfStoredDataFollowsTheDeliveryUnlessTheHostChooses) {
+  const auto limit = [] { return KLVHostLimits::current().mostStoredBytes; };
+  constexpr std::uint64_t kDefault = 100 * 1024 * 1024;
+  HostSettings settings;
+  settings.applyBundle({{"KelvoDelivery", "complete"}});  // and no options: `initializeKelvoWithID`
+  EXPECT_EQ(limit(), kDefault);
+  settings.applyBundle({{"KelvoDelivery", "classic"}});
+  EXPECT_EQ(limit(), 0U);
+  Options options("shop");
+  options.delivery = Delivery::complete;
+  settings.apply(options);
+  EXPECT_EQ(limit(), kDefault);
+  options.maxStoredBytes = 0;
+  settings.apply(options);
+  EXPECT_EQ(limit(), 0U) << "no limit";
 }
 
 TEST_F(CoreTest, ADatabaseThatCannotBeOpenedIsAFailureUntilItCan) {

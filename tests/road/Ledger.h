@@ -95,6 +95,7 @@ class Ledger {
   std::map<std::string, Session> sessions_;                               // by id
   std::map<int, std::vector<std::pair<std::string, long>>> rowsOfCalls_;  // call to session and index
   std::map<std::string, ChunkRow> chunkRows_;                             // by chunk id; the last state seen
+  std::set<std::string> keptChunks_;                                      // ids of the chunks that have a row now
   std::map<int, std::map<std::string, long>> aggregates_;                 // call to session to count
   std::map<int, int> rescued_;             // call to the launch after which a rescue file had it
   std::set<int> keptInFiles_;              // calls that are in a rescue file now

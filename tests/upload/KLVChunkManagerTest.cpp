@@ -195,7 +195,12 @@ class ChunkManager : public testing::Test {
     const Dictionary noTimer{{"max_fg_chunk_send_time", 1e6}};
     manager = KLVChunkManager::initWithConfiguration(noTimer, delegate);
   }
-  ~ChunkManager() override { KLVDeliveryRules::choose(KLVDeliveryRules::classic); }
+  ~ChunkManager() override {
+    std::promise<void> retired;  // the running task still calls the delegate
+    manager->retire([&] { retired.set_value(); });
+    retired.get_future().wait();
+    KLVDeliveryRules::choose(KLVDeliveryRules::classic);
+  }
 
   /// Cuts the current session a few times, so that the manager's queue is empty afterwards. Returns the calls since the
   /// last time.

@@ -28,10 +28,6 @@ Reply takeChunk(const RequestContext& context) {
   return accepted;
 }
 
-bool isUTF8(const std::string& text) {
-  return parseJSON(jsonText(text).value_or("")).has_value();
-}
-
 /// Returns the reply to a query without the parameter `name`, nullopt if it has it.
 std::optional<Reply> refusalWithout(const char* name, const RequestContext& context) {
   const std::string text = context.parameter(name);
@@ -70,6 +66,7 @@ struct Route {
   Reply (*answer)(const RequestContext&);
 };
 
+constexpr std::string_view kChunksPath = "/v2/api/<app-id>/chunks";
 constexpr Route kRoutes[] = {
     {"GET", "/v2/api/<app-id>/sdk/enabled-status",
      [](const RequestContext& c) { return success(c.state.enabledStatus()); }},
@@ -77,7 +74,7 @@ constexpr Route kRoutes[] = {
      [](const RequestContext& c) { return success(c.state.configurationReply(c.application)); }},
     {"POST", "/v2/api/user", takeUserInfo},
     {"DELETE", "/v2/api/user", takeErasure},
-    {"POST", "/v2/api/<app-id>/chunks", takeChunk},
+    {"POST", kChunksPath, takeChunk},
     {"GET", "/v2/sync/<app-id>/validate",
      [](const RequestContext& c) { return success(c.state.actionsValidation(c.parameter("actionType"))); }},
     {"GET", "/v2/sync/<app-id>/rta", [](const RequestContext& c) { return actions(c, "rta"); }},
@@ -107,6 +104,10 @@ std::string RequestContext::parameter(const char* name) const {
   return Parameters(request.parameters).text(name);
 }
 
+bool isUTF8(const std::string& text) {
+  return parseJSON(jsonText(text).value_or("")).has_value();
+}
+
 Reply refusal(int status, std::string reason) {
   return {status, {{"error", std::move(reason)}}, {}, {}};
 }
@@ -119,6 +120,11 @@ Reply replyToErasure(Erasure outcome) {
     case Erasure::noSecret: break;
   }
   return refusal(403, "this device never sent a secret, so it cannot be erased by a request");
+}
+
+bool isChunkUpload(const Request& request) {
+  std::string application;
+  return request.method == "POST" && matches(kChunksPath, request.path, application);
 }
 
 std::string applicationOf(const Request& request) {

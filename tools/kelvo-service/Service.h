@@ -66,9 +66,13 @@ enum class Erasure : std::uint8_t {
 /// Returns the answer to the request. Its store decides about the outcome, so `reply` cannot give this answer.
 [[nodiscard]] Reply replyToErasure(Erasure outcome);
 
+/// Returns true for the request that uploads a chunk.
+[[nodiscard]] bool isChunkUpload(const Request& request);
+
 /// Returns the application that the path or the parameter "appId" of any request names, empty if neither does.
 [[nodiscard]] std::string applicationOf(const Request& request);
 
+[[nodiscard]] bool isUTF8(const std::string& text);
 [[nodiscard]] Reply refusal(int status, std::string reason);
 [[nodiscard]] Reply success(Dictionary body);
 

@@ -1,0 +1,181 @@
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "ServerTest.h"
+
+namespace kelvo::test {
+namespace {
+
+using Deliveries = ServerTest;
+using Outages = ServerTest;
+using Erasures = ServerTest;
+
+TEST_F(Deliveries, AChunkIsStoredOnceHoweverOftenItArrivesAtTwoServers) {
+  const int ports[] = {start().port(), start().port()};
+  inParallel(16, [&](int i) {
+    ChunkBody chunk;
+    // Between two sendings, attributes and counts change; events do not.
+    chunk.attributes = R"({"custom_user_id":"c","sending":)" + std::to_string(i) + "}";
+    chunk.ratings = 1 + (i * 7) % 16;
+    EXPECT_EQ(post(ports[i % 2], chunk.text()).status, 200);
+  });
+  EXPECT_EQ(count("events"), 2);
+  EXPECT_EQ(count("chunks", "arrivals = 16 AND events = 2"), 1);
+  EXPECT_EQ(count("aggregates", "count = 16"), 2) << "the total and its one value";
+  EXPECT_EQ(count("sessions", "chunks = 1 AND events = 2 AND user_id = 'c'"), 1);
+  EXPECT_EQ(metric(*servers[0], "chunks_total") + metric(*servers[1], "chunks_total"), 1);
+  EXPECT_EQ(metric(*servers[0], "duplicates_total") + metric(*servers[1], "duplicates_total"), 15);
+
+  const ChunkBody other{.events = 3, .ratings = 99};
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(post(ports[0], other.text()).status, 200);
+  EXPECT_EQ(count("events"), 2);
+  EXPECT_EQ(count("conflicts", "arrivals = 2 AND body->'chunk_meta'->>'number' = '1'"), 1);
+  EXPECT_EQ(count("aggregates", "count = 99"), 0);
+  EXPECT_EQ(metric(*servers[0], "conflicts_total"), 2);
+}
+
+TEST_F(Deliveries, UnreadableBodiesAndDataThatTheDatabaseRefusesAreKeptAsideAlone) {
+  server::Server& server = start({"--database-connections", "1"});
+  inParallel(12, [&](int i) {
+    ChunkBody chunk{.device = "D" + std::to_string(i), .events = 1};
+    // The key of an index must be short, so the database refuses this one. The text must not be compressible.
+    if (i == 5) {
+      chunk.event.clear();
+      for (int j = 0; j < 1500; ++j) chunk.event += std::to_string((j * 7919L * j) % 99991);
+    }
+    if (i == 6) chunk.session.assign(600, 's');
+    EXPECT_EQ(post(server.port(), chunk.text()).status, 200) << i;
+  });
+  EXPECT_EQ(count("events"), 10);
+  EXPECT_EQ(count("quarantine", "device = 'D5' AND reason LIKE '%index%'"), 1);
+
+  EXPECT_EQ(count("quarantine", "reason LIKE 'an id %'"), 1);
+
+  EXPECT_EQ(post(server.port(), "{\"sdk_info\":").status, 200);
+  EXPECT_EQ(post(server.port(), "{}").status, 200);
+  EXPECT_EQ(post(server.port(), "{}").status, 200);
+  EXPECT_EQ(post(server.port(), std::string("\0\xff", 2)).status, 200);
+  EXPECT_EQ(count("quarantine", "reason = 'sdk_info is missing' AND arrivals = 2 AND body = '{}'::bytea"), 1);
+  EXPECT_EQ(count("quarantine", "reason LIKE '%not JSON%'"), 2);
+  EXPECT_EQ(metric(server, "quarantined_total"), 6);
+
+  ChunkBody zeros{.device = "Z", .events = 1, .event = R"(a\u0000\\u0000)", .attributes = R"({"\u0000":"\u0000"})"};
+  EXPECT_EQ(post(server.port(), zeros.text()).status, 200);
+  EXPECT_EQ(count("events", R"(name = E'a\uFFFD\\u0000')"), 1);
+  EXPECT_EQ(count("devices", R"(user_attributes = '{"\uFFFD":"\uFFFD"}')"), 1);
+
+  const server::Server& strict = start({"--strict"});
+  const HTTPAnswer refused = post(strict.port(), R"({"strict":1})");
+  EXPECT_EQ(refused.status, 400);
+  EXPECT_NE(refused.body.find("sdk_info is missing"), std::string::npos);
+  EXPECT_EQ(count("quarantine"), 5);
+}
+
+TEST_F(Outages, ConnectionsThatBreakAndADeadDatabaseCostNoChunkAndNoDuplicate) {
+  const std::vector<int> ports{start({"--retry-after", "7"}).port(), start().port()};
+  constexpr int kDevices = 8, kChunks = 40;
+  std::atomic<bool> isDone{false};
+  std::thread killer([&] {
+    while (!isDone) {
+      sql("SELECT count(pg_terminate_backend(pid)) FROM pg_stat_activity WHERE application_name = 'kelvo-server'"
+          " AND query LIKE '%INSERT%'");
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
+  });
+  inParallel(kDevices, [&](int device) {
+    for (int i = 1; i <= kChunks; ++i) {
+      EXPECT_TRUE(deliver(ports, {.device = "D" + std::to_string(device), .number = i, .ratings = i}));
+    }
+  });
+  isDone = true;
+  killer.join();
+  EXPECT_EQ(count("events"), kDevices * kChunks * 2);
+  EXPECT_EQ(count("chunks"), kDevices * kChunks);
+  EXPECT_EQ(count("sessions", "chunks = 40 AND events = 80 AND highest_chunk = 40"), kDevices);
+  EXPECT_EQ(count("aggregates", "count = 40"), kDevices * 2);
+
+  postgres("kill");
+  const HTTPAnswer away = post(ports[0], ChunkBody{.device = "late"}.text());
+  EXPECT_EQ(away.status, 503);
+  EXPECT_GE(away.retryAfter, 7);
+  EXPECT_LE(away.retryAfter, 21);
+  EXPECT_EQ(get(ports[0], "/v2/api/" + app + "/sdk/enabled-status").status, 200) << "documents are in memory";
+  EXPECT_TRUE(eventually([&] { return get(servers[0]->adminPort(), "/readyz").status == 503; }));
+  EXPECT_EQ(get(servers[0]->adminPort(), "/healthz").status, 200);
+  postgres("start");
+  EXPECT_TRUE(deliver(ports, {.device = "late"}));
+  EXPECT_EQ(count("events", "device = 'late'"), 2);
+}
+
+TEST_F(Outages, ADeadlockIsTriedAgain) {
+  const server::Server& server = start();
+  ASSERT_EQ(post(server.port(), ChunkBody{}.text()).status, 200);
+  const auto deadlocks = [] {
+    return std::atoi(sql("SELECT deadlocks FROM pg_stat_database WHERE datname = current_database()").c_str());
+  };
+  const int before = deadlocks();
+  // The server locks the device, then the session. It waits first, so it is the one that PostgreSQL ends.
+  std::thread opposite([&] {
+    sql("BEGIN; UPDATE sessions SET seconds = 0 WHERE app = '" + app +
+        "'; SELECT pg_sleep(0.5);"
+        " UPDATE devices SET token = NULL WHERE app = '" +
+        app + "'; COMMIT");
+  });
+  EXPECT_TRUE(
+      eventually([] { return sql("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'PgSleep'") == "1"; }));
+  EXPECT_EQ(post(server.port(), ChunkBody{.number = 2}.text()).status, 200);
+  opposite.join();
+  EXPECT_GT(deadlocks(), before);
+  EXPECT_EQ(count("events"), 4);
+}
+
+TEST_F(Erasures, AnErasedDeviceLeavesAKeyedHashAndItsLateChunksAreDropped) {
+  const server::Server& server = start();
+  const auto erase = [&](const std::string& device, const std::string& secret) {
+    const std::string path = "/v2/api/user?appId=" + app + "&userId=" + device;
+    return send(server.port(), path, {}, {.method = "DELETE", .headers = {"X-Kelvo-Erase: " + secret}}).status;
+  };
+  const auto introduce = [&](const std::string& device, const std::string& secret) {
+    return send(server.port(), "/v2/api/user?appId=" + app, userInfo(device),
+                {.headers = {"X-Kelvo-Erase: " + secret}});
+  };
+  EXPECT_EQ(erase("D0", "s"), 404);
+  EXPECT_EQ(post(server.port(), ChunkBody{.device = "D0"}.text()).status, 200);
+  EXPECT_EQ(erase("D0", "s"), 403) << "no secret is known";
+  EXPECT_EQ(introduce("D0", "first").status, 200);
+  EXPECT_EQ(introduce("D0", "second").status, 200);
+  EXPECT_EQ(erase("D0", "second"), 403);
+  EXPECT_EQ(count("events"), 2);
+  EXPECT_EQ(count("devices", "erase_secret_hash LIKE '%first%'"), 0) << "the secret is hashed";
+  EXPECT_EQ(count("devices", R"(user_attributes = '{"plan":"gold"}')"), 1) << "a report is newer than each chunk";
+
+  constexpr int kDevices = 12;
+  for (int i = 1; i < kDevices; ++i) EXPECT_EQ(introduce("D" + std::to_string(i), "first").status, 200);
+  inParallel(kDevices * 3, [&](int i) {
+    const std::string device = "D" + std::to_string(i % kDevices);
+    if (i < kDevices) {
+      EXPECT_TRUE(eventually([&] { return erase(device, "first") != 503; }));
+      return;
+    }
+    for (int number = 1; number <= 5; ++number) {
+      EXPECT_TRUE(
+          deliver({server.port()}, {.device = device, .number = number, .events = 1 + i / kDevices, .ratings = 1}));
+    }
+  });
+  // The second chunk of each id is a conflict, so all tables were filled.
+  for (const char* table : {"events", "chunks", "sessions", "aggregates", "conflicts", "devices", "quarantine"}) {
+    EXPECT_EQ(count(table), 0) << table;
+  }
+  EXPECT_EQ(count("erased"), kDevices);
+  EXPECT_EQ(count("erased", "device_hash LIKE '%D1%'"), 0);
+  EXPECT_EQ(introduce("D0", "first").status, 200);
+  EXPECT_EQ(count("devices"), 0);
+  EXPECT_EQ(erase("D0", "first"), 404);
+  EXPECT_GT(metric(server, "dropped_total"), 0);
+  EXPECT_EQ(metric(server, "erasures_total"), kDevices);
+}
+
+}  // namespace
+}  // namespace kelvo::test

@@ -1,0 +1,123 @@
+#!/usr/bin/env python3
+"""Tests the functions that keep the partitions and delete data, with several connections at once.
+
+usage: scripts/postgres exec --fast tests/server/tables.py
+"""
+import pathlib
+import subprocess
+import sys
+import time
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+EVENT = ("INSERT INTO events (arrived, since_launch, time, app, session, device, kind, name)"
+         " VALUES ({day}, 0, now(), 'shop', 's-{device}', '{device}', 'app', '{name}');")
+TODAY = "(now() AT TIME ZONE 'UTC')::date"
+
+
+def start(sql):
+    return subprocess.Popen(["psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-c", sql], stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True)
+
+
+def finish(process):
+    out, error = process.communicate(timeout=30)
+    if process.returncode != 0:
+        raise RuntimeError(error)
+    return out.strip()
+
+
+def run(sql):
+    return finish(start(sql))
+
+
+class Blocker:
+    """A transaction that runs `sql` and then stays open until the block ends."""
+
+    def __init__(self, sql):
+        self.sql = sql
+
+    def __enter__(self):
+        self.process = subprocess.Popen(["psql", "-XqAt"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.process.stdin.write(f"BEGIN; {self.sql}; SELECT 'open';\n")
+        self.process.stdin.flush()
+        while self.process.stdout.readline().strip() != "open":
+            pass
+
+    def __exit__(self, *_):
+        self.process.stdin.write("COMMIT;\n")
+        self.process.communicate(timeout=30)
+
+
+class Partitions(unittest.TestCase):
+    def setUp(self):
+        run("DROP SCHEMA public CASCADE; CREATE SCHEMA public")
+        for file in sorted((ROOT / "tools/kelvo-server/schema").glob("*.sql")):
+            subprocess.run(["psql", "-Xq1", "-v", "ON_ERROR_STOP=1", "-f", str(file)], check=True)
+
+    def test_late_partitions_take_over_events_of_their_days_only(self):
+        run(EVENT.format(day=TODAY, device="d", name="Today")
+            + EVENT.format(day=TODAY + " - 9", device="d", name="Long ago"))
+        self.assertEqual(run("SELECT kelvo_add_partitions(), kelvo_add_partitions()"), "2|0")
+        self.assertEqual(run("SELECT name FROM events_default"), "Long ago")
+        self.assertEqual(run("SELECT count(*) FROM events"), "2")
+
+    def test_instances_add_partitions_at_the_same_time_while_chunks_commit(self):
+        run("SELECT kelvo_add_partitions(1)")
+        with Blocker(EVENT.format(day=TODAY, device="d", name="Open")):  # a commit under way, into another partition
+            instances = [start("SELECT kelvo_add_partitions(5)") for _ in range(6)]
+            self.assertEqual(sum(int(finish(instance)) for instance in instances), 4)
+
+    def test_a_long_query_delays_partitions_and_refuses_nothing(self):
+        with Blocker("SELECT count(*) FROM events"):
+            self.assertEqual(run("SELECT kelvo_add_partitions()"), "0")
+            run(EVENT.format(day=TODAY, device="d", name="Kept"))
+        self.assertEqual(run("SELECT kelvo_add_partitions()"), "2")
+        self.assertEqual(run(f"SELECT name FROM events WHERE arrived = {TODAY}"), "Kept")
+
+    def test_retention_drops_old_days_and_keeps_ids(self):
+        run(f"SELECT kelvo_add_partitions(4, {TODAY} - 3)")
+        for age in range(4):
+            run(EVENT.format(day=f"{TODAY} - {age}", device=f"d{age}", name=f"Age {age}")
+                + f"INSERT INTO sessions (app, session, device, started, arrived) VALUES ('shop', 's-d{age}', 'd{age}',"
+                f" now(), {TODAY} - {age});"
+                f"INSERT INTO chunks (app, session, number, device, fingerprint, events) VALUES ('shop', 's-d{age}', 1,"
+                f" 'd{age}', 'f', 1);")
+        drop = f"SELECT kelvo_drop_partitions({TODAY} - 1)"
+        with Blocker("SELECT count(*) FROM events"):
+            begun = time.monotonic()
+            self.assertEqual(run(drop), "0")
+            self.assertLess(time.monotonic() - begun, 3)  # commits wait behind it
+        self.assertEqual(run(drop), "2")
+        run(f"SELECT kelvo_delete_before({TODAY} - 1)")
+        self.assertEqual(run("SELECT string_agg(name, ', ' ORDER BY name) FROM events"), "Age 0, Age 1")
+        self.assertEqual(run("SELECT count(*) FROM sessions"), "2")
+        self.assertEqual(run("SELECT count(*) FROM chunks"), "4")
+
+    def test_an_erasure_waits_for_the_first_chunk_of_its_device_and_leaves_nothing(self):
+        rows = "".join(
+            f"INSERT INTO devices (app, device, reported) VALUES ('shop', '{device}', now());"
+            f"INSERT INTO chunks (app, session, number, device, fingerprint, events) VALUES ('shop', 's-{device}', 1,"
+            f" '{device}', 'f', 1);"
+            f"INSERT INTO sessions (app, session, device, started) VALUES ('shop', 's-{device}', '{device}', now());"
+            f"INSERT INTO aggregates (app, session, name, attribute, value, count) VALUES ('shop', 's-{device}', 'n', '',"
+            " '', 1);"
+            f"INSERT INTO conflicts (app, session, number, fingerprint, device, body) VALUES ('shop', 's-{device}', 1, 'g',"
+            f" '{device}', '{{}}');"
+            f"INSERT INTO quarantine (app, digest, reason, body) VALUES ('shop', '{device}', 'r', '<{device}');"
+            + EVENT.format(day=TODAY, device=device, name="Event") for device in ("gone", "stays"))
+        with Blocker(rows):
+            erasure = start("SELECT kelvo_erase('shop', 'gone', 'hash')")
+            time.sleep(0.3)
+            self.assertIsNone(erasure.poll())
+        self.assertEqual(finish(erasure), "t")
+        self.assertEqual(run("SELECT kelvo_erase('shop', 'gone', 'hash')"), "f")
+        for table in ("devices", "chunks", "sessions", "aggregates", "conflicts", "quarantine", "events"):
+            left = run(f"SELECT t::text FROM {table} AS t")
+            self.assertNotIn("gone", left.replace("676f6e65", "gone"), table)
+            self.assertEqual(len(left.splitlines()), 1, table)
+        self.assertEqual(run("SELECT device_hash FROM erased"), "hash")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1, argv=sys.argv)

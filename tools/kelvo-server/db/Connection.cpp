@@ -1,0 +1,261 @@
+#include "kelvo-server/db/Connection.h"
+
+#include <libpq-fe.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <utility>
+
+#include "kelvo-server/loop/Loop.h"
+
+namespace kelvo::server::db {
+namespace {
+
+namespace asio = boost::asio;
+using Error = boost::system::error_code;
+using Descriptor = asio::posix::stream_descriptor;
+
+constexpr std::chrono::seconds kLongestConnect{10};
+std::string nameOf(std::size_t statement) {
+  return "s" + std::to_string(statement);
+}
+
+Failure failureOf(const PGresult* result) {
+  const char* state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
+  return {state == nullptr ? "" : state, PQresultErrorMessage(result)};
+}
+
+}  // namespace
+
+struct Connection::Impl : std::enable_shared_from_this<Impl> {
+  Impl(Loop& theLoop, std::string theDatabase, std::span<const char* const> theStatements)
+      : database(std::move(theDatabase)),
+        statements(theStatements),
+        descriptor(theLoop.context()),
+        deadline(theLoop.context()) {}
+  ~Impl() { close(); }
+
+  void connect();
+  void pollConnect();
+  void waitForConnect(Descriptor::wait_type direction);
+  void prepare();
+  void send(const Query& query);
+  void flush();
+  void read();
+  void consume();
+  void take(PGresult* result);
+  void endBatch();
+  void fail(const std::string& message);
+  void close();
+  void limitTime(std::chrono::seconds most);
+
+  const std::string database;
+  const std::span<const char* const> statements;
+  PGconn* connection = nullptr;
+  Descriptor descriptor;
+  asio::steady_timer deadline;
+  std::function<void(std::optional<Failure>)> opened;  // null once it is called
+  std::function<void()> lost;
+  std::function<void()> notified;
+  Done done;  // of the batch that runs, else null
+  Outcome outcome;
+  bool isReady = false;
+  bool isFlushing = false;
+};
+
+void Connection::Impl::connect() {
+  limitTime(kLongestConnect);
+  // `database` may hold any further keyword, and overrides those before it.
+  const char* const keywords[] = {"application_name",
+                                  "keepalives_idle",
+                                  "keepalives_interval",
+                                  "keepalives_count",
+                                  "dbname",
+                                  "client_encoding",
+                                  nullptr};
+  const char* const values[] = {"kelvo-server", "10", "5", "3", database.c_str(), "UTF8", nullptr};
+  connection = PQconnectStartParams(keywords, values, 1);
+  if (connection == nullptr || PQstatus(connection) == CONNECTION_BAD) {
+    return fail(connection == nullptr ? "out of memory" : PQerrorMessage(connection));
+  }
+  waitForConnect(Descriptor::wait_write);
+}
+
+void Connection::Impl::pollConnect() {
+  switch (PQconnectPoll(connection)) {
+    case PGRES_POLLING_READING: return waitForConnect(Descriptor::wait_read);
+    case PGRES_POLLING_WRITING: return waitForConnect(Descriptor::wait_write);
+    case PGRES_POLLING_OK: return prepare();
+    default: return fail(PQerrorMessage(connection));
+  }
+}
+
+void Connection::Impl::waitForConnect(Descriptor::wait_type direction) {
+  // Each attempt may use another socket, so the loop forgets the last one.
+  if (descriptor.is_open()) descriptor.release();
+  descriptor.assign(PQsocket(connection));
+  descriptor.async_wait(direction, [self = shared_from_this()](Error error) {
+    if (!error && self->connection != nullptr) self->pollConnect();
+  });
+}
+
+void Connection::Impl::prepare() {
+  if (descriptor.is_open()) descriptor.release();
+  descriptor.assign(PQsocket(connection));
+  if (PQsetnonblocking(connection, 1) != 0 || PQenterPipelineMode(connection) != 1) {
+    return fail(PQerrorMessage(connection));
+  }
+  for (std::size_t i = 0; i < statements.size(); ++i) {
+    if (PQsendPrepare(connection, nameOf(i).c_str(), statements[i], 0, nullptr) != 1) {
+      return fail(PQerrorMessage(connection));
+    }
+  }
+  done = [this](Outcome prepared) {
+    if (prepared.failure) return fail(prepared.failure->message);
+    isReady = true;
+    if (auto call = std::exchange(opened, nullptr)) call(std::nullopt);
+  };
+  if (PQpipelineSync(connection) != 1) return fail(PQerrorMessage(connection));
+  read();
+  flush();
+}
+
+void Connection::Impl::send(const Query& query) {
+  std::vector<const char*> values;
+  std::vector<int> lengths;
+  for (const Parameter& each : query.parameters) {
+    values.push_back(each ? each->data() : nullptr);
+    lengths.push_back(each ? static_cast<int>(each->size()) : 0);
+  }
+  const std::vector<int> formats(values.size(), 1);
+  // The connection is dead if this fails; the next read notices.
+  static_cast<void>(PQsendQueryPrepared(connection, nameOf(query.statement).c_str(), static_cast<int>(values.size()),
+                                        values.data(), lengths.data(), formats.data(), 0));
+}
+
+void Connection::Impl::flush() {
+  if (isFlushing || connection == nullptr) return;
+  const int left = PQflush(connection);
+  if (left < 0) return fail(PQerrorMessage(connection));
+  if (left == 0) return;
+  isFlushing = true;
+  descriptor.async_wait(Descriptor::wait_write, [self = shared_from_this()](Error error) {
+    self->isFlushing = false;
+    if (!error) self->flush();
+  });
+}
+
+void Connection::Impl::read() {
+  descriptor.async_wait(Descriptor::wait_read, [self = shared_from_this()](Error error) {
+    if (error || self->connection == nullptr) return;
+    if (PQconsumeInput(self->connection) != 1) return self->fail(PQerrorMessage(self->connection));
+    self->consume();
+    if (self->connection == nullptr) return;
+    self->flush();
+    if (self->connection != nullptr) self->read();
+  });
+}
+
+void Connection::Impl::consume() {
+  bool hasNews = false;
+  while (PGnotify* notification = PQnotifies(connection)) {
+    PQfreemem(notification);
+    hasNews = true;
+  }
+  if (hasNews && notified) notified();
+  // A null result ends the results of one query; two in a row mean that nothing is left.
+  for (bool wasNull = false; connection != nullptr && done && PQisBusy(connection) == 0;) {
+    PGresult* result = PQgetResult(connection);
+    if (result == nullptr && std::exchange(wasNull, true)) break;
+    if (result == nullptr) continue;
+    wasNull = false;
+    take(result);
+  }
+  if (connection != nullptr && PQstatus(connection) == CONNECTION_BAD) fail(PQerrorMessage(connection));
+}
+
+void Connection::Impl::take(PGresult* result) {
+  Rows rows(result);
+  switch (PQresultStatus(result)) {
+    case PGRES_COMMAND_OK:
+    case PGRES_TUPLES_OK: outcome.rows.push_back(std::move(rows)); break;
+    case PGRES_PIPELINE_ABORTED: break;
+    case PGRES_PIPELINE_SYNC: endBatch(); break;
+    default:
+      if (!outcome.failure) outcome.failure = failureOf(result);
+      if (outcome.failure->isLoss()) fail(outcome.failure->message);
+  }
+}
+
+void Connection::Impl::endBatch() {
+  deadline.cancel();
+  // The callback may start the next batch.
+  const Done call = std::exchange(done, nullptr);
+  Outcome ended = std::exchange(outcome, {});
+  if (call) call(std::move(ended));
+}
+
+void Connection::Impl::fail(const std::string& message) {
+  const auto self = shared_from_this();  // a callback may release the connection
+  const bool wasReady = isReady;
+  close();
+  const Failure failure{"", message};
+  const Done call = std::exchange(done, nullptr);
+  const auto callOpened = std::exchange(opened, nullptr);
+  outcome = {};
+  if (callOpened) return callOpened(failure);
+  if (wasReady && lost) lost();
+  if (call) call({{}, failure});
+}
+
+void Connection::Impl::close() {
+  isReady = false;
+  deadline.cancel();
+  if (descriptor.is_open()) descriptor.release();
+  if (connection != nullptr) PQfinish(std::exchange(connection, nullptr));
+}
+
+void Connection::Impl::limitTime(std::chrono::seconds most) {
+  deadline.expires_after(most);
+  deadline.async_wait([weak = weak_from_this()](Error error) {
+    const auto self = weak.lock();
+    if (!error && self && self->connection != nullptr) self->fail("the database did not answer in time");
+  });
+}
+
+Connection::Connection(Loop& loop, std::string database, std::span<const char* const> statements)
+    : impl_(std::make_shared<Impl>(loop, std::move(database), statements)) {}
+
+Connection::~Connection() {
+  impl_->opened = nullptr;
+  impl_->lost = nullptr;
+  impl_->done = nullptr;
+  impl_->notified = nullptr;
+  impl_->close();
+}
+
+void Connection::open(std::function<void(std::optional<Failure>)> done, std::function<void()> lost) {
+  impl_->opened = std::move(done);
+  impl_->lost = std::move(lost);
+  impl_->connect();
+}
+
+void Connection::setNotified(std::function<void()> notified) {
+  impl_->notified = std::move(notified);
+}
+
+bool Connection::isReady() const noexcept {
+  return impl_->isReady;
+}
+
+void Connection::run(std::vector<Query> queries, Done done) {
+  if (!impl_->isReady) return done({{}, Failure{"", "the connection is closed"}});
+  impl_->done = std::move(done);
+  impl_->limitTime(kLongestBatch);
+  for (const Query& query : queries) impl_->send(query);
+  static_cast<void>(PQpipelineSync(impl_->connection));
+  impl_->flush();
+}
+
+}  // namespace kelvo::server::db
