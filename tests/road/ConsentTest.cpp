@@ -142,6 +142,7 @@ TEST_F(ConsentRoad, ADenialWritesOneFileAndALaterHostObeysIt) {
 TEST_F(ConsentRoad, TheSwitchOfTheMachineBeatsAGrant) {
   auto process = host({{"DO_NOT_TRACK", "1"}});
   play(process, {"ready", "consent granted", kStart, "everyCall", "consent granted", "consent denied", "consent"});
+  EXPECT_TRUE(process.waitForOutput("status 4 "));
   end(process);
   EXPECT_EQ(count(process.output(), "status 4 DO_NOT_TRACK"), 1U) << process.output();
   EXPECT_EQ(count(process.output(), "consent 2"), 1U);

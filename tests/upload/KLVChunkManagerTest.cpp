@@ -38,6 +38,7 @@ class Delegate final : public KLVChunkManagerDelegate {
   Texts done;  ///< the calls of the manager, in order
   std::vector<Dictionary> bodies;
   std::vector<HTTPCompletion> unanswered;
+  std::mutex stopMutex;  ///< guards the next two
   int cutsBeforeStop = 0;
   std::shared_ptr<std::promise<void>>
       stopped;  ///< kept by the cut of the current session after `cutsBeforeStop` others
@@ -56,9 +57,12 @@ class Delegate final : public KLVChunkManagerDelegate {
   void dispatchEvent(const std::shared_ptr<KLVEvent>&) override {}
   void waitUntilDelivered() override {}
   std::optional<std::uint64_t> numberOfEventsWithIdentifier(const std::optional<std::string>& id) override {
-    if (id == current && stopped && cutsBeforeStop-- == 0) {
-      std::exchange(stopped, nullptr)->set_value();
-      return std::nullopt;
+    {
+      const std::lock_guard lock(stopMutex);
+      if (id == current && stopped && cutsBeforeStop-- == 0) {
+        std::exchange(stopped, nullptr)->set_value();
+        return std::nullopt;
+      }
     }
     if (failsReads) return std::nullopt;
     std::uint64_t last = sessions[*id].empty() ? 0 : *sessions[*id].rbegin();
@@ -206,8 +210,13 @@ class ChunkManager : public testing::Test {
   /// last time.
   Texts happened() {
     for (int pass = 0; pass < 3; ++pass) {  // a slot that becomes free queues another task
-      delegate.cutsBeforeStop = 1;
-      auto stop = (delegate.stopped = std::make_shared<std::promise<void>>())->get_future();
+      const auto stopped = std::make_shared<std::promise<void>>();
+      auto stop = stopped->get_future();
+      {
+        const std::lock_guard lock(delegate.stopMutex);
+        delegate.cutsBeforeStop = 1;
+        delegate.stopped = stopped;
+      }
       manager->sendCurrentChunk();
       manager->sendCurrentChunk();
       stop.wait();

@@ -20,6 +20,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -75,10 +76,18 @@ Burst burst;  // its threads may still run after main has returned
 
 // --- Ends of the process, and child processes
 
+/// Writes one line to standard output. Callbacks of the library write, too.
+void say(const std::function<void(std::ostream& out)>& write) {
+  static std::mutex mutex;
+  const std::lock_guard lock(mutex);
+  write(std::cout);
+  std::cout << std::endl;
+}
+
 /// Prints the time, in milliseconds of the steady clock, and ends the process.
 [[noreturn]] void leave() {
   const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now().time_since_epoch());
-  std::cout << "leaving at " << now.count() << std::endl;
+  say([&](std::ostream& out) { out << "leaving at " << now.count(); });
   std::exit(kLeft);
 }
 
@@ -114,7 +123,7 @@ void fault() {
 /// Prints the outcome as a number, and the reason.
 void flush(const std::string& milliseconds) {
   const auto result = KelvoSDK::flushAndWait(std::chrono::milliseconds(std::stoi(milliseconds)));
-  std::cout << "flushed " << static_cast<int>(result.outcome) << " " << result.reason << std::endl;
+  say([&](std::ostream& out) { out << "flushed " << static_cast<int>(result.outcome) << " " << result.reason; });
 }
 
 void forkChildren(const std::string& count) {
@@ -123,7 +132,9 @@ void forkChildren(const std::string& count) {
     if (child == 0) liveAsChild();
     int status = 0;
     waitpid(child, &status, 0);
-    std::cout << "child ended with " << (WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status)) << std::endl;
+    say([&](std::ostream& out) {
+      out << "child ended with " << (WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status));
+    });
   }
 }
 
@@ -150,8 +161,10 @@ void printLimitSignal() {
   sigset_t blocked, pending;
   pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
   sigpending(&pending);
-  std::cout << "SIGXFSZ " << (sigismember(&blocked, SIGXFSZ) == 1 ? "blocked" : "free")
-            << (sigismember(&pending, SIGXFSZ) == 1 ? " pending" : "") << std::endl;
+  say([&](std::ostream& out) {
+    out << "SIGXFSZ " << (sigismember(&blocked, SIGXFSZ) == 1 ? "blocked" : "free")
+        << (sigismember(&pending, SIGXFSZ) == 1 ? " pending" : "");
+  });
 }
 
 /// Limits the size of files. With the word "blocked", this thread also blocks SIGXFSZ and keeps one pending.
@@ -212,8 +225,10 @@ void makeEveryCall() {
   Services::getDataFromURLPath("/", [](auto&) {});
   KelvoSDK::flush(std::chrono::hours(1), [](auto&) {});
   const auto flushed = KelvoSDK::flushAndWait(std::chrono::milliseconds(10));
-  std::cout << (KelvoSDK::getDeviceID() ? "an id " : "no id ") << KelvoSDK::describeData().empty() << ' '
-            << static_cast<int>(flushed.outcome) << ' ' << flushed.reason << std::endl;
+  say([&](std::ostream& out) {
+    out << (KelvoSDK::getDeviceID() ? "an id " : "no id ") << KelvoSDK::describeData().empty() << ' '
+        << static_cast<int>(flushed.outcome) << ' ' << flushed.reason;
+  });
 }
 
 // --- Options and status
@@ -240,7 +255,9 @@ void startWithOptions(const std::string& text) {
     if (name == "consent") options.consentRequired = value == "required";
     if (name == "held") options.maxHeldCalls = std::stoul(value);
     if (name == "sink") {
-      options.logSink = [](kelvo::LogLevel, std::string_view line) { std::cout << "sink " << line << std::endl; };
+      options.logSink = [](kelvo::LogLevel, std::string_view line) {
+        say([&](std::ostream& out) { out << "sink " << line; });
+      };
     }
   }
   KelvoSDK::start(options);
@@ -248,7 +265,7 @@ void startWithOptions(const std::string& text) {
 
 /// Prints the number of the state, as in `KelvoSDK::State`, and the reason.
 void printStatus(const KelvoSDK::Status& status) {
-  std::cout << "status " << static_cast<int>(status.state) << ' ' << status.reason << std::endl;
+  say([&](std::ostream& out) { out << "status " << static_cast<int>(status.state) << ' ' << status.reason; });
 }
 
 // --- Words
@@ -269,7 +286,7 @@ const std::map<std::string, Word>& words() {
        [](auto& text) {
          if (text == "granted") return KelvoSDK::setConsent(kelvo::Consent::granted);
          if (text == "denied") return KelvoSDK::setConsent(kelvo::Consent::denied);
-         std::cout << "consent " << static_cast<int>(KelvoSDK::consent()) << std::endl;
+         say([&](std::ostream& out) { out << "consent " << static_cast<int>(KelvoSDK::consent()); });
        }},
       {"everyCall", [](auto&) { makeEveryCall(); }},
       {"foreground", [](auto&) { Application::didBecomeActive(); }},

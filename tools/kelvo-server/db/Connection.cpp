@@ -1,5 +1,6 @@
 #include "kelvo-server/db/Connection.h"
 
+#include <fcntl.h>
 #include <libpq-fe.h>
 
 #include <boost/asio/io_context.hpp>
@@ -38,6 +39,7 @@ struct Connection::Impl : std::enable_shared_from_this<Impl> {
 
   void connect();
   void pollConnect();
+  void watch();
   void waitForConnect(Descriptor::wait_type direction);
   void prepare();
   void send(const Query& query);
@@ -92,17 +94,23 @@ void Connection::Impl::pollConnect() {
 }
 
 void Connection::Impl::waitForConnect(Descriptor::wait_type direction) {
-  // Each attempt may use another socket, so the loop forgets the last one.
-  if (descriptor.is_open()) descriptor.release();
-  descriptor.assign(PQsocket(connection));
+  watch();  // each attempt may use another socket
   descriptor.async_wait(direction, [self = shared_from_this()](Error error) {
     if (!error && self->connection != nullptr) self->pollConnect();
   });
 }
 
+/// The loop watches a copy of the socket's descriptor: libpq closes its own when the connection breaks, and another
+/// thread may get the same number before the loop forgets it.
+void Connection::Impl::watch() {
+  Error ignored;
+  if (descriptor.is_open()) static_cast<void>(descriptor.close(ignored));
+  const int copy = ::fcntl(PQsocket(connection), F_DUPFD_CLOEXEC, 0);
+  if (copy >= 0) static_cast<void>(descriptor.assign(copy, ignored));  // else the waits fail
+}
+
 void Connection::Impl::prepare() {
-  if (descriptor.is_open()) descriptor.release();
-  descriptor.assign(PQsocket(connection));
+  watch();
   if (PQsetnonblocking(connection, 1) != 0 || PQenterPipelineMode(connection) != 1) {
     return fail(PQerrorMessage(connection));
   }
@@ -212,7 +220,8 @@ void Connection::Impl::fail(const std::string& message) {
 void Connection::Impl::close() {
   isReady = false;
   deadline.cancel();
-  if (descriptor.is_open()) descriptor.release();
+  Error ignored;
+  if (descriptor.is_open()) static_cast<void>(descriptor.close(ignored));
   if (connection != nullptr) PQfinish(std::exchange(connection, nullptr));
 }
 
