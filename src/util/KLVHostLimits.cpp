@@ -12,7 +12,7 @@ struct Chosen {
   KLVHostLimits limits GUARDED_BY(mutex);
 };
 
-Chosen& chosen() {
+Chosen& chosenLimits() {
   static Immortal<Chosen> instance;
   return *instance;
 }
@@ -22,15 +22,15 @@ Chosen& chosen() {
 std::atomic<std::size_t> KLVHostLimits::waitingCalls{KLVHostLimits().mostWaitingCalls};
 
 KLVHostLimits KLVHostLimits::current() noexcept {
-  const Lock lock(chosen().mutex);
-  KLVHostLimits limits = chosen().limits;
+  const Lock lock(chosenLimits().mutex);
+  KLVHostLimits limits = chosenLimits().limits;
   if (!limits.mostStoredBytes) limits.mostStoredBytes = KLVDeliveryRules::current().mostStoredBytes;
   return limits;
 }
 
 void KLVHostLimits::choose(const KLVHostLimits& limits) noexcept {
-  const Lock lock(chosen().mutex);
-  chosen().limits = limits;
+  const Lock lock(chosenLimits().mutex);
+  chosenLimits().limits = limits;
   waitingCalls.store(limits.mostWaitingCalls, std::memory_order_relaxed);
 }
 
