@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,6 +15,15 @@ struct KLVDeletion {
   std::string appId;
   std::string userId;  ///< the id of the erased device
   std::string secret;  ///< made with the device id; proves that the request comes from this device
+
+  /// Returns true if both ask for the deletion of the same device.
+  [[nodiscard]] bool isForDeviceOf(const KLVDeletion& other) const {
+    return appId == other.appId && userId == other.userId;
+  }
+  /// Returns true if one of `deletions` is for the same device.
+  [[nodiscard]] bool isIn(const std::vector<KLVDeletion>& deletions) const {
+    return std::any_of(deletions.begin(), deletions.end(), [this](const auto& each) { return isForDeviceOf(each); });
+  }
 };
 
 /// The file Library/com.kelvo.consent.json, mode 0600. It is the only file that an erasure keeps.

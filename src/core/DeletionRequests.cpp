@@ -1,6 +1,5 @@
 #include "core/DeletionRequests.h"
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -16,18 +15,8 @@ using Trigger = KLVResendPolicy::Trigger;
 constexpr long kErased = 200;
 constexpr long kUnknown = 404;  // the service has nothing of this device
 
-bool isSame(const KLVDeletion& left, const KLVDeletion& right) {
-  return left.appId == right.appId && left.userId == right.userId;
-}
-
-bool contains(const std::vector<KLVDeletion>& deletions, const KLVDeletion& wanted) {
-  return std::any_of(deletions.begin(), deletions.end(), [&](const auto& each) { return isSame(each, wanted); });
-}
-
 void remove(std::vector<KLVDeletion>& deletions, const KLVDeletion& answered) {
-  deletions.erase(
-      std::remove_if(deletions.begin(), deletions.end(), [&](const auto& each) { return isSame(each, answered); }),
-      deletions.end());
+  std::erase_if(deletions, [&](const auto& each) { return each.isForDeviceOf(answered); });
 }
 
 }  // namespace
@@ -37,7 +26,7 @@ void DeletionRequests::resume() {
     queue_.assertCurrent();
     bool isOneNew = false;
     for (const KLVDeletion& each : KLVConsentFile::read().deletions) {
-      if (contains(waiting_, each)) continue;
+      if (each.isIn(waiting_)) continue;
       waiting_.push_back(each);
       isOneNew = true;
     }

@@ -51,12 +51,10 @@ void HeldCalls::open(const std::function<void(Calls&)>& take) {
   isOpen_ = true;
 }
 
-HeldCalls::Calls HeldCalls::close() {
-  auto dropped = clear(KLVLedgerEntry::notStored);
+void HeldCalls::close() {
   const Lock lock(mutex_);
   limit_.reset();
   isOpen_ = false;
-  return dropped;
 }
 
 HeldCalls::Calls HeldCalls::clear(KLVLedgerEntry fate) {

@@ -39,9 +39,9 @@ class HeldCalls {
   void limit(std::size_t mostCalls) EXCLUDES(mutex_);
   /// Has `take` submit the kept calls. Later calls are not kept, so they follow them. `take` must not block.
   void open(const std::function<void(Calls&)>& take) EXCLUDES(mutex_);
-  /// An erasure begins: keeps every later call again, without a limit. Returns the kept calls, for the caller to drop.
-  [[nodiscard]] Calls close() EXCLUDES(mutex_);
-  /// Returns the kept calls, for the caller to drop, and keeps the later ones. The ledger counts the events under
+  /// Keeps every later call again, without a limit: for an erasure.
+  void close() EXCLUDES(mutex_);
+  /// Forgets the kept calls. Returns them, for the caller to destroy without a lock. The ledger counts the events under
   /// `fate`.
   [[nodiscard]] Calls clear(KLVLedgerEntry fate) EXCLUDES(mutex_);
   /// The same as `open` without `take`: drops the kept calls and counts their events.
@@ -57,7 +57,7 @@ class HeldCalls {
 
   std::atomic<bool> isOpen_{false};
   std::atomic<std::uint64_t> events_{0};
-  Mutex mutex_;  ///< also orders the last kept calls before the first that is not kept
+  Mutex mutex_;  ///< `open` holds it, so that no later call overtakes the kept ones
   Calls calls_ GUARDED_BY(mutex_);
   std::optional<std::size_t> limit_ GUARDED_BY(mutex_);
   std::size_t reports_ GUARDED_BY(mutex_) = 0;  ///< calls of the kind `report`

@@ -1,6 +1,5 @@
 #include "core/HomeErasure.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <filesystem>
 #include <system_error>
@@ -106,11 +105,7 @@ bool HomeErasure::finish() {
 
 void HomeErasure::note(KLVConsentFile& file) const {
   file.isErasing = true;
-  if (!deletion_) return;
-  const auto isNoted = [this](const KLVDeletion& each) {
-    return each.appId == deletion_->appId && each.userId == deletion_->userId;
-  };
-  if (std::none_of(file.deletions.begin(), file.deletions.end(), isNoted)) file.deletions.push_back(*deletion_);
+  if (deletion_ && !deletion_->isIn(file.deletions)) file.deletions.push_back(*deletion_);
 }
 
 }  // namespace kelvo

@@ -60,7 +60,7 @@ void KLVConsentControl::pastStart(const std::string& userIdentifier) {
     const Lock lock(consentMutex_);
     isRequired_ = HostSettings::shared().requiresConsent();
     given = std::exchange(decision_, decision_ ? decision_ : file.decision);
-    applied_ = file.decision;
+    submitted_ = file.decision;
     isUndecided = isRequired_ && !decision_;
     waits = isUndecided && !isOff;
     begins = !waits && !isOff && decision_ != Consent::denied;
@@ -122,9 +122,13 @@ void KLVConsentControl::erase() {
     const Lock lock(consentMutex_);
     isDecided = phase_ == Phase::decided;
   }
-  if (isDecided) return eraseAll(consent() != Consent::denied);
-  static_cast<void>(heldCalls_.clear(KLVLedgerEntry::droppedBeforeConsent));
-  eraseAtStart();
+  if (!isDecided) {
+    static_cast<void>(heldCalls_.clear(KLVLedgerEntry::droppedBeforeConsent));
+    return eraseAtStart();
+  }
+  heldCalls_.close();
+  static_cast<void>(heldCalls_.clear(KLVLedgerEntry::notStored));
+  eraseAll(consent() != Consent::denied);
 }
 
 void KLVConsentControl::setConsent(Consent consent) {
@@ -141,25 +145,26 @@ void KLVConsentControl::setConsent(Consent consent) {
   // Where the library is switched off, it touches nothing. Only what an earlier launch has stored is erased.
   if (isOff && (consent == Consent::granted || !Directories::existingLibrary())) return;
   letThreadsStart();
-  {
-    const Lock lock(consentMutex_);
-    phase_ = Phase::decided;
+  HeldCalls::Calls dropped;  // destroyed without the mutex: they may own objects of the host
+  const Lock lock(consentMutex_);
+  phase_ = Phase::decided;
+  const auto before = std::exchange(submitted_, consent);
+  // A denial, and a grant that follows one, drop the earlier calls and hold the later ones until the erasure ends. So
+  // each call has the consent of its own moment, however late the queue applies the decisions.
+  const bool hasBegun = std::exchange(hasBegun_, true);
+  const bool endsDenial = hasBegun && consent == Consent::granted && before == Consent::denied;
+  if (endsDenial || (consent == Consent::denied && (before != consent || !hasBegun))) {
+    heldCalls_.close();
+    dropped = heldCalls_.clear(hasBegun ? KLVLedgerEntry::notStored : KLVLedgerEntry::droppedBeforeConsent);
   }
-  controllerSerialQueue_.async([this, consent] {
+  controllerSerialQueue_.async([this, consent, before, hasBegun] {
     controllerSerialQueue_.assertCurrent();
-    applyConsent(consent);
+    applyConsent(consent, before, hasBegun);
   });
 }
 
-void KLVConsentControl::applyConsent(Consent consent) {
+void KLVConsentControl::applyConsent(Consent consent, const std::optional<Consent>& before, bool hasBegun) {
   const bool isDenied = consent == Consent::denied;
-  std::optional<Consent> before;
-  bool hasBegun = false;
-  {
-    const Lock lock(consentMutex_);
-    before = std::exchange(applied_, consent);
-    hasBegun = std::exchange(hasBegun_, true);
-  }
   if (before != consent) {
     // The same write announces the erasure: a kill before its end leaves no data behind. The decision also counts if
     // the write fails, which is logged.
@@ -170,9 +175,9 @@ void KLVConsentControl::applyConsent(Consent consent) {
   }
   if (!isDenied) {
     if (!hasBegun) return beginAfterDecision();
-    if (before == Consent::denied) startAgain();
+    // Nothing is left to erase. Calls of the time without consent may still be on the bus: an erasure drops them.
+    if (before == Consent::denied) eraseAll(true);
   } else if (!hasBegun || before != consent) {
-    heldCalls_.drop();
     if (!hasBegun) stayDenied();
     Readiness::shared().set(Readiness::State::consentDenied, kDenied);
     eraseAll(false);

@@ -13,8 +13,6 @@
 
 namespace kelvo {
 
-struct KLVConsentFile;
-
 /// The base class of the controller that knows what the user has decided. Every host call goes through it. Thread: any.
 ///
 /// | Phase       | Meaning                                            | Host calls                          |
@@ -27,8 +25,8 @@ struct KLVConsentFile;
 /// file. In the phase decided, `CollectionGate` stores or refuses what a call carries.
 class KLVConsentControl {
  public:
-  /// Remembers the decision and applies it. A file in the home has it before anything else happens. Before the start,
-  /// it is kept in memory, and the start applies it.
+  /// Remembers the decision and applies it. The home's consent file has it before any later call is stored, and before
+  /// anything is erased. Before the start, the decision is kept in memory, and the start applies it.
   void setConsent(Consent consent) EXCLUDES(consentMutex_);
   [[nodiscard]] Consent consent() EXCLUDES(consentMutex_);
   [[nodiscard]] bool waitsForConsent() EXCLUDES(consentMutex_);
@@ -44,13 +42,12 @@ class KLVConsentControl {
   /// Returns the number of held calls that make an event.
   [[nodiscard]] std::uint64_t heldEvents() const noexcept { return heldCalls_.events(); }
 
-  /// Erases all data of the device and, if any was sent, asks the service to delete its copy. Returns at once.
+  /// Erases all data of the device and, if any was sent, asks the service to delete its copy. If `collectsAfterwards`,
+  /// the library then starts again as a new device. Returns at once.
   virtual void eraseAll(bool collectsAfterwards) = 0;
   /// The same for `KelvoSDK::erase`. Before the user's decision, drops the held calls, and has the start erase the
   /// home.
   void erase() EXCLUDES(consentMutex_);
-  /// After an erasure or a denial: step A again, with new records.
-  virtual void startAgain() = 0;
 
  protected:
   KLVConsentControl() = default;
@@ -81,15 +78,17 @@ class KLVConsentControl {
 
   void begin(const std::string& userIdentifier);
   void beginAfterDecision() EXCLUDES(consentMutex_) REQUIRES(controllerSerialQueue_);
-  void applyConsent(Consent consent) EXCLUDES(consentMutex_) REQUIRES(controllerSerialQueue_);
+  /// `before`: the decision that it replaces. `hasBegun`: step A was submitted or ruled out before.
+  void applyConsent(Consent consent, const std::optional<Consent>& before, bool hasBegun) EXCLUDES(consentMutex_)
+      REQUIRES(controllerSerialQueue_);
   void stayDenied();
 
   Mutex consentMutex_;  ///< held for assignments only
   Phase phase_ GUARDED_BY(consentMutex_) = Phase::beforeStart;
   bool isRequired_ GUARDED_BY(consentMutex_) = false;
   bool hasBegun_ GUARDED_BY(consentMutex_) = false;  ///< step A was submitted or ruled out: a later grant starts again
-  std::optional<Consent> decision_ GUARDED_BY(consentMutex_);  ///< the latest of the host, else that of the home
-  std::optional<Consent> applied_ GUARDED_BY(consentMutex_);   ///< the one in effect on the controller's queue
+  std::optional<Consent> decision_ GUARDED_BY(consentMutex_);   ///< the latest of the host, else that of the home
+  std::optional<Consent> submitted_ GUARDED_BY(consentMutex_);  ///< the latest one on its way to `applyConsent`
   std::string userIdentifier_ GUARDED_BY(consentMutex_);
   std::vector<std::function<void()>> waiters_ GUARDED_BY(consentMutex_);
 };

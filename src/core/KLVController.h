@@ -59,7 +59,6 @@ class KLVController final : public KLVEventListener,
   [[nodiscard]] bool isSDKInitCalled() { return gateState() != CollectionGate::State::idle; }
   [[nodiscard]] bool hasStarted();  ///< the start-up has ended; without the home, the state may still be initialising
   void eraseAll(bool collectsAfterwards) override { erasure_.begin(collectsAfterwards); }
-  void startAgain() override { erasure_.startAgain(); }
   [[nodiscard]] bool leavesEventsToNextLaunch();  ///< without the home, under the rules `complete`
 
   // --- Host calls. `KLVConsentControl` holds each of them until the user has decided.

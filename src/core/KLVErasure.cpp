@@ -24,25 +24,15 @@ void leaveToNextLaunch() {
 }  // namespace
 
 void KLVErasure::begin(bool collectsAfterwards) {
-  HeldCalls::Calls dropped;  // destroyed without the mutex: they may own objects of the host
   {
     const Lock lock(controller_.mutex_);
     collectsAfterwards_ = collectsAfterwards;
     controller_.gate_.close();
-    dropped = controller_.heldCalls_.close();
+    controller_.heldCalls_.close();
     if (std::exchange(isUnderWay_, true)) return;
     ++generation_;
   }
-  KLV_INFO("Erasing all data");
   queue_.async([this] { drain(); });
-}
-
-void KLVErasure::startAgain() {
-  const Lock lock(controller_.mutex_);
-  collectsAfterwards_ = true;
-  if (isUnderWay_ || controller_.gate_.state() != CollectionGate::State::terminated) return;
-  controller_.gate_.reopen();
-  beginGeneration();
 }
 
 void KLVErasure::beginGeneration() {
@@ -78,6 +68,7 @@ bool KLVErasure::takeHome() {
 
 void KLVErasure::drain() {
   const bool isNeedless = HomeErasure::isNeedless();
+  if (!isNeedless) KLV_INFO("Erasing all data");
   std::shared_ptr<HomeErasure> home;  // none: there is nothing to erase, or another process has the home
   if (isNeedless) {
     static_cast<void>(KLVConsentFile::change([](KLVConsentFile& file) { file.isErasing = false; }));

@@ -33,8 +33,6 @@ class KLVErasure {
   /// Begins an erasure. One that is under way also serves this call, because nothing new is stored before its end.
   /// `collectsAfterwards` of the latest call counts.
   void begin(bool collectsAfterwards);
-  /// Starts the library again if it is terminated, or lets the erasure under way end in a start.
-  void startAgain();
   /// Has the start-up erase the home first.
   void eraseAtStart() { erasesAtStart_ = true; }
   /// Calls `task` at once, or once the kept calls of the erasure under way are on their way.
@@ -45,7 +43,7 @@ class KLVErasure {
   /// Runs `work` on the lifecycle queue, unless an erasure has begun after `generation` was returned.
   void perform(std::uint64_t generation, std::function<void()> work);
 
-  /// Finishes an erasure that a kill has interrupted, or that the host has wanted before the start. Returns false if
+  /// Finishes an erasure that a kill has interrupted, or that the host has asked for before the start. Returns false if
   /// the home still has old data: nothing may be collected then. Blocks on the disk. Thread: the controller's queue, or
   /// the lifecycle queue.
   [[nodiscard]] bool finishInterrupted();

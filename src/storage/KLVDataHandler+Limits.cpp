@@ -66,7 +66,7 @@ bool deleteUntilFreed(KLVDataHandlerJobs& jobs, std::uint64_t bytes,
   });
 }
 
-/// Runs until nothing is left to give back. Other jobs run between the steps.
+/// Gives all free space of the database file back, in steps. Other jobs run between the steps.
 void giveAllSpaceBack(const std::shared_ptr<KLVDataHandlerJobs>& jobs, bool isBegun = false) {
   jobs->async([jobs, isBegun] {
     auto* store = jobs->store();

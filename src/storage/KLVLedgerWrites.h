@@ -12,8 +12,8 @@ namespace kelvo {
 class FMKLVDatabase;
 class KLVPersistantStore;
 
-/// Counts `events` under `entry` in the transaction of the current job. They count once it is committed. Returns true:
-/// nothing is written before the jobs of the transaction are done.
+/// Counts `events` under `entry` in the transaction of the current job: the count is lost if the transaction is rolled
+/// back. Always returns true, because the last statement of the transaction writes the count.
 [[nodiscard]] bool countInLedger(KLVPersistantStore& store, KLVLedgerEntry entry, std::int64_t events);
 
 /// Returns the table of the ledger, from entry to sum; nullopt if it cannot be read.

@@ -26,9 +26,11 @@ class CoreTest : public testing::Test {
   static KLVController& controller() { return KLVController::sharedController(); }
   /// The controller as the chunk manager calls it.
   static KLVChunkManagerDelegate& chunkDelegate() { return controller(); }
+  /// Starts the library, and blocks until the session exists, unless collection is disabled.
   static void start() {
     controller().initializeWithKelvoID("shop");
     while (!controller().hasStarted()) std::this_thread::sleep_for(1ms);
+    settle();
   }
   /// Blocks until the data of all earlier calls is stored and the chunks cut so far are posted.
   static void settle() {

@@ -37,11 +37,8 @@ class Erase : public Road {
   /// Returns the files of the home whose name or content has `text`.
   [[nodiscard]] Texts filesWith(const std::string& text) const {
     Texts found;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(homeOfLaunches())) {
-      const std::string path = entry.path();
-      if (path.find(text) != std::string::npos || (entry.is_regular_file() && count(contentOf(path), text) > 0)) {
-        found.push_back(path);
-      }
+    for (const auto& path : files()) {
+      if (count(path, text) + count(contentOf(path), text) > 0) found.push_back(path);
     }
     return found;
   }
@@ -109,6 +106,7 @@ TEST_F(Erase, LeavesNothingAndGoesOnAsANewDevice) {
   host.log("TraceUnsent").call("erase").log("After").untilReady().call("getDeviceID");
   ASSERT_TRUE(service.waitFor(1, kDeletion));
   EXPECT_EQ(deletions(id).back().header("x-kelvo-erase"), keptSecret);
+  EXPECT_EQ(service.requests("/chunks").front().header("x-kelvo-erase"), keptSecret);
   EXPECT_EQ(filesWith(id), Texts{consentFile()}) << "only the request itself needs it";
   EXPECT_EQ(filesWith(kTrace), Texts());
   EXPECT_EQ(host.quit(), 0) << host.errors();
@@ -135,9 +133,7 @@ TEST_F(Erase, ADenialErasesAndAGrantBeginsAsANewDevice) {
   service.answer(kDeletion, Script(200));
   const auto fileNames = [this] {
     std::set<std::string> names;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(homeOfLaunches())) {
-      if (entry.is_regular_file()) names.insert(entry.path().filename());
-    }
+    for (const auto& path : files()) names.insert(std::filesystem::path(path).filename());
     return names;
   };
   const std::set<std::string> whatADenialLeaves{"com.kelvo.consent.json", "com.kelvo.lock"};
@@ -159,6 +155,9 @@ TEST_F(Erase, ADenialErasesAndAGrantBeginsAsANewDevice) {
     host.writeLine("TraceRefused");
     host.writeLine("consent granted");
   }
+  host.writeLine("consent denied\nTraceRefused\nconsent granted\nOfTheSameMoment\nflush 20000");
+  ASSERT_TRUE(eventually([&] { return count(host.output(), "flushed 0") == 3; })) << host.output() << host.errors();
+  EXPECT_FALSE(chunkWith("OfTheSameMoment").isNull());
   host.writeLine("consent denied");
   host.closeInput();
   EXPECT_EQ(host.wait(), 0) << host.errors();

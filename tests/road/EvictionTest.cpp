@@ -90,9 +90,9 @@ class Eviction : public Road {
   [[nodiscard]] std::uint64_t bytesOfTheHome() const {
     std::uint64_t bytes = 0;
     for (const auto* part : {"/Library", "/Documents"}) {
-      for (const auto& entry : fs::recursive_directory_iterator(homeOfLaunches() + part)) {
+      for (const auto& path : files(part)) {
         std::error_code gone;
-        const auto size = entry.is_regular_file(gone) ? entry.file_size(gone) : 0;
+        const auto size = fs::file_size(path, gone);
         if (!gone) bytes += size;
       }
     }

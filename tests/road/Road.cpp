@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -26,6 +27,17 @@ Texts queried(const std::string& file, const std::string& query) {
   if (error != nullptr) rows.emplace_back(error);
   sqlite3_free(error);
   return rows;
+}
+
+Texts Road::files(const std::string& part) const {
+  namespace fs = std::filesystem;
+  Texts paths;
+  std::error_code failure;
+  for (fs::recursive_directory_iterator entry(homeOfLaunches_ + part, failure), end; entry != end;
+       entry.increment(failure)) {
+    if (entry->is_regular_file(failure)) paths.push_back(entry->path());
+  }
+  return paths;
 }
 
 Texts Road::stored(const std::string& query) const {

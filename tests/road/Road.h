@@ -114,6 +114,8 @@ class Road : public testing::Test {
   void moveToFreshHome(const std::string& name) { homeOfLaunches_ = home() + "/" + name; }
   [[nodiscard]] const std::string& homeOfLaunches() const { return homeOfLaunches_; }
 
+  /// Returns the paths of all files in the home, or in `part` of it. The host may create and delete files meanwhile.
+  [[nodiscard]] Texts files(const std::string& part = {}) const;
   /// Runs an SQL query on the database of the home. Returns one text for each row, with columns joined by "|"; an error
   /// is a row, too.
   [[nodiscard]] Texts stored(const std::string& query) const;

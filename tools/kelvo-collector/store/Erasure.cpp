@@ -47,8 +47,8 @@ std::string hashOfSecret(Database& database, const std::string& secret) {
   return keyedHash(database, "secret " + secret);
 }
 
-/// Deletes the requests of the device, and returns their number. Requests of no known device that contain the id were
-/// unreadable, or came before an update of the collector.
+/// Deletes the requests of the device, and returns their number. Also deletes requests that contain the id but are kept
+/// under no device: the collector could not read them, or its earlier version stored them.
 std::int64_t eraseRequests(Database& database, const Device& device, const std::string& name) {
   Database::Query(database,
                   "UPDATE requests SET target = replace(target, ?3, ?4), headers = '{}', body = x'', device = ''"
