@@ -168,5 +168,25 @@ TEST_F(LedgerOfThisProcess, CountsTheCallsThatADisabledServiceRefuses) {
   EXPECT_EQ(counts(), (Counts{{"logged", 5}, {"refusedDisabled", 5}}));
 }
 
+TEST_F(LedgerOfThisProcess, BeginsAnewAfterAnErasure) {
+  KLVDeliveryRules::choose(KLVDeliveryRules::complete);
+  start();
+  const auto before = KelvoSDK::ledger().thisProcess;
+  for (int i = 0; i < 100; ++i) KelvoSDK::logAppEventWithName("Erased");
+  KelvoSDK::erase();
+  for (int i = 0; i < 3; ++i) KelvoSDK::logAppEventWithName("Kept");
+  ASSERT_EQ(KelvoSDK::flushAndWait(10s).outcome, FlushOutcome::delivered);
+  settled();
+  const auto after = KelvoSDK::ledger().thisProcess;
+  EXPECT_EQ(after.waitingInMemory, 0U);
+  EXPECT_GE(after.logged, before.logged + 103);
+  EXPECT_EQ(after.logged,
+            after.refused.total() + after.ignored + after.counted + after.forPlugins + after.stored + after.notStored);
+  const auto& sums = KelvoSDK::ledger().sinceInstallation;
+  EXPECT_LT(sums.logged, 100U) << "the erased events are forgotten";
+  EXPECT_EQ(sums.stored, sums.notForUpload + sums.accepted + sums.waiting);
+  EXPECT_GE(sums.accepted, 3U);
+}
+
 }  // namespace
 }  // namespace kelvo::test
