@@ -3,7 +3,7 @@
 #   kelvo-dev    headers, static library, documents, and files for find_package and pkg-config
 #   kelvo-qt     the adapter to Qt
 #   kelvo-tools  the tools and their man pages
-#   kelvo-server the service on PostgreSQL, its systemd unit and man page
+#   kelvo-server the service on PostgreSQL, its systemd unit, man page and documents
 # `cmake --install BUILD --component NAME` installs one component, and needs only its targets.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -67,8 +67,8 @@ if(TARGET kelvo-server)
   kelvo_install_program(kelvo-server kelvo-server "analytics service on PostgreSQL")
   add_custom_target(kelvo-server-pages ALL DEPENDS ${kelvo-server_pages})
   install(FILES packaging/kelvo-server@.service DESTINATION lib/systemd/system COMPONENT kelvo-server)
-  install(FILES docs/server.md docs/questions.md docs/scale.md docs/return.svg
-          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
+  install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
+  install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
 endif()
 # The targets kelvo, kelvo-tools and kelvo-server are also components. These are the other two.
 add_custom_target(kelvo-dev DEPENDS kelvo kelvo_static)

@@ -6,7 +6,8 @@
 #   plugin                                builds examples/nag, whose bundle gets a plug-in in a shared object, and runs it;
 #                                         configures it again with Kelvo as a sub-project
 #   demo                                  scripts/demo, whose unity build must compile
-#   deb                                   installs the Debian packages, checks them and removes them
+#   deb                                   installs the Debian packages, checks them, stores an event with the installed
+#                                         kelvo-server, and removes them
 set -euo pipefail
 way=$1 build=$2
 here=$(cd "$(dirname "$0")" && pwd)
@@ -52,6 +53,24 @@ configured() {
   cmake --build "$work" --target consumer
   names_delivery complete
   with_collector delivered "$work/consumer"
+}
+
+# stores_an_event PROGRAMS: starts the kelvo-server in PROGRAMS with an empty database, and sends it an event. For
+# scripts/postgres exec.
+stores_an_event() {
+  export KELVO_SERVER_LISTEN=127.0.0.1:0 KELVO_SERVER_ADMIN=127.0.0.1:0 KELVO_HOME=$work/home
+  local line
+  rm -rf "$KELVO_HOME"
+  "$1/kelvo-server" migrate
+  coproc SERVER { exec "$1/kelvo-server"; }
+  read -r -t 20 line <&"${SERVER[0]}"
+  KELVO_SERVER_BASE_URL=http://$(sed 's/^listening on \([^,]*\),.*/\1/' <<<"$line")
+  export KELVO_SERVER_BASE_URL
+  echo '{"name": "Packaged"}' | "$1/kelvo-log" --app-id packaged --delivery complete
+  [[ $(psql -XAtc "SELECT count(*) FROM events WHERE name = 'Packaged'") == 1 ]]
+  local server=$SERVER_PID
+  kill "$server"
+  wait "$server"
 }
 
 case $way in
@@ -139,7 +158,10 @@ deb)
   (cd "$build" && cpack -G DEB -B "$work/package" >"$work/cpack.log") || { cat "$work/cpack.log"; exit 1; }
   dpkg=(dpkg "--root=$work/root" --force-depends --force-script-chrootless --log=/dev/null)
   "${dpkg[@]}" -i "$work"/package/*.deb
-  "$work/root/usr/bin/kelvo-log" --help >/dev/null
+  for program in kelvo-log kelvo-server; do "$work/root/usr/bin/$program" --help >/dev/null; done
+  export -f stores_an_event
+  export work
+  "$here/../../scripts/postgres" exec --fast bash -euo pipefail -c 'stores_an_event "$work/root/usr/bin"'
   # The project names no mail host and no licence yet. kelvo-dev is left out, because its archive takes over a minute.
   lintian --no-cfg --fail-on error --suppress-tags bogus-mail-host,bogus-mail-host-in-debian-changelog,no-copyright-file \
     "$work"/package/kelvo_*.deb "$work"/package/kelvo-[qst]*.deb
@@ -157,6 +179,7 @@ kelvo-tools /usr/share/man/man1/kelvo-collector\.1\.gz
 kelvo-tools /usr/share/doc/kelvo-tools/changelog\.gz
 kelvo-server /usr/lib/systemd/system/kelvo-server@\.service
 kelvo-server /usr/share/man/man1/kelvo-server\.1\.gz
+kelvo-server /usr/share/doc/kelvo-server/docs/service-api\.md
 FILES
   names=$("${dpkg[@]}" --get-selections | awk '{print $1}')
   for package in $names; do

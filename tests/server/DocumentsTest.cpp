@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
-#include <cstdlib>
-#include <memory>
 #include <string>
 
+#include "ServerTest.h"
+#include "kelvo-server/db/Blocking.h"
 #include "kelvo-server/db/Migrate.h"
 #include "kelvo-server/documents/LoadDocuments.h"
 #include "kelvo-server/documents/PutDocument.h"
@@ -13,28 +13,18 @@
 namespace kelvo::server {
 namespace {
 
-struct Closer {
-  void operator()(PGconn* connection) const noexcept { PQfinish(connection); }
-  void operator()(PGresult* result) const noexcept { PQclear(result); }
-};
-
 /// Has the tables in a schema of its own, and listens for changes.
 class DocumentsTest : public testing::Test {
  protected:
   void SetUp() override {
-    const char* database = std::getenv("KELVO_SERVER_DATABASE");
-    ASSERT_NE(database, nullptr) << "run this through scripts/postgres exec";
-    database_ = std::string(database) + " options='-c search_path=documents_test -c client_min_messages=warning'";
-    connection_.reset(PQconnectdb(database_.c_str()));
+    database_ = test::database() + " options='-c search_path=documents_test -c client_min_messages=warning'";
+    connection_ = db::connect(database_);
     run("DROP SCHEMA IF EXISTS documents_test CASCADE; CREATE SCHEMA documents_test");
     db::migrate(database_);
     run(std::string("LISTEN ") + kDocumentsChannel);
   }
 
-  void run(const std::string& sql) {
-    const std::unique_ptr<PGresult, Closer> result(PQexec(connection_.get(), sql.c_str()));
-    ASSERT_EQ(PQresultStatus(result.get()), PGRES_COMMAND_OK) << PQerrorMessage(connection_.get());
-  }
+  db::Rows run(const std::string& sql) { return db::run(connection_, sql); }
 
   /// Returns the exit status.
   int put(const std::string& document, const std::string& content, const std::string& app = "shop") {
@@ -43,7 +33,7 @@ class DocumentsTest : public testing::Test {
     return putDocument({database_, document, app, file});
   }
 
-  AppDocuments load() { return documentsFrom(db::Rows(PQexec(connection_.get(), kSelectDocuments))); }
+  AppDocuments load() { return documentsFrom(run(kSelectDocuments)); }
 
   /// Returns the number of notifications since the last call.
   int notifications() {
@@ -57,7 +47,7 @@ class DocumentsTest : public testing::Test {
   }
 
   std::string database_;
-  std::unique_ptr<PGconn, Closer> connection_;
+  db::Handle connection_;
 };
 
 TEST_F(DocumentsTest, EachApplicationReadsWhatWasPutForIt) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <future>
 
+#include "DatabaseProxy.h"
 #include "ServerTest.h"
 #include "kelvo-server/http/Networks.h"
 #include "kelvo-server/http/Target.h"
@@ -57,7 +58,9 @@ class Socket {
 
 TEST_F(Limits, ABodyAHeadARateAndBytesInFlightBeyondTheLimitAreRefused) {
   const server::Server& server = start({"--body", "3", "--in-flight", "2"});
-  EXPECT_EQ(post(server.port(), std::string(3 << 20, ' ')).status, 503) << "more than is allowed in flight";
+  const HTTPAnswer full = post(server.port(), std::string(3 << 20, ' '));
+  EXPECT_EQ(full.status, 503) << "more than is allowed in flight";
+  EXPECT_GT(full.retryAfter, 0);
   EXPECT_EQ(post(server.port(), std::string((3 << 20) + 1, ' ')).status, 413);
   EXPECT_EQ(send(server.port(), chunks, "{}", {.headers = {"Content-Encoding: gzip"}}).status, 415);
   EXPECT_EQ(send(server.port(), chunks, "{}", {.headers = {"Long: " + std::string(20000, 'x')}}).status, 400);
@@ -173,7 +176,8 @@ TEST_F(Programs, SIGTERMAnswersTheRequestsThatWaitAndEndsTheProgram) {
   ASSERT_TRUE(program.waitForOutput("admin on")) << program.errors();
   const int port = std::atoi(program.output().c_str() + program.output().find(':') + 1);
   ASSERT_TRUE(deliver({port}, {.device = "first"}));
-  const Socket idle(port);
+  const Socket idle(port), half(port);
+  half.write("POST / HTTP/1.1\r\n");  // keeps the program until the end of its patience
 
   // The lock holds the request until the program drains.
   std::thread lock([] { sql("BEGIN; LOCK TABLE chunks IN ACCESS EXCLUSIVE MODE; SELECT pg_sleep(2); COMMIT"); });
@@ -194,7 +198,8 @@ TEST_F(Programs, SIGTERMAnswersTheRequestsThatWaitAndEndsTheProgram) {
 }
 
 TEST_F(Programs, DocumentsReachAllServersWithinASecond) {
-  const int ports[] = {start().port(), start().port()};
+  const DatabaseProxy withoutListen("LISTEN", "LISTIN");
+  const int ports[] = {start().port(), start().port(), start({"--database", withoutListen.database()}).port()};
   const std::string file = home() + "/enabled.json";
   const auto put = [&](const std::string& text) {
     writeFileForTest(file, text);
@@ -223,21 +228,23 @@ TEST_F(Programs, TLSServesTheCertificateThatAReloadFinds) {
     ASSERT_EQ(std::system(command.c_str()), 0);
   };
   make(certificate);
-  const auto settings = server::readSettings({"--database", "dbname=none", "--listen", "127.0.0.1:0", "--admin",
-                                              "127.0.0.1:0", "--tls-cert", certificate, "--tls-key", key});
-  server::Server server(*settings.first);
-  server.start();
+  Program program({KELVO_SERVER_PROGRAM, "--database", "dbname=none", "--listen", "127.0.0.1:0", "--admin",
+                   "127.0.0.1:0", "--tls-cert", certificate, "--tls-key", key},
+                  {});
+  ASSERT_TRUE(program.waitForOutput("admin on")) << program.errors();
+  const int port = std::atoi(program.output().c_str() + program.output().find(':') + 1);
   const auto ask = [&](const std::string& trusted) {
-    return send(server.port(), "/nothing", {}, {.method = "GET", .trustedCertificate = trusted}).status;
+    return send(port, "/nothing", {}, {.method = "GET", .trustedCertificate = trusted}).status;
   };
   const std::string old = home() + "/old.pem";
   ASSERT_EQ(std::rename(certificate.c_str(), old.c_str()), 0);
   EXPECT_EQ(ask(old), 503) << "no documents were read yet";
-  server.reload();
-  EXPECT_EQ(ask(old), 503) << "without a file, the certificate stays";
+  program.kill(SIGHUP);
+  EXPECT_TRUE(program.waitForError("the certificate stays"));
+  EXPECT_EQ(ask(old), 503);
   make(certificate);
-  server.reload();
-  EXPECT_EQ(ask(certificate), 503);
+  program.kill(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return ask(certificate) == 503; }));
   EXPECT_EQ(ask(old), 0);
 }
 

@@ -1,23 +1,17 @@
 #include "ServerTest.h"
 
 #include <curl/curl.h>
-#include <libpq-fe.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
 
+#include "kelvo-server/db/Blocking.h"
 #include "kelvo-server/db/Migrate.h"
 
 namespace kelvo::test {
 namespace {
-
-std::string database() {
-  const char* text = std::getenv("KELVO_SERVER_DATABASE");
-  if (text == nullptr) throw std::runtime_error("run this with scripts/postgres exec --fast");
-  return text;
-}
 
 std::size_t append(const char* bytes, std::size_t, std::size_t size, void* text) {
   static_cast<std::string*>(text)->append(bytes, size);
@@ -25,6 +19,12 @@ std::size_t append(const char* bytes, std::size_t, std::size_t size, void* text)
 }
 
 }  // namespace
+
+std::string database() {
+  const char* text = std::getenv("KELVO_SERVER_DATABASE");
+  if (text == nullptr) throw std::runtime_error("run this with scripts/postgres exec --fast");
+  return text;
+}
 
 HTTPAnswer send(int port, const std::string& path, const std::string& body, const HTTPOptions& options) {
   const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
@@ -62,14 +62,13 @@ HTTPAnswer get(int port, const std::string& path) {
 }
 
 std::string sql(const std::string& text) {
-  const std::unique_ptr<PGconn, void (*)(PGconn*)> connection(PQconnectdb(database().c_str()), PQfinish);
-  const std::unique_ptr<PGresult, void (*)(PGresult*)> result(PQexec(connection.get(), text.c_str()), PQclear);
-  const auto status = PQresultStatus(result.get());
-  if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) {
-    ADD_FAILURE() << text << ": " << PQerrorMessage(connection.get());
+  try {
+    const server::db::Rows rows = server::db::run(server::db::connect(database()), text);
+    return rows.size() > 0 ? rows.text(0, 0) : "";
+  } catch (const std::runtime_error& error) {
+    ADD_FAILURE() << text << ": " << error.what();
     return {};
   }
-  return PQntuples(result.get()) > 0 ? PQgetvalue(result.get(), 0, 0) : "";
 }
 
 void postgres(const std::string& command) {

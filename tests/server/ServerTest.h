@@ -30,6 +30,8 @@ struct HTTPOptions {
                               const HTTPOptions& options = {});
 [[nodiscard]] HTTPAnswer get(int port, const std::string& path);
 
+/// Returns the connection string of the tests' database. Throws std::runtime_error without one.
+[[nodiscard]] std::string database();
 /// Runs SQL in the database of the tests. Returns the first field of the first row, empty without rows.
 std::string sql(const std::string& text);
 
@@ -58,11 +60,13 @@ class ServerTest : public testing::Test {
  protected:
   ServerTest();
 
-  /// Starts a server with these flags, and waits until it is ready.
+  /// Starts a server with these flags, and waits until it is ready. A --database among them counts.
   server::Server& start(const std::vector<std::string>& flags = {});
   /// Sends the chunk until it is accepted, at most for 30 s. Returns false if it never was.
   [[nodiscard]] bool deliver(const std::vector<int>& ports, const ChunkBody& chunk) const;
-  [[nodiscard]] HTTPAnswer post(int port, const std::string& body) const { return send(port, chunks, body); }
+  [[nodiscard]] HTTPAnswer post(int port, const std::string& body, const HTTPOptions& options = {}) const {
+    return send(port, chunks, body, options);
+  }
   /// Returns count(*) of `table` with the condition `where`, for the application of the test.
   [[nodiscard]] int count(const std::string& table, const std::string& where = "true") const;
   /// Returns the value of a metric of the application.

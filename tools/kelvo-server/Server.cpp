@@ -60,7 +60,6 @@ struct Server::Impl {
     void sample() {
       writer.dropOld();
       isReady = pool.isReady();
-      waiting = writer.waiting();
       loop.after(kBetweenSamples, [this] { sample(); });
     }
     void maintain(int keepDays) {
@@ -74,7 +73,6 @@ struct Server::Impl {
     Writer writer;
     Answers answers;
     std::atomic<bool> isReady{false};
-    std::atomic<std::size_t> waiting{0};
   };
 
   explicit Impl(const Settings& theSettings);
@@ -151,9 +149,8 @@ Answer Server::Impl::refuse(int status, const std::string& app) {
 }
 
 Answer Server::Impl::admin(const service::Request& request) {
-  Gauges gauges{limits.connections(), 0, limits.bytes(), limits.refusedConnections(), false};
+  Gauges gauges{limits.connections(), limits.bytes(), limits.refusedConnections(), false};
   for (const auto& share : shares) {
-    gauges.waiting += share->waiting;
     gauges.isDatabaseReady = gauges.isDatabaseReady || share->isReady;
   }
   Answer answer{200, "ok\n", "text/plain; version=0.0.4; charset=utf-8"};

@@ -29,7 +29,9 @@ class Hash {
     } else if (const auto* text = value.get<std::string>()) {
       addText(*text);
     } else {
-      mix("#" + description(value) + ";");
+      mix("#");
+      mix(description(value));
+      mix(";");
     }
   }
 
@@ -37,12 +39,15 @@ class Hash {
 
  private:
   void addText(const std::string& text) {
-    mix("\"" + std::to_string(text.size()) + ":");
+    mix("\"");
+    mix(std::to_string(text.size()));
+    mix(":");
     mix(text);
   }
 
   void addMembers(const Dictionary& dictionary) {
     std::vector<const Dictionary::Entry*> members;
+    members.reserve(dictionary.size());
     for (const auto& entry : dictionary) members.push_back(&entry);
     std::sort(members.begin(), members.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
     mix("{");

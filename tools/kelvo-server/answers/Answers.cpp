@@ -1,10 +1,10 @@
 #include "kelvo-server/answers/Answers.h"
 
-#include <random>
 #include <utility>
 
 #include "kelvo-server/documents/DocumentCache.h"
 #include "kelvo-server/loop/Loop.h"
+#include "kelvo-server/loop/Random.h"
 #include "platform/JSON.h"
 
 namespace kelvo::server {
@@ -35,8 +35,7 @@ Answer accepted() {
 Answer refusalAnswer(int status, const std::string& reason, const AnswersSettings& settings) {
   Answer answer = answerOf(service::refusal(status, reason));
   if (status != kTooMany && status != kUnavailable) return answer;
-  thread_local std::minstd_rand random{std::random_device()()};
-  answer.retryAfter = std::uniform_int_distribution<int>(settings.retryAfter, settings.retryAfter * 3)(random);
+  answer.retryAfter = randomBetween(settings.retryAfter, settings.retryAfter * 3);
   return answer;
 }
 
@@ -76,10 +75,12 @@ void Answers::storeChunk(DecodedChunk decoded, const std::string& app, Done done
   if (!decoded.chunk) return quarantine(app, {}, std::move(decoded.body), std::move(decoded.fault), std::move(done));
   AppCounts& counts = parts_.metrics.of(app);
   const std::size_t events = decoded.chunk->events.size();
+  ++counts.waiting;
   Entry entry;
   entry.chunk = std::move(decoded.chunk);
   entry.done = [this, &counts, events, done = std::move(done)](Verdict verdict, Entry& stored,
                                                                const std::string& reason) {
+    --counts.waiting;
     if (verdict != Verdict::Refused) return finish(verdict, counts, events, done);
     Chunk& chunk = *stored.chunk;
     quarantine(chunk.device.app, chunk.device.device, std::move(chunk.body), reason, done);

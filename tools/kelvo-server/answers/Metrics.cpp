@@ -15,18 +15,22 @@ struct Family {
   const char* name;
   const char* help;
   Counter AppCounts::*counter;
+  const char* type = "counter";
+  const char* suffix = "_total";
 };
-constexpr Family kFamilies[] = {{"requests", "Requests of all kinds", &AppCounts::requests},
-                                {"chunks", "Chunks stored", &AppCounts::chunks},
-                                {"events", "Events stored", &AppCounts::events},
-                                {"duplicates", "Chunks that had arrived before", &AppCounts::duplicates},
-                                {"conflicts", "Chunks with a known id and other events", &AppCounts::conflicts},
-                                {"quarantined", "Bodies that are no chunk", &AppCounts::quarantined},
-                                {"dropped", "Chunks of erased devices", &AppCounts::dropped},
-                                {"erasures", "Devices erased", &AppCounts::erasures},
-                                {"refused_413", "Bodies that were too large", &AppCounts::tooLarge},
-                                {"refused_429", "Requests beyond the application's rate", &AppCounts::tooMany},
-                                {"refused_503", "Requests that could not be served", &AppCounts::unavailable}};
+constexpr Family kFamilies[] = {
+    {"requests", "Requests of all kinds", &AppCounts::requests},
+    {"chunks", "Chunks stored", &AppCounts::chunks},
+    {"events", "Events stored", &AppCounts::events},
+    {"duplicates", "Chunks that had arrived before", &AppCounts::duplicates},
+    {"conflicts", "Chunks with a known id and other events", &AppCounts::conflicts},
+    {"quarantined", "Bodies that are no chunk", &AppCounts::quarantined},
+    {"dropped", "Chunks of erased devices", &AppCounts::dropped},
+    {"erasures", "Devices erased", &AppCounts::erasures},
+    {"refused_413", "Bodies that were too large", &AppCounts::tooLarge},
+    {"refused_429", "Requests beyond the application's rate", &AppCounts::tooMany},
+    {"refused_503", "Requests that could not be served", &AppCounts::unavailable},
+    {"waiting_chunks", "Chunks that wait for their commit", &AppCounts::waiting, "gauge", ""}};
 
 std::string escaped(std::string_view label) {
   std::string text;
@@ -64,17 +68,16 @@ std::string Metrics::text(const Gauges& gauges) const {
     fmt::format_to(out, "# HELP kelvo_{0} {1}\n# TYPE kelvo_{0} {2}\nkelvo_{0} {3}\n", name, help, type, value);
   };
   gauge("connections", "Open connections", "gauge", gauges.connections);
-  gauge("waiting_chunks", "Chunks that wait for a transaction", "gauge", gauges.waiting);
   gauge("bytes_in_flight", "Bytes of the requests that are handled", "gauge", gauges.bytes);
   gauge("database_ready", "1 if the database can be reached", "gauge", gauges.isDatabaseReady ? 1 : 0);
   gauge("refused_connections_total", "Connections refused", "counter", gauges.refusedConnections);
 
   const Lock lock(mutex_);
   for (const Family& family : kFamilies) {
-    fmt::format_to(out, "# HELP kelvo_{0}_total {1}\n# TYPE kelvo_{0}_total counter\n", family.name, family.help);
+    const std::string name = std::string(family.name) + family.suffix;
+    fmt::format_to(out, "# HELP kelvo_{0} {1}\n# TYPE kelvo_{0} {2}\n", name, family.help, family.type);
     for (const auto& [app, counts] : apps_) {
-      fmt::format_to(out, "kelvo_{}_total{{app=\"{}\"}} {}\n", family.name, escaped(app),
-                     (counts.get()->*family.counter).load());
+      fmt::format_to(out, "kelvo_{}{{app=\"{}\"}} {}\n", name, escaped(app), (counts.get()->*family.counter).load());
     }
   }
   fmt::format_to(out,

@@ -30,6 +30,7 @@ struct AppCounts {
   Counter tooLarge{0};     ///< answered 413
   Counter tooMany{0};      ///< answered 429
   Counter unavailable{0};  ///< answered 503
+  Counter waiting{0};      ///< chunks that wait for their commit now
   /// Commit times of chunks: element i counts those of at most `kSeconds[i]`, the last one all.
   std::array<Counter, kSeconds.size() + 1> commits{};
   Counter commitMicroseconds{0};
@@ -40,8 +41,7 @@ struct AppCounts {
 /// The state of the process at one moment.
 struct Gauges {
   std::size_t connections = 0;
-  std::size_t waiting = 0;  ///< chunks that wait for a transaction
-  std::size_t bytes = 0;    ///< of the requests that are handled
+  std::size_t bytes = 0;  ///< of the requests that are handled
   std::uint64_t refusedConnections = 0;
   bool isDatabaseReady = false;
 };

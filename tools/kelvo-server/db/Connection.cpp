@@ -2,12 +2,19 @@
 
 #include <fcntl.h>
 #include <libpq-fe.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <exception>
+#include <future>
+#include <system_error>
+#include <thread>
 #include <utility>
 
+#include "kelvo-server/db/Blocking.h"
 #include "kelvo-server/loop/Loop.h"
 
 namespace kelvo::server::db {
@@ -18,6 +25,17 @@ using Error = boost::system::error_code;
 using Descriptor = asio::posix::stream_descriptor;
 
 constexpr std::chrono::seconds kLongestConnect{10};
+
+/// A connection that a thread of its own makes, because libpq looks up host names and reads files of keys meanwhile.
+/// Both sides share it. The one that leaves last closes a connection that nobody took.
+struct Attempt {
+  explicit Attempt(const std::string& database) : connect([database] { return db::connect(database); }) {}
+  ~Attempt() { ::close(ended); }
+  std::packaged_task<Handle()> connect;
+  std::future<Handle> connection = connect.get_future();
+  const int ended = ::eventfd(0, EFD_CLOEXEC);  // readable once the future is ready
+};
+
 std::string nameOf(std::size_t statement) {
   return "s" + std::to_string(statement);
 }
@@ -38,9 +56,8 @@ struct Connection::Impl : std::enable_shared_from_this<Impl> {
   ~Impl() { close(); }
 
   void connect();
-  void pollConnect();
-  void watch();
-  void waitForConnect(Descriptor::wait_type direction);
+  void take(std::future<Handle>& made);
+  void watch(int original);
   void prepare();
   void send(const Query& query);
   void flush();
@@ -48,7 +65,8 @@ struct Connection::Impl : std::enable_shared_from_this<Impl> {
   void consume();
   void take(PGresult* result);
   void endBatch();
-  void fail(const std::string& message);
+  void fail(const std::string& message) { fail(Failure{"", message}); }
+  void fail(const Failure& failure);
   void close();
   void limitTime(std::chrono::seconds most);
 
@@ -68,49 +86,42 @@ struct Connection::Impl : std::enable_shared_from_this<Impl> {
 
 void Connection::Impl::connect() {
   limitTime(kLongestConnect);
-  // `database` may hold any further keyword, and overrides those before it.
-  const char* const keywords[] = {"application_name",
-                                  "keepalives_idle",
-                                  "keepalives_interval",
-                                  "keepalives_count",
-                                  "dbname",
-                                  "client_encoding",
-                                  nullptr};
-  const char* const values[] = {"kelvo-server", "10", "5", "3", database.c_str(), "UTF8", nullptr};
-  connection = PQconnectStartParams(keywords, values, 1);
-  if (connection == nullptr || PQstatus(connection) == CONNECTION_BAD) {
-    return fail(connection == nullptr ? "out of memory" : PQerrorMessage(connection));
-  }
-  waitForConnect(Descriptor::wait_write);
-}
-
-void Connection::Impl::pollConnect() {
-  switch (PQconnectPoll(connection)) {
-    case PGRES_POLLING_READING: return waitForConnect(Descriptor::wait_read);
-    case PGRES_POLLING_WRITING: return waitForConnect(Descriptor::wait_write);
-    case PGRES_POLLING_OK: return prepare();
-    default: return fail(PQerrorMessage(connection));
-  }
-}
-
-void Connection::Impl::waitForConnect(Descriptor::wait_type direction) {
-  watch();  // each attempt may use another socket
-  descriptor.async_wait(direction, [self = shared_from_this()](Error error) {
-    if (!error && self->connection != nullptr) self->pollConnect();
+  const auto attempt = std::make_shared<Attempt>(database);
+  watch(attempt->ended);
+  descriptor.async_wait(Descriptor::wait_read, [self = shared_from_this(), attempt](Error error) {
+    if (!error && self->opened) self->take(attempt->connection);
   });
+  try {
+    // Detached: it must not hold up the end of the program, and it uses nothing but the attempt.
+    std::thread([attempt] {
+      attempt->connect();
+      ::eventfd_write(attempt->ended, 1);
+    }).detach();
+  } catch (const std::system_error& error) {
+    fail(error.what());
+  }
 }
 
-/// The loop watches a copy of the socket's descriptor: libpq closes its own when the connection breaks, and another
-/// thread may get the same number before the loop forgets it.
-void Connection::Impl::watch() {
+void Connection::Impl::take(std::future<Handle>& made) {
+  try {
+    connection = made.get().release();
+  } catch (const std::exception& error) {
+    return fail(error.what());
+  }
+  prepare();
+}
+
+/// The loop watches a copy of the descriptor: libpq closes its own when the connection breaks, and another thread may
+/// get the same number before the loop forgets it.
+void Connection::Impl::watch(int original) {
   Error ignored;
   if (descriptor.is_open()) static_cast<void>(descriptor.close(ignored));
-  const int copy = ::fcntl(PQsocket(connection), F_DUPFD_CLOEXEC, 0);
+  const int copy = ::fcntl(original, F_DUPFD_CLOEXEC, 0);
   if (copy >= 0) static_cast<void>(descriptor.assign(copy, ignored));  // else the waits fail
 }
 
 void Connection::Impl::prepare() {
-  watch();
+  watch(PQsocket(connection));
   if (PQsetnonblocking(connection, 1) != 0 || PQenterPipelineMode(connection) != 1) {
     return fail(PQerrorMessage(connection));
   }
@@ -120,7 +131,7 @@ void Connection::Impl::prepare() {
     }
   }
   done = [this](Outcome prepared) {
-    if (prepared.failure) return fail(prepared.failure->message);
+    if (prepared.failure) return fail(*prepared.failure);
     isReady = true;
     if (auto call = std::exchange(opened, nullptr)) call(std::nullopt);
   };
@@ -204,11 +215,11 @@ void Connection::Impl::endBatch() {
   if (call) call(std::move(ended));
 }
 
-void Connection::Impl::fail(const std::string& message) {
+void Connection::Impl::fail(const Failure& reason) {
   const auto self = shared_from_this();  // a callback may release the connection
   const bool wasReady = isReady;
+  const Failure failure = reason;
   close();
-  const Failure failure{"", message};
   const Done call = std::exchange(done, nullptr);
   const auto callOpened = std::exchange(opened, nullptr);
   outcome = {};
@@ -229,7 +240,8 @@ void Connection::Impl::limitTime(std::chrono::seconds most) {
   deadline.expires_after(most);
   deadline.async_wait([weak = weak_from_this()](Error error) {
     const auto self = weak.lock();
-    if (!error && self && self->connection != nullptr) self->fail("the database did not answer in time");
+    if (!error && self && (self->connection != nullptr || self->opened))
+      self->fail("the database did not answer in time");
   });
 }
 

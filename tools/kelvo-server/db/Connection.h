@@ -19,7 +19,7 @@ namespace kelvo::server::db {
 /// The longest time that a batch may take. Beyond it, the connection counts as lost.
 inline constexpr std::chrono::seconds kLongestBatch{30};
 
-/// One connection to PostgreSQL, in pipeline mode, on a loop. Never blocks, except to look up the database's host name.
+/// One connection to PostgreSQL, in pipeline mode, on a loop. Never blocks: a thread of its own connects.
 ///
 /// States: closed, connecting, ready, closed. It does not open itself again. Thread: the loop's.
 class Connection {

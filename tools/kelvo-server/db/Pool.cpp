@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "kelvo-server/loop/Loop.h"
+#include "kelvo-server/loop/Random.h"
 
 namespace kelvo::server::db {
 namespace {
@@ -58,12 +59,11 @@ void Pool::openSlot(Slot& slot) {
 void Pool::openLater(Slot& slot) {
   slot.isConnecting = true;
   // Half of the delay is drawn at random, so that the instances do not return at once.
-  const auto delay = slot.delay / 2 + slot.delay * (std::rand() % 100) / 200;
+  const std::chrono::milliseconds delay = slot.delay * randomBetween(50, 100) / 100;
   slot.delay = std::clamp(slot.delay * 2, kFirstDelay, kLongestDelay);
-  loop_.after(std::chrono::duration_cast<std::chrono::milliseconds>(delay),
-              [this, &slot, alive = std::weak_ptr(alive_)] {
-                if (!alive.expired()) openSlot(slot);
-              });
+  loop_.after(delay, [this, &slot, alive = std::weak_ptr(alive_)] {
+    if (!alive.expired()) openSlot(slot);
+  });
 }
 
 void Pool::take(std::function<void(Connection*)> use) {

@@ -36,8 +36,6 @@ class Pool {
 
   /// Returns false while no connection is open.
   [[nodiscard]] bool isReady() const noexcept;
-  /// Returns the number of callers that wait for a connection.
-  [[nodiscard]] std::size_t waiting() const noexcept { return waiting_.size(); }
 
  private:
   struct Slot;

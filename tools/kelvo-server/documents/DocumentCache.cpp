@@ -10,7 +10,7 @@ namespace kelvo::server {
 namespace {
 
 constexpr std::chrono::milliseconds kBetweenAttempts{500};
-constexpr std::chrono::milliseconds kBetweenPolls{1000};
+constexpr std::chrono::milliseconds kBetweenPolls{500};
 // A notification may be lost with a connection that breaks unnoticed.
 constexpr std::chrono::milliseconds kBetweenChecks{10000};
 

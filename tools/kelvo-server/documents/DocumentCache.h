@@ -11,8 +11,8 @@ namespace kelvo::server {
 
 class Loop;
 
-/// The documents in memory. It reads them at its start and at each notification, with a connection of its own, and each
-/// second from an engine without notifications. While the database is away, the last documents stay.
+/// The documents in memory. It reads them at its start and at each notification, with a connection of its own, and
+/// twice a second from an engine without notifications. While the database is away, the last documents stay.
 class DocumentCache {
  public:
   DocumentCache(Loop& loop, std::string database);

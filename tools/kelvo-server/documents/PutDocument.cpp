@@ -1,14 +1,13 @@
 #include "kelvo-server/documents/PutDocument.h"
 
-#include <libpq-fe.h>
-
 #include <iostream>
 #include <iterator>
-#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "kelvo-server/db/Blocking.h"
 #include "kelvo-service/Documents.h"
 #include "kelvo-service/ServiceState.h"
 #include "platform/Files.h"
@@ -17,19 +16,13 @@
 namespace kelvo::server {
 namespace {
 
-struct Closer {
-  void operator()(PGconn* connection) const noexcept { PQfinish(connection); }
-  void operator()(PGresult* result) const noexcept { PQclear(result); }
-};
-using Connection = std::unique_ptr<PGconn, Closer>;
-using Result = std::unique_ptr<PGresult, Closer>;
-
 /// A document under its name in the table, as JSON text.
 using Row = std::pair<std::string, std::string>;
 
 constexpr const char* kUpsert =
     "INSERT INTO documents (app, name, body) VALUES ($1, $2, $3)"
-    " ON CONFLICT (app, name) DO UPDATE SET body = excluded.body, version = documents.version + 1, changed = now()"
+    " ON CONFLICT (app, name) DO UPDATE SET body = excluded.body, version = documents.version + 1, changed = "
+    "excluded.changed"
     " RETURNING version";
 
 /// Writes `what` to standard error as one line, and returns `status`.
@@ -64,44 +57,21 @@ std::vector<std::string> rowsOf(const std::string& document, const std::string& 
   return errors;
 }
 
-class Transaction {
- public:
-  explicit Transaction(PGconn* connection) : connection_(connection) {}
-
-  /// Runs `sql` and returns the result, null after an error, which it reports.
-  [[nodiscard]] Result run(const char* sql, const std::vector<const char*>& parameters = {}) {
-    Result result(PQexecParams(connection_, sql, static_cast<int>(parameters.size()), nullptr, parameters.data(),
-                               nullptr, nullptr, 0));
-    const auto status = PQresultStatus(result.get());
-    if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) return result;
-    failure(PQerrorMessage(connection_));
-    return nullptr;
-  }
-
-  /// Wakes the instances at the commit. An engine without notifications refuses; its instances poll.
-  [[nodiscard]] bool notify() {
-    if (!run("SAVEPOINT before_notify")) return false;
-    const std::string sql = std::string("NOTIFY ") + kDocumentsChannel;
-    const Result notified(PQexec(connection_, sql.c_str()));
-    return PQresultStatus(notified.get()) == PGRES_COMMAND_OK || run("ROLLBACK TO before_notify") != nullptr;
-  }
-
- private:
-  PGconn* connection_;
-};
-
-bool store(PGconn* connection, const std::string& app, const std::vector<Row>& rows) {
-  Transaction transaction(connection);
+/// Stores the rows in one transaction, and wakes the instances. Throws std::runtime_error.
+void store(const db::Handle& connection, const std::string& app, const std::vector<Row>& rows) {
   std::string report;
-  if (!transaction.run("BEGIN")) return false;
+  db::run(connection, "BEGIN");
   for (const auto& [name, body] : rows) {
-    const Result stored = transaction.run(kUpsert, {app.c_str(), name.c_str(), body.c_str()});
-    if (!stored) return false;
-    report += app + ": " + name + " is version " + PQgetvalue(stored.get(), 0, 0) + "\n";
+    const std::string version = db::run(connection, kUpsert, {app, name, body}).text(0, 0);
+    report += app + ": " + name + " is version " + version + "\n";
   }
-  if (!transaction.notify() || !transaction.run("COMMIT")) return false;
+  db::run(connection, "COMMIT");
   std::cout << report << std::flush;
-  return true;
+  try {
+    db::run(connection, std::string("NOTIFY ") + kDocumentsChannel);
+  } catch (const std::runtime_error&) {
+    // An engine without notifications refuses; its instances poll.
+  }
 }
 
 }  // namespace
@@ -124,9 +94,12 @@ int putDocument(const PutRequest& request) {
   for (const std::string& each : errors) failure(request.file + ": " + each);
   if (!errors.empty()) return 1;
 
-  const Connection connection(PQconnectdb(request.database.c_str()));
-  if (PQstatus(connection.get()) != CONNECTION_OK) return failure(PQerrorMessage(connection.get()));
-  return store(connection.get(), request.app, rows) ? 0 : 1;
+  try {
+    store(db::connect(request.database), request.app, rows);
+  } catch (const std::runtime_error& refusal) {
+    return failure(refusal.what());
+  }
+  return 0;
 }
 
 }  // namespace kelvo::server

@@ -239,7 +239,7 @@ COMMENT ON COLUMN quarantine.body IS 'The bytes as received';
 COMMENT ON COLUMN quarantine.arrived IS 'Time of the first arrival';
 COMMENT ON COLUMN quarantine.arrivals IS 'Number of arrivals of the same bytes';
 
--- Distributed by device_hash.
+-- Small. A sharded engine keeps a copy on each node, because every chunk looks here.
 CREATE TABLE erased (
   app text NOT NULL,
   device_hash text NOT NULL,

@@ -132,7 +132,7 @@ db::Query withKeys(std::size_t statement, const Chunks& chunks) {
 }
 
 db::Query insertEvents(const Chunks& chunks) {
-  Texts apps, sessions, devices, users, versions, systems, kinds, names, attributes;
+  Texts apps, sessions, devices, users, versions, systems, kinds, names, attributes, fullNames;
   Numbers sinceLaunch, seconds;
   Times times;
   for (const Chunk* chunk : chunks) {
@@ -149,10 +149,11 @@ db::Query insertEvents(const Chunks& chunks) {
       times.add(event.time);
       seconds.add(event.seconds);
       attributes.add(event.attributes);
+      fullNames.add(event.fullName);
     }
   }
   return query(kInsertEvents, apps, sessions, devices, users, versions, systems, kinds, names, sinceLaunch, times,
-               seconds, attributes);
+               seconds, attributes, fullNames);
 }
 
 db::Query addToSessions(const Chunks& chunks) {

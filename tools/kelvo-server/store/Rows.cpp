@@ -57,6 +57,16 @@ DeviceRow deviceOf(const std::string& app, const Dictionary& body, const Diction
   return row;
 }
 
+/// Moves a name that is too long into `fullName`. The beginning and a hash take its place.
+void shortenName(EventRow& row) {
+  if (row.name.size() <= kLongestName) return;
+  row.fullName = std::move(row.name);
+  const std::string hash = "..." + sha256(*row.fullName);
+  std::size_t end = kLongestName - hash.size();
+  while ((static_cast<unsigned char>((*row.fullName)[end]) & 0xC0U) == 0x80U) --end;  // between two characters
+  row.name = row.fullName->substr(0, end) + hash;
+}
+
 Dictionary allAttributesOf(const Dictionary& event, const service::EventKind& kind) {
   Dictionary attributes = service::attributesOf(event, kind);
   if (const Value* type = event.find("incident_type")) attributes.set("incident_type", *type);
@@ -71,6 +81,7 @@ std::vector<EventRow> eventsOf(const Dictionary& details, std::int64_t launch) {
       EventRow row;
       row.kind = kind.kind;
       row.name = description(event[kind.name]);
+      shortenName(row);
       row.sinceLaunch = clampedInteger(service::timeOf(event, kind));
       row.time = db::Time::fromMilliseconds(launch + row.sinceLaunch * kMillisecondsPerSecond);
       if (const Value* duration = event.find("duration");

@@ -12,8 +12,9 @@ namespace kelvo::server {
 
 struct EventRow {
   const char* kind = nullptr;
-  std::string name;
-  std::int32_t sinceLaunch = 0;  ///< seconds
+  std::string name;                     ///< at most `kLongestName` bytes
+  std::optional<std::string> fullName;  ///< if it is longer
+  std::int32_t sinceLaunch = 0;         ///< seconds
   db::Time time;
   std::optional<std::int32_t> seconds;  ///< that a screen was shown
   std::string attributes;               ///< JSON
@@ -74,6 +75,8 @@ struct DecodedChunk {
 /// The most values in a body, containers included. It bounds the memory of a decoded body to about 100 bytes each.
 inline constexpr std::size_t kMostValues = 4'000'000;
 
+/// The longest name, in bytes, that an index takes together with an application's id.
+inline constexpr std::size_t kLongestName = 2000;
 /// The longest id or version, in bytes: each event of a chunk repeats them.
 inline constexpr std::size_t kLongestId = 500;
 /// The most bytes that the ids of all events of a chunk may take.

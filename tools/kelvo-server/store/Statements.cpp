@@ -31,7 +31,7 @@ constexpr const char* kTexts[] = {
         IF_NEWER(system_version) IF_NEWER(hardware_model) IF_NEWER(width) IF_NEWER(height) IF_NEWER(installed)
     "erase_secret_hash = coalesce(d.erase_secret_hash, excluded.erase_secret_hash),"
     " token = coalesce(excluded.token, d.token), reported = greatest(d.reported, excluded.reported),"
-    " last_arrived = now()",
+    " last_arrived = excluded.last_arrived",
 
     // kFindErased
     "SELECT n.app, n.device FROM unnest($1::text[], $2::text[]) AS n(app, device)"
@@ -52,12 +52,12 @@ constexpr const char* kTexts[] = {
 
     // kInsertEvents
     "INSERT INTO events (app, session, device, user_id, app_version, system_version, kind, name, since_launch, time,"
-    " seconds, attributes)"
+    " seconds, attributes, full_name)"
     " SELECT app, session, device, user_id, app_version, system_version, kind, name, since_launch, time, seconds,"
-    " attributes::jsonb FROM unnest($1::text[], $2::text[], $3::text[], $4::text[], $5::text[], $6::text[],"
-    " $7::text[], $8::text[], $9::int[], $10::timestamptz[], $11::int[], $12::text[])"
+    " attributes::jsonb, full_name FROM unnest($1::text[], $2::text[], $3::text[], $4::text[], $5::text[], $6::text[],"
+    " $7::text[], $8::text[], $9::int[], $10::timestamptz[], $11::int[], $12::text[], $13::text[])"
     " AS n(app, session, device, user_id, app_version, system_version, kind, name, since_launch, time, seconds,"
-    " attributes)",
+    " attributes, full_name)",
 
     // kAddToSessions
     "INSERT INTO sessions AS s (app, session, device, user_id, started, seconds, is_first, is_fatal, launch_type,"
@@ -77,7 +77,7 @@ constexpr const char* kTexts[] = {
     " seconds = greatest(s.seconds, excluded.seconds), is_first = s.is_first OR excluded.is_first,"
     " is_fatal = s.is_fatal OR excluded.is_fatal, highest_chunk = greatest(s.highest_chunk, excluded.highest_chunk),"
     " chunks = s.chunks + excluded.chunks, events = s.events + excluded.events,"
-    " screens = s.screens + excluded.screens, incidents = s.incidents + excluded.incidents, last_arrived = now()",
+    " screens = s.screens + excluded.screens, incidents = s.incidents + excluded.incidents, last_arrived = excluded.last_arrived",
 
     // kRaiseAggregates
     "INSERT INTO aggregates AS a (app, session, name, attribute, value, count)"

@@ -5,6 +5,7 @@
 
 #include "kelvo-server/db/Pool.h"
 #include "kelvo-server/loop/Loop.h"
+#include "kelvo-server/loop/Random.h"
 #include "kelvo-server/store/Columns.h"
 #include "kelvo-server/store/Statements.h"
 
@@ -144,7 +145,7 @@ Task<GroupResult> Writer::commitWithRetries(const std::vector<Entry>& group, db:
     GroupResult result = co_await commitGroup(group, connection);
     if (!result.failure || !result.failure->isTransient() || tries == kTries) co_return std::move(result);
     Callback<bool> pause([this, tries](Callback<bool>::Done done) {
-      loop_.after(std::chrono::milliseconds(std::rand() % (tries * 10)), [done = std::move(done)] { done(true); });
+      loop_.after(std::chrono::milliseconds(randomBetween(0, tries * 10)), [done = std::move(done)] { done(true); });
     });
     co_await pause;
   }

@@ -31,8 +31,6 @@ class Writer {
   void add(Entry entry);
   /// Gives up the entries that have waited for 10 s. Call it often: the database may hang.
   void dropOld();
-  /// Returns the number of entries that wait.
-  [[nodiscard]] std::size_t waiting() const noexcept { return waiting_.size(); }
 
   using Erased = std::function<void(std::optional<service::Erasure>)>;
   /// Erases a device that knows its secret. Calls `done` with nullopt if the database did not answer.
