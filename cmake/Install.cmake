@@ -109,7 +109,18 @@ function(kelvo_package component section depends recommends summary description)
   set(CPACK_DEBIAN_${name}_DESCRIPTION "${summary}\n${description}" PARENT_SCOPE)
 endfunction()
 set(same "(= ${PROJECT_VERSION})")
-kelvo_package(kelvo libs "" "" "client-side analytics for C++ applications (library)"
+# No header of the library's file names libcurl, which it loads: the package that has it is a dependency by hand. The
+# library needs options of 7.85.
+set(curl_package "")
+if(KELVO_LIBCURL)
+  get_target_property(file CURL::libcurl LOCATION)
+  file(REAL_PATH ${file} file)
+  execute_process(COMMAND dpkg-query -S ${file} OUTPUT_VARIABLE owner ERROR_QUIET)
+  if(owner MATCHES "^([^:, ]+)")
+    set(curl_package "${CMAKE_MATCH_1} (>= 7.85)")
+  endif()
+endif()
+kelvo_package(kelvo libs "${curl_package}" "" "client-side analytics for C++ applications (library)"
   "Kelvo records sessions, screens, events and errors of an application in a\nlocal database, and uploads them over HTTPS.")
 set(CPACK_DEBIAN_KELVO_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 # The recommended packages are those that a program with the static library links.

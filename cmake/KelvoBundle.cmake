@@ -1,6 +1,7 @@
 # kelvo_add_bundle(<target> APP_ID <id>
 #                  [BUNDLE_ID <id>] [NAME <name>] [VERSION <version>] [BUILD <build>]
-#                  [DELIVERY complete|classic] [CONSENT required] [NO_FAREWELL] [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
+#                  [DELIVERY complete|classic] [CONSENT required] [JOURNAL_BYTES <number>] [NO_FAREWELL]
+#                  [PLUGINS <class>...] [SERVER_BASE_URL <url>] [CA_FILE <path>])
 #
 # Writes `<executable>.bundle/Info.plist` next to the executable `target`. With this bundle, the library starts when the
 # program is loaded.
@@ -12,12 +13,13 @@
 #   DELIVERY         the rules of delivery: complete (default) delivers every event once, also after a long absence or
 #                    an outage; classic keeps the losses that the system requires
 #   CONSENT          required: nothing is collected, stored or sent before KelvoSDK::setConsent(granted)
+#   JOURNAL_BYTES    the size of the journal, from 65536 to 67108864; 0: none; default: 4194304
 #   NO_FAREWELL      the program prints no line when it ends
 #   PLUGINS          classes of the plug-ins that are linked in; kelvo_add_plugin adds those in shared objects
 #   SERVER_BASE_URL  the service
 #   CA_FILE          absolute path, on the machine that runs the program, of a private authority in PEM form
 function(kelvo_add_bundle target)
-  cmake_parse_arguments(ARG "NO_FAREWELL" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;DELIVERY;CONSENT;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
+  cmake_parse_arguments(ARG "NO_FAREWELL" "APP_ID;BUNDLE_ID;NAME;VERSION;BUILD;DELIVERY;CONSENT;JOURNAL_BYTES;SERVER_BASE_URL;CA_FILE" "PLUGINS" ${ARGN})
   if(NOT TARGET ${target})
     message(FATAL_ERROR "kelvo_add_bundle: there is no target ${target}")
   endif()
@@ -47,6 +49,14 @@ function(kelvo_add_bundle target)
   if("CONSENT" IN_LIST ARG_KEYWORDS_MISSING_VALUES OR (DEFINED ARG_CONSENT AND NOT ARG_CONSENT STREQUAL "required"))
     message(FATAL_ERROR "kelvo_add_bundle: CONSENT \"${ARG_CONSENT}\" is unknown; the only value is: required")
   endif()
+  if("JOURNAL_BYTES" IN_LIST ARG_KEYWORDS_MISSING_VALUES)
+    set(ARG_JOURNAL_BYTES " ")
+  endif()
+  if(DEFINED ARG_JOURNAL_BYTES AND NOT ARG_JOURNAL_BYTES STREQUAL "0"
+     AND NOT (ARG_JOURNAL_BYTES MATCHES "^[1-9][0-9]*$" AND ARG_JOURNAL_BYTES GREATER_EQUAL 65536
+              AND ARG_JOURNAL_BYTES LESS_EQUAL 67108864))
+    message(FATAL_ERROR "kelvo_add_bundle: JOURNAL_BYTES \"${ARG_JOURNAL_BYTES}\" is neither 0 nor from 65536 to 67108864")
+  endif()
   if(NOT ARG_NAME)
     set(ARG_NAME ${target})
   endif()
@@ -66,6 +76,9 @@ function(kelvo_add_bundle target)
   add_entry(KelvoConsent "${ARG_CONSENT}")
   add_entry(KelvoServerBaseURL "${ARG_SERVER_BASE_URL}")
   add_entry(KelvoCAFile "${ARG_CA_FILE}")
+  if(DEFINED ARG_JOURNAL_BYTES)
+    string(APPEND entries "  <key>KelvoJournalBytes</key><integer>${ARG_JOURNAL_BYTES}</integer>\n")
+  endif()
   if(ARG_NO_FAREWELL)
     string(APPEND entries "  <key>KelvoFarewell</key><false/>\n")
   endif()

@@ -60,8 +60,11 @@ Value bodyWith(const Dictionary& attributes, const std::string& name, int depth)
   const KLVAppEvent event(KLVEventType::app, *sanitised(std::optional(name)),
                           getFlatDictionary(clean.value_or(Dictionary()), depth), counts);
   KLVChunkDetails details;
-  details.addEvents({event.jsonDict()});
-  const Dictionary body = details.constructChunkDetails(clean.value_or(Dictionary()), {}, {}, {});
+  const Dictionary stored = event.jsonDict();
+  details.addEvent(KLVStoredEvent::of(stored));
+  const auto text = details.takeBody({}, {.user = clean.value_or(Dictionary())});
+  const Value whole = parseJSON(text.value().inOnePiece()).value();
+  const Dictionary body = (*whole.get<Dictionary>())["chunk_details"].asDictionary().value();
   require(body["app_events"].get<Array>()->size() == 1, "a stored event is in the body");
   return body;
 }

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "Attributes.h"
-#include "platform/JSON.h"
 #include "records/KLVAppInfo.h"
 #include "records/KLVChunk.h"
 #include "records/KLVDeviceInfo.h"
@@ -76,9 +75,10 @@ Bodies::~Bodies() {
 
 std::string Bodies::makeText(std::size_t variant, std::size_t events) const {
   KLVChunkDetails details;
-  std::vector<Dictionary> rows;
-  for (std::size_t index = 0; index < events; ++index) rows.push_back(storedEvent(variant, index));
-  details.addEvents(std::move(rows));
+  for (std::size_t index = 0; index < events; ++index) {
+    const Dictionary form = storedEvent(variant, index);
+    details.addEvent(KLVStoredEvent::of(form));
+  }
   KLVDeviceInfo device(kDevice);
   device.setIdentifier(kDevice);
   const auto session = KLVSession::rebuiltFromIdentifier(launch_ + "-" + kDevice);
@@ -91,12 +91,9 @@ std::string Bodies::makeText(std::size_t variant, std::size_t events) const {
   body.set(kKLVBodyAppInfo, KLVAppInfo("").jsonDictModified());
   body.set(kKLVBodyDeviceInfo, device.jsonDictModified());
   body.set(kKLVBodyChunkMeta, chunk.jsonDictModified());
-  body.set(kKLVBodyChunkDetails,
-           details.constructChunkDetails({{"custom_user_id", "customer-" + kDevice}, {"plan", "gold"}}, {}, {}, {}));
-  std::string error;
-  auto text = jsonText(body, &error);
-  if (!text) throw std::runtime_error("no body: " + error);
-  return *std::move(text);
+  const auto text = details.takeBody(std::move(body), {{{"custom_user_id", "customer-" + kDevice}, {"plan", "gold"}}});
+  if (!text) throw std::runtime_error("no body");
+  return text->inOnePiece();
 }
 
 std::vector<Bodies::Piece> Bodies::split(const std::string& text, std::size_t events) const {

@@ -76,6 +76,12 @@ struct Options {
   /// The age in days at which stored data is deleted in the same way. 0: never.
   std::uint32_t maxStoredDays = 0;
 
+  /// The size of the journal in bytes: the file that keeps calls from their return until they are stored, so that a
+  /// kill of the process loses none. 4 MiB hold about 10,000 waiting calls; later ones are as safe as without it.
+  /// 0: no journal. Else from 64 KiB to 64 MiB; another number costs one ERROR line, and the default applies. nullopt:
+  /// "KelvoJournalBytes" of the bundle, else 4 MiB. Only under `Delivery::complete`.
+  std::optional<std::uint64_t> journalBytes{};
+
   /// Whether chunks carry the ledger (`KelvoSDK::ledger`), so that the service can tell a loss from an eviction.
   bool sendLedger = false;
 };

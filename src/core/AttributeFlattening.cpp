@@ -1,5 +1,6 @@
 #include "core/AttributeFlattening.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -105,6 +106,11 @@ void handleArray(const std::string& key, const Array& array, Dictionary& result,
 }  // namespace
 
 Dictionary getFlatDictionary(const Dictionary& dictionary, int depth) {
+  const auto isFlat = [](const auto& entry) {
+    const Kind kind = kindOf(entry.second);
+    return kind == Kind::text || kind == Kind::number;
+  };
+  if (std::all_of(dictionary.begin(), dictionary.end(), isFlat)) return dictionary;  // the copy shares its content
   Dictionary result;
   for (const auto& [key, value] : dictionary) {
     switch (kindOf(value)) {

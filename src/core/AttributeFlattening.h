@@ -15,4 +15,9 @@ namespace kelvo {
 /// Several values under one composed key become an array. A number among the first two becomes text. Thread-safe.
 Dictionary getFlatDictionary(const Dictionary& dictionary, int depth);
 
+/// Returns the attributes of a host call: at depth 2 if the call flattens, else at depth 1.
+inline Dictionary flattened(const Dictionary& info, bool shouldFlatten) {
+  return getFlatDictionary(info, shouldFlatten ? 2 : 1);
+}
+
 }  // namespace kelvo

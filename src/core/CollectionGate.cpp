@@ -79,16 +79,14 @@ bool CollectionGate::admit(bool destinationExists, const char* kind, const Buffe
   return false;
 }
 
-void CollectionGate::countRefusal() const {
-  if (isClosed_) {
-    KLVLedger::shared().add(KLVLedgerEntry::notStored);
-  } else if (state_ == State::terminated) {
-    KLVLedger::shared().add(refusal_);
-  }
+void CollectionGate::countRefusal(const KLVEvent& event) const {
+  if (!isClosed_ && state_ != State::terminated) return;
+  KLVLedger::shared().add(isClosed_ ? KLVLedgerEntry::notStored : refusal_);
+  event.call().finish();
 }
 
 bool CollectionGate::admitEvent(const std::shared_ptr<KLVEvent>& event) {
-  countRefusal();
+  countRefusal(*event);
   return admit(databaseExists_, kEvent, [&] {
     events_.push_back(event);
     if (event->eventType() == KLVEventType::app) awaitsCount_ = event;
@@ -97,7 +95,8 @@ bool CollectionGate::admitEvent(const std::shared_ptr<KLVEvent>& event) {
 
 bool CollectionGate::admitCount(const std::shared_ptr<KLVEvent>& event) {
   if (std::exchange(awaitsCount_, nullptr) == event) return false;
-  if (event->eventType() != KLVEventType::app) countRefusal();  // an application event has been counted with its row
+  if (event->eventType() != KLVEventType::app)
+    countRefusal(*event);  // an application event has been counted with its row
   return admit(databaseExists_, kEvent, [&] { events_.push_back(event); });
 }
 

@@ -15,6 +15,7 @@ namespace kelvo {
 struct BufferedAttributes {
   bool isUser = false;  ///< of the user, else of the session
   Dictionary attributes;
+  KLVWaitingCall call{};
 
   /// Sets the attributes on the record that they are for.
   void applyTo(KLVInfo& record) const;
@@ -98,7 +99,7 @@ class CollectionGate {
  private:
   template <class Buffer>
   bool admit(bool destinationExists, const char* kind, const Buffer& buffer);
-  void countRefusal() const;
+  void countRefusal(const KLVEvent& event) const;
 
   State state_ = State::idle;
   KLVLedgerEntry refusal_ = KLVLedgerEntry::refusedDisabled;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "util/KLVLogger.h"
+#include "util/KLVWaitingCall.h"
 
 namespace kelvo {
 namespace {
@@ -52,6 +53,7 @@ void HeldCalls::open(const std::function<void(Calls&)>& take) {
 }
 
 void HeldCalls::close() {
+  KLVWaitingCall::suspendJournal();
   const Lock lock(mutex_);
   limit_.reset();
   isOpen_ = false;

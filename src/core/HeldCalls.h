@@ -39,7 +39,7 @@ class HeldCalls {
   void limit(std::size_t mostCalls) EXCLUDES(mutex_);
   /// Has `take` submit the kept calls. Later calls are not kept, so they follow them. `take` must not block.
   void open(const std::function<void(Calls&)>& take) EXCLUDES(mutex_);
-  /// Keeps every later call again, without a limit: for an erasure.
+  /// Keeps every later call again, without a limit, and out of the journal: for an erasure.
   void close() EXCLUDES(mutex_);
   /// Forgets the kept calls. Returns them, for the caller to destroy without a lock. The ledger counts the events under
   /// `fate`.

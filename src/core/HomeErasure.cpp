@@ -1,9 +1,12 @@
 #include "core/HomeErasure.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <filesystem>
 #include <system_error>
 
+#include "core/HomeJournal.h"
+#include "journal/KLVJournalPlace.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "platform/HomeLock.h"
@@ -42,6 +45,11 @@ class Wipe {
     if (failure) note(directory, failure);
   }
 
+  /// Remembers a file that could not be deleted.
+  void note(const fs::path& path, const std::error_code& failure) {
+    if (left_++ == 0) first_ = path.string() + " (" + failure.message() + ")";
+  }
+
   /// Returns true if nothing is left. Otherwise logs why.
   [[nodiscard]] bool report() const {
     if (left_ == 0) return true;
@@ -50,10 +58,6 @@ class Wipe {
   }
 
  private:
-  void note(const fs::path& path, const std::error_code& failure) {
-    if (left_++ == 0) first_ = path.string() + " (" + failure.message() + ")";
-  }
-
   std::size_t left_ = 0;
   std::string first_;
 };
@@ -64,6 +68,8 @@ bool deleteEverything() {
   Wipe wipe;
   wipe.remove(KLVPersistantStore::databaseRoot());
   wipe.empty(Directories::library());
+  // One may be outside of Library.
+  if (!removeJournalFiles(KLVJournalSettings::current())) wipe.note(kKLVJournalFile, {errno, std::generic_category()});
   // A directory keeps the time of its creation, which is the time of the installation.
   std::error_code isInUse;
   if (fs::remove(Directories::documents(), isInUse)) static_cast<void>(makeDirectory(Directories::documents(), false));
@@ -75,6 +81,9 @@ bool deleteEverything() {
 bool HomeErasure::isNeedless() {
   std::error_code failure;
   if (fs::exists(KLVPersistantStore::databaseRoot(), failure) || failure) return false;
+  for (const auto& journal : HomeJournal::paths()) {
+    if (fs::exists(journal, failure)) return false;
+  }
   fs::directory_iterator entry(Directories::library(), failure), end;
   for (; entry != end && isKept(entry->path().filename()); entry.increment(failure)) {
   }

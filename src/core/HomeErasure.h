@@ -20,8 +20,9 @@ class HomeErasure {
   /// Notes in the consent file that an erasure is under way and, if any request can have named the device, the deletion
   /// request that follows it. `appId` is the application that the request is for.
   void begin(const std::string& appId);
-  /// Deletes the database, the user defaults, and everything in Library but the lock and the consent file. Never
-  /// follows a link. Clears the note. Returns false, after one ERROR line, if a file is left: the note then stays.
+  /// Deletes the database, the user defaults, the journal, and everything in Library but the lock and the consent file.
+  /// Never follows a link. Clears the note. Returns false, after one ERROR line, if a file is left: the note then
+  /// stays.
   [[nodiscard]] bool finish();
 
  private:

@@ -29,6 +29,17 @@ bool chooseDelivery(const Value& name) {
   return rules != nullptr;
 }
 
+/// Returns the size of the journal that the bundle or the host has chosen. If it is none, logs that and returns the
+/// default.
+std::uint64_t journalBytes(const Value& chosen) {
+  const std::uint64_t bytes = chosen.asUInt64();
+  const bool isSize = bytes >= KLVHostLimits::kLeastJournalBytes && bytes <= KLVHostLimits::kMostJournalBytes;
+  if (chosen.isInteger() && (isSize || chosen == Value(0))) return bytes;
+  KLV_ERROR("The size of the journal is neither 0 nor from {} to {} bytes: {}; {} apply",
+            KLVHostLimits::kLeastJournalBytes, KLVHostLimits::kMostJournalBytes, chosen, KLVHostLimits::kJournalBytes);
+  return KLVHostLimits::kJournalBytes;
+}
+
 /// Returns whether the bundle's "KelvoConsent" requires consent. An unknown value does: nobody writes the key without
 /// the wish to ask first.
 bool bundleRequiresConsent(const Value& value) {
@@ -58,6 +69,11 @@ void HostSettings::applyBundle(const Dictionary& info) {
   if (info["KelvoFarewell"] == Value(false)) chooseFarewell(false);
   const bool namesDelivery = chooseDelivery(info["KelvoDelivery"]);
   if (bundleRequiresConsent(info["KelvoConsent"])) requiresConsent_ = true;
+  if (const Value& bytes = info["KelvoJournalBytes"]; !bytes.isNull()) {
+    KLVHostLimits limits;
+    limits.journalBytes = journalBytes(bytes);
+    KLVHostLimits::choose(limits);
+  }
   const Lock lock(mutex_);
   bundleNamesDelivery_ = namesDelivery;
 }
@@ -86,6 +102,8 @@ void HostSettings::apply(const Options& options) {
                          .mostWaitingCalls = options.maxWaitingCalls,
                          .mostStoredBytes = options.maxStoredBytes,
                          .mostStoredDays = options.maxStoredDays,
+                         .journalBytes = options.journalBytes ? journalBytes(*options.journalBytes)
+                                                              : KLVHostLimits::current().journalBytes,
                          .sendsLedger = options.sendLedger});
 }
 

@@ -23,7 +23,8 @@ class HostSettings {
   /// first time, logs one ERROR line and tells the host.
   static bool refusesForeignRights();
 
-  /// Applies "KelvoDelivery", "KelvoFarewell" and "KelvoConsent" of the `Info.plist`. Called at load.
+  /// Applies "KelvoDelivery", "KelvoFarewell", "KelvoConsent" and "KelvoJournalBytes" of the `Info.plist`. Called at
+  /// load.
   void applyBundle(const Dictionary& info) EXCLUDES(mutex_);
   /// Applies all options but the id of the application and of its user. Called once, before the start-up.
   void apply(const Options& options) EXCLUDES(mutex_);

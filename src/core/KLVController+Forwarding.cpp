@@ -111,6 +111,11 @@ void KLVController::postDataToURL(const std::optional<std::string>& path, const 
   postman_.postDataToURL(*path, body, headerFields, std::move(completion));
 }
 
+void KLVController::postChunk(const std::string& path, SlicedText body, const Dictionary& headerFields,
+                              HTTPCompletion completion) {
+  postman_.postJSON(path, std::move(body), headerFields, std::move(completion));
+}
+
 void KLVController::makeDeleteRequestToURLPath(const std::optional<std::string>& path,
                                                const std::optional<Dictionary>& headerFields,
                                                HTTPCompletion completion) {

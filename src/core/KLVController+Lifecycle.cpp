@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "core/HomeJournal.h"
 #include "core/KLVController.h"
 #include "platform/Clock.h"
 #include "platform/UserDefaults.h"
@@ -69,6 +70,7 @@ void KLVController::startSessionWithLaunchType(const std::optional<std::string>&
     components_.dataHandler = handler;
     chunks = components_.chunkManager;
   }
+  HomeJournal::enter(started->identifier());
   handler->saveSessionInfo(started, started->identifier());
   if (isWhole && chunks != nullptr) chunks->startSession(started->identifier());
   incrementLifetimeSessionCount(getLifetimeSessionCount());
@@ -157,7 +159,7 @@ void KLVController::saveSessionInfoWithIndentifier(const std::optional<std::stri
   if (const auto handler = dataHandler()) handler->saveSessionInfo(session(), *identifier);
 }
 
-void KLVController::saveUserInfo() {
+void KLVController::saveUserInfo(KLVWaitingCalls calls) {
   std::shared_ptr<KLVDataHandler> handler;
   std::shared_ptr<KLVUser> merged;
   {
@@ -166,7 +168,7 @@ void KLVController::saveUserInfo() {
     handler = components_.dataHandler;
     merged = components_.user;
   }
-  handler->saveUserInfo(merged);
+  handler->saveUserInfo(merged, std::move(calls));
 }
 
 void KLVController::markFatalAndUpdateDuration(std::optional<Date> duration,

@@ -1,8 +1,10 @@
 #include <utility>
 
 #include "core/AttributeFlattening.h"
+#include "core/JournalReplay.h"
 #include "core/KLVController.h"
 #include "platform/Clock.h"
+#include "platform/ThreadPool.h"
 #include "util/KLVDeliveryRules.h"
 #include "util/KLVException.h"
 #include "util/KLVLedger.h"
@@ -15,19 +17,21 @@
 namespace kelvo {
 namespace {
 
-// Depths of `getFlatDictionary`.
-constexpr int kKeepOneLevel = 1;
-constexpr int kFlattenOneMore = 2;
+using Kind = KLVJournalKind;
 
-Dictionary flattened(const std::optional<Dictionary>& info, bool shouldFlatten) {
-  return getFlatDictionary(info.value_or(Dictionary()), shouldFlatten ? kFlattenOneMore : kKeepOneLevel);
+/// Has the journal keep the call, unless it has no `text`: such a call is refused.
+void record(const KLVWaitingCall& call, Kind kind, Date when, const std::optional<std::string>& text,
+            const std::optional<Dictionary>& info, bool shouldFlatten = false) {
+  if (!text) return;
+  const std::uint8_t flags = shouldFlatten ? kKLVJournalFlattens : 0;
+  call.record({static_cast<std::uint8_t>(kind), flags, when, text, info ? &*info : nullptr});
 }
 
 /// Replaces `info` with its clean copy. Returns false, after one ERROR line, if it cannot be cleaned: the caller drops
 /// the call.
-bool clean(std::optional<Dictionary>& info) {
+bool clean(KLVHostAttributes& info) {
   try {
-    info = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(info);
+    if (!info.isClean) info.values = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(info.values);
     return true;
   } catch (const KLVInvalidArgument& fault) {
     KLV_ERROR("{}", fault.what());
@@ -36,7 +40,7 @@ bool clean(std::optional<Dictionary>& info) {
 }
 
 /// The same for an event, which the ledger counts.
-bool cleanEvent(std::optional<Dictionary>& info) {
+bool cleanEvent(KLVHostAttributes& info) {
   KLVLedger::shared().add(KLVLedgerEntry::logged);
   const bool isClean = clean(info);
   if (!isClean) KLVLedger::shared().add(KLVLedgerEntry::refusedUncleanable);
@@ -59,11 +63,13 @@ void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
     KLV_ERROR("Identifier passed is nil");
     return;
   }
-  submit([this, identifier = *std::move(identifier)] {
+  const auto call = KLVWaitingCall::uncounted();
+  record(call, Kind::userIdentifier, Clock::now(), identifier, std::nullopt);
+  submit([this, identifier = *std::move(identifier), call] {
     const auto state = gateState();
     const bool isEarly = state == CollectionGate::State::idle || state == CollectionGate::State::initialising;
     if (state == CollectionGate::State::running || (isEarly && KLVDeliveryRules::current().keepsEarlyUserIdentifier)) {
-      setAttributes({true, {{"custom_user_id", identifier}}});
+      setAttributes({true, {{"custom_user_id", identifier}}, call});
     } else {
       KLV_ERROR("SDK not enabled - user identifier not set");
     }
@@ -78,45 +84,49 @@ void KLVController::logScreenWithName(const std::optional<std::string>& title) {
   }
   auto call = KLVWaitingCall::admit();
   if (!call) return;
-  submit([this, title = *title, when = Clock::now(),
-          call = std::move(call)] { navigationMonitor_->logScreenWithName(title, when); },
+  const Date when = Clock::now();
+  record(call, Kind::screen, when, title, std::nullopt);
+  submit([this, title = *title, when,
+          call = std::move(call)] { navigationMonitor_->logScreenWithName(title, when, call); },
          HeldCalls::Kind::namedScreen);
 }
 
-void KLVController::logClientEventWithName(std::optional<std::string> name, std::optional<Dictionary> info,
+void KLVController::logClientEventWithName(std::optional<std::string> name, KLVHostAttributes info,
                                            bool shouldFlatten) {
   auto call = KLVWaitingCall::admit();
   if (!call || !cleanEvent(info)) return;
+  record(call, Kind::clientEvent, Clock::now(), name, info.values, shouldFlatten);
   submit(
-      [this, name = std::move(name), info = std::move(info), shouldFlatten, call = std::move(call)] {
+      [this, name = std::move(name), info = std::move(info.values), shouldFlatten, call = std::move(call)] {
         if (!name) {
           countNameless();
           KLV_WARN("Improper app event logged");
           return;
         }
-        clientEventSource_.logEvent(*name, flattened(info, shouldFlatten), std::nullopt, call);
+        clientEventSource_.logEvent(*name, flattened(info.value_or(Dictionary()), shouldFlatten), std::nullopt, call);
       },
       HeldCalls::Kind::event);
 }
 
-void KLVController::logAppEventWithName(std::optional<std::string> name, std::optional<Dictionary> info,
-                                        bool shouldFlatten, bool isAggregate) {
+void KLVController::logAppEventWithName(std::optional<std::string> name, KLVHostAttributes info, bool shouldFlatten,
+                                        bool isAggregate) {
   auto call = KLVWaitingCall::admit();
   if (!call || !cleanEvent(info)) return;
+  const Date when = Clock::now();
+  record(call, isAggregate ? Kind::aggregateEvent : Kind::appEvent, when, name, info.values, shouldFlatten);
   submit(
-      [this, name = std::move(name), info = std::move(info), shouldFlatten, isAggregate, when = Clock::now(),
+      [this, name = std::move(name), info = std::move(info.values), shouldFlatten, isAggregate, when,
        call = std::move(call)] {
         if (const auto handler = dataHandler()) handler->catchUp();  // a queued call takes less memory than its event
+        const pool::ShortTask shortTask;
         if (!name) {
           countNameless();
           KLV_WARN("Improper app event logged");
           return;
         }
-        Dictionary flat = flattened(info, shouldFlatten);
+        Dictionary flat = flattened(info.value_or(Dictionary()), shouldFlatten);
         if (!isAggregate) return appEventSource_.logEvent(*name, flat, KLVTimer::sharedTimer().timeAt(when), call);
-        const auto event = std::make_shared<KLVAggregateEvent>();
-        event->setIdentifier(*name);
-        event->setAdditionalInfo(std::move(flat));
+        const auto event = aggregateEvent(*name, std::move(flat));
         event->setCall(call);
         processAggregateEventWithEvent(event);
         KLV_INFO("Aggregte event logged with name {}", *name);
@@ -124,18 +134,22 @@ void KLVController::logAppEventWithName(std::optional<std::string> name, std::op
       HeldCalls::Kind::event);
 }
 
-void KLVController::setUserCustomInfo(std::optional<Dictionary> info) {
+void KLVController::setUserCustomInfo(KLVHostAttributes info) {
   setCustomInfo(std::move(info), true);
 }
 
-void KLVController::setSessionCustomInfo(std::optional<Dictionary> info) {
+void KLVController::setSessionCustomInfo(KLVHostAttributes info) {
   setCustomInfo(std::move(info), false);
 }
 
-void KLVController::setCustomInfo(std::optional<Dictionary> info, bool isUser) {
+void KLVController::setCustomInfo(KLVHostAttributes info, bool isUser) {
   const auto call = KLVWaitingCall::admit(false);
   if (!call || !clean(info)) return;
-  submit([this, info = std::move(info), isUser, call] {
+  if (info.values && !info.values->empty()) {
+    const auto kind = static_cast<std::uint8_t>(isUser ? Kind::userAttributes : Kind::sessionAttributes);
+    call.record({kind, 0, Clock::now(), std::nullopt, &*info.values});
+  }
+  submit([this, info = std::move(info.values), isUser, call] {
     if (!info || info->empty()) {
       // Kept: the message is the same if the service allows collection.
       if (isUser) {
@@ -145,7 +159,7 @@ void KLVController::setCustomInfo(std::optional<Dictionary> info, bool isUser) {
       }
       return;
     }
-    setAttributes({isUser, *info});
+    setAttributes({isUser, *info, call});
   });
 }
 
@@ -154,16 +168,23 @@ void KLVController::setAttributes(const BufferedAttributes& call) {
     const Lock lock(mutex_);
     if (!gate_.admitAttributes(call)) return;
   }
-  if (!call.isUser) return call.applyTo(*session());
-  call.applyTo(*user());
-  saveUserInfo();
+  if (call.isUser) {
+    call.applyTo(*user());
+    saveUserInfo({call.call});
+  } else {
+    const auto running = session();
+    call.applyTo(*running);
+    if (call.call.sequence() != 0) dataHandler()->saveSessionInfo(running, running->identifier(), {call.call});
+  }
 }
 
-void KLVController::reportCustomError(std::optional<std::string> error, std::optional<Dictionary> info) {
+void KLVController::reportCustomError(std::optional<std::string> error, KLVHostAttributes info) {
   auto call = KLVWaitingCall::admit();
   if (!call || !cleanEvent(info)) return;
+  const Date when = Clock::now();
+  record(call, Kind::customError, when, error, info.values);
   submit(
-      [this, error = std::move(error), info = std::move(info), when = Clock::now(), call = std::move(call)] {
+      [this, error = std::move(error), info = std::move(info.values), when, call = std::move(call)] {
         if (!error) {
           countNameless();
           KLV_WARN("Improper observation reported");
@@ -224,7 +245,6 @@ void KLVController::saveLifetimeEvent(const std::shared_ptr<KLVEvent>& event) {
   const auto handler = components_.dataHandler;
   lock.unlock();
   if (event->eventType() == KLVEventType::app) return;  // counted with its row
-  KLVLedger::shared().add(KLVLedgerEntry::forPlugins);
   handler->upsertLifetimeEvent(event);
 }
 

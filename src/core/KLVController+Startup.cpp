@@ -86,6 +86,7 @@ void KLVController::initializeWithKelvoID(std::optional<std::string> appId, cons
   if (options != nullptr) {
     isValid ? HostSettings::shared().apply(*options) : HostSettings::shared().applyOutput(*options);
   }
+  if (isValid && !KLVDeliveryRules::current().keepsJournal) KLVWaitingCall::closeJournal();
   if (!isValid) {
     if (!HostSettings::shared().requiresConsent()) letThreadsStart();
     KLV_ERROR("KelvoiOSSDK failed to initialize - invalid appId: {}", appId);
@@ -133,6 +134,8 @@ void KLVController::stepA(const std::string& userIdentifier, const HeldCalls::Ca
     refuse();
     return Readiness::shared().set(Readiness::State::failed, "Not everything could be erased: nothing is collected");
   }
+  controllerSerialQueue_.assertCurrent();
+  holder ? KLVWaitingCall::closeJournal() : openJournal();
   if (!holder && *generation == 0) erasure_.resumeDeletions();  // later, the end of the old requests does this
   registerIdentifer(identifierKey(KLVEventType::app, kKLVAppOpened), asListener());
   registerIdentifer(identifierKey(KLVEventType::system, kKLVBackground), asListener());
@@ -274,47 +277,13 @@ void KLVController::startRecords() {
   components_.user = std::move(user);
 }
 
-/// Thread: the controller's queue. Later calls therefore follow the buffered ones.
-void KLVController::mergeStoredUser() {
-  std::vector<BufferedAttributes> calls;
-  {
-    const Lock files(rescueMutex_);  // waits for a rescue that is writing the user's file
-    const Lock lock(mutex_);
-    calls = gate_.takeAttributes();
-  }
-  Array descriptions;
-  for (const BufferedAttributes& call : calls) {
-    descriptions.append(Dictionary{{"type", call.isUser ? "user" : "session"}, {"info", call.attributes}});
-  }
-  KLV_DEBUG("Persisting info buffer: {}", descriptions);
-  const auto current = user();
-  const auto running = session();
-  for (const BufferedAttributes& call : calls) {
-    call.isUser ? call.applyTo(*current) : call.applyTo(*running);
-  }
-  const auto stored = retrieveUser();
-  if (stored != nullptr) {
-    if (stored->identifier().empty()) stored->setIdentifier(current->identifier());
-    KLV_INFO("Updating user info");
-    KLV_DEBUG("Updating old user info: {} with new user info: {}", stored->customInfo(), current->customInfo());
-    for (const auto& [key, value] : KLVUtilities::dictionaryByRemovingNulls(current->customInfo())) {
-      stored->setCustomInfo(value, key);
-    }
-    stored->setDelegate(this);
-  }
-  {
-    const Lock lock(mutex_);
-    if (stored != nullptr) components_.user = stored;
-    gate_.openRecords();
-  }
-  saveRecords();
-}
-
 /// Thread: the controller's queue. Host calls wait meanwhile, so the buffer is soon empty.
 void KLVController::stepC() {
+  controllerSerialQueue_.assertCurrent();
   for (bool isOpen = false; !isOpen;) {
     // Rescued events are older than buffered ones, so they are stored first, those of this process included.
     const bool isStored = storeRescuedEvents();
+    replayUnfinishedCalls();
     const Lock files(rescueMutex_);  // no rescue comes between the check and the opening
     if (isStored && RescueFiles::isPending()) continue;
     std::vector<EventRef> events;
@@ -339,6 +308,7 @@ void KLVController::persistEvents(const std::vector<EventRef>& events) {
 }
 
 void KLVController::stayTerminated() {
+  KLVWaitingCall::closeJournal();
   terminateSDK();
   finishStartUp();
 }

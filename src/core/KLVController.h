@@ -18,12 +18,13 @@
 #include "events/KLVEventHandler.h"
 #include "events/KLVNavigationMonitor.h"
 #include "events/KLVSystemEventsMonitor.h"
+#include "journal/KLVJournalEntry.h"
 #include "network/KLVPostman.h"
 #include "network/KLVSyncManager.h"
 #include "platform/ThreadSafety.h"
+#include "util/KLVSanitiser.h"
 
 namespace kelvo {
-
 struct Options;
 
 /// The process-wide controller: owns every component, starts them, and forwards calls between them.
@@ -64,11 +65,11 @@ class KLVController final : public KLVEventListener,
   // --- Host calls. `KLVConsentControl` holds each of them until the user has decided.
   void setUserIdentifier(Text identifier);
   void logScreenWithName(const Text& title);
-  void logClientEventWithName(Text name, std::optional<Dictionary> info, bool shouldFlatten);
-  void logAppEventWithName(Text name, std::optional<Dictionary> info, bool shouldFlatten, bool isAggregate);
-  void setUserCustomInfo(Form info);
-  void setSessionCustomInfo(Form info);
-  void reportCustomError(Text error, std::optional<Dictionary> info);
+  void logClientEventWithName(Text name, KLVHostAttributes info, bool shouldFlatten);
+  void logAppEventWithName(Text name, KLVHostAttributes info, bool shouldFlatten, bool isAggregate);
+  void setUserCustomInfo(KLVHostAttributes info);
+  void setSessionCustomInfo(KLVHostAttributes info);
+  void reportCustomError(Text error, KLVHostAttributes info);
   void logDeviceToken(const Value& token);
   void saveEvent(const EventRef& event, const Text& sessionId);  ///< never buffers it
   void markFatalAndUpdateDuration(std::optional<Date> duration, const Text& sessionId);
@@ -76,7 +77,6 @@ class KLVController final : public KLVEventListener,
   [[nodiscard]] bool isCordova() const noexcept { return isCordova_; }
   void markAsReactNative() noexcept;
   [[nodiscard]] bool isReactNative() const noexcept;
-
   // --- Calls of plug-ins: `PluginServices` documents them.
   void getSyncDataForActionType(const std::string& type, const std::string& version, std::function<void()> completion);
   std::optional<Dictionary> getPIDMIDDictForType(const std::string& type) override;
@@ -88,13 +88,14 @@ class KLVController final : public KLVEventListener,
   std::optional<Dictionary> getLifetimeCountForEvents(const std::vector<std::string>& names);
   std::int64_t getLifetimeCountForEventWithName(const std::string& name) override;
   void getDataFromURLPath(const Text& path, HTTPCompletion completion) override;
-  void postDataToURL(const Text& path, const Form& body, const Form& headers, HTTPCompletion completion) override;
+  void postDataToURL(const Text& path, const Form& body, const Form& headers, HTTPCompletion completion);
+  void postChunk(const std::string& path, SlicedText body, const Dictionary& headers,
+                 HTTPCompletion completion) override;
   void makeDeleteRequestToURLPath(const Text& path, const Form& headers, HTTPCompletion completion);
   void registerForTimerNotificationWithInterval(double seconds, std::function<void()> closure);
   void executeAfterDelay(double seconds, std::function<void()> block);
   [[nodiscard]] bool actionInProgress() const noexcept { return actionInProgress_; }
   void setActionInProgress(bool inProgress) noexcept { actionInProgress_ = inProgress; }
-
   // --- Records and counters: nullptr, nullopt or 0 until the start-up has made the record.
   Text getDeviceID();
   Text getHardwareModel();
@@ -110,7 +111,7 @@ class KLVController final : public KLVEventListener,
   void performInOrder(std::function<void()> task) { controllerSerialQueue_.async(std::move(task)); }  ///< as host calls
   void whenStored(std::function<void()> done);  ///< once the database holds the data of all earlier calls
   void whenPosted(std::function<void()> done);  ///< the same, and the HTTP client has every chunk whose cut it caused
-  void saveRecords();  ///< saves the attributes of the user and of the session; on the controller's queue
+  void saveRecords(KLVWaitingCalls ofUser = {}, KLVWaitingCalls ofSession = {});  ///< on the controller's queue
   void whenStarted(std::function<void()> task) EXCLUDES(mutex_);  ///< at once, or on the thread that ends the start-up
   /// Calls `KLVChunkManager::deliverNow` behind all earlier host calls. Before the start, `isCut` is false.
   void deliverNow(bool waits, std::function<void(bool isCut)> done);
@@ -134,7 +135,8 @@ class KLVController final : public KLVEventListener,
   void updateChunkStartTime(Date when) override;
   void updateChunkEndTime(Date when) override;
   void saveSessionInfoWithIndentifier(const Text& identifier) override;
-  void saveUserInfo() override;
+  void saveUserInfo() override { saveUserInfo({}); }
+  void saveUserInfo(KLVWaitingCalls calls);  ///< `calls`: their attributes are in the record
   std::string applicationIdentifier() override { return locked(&KLVComponents::applicationIdentifier); }
   std::shared_ptr<KLVUser> user() override { return locked(&KLVComponents::user); }
   std::shared_ptr<KLVAppInfo> appInfo() override { return locked(&KLVComponents::appInfo); }
@@ -143,7 +145,6 @@ class KLVController final : public KLVEventListener,
   void getActionsFromURLPath(const Text& path, HTTPCompletion completion) override;
   void resumeDeletions() override { erasure_.resume(); }
   void eraseAtStart() override { erasure_.eraseAtStart(); }
-
   // Start-up: steps A and C on the controller's queue, step B on the lifecycle queue.
   void stepA(const std::string& userIdentifier, const HeldCalls::Calls& early) override;
   void stepB(std::uint64_t generation, const HTTPOutcome& answer);
@@ -159,10 +160,12 @@ class KLVController final : public KLVEventListener,
   void finishStartUp() EXCLUDES(mutex_);
   void setEnabled(bool enabled) EXCLUDES(mutex_);
   void persistEvents(const std::vector<EventRef>& events) EXCLUDES(mutex_);
+  void openJournal() REQUIRES(controllerSerialQueue_) EXCLUDES(rescueMutex_);
+  void replayUnfinishedCalls() REQUIRES(controllerSerialQueue_);
   void fetchClientEvents(const std::string& hash);
   void loadEventsWithConfig(const std::optional<Dictionary>& config);
   std::optional<Dictionary> getClientEvents();
-  void setCustomInfo(std::optional<Dictionary> info, bool isUser);
+  void setCustomInfo(KLVHostAttributes info, bool isUser);
   void setAttributes(const BufferedAttributes& call) EXCLUDES(mutex_);
   void takeDeviceToken(const Value& token);
   void verifyAndLogDeviceToken(const Text& token) EXCLUDES(mutex_);
@@ -176,6 +179,7 @@ class KLVController final : public KLVEventListener,
     const Lock lock(mutex_);
     return components_.*field;
   }
+  std::vector<KLVJournalEntry> unfinishedCalls_ GUARDED_BY(controllerSerialQueue_);  ///< until step C replays them
   std::atomic<bool> isCordova_{false}, actionInProgress_{false};
   std::atomic<int> blockedMainLoops_{0};
   std::atomic<bool> holdsHome_{false};  ///< false until step A, and if another process holds it

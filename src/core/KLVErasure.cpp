@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/HomeErasure.h"
+#include "core/HomeJournal.h"
 #include "core/KLVController.h"
 #include "core/Readiness.h"
 #include "platform/Clock.h"
@@ -97,7 +98,12 @@ void KLVErasure::drain() {
       classified,
       delivered,
       [this](auto next) { queue_.async([this, next = std::move(next)] { retireComponents(next); }); },
-      [this, home, isNeedless](auto) { queue_.async([=, this] { finish(isNeedless || (home && home->finish())); }); },
+      [this, home, isNeedless](auto) {
+        queue_.async([=, this] {
+          HomeJournal::erase();
+          finish(isNeedless || (home && home->finish()));
+        });
+      },
   }));
 }
 

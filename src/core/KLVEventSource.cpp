@@ -37,13 +37,19 @@ std::shared_ptr<KLVEvent> eventOfPlugin(KLVEventType type) {
 
 }  // namespace
 
-void KLVAppEventSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
-                                 std::optional<std::int64_t> time, KLVWaitingCall call) {
-  const auto event = std::make_shared<KLVAppEvent>(KLVEventType::app, name, info, delegate_);
+std::shared_ptr<KLVEvent> KLVAppEventSource::event(const std::string& name, const std::optional<Dictionary>& info,
+                                                   std::optional<std::int64_t> time, KLVLifetimeCounts& counts) {
+  auto event = std::make_shared<KLVAppEvent>(KLVEventType::app, name, info, counts);
   if (time) event->setCreatedTime(*time);
   if (time && info) event->setInfo(*time, kKLVTime);
-  event->setCall(std::move(call));
-  delegate_.dispatchEvent(event);
+  return event;
+}
+
+void KLVAppEventSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
+                                 std::optional<std::int64_t> time, KLVWaitingCall call) {
+  const auto made = event(name, info, time, delegate_);
+  made->setCall(std::move(call));
+  delegate_.dispatchEvent(made);
 }
 
 void KLVClientEventSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
@@ -61,12 +67,25 @@ void KLVClientEventSource::logEvent(const std::string& name, const std::optional
   delegate_.dispatchEvent(event);
 }
 
+std::shared_ptr<KLVEvent> KLVObservationSource::event(const std::string& error, const Dictionary& info,
+                                                      std::optional<std::int64_t> time) {
+  auto event = incident(KLVEventType::customError, error, info);
+  if (time) event->setCreatedTime(*time);
+  return event;
+}
+
 void KLVObservationSource::logEvent(const std::string& name, const std::optional<Dictionary>& info,
                                     std::optional<std::int64_t> time, KLVWaitingCall call) {
-  const auto event = incident(KLVEventType::customError, name, info.value_or(Dictionary()));
-  if (time) event->setCreatedTime(*time);
-  event->setCall(std::move(call));
-  delegate_.dispatchEvent(event);
+  const auto made = event(name, info.value_or(Dictionary()), time);
+  made->setCall(std::move(call));
+  delegate_.dispatchEvent(made);
+}
+
+std::shared_ptr<KLVEvent> aggregateEvent(const std::string& name, Dictionary info) {
+  auto event = std::make_shared<KLVAggregateEvent>();
+  event->setIdentifier(name);
+  event->setAdditionalInfo(std::move(info));
+  return event;
 }
 
 bool KLVPluginEventSource::logEvent(KLVEventType type, const std::optional<std::string>& name, const Dictionary& info) {

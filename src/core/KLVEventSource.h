@@ -34,6 +34,8 @@ class KLVEventSource {
 class KLVAppEventSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;
+  [[nodiscard]] static std::shared_ptr<KLVEvent> event(const std::string& name, const std::optional<Dictionary>& info,
+                                                       std::optional<std::int64_t> time, KLVLifetimeCounts& counts);
   void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time,
                 KLVWaitingCall call = {});
 };
@@ -51,9 +53,14 @@ class KLVClientEventSource : public KLVEventSource {
 class KLVObservationSource : public KLVEventSource {
  public:
   using KLVEventSource::KLVEventSource;
+  [[nodiscard]] static std::shared_ptr<KLVEvent> event(const std::string& error, const Dictionary& info,
+                                                       std::optional<std::int64_t> time);
   void logEvent(const std::string& name, const std::optional<Dictionary>& info, std::optional<std::int64_t> time,
                 KLVWaitingCall call = {});
 };
+
+/// Returns an event that the host has the library count.
+[[nodiscard]] std::shared_ptr<KLVEvent> aggregateEvent(const std::string& name, Dictionary info);
 
 /// Makes events of plug-ins.
 class KLVPluginEventSource : public KLVEventSource {

@@ -32,6 +32,13 @@ std::optional<std::vector<Dictionary>> KLVStorageForwarding::getEventsBetween(
   return handler->getEventsBetween(start, end, *identifier, typeName);
 }
 
+std::optional<std::uint64_t> KLVStorageForwarding::readEvents(const std::string& sid, std::uint64_t first,
+                                                              std::uint64_t last, std::uint64_t most,
+                                                              const std::function<void(const KLVStoredEvent&)>& take) {
+  const auto handler = dataHandler();
+  return handler ? handler->readEvents(sid, first, last, most, take) : 0;
+}
+
 std::vector<std::string> KLVStorageForwarding::getSessions() {
   const auto handler = dataHandler();
   return handler ? handler->getSessions() : std::vector<std::string>();

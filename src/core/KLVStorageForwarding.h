@@ -20,9 +20,14 @@ namespace kelvo {
 class KLVStorageForwarding : public KLVChunkManagerDelegate {
  public:
   std::optional<std::uint64_t> numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) override;
+  /// Returns the stored events `start` to `end`, both included, in their storage forms, nullopt if the read failed.
+  /// Kept: `KLVEventType::system` means every type.
   std::optional<std::vector<Dictionary>> getEventsBetween(std::uint64_t start, std::uint64_t end,
                                                           const std::optional<std::string>& identifier,
-                                                          std::optional<KLVEventType> eventType) override;
+                                                          std::optional<KLVEventType> eventType);
+  std::optional<std::uint64_t> readEvents(const std::string& sid, std::uint64_t first, std::uint64_t last,
+                                          std::uint64_t most,
+                                          const std::function<void(const KLVStoredEvent&)>& take) override;
   std::vector<std::string> getSessions() override;
   std::vector<std::string> getSessionsWithAggregates() override;
   std::vector<std::string> getSessionDirectories() override;

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
@@ -14,6 +15,7 @@
 #include "records/KLVFileNames.h"
 #include "records/KLVUUID.h"
 #include "records/KLVUser.h"
+#include "storage/KLVJournalWrites.h"
 #include "util/KLVException.h"
 #include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
@@ -40,10 +42,16 @@ bool renameInLibrary(std::string_view from, std::string_view to) {
   return std::rename(Directories::inLibrary(from).c_str(), Directories::inLibrary(to).c_str()) == 0;
 }
 
+/// The key of an event's entry in the journal, if it has one: the epoch and the number, "4e0f 4711".
+constexpr std::string_view kEntry = "journal";
+
 /// Returns the storage form as JSON text, empty if there is none.
 std::string storageForm(const KLVEvent& event) {
   try {
-    return KLVUtilities::jsonDataFromNSDictionary(event.jsonDict()).value_or("");
+    Dictionary form = event.jsonDict();
+    const auto entry = event.call().sequence();
+    if (entry != 0) form.set(kEntry, fmt::format("{:x} {}", KLVJournalWrites::epoch(), entry));
+    return KLVUtilities::jsonDataFromNSDictionary(form).value_or("");
   } catch (const KLVInvalidArgument& fault) {
     KLV_ERROR("{}", fault.what());
     return {};
@@ -148,6 +156,25 @@ std::optional<RescueFiles::Events> RescueFiles::read(const std::string& name) {
     if (const auto* dictionary = form.get<Dictionary>()) events.push_back(objectFromJsonDict<KLVEvent>(*dictionary));
   }
   return events;
+}
+
+KLVSequenceSet RescueFiles::entries(std::uint64_t epoch) {
+  KLVSequenceSet entries;
+  auto files = names();
+  if (isPending()) files.emplace_back(kKLVEventsBuffer);
+  const std::string prefix = fmt::format("{:x} ", epoch);
+  for (const std::string& name : files) {
+    const auto content = parseJSON(readFile(Directories::inLibrary(name)).value_or(""));
+    const auto* forms = content ? content->get<Array>() : nullptr;
+    if (forms == nullptr) continue;
+    for (const Value& form : *forms) {
+      const std::string text = form.asDictionary().value_or(Dictionary())[kEntry].asText().value_or("");
+      std::uint64_t sequence = 0;
+      if (text.starts_with(prefix)) std::from_chars(&text[prefix.size()], text.data() + text.size(), sequence);
+      if (sequence != 0) entries.add(sequence);
+    }
+  }
+  return entries;
 }
 
 bool RescueFiles::remove(const std::string& name) {

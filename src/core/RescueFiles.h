@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/CollectionGate.h"
+#include "journal/KLVSequenceSet.h"
 
 namespace kelvo {
 
@@ -14,7 +15,8 @@ namespace kelvo {
 ///
 /// `com.kelvo.db.eventsbuffer` collects the events of the processes that hold the home. A launch renames it before it
 /// stores it, so that a name always means the same events. A process that does not hold the home writes files with
-/// such unique names itself. `com.kelvo.db.user` gets waiting user attributes.
+/// such unique names itself. An event of a call in the journal names its entry, so that a kill before the entry is
+/// finished lets nobody store the event twice. `com.kelvo.db.user` gets waiting user attributes.
 /// Thread: the caller lets one thread at a time call `writeEvents`, `writeUserAttributes` and `retire`. All block on
 /// the disk.
 namespace RescueFiles {
@@ -37,6 +39,8 @@ bool retire();
 /// Returns the events of the file `name`. Logs one ERROR line and returns nullopt if it cannot be read; a file that is
 /// no JSON array is renamed to `com.kelvo.db.eventsbuffer.corrupt`.
 [[nodiscard]] std::optional<Events> read(const std::string& name);
+/// Returns the entries of the journal with this epoch whose events are in any of the files.
+[[nodiscard]] KLVSequenceSet entries(std::uint64_t epoch);
 /// Deletes the file `name`. Returns false, after an ERROR line, on failure.
 [[nodiscard]] bool remove(const std::string& name);
 

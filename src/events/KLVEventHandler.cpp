@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/ThreadPool.h"
 #include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
 
@@ -73,7 +74,11 @@ void KLVEventHandler::deRegisterIdentifer(std::string key, Listener listener) {
 void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
   queue_.async([this, event = std::move(event)] {
     queue_.assertCurrent();
-    if (!classify(*event)) return KLVLedger::shared().add(KLVLedgerEntry::ignored);
+    const pool::ShortTask shortTask;  // listeners have tasks of their own
+    if (!classify(*event)) {
+      KLVLedger::shared().add(KLVLedgerEntry::ignored);
+      return event->call().finish();
+    }
     save(event);
     deliver(event, objectsRegisteredOnType_, std::string(stringFromType(event->eventType())));
     deliver(event, objectsRegisteredOnIdentifier_, identifierKey(event->eventType(), event->identifier()));

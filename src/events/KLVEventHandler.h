@@ -48,6 +48,8 @@ class KLVEventHandler {
   void deRegisterIdentifer(std::string key, Listener listener);
 
   void enqueueEvent(std::shared_ptr<KLVEvent> event);
+  /// Sets the event's type by the lists. Returns false if the event is ignored.
+  [[nodiscard]] bool classify(KLVEvent& event) const;
 
   /// The three lists of event names. A list is nullopt at first, and then matches no event. Elements that are not texts
   /// match no event. No list matches the library's own events, which make it deliver: "klv_app_opened", FOREGROUND,
@@ -86,8 +88,6 @@ class KLVEventHandler {
     std::unordered_set<std::string> lookup_ GUARDED_BY(mutex_);  // the texts of names_
   };
 
-  /// Sets the event's type. Returns false if the event is ignored.
-  bool classify(KLVEvent& event) const REQUIRES(queue_);
   void save(const std::shared_ptr<KLVEvent>& event) REQUIRES(queue_);
   /// Queues one delivery for each listener under `key`.
   void deliver(const std::shared_ptr<KLVEvent>& event, const Table& table, const std::string& key) REQUIRES(queue_);

@@ -198,6 +198,7 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
   currNavId_ = currScreenName_ = name;
   const auto event = std::make_shared<KLVNavigationEvent>(name);
   event->setCreatedTime(KLVTimer::sharedTimer().timeAt(screen.reportedAt));
+  if (screen.call != nullptr) event->setCall(*std::static_pointer_cast<const KLVWaitingCall>(screen.call));
   readTitle(screen, [this, event, whenCurrent = std::move(whenCurrent)](const std::optional<std::string>& title) {
     navEventDispatchSerialQueue_.assertCurrent();
     if (title) event->setInfo(*sanitised(title), kKLVName);
@@ -206,14 +207,15 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
   });
 }
 
-void KLVNavigationMonitor::logScreenWithName(std::string name, Date reportedAt) {
-  performReport([this, name = std::move(name), reportedAt] {
+void KLVNavigationMonitor::logScreenWithName(std::string name, Date reportedAt, KLVWaitingCall call) {
+  performReport([this, name = std::move(name), reportedAt, call = std::move(call)] {
     navEventDispatchSerialQueue_.assertCurrent();
     currScreenName_ = currScreenNameForCE_ = name;
     previousNavEvent_ = currentNavEvent_;
     delegate_.dispatchEvent(eventOfNamedScreen<KLVCENavEvent>(currNavId_, name));
     currentNavEvent_ = eventOfNamedScreen<KLVNavigationEvent>(currNavId_, name);
     currentNavEvent_->setCreatedTime(KLVTimer::sharedTimer().timeAt(reportedAt));
+    currentNavEvent_->setCall(call);
     dispatch(previousNavEvent_, currentNavEvent_->createdTime());
   });
 }

@@ -60,7 +60,7 @@ class KLVNavigationMonitor final : public KLVEventListener, public std::enable_s
   /// `next` has appeared.
   void navigationChangeNotification(std::optional<Screen> next);
   /// Enters a screen that the host names, inside the screen of the last notification.
-  void logScreenWithName(std::string name, Date reportedAt = Clock::now());
+  void logScreenWithName(std::string name, Date reportedAt = Clock::now(), KLVWaitingCall call = {});
   void onEvent(const std::shared_ptr<KLVEvent>& event) override;
 
   /// Calls `done` on the monitor's queue once the events of all earlier work are on the bus. A report is work of the

@@ -7,9 +7,10 @@
 namespace kelvo {
 namespace {
 
-Date dateOf(const std::any& reportedAt) {
-  const auto* when = std::any_cast<Date>(&reportedAt);
-  return when != nullptr ? *when : Clock::now();
+KLVActivityReport reportIn(const std::any& info) {
+  if (const auto* report = std::any_cast<KLVActivityReport>(&info)) return *report;
+  const auto* when = std::any_cast<Date>(&info);
+  return {when != nullptr ? *when : Clock::now(), {}};
 }
 
 }  // namespace
@@ -31,21 +32,22 @@ void KLVSystemEventsMonitor::stop() {
   didBecomeActive_.reset();
 }
 
-void KLVSystemEventsMonitor::applicationDidBecomeActiveHandler(const std::any& reportedAt) {
-  const Date when = dateOf(reportedAt);
-  delegate_.updateChunkStartTime(when);
-  dispatch(KLVSystemEvent::SubType::foreground, when);
+void KLVSystemEventsMonitor::applicationDidBecomeActiveHandler(const std::any& info) {
+  const auto report = reportIn(info);
+  delegate_.updateChunkStartTime(report.when);
+  dispatch(KLVSystemEvent::SubType::foreground, report);
 }
 
-void KLVSystemEventsMonitor::applicationWillResignActiveHandler(const std::any& reportedAt) {
-  const Date when = dateOf(reportedAt);
-  delegate_.updateChunkEndTime(when);
-  dispatch(KLVSystemEvent::SubType::background, when);
+void KLVSystemEventsMonitor::applicationWillResignActiveHandler(const std::any& info) {
+  const auto report = reportIn(info);
+  delegate_.updateChunkEndTime(report.when);
+  dispatch(KLVSystemEvent::SubType::background, report);
 }
 
-void KLVSystemEventsMonitor::dispatch(KLVSystemEvent::SubType subType, Date when) {
+void KLVSystemEventsMonitor::dispatch(KLVSystemEvent::SubType subType, const KLVActivityReport& report) {
   const auto event = std::make_shared<KLVSystemEvent>(KLVEventType::system, subType);
-  event->setCreatedTime(KLVTimer::sharedTimer().timeAt(when));
+  event->setCreatedTime(KLVTimer::sharedTimer().timeAt(report.when));
+  event->setCall(report.call);
   delegate_.dispatchEvent(event);
 }
 

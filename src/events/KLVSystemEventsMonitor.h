@@ -8,8 +8,15 @@
 #include "platform/NotificationCenter.h"
 #include "platform/ThreadSafety.h"
 #include "records/KLVEvents.h"
+#include "util/KLVWaitingCall.h"
 
 namespace kelvo {
+
+/// The host's report of a transition, as a notification carries it. A `Date` stands for a report without a call.
+struct KLVActivityReport {
+  Date when;
+  KLVWaitingCall call;
+};
 
 /// The controller methods that the lifecycle monitor calls. Thread: the one that posts the notification.
 class KLVSystemEventsMonitorDelegate {
@@ -40,9 +47,9 @@ class KLVSystemEventsMonitor {
   void stop() EXCLUDES(mutex_);
 
  private:
-  void applicationDidBecomeActiveHandler(const std::any& reportedAt);
-  void applicationWillResignActiveHandler(const std::any& reportedAt);
-  void dispatch(KLVSystemEvent::SubType subType, Date when);
+  void applicationDidBecomeActiveHandler(const std::any& info);
+  void applicationWillResignActiveHandler(const std::any& info);
+  void dispatch(KLVSystemEvent::SubType subType, const KLVActivityReport& report);
 
   KLVSystemEventsMonitorDelegate& delegate_;
   Mutex mutex_;  // start and stop are called on different queues

@@ -5,6 +5,7 @@
 
 #include "core/KLVController.h"
 #include "facade/Guard.h"
+#include "journal/KLVJournalEntry.h"
 #include "platform/Clock.h"
 #include "platform/Device.h"
 #include "platform/HostInterface.h"
@@ -27,13 +28,34 @@ void report(std::string_view notification, std::any userInfo) {
   });
 }
 
+/// Reports the activity, and records the call.
+void report(std::string_view notification, KLVJournalKind kind) {
+  guarded([&] {
+    const KLVActivityReport activity{Clock::now(), KLVWaitingCall::uncounted()};
+    activity.call.record({static_cast<std::uint8_t>(kind), 0, activity.when});
+    report(notification, std::any(activity));
+  });
+}
+
+/// Reports a screen, and records the call if the screen has appeared: only then does it make a stored event.
+void report(std::string_view notification, Screen screen) {
+  if (notification == kDidShowViewController && screen.kind != ViewController::Kind::navigation) {
+    const auto call = std::make_shared<const KLVWaitingCall>(KLVWaitingCall::uncounted());
+    const auto info = screen.title ? std::optional(Dictionary{{"title", *screen.title}}) : std::nullopt;
+    call->record({static_cast<std::uint8_t>(KLVJournalKind::didShow), 0, screen.reportedAt, screen.className,
+                  info ? &*info : nullptr});
+    screen.call = call;
+  }
+  report(notification, std::any(std::move(screen)));
+}
+
 void report(std::string_view notification, std::shared_ptr<ViewController> screen) {
   guarded([&] {
     if (screen == nullptr) {
       KLV_WARN("Ignoring a screen without a view controller");
       return;
     }
-    report(notification, std::any(Screen(std::move(screen))));
+    report(notification, Screen(std::move(screen)));
   });
 }
 
@@ -43,7 +65,7 @@ void report(std::string_view notification, OptionalText className, OptionalText 
       KLV_WARN("Ignoring a screen without a class name, title: {}", std::optional<std::string>(std::move(title)));
       return;
     }
-    report(notification, std::any(Screen(*std::move(className), std::move(title))));
+    report(notification, Screen(*std::move(className), std::move(title)));
   });
 }
 
@@ -54,11 +76,11 @@ bool isLength(float points) {
 }  // namespace
 
 void Application::didBecomeActive() noexcept {
-  report(kApplicationDidBecomeActive, std::any(Clock::now()));
+  report(kApplicationDidBecomeActive, KLVJournalKind::becameActive);
 }
 
 void Application::willResignActive() noexcept {
-  report(kApplicationWillResignActive, std::any(Clock::now()));
+  report(kApplicationWillResignActive, KLVJournalKind::resignsActive);
 }
 
 void Application::logDeviceToken(OptionalText token) noexcept {

@@ -22,8 +22,8 @@ std::optional<std::string> taken(OptionalText&& text) {
   return sanitised(std::optional<std::string>(std::move(text)));
 }
 
-std::optional<Dictionary> taken(OptionalDictionary&& info) {
-  return sanitised(std::optional<Dictionary>(std::move(info)));
+KLVHostAttributes taken(OptionalDictionary&& info) {
+  return sanitisedAttributes(std::optional<Dictionary>(std::move(info)));
 }
 
 /// `caller` is the host's call, which the line names.
@@ -34,7 +34,7 @@ void logAppEvent(const char* caller, OptionalText&& name, OptionalDictionary&& i
   auto attributes = taken(std::move(info));
   if (KLVLogger::writes(kInfo)) {
     KLVLogger::log(kInfo, caller, __LINE__, "Logging app event for event: {} with Info: {}", event,
-                   KLVLogger::hostData(attributes));
+                   KLVLogger::hostData(attributes.values));
   }
   controller().logAppEventWithName(std::move(event), std::move(attributes), shouldFlatten, isAggregate);
 }
@@ -84,7 +84,7 @@ void KelvoSDK::logScreenWithName(OptionalText title) noexcept {
 void KelvoSDK::setUserCustomInfo(OptionalDictionary info) noexcept {
   guarded([&] {
     auto attributes = taken(std::move(info));
-    KLV_INFO("Setting custom user info: {}", KLVLogger::hostData(attributes));
+    KLV_INFO("Setting custom user info: {}", KLVLogger::hostData(attributes.values));
     controller().setUserCustomInfo(std::move(attributes));
   });
 }
@@ -92,7 +92,7 @@ void KelvoSDK::setUserCustomInfo(OptionalDictionary info) noexcept {
 void KelvoSDK::setSessionCustomInfo(OptionalDictionary info) noexcept {
   guarded([&] {
     auto attributes = taken(std::move(info));
-    KLV_INFO("Setting custom session info: {}", KLVLogger::hostData(attributes));
+    KLV_INFO("Setting custom session info: {}", KLVLogger::hostData(attributes.values));
     controller().setSessionCustomInfo(std::move(attributes));
   });
 }
@@ -102,7 +102,7 @@ void KelvoSDK::reportCustomError(OptionalText error, OptionalDictionary info) no
     auto description = taken(std::move(error));
     auto attributes = taken(std::move(info));
     KLV_INFO("Reporting custom error: {} and info: {}", KLVLogger::hostData(description),
-             KLVLogger::hostData(attributes));
+             KLVLogger::hostData(attributes.values));
     controller().reportCustomError(std::move(description), std::move(attributes));
   });
 }
@@ -119,7 +119,7 @@ void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info
   guardedEvent([&] {
     auto event = taken(std::move(name));
     auto attributes = taken(std::move(info));
-    KLV_INFO("Logging client event for event: {} with Info: {}", event, KLVLogger::hostData(attributes));
+    KLV_INFO("Logging client event for event: {} with Info: {}", event, KLVLogger::hostData(attributes.values));
     controller().logClientEventWithName(std::move(event), std::move(attributes), shouldFlatten);
   });
 }

@@ -1,12 +1,12 @@
 #include "network/ExitParking.h"
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 
+#include "network/Curl.h"
 #include "platform/Immortal.h"
 #include "platform/Thread.h"
 
@@ -25,11 +25,10 @@ ExitParking& ExitParking::shared() {
 }
 
 /// Uses OpenSSL's own list of exit handlers. Registered before OpenSSL initialises, so that it runs before OpenSSL's
-/// own exit handler, even if the process exits in the middle of the initialisation. Only curl links OpenSSL, so the
-/// function is looked up.
+/// own exit handler, even if the process exits in the middle of the initialisation.
 void ExitParking::registerBeforeOpenSSL() {
   using Register = int (*)(void (*)());
-  const auto registerHandler = reinterpret_cast<Register>(::dlsym(RTLD_DEFAULT, "OPENSSL_atexit"));
+  const auto registerHandler = reinterpret_cast<Register>(Curl::functionBehind("OPENSSL_atexit"));
   if (registerHandler != nullptr) registerHandler(ExitParking::parkAtExit);
 }
 

@@ -1,16 +1,16 @@
 #include "network/HTTPTransfer.h"
 
-#include <curl/curl.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 #include <utility>
 
+#include "network/Curl.h"
 #include "network/HTTPURL.h"
 #include "network/RetryAfter.h"
 #include "platform/Clock.h"
@@ -36,7 +36,7 @@ class Options {
 
   template <class T>
   void set(CURLoption option, T value) {
-    accepted_ = accepted_ && curl_easy_setopt(easy_, option, value) == CURLE_OK;
+    accepted_ = accepted_ && curl().easy_setopt(easy_, option, value) == CURLE_OK;
   }
   /// Returns false once curl has refused an option.
   [[nodiscard]] bool accepted() const noexcept { return accepted_; }
@@ -54,10 +54,10 @@ void setRedirects(Options& options, bool startsOnThisMachine) {
 }
 
 /// curl copies a connection's secrets to the file that SSLKEYLOGFILE of the environment names. This hook of curl takes
-/// them away again. Only curl links OpenSSL, so its function is looked up.
+/// them away again. The function is OpenSSL's, which only curl uses.
 CURLcode keepSecrets(CURL*, void* context, void*) {
   using Setter = void (*)(void* context, void (*log)(const void*, const char*));
-  const auto setLog = reinterpret_cast<Setter>(::dlsym(RTLD_DEFAULT, "SSL_CTX_set_keylog_callback"));
+  const auto setLog = reinterpret_cast<Setter>(Curl::functionBehind("SSL_CTX_set_keylog_callback"));
   if (setLog == nullptr) return CURLE_SSL_CONNECT_ERROR;
   setLog(context, nullptr);
   return CURLE_OK;
@@ -90,7 +90,7 @@ std::string retryAfterField(CURL* easy) {
   constexpr std::size_t kFirst = 0;
   constexpr int kLastResponse = -1;
   curl_header* header = nullptr;
-  const auto code = curl_easy_header(easy, "Retry-After", kFirst, CURLH_HEADER, kLastResponse, &header);
+  const auto code = curl().easy_header(easy, "Retry-After", kFirst, CURLH_HEADER, kLastResponse, &header);
   return code == CURLHE_OK ? header->value : "";
 }
 
@@ -104,17 +104,20 @@ std::unique_ptr<HTTPTransfer> HTTPTransfer::make(HTTPRequest request, HTTPComple
 }
 
 HTTPTransfer::HTTPTransfer(HTTPRequest request, HTTPCompletion completion)
-    : request_(std::move(request)), completion_(std::move(completion)), easy_(curl_easy_init()) {}
+    : request_(std::move(request)),
+      body_(request_.body),
+      completion_(std::move(completion)),
+      easy_(curl().easy_init()) {}
 
 HTTPTransfer::~HTTPTransfer() {
-  curl_easy_cleanup(easy_);
-  curl_slist_free_all(static_cast<curl_slist*>(headers_));
+  curl().easy_cleanup(easy_);
+  curl().slist_free_all(static_cast<curl_slist*>(headers_));
 }
 
 bool HTTPTransfer::mustEnd() const {
   if (request_.group == nullptr || !request_.group->isClosed()) return false;
   curl_off_t sent = 0;
-  curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent);
+  curl().easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent);
   return request_.body.empty() || static_cast<std::uint64_t>(sent) < request_.body.size();
 }
 
@@ -159,7 +162,14 @@ bool HTTPTransfer::configureMethod() {
   if (request_.method == kPOST) {
     options.set(CURLOPT_POST, 1L);
     options.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size()));
-    options.set(CURLOPT_POSTFIELDS, request_.body.data());
+    if (const auto body = request_.body.onlySlice()) {
+      options.set(CURLOPT_POSTFIELDS, body->data());  // curl sends it with the header
+    } else {
+      options.set(CURLOPT_READFUNCTION, &HTTPTransfer::send);
+      options.set(CURLOPT_READDATA, static_cast<void*>(this));
+      options.set(CURLOPT_SEEKFUNCTION, &HTTPTransfer::rewind);
+      options.set(CURLOPT_SEEKDATA, static_cast<void*>(this));
+    }
     if (!addHeader("Expect:")) return false;  // removes curl's header, so that a large body is sent without asking
   } else if (request_.method != "GET") {
     options.set(CURLOPT_CUSTOMREQUEST, request_.method.c_str());
@@ -173,7 +183,7 @@ bool HTTPTransfer::configureMethod() {
 }
 
 bool HTTPTransfer::addHeader(const std::string& line) {
-  auto* longer = curl_slist_append(static_cast<curl_slist*>(headers_), line.c_str());
+  auto* longer = curl().slist_append(static_cast<curl_slist*>(headers_), line.c_str());
   if (longer == nullptr) return false;
   headers_ = longer;
   return true;
@@ -182,13 +192,13 @@ bool HTTPTransfer::addHeader(const std::string& line) {
 HTTPTransfer::Outcome HTTPTransfer::outcome(int code) {
   if (code == CURLE_FILESIZE_EXCEEDED) refuseAnswer();
   if (code != CURLE_OK) {
-    std::string text = reason_[0] != '\0' ? reason_.data() : curl_easy_strerror(static_cast<CURLcode>(code));
+    std::string text = reason_[0] != '\0' ? reason_.data() : curl().easy_strerror(static_cast<CURLcode>(code));
     return {std::nullopt, std::nullopt, HTTPError{code, refusal_.empty() ? std::move(text) : std::move(refusal_)}};
   }
   HTTPResponse response;
-  curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &response.statusCode);
+  curl().easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &response.statusCode);
   const char* url = nullptr;
-  curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &url);
+  curl().easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &url);
   response.url = url != nullptr ? url : request_.url;
   if (response.statusCode == kTooManyRequests || response.statusCode == kServiceUnavailable) {
     response.retryAfter = retryAfter(retryAfterField(easy_), Clock::now());
@@ -211,6 +221,17 @@ std::size_t HTTPTransfer::receive(char* bytes, std::size_t size, std::size_t cou
   }
 }
 
+std::size_t HTTPTransfer::send(char* bytes, std::size_t size, std::size_t count, void* transfer) noexcept {
+  return static_cast<HTTPTransfer*>(transfer)->body_.read(bytes, size * count);
+}
+
+/// curl sends the body again after a redirect, and on a new connection if the service has closed the one that it kept.
+int HTTPTransfer::rewind(void* transfer, std::int64_t offset, int origin) noexcept {
+  auto& body = static_cast<HTTPTransfer*>(transfer)->body_;
+  const bool isDone = origin == SEEK_SET && offset >= 0 && body.seek(static_cast<std::uint64_t>(offset));
+  return isDone ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_FAIL;
+}
+
 /// Counts also the bytes that `receive` does not get: the body of a redirect.
 int HTTPTransfer::checkProgress(void* transfer, std::int64_t, std::int64_t received, std::int64_t,
                                 std::int64_t) noexcept {
@@ -230,7 +251,7 @@ void HTTPTransfer::refuseAnswer() {
 bool HTTPTransfer::isTargetAllowed() noexcept {
   try {
     const char* text = nullptr;
-    curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &text);
+    curl().easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &text);
     const auto url = HTTPURL::parse(text != nullptr ? text : "");
     if (!url || url->exposesCleartext()) {
       refusal_ = "A redirect to cleartext was refused";
@@ -247,7 +268,7 @@ bool HTTPTransfer::isTargetAllowed() noexcept {
 
 bool HTTPTransfer::hasLostItsBody() const {
   const char* method = nullptr;
-  curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_METHOD, &method);
+  curl().easy_getinfo(easy_, CURLINFO_EFFECTIVE_METHOD, &method);
   return request_.method == kPOST && (method == nullptr || method != kPOST);
 }
 

@@ -62,11 +62,14 @@ class HTTPTransfer {
   static int openSocket(void* transfer, int family, int type, int protocol) noexcept;
   static int beforeRequest(void* transfer, char*, char*, int, int) noexcept;
   static std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* transfer) noexcept;
+  static std::size_t send(char* bytes, std::size_t size, std::size_t count, void* transfer) noexcept;
+  static int rewind(void* transfer, std::int64_t offset, int origin) noexcept;
   static int checkProgress(void* transfer, std::int64_t, std::int64_t received, std::int64_t, std::int64_t) noexcept;
 
   static constexpr std::size_t kReasonSize = 256;  // of curl's error buffer, at least
 
   HTTPRequest request_;
+  SlicedText::Reader body_;  // the rest of the request's body
   HTTPCompletion completion_;
   void* easy_ = nullptr;     // a CURL*
   void* headers_ = nullptr;  // a curl_slist*

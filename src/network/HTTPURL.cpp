@@ -1,11 +1,12 @@
 #include "network/HTTPURL.h"
 
 #include <arpa/inet.h>
-#include <curl/curl.h>
 #include <netinet/in.h>
 #include <strings.h>
 
 #include <memory>
+
+#include "network/Curl.h"
 
 namespace kelvo {
 namespace {
@@ -27,9 +28,9 @@ std::pair<std::size_t, std::size_t> hostBrackets(std::string_view text) {
 
 std::string part(CURLU* url, CURLUPart what) {
   char* text = nullptr;
-  if (curl_url_get(url, what, &text, 0) != CURLUE_OK) return {};
+  if (curl().url_get(url, what, &text, 0) != CURLUE_OK) return {};
   std::string result(text);
-  curl_free(text);
+  curl().free(text);
   return result;
 }
 
@@ -64,8 +65,8 @@ std::string withoutCredentials(std::string url) {
 }
 
 std::optional<HTTPURL> HTTPURL::parse(const std::string& text) {
-  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), curl_url_cleanup);
-  if (url == nullptr || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
+  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl().url(), curl().url_cleanup);
+  if (url == nullptr || curl().url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
   HTTPURL result{part(url.get(), CURLUPART_SCHEME), part(url.get(), CURLUPART_HOST)};
   if (result.host.empty()) return std::nullopt;
   return result;

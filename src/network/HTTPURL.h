@@ -19,7 +19,7 @@ struct HTTPURL {
   std::string scheme;
   std::string host;  ///< an IPv6 address is in brackets
 
-  /// Returns nullopt unless `text` is an absolute URL with a host.
+  /// Returns nullopt unless `text` is an absolute URL with a host. Needs libcurl (`Curl::load`).
   static std::optional<HTTPURL> parse(const std::string& text);
 
   /// Returns true for "localhost", for an address in 127.0.0.0/8, and for ::1. Other names that end in ".localhost"

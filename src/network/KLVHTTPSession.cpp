@@ -1,7 +1,5 @@
 #include "network/KLVHTTPSession.h"
 
-#include <curl/curl.h>
-
 #include <atomic>
 #include <climits>
 #include <cstdlib>
@@ -10,6 +8,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "network/Curl.h"
 #include "network/ExitParking.h"
 #include "network/HTTPTransfer.h"
 #include "network/HTTPURL.h"
@@ -40,13 +39,13 @@ char* copiedWithoutKeyLog(const char* text) {
 /// rights than its caller, any file. curl reads the variable by copying it with the function that we provide. The
 /// library must not change the environment, which is the host's.
 CURLcode initialiseCurl() {
-  if (!mustIgnoreEnvironment()) return curl_global_init(CURL_GLOBAL_DEFAULT);
-  return curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, std::free, std::realloc, copiedWithoutKeyLog,
-                              std::calloc);
+  if (!mustIgnoreEnvironment()) return curl().global_init(CURL_GLOBAL_DEFAULT);
+  return curl().global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, std::free, std::realloc, copiedWithoutKeyLog,
+                                std::calloc);
 }
 
-/// Initialises curl once per process. Returns whether curl is ready for use. The parking is registered before and
-/// after: see ExitParking.h.
+/// Initialises the loaded curl once per process. Returns whether curl is ready for use. The parking is registered
+/// before and after: see ExitParking.h.
 bool setUpCurl() {
   static const bool ready = [] {
     ExitParking::registerBeforeOpenSSL();
@@ -64,37 +63,48 @@ std::string hostsWithoutProxy() {
   return std::string(listed) == "*" ? "*" : listed + ("," + own);
 }
 
-/// Returns the error for a `url` that is empty or not a URL: the service endpoint is missing or malformed. Logs it once
-/// per process.
-HTTPError endpointFault(const std::string& url) {
-  static std::atomic<bool> isLogged{false};
-  const bool logs = !isLogged.exchange(true);
-  if (url.empty()) {
-    if (logs) KLV_ERROR("No service endpoint: set KELVO_SERVER_BASE_URL, or KelvoServerBaseURL in Info.plist");
-    return {CURLE_URL_MALFORMAT, "No service endpoint is configured", true};
-  }
-  if (logs) {
-    KLV_ERROR("The service endpoint is malformed: {} is not a URL; use the form https://HOST[:PORT]",
-              withoutCredentials(url));
-  }
-  return {CURLE_URL_MALFORMAT, "The service endpoint is malformed", true};
-}
-
-/// Returns the error for a `url` that must not be requested, nullopt for one that may.
-std::optional<HTTPError> refusalOf(const std::string& url) {
-  const auto parsed = HTTPURL::parse(url);
-  if (!parsed) return endpointFault(url);
-  if (!parsed->exposesCleartext()) return std::nullopt;
-  KLV_ERROR("Refused to send cleartext to {}: only https: leaves this machine", parsed->host);
-  return HTTPError{CURLE_UNSUPPORTED_PROTOCOL, "Cleartext to another machine was refused", true};
-}
-
 HTTPTransfer::Outcome failure(CURLcode code, std::string why) {
   return {std::nullopt, std::nullopt, HTTPError{code, std::move(why)}};
 }
 
+/// For a reason that also ends every later request.
+HTTPTransfer::Outcome finalFailure(CURLcode code, std::string why) {
+  return {std::nullopt, std::nullopt, HTTPError{code, std::move(why), true}};
+}
+
 HTTPTransfer::Outcome cancelled() {
   return failure(CURLE_ABORTED_BY_CALLBACK, "The request was cancelled");
+}
+
+/// Returns the outcome of a request to a service endpoint that is missing (empty) or not a URL. Logs it once per
+/// process.
+HTTPTransfer::Outcome endpointFault(const std::string& endpoint) {
+  static std::atomic<bool> isLogged{false};
+  const bool logs = !isLogged.exchange(true);
+  if (endpoint.empty()) {
+    if (logs) KLV_ERROR("No service endpoint: set KELVO_SERVER_BASE_URL, or KelvoServerBaseURL in Info.plist");
+    return finalFailure(CURLE_URL_MALFORMAT, "No service endpoint is configured");
+  }
+  if (logs) {
+    KLV_ERROR("The service endpoint is malformed: {} is not a URL; use the form https://HOST[:PORT]",
+              withoutCredentials(endpoint));
+  }
+  return finalFailure(CURLE_URL_MALFORMAT, "The service endpoint is malformed");
+}
+
+/// Returns the outcome of a request that must not be sent, nullopt for one that may. The outcome is empty if the
+/// request never calls back.
+std::optional<HTTPTransfer::Outcome> refusalOf(const HTTPRequest& request) {
+  if (request.group != nullptr && request.group->isClosed()) return cancelled();
+  if (!request.endpoint.empty() && !HTTPURL::parse(request.endpoint)) return endpointFault(request.endpoint);
+  const auto parsed = HTTPURL::parse(request.url);
+  if (!parsed) {
+    KLV_WARN("Error in URL encoding");
+    return HTTPTransfer::Outcome();
+  }
+  if (!parsed->exposesCleartext()) return std::nullopt;
+  KLV_ERROR("Refused to send cleartext to {}: only https: leaves this machine", parsed->host);
+  return finalFailure(CURLE_UNSUPPORTED_PROTOCOL, "Cleartext to another machine was refused");
 }
 
 }  // namespace
@@ -105,9 +115,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
 
   void start(HTTPRequest request, HTTPCompletion completion) EXCLUDES(mutex_) {
     ++unfinished_;
-    if (auto refusal = refusalOf(request.url)) {
-      return finish(std::move(completion), {std::nullopt, std::nullopt, std::move(refusal)});
-    }
+    if (request.url.empty()) return finish(std::move(completion), endpointFault(request.url));
     if (request.group != nullptr && request.group->isClosed()) return finish(std::move(completion), cancelled());
     Lock lock(mutex_);
     if (ExitParking::shared().isExiting()) return;
@@ -117,7 +125,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
       return finish(std::move(completion), failure(CURLE_OUT_OF_MEMORY, "The network thread could not be started"));
     }
     waiting_.push_back({std::move(request), std::move(completion)});
-    if (multi_ != nullptr) curl_multi_wakeup(multi_);
+    if (multi_ != nullptr) curl().multi_wakeup(multi_);
   }
 
   /// Lets the network thread end once all requests are finished.
@@ -131,7 +139,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
 
   void wake() override EXCLUDES(mutex_) {
     const Lock lock(mutex_);
-    if (multi_ != nullptr) curl_multi_wakeup(multi_);
+    if (multi_ != nullptr) curl().multi_wakeup(multi_);
   }
 
   void endClosedGroups() {
@@ -161,13 +169,16 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
     parking.leave(*this);
   }
 
-  /// Runs requests until the session is closed and all of them are finished. Returns at once if curl cannot be set up.
+  /// Runs requests until the session is closed and all of them are finished. Returns at once if curl cannot be loaded
+  /// or set up.
   void serve() EXCLUDES(mutex_) {
+    if (!Curl::load()) return;
+    ExitParking::shared().parkIfExiting(*this);  // an exit need not wait for the set-up, too
     if (!setUpCurl()) return;
     const WakeUpDescriptors wakeUp;
-    CURLM* const multi = curl_multi_init();
+    CURLM* const multi = curl().multi_init();
     if (multi == nullptr) return;
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaximumConnectionsToHost);
+    curl().multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaximumConnectionsToHost);
     settings_.caFile = ServiceEndpoint::shared().caFile;
     settings_.noProxy = hostsWithoutProxy();
     {
@@ -175,16 +186,16 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
       multi_ = multi;
     }
     // If no descriptor was free for curl's wake-up, poll for new requests once a second.
-    const int patience = curl_multi_wakeup(multi) == CURLM_OK ? kPollUntilWoken : kPollWithoutWakeUp;
+    const int patience = curl().multi_wakeup(multi) == CURLM_OK ? kPollUntilWoken : kPollWithoutWakeUp;
     wakeUp.closeOnExec();
     for (;;) {
       ExitParking::shared().parkIfExiting(*this);
       if (!acceptWaiting(multi)) return;
       if (endsGroups_.exchange(false)) endTransfersOfClosedGroups(multi);
       int running = 0;
-      curl_multi_perform(multi, &running);
+      curl().multi_perform(multi, &running);
       deliverFinished(multi);
-      if (curl_multi_poll(multi, nullptr, 0, patience, nullptr) != CURLM_OK) {
+      if (curl().multi_poll(multi, nullptr, 0, patience, nullptr) != CURLM_OK) {
         std::this_thread::sleep_for(kPauseAfterFailedPoll);  // no memory or no descriptors: do not spin
       }
     }
@@ -199,13 +210,13 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
       if (closed_ && accepted.empty() && active_.empty()) return false;
     }
     for (Waiting& each : accepted) {
-      if (each.request.group != nullptr && each.request.group->isClosed()) {
-        finish(std::move(each.completion), cancelled());
+      if (auto refusal = refusalOf(each.request)) {
+        finish(std::move(each.completion), *std::move(refusal));
         continue;
       }
       auto completion = each.completion;
       auto transfer = HTTPTransfer::make(std::move(each.request), std::move(each.completion), settings_);
-      if (transfer == nullptr || curl_multi_add_handle(multi, transfer->handle()) != CURLM_OK) {
+      if (transfer == nullptr || curl().multi_add_handle(multi, transfer->handle()) != CURLM_OK) {
         finish(std::move(completion), failure(CURLE_FAILED_INIT, "The request could not be set up"));
         continue;
       }
@@ -218,7 +229,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
     for (auto next = active_.begin(); next != active_.end();) {
       const auto current = next++;
       if (!current->second->mustEnd()) continue;
-      curl_multi_remove_handle(multi, current->first);
+      curl().multi_remove_handle(multi, current->first);
       finish(current->second->takeCompletion(), cancelled());
       active_.erase(current);
     }
@@ -226,10 +237,10 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
 
   void deliverFinished(CURLM* multi) {
     int left = 0;
-    while (const CURLMsg* message = curl_multi_info_read(multi, &left)) {
+    while (const CURLMsg* message = curl().multi_info_read(multi, &left)) {
       const CURLcode code = message->data.result;
       const auto found = active_.find(message->easy_handle);
-      curl_multi_remove_handle(multi, message->easy_handle);  // also frees `message`
+      curl().multi_remove_handle(multi, message->easy_handle);  // also frees `message`
       if (found == active_.end()) continue;
       const auto transfer = std::move(found->second);
       active_.erase(found);
@@ -241,7 +252,7 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
   void end() EXCLUDES(mutex_) {
     CURLM* const multi = currentMulti();
     for (auto& [handle, transfer] : active_) {
-      curl_multi_remove_handle(multi, handle);
+      curl().multi_remove_handle(multi, handle);
       finish(transfer->takeCompletion(), failure(CURLE_FAILED_INIT, "The network thread ended"));
     }
     active_.clear();
@@ -252,9 +263,11 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
       multi_ = nullptr;
       running_ = false;
     }
-    curl_multi_cleanup(multi);
+    if (multi != nullptr) curl().multi_cleanup(multi);
     for (Waiting& each : waiting) {
-      finish(std::move(each.completion), failure(CURLE_FAILED_INIT, "The network could not be set up"));
+      constexpr const char* kReason = "The network could not be set up";
+      finish(std::move(each.completion),
+             Curl::load() ? failure(CURLE_FAILED_INIT, kReason) : finalFailure(CURLE_FAILED_INIT, kReason));
     }
   }
 
@@ -263,13 +276,13 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
     return multi_;
   }
 
-  /// Calls `completion` on the callback queue. The request counts as unfinished until `completion` has returned or
-  /// thrown.
+  /// Calls `completion` on the callback queue, unless `outcome` is empty. The request counts as unfinished until
+  /// `completion` has returned or thrown.
   void finish(HTTPCompletion completion, HTTPTransfer::Outcome outcome) {
     callbacks_.async(
         [self = shared_from_this(), completion = std::move(completion), outcome = std::move(outcome)]() mutable {
           const std::shared_ptr<Impl> counted(self.get(), [](Impl* impl) { --impl->unfinished_; });
-          if (completion) {
+          if (completion && (outcome.response || outcome.error)) {
             completion(std::move(outcome.data), std::move(outcome.response), std::move(outcome.error));
           }
         });

@@ -13,25 +13,6 @@
 namespace kelvo {
 namespace {
 
-/// Returns nullopt if the encoded text is not a URL.
-std::optional<std::string> encodedURL(const std::string& text) {
-  std::string encoded = percentEncoded(text);
-  if (!HTTPURL::parse(encoded)) return std::nullopt;
-  return encoded;
-}
-
-/// Returns `baseURL` followed by `path`, encoded; nullopt if that is not a URL. If `baseURL` itself is missing or not a
-/// URL, returns it alone: the session then ends the request in an error. Without a callback, a start-up would never
-/// end.
-std::optional<std::string> appendedURL(const std::string& baseURL, const std::string& path) {
-  if (!HTTPURL::parse(baseURL)) return baseURL;
-  return encodedURL(baseURL + path);
-}
-
-std::optional<std::string> urlFor(const std::string& baseURL, const std::string& path) {
-  return path.find("https:") != std::string::npos ? encodedURL(path) : appendedURL(baseURL, path);
-}
-
 bool fitsOneLine(const std::string& text) {
   return text.find_first_of(std::string_view("\r\n\0", 3)) == text.npos;
 }
@@ -61,8 +42,29 @@ void setHeaders(HTTPRequest& request, const std::optional<Dictionary>& headerFie
   }
 }
 
-HTTPRequest jsonRequest(std::string method, std::string url) {
-  return {std::move(method), std::move(url), {{"Content-Type", "application/json"}}, {}};
+HTTPRequest jsonRequest(std::string method, const std::string& url) {
+  return {std::move(method), percentEncoded(url), {{"Content-Type", "application/json"}}, {}};
+}
+
+/// Without a service endpoint, the request has no URL.
+HTTPRequest requestToService(std::string method, const std::string& path) {
+  const std::string& endpoint = ServiceEndpoint::shared().baseURL;
+  HTTPRequest request = jsonRequest(std::move(method), endpoint.empty() ? "" : endpoint + path);
+  request.endpoint = endpoint;
+  return request;
+}
+
+HTTPRequest requestTo(std::string method, const std::string& path) {
+  const bool isWhole = path.find("https:") != path.npos;
+  return isWhole ? jsonRequest(std::move(method), path) : requestToService(std::move(method), path);
+}
+
+/// Returns a POST without a body yet.
+HTTPRequest postRequest(const std::string& path, const std::optional<Dictionary>& headerFields) {
+  HTTPRequest request = requestTo("POST", path);
+  KLV_DEBUG("request URL: {}", request.url);
+  setHeaders(request, headerFields);
+  return request;
 }
 
 }  // namespace
@@ -73,48 +75,33 @@ KLVHTTPSession& KLVPostman::sharedSession() {
 }
 
 void KLVPostman::getDataFromURLPath(const std::string& path, HTTPCompletion completion, const KLVAnswerLimits& limits) {
-  auto url = urlFor(ServiceEndpoint::shared().baseURL, path);
-  if (!url) {
-    KLV_WARN("Error in URL encoding");
-    return;
-  }
-  HTTPRequest request = jsonRequest("GET", *std::move(url));
+  HTTPRequest request = requestTo("GET", path);
   request.limits = limits;
   send(std::move(request), std::move(completion));
 }
 
 void KLVPostman::postDataToURL(const std::string& path, const std::optional<Dictionary>& body,
                                const std::optional<Dictionary>& headerFields, HTTPCompletion completion) {
-  auto url = urlFor(ServiceEndpoint::shared().baseURL, path);
-  if (!url) {
-    KLV_WARN("Error in URL encoding");
+  HTTPRequest request = postRequest(path, headerFields);
+  if (!body) return send(std::move(request), std::move(completion));
+  std::string error;
+  const auto json = jsonText(*body, &error);
+  if (!json) {
+    KLV_ERROR("Error geting json object from data: {}", error);
+    KLV_WARN("Unable to create requestBody");
     return;
   }
-  KLV_DEBUG("request URL: {}", *url);
-  HTTPRequest request = jsonRequest("POST", *std::move(url));
-  setHeaders(request, headerFields);
-  if (body) {
-    std::string error;
-    auto json = jsonText(*body, &error);
-    if (!json) {
-      KLV_ERROR("Error geting json object from data: {}", error);
-      KLV_WARN("Unable to create requestBody");
-      return;
-    }
-    KLV_DEBUG("request json: {}", *json);
-    request.body = *std::move(json);
-  }
-  send(std::move(request), std::move(completion));
+  sendJSON(std::move(request), SlicedText(*json), std::move(completion));
+}
+
+void KLVPostman::postJSON(const std::string& path, SlicedText body, const Dictionary& headerFields,
+                          HTTPCompletion completion) {
+  sendJSON(postRequest(path, headerFields), std::move(body), std::move(completion));
 }
 
 void KLVPostman::makeDeleteRequestToURLPath(const std::string& path, const std::optional<Dictionary>& headerFields,
                                             HTTPCompletion completion) {
-  auto url = appendedURL(ServiceEndpoint::shared().baseURL, path);
-  if (!url) {
-    KLV_WARN("Error in URL encoding");
-    return;
-  }
-  HTTPRequest request = jsonRequest("DELETE", *std::move(url));
+  HTTPRequest request = requestToService("DELETE", path);
   setHeaders(request, headerFields);
   send(std::move(request), std::move(completion));
 }
@@ -127,6 +114,12 @@ void KLVPostman::setGroup(std::shared_ptr<HTTPGroup> group) {
 std::shared_ptr<HTTPGroup> KLVPostman::group() const {
   const Lock lock(mutex_);
   return group_;
+}
+
+void KLVPostman::sendJSON(HTTPRequest request, SlicedText body, HTTPCompletion completion) {
+  KLV_DEBUG("request json: {}", body.inOnePiece());
+  request.body = std::move(body);
+  send(std::move(request), std::move(completion));
 }
 
 void KLVPostman::send(HTTPRequest request, HTTPCompletion completion) {

@@ -31,11 +31,14 @@ class KLVPostman {
   /// `headerFields` replace the client's own headers. nullopt as `body` sends an empty body.
   void postDataToURL(const std::string& path, const std::optional<Dictionary>& body,
                      const std::optional<Dictionary>& headerFields, HTTPCompletion completion);
+  /// The same with the JSON text of a body.
+  void postJSON(const std::string& path, SlicedText body, const Dictionary& headerFields, HTTPCompletion completion);
   /// Kept: always appends `path` to the base URL, even if it is a whole URL.
   void makeDeleteRequestToURLPath(const std::string& path, const std::optional<Dictionary>& headerFields,
                                   HTTPCompletion completion);
 
  private:
+  void sendJSON(HTTPRequest request, SlicedText body, HTTPCompletion completion);
   void send(HTTPRequest request, HTTPCompletion completion) EXCLUDES(mutex_);
 
   mutable Mutex mutex_;

@@ -1,10 +1,10 @@
 #include "network/RetryAfter.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <charconv>
 #include <system_error>
+
+#include "network/Curl.h"
 
 namespace kelvo {
 namespace {
@@ -27,7 +27,7 @@ std::optional<std::chrono::seconds> retryAfter(const std::string& field, Date no
   if (field.find_first_not_of(kDigits) == field.npos) return std::clamp(secondsOf(field), kNow, kLongest);
   // curl also reads dates without a weekday, and so texts that are no HTTP date, such as "2.5".
   if (field.find_first_of(kCapitals) != 0) return std::nullopt;
-  const auto date = curl_getdate(field.c_str(), nullptr);
+  const auto date = curl().getdate(field.c_str(), nullptr);
   if (date == -1) return std::nullopt;
   // In seconds, because a `Date` cannot hold the year 9999.
   const auto wait = std::chrono::seconds(date) - std::chrono::floor<std::chrono::seconds>(now.time_since_epoch());

@@ -46,6 +46,8 @@ struct Item {
 
 /// At most one thread owns a serial queue at a time; the owner runs its tasks in order.
 ///
+/// The owner takes all submitted items at once, into `batch`, and runs them without the mutex.
+///
 /// Under the mutex, two things always hold: while a ticket waits, the queue has an owner; while a task waits, the queue
 /// has an owner or a drain is scheduled on the pool. So neither waits for a thread that never comes.
 struct DispatchQueue::State : std::enable_shared_from_this<State> {
@@ -54,7 +56,7 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
   void enqueue(Task task) EXCLUDES(mutex) {
     if (inForkedChild()) return;
     if (kind == Kind::concurrent) {
-      return postToPool([self = shared_from_this(), ownTask = std::move(task)] { self->runReporting(ownTask); });
+      return pool::post([self = shared_from_this(), ownTask = std::move(task)] { self->runReporting(ownTask); });
     }
     bool isFirst = false;
     {
@@ -76,8 +78,12 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
       while (!mine.granted) lock.wait(mine.changed);
     }
     owned = true;
-    while (items.front().ticket != &mine) runFront();
-    items.pop_front();
+    for (fill(); batch.front().ticket != &mine; fill()) {
+      lock.unlock();
+      while (hasTask()) runFront();
+      lock.lock();
+    }
+    batch.pop_front();
     --tickets;
   }
 
@@ -102,38 +108,52 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
 
  private:
   void drainOnPool() EXCLUDES(mutex) {
-    const Lock lock(mutex);
+    Lock lock(mutex);
     scheduled = false;
     if (owned) return;  // a thread in `sync` was faster; it passes the remaining tasks on
     owned = true;
-    for (int left = kTasksAtATime; left > 0 && !items.empty() && items.front().ticket == nullptr; --left) {
-      runFront();
+    int left = kTasksAtATime;
+    for (fill(); left > 0 && hasTask(); fill()) {
+      lock.unlock();
+      for (; left > 0 && hasTask(); --left) runFront();
+      lock.lock();
     }
     passOn();
   }
 
-  /// Runs the first task. Releases the mutex while the task runs.
-  void runFront() REQUIRES(mutex) {
-    Task task = std::move(items.front().task);
-    items.pop_front();
-    mutex.unlock();
+  /// Takes the submitted items if the batch is done. Thread: the owner.
+  void fill() REQUIRES(mutex) {
+    if (batch.empty()) batch.swap(items);
+  }
+
+  /// Returns whether the batch begins with a task. Thread: the owner.
+  [[nodiscard]] bool hasTask() const noexcept { return !batch.empty() && batch.front().ticket == nullptr; }
+
+  /// Runs the first task of the batch. Thread: the owner.
+  void runFront() EXCLUDES(mutex) {
+    const pool::NextTask nextTask;
+    const Task task = std::move(batch.front().task);
+    batch.pop_front();
     runReporting(task);
-    task = nullptr;  // destroys the task's captures while the mutex is free
-    mutex.lock();
   }
 
   /// Passes the ownership to the first thread that waits in `sync`; that thread runs the tasks before its own without a
   /// pool thread. If no thread waits, gives the ownership up and schedules a drain for the remaining tasks.
   void passOn() REQUIRES(mutex) {
-    if (tickets > 0) {
-      const auto next =
-          std::find_if(items.begin(), items.end(), [](const Item& item) { return item.ticket != nullptr; });
-      next->ticket->granted = true;
-      next->ticket->changed.notify_one();  // with the mutex held: the ticket dies as soon as its thread wakes
+    if (Ticket* const next = firstTicket()) {
+      next->granted = true;
+      next->changed.notify_one();  // with the mutex held: the ticket dies as soon as its thread wakes
       return;
     }
     owned = false;
-    if (!items.empty()) schedule();
+    if (!batch.empty() || !items.empty()) schedule();
+  }
+
+  [[nodiscard]] Ticket* firstTicket() const REQUIRES(mutex) {
+    if (tickets == 0) return nullptr;
+    const auto waits = [](const Item& item) { return item.ticket != nullptr; };
+    const auto inBatch = std::find_if(batch.begin(), batch.end(), waits);
+    return inBatch != batch.end() ? inBatch->ticket : std::find_if(items.begin(), items.end(), waits)->ticket;
   }
 
   void schedule() REQUIRES(mutex) {
@@ -141,12 +161,13 @@ struct DispatchQueue::State : std::enable_shared_from_this<State> {
   }
 
   void postDrain() {
-    postToPool([self = shared_from_this()] { self->drainOnPool(); });
+    pool::post([self = shared_from_this()] { self->drainOnPool(); });
   }
 
   Mutex mutex;
-  std::deque<Item> items GUARDED_BY(mutex);
-  std::size_t tickets GUARDED_BY(mutex) = 0;  // the number of tickets in `items`
+  std::deque<Item> items GUARDED_BY(mutex);   // submitted since the owner last looked
+  std::deque<Item> batch;                     // before `items`; only the owner uses it
+  std::size_t tickets GUARDED_BY(mutex) = 0;  // the number of tickets in both
   bool owned GUARDED_BY(mutex) = false;
   bool scheduled GUARDED_BY(mutex) = false;  // a drain is being posted or is posted, but has not begun
 };
@@ -164,6 +185,7 @@ void DispatchQueue::runSync(const std::function<void()>& task) {
   const auto state = state_;     // the task may destroy the handle
   const bool atOnce = state->kind == Kind::concurrent || isCurrent() || inForkedChild();
   if (!atOnce) state->acquire();
+  const pool::NextTask nextTask;
   struct Release {
     State* owned;
     ~Release() {

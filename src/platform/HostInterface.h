@@ -31,6 +31,7 @@ struct Screen {
   std::optional<std::string> title;
   std::shared_ptr<ViewController> controller;  ///< nullptr if the host reported a name only
   Date reportedAt = Clock::now();
+  std::shared_ptr<const void> call;  ///< the host call of the report, if it is recorded: a `KLVWaitingCall`
 };
 
 /// Holds the host's view tree. Thread-safe.

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/src.hpp>  // compiles Boost.JSON: no other source may include it
@@ -22,6 +23,63 @@ constexpr unsigned char kFirstPrintable = 0x20;  // smaller characters must be e
 constexpr std::size_t kLongestInteger = 24;      // characters; 20 are enough for 64 bits and a sign
 
 // --- Writing
+
+/// Appends the escape sequence of a character.
+void appendEscaped(std::string& json, unsigned char character) {
+  constexpr std::string_view kShort = "\bb\tt\nn\ff\rr\"\"\\\\";  // pairs of a character and its letter
+  for (std::size_t i = 0; i < kShort.size(); i += 2) {
+    if (static_cast<unsigned char>(kShort[i]) != character) continue;
+    json += '\\';
+    json += kShort[i + 1];
+    return;
+  }
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  json += "\\u00";
+  json += kDigits[character >> 4U];
+  json += kDigits[character & 15U];
+}
+
+bool isPlain(unsigned char character) {
+  return character >= kFirstPrintable && character != '"' && character != '\\';
+}
+
+/// Returns the number of characters before the first one that must be escaped.
+std::size_t plainLength(std::string_view text) {
+  std::size_t length = 0;
+  while (length < text.size() && isPlain(static_cast<unsigned char>(text[length]))) ++length;
+  return length;
+}
+
+/// Copies the stretches between escaped characters. `plain` is the length of the first one.
+void appendWithEscapes(std::string& json, std::string_view text, std::size_t plain) {
+  json += '"';
+  while (plain < text.size()) {
+    json += text.substr(0, plain);
+    appendEscaped(json, static_cast<unsigned char>(text[plain]));
+    text.remove_prefix(plain + 1);
+    plain = plainLength(text);
+  }
+  json += text;
+  json += '"';
+}
+
+/// Appends `text` in quotes, and `end` after them.
+void appendText(std::string& json, std::string_view text, std::string_view end) {
+  const std::size_t plain = plainLength(text);
+  if (plain < text.size()) {
+    appendWithEscapes(json, text, plain);
+    json += end;
+    return;
+  }
+  // Most texts: all of it in one step.
+  const std::size_t start = json.size();
+  json.resize(start + text.size() + end.size() + 2);
+  char* to = json.data() + start;
+  *to++ = '"';
+  to = std::copy(text.begin(), text.end(), to);
+  *to++ = '"';
+  std::copy(end.begin(), end.end(), to);
+}
 
 class Writer {
  public:
@@ -52,34 +110,10 @@ class Writer {
     return true;
   }
 
-  /// Copies the stretches between escaped characters. Most texts have no such character.
-  bool writeText(std::string_view content) {
-    text += '"';
-    std::size_t written = 0;
-    for (std::size_t i = 0; i < content.size(); ++i) {
-      const auto character = static_cast<unsigned char>(content[i]);
-      if (character >= kFirstPrintable && character != '"' && character != '\\') continue;
-      text += content.substr(written, i - written);
-      writeEscaped(character);
-      written = i + 1;
-    }
-    text += content.substr(written);
-    text += '"';
+  /// Writes the text between quotes, and `end` after them.
+  bool writeText(std::string_view content, std::string_view end = {}) {
+    appendText(text, content, end);
     return true;
-  }
-
-  void writeEscaped(unsigned char character) {
-    constexpr std::string_view kShort = "\bb\tt\nn\ff\rr\"\"\\\\";  // pairs of a character and its letter
-    for (std::size_t i = 0; i < kShort.size(); i += 2) {
-      if (static_cast<unsigned char>(kShort[i]) != character) continue;
-      text += '\\';
-      text += kShort[i + 1];
-      return;
-    }
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    text += "\\u00";
-    text += kDigits[character >> 4U];
-    text += kDigits[character & 15U];
   }
 
   template <class Integer>
@@ -114,8 +148,7 @@ class Writer {
     bool first = true;
     for (const auto& [key, value] : dictionary) {
       if (!std::exchange(first, false)) text += ',';
-      writeText(key);
-      text += ':';
+      writeText(key, ":");
       if (write(value, depth)) continue;
       if (error.find(" (key: ") == std::string::npos) error += " (key: " + key + ")";
       return false;
@@ -243,6 +276,11 @@ std::optional<Value> refused(std::string* error, std::string_view what, std::siz
 }
 
 }  // namespace
+
+/// Copies the stretches between escaped characters. Most texts have no such character.
+void appendQuoted(std::string& json, std::string_view text) {
+  appendText(json, text, {});
+}
 
 std::optional<std::string> jsonText(const Value& value, std::string* error) {
   Writer writer(Writer::Mode::strict);

@@ -14,6 +14,9 @@ namespace kelvo {
 /// bytes, dates, NaN, infinities, or nesting deeper than 256 levels.
 std::optional<std::string> jsonText(const Value& value, std::string* error = nullptr);
 
+/// Appends `text` to `json` as `jsonText` writes it: in quotes, with escapes.
+void appendQuoted(std::string& json, std::string_view text);
+
 /// Returns compact JSON for people to read. It never fails: a member that JSON cannot represent becomes its quoted
 /// description, and a container deeper than 256 levels becomes "...".
 std::string describingJSONText(const Value& value);

@@ -1,8 +1,6 @@
 #include "platform/TimerService.h"
 
 #include <algorithm>
-#include <boost/asio/steady_timer.hpp>
-#include <boost/asio/thread_pool.hpp>
 #include <map>
 
 #include "platform/Clock.h"
@@ -31,17 +29,6 @@ class Alarms {
     arm();
   }
 
- private:
-  /// Sets the timer to the first deadline. Does nothing while alarms ring: the ringing thread checks the deadlines
-  /// again and arms the timer at the end.
-  void arm() REQUIRES(mutex_) {
-    if (ringing_ || pending_.empty()) return;
-    timer_.expires_after(pending_.begin()->first - Clock::monotonic());
-    timer_.async_wait([this](const boost::system::error_code& error) {
-      if (!error) ring();
-    });
-  }
-
   /// Fires the alarms that are due. One thread rings at a time, so that alarms fire in the order of their deadlines.
   void ring() EXCLUDES(mutex_) {
     Lock lock(mutex_);
@@ -58,6 +45,11 @@ class Alarms {
     arm();
   }
 
+ private:
+  /// Sets the pool's alarm to the first deadline. Does nothing while alarms ring: the ringing thread checks the
+  /// deadlines again and sets it at the end.
+  void arm() REQUIRES(mutex_);
+
   static void fire(const std::function<void()>& alarm) {
     try {
       alarm();
@@ -71,13 +63,16 @@ class Alarms {
   Mutex mutex_;
   /// Alarms with equal deadlines stay in the order of their arrival.
   std::multimap<Clock::Instant, std::function<void()>> pending_ GUARDED_BY(mutex_);
-  boost::asio::steady_timer timer_ GUARDED_BY(mutex_){threadPool()};  // set to the first deadline of `pending_`
   bool ringing_ GUARDED_BY(mutex_) = false;
 };
 
 Alarms& alarms() {
   static Immortal<Alarms> instance;
   return *instance;
+}
+
+void Alarms::arm() {
+  if (!ringing_ && !pending_.empty()) pool::setAlarm(pending_.begin()->first, [] { alarms().ring(); });
 }
 
 }  // namespace

@@ -114,6 +114,14 @@ struct Dictionary::Rep : Shared {
     std::uint32_t positionPlusOne = 0;  // 0: free
   };
 
+  Rep() = default;
+  /// A copy is made to be changed: it has room for a few more entries.
+  Rep(const Rep& other) : Shared(other), slots(other.slots) {
+    constexpr std::size_t kRoom = 4;
+    entries.reserve(other.entries.size() + kRoom);
+    entries = other.entries;
+  }
+
   static std::uint32_t hashOf(std::string_view key) noexcept {
     return static_cast<std::uint32_t>(std::hash<std::string_view>{}(key));
   }
@@ -138,7 +146,7 @@ struct Dictionary::Rep : Shared {
   void append(Parts&&... parts) {
     // Grows in small steps, because most dictionaries have few entries and grow no more.
     if (entries.size() == entries.capacity()) {
-      entries.reserve(entries.size() + std::max<std::size_t>(2, entries.size() / 4));
+      entries.reserve(entries.size() + std::max<std::size_t>(4, entries.size() / 4));
     }
     entries.emplace_back(std::forward<Parts>(parts)...);
     if (slots.size() >= 2 * entries.size()) {

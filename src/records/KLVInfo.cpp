@@ -50,8 +50,10 @@ Dictionary KLVInfo::customInfo() const {
 
 Dictionary KLVInfo::jsonDict() const {
   const auto cleaned = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(additionalInfo());
-  return {{std::string(kKLVId), identifier()},
-          {std::string(kKLVAdditionalInfo), KLVUtilities::jsonStringFromNSDictionary(cleaned.value_or(Dictionary()))}};
+  Dictionary stored;  // set one by one: an initializer list would copy the text
+  stored.set(kKLVId, identifier());
+  stored.set(kKLVAdditionalInfo, KLVUtilities::jsonStringFromNSDictionary(cleaned.value_or(Dictionary())));
+  return stored;
 }
 
 Dictionary KLVInfo::jsonDictModifiedforInstanceWithName(std::string_view name) const {

@@ -7,13 +7,7 @@
 namespace kelvo {
 namespace {
 
-struct Name {
-  constexpr Name(std::string_view both) : stored(both), uploaded(both) {}
-  constexpr Name(std::string_view itsStored, std::string_view itsUploaded) : stored(itsStored), uploaded(itsUploaded) {}
-
-  std::string_view stored;
-  std::string_view uploaded;
-};
+using Name = KLVKeyMap::Name;
 
 // The library itself never sets the attributes whose storage names are literals here.
 constexpr Name kAppInfo[] = {{kKLVId, "app_name"},       kKLVAppVersion, kKLVBundleId, kKLVInstallationTime,
@@ -75,15 +69,23 @@ constexpr Map kMasterMap[] = {{"KLVAppInfo", kAppInfo},
 
 }  // namespace
 
-std::optional<std::string_view> KLVServerAPIHelper::convertInClass(std::string_view key, std::string_view className) {
+KLVKeyMap KLVKeyMap::ofClass(std::string_view className) {
   for (const Map& map : kMasterMap) {
-    if (map.className != className) continue;
-    for (const Name& name : map.names) {
-      if (name.stored == key) return name.uploaded;
-    }
-    return std::nullopt;
+    if (map.className == className) return KLVKeyMap(map.names);
   }
-  return key;
+  return {};
+}
+
+std::optional<std::string_view> KLVKeyMap::convert(std::string_view key) const {
+  if (names_.empty()) return key;
+  for (const Name& name : names_) {
+    if (name.stored == key) return name.uploaded;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string_view> KLVServerAPIHelper::convertInClass(std::string_view key, std::string_view className) {
+  return KLVKeyMap::ofClass(className).convert(key);
 }
 
 }  // namespace kelvo

@@ -17,7 +17,11 @@ class FMKLVDatabase::Execution {
  public:
   enum class Form { query, update };
 
-  Execution(FMKLVDatabase& database, Form form) : database_(database), form_(form), entered_(database.isFree()) {
+  Execution(FMKLVDatabase& database, Form form, bool keepsStatement = false)
+      : database_(database),
+        form_(form),
+        caches_(keepsStatement || database.shouldCacheStatements()),
+        entered_(database.isFree()) {
     if (entered_) database_.isExecutingStatement_ = true;
   }
   Execution(const Execution&) = delete;
@@ -44,6 +48,7 @@ class FMKLVDatabase::Execution {
 
   FMKLVDatabase& database_;
   const Form form_;
+  const bool caches_;
   const bool entered_;
 };
 
@@ -76,13 +81,13 @@ std::shared_ptr<FMKLVStatement> FMKLVDatabase::Execution::statement(const std::s
   }
   auto prepared = prepare(sql);
   if (!prepared || !bind(*prepared, arguments)) return nullptr;
-  if (database_.shouldCacheStatements()) database_.setCachedStatement(prepared, sql);
+  if (caches_) database_.setCachedStatement(prepared, sql);
   prepared->countUse();
   return prepared;
 }
 
 std::shared_ptr<FMKLVStatement> FMKLVDatabase::Execution::prepare(const std::string& sql) {
-  if (database_.shouldCacheStatements()) {
+  if (caches_) {
     if (auto cached = database_.cachedStatementForQuery(sql)) {
       cached->reset();
       return cached;
@@ -194,6 +199,12 @@ bool FMKLVDatabase::updateWithArguments(const std::string& sql, const FMKLVArgum
   }
   if (!done && error != nullptr) *error = lastError();
   return done;
+}
+
+bool FMKLVDatabase::updateKeepingStatement(const std::string& sql, const FMKLVArguments& arguments) {
+  Execution execution(*this, Execution::Form::update, true);
+  const auto statement = execution.statement(sql, arguments);
+  return statement && execution.step(*statement);
 }
 
 FMKLVDatabase::ResultSet FMKLVDatabase::queryWithFormat(const std::string& format, const Array& values) {

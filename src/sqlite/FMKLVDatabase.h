@@ -20,9 +20,9 @@ namespace kelvo {
 
 /// One connection to a SQLite database. It starts closed.
 ///
-/// Not thread-safe: `FMKLVDatabaseQueue` shares one connection between threads, and `FMKLVDatabasePool` gives each
-/// thread its own. Only the caller's own blocks throw. A call that fails logs the reason, returns false, 0, nullopt or
-/// nullptr, and keeps the reason for `lastError` until the next call.
+/// Not thread-safe: `FMKLVDatabaseQueue` shares one connection, and `FMKLVDatabasePool` gives each thread its own. Only
+/// the caller's own blocks throw. A call that fails logs the reason, which `lastError` keeps until the next call, and
+/// returns false, 0, nullopt or nullptr.
 class FMKLVDatabase {
  public:
   /// Without a path the database is in memory. An empty path makes a temporary file.
@@ -39,11 +39,9 @@ class FMKLVDatabase {
   /// Both return true at once if the connection is open already. `flags` are those of sqlite3_open_v2.
   [[nodiscard]] bool open();
   [[nodiscard]] bool openWithFlags(int flags);
-  /// Also closes the open result sets and finalizes leaked statements. Always returns true.
-  bool close();
+  bool close();  ///< also closes the open result sets and finalizes leaked statements; always returns true
   [[nodiscard]] bool isOpen() const noexcept { return handle_.isOpen(); }
-  /// Returns whether the connection is open and SQLite can read the file as a database.
-  [[nodiscard]] bool goodConnection();
+  [[nodiscard]] bool goodConnection();  ///< whether it is open and SQLite can read the file as a database
   [[nodiscard]] const std::optional<std::string>& databasePath() const noexcept { return databasePath_; }
   [[nodiscard]] const char* sqlitePath() const noexcept { return databasePath_ ? databasePath_->c_str() : ":memory:"; }
   [[nodiscard]] sqlite3* db() const noexcept { return handle_.get(); }  ///< nullptr while closed
@@ -82,6 +80,8 @@ class FMKLVDatabase {
   [[nodiscard]] bool executeUpdateWithFormat(const std::string& format, const FMKLVBindable auto&... values);
   [[nodiscard]] ResultSet queryWithArguments(const std::string& sql, const FMKLVArguments& arguments);
   [[nodiscard]] bool updateWithArguments(const std::string& sql, const FMKLVArguments& arguments, FMKLVError* error);
+  /// The same, and adds the statement to the cache even if that is off: for a text that is used again and again.
+  [[nodiscard]] bool updateKeepingStatement(const std::string& sql, const FMKLVArguments& arguments);
   /// Fails as a statement that SQLite cannot prepare, without running it: for a caller that mistrusts its own text.
   bool refuse(const std::string& sql, std::string reason);
   /// Receives a row by column name, as texts or null values. Returns 0 to continue; the run fails otherwise.

@@ -43,6 +43,15 @@ const char* FMKLVResultSet::UTF8StringForColumnIndex(int index) const {
   return reinterpret_cast<const char*>(sqlite3_column_text(statement_->statement(), index));
 }
 
+std::optional<std::string_view> FMKLVResultSet::textNoCopyForColumnIndex(int index) const {
+  if (!hasColumn(index)) return std::nullopt;
+  sqlite3_stmt* row = statement_->statement();
+  if (sqlite3_column_type(row, index) != SQLITE_TEXT) return std::nullopt;
+  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, index));
+  if (text == nullptr) return std::nullopt;  // out of memory
+  return std::string_view(text, static_cast<std::size_t>(sqlite3_column_bytes(row, index)));
+}
+
 std::optional<Date> FMKLVResultSet::dateForColumnIndex(int index) const {
   if (columnIndexIsNull(index)) return std::nullopt;
   if (!parentDB_->hasDateFormatter()) return dateFromSecondsSince1970(doubleForColumnIndex(index));

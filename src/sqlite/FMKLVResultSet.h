@@ -63,6 +63,8 @@ class FMKLVResultSet {
   [[nodiscard]] std::optional<std::string> stringForColumnIndex(int index) const;
   /// The pointer is valid until the next row or `close`.
   [[nodiscard]] const char* UTF8StringForColumnIndex(int index) const;
+  /// Returns the value if it is a text. It is valid until the next row or `close`.
+  [[nodiscard]] std::optional<std::string_view> textNoCopyForColumnIndex(int index) const;
   /// Reads a text with the connection's date formatter, otherwise seconds since 1970. Returns nullopt if the value is
   /// not a date.
   [[nodiscard]] std::optional<Date> dateForColumnIndex(int index) const;

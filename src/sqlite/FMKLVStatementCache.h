@@ -9,9 +9,11 @@
 
 namespace kelvo {
 
-/// The prepared statements that one connection keeps for reuse. It starts off and empty.
+/// The prepared statements that one connection keeps for reuse. It starts off and empty: then it only keeps those of
+/// `FMKLVDatabase::updateKeepingStatement`.
 ///
 /// The key is the exact SQL text. The size has no limit, so SQL texts that contain their values only fill the cache.
+/// An idle statement holds no lock. SQLite prepares it again after a change of the schema.
 /// While a result set uses a statement, a second use of the same text prepares another one.
 class FMKLVStatementCache {
  public:

@@ -15,17 +15,30 @@ std::optional<std::int64_t> KLVCountCache::find(const std::string& name, std::ui
 
 void KLVCountCache::found(const std::string& name, std::int64_t count, std::uint64_t generation) {
   const Lock lock(mutex_);
-  if (enter(generation)) counts_.try_emplace(name, count);
+  if (enter(generation) && counts_.size() < kMaxNames) counts_.try_emplace(name, count);
 }
 
 void KLVCountCache::written(const std::string& name, std::int64_t count, std::uint64_t generation) {
   const Lock lock(mutex_);
-  if (enter(generation)) counts_[name] = count;
+  if (!enter(generation)) return;
+  const auto place = counts_.find(name);
+  if (place != counts_.end()) {
+    place->second = count;
+  } else if (counts_.size() < kMaxNames) {
+    counts_.emplace(name, count);
+  }
+}
+
+void KLVCountCache::makeRoom() {
+  const Lock lock(mutex_);
+  if (counts_.size() >= kMaxNames) counts_.clear();
 }
 
 bool KLVCountCache::enter(std::uint64_t generation) {
-  if (generation > generation_ || counts_.size() >= kMaxNames) counts_.clear();
-  if (generation > generation_) generation_ = generation;
+  if (generation > generation_) {
+    counts_.clear();
+    generation_ = generation;
+  }
   return generation == generation_;
 }
 

@@ -16,10 +16,13 @@ namespace kelvo {
 class KLVCountCache {
  public:
   [[nodiscard]] std::optional<std::int64_t> find(const std::string& name, std::uint64_t generation);
-  /// Caches a query's result unless a later write has superseded it. `generation` is the one when the query began.
+  /// Caches a query's result unless a later write has superseded it, or there is no room. `generation` is the one when
+  /// the query began.
   void found(const std::string& name, std::int64_t count, std::uint64_t generation);
-  /// Caches the count that a statement has just written. Writers must take turns.
+  /// Caches the count that a statement has just written, or that the transaction will write. Writers must take turns.
   void written(const std::string& name, std::int64_t count, std::uint64_t generation);
+  /// Forgets all names if there is no room for more. Not while counts wait that the database does not know.
+  void makeRoom();
 
  private:
   /// Moves on to `generation` if it is newer. Returns false if it is old.

@@ -115,7 +115,7 @@ void KLVDataHandler::deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk) {
   if (!chunk) return;
   jobs_->write([chunk = std::move(chunk)](KLVPersistantStore& store) {
     return store.removeDataWithTableName(kKLVChunkMetaInfo, kKLVChunkSid, chunk->identifier()) &&
-           store.removeDataWithTableName(kKLVChunkRecords, kKLVChunkSid, chunk->identifier());
+           store.write(sqlText("delete from {} where {}", kKLVChunkRecords, chunksOfSession(chunk->identifier())));
   });
 }
 

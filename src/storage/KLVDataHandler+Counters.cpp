@@ -8,11 +8,27 @@
 #include "storage/KLVSchema.h"
 
 namespace kelvo {
-void KLVDataHandler::upsertLifetimeEvent(std::shared_ptr<KLVEvent> event) {
+
+void KLVDataHandler::upsertLifetimeEvent(const std::shared_ptr<KLVEvent>& event) {
   if (!event) return;
-  jobs_->write([cache = lifetimeCounts_, name = event->identifier()](KLVPersistantStore& store) {
-    return countLifetimeEvent(store, *cache, name);
-  });
+  if (jobs_->store() == nullptr) return KLVLedger::shared().add(KLVLedgerEntry::forPlugins);
+  const KLVWaitingCall& made = event->call();
+  jobs_->write(
+      [cache = lifetimeCounts_, name = event->identifier(), call = made](KLVPersistantStore& store) {
+        store.journal().settle(call);
+        return countInLedger(store, KLVLedgerEntry::forPlugins, 1, call) && countLifetimeEvent(store, *cache, name);
+      },
+      eventsOf(made));
+}
+
+void KLVDataHandler::settle(KLVWaitingCall made, KLVLedgerEntry outcome) {
+  const auto events = eventsOf(made);
+  jobs_->write(
+      [call = std::move(made), outcome](KLVPersistantStore& store) {
+        store.journal().settle(call);
+        return countInLedger(store, outcome, 1, call);
+      },
+      events);
 }
 
 std::optional<Dictionary> KLVDataHandler::retrieveLifetimeEventWithName(const std::string& name) {
@@ -58,15 +74,14 @@ void KLVDataHandler::updateAggregateEventsCountRecordHavingParameters(const Dict
 void KLVDataHandler::countAggregateEvent(std::shared_ptr<KLVEvent> event, std::string identifier) {
   if (!event) return;
   if (jobs_->store() == nullptr) return KLVLedger::shared().add(KLVLedgerEntry::notStored);
-  jobs_->writeTogether(
-      [&] {
-        jobs_->write(
-            [event = std::move(event), identifier = std::move(identifier)](KLVPersistantStore& store) {
-              return countInLedger(store, KLVLedgerEntry::counted, 1) && countAggregate(store, *event, identifier);
-            },
-            1);
+  const auto events = eventsOf(event->call());
+  jobs_->write(
+      [event = std::move(event), identifier = std::move(identifier)](KLVPersistantStore& store) {
+        store.journal().settle(event->call());
+        return countInLedger(store, KLVLedgerEntry::counted, 1, event->call()) &&
+               countAggregate(store, *event, identifier);
       },
-      {});
+      events);
 }
 
 std::optional<AggregateTotals> KLVDataHandler::aggregateTotals(const std::string& identifier) {

@@ -84,19 +84,24 @@ void KLVDataHandler::saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string i
   });
 }
 
-void KLVDataHandler::saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier) {
+void KLVDataHandler::saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier,
+                                     KLVWaitingCalls calls) {
   if (!session) return;
   KLV_DEBUG("Saving session: {} with identifier: {}", storageForm(*session), identifier);
-  jobs_->async([session = std::move(session), identifier = std::move(identifier)] {
-    if (!writeSessionRecord(*session, identifier, kKLVSessionInfo)) KLV_ERROR("Failed to save SessionInfo");
-  });
+  jobs_->async(
+      [jobs = jobs_.get(), session = std::move(session), identifier = std::move(identifier), calls = std::move(calls)] {
+        const bool isSaved = writeSessionRecord(*session, identifier, kKLVSessionInfo);
+        jobs->settleFile(identifier, calls, isSaved);
+        if (!isSaved) KLV_ERROR("Failed to save SessionInfo");
+      });
 }
 
-void KLVDataHandler::saveUserInfo(std::shared_ptr<KLVUser> user) {
+void KLVDataHandler::saveUserInfo(std::shared_ptr<KLVUser> user, KLVWaitingCalls calls) {
   if (!user) return;
   KLV_DEBUG("Saving user info: {}", storageForm(*user));
-  jobs_->async([user = std::move(user)] {
-    static_cast<void>(writeJSON(user->jsonDict(), kKLVUserDB));  // Kept: a failure is not logged.
+  jobs_->async([jobs = jobs_.get(), user = std::move(user), calls = std::move(calls)] {
+    // Kept: a failure is not logged.
+    jobs->settleFile(kKLVUserDB, calls, writeJSON(user->jsonDict(), kKLVUserDB));
   });
 }
 

@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "journal/KLVJournalPlace.h"
 #include "platform/Directories.h"
 #include "platform/Files.h"
 #include "records/KLVFileNames.h"
@@ -43,11 +44,11 @@ std::uint64_t bytesBelow(const std::string& directory) {
   return bytes;
 }
 
-/// Returns the bytes of all files but the database and its log.
+/// Returns the bytes of all files but the database, its log, and the journal, whose size is a choice of its own.
 std::uint64_t bytesBeside() {
   const std::string database = KLVPersistantStore::getDBPathForIdentifier(kKLVDatabaseFile);
   return bytesBelow(Directories::library()) + bytesBelow(KLVPersistantStore::dbDirectoryPath()) - fileSize(database) -
-         fileSize(database + "-wal");
+         fileSize(database + "-wal") - fileSize(Directories::inLibrary(kKLVJournalFile));
 }
 
 /// Calls `next` in one transaction until the database is smaller by `bytes`, or `next` returns false. Returns false if

@@ -80,20 +80,33 @@ void KLVDataHandler::insert(const std::shared_ptr<KLVEvent>& event, std::string 
   try {
     row = event->jsonDict();
   } catch (const std::exception& error) {
-    KLVLedger::shared().add(KLVLedgerEntry::refusedUncleanable);
     KLV_ERROR("{}", error.what());
-    return;
+    return settle(event->call(), KLVLedgerEntry::refusedUncleanable);
   }
   const bool isOwn = identifier == sessionIdentifier_;
   jobs_->grow(bytesOf(row));
   jobs_->write(
       [row = std::move(row), identifier = std::move(identifier), isOwn, count = std::move(count),
        call = event->call()](KLVPersistantStore& store) {
+        store.journal().settle(call);
         const bool isStored = insertEvent(store, identifier, isOwn, row);
-        countRow(store, row, isStored);
+        countRow(store, row, isStored, call);
         return isStored && count(store);
       },
-      1);
+      eventsOf(event->call()));
+}
+
+std::optional<std::uint64_t> KLVDataHandler::readEvents(const std::string& identifier, std::uint64_t first,
+                                                        std::uint64_t last, std::uint64_t most,
+                                                        const std::function<void(const KLVStoredEvent&)>& take) {
+  return jobs_->sync([&]() -> std::optional<std::uint64_t> {
+    auto* store = jobs_->store();
+    if (store == nullptr) return 0;
+    const auto table = eventsTable(identifier);
+    const auto exists = store->tableExists(table);
+    if (!exists) return std::nullopt;
+    return *exists ? store->readEvents(table, first, last, most, take) : 0;
+  });
 }
 
 std::optional<std::vector<Dictionary>> KLVDataHandler::getEventsBetween(std::uint64_t start, std::uint64_t end,

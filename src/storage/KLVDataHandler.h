@@ -15,10 +15,12 @@
 #include "records/KLVEviction.h"
 #include "records/KLVSDKInfo.h"
 #include "records/KLVSession.h"
+#include "records/KLVStoredEvent.h"
 #include "records/KLVUser.h"
 #include "storage/KLVWaiting.h"
 #include "util/KLVAnswerLimits.h"
 #include "util/KLVLedger.h"
+#include "util/KLVWaitingCall.h"
 
 namespace kelvo {
 
@@ -42,16 +44,15 @@ class KLVDataHandler {
   /// Opens the database and creates the tables, then calls `completion`. Blocks: all of this runs on the calling
   /// thread.
   void startWithCompletionHandler(const std::function<void()>& completion);
-  /// Kept: does nothing.
-  void stop() {}
+  void stop() {}  ///< Kept: does nothing.
 
-  // --- Records, each a file. A null record is ignored. `identifier` names the directory. It must have the form of a
-  // session id: otherwise nothing is saved, and nothing is found.
+  // --- Records, each a file, whose saving finishes `calls`. A null record is ignored. `identifier` names the
+  // directory. It must have the form of a session id: otherwise nothing is saved, and nothing is found.
   void saveAppInfo(std::shared_ptr<KLVAppInfo> info, std::string identifier);
   void saveDeviceInfo(std::shared_ptr<KLVDeviceInfo> info);
   void saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string identifier);
-  void saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier);
-  void saveUserInfo(std::shared_ptr<KLVUser> user);
+  void saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier, KLVWaitingCalls calls = {});
+  void saveUserInfo(std::shared_ptr<KLVUser> user, KLVWaitingCalls calls = {});
   std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::string& identifier);
   std::shared_ptr<KLVUser> retrieveUser();
 
@@ -60,6 +61,10 @@ class KLVDataHandler {
   /// The same, and counts the event in the same transaction: adds 1 to the lifetime count of its name, or counts an
   /// aggregate event like `countAggregateEvent`. An event that cannot be stored is not counted.
   void saveAndCountEvent(const std::shared_ptr<KLVEvent>& event, std::string identifier);
+  /// Calls `take` with each of the first `most` events from `first` to `last`, both included, in ascending order, on
+  /// the calling thread. Returns their number, nullopt if the read failed. `take` must not use the data handler.
+  std::optional<std::uint64_t> readEvents(const std::string& identifier, std::uint64_t first, std::uint64_t last,
+                                          std::uint64_t most, const std::function<void(const KLVStoredEvent&)>& take);
   /// Returns the rows of events `start` to `end`, both included, in ascending order. `eventType` is the name of a type;
   /// nullopt means every type. Returns nullopt if the read failed.
   std::optional<std::vector<Dictionary>> getEventsBetween(std::uint64_t start, std::uint64_t end,
@@ -69,8 +74,10 @@ class KLVDataHandler {
   /// count: the result is the greatest of the table's indices, the last index that SQLite gave out, and the end of the
   /// session's chunks.
   std::optional<std::uint64_t> numberOfEventsWithIdentifier(const std::string& identifier);
-  /// Adds 1 to the lifetime count of the event's name.
-  void upsertLifetimeEvent(std::shared_ptr<KLVEvent> event);
+  /// Adds 1 to the lifetime count of the event's name. The ledger counts the event as one for plug-ins.
+  void upsertLifetimeEvent(const std::shared_ptr<KLVEvent>& event);
+  /// Counts the event of `call` in the ledger, and finishes the call in the same transaction: nothing of it is stored.
+  void settle(KLVWaitingCall call, KLVLedgerEntry outcome);
   /// Returns the row of this name, or nullopt. Does not wait: a count that is still queued is missing.
   std::optional<Dictionary> retrieveLifetimeEventWithName(const std::string& name);
 
@@ -137,16 +144,14 @@ class KLVDataHandler {
   std::vector<std::string> getSessionsWithAggregates();
   /// Returns the names of all directories in the Library directory whose name has the form of a session id.
   std::vector<std::string> getSessionDirectories();
-  /// Drops the session's events table.
-  void deleteSession(std::string identifier);
+  void deleteSession(std::string identifier);  ///< drops the session's events table
   enum class Rescue { stored, alreadyStored, failed };
   /// Stores events that the file `file` (a name in the Library directory) kept from the death of their process: their
   /// rows in the session `sid`, their counts, and the file's name, all in one transaction. `alreadyStored` means that
   /// the name is recorded, and nothing was stored. Leaves out an event that has no storage form. Blocks.
   [[nodiscard]] Rescue storeRescuedEvents(const std::string& file, const std::vector<std::shared_ptr<KLVEvent>>& events,
                                           const std::string& sid);
-  /// Forgets the file's name. For files that exist no longer.
-  void forgetRescuedFile(std::string file);
+  void forgetRescuedFile(std::string file);  ///< for a file that exists no longer
 
   // --- Files. A path is relative to the Library directory. A file holds a JSON object or array; reads return nullopt
   // if it is missing or holds anything else.

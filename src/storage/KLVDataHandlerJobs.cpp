@@ -5,6 +5,7 @@
 #include <iterator>
 #include <string>
 
+#include "journal/KLVJournal.h"
 #include "platform/Thread.h"
 #include "util/KLVLedger.h"
 #include "util/KLVLogger.h"
@@ -110,6 +111,22 @@ void KLVDataHandlerJobs::grow(std::uint64_t bytes) {
   const auto report = reportGrowth_;
   lock.unlock();
   report();
+}
+
+void KLVDataHandlerJobs::settleFile(std::string_view file, const KLVWaitingCalls& calls, bool isSaved) {
+  queue_.assertCurrent();
+  for (const KLVWaitingCall& call : calls) {
+    if (isSaved) {
+      call.finish();
+    } else if (const auto sequence = call.sequence(); sequence != 0) {
+      unsaved_[std::string(file)].push_back(sequence);
+      call.leaveToNextLaunch();
+    }
+  }
+  const auto earlier = isSaved ? unsaved_.find(file) : unsaved_.end();
+  if (earlier == unsaved_.end()) return;
+  for (const auto sequence : earlier->second) KLVJournal::shared().finish(sequence);
+  unsaved_.erase(earlier);
 }
 
 void KLVDataHandlerJobs::async(DispatchQueue::Task job) {

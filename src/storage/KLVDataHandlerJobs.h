@@ -4,7 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -53,6 +56,9 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
   void async(DispatchQueue::Task job);
   /// The same for a job that writes nothing: it always runs.
   void asyncAlways(DispatchQueue::Task job);
+  /// Finishes `calls`, whose attributes are in `file`, and earlier ones of it. If it is not saved, leaves them
+  /// unfinished until it is. On the data queue.
+  void settleFile(std::string_view file, const KLVWaitingCalls& calls, bool isSaved);
   /// From now on drops every write, those that wait included. Closes the database after the running job, and then calls
   /// `done` on the data queue.
   void retire(std::function<void()> done);
@@ -78,6 +84,8 @@ class KLVDataHandlerJobs : public std::enable_shared_from_this<KLVDataHandlerJob
   std::atomic<std::uint64_t> reportedAt_{0};  // bytes; 0: nobody wants a report
   std::function<void()> reportGrowth_ GUARDED_BY(mutex_);
   std::atomic<bool> isRetired_{false};
+  /// The entries in the journal whose attributes are in files that could not be saved.
+  std::map<std::string, std::vector<std::uint64_t>, std::less<>> unsaved_ GUARDED_BY(queue_);
 };
 
 }  // namespace kelvo

@@ -10,6 +10,7 @@
 #include "records/KLVSession.h"
 #include "storage/KLVSQLText.h"
 #include "storage/KLVSchema.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -51,9 +52,9 @@ bool insertEvent(KLVPersistantStore& store, const std::string& session, bool cre
   });
 }
 
-void countRow(KLVPersistantStore& store, const Dictionary& row, bool isStored) {
-  store.ledger().count(isStored ? KLVLedgerEntry::stored : KLVLedgerEntry::notStored, 1);
-  if (isStored) store.ledger().count(KLVLedgerEntry::notForUpload, notForUpload(row));
+void countRow(KLVPersistantStore& store, const Dictionary& row, bool isStored, const KLVWaitingCall& call) {
+  store.ledger().count(isStored ? KLVLedgerEntry::stored : KLVLedgerEntry::notStored, 1, call);
+  if (isStored) store.ledger().count(KLVLedgerEntry::notForUpload, notForUpload(row), call);
 }
 
 int notForUpload(const Dictionary& row) {
@@ -74,10 +75,16 @@ std::optional<std::int64_t> lifetimeCount(KLVPersistantStore& store, KLVCountCac
 }
 
 bool countLifetimeEvent(KLVPersistantStore& store, KLVCountCache& cache, const std::string& name) {
+  if (store.lifetimeCounts().isEmpty()) cache.makeRoom();
+  if (KLVDeliveryRules::current().addsUpLifetimeCounts) {
+    store.lifetimeCounts().add(name);
+    if (!isUncountable(name)) remember(store, cache, name, lifetimeCount(store, cache, name).value_or(0) + 1);
+    return true;
+  }
   Dictionary counted;
   if (const auto count = lifetimeCount(store, cache, name)) {
     counted.set(kKLVLifetimeCount, *count + 1);
-    if (store.updateDataWithTableName(kKLVLifetimeEvents, counted, kKLVLifetimeEventName, name)) {
+    if (store.updateDataWithTableName(kKLVLifetimeEvents, counted, kKLVLifetimeEventName, name, true)) {
       remember(store, cache, name, *count + 1);
       return true;
     }

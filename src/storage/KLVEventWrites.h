@@ -11,6 +11,11 @@
 
 namespace kelvo {
 
+/// Returns how many events of this process a write for `call` stores: 1, or 0 if an earlier process made the call.
+[[nodiscard]] inline std::uint64_t eventsOf(const KLVWaitingCall& call) noexcept {
+  return call.isOfEarlierProcess() ? 0 : 1;
+}
+
 // The writes that one event causes. Each is part of a job and returns false if a statement failed.
 
 /// Returns the name of a session's events table.
@@ -24,8 +29,8 @@ namespace kelvo {
 [[nodiscard]] bool insertEvent(KLVPersistantStore& store, const std::string& session, bool creates,
                                const Dictionary& row);
 
-/// Counts the event of `row` in the ledger: as stored, or as not stored.
-void countRow(KLVPersistantStore& store, const Dictionary& row, bool isStored);
+/// Counts the event of `row`, made by `call`, in the ledger: as stored, or as not stored.
+void countRow(KLVPersistantStore& store, const Dictionary& row, bool isStored, const KLVWaitingCall& call = {});
 /// Returns 1 if no chunk carries the event of `row`, else 0.
 [[nodiscard]] int notForUpload(const Dictionary& row);
 

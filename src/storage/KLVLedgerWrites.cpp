@@ -19,14 +19,17 @@ using Entry = KLVLedgerEntry;
 
 /// Adds `sums` to the table. Returns false on failure.
 [[nodiscard]] bool add(FMKLVDatabase& db, const KLVLedgerSums& sums) {
-  std::string values;
+  std::string rows;
+  Array values;
   for (const auto& [entry, events] : sums.form()) {
-    values += fmt::format("{}('{}',{})", values.empty() ? "" : ",", entry, events.asInt64());
+    rows += rows.empty() ? "(?,?)" : ",(?,?)";
+    values.append(entry);
+    values.append(events);
   }
-  return values.empty() ||
-         db.executeUpdate(fmt::format("INSERT INTO {0} ({1},{2}) VALUES {3} ON CONFLICT({1}) DO UPDATE SET "
-                                      "{2}={2}+excluded.{2}",
-                                      kKLVLedger, kKLVLedgerEntryName, kKLVLedgerTotal, values));
+  return rows.empty() || db.updateKeepingStatement(fmt::format("INSERT INTO {0} ({1},{2}) VALUES {3} ON CONFLICT({1}) "
+                                                               "DO UPDATE SET {2}={2}+excluded.{2}",
+                                                               kKLVLedger, kKLVLedgerEntryName, kKLVLedgerTotal, rows),
+                                                   values);
 }
 
 void keep(const KLVLedgerSums& sums) {
@@ -65,8 +68,8 @@ KLVLedgerSums firstSums(FMKLVDatabase& db) {
 
 }  // namespace
 
-bool countInLedger(KLVPersistantStore& store, KLVLedgerEntry entry, std::int64_t events) {
-  store.ledger().count(entry, events);
+bool countInLedger(KLVPersistantStore& store, KLVLedgerEntry entry, std::int64_t events, const KLVWaitingCall& call) {
+  store.ledger().count(entry, events, call);
   return true;
 }
 
@@ -92,6 +95,7 @@ void KLVLedgerWrites::write(FMKLVDatabase& db) {
   KLVLedgerSums due = KLVLedger::shared().unwritten();
   due += own_;
   due += fromFiles_;
+  due += fromJournal_;
   due[Entry::logged] = due.outcomes();
   if (add(db, due)) {
     due_ = due;
@@ -101,7 +105,7 @@ void KLVLedgerWrites::write(FMKLVDatabase& db) {
 }
 
 void KLVLedgerWrites::committed() {
-  KLVLedger::shared().committed(own_, fromFiles_, due_);
+  KLVLedger::shared().committed(own_, fromFiles_, fromJournal_, due_);
   const bool moved =
       due_[Entry::sent] + due_[Entry::accepted] + due_[Entry::evictedForSpace] + due_[Entry::evictedForAge] > 0;
   rolledBack();

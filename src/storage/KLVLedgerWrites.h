@@ -6,6 +6,7 @@
 
 #include "kelvo/Value.h"
 #include "util/KLVLedger.h"
+#include "util/KLVWaitingCall.h"
 
 namespace kelvo {
 
@@ -14,7 +15,9 @@ class KLVPersistantStore;
 
 /// Counts `events` under `entry` in the transaction of the current job: the count is lost if the transaction is rolled
 /// back. Always returns true, because the last statement of the transaction writes the count.
-[[nodiscard]] bool countInLedger(KLVPersistantStore& store, KLVLedgerEntry entry, std::int64_t events);
+/// `call`: the host call that the events are of.
+[[nodiscard]] bool countInLedger(KLVPersistantStore& store, KLVLedgerEntry entry, std::int64_t events,
+                                 const KLVWaitingCall& call = {});
 
 /// Returns the table of the ledger, from entry to sum; nullopt if it cannot be read.
 [[nodiscard]] std::optional<Dictionary> readLedger(FMKLVDatabase& db);
@@ -23,8 +26,10 @@ class KLVPersistantStore;
 /// The same statement adds the outcomes of events that never reach the database. Used by one thread at a time.
 class KLVLedgerWrites {
  public:
-  /// Counts events of this process.
-  void count(KLVLedgerEntry entry, std::int64_t events) { own_[entry] += events; }
+  /// Counts events of this process, or of the earlier one that made the `call`.
+  void count(KLVLedgerEntry entry, std::int64_t events, const KLVWaitingCall& call = {}) {
+    (call.isOfEarlierProcess() ? fromJournal_ : own_)[entry] += events;
+  }
   /// Counts events of a rescue file.
   void countFromFile(KLVLedgerEntry entry, std::int64_t events) { fromFiles_[entry] += events; }
 
@@ -35,8 +40,9 @@ class KLVLedgerWrites {
   void write(FMKLVDatabase& db);
   void committed();
   /// The transaction is rolled back, and its jobs run again.
-  void rolledBack() { own_ = fromFiles_ = {}; }
-  /// The transaction is rolled back for good. Its own events are not stored; those of files remain there.
+  void rolledBack() { own_ = fromFiles_ = fromJournal_ = {}; }
+  /// The transaction is rolled back for good. Its own events are not stored; those of files and of the journal remain
+  /// there.
   void failed();
 
   /// Reads the table `kelvo_ledger` once it exists, and takes up its sums. A new table in a home whose earlier database
@@ -51,6 +57,7 @@ class KLVLedgerWrites {
  private:
   KLVLedgerSums own_;
   KLVLedgerSums fromFiles_;
+  KLVLedgerSums fromJournal_;
   KLVLedgerSums due_;  // what `write` has added
   bool isOpen_ = false;
 };

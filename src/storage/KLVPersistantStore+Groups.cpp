@@ -32,16 +32,20 @@ class KLVPersistantStore::Transaction {
     if (open_) store_.rollBack();
   }
   [[nodiscard]] bool isOpen() const noexcept { return open_; }
-  [[nodiscard]] bool commit() {
+  /// `needsCounts`: fails if a lifetime count cannot be written.
+  [[nodiscard]] bool commit(bool needsCounts) {
     bool committed = false;
     store_.onDatabase([&](FMKLVDatabase& db) {
+      if (!store_.lifetimeCounts_.write(db) && needsCounts) return;
       store_.ledger_.write(db);
-      committed = db.commit();
+      committed = store_.journal_.write(db) && db.commit();
       if (!committed && reportsFailures()) KLV_ERROR("KLVError {}: {}", db.lastErrorCode(), db.lastErrorMessage());
     });
     open_ = !committed;
-    if (committed) store_.ledger_.committed();
-    return committed;
+    if (!committed) return false;
+    store_.ledger_.committed();
+    store_.journal_.committed();
+    return true;
   }
 
  private:
@@ -56,6 +60,8 @@ bool KLVPersistantStore::reportsFailures() noexcept {
 void KLVPersistantStore::rollBack() {
   onDatabase([this](FMKLVDatabase& db) {
     static_cast<void>(db.rollback());
+    db.clearCachedStatements();  // of tables that no longer exist
+    lifetimeCounts_.clear();
     tables_.clear();
     sequences_.reset();
     ++rollbacks_;
@@ -66,45 +72,58 @@ void KLVPersistantStore::performGrouped(const std::vector<Job>& jobs) {
   openAndMakeTables();
   {  // also for a single job: its statements are done together or not at all
     const TrialRun trial;
-    if (performInOneTransaction(jobs)) return;
+    if (performInOneTransaction(jobs) == Performed::committed) return;
   }
   ledger_.rolledBack();
+  journal_.rolledBack();
   for (const Job& job : jobs) performAlone(job);
 }
 
 void KLVPersistantStore::performAlone(const Job& job) {
   Transaction transaction(*this);
+  bool isDone = false;
   try {
-    static_cast<void>(job(*this));  // the job logs its own failure
+    isDone = job(*this);  // the job logs its own failure
   } catch (const std::exception& error) {
     KLV_ERROR("{}", error.what());
   }
-  if (!transaction.isOpen() || !transaction.commit()) ledger_.failed();
+  if (transaction.isOpen() && transaction.commit(false)) return;
+  if (!transaction.isOpen() && isDone) journal_.finishAll();  // each statement was committed on its own
+  fail();
+}
+
+void KLVPersistantStore::fail() {
+  journal_.failed() ? ledger_.rolledBack() : ledger_.failed();
 }
 
 bool KLVPersistantStore::performTogether(const std::vector<Job>& jobs) {
   openAndMakeTables();
-  if (performInOneTransaction(jobs)) return true;  // else the job that failed has logged it
-  ledger_.failed();
+  switch (performInOneTransaction(jobs)) {
+    case Performed::committed: return true;
+    case Performed::notCommitted: fail(); break;
+    case Performed::jobFailed:  // it has logged why
+      ledger_.failed();
+      journal_.finishAll();
+  }
   return false;
 }
 
-bool KLVPersistantStore::performInOneTransaction(const std::vector<Job>& jobs) {
+KLVPersistantStore::Performed KLVPersistantStore::performInOneTransaction(const std::vector<Job>& jobs) {
   std::vector<std::string> reasons;  // of jobs that threw, which is no reason to roll the others back
   {
     Transaction transaction(*this);
-    if (!transaction.isOpen()) return false;
+    if (!transaction.isOpen()) return Performed::notCommitted;
     for (const Job& job : jobs) {
       try {
-        if (!job(*this)) return false;
+        if (!job(*this)) return Performed::jobFailed;
       } catch (const std::exception& error) {
         reasons.emplace_back(error.what());
       }
     }
-    if (!transaction.commit()) return false;
+    if (!transaction.commit(true)) return Performed::notCommitted;
   }
   for (const auto& reason : reasons) KLV_ERROR("{}", reason);
-  return true;
+  return Performed::committed;
 }
 
 }  // namespace kelvo

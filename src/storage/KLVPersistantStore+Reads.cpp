@@ -18,14 +18,17 @@ KLVSQLText rangeQuery(std::string_view table, const std::string& where, const st
   return sqlText("select * from '{}' {} and {} = '{}'", quoted(table), where, plainName(*column), quoted(*value));
 }
 
+/// Returns nullptr, after a line, if the statement fails or is refused.
+std::unique_ptr<FMKLVResultSet> query(FMKLVDatabase& db, const KLVSQLText& sql) {
+  if (!sql.refused) return db.executeQuery(sql.text);
+  static_cast<void>(db.refuse(sql.text, kRefusal));
+  return nullptr;
+}
+
 }  // namespace
 
 std::optional<KLVPersistantStore::Rows> KLVPersistantStore::rows(FMKLVDatabase& db, const KLVSQLText& sql) {
-  if (sql.refused) {
-    static_cast<void>(db.refuse(sql.text, kRefusal));
-    return std::nullopt;
-  }
-  const auto set = db.executeQuery(sql.text);
+  const auto set = query(db, sql);
   if (!set) return std::nullopt;
   Rows result;
   FMKLVError error;
@@ -142,6 +145,29 @@ std::optional<KLVPersistantStore::Rows> KLVPersistantStore::retrieveDataWithTabl
     std::string_view table, std::uint64_t from, std::uint64_t to, const std::optional<std::string>& column,
     const std::optional<std::string>& value) {
   return rows(rangeQuery(table, fmt::format("where identifier >= {} and identifier <= {}", from, to), column, value));
+}
+
+std::optional<std::uint64_t> KLVPersistantStore::readEvents(std::string_view table, std::uint64_t from,
+                                                            std::uint64_t to, std::uint64_t most,
+                                                            const std::function<void(const KLVStoredEvent&)>& take) {
+  std::optional<std::uint64_t> count;
+  onDatabase([&](FMKLVDatabase& db) {
+    const auto set = query(db, sqlText("select identifier, {}, {}, {}, {} from '{}' where identifier >= {} and "
+                                       "identifier <= {} order by identifier limit {}",
+                                       kKLVId, kKLVType, kKLVTime, kKLVAdditionalInfo, quoted(table), from, to, most));
+    if (!set) return;
+    FMKLVError error;
+    std::uint64_t read = 0;
+    for (; set->nextWithError(&error); ++read) {
+      take({.index = set->unsignedLongLongIntForColumnIndex(0),
+            .id = set->textNoCopyForColumnIndex(1).value_or(""),
+            .type = set->textNoCopyForColumnIndex(2).value_or(""),
+            .time = set->objectForColumnIndex(3).asInt64(),
+            .attributes = set->textNoCopyForColumnIndex(4)});
+    }
+    if (error.code == SQLITE_OK) count = read;
+  });
+  return count;
 }
 
 KLVPersistantStore::Rows KLVPersistantStore::retrieveDataWithTableName(std::string_view table, int from,

@@ -6,28 +6,18 @@
 
 #include "kelvo/Value.h"
 #include "storage/KLVSchema.h"
+#include "util/KLVDeliveryRules.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 namespace {
 
-/// Formats each key, which must be a plain name, and joins the texts: " a, b" or " :a, :b".
-KLVSQLText joinedKeys(const Dictionary& parameters, fmt::string_view format) {
-  KLVSQLText all;
-  std::string_view separator = " ";
-  for (const auto& entry : parameters) {
-    const KLVSQLText name = sqlText(format, plainName(entry.first));
-    all.text.append(separator).append(name.text);
-    all.refused = all.refused || name.refused;
-    separator = ", ";
-  }
-  return all;
-}
+/// More than an application has names of events. One takes a few kilobytes of memory.
+constexpr std::size_t kMostKeptStatements = 32;
 
 /// Returns, and logs, an insert statement with one named parameter for each column.
 KLVSQLText insertStatement(std::string_view table, const Dictionary& parameters) {
-  auto statement = sqlText("INSERT INTO '{}' ({}) VALUES ({})", quoted(table), joinedKeys(parameters, "{}"),
-                           joinedKeys(parameters, ":{}"));
+  KLVSQLText statement = KLVInsertText().text(table, parameters);
   KLV_DEBUG("insert statement: {}", statement.text);
   return statement;
 }
@@ -37,7 +27,7 @@ KLVSQLText insertStatement(std::string_view table, const Dictionary& parameters)
 bool KLVPersistantStore::create(FMKLVDatabase& db, std::string_view table, std::string_view columns,
                                 bool failureIsError) {
   if (tables_.count(table) != 0) return true;
-  if (run(db, sqlText("create table if not exists '{}' ( {} )", quoted(table), columns), {})) {
+  if (run(db, sqlText("create table if not exists '{}' ( {} )", quoted(table), columns), {}, false)) {
     tables_.emplace(table);
     return true;
   }
@@ -94,37 +84,52 @@ bool KLVPersistantStore::createLifetimeEventsTable() {
 }
 
 void KLVPersistantStore::createOwnTables() {
+  onDatabase([&](FMKLVDatabase& db) {  // if it fails, the next start tries again
+    if (tables_.count(kKLVChunkMetaInfo) == 0) return;
+    static_cast<void>(update(
+        db,
+        sqlText("create index if not exists {} on {} ({})", kKLVChunkMetaInfoIndex, kKLVChunkMetaInfo, kKLVChunkSid),
+        {}, false));
+  });
   static_cast<void>(createAtStart(kKLVChunkRecords, kKLVChunkRecordsColumns, true));
   static_cast<void>(createAtStart(kKLVAggregatesSent, kKLVAggregatesSentColumns, true));
   static_cast<void>(createAtStart(kKLVRescuedFiles, kKLVRescuedFilesColumns, true));
   static_cast<void>(createAtStart(kKLVEvictions, kKLVEvictionsColumns, true));
+  if (KLVDeliveryRules::current().keepsJournal) {
+    static_cast<void>(createAtStart(kKLVJournalCalls, kKLVJournalCallsColumns, true));
+  }
   if (createAtStart(kKLVLedger, kKLVLedgerColumns, true)) onDatabase([&](FMKLVDatabase& db) { ledger_.open(db); });
 }
 
 bool KLVPersistantStore::removeTableWithName(std::string_view table) {
   bool removed = false;
   onDatabase([&](FMKLVDatabase& db) {
-    removed = update(db, sqlText("DROP TABLE IF EXISTS '{}'", quoted(table)), {});
+    db.clearCachedStatements();  // of this table
+    removed = update(db, sqlText("DROP TABLE IF EXISTS '{}'", quoted(table)), {}, false);
     if (const auto known = tables_.find(table); known != tables_.end()) tables_.erase(known);
     if (sequences_) sequences_->erase(std::string(table));
   });
   return removed;
 }
 
-bool KLVPersistantStore::run(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& parameters) {
+bool KLVPersistantStore::run(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& values, bool isFrequent) {
   if (sql.refused) return db.refuse(sql.text, kRefusal);
-  return parameters.empty() ? db.executeUpdate(sql.text) : db.executeUpdate(sql.text, parameters);
+  if (isFrequent) {
+    if (db.cachedStatements().size() > kMostKeptStatements) db.clearCachedStatements();
+    return db.updateKeepingStatement(sql.text, values);
+  }
+  return values.empty() ? db.executeUpdate(sql.text) : db.executeUpdate(sql.text, values);
 }
 
-bool KLVPersistantStore::update(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& parameters) {
-  const bool written = run(db, sql, parameters);
+bool KLVPersistantStore::update(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& values, bool isFrequent) {
+  const bool written = run(db, sql, values, isFrequent);
   if (!written && reportsFailures()) KLV_ERROR("KLVError {}: {}", db.lastErrorCode(), db.lastErrorMessage());
   return written;
 }
 
-bool KLVPersistantStore::write(const KLVSQLText& sql, const Parameters& parameters) {
+bool KLVPersistantStore::write(const KLVSQLText& sql, const Parameters& parameters, bool isFrequent) {
   bool written = false;
-  onDatabase([&](FMKLVDatabase& db) { written = update(db, sql, parameters); });
+  onDatabase([&](FMKLVDatabase& db) { written = update(db, sql, parameters, isFrequent); });
   return written;
 }
 
@@ -139,11 +144,12 @@ bool KLVPersistantStore::insertDataWithTableName(std::string_view table, const P
 bool KLVPersistantStore::insertEventWithTableName(std::string_view table, const Parameters& parameters,
                                                   const std::function<bool()>& mayCreate) {
   bool inserted = false;
-  const KLVSQLText statement = insertStatement(table, parameters);
   onDatabase([&](FMKLVDatabase& db) {
+    const KLVSQLText& statement = eventInsert_.text(table, parameters);
+    KLV_DEBUG("insert statement: {}", statement.text);
     // If the table cannot be created, the insert fails, too, and reports it.
     if (tables_.count(table) == 0 && mayCreate()) static_cast<void>(create(db, table, kKLVEventsColumns, false));
-    inserted = update(db, statement, parameters);
+    inserted = update(db, statement, parameters, true);
   });
   return inserted;
 }
@@ -158,11 +164,11 @@ bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const P
 }
 
 bool KLVPersistantStore::updateDataWithTableName(std::string_view table, const Parameters& values,
-                                                 std::string_view field, const Value& having) {
+                                                 std::string_view field, const Value& having, bool isFrequent) {
   const KLVSQLText statement = sqlText("UPDATE '{}' SET{} where {} = '{}'", quoted(table),
                                        joinedKeys(values, "{0}=:{0}"), plainName(field), quoted(description(having)));
   KLV_DEBUG("update statement: {}", statement.text);
-  return write(statement, values);
+  return write(statement, values, isFrequent);
 }
 
 bool KLVPersistantStore::updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions) {

@@ -12,8 +12,11 @@
 #include <vector>
 
 #include "kelvo/Value.h"
+#include "records/KLVStoredEvent.h"
 #include "sqlite/FMKLVDatabaseQueue.h"
+#include "storage/KLVJournalWrites.h"
 #include "storage/KLVLedgerWrites.h"
+#include "storage/KLVLifetimeWrites.h"
 #include "storage/KLVPersistentStore.h"
 #include "storage/KLVSQLText.h"
 #include "storage/KLVWaiting.h"
@@ -59,9 +62,8 @@ class KLVPersistantStore final : public KLVPersistentStore {
   bool createChunkMetaInfoTableWithTableName(std::string_view table);
   bool createAggregateEventsTable();
   bool createLifetimeEventsTable();
-  void createOwnTables();
-  /// Returns true if the table no longer exists.
-  [[nodiscard]] bool removeTableWithName(std::string_view table);
+  void createOwnTables();                                          ///< and our index of the chunks
+  [[nodiscard]] bool removeTableWithName(std::string_view table);  ///< returns true if it no longer exists
   [[nodiscard]] std::vector<std::string> retrieveTableNames();
 
   // --- Reads.
@@ -92,6 +94,11 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, int from,
                                                const std::optional<std::string>& column,
                                                const std::optional<std::string>& value);
+  /// Calls `take` with each of the first `most` events from `from` to `to`, both included, of an events table, in
+  /// ascending order. Returns their number. `take` must not call the store.
+  [[nodiscard]] std::optional<std::uint64_t> readEvents(std::string_view table, std::uint64_t from, std::uint64_t to,
+                                                        std::uint64_t most,
+                                                        const std::function<void(const KLVStoredEvent&)>& take);
   /// Returns the rows whose column `key` has this value.
   [[nodiscard]] std::optional<Rows> retrieveDataWithTableName(std::string_view table, std::string_view key,
                                                               const Value& value);
@@ -110,13 +117,13 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Kept: the statement contains the new values without quotes. It is refused unless they are numbers.
   [[nodiscard]] bool updateDataWithTableName(std::string_view table, const Parameters& values,
                                              const Parameters& conditions);
-  /// The bound update.
+  /// The bound update. `isFrequent`: keeps the statement prepared, because it comes again with other values.
   [[nodiscard]] bool updateDataWithTableName(std::string_view table, const Parameters& values, std::string_view field,
-                                             const Value& having);
+                                             const Value& having, bool isFrequent = false);
   /// Sets the count of the row that has no attribute.
   [[nodiscard]] bool updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions);
   [[nodiscard]] bool removeDataWithTableName(std::string_view table, std::string_view field, const Value& having);
-  [[nodiscard]] bool write(const KLVSQLText& sql, const Parameters& parameters = {});
+  [[nodiscard]] bool write(const KLVSQLText& sql, const Parameters& parameters = {}, bool isFrequent = false);
   [[nodiscard]] std::optional<Rows> rows(const KLVSQLText& sql);
   /// Returns the first row's only column, 0 if there is no row or it is NULL.
   [[nodiscard]] std::optional<std::int64_t> number(const KLVSQLText& sql);
@@ -139,14 +146,14 @@ class KLVPersistantStore final : public KLVPersistentStore {
   /// Runs the jobs in order in one transaction. If one fails, rolls back and reruns the jobs one by one, so that only
   /// the bad one has no effect; the rerun logs the failure. A job that throws is logged and does not stop the others.
   void performGrouped(const std::vector<Job>& jobs);
-  /// Runs the jobs in order in one transaction. If one fails, rolls back: none has an effect.
-  /// Returns true if they are committed.
+  /// Runs the jobs in order in one transaction. Returns true if they are committed. If one fails, none has an effect.
   bool performTogether(const std::vector<Job>& jobs);
-  /// Returns false during a trial run: the rerun logs the failure. A job must check it before it logs a failure. Valid
-  /// for the calling thread.
+  /// Returns false during a trial run of this thread: the rerun logs the failure. Jobs check it before they log one.
   [[nodiscard]] static bool reportsFailures() noexcept;
-  /// Each transaction writes the ledger with its jobs. For jobs and the thread that runs them.
+  // Each transaction writes these with its jobs. For jobs and the thread that runs them.
   [[nodiscard]] KLVLedgerWrites& ledger() noexcept { return ledger_; }
+  [[nodiscard]] KLVLifetimeWrites& lifetimeCounts() noexcept { return lifetimeCounts_; }
+  [[nodiscard]] KLVJournalWrites& journal() noexcept { return journal_; }
   /// Returns the number of rollbacks. If it has changed, a caller must forget the rows that it has cached.
   [[nodiscard]] std::uint64_t rollbacks() const noexcept { return rollbacks_.load(); }
 
@@ -154,25 +161,26 @@ class KLVPersistantStore final : public KLVPersistentStore {
   class Transaction;
 
   [[nodiscard]] static std::unique_ptr<FMKLVDatabaseQueue> openDatabase(const std::string& path);
-  [[nodiscard]] bool performInOneTransaction(const std::vector<Job>& jobs);
+  enum class Performed { committed, jobFailed, notCommitted };
+  [[nodiscard]] Performed performInOneTransaction(const std::vector<Job>& jobs);
   /// Runs the job in a transaction of its own. What it has done until a failure is committed.
   void performAlone(const Job& job);
+  void fail();  ///< the transaction cannot be committed
   [[nodiscard]] bool create(std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] bool createAtStart(std::string_view table, std::string_view columns, bool failureIsError);
   // Queue of the next seven: the database's.
   [[nodiscard]] bool create(FMKLVDatabase& db, std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] static std::optional<Rows> rows(FMKLVDatabase& db, const KLVSQLText& sql);
   [[nodiscard]] static std::optional<std::int64_t> number(FMKLVDatabase& db, const KLVSQLText& sql);
-  [[nodiscard]] static bool run(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& parameters);
-  [[nodiscard]] static bool update(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& parameters);
+  [[nodiscard]] static bool run(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& values, bool isFrequent);
+  [[nodiscard]] static bool update(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& values, bool isFrequent);
   [[nodiscard]] std::optional<bool> exists(FMKLVDatabase& db, std::string_view table);
   [[nodiscard]] bool readSequences(FMKLVDatabase& db);
   void open();
   void openAndMakeTables();
   [[nodiscard]] bool isReady() const { return db_ != nullptr && missingTables_.empty(); }
   void rollBack();
-  /// Queue: the database's.
-  void noteCorruption(const FMKLVDatabase& db);
+  void noteCorruption(const FMKLVDatabase& db);  ///< queue: the database's
 
   std::atomic<FMKLVDatabaseQueue*> opened_{nullptr};  // `db_`, readable on any thread
   std::atomic<std::uint64_t> rollbacks_{0};
@@ -182,7 +190,7 @@ class KLVPersistantStore final : public KLVPersistentStore {
   std::set<std::string, std::less<>> tables_;  // known to exist
   /// The last identifier that each events table gave out, once read. Later inserts are not noted.
   std::optional<std::map<std::string, std::uint64_t, std::less<>>> sequences_;
-
+  KLVInsertText eventInsert_;
   // Used by one thread at a time: when the tables are created, and in the perform functions.
   struct MissingTable {
     std::string name;
@@ -191,6 +199,8 @@ class KLVPersistantStore final : public KLVPersistentStore {
   };
   std::unique_ptr<FMKLVDatabaseQueue> db_;
   KLVLedgerWrites ledger_;
+  KLVLifetimeWrites lifetimeCounts_;
+  KLVJournalWrites journal_;
   std::vector<MissingTable> missingTables_;  // could not be created so far
   std::vector<std::function<void(bool isReady)>> waitForReady_;
 };

@@ -1,5 +1,7 @@
 #include "storage/KLVSQLText.h"
 
+#include <algorithm>
+
 #include "util/KLVDeliveryRules.h"
 
 namespace kelvo {
@@ -38,6 +40,30 @@ KLVSQLText joined(const Dictionary& parameters, std::string_view first, std::str
     separator = then;
   }
   return all;
+}
+
+KLVSQLText joinedKeys(const Dictionary& parameters, fmt::string_view format) {
+  KLVSQLText all;
+  std::string_view separator = " ";
+  for (const auto& entry : parameters) {
+    const KLVSQLText name = sqlText(format, plainName(entry.first));
+    all.text.append(separator).append(name.text);
+    all.refused = all.refused || name.refused;
+    separator = ", ";
+  }
+  return all;
+}
+
+const KLVSQLText& KLVInsertText::text(std::string_view table, const Dictionary& row) {
+  const auto hasSameKey = [](const auto& one, const auto& other) { return one.first == other.first; };
+  if (!text_.text.empty() && table == table_ &&
+      std::equal(row.begin(), row.end(), row_.begin(), row_.end(), hasSameKey))
+    return text_;
+  table_ = table;
+  row_ = Dictionary();
+  for (const auto& entry : row) row_.set(entry.first, nullptr);
+  text_ = sqlText("INSERT INTO '{}' ({}) VALUES ({})", quoted(table), joinedKeys(row, "{}"), joinedKeys(row, ":{}"));
+  return text_;
 }
 
 std::string quotedName(std::string_view name) {

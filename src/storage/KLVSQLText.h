@@ -24,6 +24,21 @@ struct KLVSQLText {
 /// Returns whether `quoted` refuses `value`.
 [[nodiscard]] bool isRefusedValue(std::string_view value);
 
+/// Formats each key, which must be a plain name, and joins the texts: " a, b" or " :a, :b".
+[[nodiscard]] KLVSQLText joinedKeys(const Dictionary& parameters, fmt::string_view format);
+
+/// The insert statement of rows with the same columns. Remembers the latest text.
+class KLVInsertText {
+ public:
+  /// Returns the statement with one named parameter for each column. It is valid until the next call.
+  [[nodiscard]] const KLVSQLText& text(std::string_view table, const Dictionary& row);
+
+ private:
+  std::string table_;
+  Dictionary row_;
+  KLVSQLText text_;
+};
+
 /// Returns `name`, such as a table's, as an identifier between double quotes. It may contain any character.
 [[nodiscard]] std::string quotedName(std::string_view name);
 

@@ -23,6 +23,8 @@ inline constexpr int kKLVChunkEvicted = 2;
 inline constexpr std::string_view kKLVChunkMetaInfo = "chunkmeta";
 inline constexpr std::string_view kKLVChunkMetaInfoColumns =
     "id text PRIMARY KEY, sid text, cid int, start int, end int, reporting_times text, status bool";
+/// Our own index, so that a purge does not read the rows of all sessions.
+inline constexpr std::string_view kKLVChunkMetaInfoIndex = "kelvo_chunkmeta_sid";
 
 /// Counts of a session's aggregate events: one row per event name, and one per event name, attribute and value.
 inline constexpr std::string_view kKLVAggEvents = "aggregate_events";
@@ -67,5 +69,12 @@ inline constexpr std::string_view kKLVLedger = "kelvo_ledger";
 inline constexpr std::string_view kKLVLedgerColumns = "entry text PRIMARY KEY, total int";
 inline constexpr std::string_view kKLVLedgerEntryName = "entry";
 inline constexpr std::string_view kKLVLedgerTotal = "total";
+
+/// The calls of the journal whose effects are in the database: one row with the epoch that the numbers belong to, and
+/// the text of a `KLVSequenceSet`. The transaction with a call's effects adds its number.
+inline constexpr std::string_view kKLVJournalCalls = "kelvo_journal";
+inline constexpr std::string_view kKLVJournalCallsColumns = "id int PRIMARY KEY, epoch text, finished text";
+inline constexpr std::string_view kKLVJournalEpoch = "epoch";
+inline constexpr std::string_view kKLVJournalFinished = "finished";
 
 }  // namespace kelvo

@@ -32,10 +32,9 @@ void copyForm(Dictionary& body, std::string_view key, const Dictionary& records)
 std::optional<KLVChunkDetails> readDetails(const KLVChunkRow& row, KLVChunkManagerDelegate& delegate) {
   KLVChunkDetails details;
   std::uint64_t count = 0;
-  const bool read = readStoredEvents(delegate, row.sid, row.start, row.end, [&](std::vector<Dictionary> events) {
-    count += events.size();
-    details.addEvents(std::move(events));
-    return true;
+  const bool read = readStoredEvents(delegate, row.sid, row.start, row.end, [&](const KLVStoredEvent& event) {
+    details.addEvent(event);
+    ++count;
   });
   if (!read || count != row.end + 1 - row.start) return std::nullopt;
   return details;
@@ -83,7 +82,7 @@ std::optional<KLVChunkBody> KLVChunkBody::build(const KLVChunkRow& row, const Ar
                                                 KLVChunkManagerDelegate& delegate) {
   KLVChunk chunk(row.cid, row.sid);
   chunk.setInfo(reportingTimes, kKLVChunkReportingTimes);
-  const auto details = readDetails(row, delegate);
+  auto details = readDetails(row, delegate);
   // The sum is read first: counts that are added in between are in the body, but count as not sent.
   const auto totals = delegate.aggregateTotals(row.sid);
   const Array aggregateEvents = delegate.retrieveAggregateEventsWithSessionIdentifier(row.sid);
@@ -107,11 +106,10 @@ std::optional<KLVChunkBody> KLVChunkBody::build(const KLVChunkRow& row, const Ar
   copyForm(body, kKLVBodyAppInfo, records);
   copyForm(body, kKLVBodyDeviceInfo, records);
   body.set(kKLVBodyChunkMeta, chunk.jsonDictModified());
-  const auto userAttributes = records[kKLVBodyUserAttributes].asDictionary();
-  body.set(kKLVBodyChunkDetails,
-           details->constructChunkDetails(userAttributes.value_or(Dictionary()), sessionAttributes(session, delegate),
-                                          *attributes, aggregateEvents));
-  return KLVChunkBody{std::move(body), totals->counted, details->events()};
+  auto text = details->takeBody(std::move(body), {records[kKLVBodyUserAttributes].asDictionary().value_or(Dictionary()),
+                                                  sessionAttributes(session, delegate), *attributes, aggregateEvents});
+  if (!text) return std::nullopt;
+  return KLVChunkBody{*std::move(text), totals->counted, details->events()};
 }
 
 }  // namespace kelvo

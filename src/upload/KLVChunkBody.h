@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "kelvo/Value.h"
+#include "platform/SlicedText.h"
 #include "upload/KLVChunkManagerDelegate.h"
 #include "upload/KLVFlushPlan.h"
 
@@ -11,12 +12,12 @@ namespace kelvo {
 
 /// The body of one upload.
 struct KLVChunkBody {
-  Dictionary content;
+  SlicedText text;                  ///< JSON
   std::int64_t aggregateTotal = 0;  ///< the body has the session's aggregate counts at least up to this sum
   std::uint64_t events = 0;         ///< that the service receives
 
-  /// Returns the body of the chunk `row`, with exactly the events of its row. Returns nullopt, after one WARN line, if
-  /// not all of them could be read. Thread: the chunk queue.
+  /// Returns the body of the chunk `row`, with exactly the events of its row. Returns nullopt, after one line, if
+  /// not all of them could be read, or JSON cannot represent the body. Thread: the chunk queue.
   static std::optional<KLVChunkBody> build(const KLVChunkRow& row, const Array& reportingTimes,
                                            KLVChunkManagerDelegate& delegate);
 };

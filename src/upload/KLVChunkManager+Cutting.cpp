@@ -15,10 +15,7 @@ KLVChunkManager::Cut KLVChunkManager::cutToEnd(const std::string& sid, Progress&
   if (hasNewEvents) {
     const auto& rules = KLVDeliveryRules::current();
     KLVChunkRanges ranges(rules.mostEventsInAChunk, rules.mostTextInAChunk);
-    const auto add = [&](const auto& rows) {
-      ranges.addRows(rows);
-      return true;
-    };
+    const auto add = [&](const KLVStoredEvent& event) { ranges.addEvent(event.index, event.text()); };
     if (!readStoredEvents(delegate_, sid, progress.nextEvent, *last, add)) return Cut::failed;
     for (const auto& range : ranges.ranges()) {
       if (!cutChunk(sid, progress, range)) return Cut::failed;

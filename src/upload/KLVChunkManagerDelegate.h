@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/SlicedText.h"
 #include "records/AggregateTotals.h"
 #include "records/KLVAppInfo.h"
 #include "records/KLVChunk.h"
@@ -15,6 +16,7 @@
 #include "records/KLVEviction.h"
 #include "records/KLVSDKInfo.h"
 #include "records/KLVSession.h"
+#include "records/KLVStoredEvent.h"
 #include "records/KLVUser.h"
 #include "util/KLVHTTPTypes.h"
 #include "util/KLVLedger.h"
@@ -39,11 +41,11 @@ class KLVChunkManagerDelegate {
   /// Returns the index of the session's last event, 0 if it never had one, nullopt if the read failed. Deleted events
   /// count, and so do those of the session's chunks.
   virtual std::optional<std::uint64_t> numberOfEventsWithIdentifier(const std::optional<std::string>& identifier) = 0;
-  /// Returns the stored events `start` to `end`, both included, nullopt if the read failed. Kept:
-  /// `KLVEventType::system` means every type.
-  virtual std::optional<std::vector<Dictionary>> getEventsBetween(std::uint64_t start, std::uint64_t end,
-                                                                  const std::optional<std::string>& identifier,
-                                                                  std::optional<KLVEventType> eventType) = 0;
+  /// Calls `take` with each of the first `most` stored events from `first` to `last`, both included, in ascending
+  /// order. Returns their number, nullopt if the read failed. `take` must not block or call the delegate.
+  virtual std::optional<std::uint64_t> readEvents(const std::string& sid, std::uint64_t first, std::uint64_t last,
+                                                  std::uint64_t most,
+                                                  const std::function<void(const KLVStoredEvent&)>& take) = 0;
   virtual Array retrieveAggregateEventsWithSessionIdentifier(const std::string& identifier) = 0;
   virtual std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::optional<std::string>& id) = 0;
   /// Returns the sums of the session's aggregate counts, nullopt if the read failed.
@@ -81,9 +83,9 @@ class KLVChunkManagerDelegate {
   virtual void tidy(bool isIdle) = 0;
   virtual void whenGrown(std::uint64_t bytes, std::function<void()> report) = 0;
 
-  /// Posts `body`. Does not call `completion` if no request could be formed.
-  virtual void postDataToURL(const std::optional<std::string>& path, const std::optional<Dictionary>& body,
-                             const std::optional<Dictionary>& headerFields, HTTPCompletion completion) = 0;
+  /// Posts the JSON text `body`. Does not call `completion` if no request could be formed.
+  virtual void postChunk(const std::string& path, SlicedText body, const Dictionary& headerFields,
+                         HTTPCompletion completion) = 0;
 
  protected:
   ~KLVChunkManagerDelegate() = default;  // never deleted through this type

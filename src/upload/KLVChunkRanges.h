@@ -4,8 +4,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "kelvo/Value.h"
-
 namespace kelvo {
 
 /// Divides the events of a cut into the ranges of its chunks. A range has no gap: events that were deleted belong to no
@@ -21,8 +19,6 @@ class KLVChunkRanges {
   /// A range has at most `mostEvents` events and about `mostText` bytes of their stored text, but at least one event.
   KLVChunkRanges(std::uint64_t mostEvents, std::size_t mostText) : mostEvents_(mostEvents), mostText_(mostText) {}
 
-  /// Adds the stored events of the next rows, in ascending order of their indices.
-  void addRows(const std::vector<Dictionary>& rows);
   /// Adds the event number `index`, which has `text` bytes. The indices ascend.
   void addEvent(std::uint64_t index, std::size_t text);
   [[nodiscard]] const std::vector<Range>& ranges() const noexcept { return ranges_; }

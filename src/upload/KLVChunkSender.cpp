@@ -136,8 +136,9 @@ void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
     delegate_.updateChunkMetaStatus(std::make_shared<KLVChunk>(chunkId), total);
     KLV_DEBUG("Successfully sent chunk - {}, responsecode - {}", chunkId, statusCode);
   };
-  delegate_.postDataToURL(byReplacing(kKLVSDKChunkURL, "<app-id>", delegate_.applicationIdentifier()), body->content,
-                          Dictionary{{std::string(kKLVEraseHeader), KLVDeviceInfo::eraseSecret()}}, completion);
+  delegate_.postChunk(byReplacing(kKLVSDKChunkURL, "<app-id>", delegate_.applicationIdentifier()),
+                      std::move(body->text), {{std::string(kKLVEraseHeader), KLVDeviceInfo::eraseSecret()}},
+                      completion);
 }
 
 void KLVChunkSender::onAttemptEnded(const Attempt& attempt) {

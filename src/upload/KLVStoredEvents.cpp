@@ -1,6 +1,6 @@
 #include "upload/KLVStoredEvents.h"
 
-#include <utility>
+#include <limits>
 
 #include "records/KLVRecordKeys.h"
 
@@ -8,23 +8,18 @@ namespace kelvo {
 namespace {
 
 constexpr std::uint64_t kEventsPerRead = 1000;
-/// Kept: as a filter of a read, this type means every type.
-constexpr KLVEventType kEveryType = KLVEventType::system;
 
 }  // namespace
 
 bool readStoredEvents(KLVChunkManagerDelegate& delegate, const std::string& sid, std::uint64_t first,
-                      std::uint64_t last, const std::function<bool(std::vector<Dictionary>)>& take) {
-  std::uint64_t width = kEventsPerRead;
+                      std::uint64_t last, const std::function<void(const KLVStoredEvent&)>& take) {
   while (first <= last) {
-    const std::uint64_t end = last - first < width ? last : first + width - 1;
-    auto rows = delegate.getEventsBetween(first, end, sid, kEveryType);
-    if (!rows) return false;
-    // A gap costs few reads, however wide it is.
-    width = rows->empty() ? width * 2 : kEventsPerRead;
-    if (!rows->empty() && !take(std::move(*rows))) return true;
-    if (end == last) break;
-    first = end + 1;
+    const auto count = delegate.readEvents(sid, first, last, kEventsPerRead, [&](const KLVStoredEvent& event) {
+      take(event);
+      first = event.index + 1;
+    });
+    if (!count) return false;
+    if (*count < kEventsPerRead) break;
   }
   return true;
 }
@@ -40,14 +35,9 @@ std::vector<KLVChunkRow> storedChunks(KLVChunkManagerDelegate& delegate) {
 }
 
 std::optional<bool> hasEventsFrom(KLVChunkManagerDelegate& delegate, const std::string& sid, std::uint64_t first) {
-  const auto last = delegate.numberOfEventsWithIdentifier(sid);
-  if (!last) return std::nullopt;
-  bool found = false;
-  const bool read = readStoredEvents(delegate, sid, first, *last, [&](const auto&) {
-    found = true;
-    return false;
-  });
-  return read ? std::optional(found) : std::nullopt;
+  constexpr auto kLast = std::numeric_limits<std::int64_t>::max();
+  const auto count = delegate.readEvents(sid, first, kLast, 1, [](const auto&) {});
+  return count ? std::optional(*count > 0) : std::nullopt;
 }
 
 }  // namespace kelvo

@@ -29,8 +29,12 @@ struct KLVDeliveryRules {
   bool keepsEarlyUserIdentifier = false;
   /// An empty array or object inside attributes is left out. Otherwise the call is dropped.
   bool leavesOutEmptyContainers = false;
+  /// Lifetime counts of one transaction are added up, and each name is written once. Otherwise once for each event.
+  bool addsUpLifetimeCounts = false;
   /// A process that finds its home in use writes its events to a rescue file. Otherwise it collects nothing.
   bool rescuesBesideAnotherProcess = false;
+  /// A journal keeps the host's calls from their return until they are stored. Otherwise a kill loses the latest ones.
+  bool keepsJournal = false;
   /// A device id that breaks the names made from it is replaced. Otherwise it is kept. Both with an error line.
   bool replacesForeignDeviceIds = false;
   /// The largest chunk: events, and bytes of their stored text. A chunk has at least one event, however long.

@@ -172,7 +172,8 @@ KLVLedgerSums KLVLedger::unwritten() const {
   return sums;
 }
 
-void KLVLedger::committed(const KLVLedgerSums& own, const KLVLedgerSums& fromFiles, const KLVLedgerSums& written) {
+void KLVLedger::committed(const KLVLedgerSums& own, const KLVLedgerSums& fromFiles, const KLVLedgerSums& fromJournal,
+                          const KLVLedgerSums& written) {
   const Lock lock(mutex_);
   // Events of files count as logged by the process that wrote the file, which may be this one.
   KLVLedgerSums ofThis = own, ofEarlier = fromFiles;
@@ -180,6 +181,7 @@ void KLVLedger::committed(const KLVLedgerSums& own, const KLVLedgerSums& fromFil
   ofThis[Entry::stored] += back;
   ofEarlier[Entry::stored] -= back;
   rescued_ -= static_cast<std::uint64_t>(back);
+  ofEarlier += fromJournal;
   for (std::size_t i = kFirstOutcome; i < kLedgerEntries; ++i) {
     add(static_cast<Entry>(i), static_cast<std::uint64_t>(ofThis[static_cast<Entry>(i)]));
   }

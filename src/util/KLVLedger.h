@@ -90,10 +90,10 @@ class KLVLedger {
   void opened(const KLVLedgerSums& table) EXCLUDES(mutex_);
   /// Returns the outcomes in this process that the database does not have yet.
   [[nodiscard]] KLVLedgerSums unwritten() const EXCLUDES(mutex_);
-  /// The store has committed events: `own` of this process, `fromFiles` of rescue files. `written` has been added to
-  /// the sums of the database, `unwritten` included.
-  void committed(const KLVLedgerSums& own, const KLVLedgerSums& fromFiles, const KLVLedgerSums& written)
-      EXCLUDES(mutex_);
+  /// The store has committed events: `own` of this process, `fromFiles` of rescue files, `fromJournal` of earlier
+  /// processes. `written` has been added to the sums of the database, `unwritten` included.
+  void committed(const KLVLedgerSums& own, const KLVLedgerSums& fromFiles, const KLVLedgerSums& fromJournal,
+                 const KLVLedgerSums& written) EXCLUDES(mutex_);
   /// Returns the sums of the database after the latest commit.
   [[nodiscard]] KLVLedgerSums table() const EXCLUDES(mutex_);
 

@@ -1,14 +1,11 @@
 #include "util/KLVLogger.h"
 
-#include <fcntl.h>
 #include <fmt/args.h>
 #include <fmt/format.h>
-#include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <boost/container/small_vector.hpp>
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
@@ -16,19 +13,24 @@
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <vector>
 
 #include "platform/Immortal.h"
 #include "platform/Problem.h"
 #include "platform/Thread.h"
+#include "platform/ThreadPool.h"
 #include "platform/ThreadSafety.h"
+#include "util/KLVHostLimits.h"
 #include "util/KLVLogRules.h"
 #include "util/KLVSanitiser.h"
+#include "util/KLVStandardError.h"
 
 namespace kelvo {
 namespace {
 
-constexpr std::size_t kMaximumWaitingMessages = 4096;
+/// So many messages wait if nobody reads them, or if there is no log thread yet.
+constexpr std::size_t kMostUnread = 4096;
+/// A reader that takes nothing for so long counts as nobody.
+constexpr std::chrono::seconds kPatience(1);
 
 thread_local bool onLogThread = false;
 
@@ -73,93 +75,45 @@ struct Message {
   const char* function;
   int line;
   fmt::string_view format;
-  std::vector<Value> arguments;
+  boost::container::small_vector<Value, 2> arguments;
 
   /// Returns the line, with its line feed.
   [[nodiscard]] std::string text() const {
     fmt::dynamic_format_arg_store<fmt::format_context> texts;
-    for (const Value& argument : arguments) texts.push_back(description(argument));
+    for (const Value& argument : arguments) {
+      if (const auto* text = argument.get<std::string>()) {
+        texts.push_back(std::string_view(*text));
+      } else {
+        texts.push_back(description(argument));
+      }
+    }
     const std::string message = onOneLine(fmt::vformat(format, texts));
     return fmt::format("<KLV {}> {} {}:{}\n", word(level), message, methodName(function), line);
   }
 };
 
-/// Standard error, opened for one batch of lines.
-///
-/// If the host closes standard error, the next file that the process opens gets its number, for example a database.
-/// Therefore lines are written only if the descriptor is still the file of the start, or a file to which any process
-/// may add lines: a terminal or another device, a pipe, a file opened for appending.
-class StandardError {
- public:
-  struct Identity {
-    bool isOpen = false;
-    struct stat facts {};
-  };
-  static Identity identityOf(int descriptor) {
-    Identity identity;
-    identity.isOpen = ::fstat(descriptor, &identity.facts) == 0;
-    return identity;
-  }
-
-  explicit StandardError(const Identity& atStart) {
-    // We check and write a duplicate, so that no other file can take the number between the two.
-    own_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    target_ = own_ < 0 && errno != EBADF ? STDERR_FILENO : own_;  // no descriptor is free
-    if (!takesLines(atStart)) target_ = -1;
-  }
-  StandardError(const StandardError&) = delete;
-  StandardError& operator=(const StandardError&) = delete;
-  ~StandardError() {
-    if (own_ >= 0) ::close(own_);
-  }
-
-  /// Without `waits`, drops the rest of `text` as soon as the thread would have to wait for the reader.
-  void write(std::string_view text, bool waits) const {
-    while (target_ >= 0 && !text.empty()) {
-      pollfd now{target_, POLLOUT, 0};
-      if (!waits && ::poll(&now, 1, 0) <= 0) return;
-      const std::size_t size = waits ? text.size() : std::min<std::size_t>(text.size(), PIPE_BUF);
-      const ssize_t written = ::write(target_, text.data(), size);
-      if (written > 0) {
-        text.remove_prefix(static_cast<std::size_t>(written));
-      } else if (written < 0 && errno == EAGAIN && waits) {  // the host made it non-blocking: wait for room
-        pollfd room{target_, POLLOUT, 0};
-        ::poll(&room, 1, -1);
-      } else if (written == 0 || errno != EINTR) {
-        return;  // a failing log cannot be logged
-      }
-    }
-  }
-
- private:
-  [[nodiscard]] bool takesLines(const Identity& atStart) const {
-    const Identity now = identityOf(target_);
-    if (!now.isOpen) return false;
-    const bool isTheSame =
-        atStart.isOpen && now.facts.st_dev == atStart.facts.st_dev && now.facts.st_ino == atStart.facts.st_ino;
-    if (isTheSame || S_ISCHR(now.facts.st_mode) || S_ISFIFO(now.facts.st_mode)) return true;
-    return S_ISREG(now.facts.st_mode) && (::fcntl(target_, F_GETFL) & O_APPEND) != 0;
-  }
-
-  int own_ = -1;     // the duplicate, -1 if there is none
-  int target_ = -1;  // where lines are written, -1 for nowhere
-};
+class Writer;
+Writer& writer();
 
 /// The queue of messages and the log thread that writes them. Started by the first message, never destroyed.
 class Writer {
  public:
-  void accept(Message message) EXCLUDES(mutex_) {
+  /// Moves the `count` arguments at `arguments` into the message.
+  void accept(const Message& message, Value* arguments, std::size_t count) EXCLUDES(mutex_) {
     Lock lock(mutex_);
-    if (messages_.size() >= kMaximumWaitingMessages) {
+    if (messages_.size() >= mostWaiting()) {
       ++dropped_;
       return;
     }
-    messages_.push_back(std::move(message));
+    messages_.push_back(message);
+    messages_.back().arguments.assign(std::make_move_iterator(arguments), std::make_move_iterator(arguments + count));
     ++accepted_;
     startIfNeeded();
     const bool wakes = std::exchange(idle_, false);
     lock.unlock();  // first, so that the log thread need not wait for the mutex
-    if (wakes) wake_.notify_one();
+    if (!wakes) return;
+    // The host's call wakes a pool thread for its work. That thread wakes this one, which would delay the call.
+    if (onLibraryThread() || !pool::runOnWaking([] { writer().wake_.notify_one(); })) wake_.notify_one();
   }
 
   void setSink(KLVLogger::Sink sink) EXCLUDES(mutex_) {
@@ -179,6 +133,7 @@ class Writer {
     if (threadsAreHeld()) writeHere();
     Lock lock(mutex_);
     const std::uint64_t last = accepted_;
+    if (done_ < last) wake_.notify_one();
     while (done_ < last) {
       if (!lock.waitUntil(written_, deadline)) return done_ >= last;
     }
@@ -186,13 +141,23 @@ class Writer {
   }
 
  private:
+  using Messages = std::deque<Message>;
+
   void startIfNeeded() REQUIRES(mutex_) {
     if (!running_ && !threadsAreHeld()) running_ = startThread("kelvo.log", [this] { run(); });
   }
 
+  /// While somebody reads, as many messages may wait as calls: a burst makes lines faster than they can be written.
+  [[nodiscard]] std::size_t mostWaiting() const REQUIRES(mutex_) {
+    if (!running_ || isUnread_) return kMostUnread;
+    return std::max(kMostUnread, KLVHostLimits::currentMostWaitingCalls());
+  }
+
   /// Returns the waiting messages. The last one says how many were dropped.
-  std::deque<Message> takeMessages() REQUIRES(mutex_) {
-    auto batch = std::exchange(messages_, {});
+  Messages takeMessages() REQUIRES(mutex_) {
+    Messages batch;
+    batch.swap(messages_);
+    taken_ = accepted_;
     if (const auto dropped = std::exchange(dropped_, 0); dropped > 0) {
       batch.push_back({KLVLogger::Level::warn,
                        __PRETTY_FUNCTION__,
@@ -206,9 +171,9 @@ class Writer {
   /// Writes the waiting messages on the calling thread, without waiting for a reader.
   void writeHere() EXCLUDES(mutex_) {
     Lock lock(mutex_);
-    const auto batch = takeMessages();
+    auto batch = takeMessages();
     const auto sink = sink_;
-    done_ = accepted_;
+    done_ = taken_;
     lock.unlock();
     onLogThread = true;
     write(batch, sink.get(), false);
@@ -220,48 +185,82 @@ class Writer {
     Lock lock(mutex_);
     for (;;) {
       idle_ = true;
-      while (messages_.empty()) lock.wait(wake_);
+      while (messages_.empty() && dropped_ == 0) lock.wait(wake_);
       idle_ = false;
-      const std::uint64_t last = accepted_;
       auto batch = takeMessages();
       const auto sink = sink_;
       lock.unlock();
       write(batch, sink.get(), true);
-      batch.clear();
       lock.lock();
-      done_ = last;
+      done_ = taken_;
       written_.notify_all();
     }
   }
 
-  /// Thread: the log thread, without the mutex: standard error or the sink may block.
-  void write(const std::deque<Message>& batch, const KLVLogger::Sink* sink, bool waits) const {
-    std::optional<StandardError> standardError;
+  /// Writes the messages and destroys them. Thread: the log thread, without the mutex: standard error or the sink may
+  /// block.
+  void write(Messages& batch, const KLVLogger::Sink* sink, bool waits) EXCLUDES(mutex_) {
+    std::optional<KLVStandardError> standardError;
     if (sink == nullptr) standardError.emplace(standardErrorAtStart_);
-    for (const Message& message : batch) {
+    std::string lines;  // of PIPE_BUF bytes at most, if it is more than one: a pipe takes them as a whole
+    const auto flush = [&] {
+      const std::string piece = std::exchange(lines, {});
+      if (waits) awaitReader(*standardError, batch);
+      standardError->write(piece, waits);
+    };
+    while (!batch.empty() || !lines.empty()) {
       try {
+        if (batch.empty()) {
+          flush();
+          continue;
+        }
+        const Message message = std::move(batch.front());
+        batch.pop_front();
         const std::string line = message.text();
-        if (standardError) {
-          standardError->write(line, waits);
-        } else {
+        if (!standardError) {
           (*sink)(message.level, std::string_view(line).substr(0, line.size() - 1));
+        } else {
+          if (!lines.empty() && lines.size() + line.size() > PIPE_BUF) flush();
+          lines += line;
         }
       } catch (...) {  // the host's sink may throw anything, and a failing log cannot be logged
       }
     }
   }
 
-  const StandardError::Identity standardErrorAtStart_ = StandardError::identityOf(STDERR_FILENO);
+  /// Waits until somebody reads. If that takes long, keeps only the oldest messages: those in `batch`, and then waiting
+  /// ones.
+  void awaitReader(const KLVStandardError& standardError, Messages& batch) EXCLUDES(mutex_) {
+    if (standardError.waitForRoom(kPatience)) return;
+    Messages waiting;
+    Lock lock(mutex_);
+    isUnread_ = true;
+    waiting.swap(messages_);
+    lock.unlock();
+    std::move(waiting.begin(), waiting.end(), std::back_inserter(batch));
+    const auto dropped = batch.size() - std::min(batch.size(), kMostUnread);
+    batch.erase(batch.end() - static_cast<std::ptrdiff_t>(dropped), batch.end());
+    lock.lock();
+    dropped_ += dropped;
+    lock.unlock();
+    static_cast<void>(standardError.waitForRoom(std::nullopt));
+    lock.lock();
+    isUnread_ = false;
+  }
+
+  const KLVStandardError::Identity standardErrorAtStart_ = KLVStandardError::identity();
   Mutex mutex_;
   std::condition_variable wake_;     // messages_ is no longer empty
   std::condition_variable written_;  // done_ has grown
-  std::deque<Message> messages_ GUARDED_BY(mutex_);
+  Messages messages_ GUARDED_BY(mutex_);
   std::shared_ptr<KLVLogger::Sink> sink_ GUARDED_BY(mutex_);
   std::uint64_t accepted_ GUARDED_BY(mutex_) = 0;
-  std::uint64_t done_ GUARDED_BY(mutex_) = 0;  // accepted messages that are written
+  std::uint64_t taken_ GUARDED_BY(mutex_) = 0;  // accepted messages when the log thread last took some
+  std::uint64_t done_ GUARDED_BY(mutex_) = 0;   // accepted messages that are written or dropped
   std::uint64_t dropped_ GUARDED_BY(mutex_) = 0;
   bool running_ GUARDED_BY(mutex_) = false;
-  bool idle_ GUARDED_BY(mutex_) = false;  // the log thread waits for a message
+  bool idle_ GUARDED_BY(mutex_) = false;      // the log thread waits for a message
+  bool isUnread_ GUARDED_BY(mutex_) = false;  // nobody reads standard error
 };
 
 Writer& writer() {
@@ -325,8 +324,7 @@ bool KLVLogger::drain(std::chrono::milliseconds limit) {
 void KLVLogger::write(Level level, const char* function, int line, fmt::string_view format, Value* arguments,
                       std::size_t count) {
   if (inForkedChild()) return;
-  std::vector<Value> values(std::make_move_iterator(arguments), std::make_move_iterator(arguments + count));
-  writer().accept({level, function, line, format, std::move(values)});
+  writer().accept({level, function, line, format, {}}, arguments, count);
 }
 
 }  // namespace kelvo

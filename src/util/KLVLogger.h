@@ -18,9 +18,10 @@ namespace kelvo {
 /// The library's log. Writes one line per message to standard error, or to the host's sink.
 ///
 /// A message below the level costs one comparison. Any other message is queued for the log thread, which formats and
-/// writes the messages in order; the caller never waits. At most 4,096 messages wait. Later ones are dropped, and one
-/// line says how many. While the library may have no thread (`threadsAreHeld`), all messages wait. Log through the
-/// macros below: they do not evaluate the arguments of a filtered message. Thread-safe.
+/// writes the messages in order; the caller never waits, and wakes that thread only through the pool. While somebody
+/// reads, as many messages may wait as calls (`Options::maxWaitingCalls`). While nobody reads standard error for a
+/// second, or the library may have no thread (`threadsAreHeld`), 4,096 may. Later ones are dropped, and one line says
+/// how many. Log through the macros below: they do not evaluate the arguments of a filtered message. Thread-safe.
 class KLVLogger {
  public:
   using Level = LogLevel;

@@ -76,8 +76,30 @@ std::size_t validSize(std::string_view text) noexcept {
   return at;
 }
 
+template <class Word>
+Word wordAt(std::string_view text, std::size_t at) noexcept {
+  Word word = 0;
+  std::memcpy(&word, text.data() + at, sizeof word);
+  return word;
+}
+
+/// Reads words of fixed size only; the last word overlaps the one before.
+bool isASCII(std::string_view text) noexcept {
+  constexpr std::size_t kLong = sizeof(std::uint64_t), kShort = sizeof(std::uint32_t);
+  std::uint64_t bits = 0;
+  if (text.size() >= kLong) {
+    for (std::size_t at = 0; at + kLong <= text.size(); at += kLong) bits |= wordAt<std::uint64_t>(text, at);
+    bits |= wordAt<std::uint64_t>(text, text.size() - kLong);
+  } else if (text.size() >= kShort) {
+    bits = wordAt<std::uint32_t>(text, 0) | wordAt<std::uint32_t>(text, text.size() - kShort);
+  } else {
+    for (const char byte : text) bits |= static_cast<unsigned char>(byte);
+  }
+  return (bits & kHighBits) == 0;
+}
+
 bool isValid(std::string_view text) noexcept {
-  return validSize(text) == text.size();
+  return isASCII(text) || validSize(text) == text.size();
 }
 
 std::string repaired(std::string_view text) {
@@ -133,31 +155,47 @@ bool isContainer(const Value& value) noexcept {
   return value.get<Array>() != nullptr || value.get<Dictionary>() != nullptr;
 }
 
-/// Repairs one argument and remembers which kinds of repair it made. `isClean` allocates nothing; only a value that is
-/// not clean is copied. Both stop at the deepest level, so a deeper value cannot exhaust the stack.
-class Sanitiser {
+/// Walks over one argument, and allocates nothing. It stops at the deepest level, so a deeper value cannot exhaust the
+/// stack.
+class Inspection {
  public:
-  [[nodiscard]] static bool isClean(const Value& value, int level) noexcept {
-    if (const auto* text = value.get<std::string>()) return isValid(*text);
-    if (isContainer(value) && level > kDeepestLevel) return false;
-    if (const auto* array = value.get<Array>()) {
-      for (const Value& element : *array) {
-        if (!isClean(element, level + 1)) return false;
-      }
-    }
-    const auto* dictionary = value.get<Dictionary>();
-    return dictionary == nullptr ? !isNotFinite(value) : isClean(*dictionary, level);
-  }
-
-  [[nodiscard]] static bool isClean(const Dictionary& dictionary, int level) noexcept {
+  /// Returns false if something in the dictionary needs a repair.
+  [[nodiscard]] bool isSane(const Dictionary& dictionary, int level) noexcept {
+    if (dictionary.empty()) isClean_ = false;
     for (const auto& [key, value] : dictionary) {
-      if (!isValid(key) || !isClean(value, level + 1)) return false;
+      const auto* text = value.get<std::string>();
+      if (text != nullptr && text->empty()) isClean_ = false;
+      if (!isValid(key) || !(text != nullptr ? isValid(*text) : isSane(value, level + 1))) return false;
     }
     return true;
   }
 
+  [[nodiscard]] bool isSane(const Value& value, int level) noexcept {
+    if (const auto* text = value.get<std::string>()) return isValid(*text);
+    if (value.get<std::int64_t>() != nullptr || value.get<std::uint64_t>() != nullptr || value.get<bool>() != nullptr) {
+      return true;
+    }
+    if (value.get<double>() != nullptr || value.get<float>() != nullptr) return !isNotFinite(value);
+    if (isContainer(value) && level > kDeepestLevel) return false;
+    if (const auto* dictionary = value.get<Dictionary>()) return isSane(*dictionary, level);
+    const auto* array = value.get<Array>();
+    if (array == nullptr || array->empty()) isClean_ = false;
+    return array == nullptr ||
+           std::all_of(array->begin(), array->end(), [&](const Value& element) { return isSane(element, level + 1); });
+  }
+
+  /// Returns whether cleaning would leave alone what the walk has seen.
+  [[nodiscard]] bool isClean() const noexcept { return isClean_; }
+
+ private:
+  bool isClean_ = true;
+};
+
+/// Repairs one argument and remembers which kinds of repair it made. Copies only what needs a repair.
+class Sanitiser {
+ public:
   Dictionary repair(const Dictionary& dictionary, int level) {
-    if (isClean(dictionary, level)) return dictionary;
+    if (Inspection().isSane(dictionary, level)) return dictionary;
     Dictionary result;
     for (const auto& [key, value] : dictionary) {
       if (!drops(value, level + 1)) result.set(repair(key), repair(value, level + 1));
@@ -189,7 +227,7 @@ class Sanitiser {
     if (const auto* text = value.get<std::string>()) return repair(*text);
     if (const auto* dictionary = value.get<Dictionary>()) return repair(*dictionary, level);
     const auto* array = value.get<Array>();
-    if (array == nullptr || isClean(value, level)) return value;
+    if (array == nullptr || Inspection().isSane(value, level)) return value;
     Array result;
     for (const Value& element : *array) {
       if (!drops(element, level + 1)) result.append(repair(element, level + 1));
@@ -204,12 +242,19 @@ class Sanitiser {
 
 }  // namespace
 
+KLVHostAttributes sanitisedAttributes(std::optional<Dictionary> dictionary) {
+  Inspection inspection;
+  if (dictionary && !inspection.isSane(*dictionary, 1)) {
+    Sanitiser sanitiser;
+    dictionary = sanitiser.repair(*dictionary, 1);
+    sanitiser.report();
+    return dictionary;
+  }
+  return {std::move(dictionary), inspection.isClean()};
+}
+
 std::optional<Dictionary> sanitised(std::optional<Dictionary> dictionary) {
-  if (!dictionary || Sanitiser::isClean(*dictionary, 1)) return dictionary;
-  Sanitiser sanitiser;
-  dictionary = sanitiser.repair(*dictionary, 1);
-  sanitiser.report();
-  return dictionary;
+  return sanitisedAttributes(std::move(dictionary)).values;
 }
 
 std::optional<std::string> sanitised(std::optional<std::string> text) {

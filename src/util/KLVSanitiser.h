@@ -2,10 +2,22 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "kelvo/Value.h"
 
 namespace kelvo {
+
+/// The attributes of a host call.
+struct KLVHostAttributes {
+  KLVHostAttributes() = default;
+  KLVHostAttributes(Dictionary dictionary) : values(std::move(dictionary)) {}
+  KLVHostAttributes(std::optional<Dictionary> dictionary, bool clean = false)
+      : values(std::move(dictionary)), isClean(clean) {}
+
+  std::optional<Dictionary> values;
+  bool isClean = false;  ///< known to need no `KLVUtilities::dictionaryByRemovingNullsAndEmptyValues`
+};
 
 /// Returns the host's argument, repaired so that JSON can carry it:
 ///
@@ -18,6 +30,9 @@ namespace kelvo {
 /// shared, without any allocation. Thread: the caller's, before the argument is stored.
 [[nodiscard]] std::optional<Dictionary> sanitised(std::optional<Dictionary> dictionary);
 [[nodiscard]] std::optional<std::string> sanitised(std::optional<std::string> text);
+
+/// The same. The walk also finds out whether there is something to clean, so that most calls need no second one.
+[[nodiscard]] KLVHostAttributes sanitisedAttributes(std::optional<Dictionary> dictionary);
 
 /// Returns `text` as one line that cannot control a terminal. Control characters (C0, DEL, C1), the separators U+2028
 /// and U+2029, and bytes that are not UTF-8 become escapes: "\n", "\x1b", "\u2028". Backslashes stay as they are.

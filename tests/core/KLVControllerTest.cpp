@@ -126,7 +126,7 @@ TEST_F(Controller, RefusesMissingArgumentsAndForwardsCompleteCalls) {
   start();
   controller().saveEvent(event, std::nullopt);
   EXPECT_EQ(log.count("<KLV WARN> Event/sessionId is nil"), 1u);
-  chunkDelegate().postDataToURL("/v2/api/user", std::nullopt, std::nullopt, {});
+  controller().postDataToURL("/v2/api/user", std::nullopt, std::nullopt, {});
   EXPECT_EQ(log.count("<KLV WARN> URL/requestMethod is nil"), 1u);
   settle();
   EXPECT_EQ(controller().getEventsBetween(1, 5, controller().getSessionId(), KLVEventType::app)->size(), 1u);

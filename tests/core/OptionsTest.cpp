@@ -44,6 +44,29 @@ TEST(HostSettings, TheLimitOfStoredDataFollowsTheDeliveryUnlessTheHostChooses) {
   EXPECT_EQ(limit(), 0U) << "no limit";
 }
 
+TEST(HostSettings, TheSizeOfTheJournalIsTheHostsThenTheBundlesThenTheDefault) {
+  const LogCapture log;
+  const auto chosen = [](const Value& inBundle, std::optional<std::uint64_t> option) {
+    KLVHostLimits::choose({});
+    HostSettings settings;
+    Options options("shop");
+    options.logLevel = LogLevel::info;
+    options.journalBytes = option;
+    settings.applyBundle(inBundle.isNull() ? Dictionary() : Dictionary{{"KelvoJournalBytes", inBundle}});
+    settings.apply(options);
+    return KLVHostLimits::current().journalBytes;
+  };
+  EXPECT_EQ(chosen({}, {}), 4U << 20);
+  EXPECT_EQ(chosen(1 << 20, {}), 1U << 20);
+  EXPECT_EQ(chosen(1 << 20, 0), 0U);
+  EXPECT_EQ(chosen(0, 65536), 65536U);
+  for (const Value& bad : {Value(-5), Value(65535), Value("1 MB"), Value((64 << 20) + 1)}) {
+    EXPECT_EQ(chosen(bad, {}), 4U << 20) << description(bad);
+    EXPECT_TRUE(log.waitFor("<KLV ERROR> The size of the journal is neither 0 nor from 65536 to 67108864 bytes: " +
+                            description(bad)));
+  }
+}
+
 TEST_F(CoreTest, ADatabaseThatCannotBeOpenedIsAFailureUntilItCan) {
   FaultVFS disk;
   disk.fail(FaultVFS::Operation::open, FaultVFS::Persistence::forEver, 1);

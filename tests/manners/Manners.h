@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,8 +44,14 @@ class Manners : public Hosts {
  protected:
   /// Settings of the sanitizers. In a forked child, the leak check misses the stacks of the parent's other threads and
   /// reports false leaks. The thread sanitizer's pause at exit would spoil measured times.
-  Machine machine{{}, {{"ASAN_OPTIONS", "detect_leaks=0"}, {"TSAN_OPTIONS", "atexit_sleep_ms=0"}}};
+  Machine machine{{},
+                  {{"ASAN_OPTIONS", "detect_leaks=0"}, {"TSAN_OPTIONS", withoutPause(std::getenv("TSAN_OPTIONS"))}}};
   Program host() { return Hosts::host(machine); }
+
+ private:
+  static std::string withoutPause(const char* options) {
+    return (options != nullptr ? std::string(options) + " " : "") + "atexit_sleep_ms=0";
+  }
 };
 
 /// Returns the rest of each line of `text` that begins with `start`.

@@ -148,10 +148,10 @@ TEST_F(Manners, TheProcessMayEndAtAnyMomentWhileTLSIsBeingSetUp) {
   machine.environment.merge(serveTLS(service, "IP:127.0.0.1", 2, true));
   const int rounds = kSanitizer.empty() ? 150 : 10;
   for (int round = 0; round < rounds; ++round) {
-    const auto delay = std::to_string(round * 6'000 / rounds);
+    const auto delay = std::to_string(round * 12'000 / rounds);
     auto process = host();
     play(process, {"start", "Event", "pause " + delay, "leave"});
-    ASSERT_EQ(process.wait(), 33) << "after " << delay << " microseconds";
+    ASSERT_EQ(process.wait(), 33) << "after " << delay << " microseconds: " << process.errors();
   }
 }
 

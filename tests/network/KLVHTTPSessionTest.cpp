@@ -42,6 +42,79 @@ class HTTPSession : public NetworkTest {
   KLVHTTPSession session{2s};
 };
 
+/// The service's end of a connection.
+class Peer {
+ public:
+  explicit Peer(int listener) : socket_(accept(listener, nullptr, nullptr)) {}
+  ~Peer() { close(socket_); }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  /// Returns the header fields, without the request line, and the body of the next request.
+  std::pair<std::string, std::string> request() {
+    std::string text;
+    std::size_t size = std::string::npos;
+    std::size_t body = 0;
+    for (char piece[65536]; size == std::string::npos || text.size() < body + size;) {
+      const auto count = recv(socket_, piece, sizeof piece, 0);
+      if (count <= 0) break;
+      text.append(piece, static_cast<std::size_t>(count));
+      if (size != std::string::npos || text.find("\r\n\r\n") == std::string::npos) continue;
+      body = text.find("\r\n\r\n") + 4;
+      size = std::stoul(text.substr(text.find("Content-Length: ") + 16));
+    }
+    if (size == std::string::npos) return {};
+    const auto fields = text.find("\r\n");
+    return {text.substr(fields, body - fields), text.substr(body)};
+  }
+  void answer(const std::string& head) const {
+    const std::string text = "HTTP/1.1 " + head + "\r\nContent-Length: 0\r\n\r\n";
+    EXPECT_GT(send(socket_, text.data(), text.size(), 0), 0);
+  }
+  /// Waits for the next request, and ends the answers before the first.
+  void endAnswers() const {
+    char first = 0;
+    EXPECT_EQ(recv(socket_, &first, 1, MSG_PEEK), 1);
+    shutdown(socket_, SHUT_WR);
+  }
+
+ private:
+  int socket_;
+};
+
+TEST_F(HTTPSession, SendsALargeBodyAgainAfterTheEndOfAKeptConnectionAndAfterARedirect) {
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(listen(listener, 2), 0);
+  EXPECT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  const std::string authority = url.substr(7);
+  std::string body;
+  while (body.size() < 3000000) body += std::to_string(body.size());
+
+  session.start({"POST", url, {}, "small"}, replies.collect());
+  Peer first(listener);
+  EXPECT_EQ(first.request().second, "small");
+  first.answer("200 OK");
+  replies.wait(1);
+  session.start({"POST", url, {{"Content-Type", "text/plain"}}, SlicedText(body)}, replies.collect());
+  first.endAnswers();
+  static_cast<void>(first.request());
+  Peer second(listener);
+  const std::string fields = "\r\nHost: " + authority +
+                             "\r\nUser-Agent: Kelvo/288\r\nAccept: */*\r\nContent-Type: text/plain\r\n" +
+                             "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+  for (const char* answer : {"307 Temporary Redirect\r\nLocation: /moved", "200 OK"}) {
+    const auto [itsFields, itsBody] = second.request();
+    EXPECT_EQ(itsFields, fields);
+    EXPECT_TRUE(itsBody == body) << answer;
+    second.answer(answer);
+  }
+  EXPECT_EQ(replies.wait(2).response.value_or(HTTPResponse()).statusCode, 200);
+  close(listener);
+}
+
 TEST_F(HTTPSession, PassesEveryOutcomeOnUnchanged) {
   const struct {
     const char* name;
@@ -78,10 +151,12 @@ TEST_F(HTTPSession, OpensSixConnectionsAndLetsOtherRequestsWaitBeyondTheTimeLimi
 
 TEST_F(HTTPSession, ABlockingOrThrowingCompletionDelaysNoOtherRequest) {
   std::promise<void> release;
-  const HTTPRequest request{"GET", server.baseURL() + "/x", {}, {}};
-  session.start(request, [&](auto, auto, auto) { release.get_future().wait(); });
-  for (int i = 0; i < 5; ++i) session.start(request, [](auto, auto, auto) { throw std::runtime_error("oops"); });
-  session.start(request, nullptr);
+  const auto begin = [&](HTTPCompletion completion) {
+    session.start({"GET", server.baseURL() + "/x", {}, {}}, std::move(completion));
+  };
+  begin([&](auto, auto, auto) { release.get_future().wait(); });
+  for (int i = 0; i < 5; ++i) begin([](auto, auto, auto) { throw std::runtime_error("oops"); });
+  begin(nullptr);
   start("/next");
   EXPECT_TRUE(replies.wait().response);
   EXPECT_GE(session.unfinished(), 1U);
@@ -197,7 +272,7 @@ TEST_F(TLS, TheProcessMayExitInTheMiddleOfUploads) {
     static std::atomic<int> answers{0};
     // Each upload starts the next one when it ends, so TLS stays in use.
     static const std::function<void()> keepUploading = [url] {
-      busy.start({"POST", url, {}, std::string(1 << 20, 'x')}, [](auto, auto, auto) {
+      busy.start({"POST", url, {}, SlicedText(std::string(1 << 20, 'x'))}, [](auto, auto, auto) {
         ++answers;
         answers.notify_all();
         keepUploading();

@@ -40,6 +40,7 @@ TEST_F(Postman, ARequestThatCannotBeFormedIsLoggedAndNeverCallsBack) {
   postman.getDataFromURLPath("/v2?next=https://127.0.0.1", replies.collect());  // taken for a whole URL
   postman.postDataToURL("https:", Dictionary{}, std::nullopt, replies.collect());
   postman.makeDeleteRequestToURLPath(elsewhere, std::nullopt, replies.collect());  // appended to the endpoint
+  waitForTheEnd();
   EXPECT_EQ(log.count("<KLV WARN> Error in URL encoding"), 3U);
   postman.postDataToURL("/v2", Dictionary{{"x", std::nan("")}}, std::nullopt, replies.collect());
   EXPECT_EQ(log.count("<KLV ERROR> Error geting json object from data: "), 1U);

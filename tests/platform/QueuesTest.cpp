@@ -14,6 +14,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/MainQueue.h"
 #include "platform/Thread.h"
+#include "platform/ThreadPool.h"
 #include "platform/ThreadSafety.h"
 #include "platform/TimerService.h"
 #include "support/LogCapture.h"
@@ -112,6 +113,57 @@ TEST(DispatchQueue, RunsWaitingTasksAfterItsHandleIsDestroyed) {
   done.wait();
   auto queue = std::make_unique<DispatchQueue>("dies inside");
   queue->sync([&] { queue.reset(); });
+}
+
+/// The tasks that it submits run on the same thread afterwards, unless that thread has something else to do.
+TEST(ThreadPool, AShortTaskWakesNoOtherThread) {
+  DispatchQueue first("first"), second("second");
+  std::atomic<bool> hasEnded{false}, ranInside{false};
+  std::latch submitted(1), next(1), done(1);
+  first.async([&] {
+    submitted.wait();  // so that the next task of this queue is in the same batch
+    const pool::ShortTask shortTask;
+    second.async([&] {
+      ranInside = !hasEnded;
+      next.count_down();
+    });
+    std::this_thread::sleep_for(50ms);  // a woken thread would run that task now
+    hasEnded = true;
+  });
+  first.async([&] {
+    next.wait();  // for ever, if nobody wakes the other thread now
+    done.count_down();
+  });
+  std::this_thread::sleep_for(50ms);  // the other thread falls asleep
+  submitted.count_down();
+  done.wait();
+  EXPECT_FALSE(ranInside);
+}
+
+TEST(ThreadPool, AnErrandRunsOnAWokenThreadOnly) {
+  static std::atomic<int> runs;
+  runs = 0;
+  const auto errand = [] { runs += onLibraryThread() ? 1 : 100; };
+  {
+    const auto busy = keepPoolBusy();
+    EXPECT_FALSE(pool::runOnWaking(errand));
+  }
+  while (!pool::runOnWaking(errand)) std::this_thread::yield();
+  while (runs == 0) std::this_thread::yield();
+  EXPECT_EQ(runs, 1);
+}
+
+/// A thread that sleeps until an alarm takes on tasks, too; then the other one watches the alarm.
+TEST(ThreadPool, AnAlarmRingsWhileOneThreadIsBusy) {
+  for (int round = 0; round < 3; ++round) {
+    std::latch rung(1), late(1);
+    TimerService::schedule(1h, [&] { late.count_down(); });
+    const auto busy = keepBusy([](auto task) { DispatchQueue::global().async(task); });
+    TimerService::schedule(20ms, [&] { rung.count_down(); });
+    rung.wait();
+    Clock::advance(1h);
+    late.wait();
+  }
 }
 
 TEST(Queues, AnExceptionEndsOnlyItsTask) {

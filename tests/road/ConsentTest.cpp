@@ -131,9 +131,25 @@ TEST_F(ConsentRoad, ADenialWritesOneFileAndALaterHostObeysIt) {
   auto third = host();
   play(third, {"ready", "start", "Event"});
   ASSERT_TRUE(third.waitForOutput("status 2 ")) << third.output();
-  EXPECT_EQ(count(third.errors(), "is damaged, which counts as a denial of consent"), 1U) << third.errors();
   end(third);
+  EXPECT_EQ(count(third.errors(), "is damaged, which counts as a denial of consent"), 1U) << third.errors();
   EXPECT_EQ(service.requests("/").size(), 0U);
+}
+
+TEST_F(ConsentRoad, TheJournalFollowsTheDecisionWhereverItIs) {
+  const std::string runtime = home() + "/runtime";
+  fs::create_directory(runtime);
+  fs::permissions(runtime, fs::perms::owner_all);
+  auto process = host({{"XDG_RUNTIME_DIR", runtime}});
+  play(process, {"ready", "options id=shop delivery=complete consent=required", "Early"});
+  ASSERT_TRUE(process.waitForOutput("status 1 ")) << process.output();
+  EXPECT_TRUE(fs::is_empty(runtime));
+  play(process, {"consent granted"});
+  EXPECT_TRUE(eventually([&] { return !fs::is_empty(runtime); }));
+  play(process, {"Secret", "consent denied"});
+  EXPECT_TRUE(eventually([&] { return fs::is_empty(runtime); }));
+  end(process);
+  EXPECT_EQ(fileNames(), (std::set<std::string>{"com.kelvo.consent.json", "com.kelvo.lock"}));
 }
 
 TEST_F(ConsentRoad, TheSwitchOfTheMachineBeatsAGrant) {

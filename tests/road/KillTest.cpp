@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "kelvo-collector/store/Store.h"
@@ -18,6 +20,11 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr std::int64_t kLongAbsence = 2000;  // seconds; ends a session
+// The journal has room for all large calls of a home, even if none is stored.
+constexpr std::size_t kPadding = 8'000;
+constexpr int kMostLargeCalls = 15;  // at a time
+/// Prints a line once the call before it has returned.
+const std::string kAcknowledgement = R"({"call": "getDeviceID"})";
 
 /// Returns a number from the environment; `scripts/soak` sets these.
 long setting(const char* name, long otherwise) {
@@ -26,7 +33,7 @@ long setting(const char* name, long otherwise) {
 }
 
 /// Kills launches at random moments, home after home, while the service misbehaves. After one to five kills, a home has
-/// two undisturbed launches.
+/// two undisturbed launches. Under `complete`, every call that has returned must arrive.
 class Kills : public Road, public testing::WithParamInterface<const char*> {
  protected:
   int between(int least, int most) { return std::uniform_int_distribution(least, most)(random_); }
@@ -52,6 +59,7 @@ class Kills : public Road, public testing::WithParamInterface<const char*> {
   }
   void makeCalls(Launch& host, int count);
   void kill(Launch& host, int withinMilliseconds);
+  void noteReturned(const Launch& host, std::vector<int> calls);
   void misbehave();
   void behave();
   void beAway();
@@ -72,9 +80,10 @@ class Kills : public Road, public testing::WithParamInterface<const char*> {
   Ledger ledger_;
   int launch_ = 0;  // number of the launch in this home
   int kills_ = 0;
-  std::size_t padding_ = 0;  // bytes of text in each application event of this home; many take several chunks
-  std::int64_t clock_ = 0;   // seconds that the clock is ahead
-  std::string diary_;        // the launches in this home
+  std::map<pid_t, std::vector<int>> calls_;  // of the running launches, by number
+  std::size_t padding_ = 0;                  // bytes of text in each application event of this home
+  std::int64_t clock_ = 0;                   // seconds that the clock is ahead
+  std::string diary_;                        // the launches in this home
 };
 
 const std::vector<std::pair<const char*, Kills::Moment>>& Kills::moments() {
@@ -88,11 +97,12 @@ const std::vector<std::pair<const char*, Kills::Moment>>& Kills::moments() {
 
 void Kills::makeCalls(Launch& host, int count) {
   std::string lines;
-  if (padding_ > 0) count = std::min(count, 40);
+  if (padding_ > 0) count = std::min(count, kMostLargeCalls);
   for (int i = 0; i < count; ++i) {
     const int kind = between(1, 20);
     const auto made = kind <= 16 ? Ledger::Kind::app : kind <= 18 ? Ledger::Kind::aggregate : Ledger::Kind::incident;
-    lines += ledger_.newCall(made, launch_, made == Ledger::Kind::app ? padding_ : 0) + "\n";
+    lines += ledger_.newCall(made, launch_, made == Ledger::Kind::app ? padding_ : 0) + "\n" + kAcknowledgement + "\n";
+    calls_[host.id()].push_back(ledger_.latestCall());
     if (oneIn(20))
       lines += R"({"call": "logScreenWithName", "name": "Screen"})"
                "\n";
@@ -105,9 +115,18 @@ void Kills::makeCalls(Launch& host, int count) {
 
 void Kills::kill(Launch& host, int withinMilliseconds) {
   sleepUpTo(withinMilliseconds);
+  const auto calls = calls_[host.id()];
+  calls_.erase(host.id());
   host.kill(SIGKILL);
   host.wait();
   ++kills_;
+  noteReturned(host, calls);
+}
+
+/// Notes the calls that have returned. The journal has them, unless it was not open yet.
+void Kills::noteReturned(const Launch& host, std::vector<int> calls) {
+  calls.resize(std::min(calls.size(), count(host.output(), "\n")));
+  if (count(host.errors(), "The journal is open") > 0) ledger_.noteReturned(calls);
 }
 
 /// Scripts the answers to the next launch's chunks, and sometimes to its start-up requests.
@@ -247,7 +266,8 @@ Findings Kills::liveInFreshHome() {
   service.state().setConfigurationValue("max_fg_chunk_send_time", oneIn(2) ? 0.05 : 30.0);
   writeFileForTest(home + "/clock", std::string(sizeof clock_, '\0'));
   ledger_ = {};
-  padding_ = oneIn(8) ? 60'000 : 0;
+  calls_.clear();
+  padding_ = oneIn(8) ? kPadding : 0;
   launch_ = 0;
   clock_ = 0;
   diary_.clear();
@@ -308,6 +328,107 @@ TEST_P(Kills, AtAnyMomentLeaveEveryStoredEventToArriveOnce) {
 
 INSTANTIATE_TEST_SUITE_P(Delivery, Kills, testing::Values("classic", "complete"),
                          [](const auto& test) { return test.param; });
+
+TEST_F(Road, AKillRightAfterAThousandCallsLosesNone) {
+  for (const bool hasStarted : {true, false}) {
+    SCOPED_TRACE(hasStarted ? "in a session" : "before the service has answered");
+    moveToFreshHome(hasStarted ? "started" : "starting");
+    if (!hasStarted) service.answer("/enabled-status", Script::never());
+    Program host = run({KELVO_MANNERS_HOST}, {{"KELVO_LOG", "debug"}});
+    host.writeLine("options id=shop delivery=complete");
+    ASSERT_TRUE(host.waitForError(hasStarted ? "initialized!" : "The journal is open")) << host.errors();
+    host.writeLine("burst 125 0");  // on eight threads
+    host.writeLine("join");
+    host.writeLine("kill");
+    EXPECT_EQ(host.wait(), -SIGKILL);
+
+    service.answerNormally("/enabled-status");
+    EXPECT_TRUE(service.store().reset());
+    EXPECT_EQ(launch({"--app-id", "shop", "--delivery", "complete"}).untilReady().quit(), 0);
+    const auto names = arrivedEvents();
+    EXPECT_EQ(std::count(names.begin(), names.end(), "burst"), 1000);
+    EXPECT_EQ(stored("select count from lifetime_events where name = 'burst'"), Texts{"1000"});
+    EXPECT_EQ(stored("select total from kelvo_ledger where entry = 'stored'"),
+              stored("select total from kelvo_ledger where entry = 'accepted'"));
+  }
+}
+
+TEST_F(Road, AKillLosesNoScreenNoAttributeAndNoReportOfActivity) {
+  for (int round = 0; round < 5; ++round) {
+    moveToFreshHome("home " + std::to_string(round));
+    EXPECT_TRUE(service.store().reset());
+    Program host = run({KELVO_MANNERS_HOST}, {{"KELVO_LOG", "debug"}});
+    host.writeLine("options id=shop delivery=complete");
+    ASSERT_TRUE(host.waitForError("initialized!")) << host.errors();
+    for (const char* line : {"attributes kept", "foreground", "screen Home", "screen List", "background"}) {
+      host.writeLine(line);
+    }
+    host.writeLine("pause " + std::to_string(round * 2000));
+    host.writeLine("kill");
+    host.wait();
+    EXPECT_EQ(launch({"--app-id", "shop", "--delivery", "complete"}).untilReady().quit(), 0);
+    Texts arrived, attributes;
+    std::set<std::string> chunks;  // the kill may have come between an answer and its note: the chunk comes again
+    for (const Value& chunk : service.chunks()) {
+      if (!chunks.insert(description(at(chunk, {"chunk_meta", "id"}))).second) continue;
+      for (const char* list : {"navigation_events", "system_events"}) {
+        for (const Value& event : at(chunk, {"chunk_details", list}).asArray().value_or(Array())) {
+          arrived.push_back(description(at(event, {"name"})));
+        }
+      }
+      const Value ofSession = at(chunk, {"chunk_details", "session_attributes", "text"});
+      if (!ofSession.isNull()) attributes.push_back(description(ofSession));
+    }
+    std::sort(arrived.begin(), arrived.end());
+    EXPECT_EQ(arrived, (Texts{"BACKGROUND", "BACKGROUND", "FOREGROUND", "Home", "List"})) << "one of kelvo-log";
+    ASSERT_FALSE(attributes.empty());
+    EXPECT_EQ(attributes.front(), "kept");
+    EXPECT_EQ(at(service.chunks().back(), {"chunk_details", "user_attributes", "text"}), Value("kept"));
+  }
+}
+
+TEST_F(Road, KillsDuringTheReplayLoseAndDoubleNothing) {
+  Program host = run({KELVO_MANNERS_HOST}, {{"KELVO_LOG", "debug"}});
+  host.writeLine("options id=shop delivery=complete");
+  ASSERT_TRUE(host.waitForError("initialized!")) << host.errors();
+  host.writeLine("burst 250 0");
+  host.writeLine("join");
+  host.writeLine("kill");
+  host.wait();
+  for (int kills = 0; kills < 4; ++kills) {
+    Launch next = launch({"--app-id", "shop", "--delivery", "complete"});
+    EXPECT_TRUE(eventually([&] {
+      const auto lines = next.errors();
+      return count(lines, "Storing ") + count(lines, "initialized!") > 0;
+    }));
+    next.kill(SIGKILL);
+    next.wait();
+  }
+  EXPECT_EQ(launch({"--app-id", "shop", "--delivery", "complete"}).untilReady().quit(), 0);
+  const auto names = arrivedEvents();
+  EXPECT_EQ(std::count(names.begin(), names.end(), "burst"), 2000);
+  EXPECT_EQ(stored("select count from lifetime_events where name = 'burst'"), Texts{"2000"});
+}
+
+TEST_F(Road, AFullJournalCountsTheCallsThatItDoesNotKeep) {
+  service.answer("/enabled-status", Script::never());
+  Program host = run({KELVO_MANNERS_HOST}, {{"KELVO_LOG", "debug"}});
+  host.writeLine("options id=shop delivery=complete journal=65536");
+  ASSERT_TRUE(host.waitForError("The journal is open")) << host.errors();
+  host.writeLine("burst 250 0");
+  host.writeLine("join");
+  ASSERT_TRUE(host.waitForError(" calls are not in the journal")) << host.errors();
+  host.kill(SIGKILL);
+  host.wait();
+  const std::string errors = host.errors();
+  const auto line = errors.find(" calls are not in the journal");
+  const int unkept = std::stoi(errors.substr(errors.rfind(' ', line - 1)));
+  service.answerNormally("/enabled-status");
+  EXPECT_EQ(launch({"--app-id", "shop", "--delivery", "complete"}).untilReady().quit(), 0);
+  const auto names = arrivedEvents();
+  EXPECT_GT(unkept, 0);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "burst"), 2000 - unkept);
+}
 
 TEST_F(Road, ANormalExitRightAfterAThousandCallsStoresThemAll) {
   Program host = run({KELVO_MANNERS_HOST});

@@ -105,6 +105,10 @@ std::string Ledger::newCall(Kind kind, int launch, std::size_t padding) {
   return R"({"name": ")" + name + "\", " + info + (kind == Kind::aggregate ? R"(, "isAggregate": true})" : "}");
 }
 
+void Ledger::noteReturned(const std::vector<int>& calls) {
+  for (const int number : calls) calls_[static_cast<std::size_t>(number)].isSafe = true;
+}
+
 void Ledger::readHome(const std::string& home, int launch) {
   const std::string file = home + "/copy.sqlite",
                     original = home + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
@@ -266,6 +270,8 @@ Ledger::Fate Ledger::fateOf(int number, const Arrivals& arrivals) const {
   Fate fate;
   const Call& call = calls_[static_cast<std::size_t>(number)];
   fate.story = std::string(kWords[static_cast<int>(call.kind)]) + " of launch " + std::to_string(call.launch);
+  fate.isStored = call.isSafe;
+  if (call.isSafe) fate.story += ", returned";
   if (const auto file = rescued_.find(number); file != rescued_.end()) {
     fate.isStored = true;
     fate.isKept = keptInFiles_.count(number) > 0;

@@ -12,7 +12,7 @@ namespace kelvo::test {
 
 /// What a ledger found.
 struct Findings {
-  long stored = 0;      ///< events that were in the database or in a rescue file after a launch
+  long stored = 0;      ///< events that were in the database, in a rescue file or in the journal after a launch
   long delivered = 0;   ///< those of them that arrived
   long lost = 0;        ///< those of them that will never arrive; under `complete`, all that did not arrive
   long doubled = 0;     ///< events that arrived under two chunk ids, or are stored or counted twice
@@ -41,6 +41,9 @@ class Ledger {
 
   /// Returns kelvo-log's line for a new call, made in launch `launch`, with an attribute of `padding` bytes.
   std::string newCall(Kind kind, int launch, std::size_t padding);
+  [[nodiscard]] int latestCall() const { return static_cast<int>(calls_.size()) - 1; }
+  /// The calls with these numbers returned, and the journal was open: a kill since must not have lost them.
+  void noteReturned(const std::vector<int>& calls);
   /// Reads the database and the rescue files of `home` after launch `launch`. Reads copies: the next launch must find
   /// the files as this one left them.
   void readHome(const std::string& home, int launch);
@@ -54,6 +57,7 @@ class Ledger {
     Kind kind = Kind::app;
     std::string name;
     int launch = 0;
+    bool isSafe = false;  // in the journal at least
   };
   struct Row {
     std::string key;  // type and name of the library's own event; empty for a call

@@ -150,6 +150,24 @@ TEST_F(Database, GettersConvertValuesAndReturnDefaultsForMissingOnes) {
   EXPECT_EQ(log.count("<KLV ERROR> Error calling sqlite3_step (21: parentDB does not exist) rs"), 1U);
 }
 
+TEST_F(Database, AKeptStatementIsPreparedOnceAndHoldsNoTable) {
+  ASSERT_TRUE(db.executeUpdate("create table t (a)"));
+  const std::string insert = "insert into t (a) values (:a)";
+  const auto run = [&] { return db.updateKeepingStatement(insert, Dictionary{{"a", std::string(100, 'x')}}); };
+  EXPECT_TRUE(run() && run());
+  EXPECT_EQ(db.cachedStatementForQuery(insert)->useCount(), 2);
+  EXPECT_TRUE(db.executeUpdate("insert into t (a) values (3)"));
+  EXPECT_EQ(db.cachedStatements().size(), 1U) << "the cache is off for all others";
+  EXPECT_TRUE(db.executeUpdate("alter table t rename to u") && db.executeUpdate("create table t (b, a)") && run());
+  EXPECT_EQ(db.intForQuery("select count(*) from u"), 3);
+  EXPECT_EQ(db.intForQuery("select count(a) from t"), 1);
+  EXPECT_TRUE(db.executeUpdate("drop table t"));
+  EXPECT_FALSE(run());
+  EXPECT_TRUE(db.executeUpdate("create table t (a)") && run());
+  db.close();
+  EXPECT_EQ(log.count("Closing leaked statement"), 0U);
+}
+
 TEST_F(Database, FailuresAreLoggedAndStayReadable) {
   FMKLVError error;
   EXPECT_FALSE(db.executeUpdateWithErrorAndBindings("no sql", &error, 1));

@@ -53,6 +53,10 @@ void RanStatements::begin() {
   sqlite3_auto_extension(reinterpret_cast<void (*)()>(traceConnection));
 }
 
+void RanStatements::end() {
+  sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(traceConnection));
+}
+
 std::vector<std::string> RanStatements::take() {
   return std::exchange(ran, {});
 }

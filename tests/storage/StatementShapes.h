@@ -13,6 +13,8 @@ namespace kelvo::test {
 /// thread at a time.
 namespace RanStatements {
 void begin();
+/// Records no statement of connections that are opened from now on.
+void end();
 /// Returns the statements since the last call, as SQLite ran them.
 std::vector<std::string> take();
 }  // namespace RanStatements

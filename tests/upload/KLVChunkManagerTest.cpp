@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/Clock.h"
+#include "platform/JSON.h"
 #include "records/KLVEvents.h"
 #include "support/LogCapture.h"
 #include "util/KLVDeliveryRules.h"
@@ -69,16 +70,17 @@ class Delegate final : public KLVChunkManagerDelegate {
     for (const auto& row : rows) last = row.sid == *id ? std::max(last, row.end) : last;
     return last;
   }
-  std::optional<std::vector<Dictionary>> getEventsBetween(std::uint64_t start, std::uint64_t end,
-                                                          const std::optional<std::string>& id,
-                                                          std::optional<KLVEventType>) override {
+  std::optional<std::uint64_t> readEvents(const std::string& id, std::uint64_t first, std::uint64_t last,
+                                          std::uint64_t most,
+                                          const std::function<void(const KLVStoredEvent&)>& take) override {
     if (failsReads) return std::nullopt;
-    std::vector<Dictionary> events;
-    const auto& all = sessions[*id];
-    for (auto each = all.lower_bound(start); each != all.end() && *each <= end; ++each) {
-      events.push_back({{"identifier", *each}, {"id", std::string(eventText, 'e')}, {"type", "App"}});
+    const std::string name(eventText, 'e');
+    std::uint64_t count = 0;
+    const auto& all = sessions[id];
+    for (auto each = all.lower_bound(first); count < most && each != all.end() && *each <= last; ++each, ++count) {
+      take({.index = *each, .id = name, .type = "App"});
     }
-    return events;
+    return count;
   }
   Array retrieveAggregateEventsWithSessionIdentifier(const std::string& id) override {
     return aggregates.count(id) == 0 ? Array() : Array{aggregates[id].counted};
@@ -162,8 +164,8 @@ class Delegate final : public KLVChunkManagerDelegate {
   std::optional<Date> timeOfEvent(const std::string&, std::uint64_t) override { return std::nullopt; }
   void tidy(bool) override {}
   void whenGrown(std::uint64_t, std::function<void()>) override {}
-  void postDataToURL(const std::optional<std::string>&, const std::optional<Dictionary>& body,
-                     const std::optional<Dictionary>&, HTTPCompletion completion) override {
+  void postChunk(const std::string&, SlicedText text, const Dictionary&, HTTPCompletion completion) override {
+    const auto body = parseJSON(text.inOnePiece()).value().asDictionary();
     const auto& details = *(*body)["chunk_details"].get<Dictionary>();
     const auto events = details["app_events"].get<Array>()->size();
     done.push_back("post " + description((*(*body)["chunk_meta"].get<Dictionary>())["id"]) + " of " +

@@ -5,6 +5,8 @@
 #include <limits>
 #include <utility>
 
+#include "records/KLVStoredEvent.h"
+
 namespace kelvo::test {
 namespace {
 
@@ -33,10 +35,10 @@ TEST(ChunkRanges, EndAtBothLimitsAndAtGaps) {
   }
 }
 
-TEST(ChunkRanges, CountTheStoredTextOfARow) {
+TEST(ChunkRanges, CountTheStoredTextOfAnEvent) {
   KLVChunkRanges ranges(9, 10);
-  for (const int index : {1, 2, 3}) {
-    ranges.addRows({{{"identifier", index}, {"id", "1234"}, {"__additional_info__", "{}"}, {"time", 1}}});
+  for (const std::uint64_t index : {1U, 2U, 3U}) {
+    ranges.addEvent(index, KLVStoredEvent{.id = "1234", .type = "App", .attributes = "{}"}.text());
   }
   EXPECT_EQ(ranges.ranges(), (Ranges{{1, 1}, {2, 2}, {3, 3}}));
 }

@@ -7,6 +7,7 @@
 
 #include "platform/JSON.h"
 #include "support/LogCapture.h"
+#include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo::test {
 namespace {
@@ -63,6 +64,41 @@ TEST(Sanitiser, RepairsValuesAndWritesOneLinePerKindOfRepair) {
   ASSERT_EQ(lines.size() - before, 2U);
   EXPECT_EQ(lines[before].find("<KLV WARN> NaN or infinity dropped"), 0U);
   EXPECT_EQ(lines[before + 1].find("<KLV WARN> Invalid UTF-8"), 0U);
+}
+
+/// A value that cleaning removes must not pass as clean, wherever it is.
+TEST(Sanitiser, KnowsWhetherThereIsSomethingToClean) {
+  const std::pair<Value, bool> cases[] = {{1, true},
+                                          {-1.5, true},
+                                          {2.5F, true},
+                                          {true, true},
+                                          {"text", true},
+                                          {"", false},
+                                          {"\xFF", true},
+                                          {nullptr, false},
+                                          {Data{1}, false},
+                                          {Date{}, false},
+                                          {Array{}, false},
+                                          {Array{""}, true},
+                                          {Dictionary{}, false},
+                                          {Array{Array{}}, false},
+                                          {Array{Dictionary{}}, false}};
+  for (const auto& [value, isClean] : cases) {
+    const Dictionary forms[] = {{{"a", value}}, {{"a", Array{value, 1}}}, {{"a", Array{1, Dictionary{{"b", value}}}}}};
+    for (const Dictionary& form : forms) {
+      const auto given = sanitisedAttributes(form);
+      const auto* text = value.get<std::string>();
+      const bool isElement = &form == &forms[1];  // an array keeps empty texts
+      const bool isRepaired = text != nullptr && *text == "\xFF";
+      EXPECT_EQ(given.isClean, !isRepaired && (isClean || (isElement && text != nullptr))) << description(form);
+      if (given.isClean) {
+        const auto cleaned = KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(form);
+        EXPECT_EQ(cleaned->begin(), form.begin()) << description(form);
+      }
+    }
+  }
+  EXPECT_FALSE(sanitisedAttributes(Dictionary()).isClean);
+  EXPECT_TRUE(sanitisedAttributes(std::nullopt).isClean);
 }
 
 TEST(Sanitiser, KeepsSixtyFourLevelsAndNoMore) {

@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "core/ConsentFile.h"
+#include "kelvo-inspect/Journal.h"
 #include "kelvo/Value.h"
 #include "network/HTTPURL.h"
 #include "platform/Bundle.h"
@@ -326,6 +327,8 @@ std::vector<Finding> examine(const std::optional<std::string>& program, const st
   const auto checked = home ? home : Directories::homeFor(bundle);
   findings.push_back(examineConsent(bundle, checked));
   findings.push_back(examineHome(checked));
+  auto journal = checked ? examineJournal(joinPath(*checked, "Library"), bundle.infoDictionary()) : std::nullopt;
+  if (journal) findings.push_back(*std::move(journal));
   examineService(bundle, findings);
   return findings;
 }

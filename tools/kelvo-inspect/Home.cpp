@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kelvo-inspect/Events.h"
+#include "kelvo-inspect/Journal.h"
 #include "kelvo-inspect/Ledger.h"
 #include "kelvo-inspect/Reader.h"
 #include "platform/Files.h"
@@ -144,7 +145,7 @@ Array describe(const Sessions& sessions, const std::string& library) {
 Dictionary describeFile(const fs::path& file, const std::string& library) {
   Dictionary entry{{"path", fs::path(file).lexically_relative(library).string()}};
   entry.set("bytes", sizeOf(file.string()));
-  if (file.extension() == ".lock" || file.extension() == ".plist") return entry;
+  if (file.extension() == ".lock" || file.extension() == ".plist" || file.extension() == ".journal") return entry;
   std::string problem;
   const auto text = readFile(file.string(), &problem);
   if (text && text->empty()) return entry;
@@ -205,6 +206,7 @@ Dictionary readHome(const std::string& home) {
           {"sessions", describe(sessions, library)},
           {"saved_events", std::move(savedEvents)},
           {"ledger", std::move(ledger)},
+          {"journals", readJournals(library)},
           {"lifetime_events", std::move(lifetime)},
           {"aggregate_events", std::move(aggregates)},
           {"files", std::move(files)},

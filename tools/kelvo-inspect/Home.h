@@ -17,7 +17,7 @@ namespace kelvo::inspect {
 ///   "not_cut" (number of events after the last chunk), "counts_waiting" (counts of aggregate events that the service
 ///   has not accepted). "waiting_since" (milliseconds since 1970) is the time of the earliest event that the service
 ///   has not accepted; for counts, the session's launch. It is missing if nothing waits;
-/// - "saved_events": see `readSavedEvents`; "ledger": see `readLedger`;
+/// - "saved_events": see `readSavedEvents`; "ledger": see `readLedger`; "journals": see `readJournals`;
 /// - "lifetime_events" and "aggregate_events": the stored rows;
 /// - "files" below Library, each with "path", "bytes" and "content" (JSON), or "problem";
 /// - "user_defaults".

@@ -138,6 +138,18 @@ std::string rows(const Dictionary& home, std::string_view key, const std::string
   return table.text();
 }
 
+std::string journals(const Dictionary& home) {
+  std::string text;
+  for (const Dictionary& journal : dictionariesIn(home["journals"])) {
+    text += fmt::format("\nJournal {}, {} bytes{}\n", textOf(journal["path"]), textOf(journal["bytes"]),
+                        journal.contains("problem") ? ": " + textOf(journal["problem"]) : "");
+    text +=
+        fmt::format("  calls that are not stored yet: {}; torn: {}\n",
+                    countsByKind(journal["unfinished"].asDictionary().value_or(Dictionary())), textOf(journal["torn"]));
+  }
+  return text;
+}
+
 std::string ledger(const Dictionary& home) {
   Table table("Ledger since the installation", {"entry", "events"});
   std::string faults;
@@ -196,7 +208,7 @@ std::string report(const Dictionary& home) {
                                  home["used_by"].isNull() ? "" : ", used by process " + textOf(home["used_by"]));
   text += fmt::format("Database {}, {} bytes{}\n", textOf(database["path"]), textOf(database["bytes"]),
                       database.contains("problem") ? ": " + textOf(database["problem"]) : "");
-  text += sessions(home) + savedEvents(home) + ledger(home);
+  text += sessions(home) + savedEvents(home) + journals(home) + ledger(home);
   text += rows(home, "lifetime_events", "Lifetime counts", {kKLVLifetimeEventName, kKLVLifetimeCount});
   text += rows(home, "aggregate_events", "Aggregate events",
                {kKLVAggSid, kKLVAggName, kKLVAttrKey, kKLVAttrValue, kKLVAggCount});

@@ -26,8 +26,8 @@ constexpr const char* kHelp =
        kelvo-inspect --doctor [--program EXECUTABLE] [HOME]
        kelvo-inspect --describe [--json]
 
-Prints the content of a home as tables, or with --json as one JSON object:
-sessions, events by kind, chunks, the ledger, counts, files and user defaults.
+Prints sessions, events by kind, chunks, the journal, the ledger, counts, files
+and user defaults of a home as tables, or with --json as one JSON object.
 HOME is the directory that contains Library and Documents; the default is
 KELVO_HOME. The tool changes nothing, and works while a program uses the home.
 A sum of the ledger that disagrees with the tables is a FAULT.
@@ -37,7 +37,8 @@ name, attributes, and "accepted" by the service or "waiting since" a time. A
 directory after --events is HOME; --events=NAME takes any name.
 
 --doctor checks the usual causes of trouble and prints one line for each:
-switch, bundle, plug-ins, consent, home, authorities, proxy, the service's answer, clock.
+switch, bundle, plug-ins, consent, home, journal, authorities, proxy, the
+service's answer, clock.
 --program is the executable that links the library; its bundle and home are
 checked.
 

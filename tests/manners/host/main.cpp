@@ -231,6 +231,31 @@ void makeEveryCall() {
   });
 }
 
+// --- The host's own curl
+
+/// Initialises curl. With a URL, also sends a request, and prints curl's result and version.
+void useCurl(const std::string& libraryAndURL) {
+  const auto space = libraryAndURL.find(' ');
+  const std::string library = libraryAndURL.substr(0, space);
+  void* const curl = dlopen(library.empty() ? KELVO_LIBCURL : library.c_str(), RTLD_NOW | RTLD_GLOBAL);
+  const auto initialise = reinterpret_cast<int (*)(long)>(dlsym(curl, "curl_global_init"));
+  constexpr long kAll = 3;
+  initialise(kAll);
+  if (library.empty()) return;
+  const std::string url = libraryAndURL.substr(space + 1);
+  const auto set = reinterpret_cast<int (*)(void*, int, ...)>(dlsym(curl, "curl_easy_setopt"));
+  void* const easy = reinterpret_cast<void* (*)()>(dlsym(curl, "curl_easy_init"))();
+  constexpr int kURL = 10002, kNoProxy = 10177, kNoBody = 44, kVerifyPeer = 64, kVerifyHost = 81;
+  set(easy, kURL, url.c_str());
+  set(easy, kNoProxy, "*");
+  set(easy, kNoBody, 1L);
+  for (const int check : {kVerifyPeer, kVerifyHost}) set(easy, check, 0L);
+  const int code = reinterpret_cast<int (*)(void*)>(dlsym(curl, "curl_easy_perform"))(easy);
+  const char* const version = reinterpret_cast<const char* (*)()>(dlsym(curl, "curl_version"))();
+  say([&](std::ostream& out) { out << "curl " << code << ' ' << version; });
+  reinterpret_cast<void (*)(void*)>(dlsym(curl, "curl_easy_cleanup"))(easy);
+}
+
 // --- Options and status
 
 /// Starts the library with the options in `text`: words of the form NAME=VALUE.
@@ -252,6 +277,7 @@ void startWithOptions(const std::string& text) {
     if (name == "bytes") options.maxStoredBytes = std::stoull(value);
     if (name == "days") options.maxStoredDays = static_cast<std::uint32_t>(std::stoul(value));
     if (name == "calls") options.maxWaitingCalls = std::stoul(value);
+    if (name == "journal") options.journalBytes = std::stoull(value);
     if (name == "consent") options.consentRequired = value == "required";
     if (name == "held") options.maxHeldCalls = std::stoul(value);
     if (name == "sink") {
@@ -309,10 +335,12 @@ const std::map<std::string, Word>& words() {
          KelvoSDK::setSessionCustomInfo({{"text", text}});
        }},
       {"leave", [](auto&) { leave(); }},
+      {"kill", [](auto&) { raise(SIGKILL); }},
       {"erase", [](auto&) { KelvoSDK::erase(); }},
       {"limit", limit},
-      // curl: initialises the library's curl before the library does.
-      {"curl", [](auto&) { reinterpret_cast<int (*)(long)>(dlsym(RTLD_DEFAULT, "curl_global_init"))(3); }},
+      // curl [LIBRARY URL]: initialises the library's curl, or requests URL with the curl in LIBRARY, as the host's
+      // own.
+      {"curl", useCurl},
       {"reads", readAndWrite},
       {"fault", [](auto&) { fault(); }},
       {"run", [](auto& command) { static_cast<void>(!std::system(command.c_str())); }},
