@@ -64,7 +64,9 @@ void countTwice(KLVPersistantStore& store, const std::string& name, const std::s
     require(isUncountable(sid) || store.retrieveNumberOfRecordsInTable(eventsTable(sid)) == 2, "an event is stored");
     return;
   }
-  require(lifetimeCount(store, empty, name) == 2, "a name has its lifetime count");
+  bool isWritten = false;  // at the end of a transaction
+  store.onDatabase([&](FMKLVDatabase& db) { isWritten = store.lifetimeCounts().write(db); });
+  require(isWritten && lifetimeCount(store, empty, name) == 2, "a name has its lifetime count");
   require(store.retrieveNumberOfRecordsInTable(eventsTable(sid)) == 2, "a session has its events");
   if (isUncountable(value)) return;
   const Dictionary row{{"sid", sid}, {"name", name}, {"attr_key", "key"}, {"attr_value", value}};
