@@ -88,8 +88,7 @@ class KLVJournal {
 
   /// Adds to `set` every number whose entry is finished and whose space is free, and all numbers of the files that
   /// `open` has replaced. The database adds them to its finished numbers in each transaction, so that the set stays
-  /// small. What is left after `open` beside them are numbers of files out of sight: `KLVSequenceSet::shorten` bounds
-  /// those.
+  /// small: beside them, it has one range for each file out of sight.
   void addFreed(KLVSequenceSet& set);
 
   /// Closes the journal and overwrites all entries with zeros, in the file, too. Waits for calls that are inside

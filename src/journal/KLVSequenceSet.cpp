@@ -52,10 +52,6 @@ void KLVSequenceSet::remove(std::uint64_t first, std::uint64_t end) {
   }
 }
 
-void KLVSequenceSet::shorten(std::size_t most) {
-  while (size() > most && size() > 1) add(ranges_.begin()->first, std::next(ranges_.begin())->second);
-}
-
 bool KLVSequenceSet::contains(std::uint64_t number) const noexcept {
   const auto next = ranges_.upper_bound(number);
   return next != ranges_.begin() && number < std::prev(next)->second;

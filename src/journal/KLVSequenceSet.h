@@ -25,9 +25,6 @@ class KLVSequenceSet {
   /// Removes the numbers from `first` to `end` - 1.
   void remove(std::uint64_t first, std::uint64_t end);
 
-  /// Adds the numbers between the lowest ranges until at most `most` ranges are left.
-  void shorten(std::size_t most);
-
   [[nodiscard]] bool contains(std::uint64_t number) const noexcept;
   [[nodiscard]] bool empty() const noexcept { return ranges_.empty(); }
   /// Returns the number of ranges.

@@ -19,7 +19,7 @@ struct KLVStoredEvent {
   std::int64_t time = 0;                                      ///< in seconds since the SDK started
   std::optional<std::string_view> attributes = std::nullopt;  ///< one JSON text; nullopt if the column has none
 
-  /// Returns the event of a storage form, which must outlive it.
+  /// Returns the event that `form` describes. The event points into `form`, so `form` must outlive the event.
   static KLVStoredEvent of(const Dictionary& form) {
     const auto textOf = [&](std::string_view key) -> std::optional<std::string_view> {
       const auto* text = form[key].get<std::string>();

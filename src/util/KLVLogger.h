@@ -19,9 +19,10 @@ namespace kelvo {
 ///
 /// A message below the level costs one comparison. Any other message is queued for the log thread, which formats and
 /// writes the messages in order; the caller never waits, and wakes that thread only through the pool. While somebody
-/// reads, as many messages may wait as calls (`Options::maxWaitingCalls`). While nobody reads standard error for a
-/// second, or the library may have no thread (`threadsAreHeld`), 4,096 may. Later ones are dropped, and one line says
-/// how many. Log through the macros below: they do not evaluate the arguments of a filtered message. Thread-safe.
+/// reads, as many messages may wait as calls (`Options::maxWaitingCalls`). If nobody has read standard error for a
+/// second, or if the library may start no thread (`threadsAreHeld`), at most 4,096 messages wait. The logger drops the
+/// later ones, and writes one line with their number. Log through the macros below: they do not evaluate the arguments
+/// of a filtered message. Thread-safe.
 class KLVLogger {
  public:
   using Level = LogLevel;

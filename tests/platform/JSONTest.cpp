@@ -27,7 +27,7 @@ TEST(WrittenJSON, TakesEveryTextOfTheWriterAndNoOther) {
   for (const std::string& text : texts) {
     EXPECT_EQ(jsonText(parseJSON(text).value()), text);
     EXPECT_TRUE(isRead(text)) << text;
-    // Whatever else is read must be a text of the writer, too.
+    // Only the writer's own texts are taken: what is taken must read and write back unchanged.
     for (std::size_t at = 0; at <= text.size(); ++at) {
       for (int byte = 0; byte < 256; ++byte) {
         const std::string one(1, static_cast<char>(byte));
