@@ -64,6 +64,8 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   /// Ends the manager: nothing is cut or posted any more, and pending waits end. Calls `done` on the chunk queue.
   void retire(std::function<void()> done);
 
+  /// Calls `done` on the chunk queue after everything queued so far.
+  void whenIdle(std::function<void()> done) { queue_.async(std::move(done)); }
   /// Calls `done` on the chunk queue once the chunks of all cuts and flushes queued so far are posted.
   void whenPosted(std::function<void()> done);
 
