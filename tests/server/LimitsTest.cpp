@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <future>
+#include <sstream>
 
 #include "DatabaseProxy.h"
 #include "ServerTest.h"
@@ -169,6 +170,13 @@ TEST_F(Programs, MigrateRunsTwiceAtOnceAndWrongUsageIsRefused) {
   EXPECT_EQ(
       Program({KELVO_SERVER_PROGRAM}, {{"KELVO_SERVER_DATABASE", "dbname=empty"}, {"KELVO_SERVER_BODY", "0"}}).wait(),
       2);
+
+  Program help({KELVO_SERVER_PROGRAM, "--help"}, {});
+  EXPECT_EQ(help.wait(), 0);
+  std::istringstream lines(help.output());
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) EXPECT_LE(line.size(), 80U) << line;
+  EXPECT_LT(count, 24) << "the help fits a screen";
 }
 
 TEST_F(Programs, SIGTERMAnswersTheRequestsThatWaitAndEndsTheProgram) {

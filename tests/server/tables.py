@@ -14,6 +14,17 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 EVENT = ("INSERT INTO events (arrived, since_launch, time, app, session, device, kind, name)"
          " VALUES ({day}, 0, now(), 'shop', 's-{device}', '{device}', 'app', '{name}');")
 TODAY = "(now() AT TIME ZONE 'UTC')::date"
+DATA = ("devices", "chunks", "sessions", "aggregates", "conflicts", "quarantine", "events")
+# One row of a device in each table of DATA.
+ROWS = ("INSERT INTO devices (app, device, reported) VALUES ('shop', '{device}', now());"
+        "INSERT INTO chunks (app, session, number, device, fingerprint, events) VALUES ('shop', 's-{device}', 1,"
+        " '{device}', 'f', 1);"
+        "INSERT INTO sessions (app, session, device, started) VALUES ('shop', 's-{device}', '{device}', now());"
+        "INSERT INTO aggregates (app, session, name, attribute, value, count) VALUES ('shop', 's-{device}', 'n', '', '', 1);"
+        "INSERT INTO conflicts (app, session, number, fingerprint, device, body) VALUES ('shop', 's-{device}', 1, 'g',"
+        " '{device}', '{{}}');"
+        "INSERT INTO quarantine (app, digest, reason, body) VALUES ('shop', '{device}', 'r', '<{device}');"
+        + EVENT.format(day=TODAY, device="{device}", name="Event"))
 
 
 def start(sql):
@@ -52,9 +63,16 @@ class Blocker:
 
 class Partitions(unittest.TestCase):
     def setUp(self):
-        run("DROP SCHEMA public CASCADE; CREATE SCHEMA public")
+        self.apply(range(1, 100))
+
+    @staticmethod
+    def apply(numbers):
+        """Applies the schema's files of these numbers, to an empty database if the first is among them."""
+        if 1 in numbers:
+            run("DROP SCHEMA public CASCADE; CREATE SCHEMA public")
         for file in sorted((ROOT / "tools/kelvo-server/schema").glob("*.sql")):
-            subprocess.run(["psql", "-Xq1", "-v", "ON_ERROR_STOP=1", "-f", str(file)], check=True)
+            if int(file.name[:4]) in numbers:
+                subprocess.run(["psql", "-Xq1", "-v", "ON_ERROR_STOP=1", "-f", str(file)], check=True)
 
     def await_waiting(self, number):
         """Blocks until so many connections wait for a lock."""
@@ -101,24 +119,26 @@ class Partitions(unittest.TestCase):
         self.assertEqual(run("SELECT count(*) FROM sessions"), "2")
         self.assertEqual(run("SELECT count(*) FROM chunks"), "4")
 
+    def test_an_upgrade_keeps_the_rows_of_the_first_release(self):
+        """The tables of version 3 were the first with data."""
+        self.apply(range(1, 4))
+        run("SELECT kelvo_add_partitions()" + ";" + ROWS.format(device="d"))
+        before = {table: run(f"SELECT to_jsonb(t) FROM {table} AS t") for table in DATA}
+        self.apply(range(4, 100))
+        for table, row in before.items():
+            with self.subTest(table):
+                self.assertEqual(run(f"SELECT to_jsonb(t) @> '{row}' FROM {table} AS t"), "t")
+        run(EVENT.format(day=TODAY, device="d", name="New"))
+        self.assertEqual(run("SELECT count(*) FROM events"), "2")
+
     def test_an_erasure_and_the_chunks_of_its_device_wait_for_each_other_and_nothing_is_left(self):
-        rows = "".join(
-            f"INSERT INTO devices (app, device, reported) VALUES ('shop', '{device}', now());"
-            f"INSERT INTO chunks (app, session, number, device, fingerprint, events) VALUES ('shop', 's-{device}', 1,"
-            f" '{device}', 'f', 1);"
-            f"INSERT INTO sessions (app, session, device, started) VALUES ('shop', 's-{device}', '{device}', now());"
-            f"INSERT INTO aggregates (app, session, name, attribute, value, count) VALUES ('shop', 's-{device}', 'n', '',"
-            " '', 1);"
-            f"INSERT INTO conflicts (app, session, number, fingerprint, device, body) VALUES ('shop', 's-{device}', 1, 'g',"
-            f" '{device}', '{{}}');"
-            f"INSERT INTO quarantine (app, digest, reason, body) VALUES ('shop', '{device}', 'r', '<{device}');"
-            + EVENT.format(day=TODAY, device=device, name="Event") for device in ("gone", "stays"))
+        rows = "".join(ROWS.format(device=device) for device in ("gone", "stays"))
         with Blocker(rows):
             erasure = start("SELECT kelvo_erase('shop', 'gone', 'hash')")
             self.await_waiting(1)
         self.assertEqual(finish(erasure), "t")
         self.assertEqual(run("SELECT kelvo_erase('shop', 'gone', 'hash')"), "f")
-        for table in ("devices", "chunks", "sessions", "aggregates", "conflicts", "quarantine", "events"):
+        for table in DATA:
             left = run(f"SELECT t::text FROM {table} AS t")
             self.assertNotIn("gone", left.replace("676f6e65", "gone"), table)
             self.assertEqual(len(left.splitlines()), 1, table)

@@ -79,30 +79,24 @@ const char* const kHelp =
        kelvo-server migrate [--database DB]
        kelvo-server put config|client-events|actions|enabled APP FILE
 
-The analytics service on PostgreSQL. `serve` answers the requests of applications
-with Kelvo until SIGTERM. `migrate` brings the tables up to date. `put` stores a
-document of the service; FILE is JSON, - for standard input.
+`serve` answers applications with Kelvo until SIGTERM. `migrate` brings the
+tables up to date. `put` stores a document of the service, JSON, from FILE or -.
 
   --database DB              connection string or URI of libpq (required)
   --listen ADDR:PORT         for applications (127.0.0.1:8288)
   --admin ADDR:PORT          /healthz, /readyz, /metrics (127.0.0.1:8289)
-  --tls-cert FILE            serve HTTPS with this certificate chain and
-  --tls-key FILE             this key, both PEM; SIGHUP reads them again
+  --tls-cert F, --tls-key F  HTTPS with these PEM files; SIGHUP rereads them
   --trusted-proxy ADDR,...   addresses or networks whose X-Forwarded-For counts
   --database-connections N   connections to the database (4)
-  --connections N            open connections at most (20000),
-  --per-address N            of one address, or of one client of a proxy (512)
+  --connections N            open connections (20000)
+  --per-address N            those of an address, or of a proxy's client (512)
   --per-app N                requests a second of one application (no limit)
-  --body MB                  largest body (64)
-  --in-flight MB             bodies of all requests together (256)
-  --retry-after S            seconds that a refused device waits, up to 3 times
-                             as long at random (20)
+  --body MB, --in-flight MB  largest body (64); bodies of all requests (256)
+  --retry-after S            a refused device waits 1 to 3 times as long (20)
   --keep-days N              delete what arrived earlier (keep everything)
   --strict                   answer 400 to a body that is no chunk (development)
-  --help                     this text
 
-Each flag can be set in the environment: KELVO_SERVER_DATABASE,
-KELVO_SERVER_TLS_CERT, KELVO_SERVER_STRICT=1 ...
+Each flag can be set in the environment: KELVO_SERVER_TLS_CERT ...
 Exit status: 0 on success, 1 when it cannot serve, 2 for wrong usage.
 )";
 

@@ -23,23 +23,29 @@ int refuse(const std::string& what) {
   return kWrongUsage;
 }
 
-/// Each connection needs a descriptor.
-void raiseFileLimit() {
+/// Each connection needs a descriptor: raises the limit of the process, and lowers the number of connections to it.
+void fitFileLimit(kelvo::server::Settings& settings) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max == RLIM_INFINITY) return;
+  const std::size_t others = 100 + settings.databaseConnections;
+  const std::size_t most = limit.rlim_max > 2 * others ? limit.rlim_max - others : limit.rlim_max / 2;
+  if (settings.connections <= most) return;
+  std::fprintf(stderr, "kelvo-server: %zu connections in place of %zu: the process may open %llu files\n", most,
+               settings.connections, static_cast<unsigned long long>(limit.rlim_max));
+  settings.connections = most;
 }
 
 /// Serves until a signal ends the process.
-[[noreturn]] void serve(const kelvo::server::Settings& settings) {
+[[noreturn]] void serve(kelvo::server::Settings settings) {
   // Blocked before the first thread starts, so that all threads block them and only sigwait receives them.
   sigset_t signals;
   sigemptyset(&signals);
   for (const int each : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, each);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
-  raiseFileLimit();
+  fitFileLimit(settings);
 
   kelvo::server::Server server(settings);
   server.start();

@@ -15,7 +15,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
-#include <list>
+#include <boost/intrusive/list.hpp>
 #include <type_traits>
 
 #include "kelvo-server/http/Target.h"
@@ -97,16 +97,16 @@ struct Connections::Impl {
   Impl(Loop& theLoop, Handler theHandler, ConnectionContext& theContext)
       : loop(theLoop), handler(std::move(theHandler)), context(theContext) {}
 
-  /// A connection as `closeIdle` sees it.
-  struct Idle {
-    asio::ip::tcp::socket* socket;
-    bool isIdle;
+  /// A connection that waits for a request. It leaves the list when it dies.
+  struct Idle : boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
+    explicit Idle(asio::ip::tcp::socket& theSocket) : socket(theSocket) {}
+    asio::ip::tcp::socket& socket;
   };
 
   template <class Stream>
   asio::awaitable<void> run(Stream stream, std::string peer);
   template <class Stream>
-  asio::awaitable<void> serveRequests(Stream& stream, const std::string& peer, Idle& entry);
+  asio::awaitable<void> serveRequests(Stream& stream, const std::string& peer);
   template <class Stream>
   asio::awaitable<bool> serveRequest(Stream& stream, beast::flat_buffer& buffer, const std::string& peer);
   template <class Stream>
@@ -119,12 +119,11 @@ struct Connections::Impl {
   Loop& loop;
   const Handler handler;
   ConnectionContext& context;
-  std::list<Idle> connections;
+  boost::intrusive::list<Idle, boost::intrusive::constant_time_size<false>> idle;  // the longest idle first
 };
 
 template <class Stream>
 asio::awaitable<void> Connections::Impl::run(Stream stream, std::string peer) {
-  const auto entry = connections.insert(connections.end(), {&beast::get_lowest_layer(stream).socket(), false});
   ++context.open;
   {
     // Connections of a proxy are not limited; the requests of its clients are.
@@ -136,7 +135,7 @@ asio::awaitable<void> Connections::Impl::run(Stream stream, std::string peer) {
       if (isWelcome) co_await stream.async_handshake(asio::ssl::stream_base::server, into(error));
       isWelcome = isWelcome && !error;
     }
-    if (isWelcome) co_await serveRequests(stream, peer, *entry);
+    if (isWelcome) co_await serveRequests(stream, peer);
     if constexpr (std::is_same_v<Stream, Secure>) {
       Error error;
       beast::get_lowest_layer(stream).expires_after(std::chrono::seconds(1));
@@ -145,20 +144,21 @@ asio::awaitable<void> Connections::Impl::run(Stream stream, std::string peer) {
     Error ignored;
     beast::get_lowest_layer(stream).socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
   }
-  connections.erase(entry);
   context.limits.closeConnection();
   --context.open;
 }
 
 template <class Stream>
-asio::awaitable<void> Connections::Impl::serveRequests(Stream& stream, const std::string& peer, Idle& entry) {
+asio::awaitable<void> Connections::Impl::serveRequests(Stream& stream, const std::string& peer) {
   for (bool keepsAlive = true; keepsAlive && !context.isDraining;) {
     char first = 0;
     Error error;
     beast::get_lowest_layer(stream).expires_after(kLongestIdle);
-    entry.isIdle = true;
-    co_await stream.async_read_some(asio::buffer(&first, 1), into(error));
-    entry.isIdle = false;
+    {
+      Idle entry(beast::get_lowest_layer(stream).socket());
+      idle.push_back(entry);
+      co_await stream.async_read_some(asio::buffer(&first, 1), into(error));
+    }
     if (error) co_return;
     // The buffer lives until the client waits for us again.
     beast::flat_buffer buffer;
@@ -284,11 +284,12 @@ void Connections::serve(int socket, bool isIPv6, std::string peer, const std::sh
   asio::co_spawn(loop, impl_->run(Secure(std::move(stream), context), std::move(peer)), asio::detached);
 }
 
-void Connections::closeIdle() {
-  for (const auto& entry : impl_->connections) {
-    Error ignored;
-    if (entry.isIdle) entry.socket->cancel(ignored);
-  }
+bool Connections::closeLongestIdle() {
+  if (impl_->idle.empty()) return false;
+  Error ignored;
+  impl_->idle.front().socket.cancel(ignored);
+  impl_->idle.pop_front();
+  return true;
 }
 
 }  // namespace kelvo::server

@@ -33,8 +33,8 @@ class Connections {
   /// Takes over an accepted socket and speaks with it until it closes. `peer` is its address. `tls` is null for
   /// cleartext.
   void serve(int socket, bool isIPv6, std::string peer, const std::shared_ptr<ssl_ctx_st>& tls);
-  /// Closes idle connections. The others close behind their answer, because the context says that it drains.
-  void closeIdle();
+  /// Closes the connection that has waited for a request the longest. Returns false if none waits.
+  bool closeLongestIdle();
 
  private:
   struct Impl;

@@ -26,6 +26,10 @@ class Limits {
   /// Counts a connection. Returns false if there are too many.
   [[nodiscard]] bool openConnection() noexcept;
   void closeConnection() noexcept { --connections_; }
+  /// Returns whether less than a twentieth of all connections is left.
+  [[nodiscard]] bool isCrowded() const noexcept {
+    return connections_ >= settings_.connections - settings_.connections / 20;
+  }
   /// Counts a use of an address: a connection, or a request of a proxy's client. Returns false if it has too many.
   [[nodiscard]] bool enter(const std::string& address) EXCLUDES(mutex_);
   void leave(const std::string& address) EXCLUDES(mutex_);

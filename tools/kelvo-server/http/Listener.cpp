@@ -81,7 +81,12 @@ void Listener::Impl::accept() {
 void Listener::Impl::hand(tcp::socket socket) {
   Error error;
   const auto peer = socket.remote_endpoint(error);
-  if (error || !context.limits.openConnection()) return;
+  if (error) return;
+  const std::size_t index = next++ % loops.size();
+  if (context.limits.isCrowded()) {
+    loops[index]->post([this, index] { connections[index]->closeLongestIdle(); });
+  }
+  if (!context.limits.openConnection()) return;
   std::shared_ptr<ssl_ctx_st> current;
   {
     const Lock lock(mutex);
@@ -89,7 +94,6 @@ void Listener::Impl::hand(tcp::socket socket) {
   }
   const bool isIPv6 = peer.protocol() == tcp::v6();
   const int descriptor = socket.release(error);
-  const std::size_t index = next++ % loops.size();
   loops[index]->post([this, index, descriptor, isIPv6, address = peer.address().to_string(), current] {
     connections[index]->serve(descriptor, isIPv6, address, current);
   });
@@ -124,7 +128,11 @@ void Listener::drain() {
     impl_->acceptor.close(ignored);
   });
   for (std::size_t i = 0; i < impl_->loops.size(); ++i) {
-    impl_->loops[i]->post([this, i] { impl_->connections[i]->closeIdle(); });
+    // The others close behind their answer, because the context says that it drains.
+    impl_->loops[i]->post([this, i] {
+      while (impl_->connections[i]->closeLongestIdle()) {
+      }
+    });
   }
 }
 
