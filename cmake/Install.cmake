@@ -21,7 +21,7 @@ configure_package_config_file(cmake/KelvoConfig.cmake.in ${PROJECT_BINARY_DIR}/K
                               INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KelvoConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KelvoConfig.cmake ${PROJECT_BINARY_DIR}/KelvoConfigVersion.cmake
-              cmake/KelvoBundle.cmake cmake/KelvoPlugin.cmake DESTINATION ${package_dir})
+              cmake/KelvoBundle.cmake cmake/KelvoPlugin.cmake cmake/KelvoEvents.cmake DESTINATION ${package_dir})
 install(FILES README.md SECURITY.md TYPE DOC)
 install(DIRECTORY docs TYPE DOC)  # as a subdirectory, so that the links in README.md work
 
@@ -60,6 +60,7 @@ if(KELVO_TOOLS)
   kelvo_install_program(kelvo-log kelvo-tools "play the calls of a host from the shell")
   kelvo_install_program(kelvo-collector kelvo-tools "local analytics service for development and tests")
   kelvo_install_program(kelvo-inspect kelvo-tools "show what a Kelvo home stores, or why nothing arrives")
+  kelvo_install_program(kelvo-events kelvo-tools "check a registry of events and write code from it")
   add_custom_target(kelvo-tools ALL DEPENDS ${kelvo-tools_pages})
 endif()
 if(TARGET kelvo-server)
@@ -132,7 +133,7 @@ kelvo_package(kelvo-qt libdevel "kelvo-dev ${same}, qt6-base-dev" ""
   "client-side analytics for C++ applications (adapter to Qt 6)"
   "The adapter reports the windows and the activity of a Qt Widgets application.")
 kelvo_package(kelvo-tools devel "" "" "client-side analytics for C++ applications (tools)"
-  "kelvo-log plays host calls, kelvo-collector is a local service, and\nkelvo-inspect shows what is stored.")
+  "kelvo-log plays host calls, kelvo-collector is a local service,\nkelvo-inspect shows what is stored, and kelvo-events checks a registry\nof events.")
 kelvo_package(kelvo-server net "" "postgresql (>= 15), libnss-systemd"
   "client-side analytics for C++ applications (service)"
   "The service stores each event once in PostgreSQL, with any number of\ninstances, and answers while the database is away with 503.")

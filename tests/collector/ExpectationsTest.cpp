@@ -30,16 +30,38 @@ TEST(CollectorExpectations, JudgeAnEventByTypesRangesValuesAndOtherAttributes) {
       {R"({"attributes": {"a": {"values": [1, "x"]}}})", R"({"a": 1.0})", {}},
       {R"({"attributes": {"a": {"values": [1, "x"]}}})", R"({"a": true})", {"\"a\" is true, not one of [1,\"x\"]"}},
       {R"({"others": false})", R"({"b": 1, "klv_lt_count": 2})", {"\"b\" is not expected"}},
+      {R"({"attributes": {"a": "integer", "b": "integer"}})",
+       R"({"a": 2.0, "b": 2.5})",
+       {"\"b\" is 2.5, not a whole number"}},
+      {R"({"aggregate": true})", "{}", {"the event is not an aggregate"}},
+      {"false", "{}", {"the event is not expected"}},
   };
   for (const auto& c : cases) {
     std::vector<std::string> errors, faults;
     const auto all = Expectations::parse(Dictionary{{"Buy", *parseJSON(c.rules)}}, errors);
     ASSERT_TRUE(all) << testing::PrintToString(errors);
-    for (const auto& fault : all->faultsOf("Buy", *parseJSON(c.attributes)->get<Dictionary>())) {
+    for (const auto& fault : all->faultsOf({"Buy", *parseJSON(c.attributes)->get<Dictionary>()})) {
       faults.push_back(fault.message);
     }
     EXPECT_EQ(faults, c.faults) << c.rules << c.attributes;
   }
+}
+
+TEST(CollectorExpectations, AnAggregateIsJudgedByEachValueThatItHasCounted) {
+  std::vector<std::string> errors, faults;
+  const char* rules = R"({"*": {"attributes": {"page": {"values": ["a", "b"]}, "stars": {"type": "integer", "max": 5},
+    "fast": "boolean", "free": "text"}, "others": false, "aggregate": false}, "klv_x": {}})";
+  const auto all = Expectations::parse(*parseJSON(rules), errors);
+  ASSERT_TRUE(all) << testing::PrintToString(errors);
+  const char* sums = R"({"page": [["a", 3], [null, 1], ["c", 1]], "stars": [["5", 1], ["6", 2], ["1.5", 1], ["x", 1]],
+    "fast": [["1", 2], ["0", 1], ["yes", 1]], "gift": []})";
+  const Dictionary attributes = *parseJSON(sums)->get<Dictionary>();
+  for (const auto& fault : all->faultsOf({"Any", attributes, true})) faults.push_back(fault.message);
+  EXPECT_EQ(faults, (std::vector<std::string>{"the event is an aggregate", "\"fast\" is \"yes\", not a boolean",
+                                              "\"free\" is missing", "\"page\" is \"c\", not one of [\"a\",\"b\"]",
+                                              "\"stars\" is 6, not at most 5", "\"stars\" is 1.5, not a whole number",
+                                              "\"stars\" is \"x\", not a whole number", "\"gift\" is not expected"}));
+  EXPECT_FALSE(all->cover("klv_app_opened"));
 }
 
 TEST(CollectorExpectations, AnInvalidDocumentIsRefusedWithEachReasonAndChangesNothing) {
@@ -53,12 +75,12 @@ TEST(CollectorExpectations, AnInvalidDocumentIsRefusedWithEachReasonAndChangesNo
   const std::pair<std::string, const char*> cases[] = {
       {"{", "it is not JSON: "},
       {"[]", "the body is not an object with the names of events"},
-      {R"({"Buy": []})", R"(Buy: the expectation is not an object with "attributes" or "others")"},
+      {R"({"Buy": []})", R"(Buy: the expectation is neither false nor an object with "attributes" or "others")"},
       {R"({"Buy": {"attribute": {}}})", R"(Buy: there is no member "attribute")"},
       {R"({"Buy": {"attributes": []}})", "Buy: attributes is not an object"},
       {R"({"Buy": {"others": "no"}})", "Buy: others is not true or false"},
       {rule("3"), "Buy.a: the rule is neither a type nor an object"},
-      {rule(R"("string")"), R"(Buy.a: type is none of "text", "number", "boolean", "list", "dictionary")"},
+      {rule(R"("string")"), R"(Buy.a: type is none of "text", "number", "integer", "boolean", "list", "dictionary")"},
       {rule(R"({"min": "0"})"), "Buy.a: min is not a number"},
       {rule(R"({"type": "text", "max": 3})"), "Buy.a: only a number has min and max"},
       {rule(R"({"min": 3, "max": 2})"), "Buy.a: min is above max"},

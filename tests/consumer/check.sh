@@ -48,6 +48,22 @@ print(sum(row["count"] for row in json.load(sys.stdin)["byName"] if row["name"] 
 # names_delivery RULES: checks the rules of delivery in the consumer's bundle.
 names_delivery() { grep -q "<key>KelvoDelivery</key><string>$1</string>" "$work/consumer.bundle/Info.plist"; }
 
+# refuses_a_changed_registry: a build fails if the registry no longer has a value that the code uses, or has a fault.
+refuses_a_changed_registry() {
+  local events=$work/kelvo-events.json before change
+  before=$(realpath "$here/../../examples/registry/kelvo-events.json")
+  cp "$before" "$events"
+  cmake "$work" "-DCONSUMER_EVENTS=$events"
+  cmake --build "$work" --target consumer
+  for change in 's/"book"/"novel"/' 's/"min": 0/"min": 5000/'; do
+    sed "$change" "$before" >"$events"
+    if cmake --build "$work" --target consumer >"$work/build.log"; then exit 1; fi
+    grep -E "registry.cpp:.*error: .book. is not a member|events\[[0-9]+\].attributes\[[0-9]+\].min: min is above max" \
+      "$work/build.log"
+  done
+  cmake "$work" "-DCONSUMER_EVENTS=$before"
+}
+
 configured() {
   cmake -S "$here" -B "$work" -G Ninja "$@"
   cmake --build "$work" --target consumer
@@ -86,6 +102,7 @@ shared)
   cmake "$work" "-DCONSUMER_DELIVERY=classic;CONSENT;required"
   grep -q "<key>KelvoConsent</key><string>required</string>" "$work/consumer.bundle/Info.plist"
   if cmake "$work" "-DCONSUMER_DELIVERY=classic;CONSENT;maybe" 2>/dev/null; then exit 1; fi
+  refuses_a_changed_registry
   cmake "$work" -DCONSUMER_DELIVERY= # the next run begins as this one did
   ;;
 static)
@@ -97,6 +114,8 @@ checkout | clang)
   work="$work/my projects" checkout="$work/kelvo"
   rm -rf "$checkout" && mkdir -p "$checkout"
   cp -r "$here"/../../{CMakeLists.txt,README.md,SECURITY.md,cmake,docs,include,packaging,src} "$checkout"
+  mkdir "$checkout/tools"
+  cp -r "$here"/../../tools/kelvo-{events,service} "$checkout/tools"
   host=("-DKELVO_CHECKOUT=$checkout" -DCMAKE_UNITY_BUILD=ON)
   if [[ $way == clang ]]; then
     configured "${host[@]}" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS="-Weverything -Werror \
@@ -175,6 +194,7 @@ kelvo-dev .*/kelvo/KelvoSDK\.h
 kelvo-dev .*/libkelvo\.a
 kelvo-dev .*/pkgconfig/kelvo\.pc
 kelvo-tools /usr/bin/kelvo-inspect
+kelvo-tools /usr/bin/kelvo-events
 kelvo-tools /usr/share/man/man1/kelvo-collector\.1\.gz
 kelvo-tools /usr/share/doc/kelvo-tools/changelog\.gz
 kelvo-server /usr/lib/systemd/system/kelvo-server@\.service

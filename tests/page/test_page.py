@@ -265,6 +265,9 @@ class PageTest(unittest.TestCase):
         self.until(lambda: self.texts(".faults li") == ['"price" is 5, not at most 4'])
         self.click(".bad-events button")
         self.until(lambda: self.texts("#events dd.marked .value") == ["5"])
+        self.ask("PUT", "/debug/expectations", '{"*": false}')
+        self.click("#tab-expectations")
+        self.until(lambda: (self.texts("#expected .name"), self.texts("#expected .verdict")) == (["Buy"], ["0 good", "2 bad"]))
 
     def test_all_events_are_listed_live_and_filtered_and_sessions_are_found_by_user(self):
         self.post("s1", 1, app("One", 1, item="book"), app("Two", 2), user="Ann")

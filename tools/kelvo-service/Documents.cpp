@@ -119,12 +119,6 @@ Errors applyConfiguration(ServiceState& state, const Value& body) {
   return errors;
 }
 
-/// Returns true for an event of the library that makes it cut or flush. A list with such a name would stop all
-/// delivery.
-bool isTrigger(const std::string& name) {
-  return std::find(std::begin(kTriggers), std::end(kTriggers), name) != std::end(kTriggers);
-}
-
 Errors applyClientEvents(ServiceState& state, const Value& body) {
   const auto* object = body.get<Dictionary>();
   if (object == nullptr) return {"the body is not an object with the lists action, agg and stop"};
@@ -187,6 +181,10 @@ Errors applyActions(ServiceState& state, const std::string& type, const Value& b
 }
 
 }  // namespace
+
+bool isTrigger(std::string_view name) {
+  return std::find(std::begin(kTriggers), std::end(kTriggers), name) != std::end(kTriggers);
+}
 
 std::vector<std::string> applyDocument(ServiceState& state, const std::string& name, const Value& body) {
   if (name == "enabled") return applyEnabled(state, body);

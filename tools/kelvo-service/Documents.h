@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelvo/Value.h"
@@ -13,6 +14,10 @@ class ServiceState;
 
 // Documents are the JSON values that control the service: "enabled", "config", "client-events", "actions/rta" and
 // "actions/survey".
+
+/// Returns true for an event of the library that makes it cut or flush. A list with such a name would stop all
+/// delivery.
+[[nodiscard]] bool isTrigger(std::string_view name);
 
 /// Validates `body` and puts it in force as the document `name`. Returns the errors, empty on success. On an error,
 /// `state` does not change.

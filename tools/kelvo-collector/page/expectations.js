@@ -7,6 +7,7 @@ import { count, isOfLibrary, plural, stringify } from "./format.js";
 
 const FEW = 10; // bad events in an unfolded row
 const MOST_VALUES = 5; // values of an attribute that a draft lists
+const ANY_OTHER = "*"; // the expectation for all names without one
 
 export class ExpectationsView {
   /** Calls `onOpen(session, event, attribute)` when the user wants to see a bad event. */
@@ -31,7 +32,8 @@ export class ExpectationsView {
     this.editor.show(answer);
     const app = counts.byName.filter(({ kind, name }) => kind === "app" && name !== "").map(({ name }) => name);
     reconcile(this.names, app, (name) => name, (name) => h("option", { value: name }, name));
-    const names = Object.keys(answer.expectations);
+    const expected = Object.keys(answer.expectations).filter((name) => name !== ANY_OTHER);
+    const names = [...new Set([...expected, ...Object.keys(answer.bad).sort()])];
     const rows = names.map((name) => ({ name, good: answer.good[name] ?? 0, bad: answer.bad[name] ?? 0 }));
     const list = byId("expected");
     list.dataset.empty = "No expectations yet. Choose an event in the editor and draft one.";

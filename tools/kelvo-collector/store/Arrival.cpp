@@ -232,6 +232,7 @@ class ChunkKeeper {
                         text.size, row)
             .execute();
       }
+      quality.judge({"aggregate", name, *event, attributes, lastEvent_, row});
       addDifference(name, (*event)["count"].asInt64(), attributes, row, chunkCounts);
     }
   }

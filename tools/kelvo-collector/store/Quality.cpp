@@ -101,7 +101,12 @@ void Quality::checkEvent(const CheckedEvent& event) {
   if (event.kind != "app") return;
   checkDuration(event.attributes, "duration", event.name, event.id);
   checkRepetition(event);
-  keepVerdict(database_, expectations_, {event.id, event.name, event.attributes, place_});
+  judge(event);
+}
+
+void Quality::judge(const CheckedEvent& event) {
+  const bool isAggregate = event.kind == "aggregate";
+  keepVerdict(database_, expectations_, {event.id, {event.name, event.attributes, isAggregate}, place_});
 }
 
 void Quality::checkNewName(const std::string& kind, const std::string& name, std::int64_t event) {

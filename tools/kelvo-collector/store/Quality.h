@@ -37,6 +37,8 @@ class Quality {
   void checkOrder(std::int64_t highestSoFar, const std::optional<Evicted>& evicted);
   void checkSession(const Dictionary& record);
   void checkEvent(const CheckedEvent& event);
+  /// Compares an application event, or the newest sums of an aggregate event, with the expectations.
+  void judge(const CheckedEvent& event);
   /// Reports a new `name` that differs from a known name only in case.
   void checkNewName(const std::string& kind, const std::string& name, std::int64_t event);
   /// Reports an attribute with values of several types.
