@@ -18,7 +18,7 @@ if(imported AND CMAKE_READELF)
     set(KELVO_LIBCURL ${CMAKE_MATCH_1})
   endif()
 endif()
-# Qt is optional: without it, the adapter to Qt is not built.
+# Qt is optional: without it, the adapters to Qt are not built.
 if(KELVO_QT)
   find_package(Qt6 QUIET COMPONENTS Widgets)
 endif()

@@ -14,7 +14,7 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Kelvo)
 set(packages kelvo kelvo-dev)
 install(TARGETS kelvo EXPORT KelvoTargets LIBRARY COMPONENT kelvo NAMELINK_COMPONENT kelvo-dev)
 install(TARGETS kelvo_static EXPORT KelvoStaticTargets)
-install(DIRECTORY include/kelvo TYPE INCLUDE PATTERN Qt.h EXCLUDE)
+install(DIRECTORY include/kelvo TYPE INCLUDE PATTERN "Qt*.h" EXCLUDE)
 install(EXPORT KelvoTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
 install(EXPORT KelvoStaticTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/KelvoConfig.cmake.in ${PROJECT_BINARY_DIR}/KelvoConfig.cmake
@@ -34,9 +34,9 @@ endforeach()
 
 if(TARGET kelvo_qt)
   list(APPEND packages kelvo-qt)
-  install(TARGETS kelvo_qt EXPORT KelvoQtTargets COMPONENT kelvo-qt)
+  install(TARGETS kelvo_qt kelvo_qtgui EXPORT KelvoQtTargets COMPONENT kelvo-qt)
   install(EXPORT KelvoQtTargets NAMESPACE Kelvo:: DESTINATION ${package_dir} COMPONENT kelvo-qt)
-  install(FILES include/kelvo/Qt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvo COMPONENT kelvo-qt)
+  install(FILES include/kelvo/Qt.h include/kelvo/QtGui.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvo COMPONENT kelvo-qt)
 endif()
 
 # kelvo_install_program(<program> <component> <summary>): installs the program and a man page that is its --help. The page is
@@ -74,7 +74,7 @@ endif()
 # The targets kelvo, kelvo-tools and kelvo-server are also components. These are the other two.
 add_custom_target(kelvo-dev DEPENDS kelvo kelvo_static)
 if(TARGET kelvo_qt)
-  add_custom_target(kelvo-qt DEPENDS kelvo_qt)
+  add_custom_target(kelvo-qt DEPENDS kelvo_qt kelvo_qtgui)
 endif()
 
 set(changelog ${PROJECT_BINARY_DIR}/changelog)

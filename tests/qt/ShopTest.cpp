@@ -1,31 +1,38 @@
+#include <csignal>
 #include <filesystem>
 
 #include "road/Road.h"
+#include "support/DisplayServer.h"
 
 namespace kelvo::test {
 namespace {
 
 class Shop : public Road {
  protected:
-  [[nodiscard]] Program run(const std::vector<std::string>& arguments) const {
-    std::vector<std::string> command = {KELVO_QT_SHOP_DRIVER};
+  [[nodiscard]] Program run(const Texts& arguments,
+                            Program::Environment platform = {{"QT_QPA_PLATFORM", "offscreen"}}) const {
+    Texts command = {KELVO_QT_SHOP_DRIVER};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    return Program(command, {{"KELVO_HOME", homeOfLaunches()},
-                             {"KELVO_SERVER_BASE_URL", service.baseURL()},
-                             {"QT_QPA_PLATFORM", "offscreen"}});
+    return Road::run(command, std::move(platform));
   }
   /// Blocks until the start is complete (its last event is klv_app_opened) and the application is in the foreground.
   [[nodiscard]] bool waitUntilInForeground() const {
     const std::string database = homeOfLaunches() + "/Documents/kelvo-db/v1.0.0/com.kelvo.sessions.sqlite";
     return eventually([&] {
-      const auto events = std::filesystem::exists(database) ? storedEvents() : std::vector<std::string>();
+      const auto events = std::filesystem::exists(database) ? storedEvents() : Texts();
       const auto has = [&](const char* id) { return std::count(events.begin(), events.end(), id) > 0; };
       return has("klv_app_opened") && has("FOREGROUND");
     });
   }
+  /// Returns the names of the stored events, without that of the launch.
+  [[nodiscard]] Texts storedByHost() const {
+    auto events = storedEvents();
+    std::erase(events, "klv_app_opened");
+    return events;
+  }
   /// Returns the value at `key` of every event of `kind` that arrived, in order.
-  [[nodiscard]] std::vector<std::string> arrived(const char* kind, std::string_view key = "name") const {
-    std::vector<std::string> all;
+  [[nodiscard]] Texts arrived(const char* kind, std::string_view key = "name") const {
+    Texts all;
     for (const Value& chunk : service.chunks()) {
       const Array events = at(chunk, {"chunk_details", kind}).asArray().value_or(Array());
       for (const Value& event : events) all.push_back(description(at(event, {key})));
@@ -36,11 +43,12 @@ class Shop : public Road {
 
 TEST_F(Shop, AVisitIsDeliveredAsScreensEventsAndActivity) {
   Program visit = run({});
+  // A gap, if reported at once, would be a BACKGROUND and a FOREGROUND. The second window shows the same screen.
+  for (const char* word : {"second", "close", "gap", "away"}) visit.writeLine(word);
   ASSERT_TRUE(service.waitForChunks(1)) << visit.errors();
-  const std::vector<std::string> screens = {"ProductList", "ProductDetail", "Basket",
-                                            "ProductList", "Settings",      "ProductList"};
+  const Texts screens = {"ProductList", "ProductDetail", "Basket", "ProductList", "Settings", "ProductList"};
   EXPECT_EQ(arrived("navigation_events", "navigation_id"), screens) << visit.errors();
-  const std::vector<std::string> titles = {"Products", "Product", "Basket", "Products", "Settings", "Products"};
+  const Texts titles = {"Products", "Product", "Basket", "Products", "Settings", "Products"};
   EXPECT_EQ(arrived("navigation_events"), titles);
   const auto durations = arrived("navigation_events", "duration");
   ASSERT_EQ(durations.size(), screens.size());
@@ -48,13 +56,13 @@ TEST_F(Shop, AVisitIsDeliveredAsScreensEventsAndActivity) {
   EXPECT_LE(Value(durations[1]).asInt64(), 1);
   auto events = arrived("app_events");
   std::erase(events, "klv_app_opened");
-  EXPECT_EQ(events, (std::vector<std::string>{"Add to basket", "Check out", "Settings opened"}));
-  EXPECT_EQ(arrived("system_events"), (std::vector<std::string>{"FOREGROUND", "BACKGROUND"}));
+  EXPECT_EQ(events, (Texts{"Add to basket", "Check out", "Settings opened"}));
+  EXPECT_EQ(arrived("system_events"), (Texts{"FOREGROUND", "BACKGROUND"}));
 
-  visit.writeLine("");
+  visit.writeLine("back");
+  visit.writeLine("away");
   ASSERT_TRUE(service.waitForChunks(2)) << visit.errors();
-  EXPECT_EQ(arrived("system_events"),
-            (std::vector<std::string>{"FOREGROUND", "BACKGROUND", "FOREGROUND", "BACKGROUND"}));
+  EXPECT_EQ(arrived("system_events"), (Texts{"FOREGROUND", "BACKGROUND", "FOREGROUND", "BACKGROUND"}));
   EXPECT_EQ(arrived("navigation_events").size(), screens.size() + 1) << "the screen is reported again after the return";
   visit.closeInput();
   EXPECT_EQ(visit.wait(), 0) << visit.errors();
@@ -67,13 +75,60 @@ TEST_F(Shop, TheFirstScreenAndTheForegroundAreReportedOnceInAnyOrderOfOpening) {
     moveToFreshHome(steps);
     Program opened = run({"", steps});
     ASSERT_TRUE(waitUntilInForeground()) << steps << opened.errors();
-    opened.closeInput();  // it exits in the foreground, which also ends the screen; the events stay in the database
+    opened.closeInput();  // it quits in the foreground, which also ends the screen; the events stay in the database
     EXPECT_EQ(opened.wait(), 0) << steps << opened.errors();
     EXPECT_EQ(count(opened.errors(), "Ignoring screen notification"), 0U) << steps << opened.errors();
-    auto events = storedEvents();
-    std::erase(events, "klv_app_opened");
-    EXPECT_EQ(events, (std::vector<std::string>{"FOREGROUND", "BACKGROUND", "ProductList"})) << steps;
+    EXPECT_EQ(storedByHost(), (Texts{"FOREGROUND", "BACKGROUND", "ProductList"})) << steps;
   }
+}
+
+TEST_F(Shop, APageThatChangesInTheBackgroundWaitsForTheReturn) {
+  Program visit = run({"", "ais"});
+  ASSERT_TRUE(waitUntilInForeground()) << visit.errors();
+  visit.writeLine("away");
+  ASSERT_TRUE(service.waitForChunks(1)) << visit.errors();
+  for (const char* word : {"basket", "list", "basket", "back", "away"}) visit.writeLine(word);
+  ASSERT_TRUE(service.waitForChunks(2)) << visit.errors();
+  EXPECT_EQ(arrived("navigation_events", "navigation_id"), (Texts{"ProductList", "Basket"}))
+      << "each screen that the user saw counts once";
+}
+
+TEST_F(Shop, EveryOrderlyEndEndsTheStretch) {
+  const std::pair<const char*, int> allEnds[] = {{"exit", 0}, {"", SIGTERM}, {"", SIGINT}};
+  for (const auto& [word, signal] : allEnds) {
+    moveToFreshHome(word + std::to_string(signal));
+    Program opened = run({"", "ais"});
+    ASSERT_TRUE(waitUntilInForeground()) << opened.errors();
+    signal != 0 ? opened.kill(signal) : opened.writeLine(word);
+    EXPECT_EQ(opened.wait(), 0) << opened.errors();
+    EXPECT_EQ(storedByHost(), (Texts{"FOREGROUND", "BACKGROUND", "ProductList"})) << word << signal;
+  }
+  moveToFreshHome("early");
+  EXPECT_EQ(run({"", "aisk"}).wait(), 0) << "a signal before the event loop runs is not lost";
+}
+
+TEST_F(Shop, WithoutAWindowManagerAVisibleWindowIsInTheForeground) {
+  const auto bare = DisplayServer::start(DisplayServer::Manager::none);
+  if (bare == nullptr) GTEST_SKIP() << "there is no Xvfb";
+  Program opened = run({"", "ais"}, bare->environment());
+  ASSERT_TRUE(waitUntilInForeground()) << opened.errors();
+  opened.closeInput();
+  EXPECT_EQ(opened.wait(), 0) << opened.errors();
+  EXPECT_EQ(storedByHost(), (Texts{"FOREGROUND", "BACKGROUND", "ProductList"}));
+}
+
+TEST_F(Shop, UnderAWindowManagerTheFocusCountsAndTwoWindowsOfOneClassAreOneScreen) {
+  const auto desktop = DisplayServer::start(DisplayServer::Manager::openbox);
+  if (desktop == nullptr) GTEST_SKIP() << "there is no Xvfb or openbox";
+  Program first = run({"", "ais"}, desktop->environment());
+  ASSERT_TRUE(waitUntilInForeground()) << first.errors();
+  for (const char* word : {"second", "close"}) first.writeLine(word);
+  moveToFreshHome("other");
+  Program other = run({"", "ais"}, desktop->environment());
+  ASSERT_TRUE(service.waitForChunks(1)) << "the first one has lost the focus" << first.errors();
+  EXPECT_EQ(arrived("system_events"), (Texts{"FOREGROUND", "BACKGROUND"}));
+  EXPECT_EQ(arrived("navigation_events", "navigation_id"), Texts{"ProductList"});
+  EXPECT_EQ(count(first.errors(), "Ignoring screen notification"), 0U) << first.errors();
 }
 
 }  // namespace

@@ -3,18 +3,21 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QDialog>
+#include <QFileDialog>
 #include <QLabel>
 #include <QListWidget>
 #include <QMainWindow>
 #include <QMenu>
 #include <QPushButton>
 #include <QScrollBar>
+#include <QStackedLayout>
 #include <QStackedWidget>
 #include <QStringListModel>
 #include <QTabWidget>
 #include <QTableWidget>
 #include <QTreeWidget>
 #include <QVBoxLayout>
+#include <QWizard>
 #include <QtTest/QTest>
 #include <atomic>
 #include <thread>
@@ -22,6 +25,7 @@
 #include "adapters/qt/ItemCells.h"
 #include "adapters/qt/ScreenFollower.h"
 #include "adapters/qt/WidgetClasses.h"
+#include "adapters/qtgui/Foreground.h"
 #include "core/KLVController.h"
 #include "kelvo/KelvoSDK.h"
 #include "kelvo/Plugin.h"
@@ -72,6 +76,16 @@ class Widgets : public testing::Test {
 
   static std::shared_ptr<View> find(const char* identifier, const char* type) {
     return KLVUtilities::getViewWithIdentifier(std::string(identifier), type);
+  }
+  /// Returns the name and the title of the screen in front.
+  static std::string shown(qt::ScreenFollower& screens) {
+    const auto screen = screens.screenInFront();
+    return screen == nullptr ? "none" : screen->className() + "/" + screen->title().value_or("-");
+  }
+  static void activate(QWidget& window) {
+    window.show();
+    window.activateWindow();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == &window; }));
   }
   /// Returns the class of the view, "-" if none is found.
   static std::string found(const char* identifier, const char* type = "p") {
@@ -238,15 +252,7 @@ TEST_F(Widgets, CellsAreTheVisibleRows) {
 
 TEST_F(Widgets, TheScreenIsThePageTabOrDialogInFront) {
   qt::ScreenFollower screens;
-  const auto shown = [&] {
-    const auto screen = screens.takeShown();
-    return screen == nullptr ? "none" : screen->className() + "/" + screen->title().value_or("-");
-  };
-  const auto activate = [](QWidget& window) {
-    window.show();
-    window.activateWindow();
-    EXPECT_TRUE(QTest::qWaitForWindowActive(&window));
-  };
+  const auto shown = [&] { return Widgets::shown(screens); };
   window_->setWindowTitle("Shop[*]");
   EXPECT_EQ(shown(), "QMainWindow/Shop");
 
@@ -294,30 +300,107 @@ TEST_F(Widgets, TheScreenIsThePageTabOrDialogInFront) {
   EXPECT_EQ(shown(), "none");
 }
 
-TEST_F(Widgets, ALookupDoesNotSuppressTheReportOfAScreen) {
-  std::vector<std::string> reported;
-  const auto observation =
-      NotificationCenter::defaultCenter().observe(kDidShowViewController, [&reported](const std::any& screen) {
-        MainQueue::async([&reported, name = std::any_cast<Screen>(screen).className] { reported.push_back(name); });
-      });
-  auto* pages = new QStackedWidget;
-  for (const char* name : {"first", "second"}) {
-    auto* page = new QWidget;
-    page->setObjectName(name);
-    pages->addWidget(page);
+TEST_F(Widgets, StepsAndLayoutsArePagesButNotTheStacksInsideOfQtsDialogs) {
+  qt::ScreenFollower screens;
+  const auto shown = [&] { return Widgets::shown(screens); };
+  window_->setWindowTitle("Shop");
+  auto* page = new QWidget;
+  auto* column = new QVBoxLayout(page);
+  auto* stack = new QStackedLayout;
+  column->addWidget(new QLabel("Heading"));
+  column->addLayout(stack);
+  auto* first = new QStackedWidget;
+  first->addWidget(new BuyButton("Buy"));
+  stack->addWidget(first);
+  stack->addWidget(new QTreeWidget);
+  stack->widget(1)->setObjectName("orders");
+  window_->setCentralWidget(page);
+  QCoreApplication::processEvents();
+  EXPECT_EQ(shown(), "BuyButton/Shop");
+  stack->setCurrentIndex(1);
+  EXPECT_EQ(shown(), "orders/Shop");
+
+  struct Payment final : QWizardPage {};
+  QWizard wizard(window_.get());
+  wizard.setObjectName("Order");
+  for (QWizardPage* step : {new QWizardPage, static_cast<QWizardPage*>(new Payment), new QWizardPage}) {
+    step->setTitle(QString("Step %1").arg(wizard.addPage(step)));
   }
-  window_->setCentralWidget(pages);
+  activate(wizard);
+  EXPECT_EQ(shown(), "Order-0/Step 0");
+  wizard.next();
+  EXPECT_EQ(shown(), "Payment/Step 1");
+  wizard.next();
+  EXPECT_EQ(shown(), "Order-2/Step 2");
+  wizard.close();
+
+  struct OpenPicture final : QFileDialog {
+    using QFileDialog::QFileDialog;
+  } files(window_.get());
+  files.setOption(QFileDialog::DontUseNativeDialog);
+  files.setWindowTitle("Open");
+  files.resize(900, 900);
+  activate(files);
+  EXPECT_EQ(shown(), "OpenPicture/Open");
+  QDialog notes(window_.get());
+  notes.resize(900, 900);
+  auto* sheets = new QStackedWidget(&notes);
+  sheets->resize(900, 900);
+  sheets->addWidget(new BuyButton("Note"));
+  activate(notes);
+  EXPECT_EQ(shown(), "BuyButton/-");
+  activate(*window_);
+  EXPECT_EQ(shown(), "orders/Shop") << "the stacks of another window are not pages of this one";
+}
+
+TEST_F(Widgets, AHostNamesItsWindowsAndPages) {
+  qt::ScreenFollower screens;
+  struct Document final : QMainWindow {};
+  Document document;
+  activate(document);
+  EXPECT_EQ(shown(screens), "Document/-");
+  document.setObjectName("left");
+  EXPECT_EQ(shown(screens), "left/-");
+  document.setCentralWidget(new QStackedWidget);
+  auto* page = new BuyButton("Buy");
+  static_cast<QStackedWidget*>(document.centralWidget())->addWidget(page);
+  page->setObjectName("buy");
+  QCoreApplication::processEvents();
+  EXPECT_EQ(shown(screens), "BuyButton/-") << "the class of a page already names it";
+  page->setProperty(qt::kScreenProperty, "Checkout");
+  EXPECT_EQ(shown(screens), "Checkout/-");
+}
+
+TEST_F(Widgets, AScreenIsAnnouncedAndReportedOnceAndALookupDoesNotSuppressIt) {
+  std::vector<std::string> reported;
+  std::vector<NotificationCenter::Observation> observations;
+  for (const auto& [notification, prefix] :
+       {std::pair(kWillShowViewController, "will show "), std::pair(kDidShowViewController, "shows ")}) {
+    const auto note = [&reported, prefix = prefix](const std::any& screen) {
+      MainQueue::async(
+          [&reported, text = prefix + std::any_cast<Screen>(screen).className] { reported.push_back(text); });
+    };
+    observations.push_back(NotificationCenter::defaultCenter().observe(notification, note));
+  }
+  auto* page = new QWidget;
+  auto* pages = new QStackedLayout(page);
+  pages->setStackingMode(QStackedLayout::StackAll);
+  for (const char* name : {"first", "second"}) {
+    pages->addWidget(new QWidget);
+    pages->widget(pages->count() - 1)->setObjectName(name);
+  }
+  window_->setCentralWidget(page);
   QTest::qWait(20);
   EXPECT_TRUE(reported.empty()) << "the library has not started";
   KelvoSDK::initializeKelvoWithID("shop");
   bool isLookedUp = false;
   KLVController::sharedController().whenStored([&] { MainQueue::async([&] { isLookedUp = true; }); });
-  ASSERT_TRUE(QTest::qWaitFor([&] { return isLookedUp; }, 20000));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return isLookedUp && qt::Foreground::isActive(); }, 20000));
   EXPECT_EQ(KLVUtilities::keyWindow()->rootViewController()->className(), "first");
   pages->setCurrentIndex(1);
   EXPECT_EQ(found("17", "t"), "-");
-  EXPECT_TRUE(QTest::qWaitFor([&] { return !reported.empty(); }, 20000));
-  EXPECT_EQ(reported, std::vector<std::string>{"second"});
+  EXPECT_TRUE(QTest::qWaitFor([&] { return reported.size() > 1; }, 20000));
+  EXPECT_EQ(reported, (std::vector<std::string>{"will show second", "shows second"}));
 }
 
 TEST_F(Widgets, TasksRunWhileAnotherTaskShowsADialog) {

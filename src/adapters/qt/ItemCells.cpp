@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "adapters/qt/WeakWidget.h"
+#include "adapters/qtgui/WeakObject.h"
 
 namespace kelvo::qt {
 namespace {
@@ -93,7 +93,7 @@ class Cell final : public View {
     return list != nullptr && list->viewMode() == QListView::IconMode;
   }
 
-  WeakWidget<QAbstractItemView> items_;
+  WeakObject<QAbstractItemView> items_;
   std::shared_ptr<Row> row_;
 };
 

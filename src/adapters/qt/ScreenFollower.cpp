@@ -2,14 +2,17 @@
 
 #include <QApplication>
 #include <QEvent>
+#include <QStackedLayout>
 #include <QStackedWidget>
 #include <QTabBar>
 #include <QTabWidget>
-#include <utility>
+#include <QWizard>
+#include <string>
 
-#include "adapters/qt/WeakWidget.h"
 #include "adapters/qt/WidgetClasses.h"
-#include "kelvo/Application.h"
+#include "adapters/qt/WidgetTree.h"
+#include "adapters/qtgui/WeakObject.h"
+#include "kelvo/Qt.h"
 
 namespace kelvo::qt {
 namespace {
@@ -57,25 +60,41 @@ QWidget* windowInFront(QWidget* before) {
   return largest;
 }
 
-/// Returns the current page of the largest stack of pages in `widget`, at any depth. Returns `widget` if it has no
-/// pages.
-QWidget* pageInFront(QWidget* widget) {
-  if (auto* pages = qobject_cast<QStackedWidget*>(widget)) {
-    return pages->currentWidget() == nullptr ? widget : pageInFront(pages->currentWidget());
+/// Returns whether `widget` is, or is inside of, a dialog that Qt draws (to choose a file, to print). Its stacks are no
+/// pages of the host's. A wizard is none of these: the host makes its pages.
+bool isInDialogOfQt(const QWidget* widget) {
+  for (; widget != nullptr; widget = widget->isWindow() ? nullptr : widget->parentWidget()) {
+    const std::string nearest = nearestClassOfQt(*widget);
+    if (widget->inherits("QDialog") && nearest != "QDialog" && nearest != "QWizard") return true;
   }
-  QStackedWidget* largest = nullptr;
-  for (QStackedWidget* pages : widget->findChildren<QStackedWidget*>()) {
-    if (!pages->isVisibleTo(widget) || pages->currentWidget() == nullptr) continue;
-    // The recursion below finds stacks inside the pages of another stack.
-    if (largest != nullptr && (largest->isAncestorOf(pages) || areaOf(*pages) <= areaOf(*largest))) continue;
-    largest = pages;
-  }
-  return largest == nullptr ? widget : pageInFront(largest->currentWidget());
+  return false;
 }
 
-QWidget* screenInFront(const QWidget* before) {
-  QWidget* window = windowInFront(before != nullptr ? before->window() : nullptr);
-  return window == nullptr ? nullptr : pageInFront(window);
+/// Returns the current page of the largest stack of pages in `widget`, at any depth, or the current step of a wizard.
+/// Returns `widget` if it has no pages.
+QWidget* pageInFront(QWidget* widget) {
+  if (const auto* wizard = qobject_cast<QWizard*>(widget)) {
+    return wizard->currentPage() == nullptr ? widget : pageInFront(wizard->currentPage());
+  }
+  QWidget* largest = nullptr;
+  for (const QStackedLayout* stack : widget->findChildren<QStackedLayout*>()) {  // a QStackedWidget has one, too
+    QWidget* page = stack->currentWidget();
+    if (page == nullptr || !page->isVisibleTo(widget) || page->window() != widget->window()) continue;
+    if (isInDialogOfQt(page)) continue;
+    // The recursion below finds stacks inside the pages of another stack.
+    if (largest != nullptr && (largest->isAncestorOf(page) || areaOf(*page) <= areaOf(*largest))) continue;
+    largest = page;
+  }
+  return largest == nullptr ? widget : pageInFront(largest);
+}
+
+/// Returns the stack in `layout`, at any depth, that has `page`. nullptr if there is none.
+QStackedLayout* stackWith(QWidget& page, QLayout* layout) {
+  if (auto* stack = qobject_cast<QStackedLayout*>(layout)) return stack->indexOf(&page) < 0 ? nullptr : stack;
+  for (int i = 0; layout != nullptr && i < layout->count(); ++i) {
+    if (auto* stack = stackWith(page, layout->itemAt(i)->layout())) return stack;
+  }
+  return nullptr;
 }
 
 /// Returns "Fish & Chips" for "&Fish && Chips".
@@ -100,44 +119,81 @@ QString withoutPlaceholder(QString title) {
   return title.remove(QStringLiteral("[*]")).trimmed();
 }
 
+/// Returns whether the object name of `widget` names its screen. That of a page does if its class is one of Qt's own.
+/// That of a window does unless Qt has set it: each QFileDialog has the name of its class.
+bool hasNameOfHost(const QWidget& widget) {
+  const QString name = widget.objectName();
+  if (name.isEmpty() || isOfQtsOwnClass(widget)) return !name.isEmpty();
+  return widget.isWindow() && name.toStdString() != nearestClassOfQt(widget);
+}
+
+/// Returns the name by which the library knows the screen `widget`.
+QString nameOf(const QWidget& widget);
+
+/// Returns the name of a step of a wizard that has none of its own.
+QString nameOfStep(const QWizardPage& step) {
+  for (const QWidget* owner = step.parentWidget(); owner != nullptr; owner = owner->parentWidget()) {
+    const auto* wizard = qobject_cast<const QWizard*>(owner);
+    if (wizard == nullptr) continue;
+    for (const int id : wizard->pageIds()) {
+      if (wizard->page(id) == &step) return QStringLiteral("%1-%2").arg(nameOf(*wizard)).arg(id);
+    }
+  }
+  return QStringLiteral("QWizardPage");
+}
+
+QString nameOf(const QWidget& widget) {
+  if (const QString name = widget.property(kScreenProperty).toString(); !name.isEmpty()) return name;
+  if (hasNameOfHost(widget)) return widget.objectName();
+  const auto* step = qobject_cast<const QWizardPage*>(&widget);
+  if (step != nullptr && isOfQtsOwnClass(widget)) return nameOfStep(*step);
+  return QString::fromStdString(classNameOf(widget));
+}
+
+/// Returns the text above `page` in its tab widget or wizard, empty if it is in neither.
+QString headingOf(QWidget& page) {
+  const auto* step = qobject_cast<const QWizardPage*>(&page);
+  return step != nullptr ? step->title() : tabTextOf(page);
+}
+
 class ScreenController final : public ViewController {
  public:
-  explicit ScreenController(QWidget& widget) : widget_(&widget) {
-    const bool named = isOfQtsOwnClass(widget) && !widget.objectName().isEmpty();
-    className_ = named ? widget.objectName().toStdString() : classNameOf(widget);
-  }
+  explicit ScreenController(QWidget& widget) : widget_(&widget), className_(nameOf(widget).toStdString()) {}
   [[nodiscard]] std::string className() const override { return className_; }
   [[nodiscard]] std::optional<std::string> title() const override {
     if (!widget_) return std::nullopt;
-    for (const QString& title : {widget_->windowTitle(), tabTextOf(*widget_), widget_->window()->windowTitle()}) {
+    for (const QString& title : {widget_->windowTitle(), headingOf(*widget_), widget_->window()->windowTitle()}) {
       if (const QString text = withoutPlaceholder(title); !text.isEmpty()) return text.toStdString();
     }
     return std::nullopt;
   }
 
  private:
-  WeakWidget<QWidget> widget_;
+  WeakObject<QWidget> widget_;
   std::string className_;
 };
 
 /// Returns whether a change of `widget` can change the screen in front.
-bool concernsScreens(const QWidget& widget) {
-  return widget.isWindow() || qobject_cast<QStackedWidget*>(widget.parentWidget()) != nullptr;
+bool concernsScreens(QWidget& widget) {
+  if (widget.isWindow() || qobject_cast<QWizardPage*>(&widget) != nullptr) return true;
+  return widget.parentWidget() != nullptr && stackWith(widget, widget.parentWidget()->layout()) != nullptr;
 }
 
 }  // namespace
 
 ScreenFollower::ScreenFollower() {
-  soon_.setSingleShot(true);
-  soon_.setInterval(0);
-  connect(&soon_, &QTimer::timeout, this, [this] { report(); });
   qApp->installEventFilter(this);
-  soon_.start();
 }
 
-std::shared_ptr<ViewController> ScreenFollower::takeShown() {
-  shown_ = screenInFront(shown_);
-  return shown_ ? std::make_shared<ScreenController>(*shown_) : nullptr;
+std::vector<std::shared_ptr<Window>> ScreenFollower::windows() {
+  return visibleWindows();
+}
+
+std::shared_ptr<ViewController> ScreenFollower::screenInFront() {
+  QWidget* window = windowInFront(before_ != nullptr ? before_->window() : nullptr);
+  if (window == nullptr) return nullptr;
+  before_ = pageInFront(window);
+  return std::make_shared<ScreenController>(*before_);
 }
 
 bool ScreenFollower::eventFilter(QObject* watched, QEvent* event) {
@@ -145,23 +201,16 @@ bool ScreenFollower::eventFilter(QObject* watched, QEvent* event) {
     case QEvent::Show:
     case QEvent::Hide:
     case QEvent::WindowActivate:
-      if (watched->isWidgetType() && concernsScreens(*static_cast<QWidget*>(watched))) soon_.start();
+    case QEvent::ZOrderChange:  // a stack may show all pages, the current one above the others
+      if (watched->isWidgetType() && concernsScreens(*static_cast<QWidget*>(watched))) screensMayHaveChanged();
       break;
     default: break;
   }
   return false;
 }
 
-void ScreenFollower::report() {
-  QWidget* before = shown_;
-  const auto screen = takeShown();
-  if (screen == nullptr) {
-    shown_ = before;  // all windows are hidden; if the same screen returns, it is not reported again
-    return;
-  }
-  if (shown_ == before) return;
-  Application::willShow(screen);
-  Application::didShow(screen);
+void attach(QApplication& application) noexcept {
+  if (attachApplication(application)) addToolkit(std::make_unique<ScreenFollower>());
 }
 
 }  // namespace kelvo::qt

@@ -2,31 +2,28 @@
 
 #include <QObject>
 #include <QPointer>
-#include <QTimer>
 #include <QWidget>
 #include <memory>
+#include <vector>
 
-#include "kelvo/ViewTree.h"
+#include "adapters/qtgui/Toolkit.h"
 
 namespace kelvo::qt {
 
-/// Watches windows, pages and dialogs, and reports each change of the screen in front to the library. Thread: the main
-/// thread only.
-class ScreenFollower final : public QObject {
+/// The windows and screens of Qt Widgets. Watches windows, pages and dialogs for changes of the screen in front.
+/// Thread: the main thread only.
+class ScreenFollower final : public QObject, public Toolkit {
  public:
   ScreenFollower();
 
-  /// Returns the screen in front and counts it as reported. nullptr if no window is visible.
-  [[nodiscard]] std::shared_ptr<ViewController> takeShown();
+  std::vector<std::shared_ptr<Window>> windows() override;
+  std::shared_ptr<ViewController> screenInFront() override;
 
  protected:
   bool eventFilter(QObject* watched, QEvent* event) override;
 
  private:
-  void report();
-
-  QPointer<QWidget> shown_;  // the screen reported last
-  QTimer soon_;              // delays `report` until the current events are over, as several widgets change together
+  QPointer<QWidget> before_;  // the last screen in front
 };
 
 }  // namespace kelvo::qt

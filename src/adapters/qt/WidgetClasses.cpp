@@ -68,6 +68,11 @@ std::string fullNameOf(const QWidget& widget) {
   return status == 0 ? name.get() : widget.metaObject()->className();
 }
 
+/// Returns whether a class `name`, with its namespace, belongs to Qt.
+bool isNameOfQt(std::string_view name) {
+  return name.size() > 1 && name[0] == 'Q' && name[1] >= 'A' && name[1] <= 'Z' && name.find(':') == name.npos;
+}
+
 }  // namespace
 
 std::string classNameOf(const QWidget& widget) {
@@ -88,9 +93,14 @@ std::vector<std::string> superclassNamesOf(const QWidget& widget) {
   return names;
 }
 
+std::string nearestClassOfQt(const QWidget& widget) {
+  const QMetaObject* level = widget.metaObject();
+  while (!isNameOfQt(level->className())) level = level->superClass();  // at the end there is QObject
+  return level->className();
+}
+
 bool isOfQtsOwnClass(const QWidget& widget) {
-  const auto name = fullNameOf(widget);
-  return name.size() > 1 && name[0] == 'Q' && name[1] >= 'A' && name[1] <= 'Z' && name.find(':') == std::string::npos;
+  return isNameOfQt(fullNameOf(widget));
 }
 
 }  // namespace kelvo::qt

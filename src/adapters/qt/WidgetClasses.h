@@ -14,6 +14,9 @@ namespace kelvo::qt {
 /// of Qt's own classes gets that name, too.
 [[nodiscard]] std::vector<std::string> superclassNamesOf(const QWidget& widget);
 
+/// Returns the nearest of Qt's own classes from which the class of `widget` inherits, or which it is.
+[[nodiscard]] std::string nearestClassOfQt(const QWidget& widget);
+
 /// Returns whether the class of `widget` belongs to Qt, and so does not identify a screen.
 [[nodiscard]] bool isOfQtsOwnClass(const QWidget& widget);
 

@@ -1,14 +1,12 @@
 #include "adapters/qt/WidgetTree.h"
 
 #include <QApplication>
-#include <QFontDatabase>
-#include <QFontInfo>
 #include <QGraphicsOpacityEffect>
-#include <utility>
 
 #include "adapters/qt/ItemCells.h"
-#include "adapters/qt/WeakWidget.h"
 #include "adapters/qt/WidgetClasses.h"
+#include "adapters/qtgui/Toolkit.h"
+#include "adapters/qtgui/WeakObject.h"
 #include "kelvo/Qt.h"
 
 namespace kelvo::qt {
@@ -59,64 +57,25 @@ class WidgetNode : public Base {
   }
 
  protected:
-  WeakWidget<QWidget> widget_;
+  WeakObject<QWidget> widget_;
 };
 
 class WindowNode final : public WidgetNode<Window> {
  public:
-  WindowNode(QWidget* widget, WidgetTree::ScreenLookup takeShownScreen)
-      : WidgetNode(widget), takeShownScreen_(std::move(takeShownScreen)) {}
+  using WidgetNode::WidgetNode;
   /// Returns true for one window at most. QWidget::isActiveWindow would also return true for every open menu.
   [[nodiscard]] bool isKey() const override { return widget_ && QApplication::activeWindow() == widget_.get(); }
-  [[nodiscard]] std::shared_ptr<ViewController> rootViewController() const override { return takeShownScreen_(); }
-
- private:
-  WidgetTree::ScreenLookup takeShownScreen_;
+  [[nodiscard]] std::shared_ptr<ViewController> rootViewController() const override { return takeScreenInFront(); }
 };
-
-QString withoutSpaces(QString text) {
-  return text.remove(u' ');
-}
 
 }  // namespace
 
-std::vector<std::shared_ptr<Window>> WidgetTree::windows() {
-  noteThatLibraryHasStarted();
-  return visibleWindows();
-}
-
-/// The public API does not tell an adapter when the library has started. But the library looks up the windows only
-/// after its start: at first to find the screen in front, which it then reports itself. So the first lookup means that
-/// the library has started, and the adapter starts to report here. An earlier report would be lost. If the adapter
-/// started later, it would report the first screen again.
-void WidgetTree::noteThatLibraryHasStarted() const {
-  startReporting_();
-}
-
-std::vector<std::shared_ptr<Window>> WidgetTree::visibleWindows() const {
+std::vector<std::shared_ptr<Window>> visibleWindows() {
   std::vector<std::shared_ptr<Window>> windows;
   for (QWidget* widget : QApplication::topLevelWidgets()) {
-    if (widget->isVisible()) windows.push_back(std::make_shared<WindowNode>(widget, takeShownScreen_));
+    if (widget->isVisible()) windows.push_back(std::make_shared<WindowNode>(widget));
   }
   return windows;
-}
-
-std::optional<Font> WidgetTree::font(const Dictionary& attributes, double size) const {
-  const auto textAt = [&](std::string_view key) {
-    return QString::fromStdString(attributes[key].asText().value_or(std::string()));
-  };
-  QString family = textAt(kFontFamilyAttribute);
-  const QString face = textAt(kFontFaceAttribute);
-  if (family.isEmpty()) family = textAt(kFontNameAttribute);
-  if (family.isEmpty() && face.isEmpty()) return std::nullopt;
-  if (family.isEmpty()) family = QApplication::font().family();
-  if (!QFontDatabase::hasFamily(family)) return std::nullopt;
-  const QFont font = QFontDatabase::font(family, face, static_cast<int>(size));
-  const QFontInfo actual(font);
-  const QString style =
-      withoutSpaces(actual.styleName().isEmpty() ? QFontDatabase::styleString(actual) : actual.styleName());
-  const QString name = withoutSpaces(actual.family()) + (style.isEmpty() ? QString() : u'-' + style);
-  return Font{name.toStdString(), size};
 }
 
 }  // namespace kelvo::qt

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <exception>
 
-#include "kelvo/Qt.h"
+#include "kelvo/QtGui.h"
 
 namespace kelvo::qt {
 namespace {

@@ -1,4 +1,4 @@
-#include "adapters/qt/MainLoopRelay.h"
+#include "adapters/qtgui/MainLoopRelay.h"
 
 #include <QCoreApplication>
 #include <QEvent>
