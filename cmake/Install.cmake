@@ -1,5 +1,6 @@
 # Rules for `cmake --install` and `cpack -G DEB`. The components are also the Debian packages:
 #   kelvo        the shared library
+#   kelvo-c      the C interface to it
 #   kelvo-dev    headers, static library, documents, and files for find_package and pkg-config
 #   kelvo-qt     the adapter to Qt
 #   kelvo-tools  the tools and their man pages
@@ -11,8 +12,9 @@ include(CMakePackageConfigHelpers)
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME kelvo-dev)
 set(CMAKE_INSTALL_DOCDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-dev)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Kelvo)
-set(packages kelvo kelvo-dev)
+set(packages kelvo kelvo-c kelvo-dev)
 install(TARGETS kelvo EXPORT KelvoTargets LIBRARY COMPONENT kelvo NAMELINK_COMPONENT kelvo-dev)
+install(TARGETS kelvo-c EXPORT KelvoTargets LIBRARY COMPONENT kelvo-c NAMELINK_COMPONENT kelvo-dev)
 install(TARGETS kelvo_static EXPORT KelvoStaticTargets)
 install(DIRECTORY include/kelvo TYPE INCLUDE PATTERN "Qt*.h" EXCLUDE)
 install(EXPORT KelvoTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
@@ -27,7 +29,7 @@ install(DIRECTORY docs TYPE DOC)  # as a subdirectory, so that the links in READ
 
 # The .pc files compute the prefix from their own location, so an installed tree can be moved.
 file(RELATIVE_PATH to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-foreach(pc kelvo kelvo-static)
+foreach(pc kelvo kelvo-c kelvo-static)
   configure_file(cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
@@ -71,8 +73,8 @@ if(TARGET kelvo-server)
   install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
   install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
 endif()
-# The targets kelvo, kelvo-tools and kelvo-server are also components. These are the other two.
-add_custom_target(kelvo-dev DEPENDS kelvo kelvo_static)
+# The targets kelvo, kelvo-c, kelvo-tools and kelvo-server are also components. These are the other two.
+add_custom_target(kelvo-dev DEPENDS kelvo kelvo-c kelvo_static)
 if(TARGET kelvo_qt)
   add_custom_target(kelvo-qt DEPENDS kelvo_qt kelvo_qtgui)
 endif()
@@ -98,6 +100,7 @@ set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_COMPONENTS_ALL ${packages})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)  # of the packages' own libraries
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 
 # kelvo_package(<component> <section> <depends> <recommends> <summary> <description>)
@@ -124,8 +127,11 @@ endif()
 kelvo_package(kelvo libs "${curl_package}" "" "client-side analytics for C++ applications (library)"
   "Kelvo records sessions, screens, events and errors of an application in a\nlocal database, and uploads them over HTTPS.")
 set(CPACK_DEBIAN_KELVO_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+kelvo_package(kelvo-c libs "kelvo ${same}" "" "client-side analytics for C and other languages (library)"
+  "The C interface of Kelvo, for programs in C and bindings to other languages.")
+set(CPACK_DEBIAN_KELVO-C_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 # The recommended packages are those that a program with the static library links.
-kelvo_package(kelvo-dev libdevel "kelvo ${same}"
+kelvo_package(kelvo-dev libdevel "kelvo ${same}, kelvo-c ${same}"
   "libsqlite3-dev, libcurl4-openssl-dev, libplist-dev, libfmt-dev, pkg-config"
   "client-side analytics for C++ applications (development)"
   "Headers, the static library, the documents, and the files for CMake and\npkg-config.")

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <string_view>
 
 #include "kelvo/Export.h"
 #include "kelvo/Log.h"
@@ -43,6 +44,9 @@ class KELVO_EXPORT Application {
   /// log thread calls `sink` once per line, without the line feed, and ignores its exceptions. A replaced sink may
   /// still be called for a line that is already being written.
   static void setLogSink(LogSink sink) noexcept;
+  /// Writes a line of an adapter to the library's log, under the same rules as the library's own. A line of the level
+  /// `off` is not written.
+  static void writeLogLine(LogLevel level, std::string_view line) noexcept;
 
   /// Hands over the host's windows and views, so that actions of the service can point at a view; nullptr removes them.
   /// The first tree is also asked for the screen that shows at that time, or at the start if that comes later.

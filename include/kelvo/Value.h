@@ -131,6 +131,10 @@ class KELVO_EXPORT Value {
   template <class T>
   Value(std::optional<T> value) : Value(value ? Value(*std::move(value)) : Value()) {}
 
+  /// Returns the value of a JSON text. Integers stay integers. Returns nullopt, with the reason in `error`, if `text`
+  /// is not JSON or nests deeper than 256 levels.
+  [[nodiscard]] static std::optional<Value> fromJSON(std::string_view text, std::string* error = nullptr);
+
   [[nodiscard]] bool isNull() const noexcept { return std::holds_alternative<std::monostate>(content_); }
   /// Returns true for a bool, an integer or a floating-point number.
   [[nodiscard]] bool isNumber() const noexcept;

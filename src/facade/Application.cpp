@@ -112,6 +112,12 @@ void Application::setLogSink(LogSink sink) noexcept {
   guardedAlways([&] { KLVLogger::setSink(std::move(sink)); });
 }
 
+void Application::writeLogLine(LogLevel level, std::string_view line) noexcept {
+  guardedAlways([&] {
+    if (level < LogLevel::off) KLV_LOG(level, "{}", sanitised(std::optional<std::string>(line)));
+  });
+}
+
 void Application::setViewTree(std::shared_ptr<ViewTree> tree) noexcept {
   guarded([&] {
     HostInterface::setViewTree(std::move(tree));

@@ -95,6 +95,10 @@ Exact exact(const Value& number) noexcept {
 
 }  // namespace
 
+std::optional<Value> Value::fromJSON(std::string_view text, std::string* error) {
+  return parseJSON(text, error);
+}
+
 bool Value::isNumber() const noexcept {
   return isInteger() || get<bool>() != nullptr || get<double>() != nullptr || get<float>() != nullptr;
 }

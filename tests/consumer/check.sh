@@ -3,6 +3,7 @@
 #   install                               installs the library of BUILD, for the ways that need it
 #   shared, static, pkg-config            builds a consumer, which must start from its bundle and deliver its event
 #   checkout, clang                       the same with Kelvo as a sub-project of hosts with unusual settings
+#   c, rust, go, perl                     build examples/*/hello.*, which must deliver its event; c with both libraries
 #   plugin                                builds examples/nag, whose bundle gets a plug-in in a shared object, and runs it;
 #                                         configures it again with Kelvo as a sub-project
 #   demo                                  scripts/demo, whose unity build must compile
@@ -11,6 +12,7 @@
 set -euo pipefail
 way=$1 build=$2
 here=$(cd "$(dirname "$0")" && pwd)
+examples=$(realpath "$here/../../examples")
 prefix=$build/consumer/prefix work=$build/consumer/$way
 strict=(-Wall -Wextra -Weffc++ -Wuseless-cast -Werror) # a host's warnings, which our headers must not cause
 
@@ -34,16 +36,41 @@ delivered() {
   curl -fsS "$KELVO_SERVER_BASE_URL/debug/requests" | python3 "$here/expect.py"
 }
 
+# arrived NAME: prints how many events of this name the collector has.
+arrived() {
+  curl -fsS "$KELVO_SERVER_BASE_URL/debug/counts" | python3 -c 'import json, sys
+print(sum(row["count"] for row in json.load(sys.stdin)["byName"] if row["name"] == sys.argv[1]))' "$1"
+}
+
 # first_program PROGRAM: runs the README's first program, which must deliver its event once, before it ends, and print
 # nothing.
 first_program() {
   local output purchases
   output=$("$1" 2>&1)
   [[ -z $output ]] || { echo "the README's program prints: $output"; return 1; }
-  purchases=$(curl -fsS "$KELVO_SERVER_BASE_URL/debug/counts" | python3 -c 'import json, sys
-print(sum(row["count"] for row in json.load(sys.stdin)["byName"] if row["name"] == "Purchase"))')
+  purchases=$(arrived Purchase)
   [[ $purchases == 1 ]] || { echo "the README's purchase arrived $purchases times"; return 1; }
 }
+
+# says_hello PROGRAM...: runs each example, which must deliver its greeting once, before it ends, and print nothing.
+says_hello() {
+  local program output greetings=0
+  for program; do
+    output=$("$program" 2>&1) || { echo "$program fails: $output"; return 1; }
+    [[ -z $output ]] || { echo "$program prints: $output"; return 1; }
+    greetings=$((greetings + 1))
+    [[ $(arrived Greeting) == "$greetings" ]] || { echo "$program delivers $(arrived Greeting) greetings"; return 1; }
+  done
+}
+
+# find_with_pkg_config: lets pkg-config and programs find the installed library.
+find_with_pkg_config() {
+  PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name kelvo.pc)")
+  export PKG_CONFIG_PATH LD_LIBRARY_PATH=$prefix/lib:$prefix/lib/$(gcc -print-multiarch)
+}
+
+# needs PROGRAM: skips the test where PROGRAM is not installed.
+needs() { command -v "$1" >/dev/null || { echo "$1 is not installed"; exit 77; }; }
 
 # names_delivery RULES: checks the rules of delivery in the consumer's bundle.
 names_delivery() { grep -q "<key>KelvoDelivery</key><string>$1</string>" "$work/consumer.bundle/Info.plist"; }
@@ -130,9 +157,43 @@ checkout | clang)
     [[ -z $(find "$work/prefix" -name '*.h' -o -name '*.a' -o -name '*.cmake') ]]
   fi
   ;;
+c)
+  cmake -S "$here/c" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix"
+  cmake --build "$work"
+  with_collector says_hello "$work"/hello-*
+  if ldd "$work/hello-c99-kelvo_static" | grep libkelvo; then exit 1; fi
+  # Without CMake, and as C++.
+  find_with_pkg_config
+  for package in kelvo-c kelvo-static; do
+    read -ra flags < <(pkg-config --cflags --libs "$package")
+    cc "$examples/c/hello.c" -o "$work/hello" "${flags[@]}"
+    with_collector says_hello "$work/hello"
+  done
+  for compiler in c++ clang++; do
+    if command -v "$compiler" >/dev/null; then
+      "$compiler" -std=c++17 -x c++ -fsyntax-only -Wall -Wextra -Wpedantic -Werror "$prefix/include/kelvo/kelvo.h"
+    fi
+  done
+  ;;
+rust)
+  needs rustc
+  find_with_pkg_config
+  mkdir -p "$work"
+  read -ra flags < <(pkg-config --libs kelvo-c)
+  rustc --edition 2021 -D warnings -o "$work/hello" "$examples/rust/hello.rs" "${flags[@]}"
+  with_collector says_hello "$work/hello"
+  ;;
+go)
+  needs go
+  find_with_pkg_config
+  mkdir -p "$work"
+  GOCACHE=$work/cache GOPATH=$work/path GOPROXY=off GOFLAGS=-mod=mod GO111MODULE=off CGO_ENABLED=1 \
+    go build -o "$work/hello" "$examples/go/hello.go"
+  with_collector says_hello "$work/hello"
+  ;;
+perl) PATH=$prefix/bin:$PATH with_collector says_hello "$examples/perl/hello.pl" ;;
 pkg-config)
-  PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name kelvo.pc)")
-  export PKG_CONFIG_PATH LD_LIBRARY_PATH=$prefix/lib:$prefix/lib/$(gcc -print-multiarch)
+  find_with_pkg_config
   mkdir -p "$work"
   # The README's first program must compile as printed.
   sed -n '/^```cpp$/,/^```$/p' "$here/../../README.md" | sed '1d;/^```$/,$d' >"$work/readme.cpp"
@@ -183,12 +244,15 @@ deb)
   "$here/../../scripts/postgres" exec --fast bash -euo pipefail -c 'stores_an_event "$work/root/usr/bin"'
   # The project names no mail host and no licence yet. kelvo-dev is left out, because its archive takes over a minute.
   lintian --no-cfg --fail-on error --suppress-tags bogus-mail-host,bogus-mail-host-in-debian-changelog,no-copyright-file \
-    "$work"/package/kelvo_*.deb "$work"/package/kelvo-[qst]*.deb
+    "$work"/package/kelvo_*.deb "$work"/package/kelvo-[cqst]*.deb
   # The package that each of these files is in.
   while read -r package file; do
     "${dpkg[@]}" -L "$package" | grep -qx "$file" || { echo "$package lacks $file"; exit 1; }
   done <<'FILES'
 kelvo .*/libkelvo\.so\.288
+kelvo-c .*/libkelvo-c\.so\.1
+kelvo-dev .*/libkelvo-c\.so
+kelvo-dev .*/kelvo/kelvo\.h
 kelvo-dev .*/libkelvo\.so
 kelvo-dev .*/kelvo/KelvoSDK\.h
 kelvo-dev .*/libkelvo\.a
@@ -203,7 +267,7 @@ kelvo-server /usr/share/doc/kelvo-server/docs/service-api\.md
 FILES
   names=$("${dpkg[@]}" --get-selections | awk '{print $1}')
   for package in $names; do
-    case $package in kelvo) needs=libcurl4 ;; kelvo-dev) needs='kelvo (=' ;; kelvo-qt) needs='kelvo-dev (=' ;;
+    case $package in kelvo) needs=libcurl4 ;; kelvo-c) needs='kelvo (=' ;; kelvo-dev) needs='kelvo (=' ;; kelvo-qt) needs='kelvo-dev (=' ;;
       kelvo-server) needs=libpq5 ;; *) needs=libssl3 ;; esac
     dpkg-deb -f "$work/package/${package}_"*.deb Depends | grep -F "$needs"
   done

@@ -64,6 +64,21 @@ TEST(Symbols, TheSharedLibraryExportsItsPublicNamesAndNothingElse) {
   for (const char* name : {"KelvoSDK", "Application", "Value"}) EXPECT_EQ(classes.count(name), 1u) << name;
 }
 
+TEST(Symbols, TheLibraryForCExportsWhatItsHeaderDeclares) {
+  std::set<std::string> exported, declared;
+  Program names({"/usr/bin/nm", "-D", "--defined-only", KELVO_C_LIBRARY}, {});
+  ASSERT_EQ(names.wait(), 0) << names.errors();
+  for (const auto& line : linesAfter("", names.output())) exported.insert(line.substr(line.rfind(' ') + 1));
+  const std::string header = contentOf(std::string(KELVO_PUBLIC_HEADERS) + "/kelvo.h");
+  const std::regex declaration("KELVO_EXPORT_C [^(;]*[ *](kelvo_\\w+)\\(");
+  for (std::sregex_iterator found(header.begin(), header.end(), declaration), end; found != end; ++found) {
+    declared.insert((*found)[1].str() + "@@KELVO_C_1");
+  }
+  declared.insert("KELVO_C_1");  // the name of the version
+  EXPECT_EQ(exported, declared);
+  EXPECT_GT(declared.size(), 70U);
+}
+
 // --- Child processes
 
 class Fork : public Manners, public testing::WithParamInterface<int> {};
