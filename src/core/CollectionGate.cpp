@@ -30,12 +30,15 @@ void CollectionGate::close() noexcept {
   attributes_.clear();
   awaitsCount_.reset();
   token_.reset();
+  tokenCall_ = {};
 }
 
 void CollectionGate::reopen() noexcept {
   const auto token = std::exchange(token_, std::nullopt);
+  const auto call = std::exchange(tokenCall_, {});
   close();
   token_ = token;
+  tokenCall_ = call;
   isClosed_ = false;
 }
 
@@ -112,9 +115,13 @@ bool CollectionGate::admitAttributes(const BufferedAttributes& call) {
   return admit(recordsExist_, kCall, [&] { attributes_.push_back(call); });
 }
 
-bool CollectionGate::admitToken(const std::string& token, bool recordExists) {
-  if (isClosed_) token_ = token;
-  return admit(recordExists, kCall, [&] { token_ = token; });
+bool CollectionGate::admitToken(const std::string& token, bool recordExists, const KLVWaitingCall& call) {
+  const auto keep = [&] {
+    token_ = token;
+    tokenCall_ = call;
+  };
+  if (isClosed_) keep();
+  return admit(recordExists, kCall, keep);
 }
 
 std::vector<BufferedAttributes> CollectionGate::takeUserAttributes() {

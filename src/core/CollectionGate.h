@@ -80,8 +80,8 @@ class CollectionGate {
   /// Refuses where `admitEvent` buffers.
   [[nodiscard]] bool admitEventUnbuffered() const;
   [[nodiscard]] bool admitAttributes(const BufferedAttributes& call);
-  /// Keeps the latest token only.
-  [[nodiscard]] bool admitToken(const std::string& token, bool recordExists);
+  /// Keeps the latest token only. `call`: the host call that gives it.
+  [[nodiscard]] bool admitToken(const std::string& token, bool recordExists, const KLVWaitingCall& call = {});
   /// Logs that a call was refused. `kind`: "event" or "call".
   static void logRefusal(const char* kind);
 
@@ -95,6 +95,7 @@ class CollectionGate {
   void putBack(const std::vector<BufferedAttributes>& calls);
   /// Returns the latest buffered token, nullopt if there is none. It stays in the buffer.
   [[nodiscard]] const std::optional<std::string>& token() const noexcept { return token_; }
+  [[nodiscard]] const KLVWaitingCall& tokenCall() const noexcept { return tokenCall_; }
 
  private:
   template <class Buffer>
@@ -111,6 +112,7 @@ class CollectionGate {
   std::shared_ptr<KLVEvent> awaitsCount_;  ///< the event that `admitCount` must not buffer again
   std::vector<BufferedAttributes> attributes_;
   std::optional<std::string> token_;
+  KLVWaitingCall tokenCall_;
 };
 
 }  // namespace kelvo

@@ -7,8 +7,7 @@
 
 #include "core/RescueFiles.h"
 #include "journal/KLVJournal.h"
-#include "journal/KLVJournalReader.h"
-#include "platform/Files.h"
+#include "journal/KLVJournalPlace.h"
 #include "platform/Immortal.h"
 #include "storage/KLVJournalWrites.h"
 #include "storage/KLVPersistantStore.h"
@@ -30,16 +29,6 @@ class Writer final : public KLVCallJournal {
   }
   void finish(std::uint64_t sequence) noexcept override { KLVJournal::shared().finish(sequence); }
 };
-
-/// Returns the epoch of the journal's file, for a database that knows none: rescue files may refer to its entries.
-std::uint64_t epochOfFile() {
-  for (const std::string& path : HomeJournal::paths()) {
-    const auto content = readFile(path);
-    if (!content) continue;
-    if (const auto epoch = readJournal(*content).epoch; epoch != 0) return epoch;
-  }
-  return KLVJournal::randomEpoch();
-}
 
 }  // namespace
 
@@ -64,10 +53,14 @@ std::vector<KLVJournalEntry> HomeJournal::open() {
     KLVWaitingCall::closeJournal();
     return {};
   }
-  if (known->epoch == 0) *known = {epochOfFile(), {}};
+  const auto settings = KLVJournalSettings::current();
+  if (known->epoch == 0) {  // rescue files may refer to the entries of the journal's file
+    const auto ofFiles = KLVJournal::epochOf(settings);
+    *known = {ofFiles != 0 ? ofFiles : KLVJournal::randomEpoch(), {}};
+  }
   known->numbers.add(RescueFiles::entries(known->epoch));
   auto& journal = KLVJournal::shared();
-  auto unfinished = journal.open(KLVJournalSettings::current(), known->epoch, known->numbers.largest(), known->numbers);
+  auto unfinished = journal.open(settings, known->epoch, known->numbers.largest(), known->numbers);
   KLVJournalWrites::begin(*std::move(known));
   if (!journal.isOpen()) {
     KLVWaitingCall::closeJournal();

@@ -58,6 +58,7 @@ std::shared_ptr<KLVEvent> eventOf(const KLVJournalCall& call, std::int64_t time,
       return event;
     }
     case Kind::aggregateEvent: return aggregateEvent(name, flat());
+    case Kind::pluginEvent: return KLVPluginEventSource::event(static_cast<KLVEventType>(call.flags), call.text, info);
     case Kind::becameActive:
     case Kind::resignsActive: {
       using SubType = KLVSystemEvent::SubType;
@@ -74,12 +75,12 @@ bool opensScreen(Kind kind) {
 
 }  // namespace
 
-JournalReplay::JournalReplay(const std::vector<KLVJournalEntry>& entries, KLVLifetimeCounts& counts) {
+JournalReplay::JournalReplay(const std::vector<KLVJournalEntry>& entries, KLVLifetimeCounts& counts, const Take& take) {
   std::map<std::string, Shown> screens;  // by the text of the session
-  const auto leave = [this](Shown& shown, std::int64_t time, const std::string& session) {
+  const auto leave = [&take](Shown& shown, std::int64_t time, const std::string& session) {
     if (shown.event == nullptr) return;
     shown.event->setInfo(std::max<std::int64_t>(time - shown.event->createdTime(), 0), kKLVDuration);
-    events.push_back({std::exchange(shown.event, nullptr), session});
+    take(std::exchange(shown.event, nullptr), session);
   };
   for (const auto& [sequence, sessionText, call] : entries) {
     const auto ticket = KLVWaitingCall::ofEntry(sequence);
@@ -89,6 +90,8 @@ JournalReplay::JournalReplay(const std::vector<KLVJournalEntry>& entries, KLVLif
     shown.lastTime = std::max(shown.lastTime, time);
     if (call.kind == Kind::sessionAttributes) {
       ofSessions[session.id].push_back({false, call.info.value_or(Dictionary()), ticket});
+    } else if (call.kind == Kind::deviceToken) {
+      token = {call.text.value_or(""), ticket};
     } else if (opensScreen(call.kind)) {
       auto next = screenOf(call, shown);
       if (next == nullptr) continue;
@@ -100,7 +103,7 @@ JournalReplay::JournalReplay(const std::vector<KLVJournalEntry>& entries, KLVLif
       event->setCreatedTime(time);
       event->setCall(ticket);
       if (call.kind == Kind::resignsActive) leave(shown, time, session.id);
-      events.push_back({std::move(event), session.id});
+      take(event, session.id);
     }
   }
   for (auto& [text, shown] : screens) leave(shown, shown.lastTime, HomeJournal::Session::from(text).id);

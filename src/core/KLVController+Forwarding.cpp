@@ -32,14 +32,6 @@ std::optional<std::string> KLVController::getSessionId() {
   return running ? std::optional(running->identifier()) : std::nullopt;
 }
 
-void KLVController::markAsReactNative() noexcept {
-  KLVUtilities::setIsReactNative(true);
-}
-
-bool KLVController::isReactNative() const noexcept {
-  return KLVUtilities::isReactNative();
-}
-
 std::optional<Dictionary> KLVController::getLifetimeCountForEvents(const std::vector<std::string>& names) {
   if (names.empty()) return std::nullopt;
   Dictionary counts;

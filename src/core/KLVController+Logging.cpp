@@ -196,20 +196,20 @@ void KLVController::reportCustomError(std::optional<std::string> error, KLVHostA
 }
 
 void KLVController::logDeviceToken(const Value& token) {
-  runOrHold([this, token] { takeDeviceToken(token); });
-}
-
-void KLVController::takeDeviceToken(const Value& token) {
+  Text text;
   if (const auto* bytes = token.get<Data>()) {
-    verifyAndLogDeviceToken(KLVUtilities::stringWithDeviceToken(*bytes));
-  } else if (const auto* text = token.get<std::string>()) {
-    verifyAndLogDeviceToken(*text);
+    text = KLVUtilities::stringWithDeviceToken(*bytes);
+  } else if (const auto* given = token.get<std::string>()) {
+    text = *given;
   } else {
-    KLV_WARN("Invalid token object!");
+    return runOrHold([] { KLV_WARN("Invalid token object!"); });
   }
+  const auto call = KLVWaitingCall::uncounted();
+  record(call, Kind::deviceToken, Clock::now(), text, std::nullopt);
+  runOrHold([this, text, call] { verifyAndLogDeviceToken(text, call); });
 }
 
-void KLVController::verifyAndLogDeviceToken(const std::optional<std::string>& token) {
+void KLVController::verifyAndLogDeviceToken(const Text& token, const KLVWaitingCall& call) {
   if (KLVUtilities::isInvalidString(token)) {
     KLV_WARN("Invalid token data!");
     return;
@@ -218,12 +218,12 @@ void KLVController::verifyAndLogDeviceToken(const std::optional<std::string>& to
   {
     const Lock lock(mutex_);
     device = components_.deviceInfo;
-    const bool stores = gate_.admitToken(*token, device != nullptr);
+    const bool stores = gate_.admitToken(*token, device != nullptr, call);
     // The record exists for a short time before collection is enabled. A token that is buffered then goes there, too.
     const bool isEarly = gate_.state() == CollectionGate::State::initialising;
     if (!stores && !isEarly) return;
   }
-  if (device != nullptr) device->logDeviceToken(*token);
+  if (device != nullptr) device->logDeviceToken(*token, call);
 }
 
 void KLVController::dispatchEvent(const std::shared_ptr<KLVEvent>& event) {

@@ -75,15 +75,15 @@ void KLVController::replayUnfinishedCalls() {
   const auto running = session();
   if (calls.empty() || handler == nullptr || running == nullptr) return;
   KLV_INFO("Storing {} calls that an earlier launch has not stored", calls.size());
-  const JournalReplay replay(calls, *this);
   // A session that is purged must not begin with its first event again.
   std::set<std::string> sessions;
   for (const auto& all : {handler->getSessions(), handler->getSessionDirectories()}) {
     sessions.insert(all.begin(), all.end());
   }
-  for (const auto& [event, id] : replay.events) {
-    // As the bus and the controller do with an event of this process. Listeners do not get it: it is of the past.
+  // As the bus and the controller do with an event of this process. Listeners do not get it: it is of the past.
+  const JournalReplay replay(calls, *this, [&](const EventRef& event, const std::string& id) {
     const std::string session = sessions.count(id) > 0 ? id : running->identifier();
+    handler->catchUp();  // an entry takes less memory than its event
     if (!eventHandler_.classify(*event)) {
       handler->settle(event->call(), KLVLedgerEntry::ignored);
     } else if (event->eventType() == KLVEventType::client) {
@@ -92,10 +92,14 @@ void KLVController::replayUnfinishedCalls() {
       handler->countAggregateEvent(event, session);
     } else if (event->eventType() == KLVEventType::app) {
       handler->saveAndCountEvent(event, session);
+    } else if (!event->isStorable()) {
+      handler->settle(event->call(), KLVLedgerEntry::forPlugins);
     } else {
       handler->saveEventInfo(event, session);
     }
-  }
+  });
+  const auto device = deviceInfo();
+  if (replay.token && device != nullptr) device->logEarlierToken(replay.token->text, replay.token->call);
   for (const auto& [id, attributes] : replay.ofSessions) {
     const auto stored = handler->retrieveSessionInfoWithIdentifier(id);
     const auto& session = id.empty() ? running : stored;

@@ -253,6 +253,7 @@ void KLVController::updateConfiguration(const std::optional<std::string>& servic
 void KLVController::startDeviceRecord() {
   const auto device = std::make_shared<KLVDeviceInfo>("__undefined-devicename__");
   for (std::optional<std::string> token;;) {
+    KLVWaitingCall call;
     {
       const Lock lock(mutex_);
       if (gate_.token() == token) {  // the record has the latest token, so no older one can replace a newer one
@@ -260,8 +261,9 @@ void KLVController::startDeviceRecord() {
         return;
       }
       token = gate_.token();
+      call = gate_.tokenCall();
     }
-    device->logDeviceToken(*token);
+    device->logDeviceToken(*token, call);
   }
 }
 

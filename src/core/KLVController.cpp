@@ -79,10 +79,6 @@ bool KLVController::leavesEventsToNextLaunch() {
   return !holdsHome_ && hasStarted() && gateState() == CollectionGate::State::initialising;
 }
 
-void KLVController::setMainLoopBlocked(bool isBlocked) noexcept {
-  blockedMainLoops_ += isBlocked ? 1 : -1;
-}
-
 CollectionGate::State KLVController::gateState() {
   const Lock lock(mutex_);
   return gate_.state();
@@ -146,7 +142,7 @@ KLVDeliveryState KLVController::deliveryState() {
 
 void KLVController::waitUntilDelivered() {
   // So that the chunk contains the screen that BACKGROUND ends, unless a busy main loop delays the screen's title.
-  const auto limit = blockedMainLoops_ > 0 ? std::chrono::milliseconds(0) : kLongestWaitForTitle;
+  const auto limit = isMainLoopBlocked() ? std::chrono::milliseconds(0) : kLongestWaitForTitle;
   if (!navigationMonitor_->waitUntilDispatched(limit)) KLV_DEBUG("Not waiting for a title any longer");
   eventHandler_.waitUntilDelivered();
 }

@@ -12,6 +12,7 @@
 #include "core/KLVConsentControl.h"
 #include "core/KLVErasure.h"
 #include "core/KLVEventSource.h"
+#include "core/KLVHostFlags.h"
 #include "core/KLVPluginLoader.h"
 #include "core/KLVStorageForwarding.h"
 #include "core/Stages.h"
@@ -40,7 +41,8 @@ class KLVController final : public KLVEventListener,
                             public KLVConfigManagerDelegate,
                             public KLVSyncManagerDelegate,
                             public KLVStorageForwarding,
-                            public KLVConsentControl {
+                            public KLVConsentControl,
+                            public KLVHostFlags {
  public:
   using Text = std::optional<std::string>;
   using Form = std::optional<Dictionary>;
@@ -73,10 +75,7 @@ class KLVController final : public KLVEventListener,
   void logDeviceToken(const Value& token);
   void saveEvent(const EventRef& event, const Text& sessionId);  ///< never buffers it
   void markFatalAndUpdateDuration(std::optional<Date> duration, const Text& sessionId);
-  void markAsCordova() noexcept { isCordova_ = true; }
-  [[nodiscard]] bool isCordova() const noexcept { return isCordova_; }
-  void markAsReactNative() noexcept;
-  [[nodiscard]] bool isReactNative() const noexcept;
+
   // --- Calls of plug-ins: `PluginServices` documents them.
   void getSyncDataForActionType(const std::string& type, const std::string& version, std::function<void()> completion);
   std::optional<Dictionary> getPIDMIDDictForType(const std::string& type) override;
@@ -94,8 +93,7 @@ class KLVController final : public KLVEventListener,
   void makeDeleteRequestToURLPath(const Text& path, const Form& headers, HTTPCompletion completion);
   void registerForTimerNotificationWithInterval(double seconds, std::function<void()> closure);
   void executeAfterDelay(double seconds, std::function<void()> block);
-  [[nodiscard]] bool actionInProgress() const noexcept { return actionInProgress_; }
-  void setActionInProgress(bool inProgress) noexcept { actionInProgress_ = inProgress; }
+
   // --- Records and counters: nullptr, nullopt or 0 until the start-up has made the record.
   Text getDeviceID();
   Text getHardwareModel();
@@ -116,9 +114,8 @@ class KLVController final : public KLVEventListener,
   /// Calls `KLVChunkManager::deliverNow` behind all earlier host calls. Before the start, `isCut` is false.
   void deliverNow(bool waits, std::function<void(bool isCut)> done);
   [[nodiscard]] KLVDeliveryState deliveryState();
-  [[nodiscard]] Text reasonNotToCollect();           ///< nullopt if this process collects, or its start-up is under way
-  void setMainLoopBlocked(bool isBlocked) noexcept;  ///< while a main loop is blocked, cuts wait for no title
-  void rescue() EXCLUDES(mutex_, rescueMutex_);      ///< writes what is buffered to files (see `RescueFiles`); blocks
+  [[nodiscard]] Text reasonNotToCollect();       ///< nullopt if this process collects, or its start-up is under way
+  void rescue() EXCLUDES(mutex_, rescueMutex_);  ///< writes what is buffered to files (see `RescueFiles`); blocks
 
  private:
   friend class KLVErasure;
@@ -167,8 +164,7 @@ class KLVController final : public KLVEventListener,
   std::optional<Dictionary> getClientEvents();
   void setCustomInfo(KLVHostAttributes info, bool isUser);
   void setAttributes(const BufferedAttributes& call) EXCLUDES(mutex_);
-  void takeDeviceToken(const Value& token);
-  void verifyAndLogDeviceToken(const Text& token) EXCLUDES(mutex_);
+  void verifyAndLogDeviceToken(const Text& token, const KLVWaitingCall& call) EXCLUDES(mutex_);
   bool storeRescuedEvents() EXCLUDES(mutex_, rescueMutex_);  ///< returns false if the newest file cannot be renamed
   ListenerRef asListener();
   std::vector<Stage> stagesUntilStored();
@@ -180,8 +176,6 @@ class KLVController final : public KLVEventListener,
     return components_.*field;
   }
   std::vector<KLVJournalEntry> unfinishedCalls_ GUARDED_BY(controllerSerialQueue_);  ///< until step C replays them
-  std::atomic<bool> isCordova_{false}, actionInProgress_{false};
-  std::atomic<int> blockedMainLoops_{0};
   std::atomic<bool> holdsHome_{false};  ///< false until step A, and if another process holds it
   Mutex rescueMutex_;                   ///< held while a rescue writes or renames files; taken before `mutex_`
   Mutex mutex_;                         ///< held for assignments only, never across I/O or a callback

@@ -88,17 +88,23 @@ std::shared_ptr<KLVEvent> aggregateEvent(const std::string& name, Dictionary inf
   return event;
 }
 
-bool KLVPluginEventSource::logEvent(KLVEventType type, const std::optional<std::string>& name, const Dictionary& info) {
+std::shared_ptr<KLVEvent> KLVPluginEventSource::event(KLVEventType type, const std::optional<std::string>& name,
+                                                      const Dictionary& info) {
   const std::string given = name && !name->empty() ? *name : std::string(stringFromType(type));
-  if (type == KLVEventType::applicationCrash) {
-    delegate_.dispatchEvent(incident(type, given, info));
-    return true;
-  }
-  const auto event = eventOfPlugin(type);
-  if (event == nullptr) return false;
+  if (type == KLVEventType::applicationCrash) return incident(type, given, info);
+  auto event = eventOfPlugin(type);
+  if (event == nullptr) return nullptr;
   event->setIdentifier(given);
   event->setAdditionalInfo(info);
-  delegate_.dispatchEvent(event);
+  return event;
+}
+
+bool KLVPluginEventSource::logEvent(KLVEventType type, const std::optional<std::string>& name, const Dictionary& info,
+                                    KLVWaitingCall call) {
+  const auto made = event(type, name, info);
+  if (made == nullptr) return false;
+  made->setCall(std::move(call));
+  delegate_.dispatchEvent(made);
   return true;
 }
 

@@ -68,7 +68,11 @@ class KLVPluginEventSource : public KLVEventSource {
   using KLVEventSource::KLVEventSource;
   /// Returns false, and posts nothing, if plug-ins may not make events of `type`. `PluginServices::dispatchEvent`
   /// documents the types.
-  [[nodiscard]] bool logEvent(KLVEventType type, const std::optional<std::string>& name, const Dictionary& info);
+  [[nodiscard]] bool logEvent(KLVEventType type, const std::optional<std::string>& name, const Dictionary& info,
+                              KLVWaitingCall call = {});
+  /// Returns such an event, nullptr if plug-ins may not make it. Without a name, it has that of its type.
+  [[nodiscard]] static std::shared_ptr<KLVEvent> event(KLVEventType type, const std::optional<std::string>& name,
+                                                       const Dictionary& info);
 };
 
 }  // namespace kelvo

@@ -4,7 +4,9 @@
 #include "core/KLVEventSource.h"
 #include "core/KLVPluginLoader.h"
 #include "facade/Guard.h"
+#include "journal/KLVJournalEntry.h"
 #include "kelvo/Plugin.h"
+#include "platform/Clock.h"
 #include "platform/MainQueue.h"
 #include "records/KLVRecordKeys.h"
 #include "util/KLVException.h"
@@ -148,7 +150,10 @@ void PluginServices::dispatchEvent(KLVEventType type, OptionalText name, Optiona
       throw;
     }
     const auto given = taken(std::move(name));
-    if (KLVPluginEventSource(controller()).logEvent(type, given, info.value_or(Dictionary()))) return;
+    const auto call = KLVWaitingCall::uncounted();
+    call.record({static_cast<std::uint8_t>(KLVJournalKind::pluginEvent), static_cast<std::uint8_t>(type), Clock::now(),
+                 given, info ? &*info : nullptr});
+    if (KLVPluginEventSource(controller()).logEvent(type, given, info.value_or(Dictionary()), call)) return;
     KLV_ERROR("Plug-ins dispatch no events of type {}; ignoring {}", stringFromType(type), given);
   });
 }

@@ -3,12 +3,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <random>
 #include <utility>
 
 #include "journal/KLVJournalFile.h"
-#include "journal/KLVJournalReader.h"
+#include "journal/KLVJournalFormer.h"
 #include "journal/KLVJournalRing.h"
+#include "platform/Files.h"
 #include "platform/Immortal.h"
 #include "platform/Thread.h"
 #include "util/KLVLogger.h"
@@ -44,40 +46,18 @@ std::uint64_t wholePages(std::uint64_t bytes) {
   return (bytes + kJournalHeaderBytes - 1) / kJournalHeaderBytes * kJournalHeaderBytes;
 }
 
+/// Writes the Library directory's file without slots. Returns false with the reason in `failure` on failure.
+bool writeMark(const KLVJournalSettings& settings, std::uint64_t home, std::string& failure) {
+  KLVJournalFileHeader header;
+  header.id = KLVJournal::randomEpoch();
+  header.home = home;
+  header.checksum = header.sum();
+  std::string page(kJournalHeaderBytes, '\0');
+  std::memcpy(page.data(), &header, sizeof(header));
+  return writeFileAtomically(joinPath(settings.library, kKLVJournalFile), page, &failure);
+}
+
 }  // namespace
-
-/// A file of an earlier process.
-struct KLVJournal::Former {
-  std::string path;
-  KLVJournalContents contents;
-
-  [[nodiscard]] std::uint64_t id() const { return contents.header ? contents.header->id : 0; }
-  [[nodiscard]] std::uint64_t latestNumber() const {
-    return std::max(contents.latestNumber, contents.header ? contents.header->firstNumber : 0);
-  }
-  [[nodiscard]] bool isIn(const std::vector<Former>& files) const {
-    return id() != 0 && std::any_of(files.begin(), files.end(), [this](const Former& other) {
-             return other.contents.header && other.contents.header->absorbedId == id();
-           });
-  }
-
-  /// Reads the files in all places. Deletes one whose entries are in another one already.
-  static std::vector<Former> read(const std::vector<KLVJournalPlace>& places) {
-    std::vector<Former> files;
-    for (const auto& place : places) {
-      FileError error;
-      const auto content = KLVJournalFile::read(place.path, error);
-      if (content) files.push_back({place.path, readJournal(*content)});
-      if (!error.empty()) KLV_ERROR("The journal {} cannot be read: {}", place.path, error);
-    }
-    for (std::size_t i = files.size(); i-- > 0;) {
-      if (!files[i].isIn(files)) continue;
-      ::unlink(files[i].path.c_str());
-      files.erase(files.begin() + static_cast<std::ptrdiff_t>(i));
-    }
-    return files;
-  }
-};
 
 /// A file in use.
 struct KLVJournal::Opened {
@@ -99,12 +79,21 @@ std::uint64_t KLVJournal::randomEpoch() {
   return (std::uint64_t{source()} << 32U | source()) | 1U;
 }
 
+std::uint64_t KLVJournal::epochOf(const KLVJournalSettings& settings) {
+  for (const auto& file : KLVJournalFormers::read(journalPlaces(settings)).files) {
+    if (file.contents.epoch != 0) return file.contents.epoch;
+  }
+  return 0;
+}
+
 std::vector<KLVJournalEntry> KLVJournal::open(const KLVJournalSettings& settings, std::uint64_t epoch,
                                               std::uint64_t latestSequence, const KLVSequenceSet& finished) {
-  const auto files = Former::read(journalPlaces(settings));
-  std::vector<KLVJournalEntry> known, foreign;
+  const auto formers = KLVJournalFormers::read(journalPlaces(settings));
   torn_ = 0;
-  for (const auto& [path, contents] : files) {
+  if (!formers.areReadable) return {};
+  std::vector<KLVJournalEntry> known, foreign;
+  for (const auto& file : formers.files) {
+    const auto& contents = file.contents;
     torn_ += contents.torn;
     const bool isKnown = contents.epoch == epoch;
     bool isEmpty = true;
@@ -113,24 +102,24 @@ std::vector<KLVJournalEntry> KLVJournal::open(const KLVJournalSettings& settings
       (isKnown ? known : foreign).push_back(entry);
       isEmpty = false;
     }
-    if (isEmpty) ::unlink(path.c_str());  // on a full disk, its room is needed
+    if (isEmpty) file.giveUp();  // on a full disk, its room is needed
   }
   std::stable_sort(known.begin(), known.end(),
                    [](const auto& left, const auto& right) { return left.sequence < right.sequence; });
   std::vector<KLVJournalEntry> all = std::move(foreign);
   all.insert(all.end(), known.begin(), known.end());
   if (settings.bytes == 0 && all.empty()) return {};
-  auto opened = make(settings, files, epoch, latestSequence, all);
+  auto opened = make(settings, formers, epoch, latestSequence, all);
   if (opened == nullptr) return known;
-  replace(files, std::move(opened), epoch, settings.bytes > 0);
+  replace(formers, std::move(opened), epoch, settings.bytes > 0);
   return all;
 }
 
 /// Returns the first number of a new file, the number of its first slot.
-std::uint64_t KLVJournal::firstNumberAfter(const std::vector<Former>& files, std::uint64_t latest,
+std::uint64_t KLVJournal::firstNumberAfter(const KLVJournalFormers& formers, std::uint64_t latest,
                                            std::uint64_t slots) const noexcept {
   std::uint64_t gap = kGapToUnknown * (1 + (randomEpoch() >> 1U) % kLargestFactor);
-  for (const auto& file : files) {
+  for (const auto& file : formers.files) {
     if (file.latestNumber() > 0) gap = kGap;
     latest = std::max(latest, file.latestNumber());
   }
@@ -142,16 +131,17 @@ std::uint64_t KLVJournal::firstNumberAfter(const std::vector<Former>& files, std
 /// Makes the file in the best place that allows it, and writes `entries` into it, which get their new numbers. Returns
 /// nullptr, after one line, if no place does.
 std::unique_ptr<KLVJournal::Opened> KLVJournal::make(const KLVJournalSettings& settings,
-                                                     const std::vector<Former>& files, std::uint64_t epoch,
+                                                     const KLVJournalFormers& formers, std::uint64_t epoch,
                                                      std::uint64_t latest,
                                                      std::vector<KLVJournalEntry>& entries) const {
   const std::uint64_t needed = kJournalHeaderBytes + slotsFor(entries) * kJournalSlotBytes;
   const std::uint64_t bytes = wholePages(std::max(settings.bytes, needed));
   KLVJournalFileHeader header;
   header.id = randomEpoch();
+  header.home = formers.home != 0 ? formers.home : randomEpoch();
   header.epoch = epoch;
   header.slots = (bytes - kJournalHeaderBytes) / kJournalSlotBytes;
-  header.firstNumber = firstNumberAfter(files, latest, header.slots);
+  header.firstNumber = firstNumberAfter(formers, latest, header.slots);
   std::string reason, failure;
   for (const auto& place : journalPlaces(settings)) {
     if (place.problem) {
@@ -159,8 +149,8 @@ std::unique_ptr<KLVJournal::Opened> KLVJournal::make(const KLVJournalSettings& s
       continue;
     }
     header.absorbedId = 0;
-    for (const auto& file : files) {
-      if (file.path != place.path) header.absorbedId = file.id();
+    for (const auto& file : formers.files) {
+      if (file.place.path != place.path) header.absorbedId = file.id();
     }
     header.checksum = header.sum();
     auto file = KLVJournalFile::make(place.path, bytes, failure);
@@ -173,6 +163,12 @@ std::unique_ptr<KLVJournal::Opened> KLVJournal::make(const KLVJournalSettings& s
       numbers.push_back(opened->ring.write(view, KLVJournalRing::contentSize(view).value_or(0)));
     }
     if (!opened->file.keep(failure)) continue;
+    // A kill before the mark is written leaves a file that does not count, and no call in it. The Library directory's
+    // file, if there is one, still has its entries then.
+    if (!place.isInLibrary && formers.home == 0 && !writeMark(settings, header.home, failure)) {
+      ::unlink(place.path.c_str());
+      continue;
+    }
     for (std::size_t i = 0; i < entries.size(); ++i) entries[i].sequence = numbers[i];
     return opened;
   }
@@ -184,14 +180,14 @@ std::unique_ptr<KLVJournal::Opened> KLVJournal::make(const KLVJournalSettings& s
   return nullptr;
 }
 
-/// Makes the new file the one in use. Deletes the earlier ones.
-void KLVJournal::replace(const std::vector<Former>& files, std::unique_ptr<Opened> opened, std::uint64_t epoch,
+/// Makes the new file the one in use. Gives the earlier ones up.
+void KLVJournal::replace(const KLVJournalFormers& formers, std::unique_ptr<Opened> opened, std::uint64_t epoch,
                          bool takesCalls) {
   replaced_ = {};
-  for (const auto& [path, contents] : files) {
-    if (path != opened->path) ::unlink(path.c_str());
-    if (contents.header && contents.epoch == epoch) {
-      replaced_.add(contents.header->firstNumber, opened->ring.firstNumber());
+  for (const auto& file : formers.files) {
+    if (file.place.path != opened->path) file.giveUp();
+    if (file.contents.header && file.contents.epoch == epoch) {
+      replaced_.add(file.contents.header->firstNumber, opened->ring.firstNumber());
     }
   }
   if (!takesCalls) opened->ring.close();

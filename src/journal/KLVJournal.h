@@ -18,6 +18,7 @@
 namespace kelvo {
 
 class KLVJournalRing;
+struct KLVJournalFormers;
 
 /// Keeps the host's calls from their return until their effects are stored, so that a kill of the process loses none.
 ///
@@ -50,6 +51,8 @@ class KLVJournal {
 
   /// Returns a random epoch for a fresh database, never 0.
   [[nodiscard]] static std::uint64_t randomEpoch();
+  /// Returns the epoch of the files of earlier processes, 0 if there are none. Blocks on the disk.
+  [[nodiscard]] static std::uint64_t epochOf(const KLVJournalSettings& settings);
 
   /// Opens the journal of the home that this process holds, for the database with this `epoch`. Returns the unfinished
   /// entries of earlier processes in the order of their numbers, without those in `finished`; those of another epoch
@@ -58,8 +61,9 @@ class KLVJournal {
   ///
   /// If the file cannot be made, writes one line: INFO if no file system is suitable, else ERROR. The journal stays
   /// closed then. Entries are returned even so, under their old numbers, and the next launch returns those again that
-  /// are not in `finished`. Entries of another epoch wait for a launch that can make the file. With a size of 0, the
-  /// journal stays closed, too, but earlier entries are returned as usual.
+  /// are not in `finished`. Entries of another epoch wait for a launch that can make the file. If an earlier file
+  /// cannot be read now, for example for lack of descriptors, all entries wait, after one ERROR line. With a size of 0,
+  /// the journal stays closed, too, but earlier entries are returned as usual.
   ///
   /// Blocks on the disk. One thread at a time; again only after `erase`.
   [[nodiscard]] std::vector<KLVJournalEntry> open(const KLVJournalSettings& settings, std::uint64_t epoch,
@@ -103,15 +107,14 @@ class KLVJournal {
   [[nodiscard]] std::size_t torn() const noexcept { return torn_; }
 
  private:
-  struct Former;
   struct Opened;
 
-  [[nodiscard]] std::uint64_t firstNumberAfter(const std::vector<Former>& files, std::uint64_t latest,
+  [[nodiscard]] std::uint64_t firstNumberAfter(const KLVJournalFormers& formers, std::uint64_t latest,
                                                std::uint64_t slots) const noexcept;
-  [[nodiscard]] std::unique_ptr<Opened> make(const KLVJournalSettings& settings, const std::vector<Former>& files,
+  [[nodiscard]] std::unique_ptr<Opened> make(const KLVJournalSettings& settings, const KLVJournalFormers& formers,
                                              std::uint64_t epoch, std::uint64_t latest,
                                              std::vector<KLVJournalEntry>& entries) const;
-  void replace(const std::vector<Former>& files, std::unique_ptr<Opened> opened, std::uint64_t epoch, bool takesCalls);
+  void replace(const KLVJournalFormers& formers, std::unique_ptr<Opened> opened, std::uint64_t epoch, bool takesCalls);
 
   std::atomic<KLVJournalRing*> ring_{nullptr};
   std::atomic<const std::string*> session_{nullptr};

@@ -20,15 +20,16 @@ enum class KLVJournalKind : std::uint8_t {
   userAttributes = 8,     ///< info
   sessionAttributes = 9,  ///< info
   userIdentifier = 10,    ///< text
-  deviceToken = 11,       ///< text, or info with the bytes
+  deviceToken = 11,       ///< text; unfinished until a chunk's row has the record of the device
   becameActive = 12,
   resignsActive = 13,
-  crash = 14,  ///< the session ended with a crash; text: the session; info: "duration", if known
+  crash = 14,        ///< the session ended with a crash; text: the session; info: "duration", if known
+  pluginEvent = 15,  ///< flags: the event's type; text: the name; info: the attributes
 };
 
 /// The smallest and the largest kind. A number outside is damage.
 inline constexpr auto kKLVFirstJournalKind = KLVJournalKind::appEvent;
-inline constexpr auto kKLVLastJournalKind = KLVJournalKind::crash;
+inline constexpr auto kKLVLastJournalKind = KLVJournalKind::pluginEvent;
 
 /// Returns the name of a kind for people: "application event".
 [[nodiscard]] const char* nameOf(KLVJournalKind kind) noexcept;

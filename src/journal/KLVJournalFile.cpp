@@ -33,6 +33,11 @@ int allocate(const Descriptor& file, std::size_t bytes) {
   return failure;
 }
 
+/// Returns whether an attempt that has failed with this error may succeed later.
+bool isShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
+}
+
 /// Makes every page present and writable, so that no later write waits for one.
 void touch(std::byte* memory, std::size_t bytes) {
   for (std::size_t page = 0; page < bytes; page += kJournalHeaderBytes) {
@@ -90,18 +95,18 @@ void KLVJournalFile::retire() noexcept {
   ::mmap(memory_, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
 }
 
-std::optional<std::string> KLVJournalFile::read(const std::string& path, FileError& error) {
+KLVJournalFile::Former KLVJournalFile::read(const std::string& path) {
   const Descriptor file = openToRead(path, O_NOFOLLOW);
   struct stat facts {};
   if (file.get() < 0 || ::fstat(file.get(), &facts) != 0) {
-    if (errno != ENOENT) error = std::generic_category().message(errno);
-    return std::nullopt;
+    if (errno == ENOENT) return {};
+    return {{}, std::generic_category().message(errno), isShortage(errno)};
   }
-  if (auto reason = distrust(facts, Owner::user, path)) {
-    error = *std::move(reason);
-    return std::nullopt;
-  }
-  return readFile(file, &error, kLargestJournal);
+  if (auto reason = distrust(facts, Owner::user, path)) return {{}, *std::move(reason)};
+  FileError problem;
+  auto content = readFile(file, &problem, kLargestJournal);
+  const bool isFile = S_ISREG(facts.st_mode) && static_cast<std::size_t>(facts.st_size) <= kLargestJournal;
+  return {std::move(content), std::move(problem), !content && isFile};
 }
 
 }  // namespace kelvo

@@ -28,9 +28,14 @@ class KLVJournalFile {
   /// Gives the memory back: it reads as zeros, stays writable, and belongs to no file any more.
   void retire() noexcept;
 
-  /// Reads a former file of the journal. Returns nullopt if there is none, or if it cannot be read; `error` then has
-  /// the reason. A link, and a file that another user may change, counts as unreadable.
-  [[nodiscard]] static std::optional<std::string> read(const std::string& path, FileError& error);
+  /// A former file of the journal.
+  struct Former {
+    std::optional<std::string> content;  ///< nullopt: there is none, or it cannot be read
+    FileError problem;                   ///< why it cannot be read
+    bool mayPass = false;                ///< the problem may pass, so the file must stay
+  };
+  /// Reads a former file of the journal. A link, and a file that another user may change, is never read.
+  [[nodiscard]] static Former read(const std::string& path);
 
  private:
   KLVJournalFile(std::string path, std::byte* memory, std::size_t bytes) noexcept;

@@ -8,8 +8,9 @@
 
 namespace kelvo {
 
-// The journal's file, in the byte order of the machine: a header of one page, then slots of 64 bytes. An entry begins
-// at a slot and takes as many as it needs, without a break. Slot i holds the numbers n with n % slots == i.
+// The journal's file, in the byte order of the machine: a header of one page, then slots of 64 bytes. The file in the
+// Library directory may end after its header: then it only tells that a file in the runtime directory counts. An entry
+// begins at a slot and takes as many as it needs, without a break. Slot i holds the numbers n with n % slots == i.
 
 inline constexpr std::size_t kJournalSlotBytes = 64;
 inline constexpr std::size_t kJournalHeaderBytes = 4096;  // a page
@@ -43,10 +44,11 @@ struct KLVJournalFileHeader {
   std::uint64_t magic = kMagic;
   std::uint64_t id = 0;           ///< random, of this file
   std::uint64_t absorbedId = 0;   ///< the file in the other place whose entries were copied into this one; 0: none
+  std::uint64_t home = 0;         ///< the mark of the home, random: an erasure ends it
   std::uint64_t epoch = 0;        ///< 0 after an erasure: no entry counts
   std::uint64_t firstNumber = 0;  ///< the smallest number of the file, 0 in its first slot
-  std::uint64_t slots = 0;
-  std::uint64_t checksum = 0;  ///< of the members above
+  std::uint64_t slots = 0;        ///< 0: the journal is in the runtime directory
+  std::uint64_t checksum = 0;     ///< of the members above
 
   [[nodiscard]] std::uint64_t sum() const noexcept {
     return journalChecksum(this, offsetof(KLVJournalFileHeader, checksum));
@@ -98,6 +100,6 @@ struct KLVJournalEntryHeader {
 inline constexpr std::size_t kJournalSummedFrom = offsetof(KLVJournalEntryHeader, sequence);
 
 static_assert(sizeof(KLVJournalEntryHeader) == 56 && std::is_trivially_copyable_v<KLVJournalEntryHeader>);
-static_assert(sizeof(KLVJournalFileHeader) == 56 && std::is_trivially_copyable_v<KLVJournalFileHeader>);
+static_assert(sizeof(KLVJournalFileHeader) == 64 && std::is_trivially_copyable_v<KLVJournalFileHeader>);
 
 }  // namespace kelvo

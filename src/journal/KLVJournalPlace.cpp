@@ -68,7 +68,7 @@ KLVJournalSettings KLVJournalSettings::current() {
 std::vector<KLVJournalPlace> journalPlaces(const KLVJournalSettings& settings) {
   std::vector<KLVJournalPlace> places;
   const auto add = [&](const std::string& directory, std::string_view name) {
-    places.push_back({joinPath(directory, name), problemOfFileSystem(directory)});
+    places.push_back({joinPath(directory, name), directory == settings.library, problemOfFileSystem(directory)});
   };
   if (!settings.runtimeDirectory.empty() && isPrivateDirectory(settings.runtimeDirectory)) {
     const auto home = journalChecksum(settings.library.data(), settings.library.size());

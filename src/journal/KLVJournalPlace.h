@@ -26,6 +26,7 @@ struct KLVJournalSettings {
 /// A file that the journal may be in.
 struct KLVJournalPlace {
   std::string path;
+  bool isInLibrary = false;              ///< else in the runtime directory
   std::optional<std::string> problem{};  ///< why the journal cannot be there, in one sentence; nullopt: it can
 };
 

@@ -26,8 +26,7 @@ Header headerAt(std::string_view bytes) {
 std::optional<KLVJournalFileHeader> fileHeader(std::string_view file) {
   if (file.size() < kJournalHeaderBytes) return std::nullopt;
   const auto header = headerAt<KLVJournalFileHeader>(file);
-  const bool isSound =
-      header.magic == KLVJournalFileHeader::kMagic && header.checksum == header.sum() && header.slots > 0;
+  const bool isSound = header.magic == KLVJournalFileHeader::kMagic && header.checksum == header.sum();
   return isSound ? std::optional(header) : std::nullopt;
 }
 
@@ -152,6 +151,7 @@ const char* nameOf(KLVJournalKind kind) noexcept {
     case KLVJournalKind::becameActive: return "becoming active";
     case KLVJournalKind::resignsActive: return "resigning active";
     case KLVJournalKind::crash: return "crash";
+    case KLVJournalKind::pluginEvent: return "event of a plug-in";
   }
   return "unknown";
 }
@@ -161,7 +161,8 @@ KLVJournalContents readJournal(std::string_view file) {
   contents.header = fileHeader(file);
   if (file.size() < kJournalHeaderBytes + kJournalSlotBytes) return contents;
   file.remove_prefix(kJournalHeaderBytes);
-  Scan scan(file, contents.header ? contents.header->slots : file.size() / kJournalSlotBytes);
+  const bool isKnown = contents.header && contents.header->slots > 0;
+  Scan scan(file, isKnown ? contents.header->slots : file.size() / kJournalSlotBytes);
   scan.run();
   scan.deliver(contents);
   return contents;

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "platform/Device.h"
 #include "platform/UserDefaults.h"
@@ -72,8 +73,23 @@ std::string KLVDeviceInfo::getHardwareModel() const {
   return description(additionalInfo()[kKLVHardwareModel]);
 }
 
-void KLVDeviceInfo::logDeviceToken(const std::string& token) {
+void KLVDeviceInfo::logDeviceToken(const std::string& token, KLVWaitingCall call) {
+  const Lock lock(tokenMutex_);
   setInfo(token, kKLVDeviceToken);
+  hasToken_ = true;
+  tokenCall_ = std::move(call);
+}
+
+void KLVDeviceInfo::logEarlierToken(const std::string& token, KLVWaitingCall call) {
+  const Lock lock(tokenMutex_);
+  if (hasToken_) return;
+  setInfo(token, kKLVDeviceToken);
+  tokenCall_ = std::move(call);
+}
+
+KLVWaitingCall KLVDeviceInfo::tokenCall() const {
+  const Lock lock(tokenMutex_);
+  return tokenCall_;
 }
 
 std::string KLVDeviceInfo::eraseSecret() {

@@ -3,7 +3,9 @@
 #include <optional>
 #include <string>
 
+#include "platform/ThreadSafety.h"
 #include "records/KLVInfo.h"
+#include "util/KLVWaitingCall.h"
 
 namespace kelvo {
 
@@ -20,7 +22,12 @@ class KLVDeviceInfo final : public KLVInfo {
 
   [[nodiscard]] std::string getDeviceID() const { return identifier(); }
   [[nodiscard]] std::string getHardwareModel() const;
-  void logDeviceToken(const std::string& token);
+  /// `call`: the host call that gives the token.
+  void logDeviceToken(const std::string& token, KLVWaitingCall call = {}) EXCLUDES(tokenMutex_);
+  /// The same for a call of an earlier process. Does nothing if this process has a token.
+  void logEarlierToken(const std::string& token, KLVWaitingCall call) EXCLUDES(tokenMutex_);
+  /// Returns the call that has given the token. It is finished once a chunk's row has the record.
+  [[nodiscard]] KLVWaitingCall tokenCall() const EXCLUDES(tokenMutex_);
 
   /// Returns the secret that was made with the device id, 64 hexadecimal digits. The device of an older version gets
   /// one now, which is saved. Blocks on the disk then.
@@ -32,6 +39,11 @@ class KLVDeviceInfo final : public KLVInfo {
 
   /// Returns the advertising identifier, which Linux does not have: always nullopt.
   static std::optional<std::string> getIDFA();
+
+ private:
+  mutable Mutex tokenMutex_;
+  bool hasToken_ GUARDED_BY(tokenMutex_) = false;
+  KLVWaitingCall tokenCall_ GUARDED_BY(tokenMutex_);
 };
 
 }  // namespace kelvo

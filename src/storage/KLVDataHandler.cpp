@@ -27,14 +27,14 @@ std::uint64_t bytesOf(const Dictionary& row) {
 }  // namespace
 
 KLVDataHandler::KLVDataHandler(std::string identifier)
-    : sessionIdentifier_(std::move(identifier)),
-      jobs_(std::make_shared<KLVDataHandlerJobs>()),
+    : KLVFileStore(std::make_shared<KLVDataHandlerJobs>()),
+      sessionIdentifier_(std::move(identifier)),
       lifetimeCounts_(std::make_shared<KLVCountCache>()) {
   KLV_DEBUG("Init data handler with identifier: {}", sessionIdentifier_);
 }
 
 KLVDataHandler::KLVDataHandler(std::string identifier, const KLVDataHandler& first)
-    : sessionIdentifier_(std::move(identifier)), jobs_(first.jobs_), lifetimeCounts_(first.lifetimeCounts_) {
+    : KLVFileStore(first.jobs_), sessionIdentifier_(std::move(identifier)), lifetimeCounts_(first.lifetimeCounts_) {
   KLV_DEBUG("Init data handler with identifier: {}", sessionIdentifier_);
 }
 

@@ -8,24 +8,18 @@
 #include <vector>
 
 #include "records/AggregateTotals.h"
-#include "records/KLVAppInfo.h"
 #include "records/KLVChunk.h"
-#include "records/KLVDeviceInfo.h"
 #include "records/KLVEvent.h"
 #include "records/KLVEviction.h"
-#include "records/KLVSDKInfo.h"
-#include "records/KLVSession.h"
 #include "records/KLVStoredEvent.h"
-#include "records/KLVUser.h"
+#include "storage/KLVFileStore.h"
 #include "storage/KLVWaiting.h"
-#include "util/KLVAnswerLimits.h"
 #include "util/KLVLedger.h"
 #include "util/KLVWaitingCall.h"
 
 namespace kelvo {
 
 class KLVCountCache;
-class KLVDataHandlerJobs;
 
 /// Decides which table or file keeps which data. Thread-safe.
 ///
@@ -33,7 +27,7 @@ class KLVDataHandlerJobs;
 /// submitted before it is done; inside a job of the queue, it runs at once. A failure is logged and leaves the stored
 /// data unchanged; no operation reports it unless its comment says so. Before `startWithCompletionHandler` there is no
 /// database: its writes are dropped and its reads return nothing, but files work.
-class KLVDataHandler {
+class KLVDataHandler : public KLVFileStore {
  public:
   /// `identifier` is the id of the current session.
   explicit KLVDataHandler(std::string identifier);
@@ -45,16 +39,6 @@ class KLVDataHandler {
   /// thread.
   void startWithCompletionHandler(const std::function<void()>& completion);
   void stop() {}  ///< Kept: does nothing.
-
-  // --- Records, each a file, whose saving finishes `calls`. A null record is ignored. `identifier` names the
-  // directory. It must have the form of a session id: otherwise nothing is saved, and nothing is found.
-  void saveAppInfo(std::shared_ptr<KLVAppInfo> info, std::string identifier);
-  void saveDeviceInfo(std::shared_ptr<KLVDeviceInfo> info);
-  void saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string identifier);
-  void saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier, KLVWaitingCalls calls = {});
-  void saveUserInfo(std::shared_ptr<KLVUser> user, KLVWaitingCalls calls = {});
-  std::shared_ptr<KLVSession> retrieveSessionInfoWithIdentifier(const std::string& identifier);
-  std::shared_ptr<KLVUser> retrieveUser();
 
   // --- Events and counters. `identifier` is a session id.
   void saveEventInfo(std::shared_ptr<KLVEvent> event, std::string identifier);
@@ -153,25 +137,6 @@ class KLVDataHandler {
                                           const std::string& sid);
   void forgetRescuedFile(std::string file);  ///< for a file that exists no longer
 
-  // --- Files. A path is relative to the Library directory. A file holds a JSON object or array; reads return nullopt
-  // if it is missing or holds anything else.
-  /// Deletes the directory of a session, whose id is the path. Refuses any other path with one ERROR line.
-  void deleteItemAtPath(std::string path);
-  /// A file beyond `limits` counts as missing: one WARN line.
-  std::optional<Value> objectFromFileWithPath(const std::optional<std::string>& path,
-                                              const KLVAnswerLimits& limits = kOwnFileLimits);
-  std::optional<Value> getEventsInfo();
-  void persistFrequencyConfig(Dictionary config);
-  /// Sets `info` under `identifier` in the frequency configuration.
-  void saveFrequencyInfo(Value info, std::string identifier);
-  std::optional<Value> retrieveFrequencyConfig();
-  /// Calls `completion`, unless empty, on the data queue. Passes false if the file could not be written: it then holds
-  /// the earlier lists.
-  void persistClientEvents(Dictionary config, std::function<void(bool isSaved)> completion = nullptr);
-  std::optional<Value> getClientEvents();
-  void persistPIDMIDDict(Dictionary config, std::string path);
-  std::optional<Value> getPIDMIDDictAtPath(const std::string& path);
-
   /// Runs `submit` on the calling thread and does its database writes in one transaction: a kill leaves all of them or
   /// none. Calls `committed` on the data queue once they are committed, and never if they fail. Work that must follow
   /// the writes, such as the deletion of files, belongs in `committed`: other jobs of `submit` run before them.
@@ -193,12 +158,8 @@ class KLVDataHandler {
  private:
   template <class Count>
   void insert(const std::shared_ptr<KLVEvent>& event, std::string identifier, Count count);
-  /// Queues writing `config` as JSON to `path`; logs `failure` if that fails. Then calls `completion`, unless empty.
-  void persist(Dictionary config, std::string path, std::string failure,
-               std::function<void(bool isSaved)> completion = nullptr);
 
   const std::string sessionIdentifier_;
-  std::shared_ptr<KLVDataHandlerJobs> jobs_;
   std::shared_ptr<KLVCountCache> lifetimeCounts_;
 };
 

@@ -1,5 +1,6 @@
 #include <exception>
 
+#include "sqlite/FMKLVHandle.h"
 #include "storage/KLVPersistantStore.h"
 #include "util/KLVLogger.h"
 
@@ -36,9 +37,7 @@ class KLVPersistantStore::Transaction {
   [[nodiscard]] bool commit(bool needsCounts) {
     bool committed = false;
     store_.onDatabase([&](FMKLVDatabase& db) {
-      if (!store_.lifetimeCounts_.write(db) && needsCounts) return;
-      store_.ledger_.write(db);
-      committed = store_.journal_.write(db) && db.commit();
+      committed = writeLast(db, needsCounts) && db.commit();
       if (!committed && reportsFailures()) KLV_ERROR("KLVError {}: {}", db.lastErrorCode(), db.lastErrorMessage());
     });
     open_ = !committed;
@@ -49,11 +48,20 @@ class KLVPersistantStore::Transaction {
   }
 
  private:
+  /// Writes what goes with the jobs. After some failures, such as of the disk, SQLite has rolled the transaction back
+  /// by itself. Each further statement would be committed at once, and note calls as finished that are not stored.
+  [[nodiscard]] bool writeLast(FMKLVDatabase& db, bool needsCounts) {
+    const auto isOpen = [&db] { return hasOpenTransaction(db.db()); };
+    if (!isOpen() || (!store_.lifetimeCounts_.write(db) && needsCounts) || !isOpen()) return false;
+    store_.ledger_.write(db);
+    return isOpen() && store_.journal_.write(db);
+  }
+
   KLVPersistantStore& store_;
   bool open_ = false;
 };
 
-bool KLVPersistantStore::reportsFailures() noexcept {
+bool KLVStoreReads::reportsFailures() noexcept {
   return !inTrialRun;
 }
 

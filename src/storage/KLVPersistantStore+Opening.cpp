@@ -148,7 +148,7 @@ std::string KLVPersistantStore::getDBPathForIdentifier(std::string_view componen
   return joinPath(dbDirectoryPath(), component);
 }
 
-void KLVPersistantStore::onDatabase(const FMKLVDatabaseQueue::Block& block) {
+void KLVStoreReads::onDatabase(const FMKLVDatabaseQueue::Block& block) {
   auto* const opened = opened_.load(std::memory_order_acquire);
   if (opened == nullptr) return;
   opened->inDatabase([&](FMKLVDatabase& db) {
@@ -158,7 +158,7 @@ void KLVPersistantStore::onDatabase(const FMKLVDatabaseQueue::Block& block) {
   });
 }
 
-void KLVPersistantStore::noteCorruption(const FMKLVDatabase& db) {
+void KLVStoreReads::noteCorruption(const FMKLVDatabase& db) {
   if (foundCorrupt_ || !isCorruption(db.lastErrorCode())) return;
   foundCorrupt_ = true;
   KLV_ERROR("The database is corrupt ({}). The next start will set it aside", db.lastErrorMessage());

@@ -3,32 +3,28 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "kelvo/Value.h"
-#include "records/KLVStoredEvent.h"
 #include "sqlite/FMKLVDatabaseQueue.h"
 #include "storage/KLVJournalWrites.h"
 #include "storage/KLVLedgerWrites.h"
 #include "storage/KLVLifetimeWrites.h"
 #include "storage/KLVPersistentStore.h"
 #include "storage/KLVSQLText.h"
-#include "storage/KLVWaiting.h"
+#include "storage/KLVStoreReads.h"
 
 namespace kelvo {
 
 /// Owns the database file and writes all SQL text. It knows no records: callers pass dictionaries from column to value,
 /// and rows are returned as such dictionaries, without their NULL columns.
 ///
-/// Thread-safe, except as noted below; statements run one at a time. A write that fails is logged and returns false. A
-/// read that fails is logged and returns no rows, or 0; one that returns an optional returns nullopt. If the database
-/// cannot be opened, every read returns nothing and every write fails.
+/// Thread-safe, except as noted below; statements run one at a time. A write that fails is logged and returns false. If
+/// the database cannot be opened, every read returns nothing and every write fails.
 ///
 /// If SQLite reports corruption at opening, the store sets the file aside under another name and creates a new
 /// database. If it reports corruption later, the store writes a marker file, and the next start sets the database
@@ -36,11 +32,8 @@ namespace kelvo {
 ///
 /// Kept: only inserts and the bound update bind their values. All other statements contain them as text between single
 /// quotes. `quoted` doubles the quotes in a value or has the statement refused: it then fails without being run.
-class KLVPersistantStore final : public KLVPersistentStore {
+class KLVPersistantStore final : public KLVPersistentStore, public KLVStoreReads {
  public:
-  using Parameters = Dictionary;  ///< from column to value
-  using Rows = std::vector<Dictionary>;
-
   KLVPersistantStore();
   ~KLVPersistantStore();
 
@@ -57,57 +50,12 @@ class KLVPersistantStore final : public KLVPersistentStore {
   // --- Tables. The create functions return true if the table exists afterwards. The store remembers tables that exist:
   // to create one again costs nothing.
   bool createEventsTableWithTableName(std::string_view table);
-  [[nodiscard]] std::optional<bool> tableExists(std::string_view table);
   // The next perform function retries a failure of these. Only one thread at a time may call them.
   bool createChunkMetaInfoTableWithTableName(std::string_view table);
   bool createAggregateEventsTable();
   bool createLifetimeEventsTable();
   void createOwnTables();                                          ///< and our index of the chunks
   [[nodiscard]] bool removeTableWithName(std::string_view table);  ///< returns true if it no longer exists
-  [[nodiscard]] std::vector<std::string> retrieveTableNames();
-
-  // --- Reads.
-  /// Returns the number of rows. Reads the whole table.
-  [[nodiscard]] int retrieveNumberOfRecordsInTable(std::string_view table);
-  /// Returns the greatest "identifier" that an events table has or had, 0 if there was none or there is no table.
-  [[nodiscard]] std::optional<std::uint64_t> lastIdentifierInTable(std::string_view table);
-  /// Returns the greatest end of the session's chunks, 0 if it has none.
-  [[nodiscard]] std::optional<std::uint64_t> endOfChunks(std::string_view sid);
-  /// Counts what the service has not accepted.
-  [[nodiscard]] std::optional<KLVWaiting> waiting(std::string_view currentSession);
-  /// Returns the number of rows from `from` to `to`, both included, of an events table that chunks carry.
-  [[nodiscard]] std::optional<std::int64_t> countForUpload(std::string_view table, std::uint64_t from,
-                                                           std::uint64_t to);
-  /// Returns the number of rows whose column `key` has this value.
-  [[nodiscard]] std::optional<std::int64_t> countInTable(std::string_view table, std::string_view key,
-                                                         std::string_view value);
-  /// Returns the sum of `column` over the rows whose column `key` has this value, 0 if there is none.
-  [[nodiscard]] std::optional<std::int64_t> sumInTable(std::string_view table, std::string_view column,
-                                                       std::string_view key, std::string_view value);
-  /// Returns the rows whose "identifier" is from `from` to `to`, both included, in ascending order. Given both `column`
-  /// and `value`, returns only rows with that value.
-  [[nodiscard]] std::optional<Rows> retrieveDataWithTableName(std::string_view table, std::uint64_t from,
-                                                              std::uint64_t to,
-                                                              const std::optional<std::string>& column,
-                                                              const std::optional<std::string>& value);
-  /// The same without an upper end.
-  [[nodiscard]] Rows retrieveDataWithTableName(std::string_view table, int from,
-                                               const std::optional<std::string>& column,
-                                               const std::optional<std::string>& value);
-  /// Calls `take` with each of the first `most` events from `from` to `to`, both included, of an events table, in
-  /// ascending order. Returns their number. `take` must not call the store.
-  [[nodiscard]] std::optional<std::uint64_t> readEvents(std::string_view table, std::uint64_t from, std::uint64_t to,
-                                                        std::uint64_t most,
-                                                        const std::function<void(const KLVStoredEvent&)>& take);
-  /// Returns the rows whose column `key` has this value.
-  [[nodiscard]] std::optional<Rows> retrieveDataWithTableName(std::string_view table, std::string_view key,
-                                                              const Value& value);
-  /// Returns one column of the rows that meet all conditions. Returns nothing if there is no condition.
-  [[nodiscard]] std::optional<Rows> retrieveDataForIdentifier(std::string_view column, std::string_view table,
-                                                              const Parameters& conditions);
-  [[nodiscard]] Rows retrieveAllDataWithTableName(std::string_view table);
-  /// Returns one row for each distinct value of the column `key`.
-  [[nodiscard]] Rows retrieveSetOfValuesFromTable(std::string_view table, std::string_view key);
 
   // --- Writes.
   [[nodiscard]] bool insertDataWithTableName(std::string_view table, const Parameters& parameters);
@@ -124,15 +72,9 @@ class KLVPersistantStore final : public KLVPersistentStore {
   [[nodiscard]] bool updateAggregateEventsCountRecordWithCount(int count, const Parameters& conditions);
   [[nodiscard]] bool removeDataWithTableName(std::string_view table, std::string_view field, const Value& having);
   [[nodiscard]] bool write(const KLVSQLText& sql, const Parameters& parameters = {}, bool isFrequent = false);
-  [[nodiscard]] std::optional<Rows> rows(const KLVSQLText& sql);
-  /// Returns the first row's only column, 0 if there is no row or it is NULL.
-  [[nodiscard]] std::optional<std::int64_t> number(const KLVSQLText& sql);
   /// Closes the database permanently. Blocks until the running operation of another thread has ended; every later one
   /// fails. Only one thread at a time may call this and the perform functions.
   void retire();
-  /// Runs `block` on the database's queue. Does nothing if the database is not open.
-  void onDatabase(const FMKLVDatabaseQueue::Block& block);
-
   /// Passes `report` whether the database is open and has all its tables. After false, it is called again, with true,
   /// by the perform function that achieves it. Only one thread at a time may call this and the perform functions.
   void whenReady(std::function<void(bool isReady)> report);
@@ -148,8 +90,6 @@ class KLVPersistantStore final : public KLVPersistentStore {
   void performGrouped(const std::vector<Job>& jobs);
   /// Runs the jobs in order in one transaction. Returns true if they are committed. If one fails, none has an effect.
   bool performTogether(const std::vector<Job>& jobs);
-  /// Returns false during a trial run of this thread: the rerun logs the failure. Jobs check it before they log one.
-  [[nodiscard]] static bool reportsFailures() noexcept;
   // Each transaction writes these with its jobs. For jobs and the thread that runs them.
   [[nodiscard]] KLVLedgerWrites& ledger() noexcept { return ledger_; }
   [[nodiscard]] KLVLifetimeWrites& lifetimeCounts() noexcept { return lifetimeCounts_; }
@@ -168,28 +108,18 @@ class KLVPersistantStore final : public KLVPersistentStore {
   void fail();  ///< the transaction cannot be committed
   [[nodiscard]] bool create(std::string_view table, std::string_view columns, bool failureIsError);
   [[nodiscard]] bool createAtStart(std::string_view table, std::string_view columns, bool failureIsError);
-  // Queue of the next seven: the database's.
+  // Queue of the next three: the database's.
   [[nodiscard]] bool create(FMKLVDatabase& db, std::string_view table, std::string_view columns, bool failureIsError);
-  [[nodiscard]] static std::optional<Rows> rows(FMKLVDatabase& db, const KLVSQLText& sql);
-  [[nodiscard]] static std::optional<std::int64_t> number(FMKLVDatabase& db, const KLVSQLText& sql);
   [[nodiscard]] static bool run(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& values, bool isFrequent);
   [[nodiscard]] static bool update(FMKLVDatabase& db, const KLVSQLText& sql, const Parameters& values, bool isFrequent);
-  [[nodiscard]] std::optional<bool> exists(FMKLVDatabase& db, std::string_view table);
-  [[nodiscard]] bool readSequences(FMKLVDatabase& db);
   void open();
   void openAndMakeTables();
   [[nodiscard]] bool isReady() const { return db_ != nullptr && missingTables_.empty(); }
   void rollBack();
-  void noteCorruption(const FMKLVDatabase& db);  ///< queue: the database's
 
-  std::atomic<FMKLVDatabaseQueue*> opened_{nullptr};  // `db_`, readable on any thread
   std::atomic<std::uint64_t> rollbacks_{0};
 
   // Queue: the database's.
-  bool foundCorrupt_ = false;
-  std::set<std::string, std::less<>> tables_;  // known to exist
-  /// The last identifier that each events table gave out, once read. Later inserts are not noted.
-  std::optional<std::map<std::string, std::uint64_t, std::less<>>> sequences_;
   KLVInsertText eventInsert_;
   // Used by one thread at a time: when the tables are created, and in the perform functions.
   struct MissingTable {

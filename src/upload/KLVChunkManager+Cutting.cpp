@@ -46,11 +46,14 @@ bool KLVChunkManager::cutChunk(const std::string& sid, Progress& progress, const
   const Array reportingTimes{KLVTimer::sharedTimer().currentTimeInMillis()};
   const auto meta = std::make_shared<KLVChunkMetaInfo>(sid, row.cid, row.start, row.end, reportingTimes);
   std::optional<Dictionary> records;
+  const auto device = delegate_.deviceInfo();
+  const auto token = device != nullptr ? device->tokenCall() : KLVWaitingCall();
   if (KLVDeliveryRules::current().keepsRecordsOfTheCut) records = recordsOfTheCut(delegate_);
   if (!delegate_.saveChunkMetaInfo(meta, records)) {
     KLV_WARN("failed to store the row of chunk - {}, it is not sent", meta->identifier());
     return false;
   }
+  if (records) token.finish();
   // Kept: the indices advance before the service accepts the chunk. An unaccepted chunk is resent from its row.
   progress.nextChunk += 1;
   progress.nextEvent = range.end + 1;

@@ -274,7 +274,7 @@ TEST_F(JournalTest, ThePrivateRuntimeDirectoryIsPreferredAndNoPlaceKeepsAStaleCo
 
   withRuntime(0700);
   EXPECT_EQ(texts(open()), (Texts{"on disk"}));
-  EXPECT_FALSE(fs::exists(path()));
+  EXPECT_EQ(fs::file_size(path()), kJournalHeaderBytes) << "the mark of the home";
   EXPECT_EQ(std::distance(fs::directory_iterator(runtime), {}), 1);
   KLVSequenceSet finished;
   finished.add(write("stored"));
@@ -292,9 +292,45 @@ TEST_F(JournalTest, ThePrivateRuntimeDirectoryIsPreferredAndNoPlaceKeepsAStaleCo
 
   withRuntime(0700);
   EXPECT_EQ(texts(open(finished)), (Texts{"on disk", "in memory", "waits"})) << "both, in order";
-  EXPECT_FALSE(fs::exists(path()));
+  EXPECT_EQ(fs::file_size(path()), kJournalHeaderBytes);
   EXPECT_TRUE(removeJournalFiles(settings));
   EXPECT_TRUE(fs::is_empty(runtime));
+}
+
+TEST_F(JournalTest, ACallDoesNotOutliveItsHomeInTheRuntimeDirectory) {
+  const std::string runtime = home() + "/orphan";
+  fs::create_directories(runtime);
+  ::chmod(runtime.c_str(), 0700);
+  for (const bool isUsedOutside : {false, true}) {
+    settings.runtimeDirectory = runtime;
+    static_cast<void>(open());
+    static_cast<void>(write("erased"));
+    EXPECT_EQ(texts(open()), (Texts{"erased"})) << "the next launch of the login";
+
+    settings.runtimeDirectory.clear();
+    EXPECT_TRUE(removeJournalFiles(settings)) << "an erasure outside of the login";
+    if (isUsedOutside) {
+      EXPECT_TRUE(open().empty());
+      static_cast<void>(write("later"));
+    }
+    settings.runtimeDirectory = runtime;
+    EXPECT_EQ(texts(open()), isUsedOutside ? Texts{"later"} : Texts());
+    EXPECT_TRUE(removeJournalFiles(settings));
+  }
+}
+
+TEST_F(JournalTest, AFileThatCannotBeReadNowWaitsForALaterLaunch) {
+  static_cast<void>(open());
+  static_cast<void>(write("kept"));
+  rlimit former{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+  const rlimit none{0, former.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const auto entries = open();
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
+  EXPECT_TRUE(entries.empty());
+  EXPECT_FALSE(journal->isOpen());
+  EXPECT_EQ(texts(open()), (Texts{"kept"}));
 }
 
 TEST_F(JournalTest, AFileThatANewerOneHasReplacedIsNotReadAgain) {
@@ -345,7 +381,7 @@ TEST_F(JournalTest, AFullDiskIsOneLineAndLosesNothing) {
   EXPECT_EQ(texts(open(finished)), (Texts{"b"}));
 }
 
-TEST_F(JournalTest, WithoutASizeEarlierEntriesComeBackAndThenTheFileGoes) {
+TEST_F(JournalTest, WithoutASizeEarlierEntriesComeBackAndThenTheirRoomIsFree) {
   static_cast<void>(open());
   static_cast<void>(write("a"));
   settings.bytes = 0;
@@ -355,7 +391,7 @@ TEST_F(JournalTest, WithoutASizeEarlierEntriesComeBackAndThenTheFileGoes) {
   EXPECT_EQ(write("b"), 0U);
   journal->finish(entries[0].sequence);
   EXPECT_TRUE(open().empty());
-  EXPECT_FALSE(fs::exists(path()));
+  EXPECT_EQ(fs::file_size(path()), kJournalHeaderBytes);
 }
 
 }  // namespace

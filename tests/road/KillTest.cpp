@@ -296,8 +296,9 @@ Findings Kills::liveInFreshHome() {
     found.faults["home " + std::to_string(kills_)].push_back("\n" + diary_);
     if (const char* keep = std::getenv("KELVO_SOAK_KEEP")) {
       std::filesystem::create_directories(keep);
-      std::filesystem::rename(home,
-                              std::string(keep) + "/" + std::to_string(::getpid()) + "-" + std::to_string(kills_));
+      const std::string kept = std::string(keep) + "/" + std::to_string(::getpid()) + "-" + std::to_string(kills_);
+      std::filesystem::copy(test::home(), kept, std::filesystem::copy_options::recursive);
+      std::ofstream(kept + "/story") << found.story();
     }
   }
   return found;
@@ -385,6 +386,25 @@ TEST_F(Road, AKillLosesNoScreenNoAttributeAndNoReportOfActivity) {
     EXPECT_EQ(attributes.front(), "kept");
     EXPECT_EQ(at(service.chunks().back(), {"chunk_details", "user_attributes", "text"}), Value("kept"));
   }
+}
+
+TEST_F(Road, AKillLosesNoDeviceTokenAndNoEventOfAPlugIn) {
+  Program host = run({KELVO_MANNERS_HOST}, {{"KELVO_LOG", "debug"}});
+  host.writeLine("options id=shop delivery=complete");
+  ASSERT_TRUE(host.waitForError("initialized!")) << host.errors();
+  for (const char* line : {"token 0AFF", "interaction Tip", "kill"}) host.writeLine(line);
+  host.wait();
+  std::size_t events = 0;
+  for (const Value& token : {Value("0AFF"), Value()}) {  // the first launch hands the token on, the second one has none
+    EXPECT_TRUE(service.store().reset());
+    EXPECT_EQ(launch({"--app-id", "shop", "--delivery", "complete"}).untilReady().log("Next").quit(), 0);
+    ASSERT_FALSE(service.chunks().empty());
+    for (const Value& chunk : service.chunks()) {
+      EXPECT_EQ(at(chunk, {"device_info", "device_registration_token"}), token);
+      events += count(description(chunk), "Tip");
+    }
+  }
+  EXPECT_EQ(events, 1U);
 }
 
 TEST_F(Road, KillsDuringTheReplayLoseAndDoubleNothing) {

@@ -203,7 +203,7 @@ void Ledger::compareLibrarys(const std::string& home, const std::vector<Value>& 
   sums["aggregates"] = sums["counted"] + sums["notForUpload"];
   sums["waiting"] = sums["stored"] - sums["notForUpload"] - sums["accepted"];
   for (const char* entry : {"aggregates", "accepted", "waiting", "logged", "lost", "evictedForSpace", "evictedForAge",
-                            "refusedDisabled", "refusedNameless", "ignored"}) {
+                            "notStored", "refusedDisabled", "refusedNameless", "ignored"}) {
     const long difference = std::abs(sums[entry] - expected[entry]);
     if (difference == 0) continue;
     librarys_.ledger += difference;

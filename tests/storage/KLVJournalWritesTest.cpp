@@ -94,6 +94,22 @@ TEST_F(FinishedCalls, StayInTheJournalIfTheTransactionCannotBeCommitted) {
   EXPECT_EQ(KLVLedger::shared().count(Entry::notStored), 0U) << "it has no outcome yet";
 }
 
+TEST_F(FinishedCalls, AreNotNotedIfSQLiteItselfHasRolledTheTransactionBack) {
+  handler->saveEventInfo(event(call(1)), "S");
+  settle();
+  for (const char* table : {"events_S", "lifetime_events", "kelvo_ledger"}) {
+    SCOPED_TRACE(table);
+    execute(std::string("create trigger r before insert on ") + table + " begin select raise(rollback, 'full'); end");
+    handler->saveAndCountEvent(event(call(2)), "S");
+    settle();
+    execute("drop trigger r");
+    EXPECT_EQ(journal.numbers, Numbers{1}) << "the next launch stores it";
+    EXPECT_FALSE(inDatabase().numbers.contains(2)) << "the next launch would leave it out";
+    EXPECT_EQ(handler->numberOfEventsWithIdentifier("S"), 1U);
+  }
+  EXPECT_EQ(KLVLedger::shared().ledger().sinceInstallation.stored, 1U);
+}
+
 TEST_F(FinishedCalls, WaitForTheFileWithTheirAttributes) {
   const auto user = std::make_shared<KLVUser>("u");
   std::filesystem::create_directories(library("com.kelvo.db.user/blocks it"));

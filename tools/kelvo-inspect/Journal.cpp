@@ -39,9 +39,8 @@ Dictionary describe(const std::string& path, const std::optional<std::string>& c
 Array readJournals(const std::string& library) {
   Array journals;
   for (const auto& place : placesOf(library)) {
-    FileError error;
-    const auto content = KLVJournalFile::read(place.path, error);
-    if (content || !error.empty()) journals.append(describe(place.path, content, error));
+    const auto [content, problem, mayPass] = KLVJournalFile::read(place.path);
+    if (content || !problem.empty()) journals.append(describe(place.path, content, problem));
   }
   return journals;
 }

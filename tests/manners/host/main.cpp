@@ -304,7 +304,12 @@ const std::map<std::string, Word>& words() {
       {"options", startWithOptions},
       {"ready", [](auto&) { KelvoSDK::onReady(printStatus); }},
       {"throw", [](auto&) { KelvoSDK::onReady([](auto&) { throw std::runtime_error("of the host"); }); }},
-      {"token", [](auto&) { Application::logDeviceToken(kelvo::OptionalText()); }},
+      {"token",
+       [](auto& text) {
+         Application::logDeviceToken(text.empty() ? kelvo::OptionalText() : kelvo::OptionalText(text));
+       }},
+      {"interaction",
+       [](auto& name) { kelvo::PluginServices::dispatchEvent(kelvo::KLVEventType::userInteraction, name); }},
       {"background", [](auto&) { Application::willResignActive(); }},
       {"screen", [](auto& name) { Application::show(name); }},
       // consent granted|denied; without either, prints the state.

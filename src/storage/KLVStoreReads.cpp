@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "storage/KLVChunkWrites.h"
-#include "storage/KLVPersistantStore.h"
 #include "storage/KLVSchema.h"
+#include "storage/KLVStoreReads.h"
 #include "util/KLVUtilities+Cleaning.h"
 
 namespace kelvo {
@@ -27,7 +27,7 @@ std::unique_ptr<FMKLVResultSet> query(FMKLVDatabase& db, const KLVSQLText& sql) 
 
 }  // namespace
 
-std::optional<KLVPersistantStore::Rows> KLVPersistantStore::rows(FMKLVDatabase& db, const KLVSQLText& sql) {
+std::optional<KLVStoreReads::Rows> KLVStoreReads::rows(FMKLVDatabase& db, const KLVSQLText& sql) {
   const auto set = query(db, sql);
   if (!set) return std::nullopt;
   Rows result;
@@ -39,25 +39,25 @@ std::optional<KLVPersistantStore::Rows> KLVPersistantStore::rows(FMKLVDatabase& 
   return result;
 }
 
-std::optional<KLVPersistantStore::Rows> KLVPersistantStore::rows(const KLVSQLText& sql) {
+std::optional<KLVStoreReads::Rows> KLVStoreReads::rows(const KLVSQLText& sql) {
   std::optional<Rows> result;
   onDatabase([&](FMKLVDatabase& db) { result = rows(db, sql); });
   return result;
 }
 
-std::optional<std::int64_t> KLVPersistantStore::number(FMKLVDatabase& db, const KLVSQLText& sql) {
+std::optional<std::int64_t> KLVStoreReads::number(FMKLVDatabase& db, const KLVSQLText& sql) {
   const auto found = rows(db, sql);
   if (!found) return std::nullopt;
   return found->empty() || found->front().empty() ? 0 : found->front().begin()->second.asInt64();
 }
 
-std::optional<std::int64_t> KLVPersistantStore::number(const KLVSQLText& sql) {
+std::optional<std::int64_t> KLVStoreReads::number(const KLVSQLText& sql) {
   std::optional<std::int64_t> result;
   onDatabase([&](FMKLVDatabase& db) { result = number(db, sql); });
   return result;
 }
 
-std::vector<std::string> KLVPersistantStore::retrieveTableNames() {
+std::vector<std::string> KLVStoreReads::retrieveTableNames() {
   std::vector<std::string> names;
   for (const auto& row : rows({"SELECT name FROM 'sqlite_master' WHERE type='table'"}).value_or(Rows())) {
     if (const auto* name = row["name"].get<std::string>()) names.push_back(*name);
@@ -65,7 +65,7 @@ std::vector<std::string> KLVPersistantStore::retrieveTableNames() {
   return names;
 }
 
-std::optional<bool> KLVPersistantStore::exists(FMKLVDatabase& db, std::string_view table) {
+std::optional<bool> KLVStoreReads::exists(FMKLVDatabase& db, std::string_view table) {
   if (tables_.count(table) != 0) return true;
   const auto columns = rows(db, sqlText("pragma table_info('{}')", quoted(table)));  // no rows if there is no table
   if (!columns) return std::nullopt;
@@ -73,17 +73,17 @@ std::optional<bool> KLVPersistantStore::exists(FMKLVDatabase& db, std::string_vi
   return !columns->empty();
 }
 
-std::optional<bool> KLVPersistantStore::tableExists(std::string_view table) {
+std::optional<bool> KLVStoreReads::tableExists(std::string_view table) {
   std::optional<bool> result;
   onDatabase([&](FMKLVDatabase& db) { result = exists(db, table); });
   return result;
 }
 
-int KLVPersistantStore::retrieveNumberOfRecordsInTable(std::string_view table) {
+int KLVStoreReads::retrieveNumberOfRecordsInTable(std::string_view table) {
   return static_cast<int>(number(sqlText("select COUNT(*) from '{}'", quoted(table))).value_or(0));
 }
 
-std::optional<std::uint64_t> KLVPersistantStore::lastIdentifierInTable(std::string_view table) {
+std::optional<std::uint64_t> KLVStoreReads::lastIdentifierInTable(std::string_view table) {
   std::optional<std::uint64_t> result;
   onDatabase([&](FMKLVDatabase& db) {
     const auto found = exists(db, table);
@@ -99,7 +99,7 @@ std::optional<std::uint64_t> KLVPersistantStore::lastIdentifierInTable(std::stri
 }
 
 /// All at once, because the table has no index, and a launch may ask for thousands of sessions.
-bool KLVPersistantStore::readSequences(FMKLVDatabase& db) {
+bool KLVStoreReads::readSequences(FMKLVDatabase& db) {
   if (sequences_) return true;
   const auto found = exists(db, "sqlite_sequence");  // SQLite makes it with the first events table
   const auto all = found && *found ? rows(db, {"select name, seq from sqlite_sequence"}) : Rows();
@@ -109,20 +109,20 @@ bool KLVPersistantStore::readSequences(FMKLVDatabase& db) {
   return true;
 }
 
-std::optional<std::uint64_t> KLVPersistantStore::endOfChunks(std::string_view sid) {
+std::optional<std::uint64_t> KLVStoreReads::endOfChunks(std::string_view sid) {
   const auto end =
       number(sqlText("select MAX({}) from '{}' where {}", kKLVChunkEnd, kKLVChunkMetaInfo, chunksOfSession(sid)));
   return end ? std::optional(static_cast<std::uint64_t>(*end)) : std::nullopt;
 }
 
-std::optional<KLVWaiting> KLVPersistantStore::waiting(std::string_view currentSession) {
+std::optional<KLVWaiting> KLVStoreReads::waiting(std::string_view currentSession) {
   std::optional<KLVWaiting> result;
   onDatabase([&](FMKLVDatabase& db) { result = KLVWaiting::in(db, currentSession); });
   return result;
 }
 
-std::optional<std::int64_t> KLVPersistantStore::countForUpload(std::string_view table, std::uint64_t from,
-                                                               std::uint64_t to) {
+std::optional<std::int64_t> KLVStoreReads::countForUpload(std::string_view table, std::uint64_t from,
+                                                          std::uint64_t to) {
   std::optional<std::int64_t> result;
   onDatabase([&](FMKLVDatabase& db) {
     if (const auto count = KLVWaiting::eventsIn(db, table, from, to)) result = static_cast<std::int64_t>(*count);
@@ -130,26 +130,27 @@ std::optional<std::int64_t> KLVPersistantStore::countForUpload(std::string_view 
   return result;
 }
 
-std::optional<std::int64_t> KLVPersistantStore::sumInTable(std::string_view table, std::string_view column,
-                                                           std::string_view key, std::string_view value) {
+std::optional<std::int64_t> KLVStoreReads::sumInTable(std::string_view table, std::string_view column,
+                                                      std::string_view key, std::string_view value) {
   return number(sqlText("select SUM({}) from '{}' where {} = '{}'", plainName(column), quoted(table), plainName(key),
                         quoted(value)));
 }
 
-std::optional<std::int64_t> KLVPersistantStore::countInTable(std::string_view table, std::string_view key,
-                                                             std::string_view value) {
+std::optional<std::int64_t> KLVStoreReads::countInTable(std::string_view table, std::string_view key,
+                                                        std::string_view value) {
   return number(sqlText("select COUNT(*) from '{}' where {} = '{}'", quoted(table), plainName(key), quoted(value)));
 }
 
-std::optional<KLVPersistantStore::Rows> KLVPersistantStore::retrieveDataWithTableName(
-    std::string_view table, std::uint64_t from, std::uint64_t to, const std::optional<std::string>& column,
-    const std::optional<std::string>& value) {
+std::optional<KLVStoreReads::Rows> KLVStoreReads::retrieveDataWithTableName(std::string_view table, std::uint64_t from,
+                                                                            std::uint64_t to,
+                                                                            const std::optional<std::string>& column,
+                                                                            const std::optional<std::string>& value) {
   return rows(rangeQuery(table, fmt::format("where identifier >= {} and identifier <= {}", from, to), column, value));
 }
 
-std::optional<std::uint64_t> KLVPersistantStore::readEvents(std::string_view table, std::uint64_t from,
-                                                            std::uint64_t to, std::uint64_t most,
-                                                            const std::function<void(const KLVStoredEvent&)>& take) {
+std::optional<std::uint64_t> KLVStoreReads::readEvents(std::string_view table, std::uint64_t from, std::uint64_t to,
+                                                       std::uint64_t most,
+                                                       const std::function<void(const KLVStoredEvent&)>& take) {
   std::optional<std::uint64_t> count;
   onDatabase([&](FMKLVDatabase& db) {
     const auto set = query(db, sqlText("select identifier, {}, {}, {}, {} from '{}' where identifier >= {} and "
@@ -170,32 +171,30 @@ std::optional<std::uint64_t> KLVPersistantStore::readEvents(std::string_view tab
   return count;
 }
 
-KLVPersistantStore::Rows KLVPersistantStore::retrieveDataWithTableName(std::string_view table, int from,
-                                                                       const std::optional<std::string>& column,
-                                                                       const std::optional<std::string>& value) {
+KLVStoreReads::Rows KLVStoreReads::retrieveDataWithTableName(std::string_view table, int from,
+                                                             const std::optional<std::string>& column,
+                                                             const std::optional<std::string>& value) {
   return rows(rangeQuery(table, fmt::format("where identifier >= {}", from), column, value)).value_or(Rows());
 }
 
-std::optional<KLVPersistantStore::Rows> KLVPersistantStore::retrieveDataWithTableName(std::string_view table,
-                                                                                      std::string_view key,
-                                                                                      const Value& value) {
+std::optional<KLVStoreReads::Rows> KLVStoreReads::retrieveDataWithTableName(std::string_view table,
+                                                                            std::string_view key, const Value& value) {
   return rows(sqlText("select * from '{}' where {} = '{}'", quoted(table), plainName(key), quoted(description(value))));
 }
 
-std::optional<KLVPersistantStore::Rows> KLVPersistantStore::retrieveDataForIdentifier(std::string_view column,
-                                                                                      std::string_view table,
-                                                                                      const Parameters& conditions) {
+std::optional<KLVStoreReads::Rows> KLVStoreReads::retrieveDataForIdentifier(std::string_view column,
+                                                                            std::string_view table,
+                                                                            const Parameters& conditions) {
   if (conditions.empty()) return Rows();
   return rows(sqlText("select {} from '{}' where {}", plainName(column), quoted(table),
                       joined(conditions, "", " AND ", "{} = '{}'")));
 }
 
-KLVPersistantStore::Rows KLVPersistantStore::retrieveAllDataWithTableName(std::string_view table) {
+KLVStoreReads::Rows KLVStoreReads::retrieveAllDataWithTableName(std::string_view table) {
   return rows(sqlText("select * from '{}'", quoted(table))).value_or(Rows());
 }
 
-KLVPersistantStore::Rows KLVPersistantStore::retrieveSetOfValuesFromTable(std::string_view table,
-                                                                          std::string_view key) {
+KLVStoreReads::Rows KLVStoreReads::retrieveSetOfValuesFromTable(std::string_view table, std::string_view key) {
   return rows(sqlText("select DISTINCT({}) from '{}'", plainName(key), quoted(table))).value_or(Rows());
 }
 

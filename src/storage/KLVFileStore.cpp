@@ -4,8 +4,8 @@
 #include "platform/Files.h"
 #include "platform/JSON.h"
 #include "records/KLVFileNames.h"
-#include "storage/KLVDataHandler.h"
 #include "storage/KLVDataHandlerJobs.h"
+#include "storage/KLVFileStore.h"
 #include "util/KLVException.h"
 #include "util/KLVLogger.h"
 #include "util/KLVUtilities+JSON.h"
@@ -63,29 +63,28 @@ std::shared_ptr<Record> recordFromFile(const std::optional<Value>& content) {
 
 }  // namespace
 
-void KLVDataHandler::saveAppInfo(std::shared_ptr<KLVAppInfo> info, std::string identifier) {
+void KLVFileStore::saveAppInfo(std::shared_ptr<KLVAppInfo> info, std::string identifier) {
   if (!info) return;
   jobs_->async([info = std::move(info), identifier = std::move(identifier)] {
     if (!writeSessionRecord(*info, identifier, kKLVAppInfo)) KLV_ERROR("Failed to save AppInfo");
   });
 }
 
-void KLVDataHandler::saveDeviceInfo(std::shared_ptr<KLVDeviceInfo> info) {
+void KLVFileStore::saveDeviceInfo(std::shared_ptr<KLVDeviceInfo> info) {
   if (!info) return;
   jobs_->async([info = std::move(info)] {
     if (!writeJSON(info->jsonDict(), kKLVDeviceInfo)) KLV_ERROR("Failed to save DeviceInfo");
   });
 }
 
-void KLVDataHandler::saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string identifier) {
+void KLVFileStore::saveSDKInfo(std::shared_ptr<KLVSDKInfo> info, std::string identifier) {
   if (!info) return;
   jobs_->async([info = std::move(info), identifier = std::move(identifier)] {
     if (!writeSessionRecord(*info, identifier, kKLVSDKInfo)) KLV_ERROR("Failed to save SDKInfo");
   });
 }
 
-void KLVDataHandler::saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier,
-                                     KLVWaitingCalls calls) {
+void KLVFileStore::saveSessionInfo(std::shared_ptr<KLVSession> session, std::string identifier, KLVWaitingCalls calls) {
   if (!session) return;
   KLV_DEBUG("Saving session: {} with identifier: {}", storageForm(*session), identifier);
   jobs_->async(
@@ -96,7 +95,7 @@ void KLVDataHandler::saveSessionInfo(std::shared_ptr<KLVSession> session, std::s
       });
 }
 
-void KLVDataHandler::saveUserInfo(std::shared_ptr<KLVUser> user, KLVWaitingCalls calls) {
+void KLVFileStore::saveUserInfo(std::shared_ptr<KLVUser> user, KLVWaitingCalls calls) {
   if (!user) return;
   KLV_DEBUG("Saving user info: {}", storageForm(*user));
   jobs_->async([jobs = jobs_.get(), user = std::move(user), calls = std::move(calls)] {
@@ -105,17 +104,17 @@ void KLVDataHandler::saveUserInfo(std::shared_ptr<KLVUser> user, KLVWaitingCalls
   });
 }
 
-std::shared_ptr<KLVSession> KLVDataHandler::retrieveSessionInfoWithIdentifier(const std::string& identifier) {
+std::shared_ptr<KLVSession> KLVFileStore::retrieveSessionInfoWithIdentifier(const std::string& identifier) {
   if (!KLVSession::isIdentifier(identifier)) return nullptr;
   return recordFromFile<KLVSession>(objectFromFileWithPath(joinPath(identifier, kKLVSessionInfo)));
 }
 
-std::shared_ptr<KLVUser> KLVDataHandler::retrieveUser() {
+std::shared_ptr<KLVUser> KLVFileStore::retrieveUser() {
   const auto content = objectFromFileWithPath(std::string(kKLVUserDB));
   return KLVUser::restored(content ? content->asDictionary() : std::nullopt);
 }
 
-void KLVDataHandler::deleteItemAtPath(std::string path) {
+void KLVFileStore::deleteItemAtPath(std::string path) {
   jobs_->async([path = std::move(path)] {
     FileError error = "it is no session's directory";
     if (KLVSession::isIdentifier(path) && removeItem(Directories::inLibrary(path), &error)) return;
@@ -123,8 +122,8 @@ void KLVDataHandler::deleteItemAtPath(std::string path) {
   });
 }
 
-std::optional<Value> KLVDataHandler::objectFromFileWithPath(const std::optional<std::string>& path,
-                                                            const KLVAnswerLimits& limits) {
+std::optional<Value> KLVFileStore::objectFromFileWithPath(const std::optional<std::string>& path,
+                                                          const KLVAnswerLimits& limits) {
   if (!path) {
     KLV_WARN("Invalid path");
     return std::nullopt;
@@ -132,12 +131,12 @@ std::optional<Value> KLVDataHandler::objectFromFileWithPath(const std::optional<
   return jobs_->sync([&] { return objectFromFile(*path, limits); });
 }
 
-std::optional<Value> KLVDataHandler::getEventsInfo() {
+std::optional<Value> KLVFileStore::getEventsInfo() {
   return objectFromFileWithPath(std::string(kKLVEventsBuffer));
 }
 
-void KLVDataHandler::persist(Dictionary config, std::string path, std::string failure,
-                             std::function<void(bool isSaved)> completion) {
+void KLVFileStore::persist(Dictionary config, std::string path, std::string failure,
+                           std::function<void(bool isSaved)> completion) {
   jobs_->async([config = std::move(config), path = std::move(path), failure = std::move(failure),
                 completion = std::move(completion)] {
     const bool isSaved = writeJSON(config, path);
@@ -146,11 +145,11 @@ void KLVDataHandler::persist(Dictionary config, std::string path, std::string fa
   });
 }
 
-void KLVDataHandler::persistFrequencyConfig(Dictionary config) {
+void KLVFileStore::persistFrequencyConfig(Dictionary config) {
   persist(std::move(config), std::string(kKLVSDKFrequencyConfig), "Unable to save freq config");
 }
 
-void KLVDataHandler::saveFrequencyInfo(Value info, std::string identifier) {
+void KLVFileStore::saveFrequencyInfo(Value info, std::string identifier) {
   jobs_->async([info = std::move(info), identifier = std::move(identifier)] {
     const Value stored = objectFromFile(std::string(kKLVSDKFrequencyConfig));
     Dictionary config = stored.asDictionary().value_or(Dictionary());
@@ -159,25 +158,25 @@ void KLVDataHandler::saveFrequencyInfo(Value info, std::string identifier) {
   });
 }
 
-std::optional<Value> KLVDataHandler::retrieveFrequencyConfig() {
+std::optional<Value> KLVFileStore::retrieveFrequencyConfig() {
   return objectFromFileWithPath(std::string(kKLVSDKFrequencyConfig));
 }
 
-void KLVDataHandler::persistClientEvents(Dictionary config, std::function<void(bool isSaved)> completion) {
+void KLVFileStore::persistClientEvents(Dictionary config, std::function<void(bool isSaved)> completion) {
   persist(std::move(config), std::string(kKLVClientEventsPath), "Unable to save client events config",
           std::move(completion));
 }
 
-std::optional<Value> KLVDataHandler::getClientEvents() {
+std::optional<Value> KLVFileStore::getClientEvents() {
   return objectFromFileWithPath(std::string(kKLVClientEventsPath), kStartUpLimits);
 }
 
-void KLVDataHandler::persistPIDMIDDict(Dictionary config, std::string path) {
+void KLVFileStore::persistPIDMIDDict(Dictionary config, std::string path) {
   // Kept: the same text as for the frequency configuration.
   persist(std::move(config), std::move(path), "Unable to save freq config");
 }
 
-std::optional<Value> KLVDataHandler::getPIDMIDDictAtPath(const std::string& path) {
+std::optional<Value> KLVFileStore::getPIDMIDDictAtPath(const std::string& path) {
   return objectFromFileWithPath(path, kStartUpLimits);
 }
 
