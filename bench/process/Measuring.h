@@ -1,11 +1,10 @@
 #pragma once
 
-#include <sqlite3.h>
-
 #include <chrono>
-#include <cstdint>
+#include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace kelvo::bench {
 
@@ -15,44 +14,24 @@ inline double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// Watches the database of this process's home through a separate connection.
-class DatabaseWatcher {
- public:
-  ~DatabaseWatcher() { sqlite3_close(connection_); }
-
-  /// Returns the number of events ever stored, of all sessions.
-  std::int64_t stored() { return number("select coalesce(sum(seq), 0) from sqlite_sequence"); }
-  std::int64_t acceptedChunks() { return number("select count(*) from chunkmeta where status = 1"); }
-  std::int64_t acceptedEvents() {
-    return number("select coalesce(sum(\"end\" - \"start\" + 1), 0) from chunkmeta where status = 1");
-  }
-  std::int64_t chunks() { return number("select count(*) from chunkmeta"); }
-  std::int64_t sessions() { return number("select count(*) from sqlite_master where name like 'events_%'"); }
-
- private:
-  /// Returns the integer that `sql` selects, 0 if there is no database or no row.
-  std::int64_t number(const char* sql);
-
-  sqlite3* connection_ = nullptr;
-};
+/// Returns the time, in seconds, that the program which started this process can compare with its own.
+double now();
 
 /// Blocks until `condition` holds; checks it every `interval`. Ends the process after ten minutes.
 void waitFor(const std::function<bool()>& condition,
              std::chrono::microseconds interval = std::chrono::microseconds(200));
 
-/// The memory, in bytes, that a process shares with no other. The clean part is mapped from files: mostly code of
-/// libraries that no other process uses at the moment.
-struct PrivateMemory {
-  std::int64_t clean = 0;
-  std::int64_t dirty = 0;
-};
-/// Returns zeros if the process has ended.
-PrivateMemory privateMemory(int process);
-
 /// Returns the user and system time of this process, in seconds.
 double cpuSeconds();
 
+/// Calls `operation` with each number below `count`, with a `pause` before each call. Returns each call's duration in
+/// microseconds, shortest first.
+std::vector<double> durations(std::size_t count, std::chrono::microseconds pause,
+                              const std::function<void(std::size_t number)>& operation);
+
 /// Prints "key value" for the program that started this process.
 void printFigure(const std::string& key, double value);
+/// Prints the figures p50, p99 and p999. `sorted`: not empty.
+void printPercentiles(const std::vector<double>& sorted);
 
 }  // namespace kelvo::bench

@@ -127,7 +127,7 @@ class Writer {
   bool writeFloating(double number, const Value& value) {
     if (!std::isfinite(number)) return refuse(std::isnan(number) ? "NaN" : "an infinity", value);
     const std::size_t start = text.size();
-    fmt::format_to(std::back_inserter(text), "{}", number);
+    text += fmt::format("{}", number);
     if (text.find_first_of(".e", start) == std::string::npos) text += ".0";
     return true;
   }

@@ -222,7 +222,7 @@ namespace {
 std::string hexadecimal(const Data& bytes) {
   std::string text;
   text.reserve(2 * bytes.size());
-  for (const std::uint8_t byte : bytes) fmt::format_to(std::back_inserter(text), "{:02x}", byte);
+  for (const std::uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
   return text;
 }
 

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <iterator>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -36,7 +35,7 @@ std::string randomSecret() {
   std::array<std::uint8_t, kBytes> bytes{};
   if (::getentropy(bytes.data(), bytes.size()) != 0) throw std::runtime_error("The system has no random numbers");
   std::string text;
-  for (const std::uint8_t byte : bytes) fmt::format_to(std::back_inserter(text), "{:02x}", byte);
+  for (const std::uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
   return text;
 }
 

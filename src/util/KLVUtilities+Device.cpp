@@ -48,7 +48,7 @@ bool KLVUtilities::isFirstSession() {
 std::optional<std::string> KLVUtilities::stringWithDeviceToken(const std::optional<Data>& token) {
   if (!token) return std::nullopt;
   std::string text;
-  for (const std::uint8_t byte : *token) fmt::format_to(std::back_inserter(text), "{:02X}", byte);
+  for (const std::uint8_t byte : *token) text += fmt::format("{:02X}", byte);
   return text;
 }
 
