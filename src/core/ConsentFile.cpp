@@ -7,6 +7,7 @@
 #include "platform/Files.h"
 #include "platform/Immortal.h"
 #include "platform/JSON.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 #include "platform/Trust.h"
 #include "records/KLVFileNames.h"
@@ -74,10 +75,13 @@ Mutex& changeMutex() {
 
 /// Returns true unless the same damaged `text` was passed last.
 bool isNewDamage(const std::string& text) {
-  static Immortal<Mutex> mutex;
-  static Immortal<std::optional<std::string>> last;  // guarded by `mutex`
-  const Lock lock(*mutex);
-  return std::exchange(*last, text) != text;
+  struct Last {
+    Mutex mutex;
+    std::optional<std::string> text GUARDED_BY(mutex);
+  };
+  static ProcessWide<Last> last;
+  const Lock lock(last->mutex);
+  return std::exchange(last->text, text) != text;
 }
 
 }  // namespace

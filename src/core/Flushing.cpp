@@ -8,6 +8,7 @@
 
 #include "core/KLVController.h"
 #include "network/ExitParking.h"
+#include "platform/Clock.h"
 #include "platform/DispatchQueue.h"
 #include "platform/MainQueue.h"
 #include "platform/Privileges.h"
@@ -101,10 +102,10 @@ void Flushing::begin(milliseconds deadline, std::function<void(const FlushResult
     return callback(undelivered(controller().deliveryState(), 0));
   }
   if (!controller().isSDKInitCalled()) {  // there is no thread yet that could count the time
-    return controller().whenPastStart([latest = std::chrono::steady_clock::now() + std::min(deadline, kLongestDeadline),
-                                       callback = std::move(callback)] {
-      begin(std::chrono::duration_cast<milliseconds>(latest - std::chrono::steady_clock::now()), callback);
-    });
+    return controller().whenPastStart(
+        [latest = Clock::monotonic() + std::min(deadline, kLongestDeadline), callback = std::move(callback)] {
+          begin(std::chrono::duration_cast<milliseconds>(latest - Clock::monotonic()), callback);
+        });
   }
   const auto finish = [isOver = std::make_shared<std::atomic<bool>>(false), callback = std::move(callback),
                        failuresBefore = controller().deliveryState().failures](End end) {
@@ -136,13 +137,13 @@ FlushResult Flushing::wait(milliseconds deadline) {
   const std::uint64_t failuresBefore = controller().deliveryState().failures;
   const auto limit = std::clamp(deadline, milliseconds(0), kLongestDeadline) +
                      (controller().isSDKInitCalled() ? kLongestCount : milliseconds(0));
-  const auto latest = std::chrono::steady_clock::now() + limit;
+  const auto latest = Clock::monotonic() + limit;
   const BlockedMainLoop blocked;
   const auto result = std::make_shared<std::promise<FlushResult>>();
   auto future = result->get_future();
   if (!ExitParking::shared().isExiting()) begin(deadline, [result](const FlushResult& now) { result->set_value(now); });
-  while (!ExitParking::shared().isExiting() && std::chrono::steady_clock::now() < latest) {
-    if (future.wait_for(kBetweenChecks) == std::future_status::ready) return future.get();
+  while (!ExitParking::shared().isExiting() && Clock::monotonic() < latest) {
+    if (Clock::waitFor(future, kBetweenChecks)) return future.get();
   }
   return undelivered(controller().deliveryState(), failuresBefore);
 }

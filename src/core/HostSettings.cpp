@@ -4,8 +4,8 @@
 
 #include "core/Readiness.h"
 #include "platform/Directories.h"
-#include "platform/Immortal.h"
 #include "platform/Privileges.h"
+#include "platform/ProcessWide.h"
 #include "platform/ServiceEndpoint.h"
 #include "records/KLVRecordKeys.h"
 #include "util/KLVDeliveryRules.h"
@@ -52,7 +52,7 @@ bool bundleRequiresConsent(const Value& value) {
 }  // namespace
 
 HostSettings& HostSettings::shared() {
-  static Immortal<HostSettings> instance;
+  static ProcessWide<HostSettings> instance;
   return *instance;
 }
 

@@ -4,8 +4,8 @@
 #include "network/ExitParking.h"
 #include "platform/Bundle.h"
 #include "platform/Clock.h"
-#include "platform/Immortal.h"
 #include "platform/Privileges.h"
+#include "platform/ProcessWide.h"
 #include "platform/SwitchedOff.h"
 #include "util/KLVLogger.h"
 #include "util/KLVTimer.h"
@@ -20,7 +20,7 @@ constexpr std::chrono::milliseconds kLongestWaitForTitle(1000);
 }  // namespace
 
 KLVController& KLVController::sharedController() {
-  static Immortal<KLVController> instance;
+  static ProcessWide<KLVController> instance;
   return *instance;
 }
 

@@ -15,6 +15,7 @@
 #include "platform/Bundle.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 #include "util/KLVLogger.h"
 #include "util/KLVPluginName.h"
@@ -44,6 +45,12 @@ Classes& classes() {
   static Immortal<Classes> instance;
   return *instance;
 }
+
+/// The classes stay: initialisers have registered them.
+[[maybe_unused]] const ResetAtEnd reset([] {
+  const Lock lock(classes().mutex);
+  classes().awaited.clear();
+});
 
 bool isRegistered(const std::string& name) {
   Classes& known = classes();

@@ -3,14 +3,14 @@
 #include <exception>
 #include <utility>
 
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
 
 Readiness& Readiness::shared() {
-  static Immortal<Readiness> instance;
+  static ProcessWide<Readiness> instance;
   return *instance;
 }
 

@@ -7,6 +7,7 @@
 #include "platform/MainQueue.h"
 #include "records/KLVRecordKeys.h"
 #include "util/KLVLogger.h"
+#include "util/KLVObserver.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVTimer.h"
 #include "util/KLVUtilities+Cleaning.h"
@@ -203,6 +204,7 @@ void KLVNavigationMonitor::enter(const Screen& screen, std::function<void()> whe
     navEventDispatchSerialQueue_.assertCurrent();
     if (title) event->setInfo(*sanitised(title), kKLVName);
     currentNavEvent_ = event;
+    observer::entered(*event);
     whenCurrent();
   });
 }
@@ -216,6 +218,7 @@ void KLVNavigationMonitor::logScreenWithName(std::string name, Date reportedAt, 
     currentNavEvent_ = eventOfNamedScreen<KLVNavigationEvent>(currNavId_, name);
     currentNavEvent_->setCreatedTime(KLVTimer::sharedTimer().timeAt(reportedAt));
     currentNavEvent_->setCall(call);
+    observer::entered(*currentNavEvent_);
     dispatch(previousNavEvent_, currentNavEvent_->createdTime());
   });
 }

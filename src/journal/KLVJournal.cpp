@@ -11,7 +11,7 @@
 #include "journal/KLVJournalFormer.h"
 #include "journal/KLVJournalRing.h"
 #include "platform/Files.h"
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 #include "util/KLVLogger.h"
 
@@ -67,7 +67,7 @@ struct KLVJournal::Opened {
 };
 
 KLVJournal& KLVJournal::shared() {
-  static Immortal<KLVJournal> instance;
+  static ProcessWide<KLVJournal> instance;
   return *instance;
 }
 

@@ -4,10 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 
-#include "network/Curl.h"
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 
 namespace kelvo {
@@ -20,22 +18,8 @@ thread_local bool onNetworkThread = false;
 }  // namespace
 
 ExitParking& ExitParking::shared() {
-  static Immortal<ExitParking> instance;
+  static ProcessWide<ExitParking> instance;
   return *instance;
-}
-
-/// Uses OpenSSL's own list of exit handlers. Registered before OpenSSL initialises, so that it runs before OpenSSL's
-/// own exit handler, even if the process exits in the middle of the initialisation.
-void ExitParking::registerBeforeOpenSSL() {
-  using Register = int (*)(void (*)());
-  const auto registerHandler = reinterpret_cast<Register>(Curl::functionBehind("OPENSSL_atexit"));
-  if (registerHandler != nullptr) registerHandler(ExitParking::parkAtExit);
-}
-
-/// Exit handlers run in reverse order, so this one runs before those that curl's initialisation registered: those of a
-/// TLS library other than OpenSSL, too.
-bool ExitParking::registerAfterCurl() {
-  return std::atexit(ExitParking::parkAtExit) == 0;
 }
 
 void ExitParking::parkAtExit() {

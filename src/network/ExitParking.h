@@ -29,13 +29,6 @@ class ExitParking {
   /// The parking of the process. Never destroyed.
   static ExitParking& shared();
 
-  /// Arranges for OpenSSL to call `parkAtExit` before it frees its data. Call it once libcurl is loaded,
-  /// and before OpenSSL is initialised, that is, before curl is.
-  static void registerBeforeOpenSSL();
-  /// Arranges for the process to call `parkAtExit` at exit, before the exit handlers registered so far. Call it once
-  /// curl is initialised. Returns false if the C library refuses the handler.
-  [[nodiscard]] static bool registerAfterCurl();
-
   /// Parks all network threads permanently. Blocks until they are parked, for half a second at most. Does nothing in a
   /// forked child. May be called several times.
   static void parkAtExit();

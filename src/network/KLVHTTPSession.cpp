@@ -44,12 +44,22 @@ CURLcode initialiseCurl() {
                                 std::calloc);
 }
 
-/// Initialises the loaded curl once per process. Returns whether curl is ready for use. The parking is registered
-/// before and after: see ExitParking.h.
+/// Arranges for OpenSSL to call `parkAtExit` before it frees its data, through OpenSSL's own list of exit handlers.
+/// Registered before OpenSSL initialises, so that it runs before OpenSSL's own exit handler, even if the process exits
+/// in the middle of the initialisation.
+void parkBeforeOpenSSLEnds() {
+  using Register = int (*)(void (*)());
+  const auto registerHandler = reinterpret_cast<Register>(Curl::functionBehind("OPENSSL_atexit"));
+  if (registerHandler != nullptr) registerHandler(ExitParking::parkAtExit);
+}
+
+/// Initialises the loaded curl once per process. Returns whether curl is ready for use. Exit handlers run in reverse
+/// order, so the last one runs before those that curl's initialisation registered: those of a TLS library other than
+/// OpenSSL, too.
 bool setUpCurl() {
   static const bool ready = [] {
-    ExitParking::registerBeforeOpenSSL();
-    return initialiseCurl() == CURLE_OK && ExitParking::registerAfterCurl();
+    parkBeforeOpenSSLEnds();
+    return initialiseCurl() == CURLE_OK && std::atexit(ExitParking::parkAtExit) == 0;
   }();
   return ready;
 }
@@ -119,7 +129,9 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
     if (request.group != nullptr && request.group->isClosed()) return finish(std::move(completion), cancelled());
     Lock lock(mutex_);
     if (ExitParking::shared().isExiting()) return;
-    if (!running_) running_ = startThread("kelvo.net", [self = shared_from_this()] { self->run(); });
+    if (!running_)
+      running_ = startThread(
+          "kelvo.net", [self = shared_from_this()] { self->run(); }, [] {});
     if (!running_) {
       lock.unlock();
       return finish(std::move(completion), failure(CURLE_OUT_OF_MEMORY, "The network thread could not be started"));

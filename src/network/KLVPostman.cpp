@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "network/HTTPURL.h"
-#include "platform/Immortal.h"
 #include "platform/JSON.h"
+#include "platform/ProcessWide.h"
 #include "platform/ServiceEndpoint.h"
 #include "util/KLVLogger.h"
 
@@ -70,7 +70,7 @@ HTTPRequest postRequest(const std::string& path, const std::optional<Dictionary>
 }  // namespace
 
 KLVHTTPSession& KLVPostman::sharedSession() {
-  static Immortal<KLVHTTPSession> session;
+  static ProcessWide<KLVHTTPSession> session;
   return *session;
 }
 

@@ -16,6 +16,7 @@
 #include "platform/Immortal.h"
 #include "platform/Privileges.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "platform/PropertyList.h"
 #include "platform/ThreadSafety.h"
 #include "platform/Trust.h"
@@ -57,7 +58,7 @@ void reportDistrust(const std::string& path, const std::string& reason) {
     Mutex mutex;
     std::set<std::string> paths GUARDED_BY(mutex);
   };
-  static Immortal<Reported> reported;
+  static ProcessWide<Reported> reported;
   {
     const Lock lock(reported->mutex);
     if (!reported->paths.insert(path).second) return;

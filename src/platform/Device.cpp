@@ -6,12 +6,14 @@
 #include <string_view>
 
 #include "platform/Files.h"
+#include "platform/ProcessWide.h"
 
 namespace kelvo {
 namespace {
 
 std::atomic<ScreenSize> screen{ScreenSize{}};
 static_assert(std::atomic<ScreenSize>::is_always_lock_free);
+[[maybe_unused]] const ResetAtEnd reset([] { screen.store({}); });
 
 std::string_view unquoted(std::string_view text) {
   const bool quoted = text.size() >= 2 && (text.front() == '"' || text.front() == '\'') && text.back() == text.front();

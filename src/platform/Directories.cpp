@@ -15,9 +15,9 @@
 
 #include "platform/Bundle.h"
 #include "platform/Files.h"
-#include "platform/Immortal.h"
 #include "platform/Privileges.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 #include "platform/Trust.h"
 
@@ -34,6 +34,11 @@ std::optional<std::string> environment(const char* name) {
   const char* value = ::secure_getenv(name);
   if (value == nullptr || *value == '\0') return std::nullopt;
   return value;
+}
+
+/// Returns the home that the environment names. In the build for tests, the recorder alone names it.
+std::optional<std::string> homeOfEnvironment() {
+  return kIsTestBuild ? std::nullopt : environment("KELVO_HOME");
 }
 
 /// As `environment`, but returns nullopt for a relative path, which would name a different directory for each program.
@@ -123,6 +128,7 @@ class Home {
  public:
   bool choose(const std::string& path) EXCLUDES(mutex_) {
     const Lock lock(mutex_);
+    if (kIsTestBuild && !chosen_.empty()) return true;  // the recorder's, whatever the host's options say
     if (!used_) chosen_ = path;
     return !used_ || used_ == path;
   }
@@ -135,7 +141,7 @@ class Home {
   /// Returns the home's path, nullopt if there is none. It is final from now on.
   std::optional<std::string> use() EXCLUDES(mutex_) {
     const Lock lock(mutex_);
-    const auto home = chosen_.empty() || environment("KELVO_HOME") ? Directories::homeFor(Bundle::main()) : chosen_;
+    const auto home = chosen_.empty() || homeOfEnvironment() ? Directories::homeFor(Bundle::main()) : chosen_;
     used_ = home.value_or("");
     return home;
   }
@@ -149,14 +155,14 @@ class Home {
 };
 
 Home& processHome() {
-  static Immortal<Home> instance;
+  static ProcessWide<Home> instance;
   return *instance;
 }
 
 }  // namespace
 
 bool Directories::chooseHome(const std::string& path) {
-  return path.empty() || environment("KELVO_HOME") || processHome().choose(absolutePath(path));
+  return path.empty() || homeOfEnvironment() || processHome().choose(absolutePath(path));
 }
 
 std::optional<std::string> Directories::sharedData() {
@@ -181,7 +187,7 @@ std::optional<std::string> Directories::problem() {
 }
 
 std::optional<std::string> Directories::homeFor(const Bundle& bundle) {
-  if (const auto given = environment("KELVO_HOME")) return absolutePath(*given);
+  if (const auto given = homeOfEnvironment()) return absolutePath(*given);
   const auto data = sharedDataDirectory();
   if (!data) return std::nullopt;
   auto former = joinPath(*data, bundle.storageName());

@@ -5,8 +5,8 @@
 #include <deque>
 
 #include "platform/FileLimitShield.h"
-#include "platform/Immortal.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 #include "platform/ThreadPool.h"
 #include "platform/TimerService.h"
@@ -214,8 +214,11 @@ bool DispatchQueue::isInsideTask() noexcept {
 }
 
 DispatchQueue& DispatchQueue::global() {
-  static Immortal<DispatchQueue> instance("com.kelvo.global.default", Kind::concurrent);
-  return *instance;
+  struct Global {
+    DispatchQueue queue{"com.kelvo.global.default", Kind::concurrent};
+  };
+  static ProcessWide<Global> instance;
+  return instance->queue;
 }
 
 }  // namespace kelvo

@@ -5,7 +5,7 @@
 
 #include "platform/Directories.h"
 #include "platform/Files.h"
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 
 namespace kelvo {
@@ -28,22 +28,25 @@ std::optional<pid_t> holder(int file) {
   return region.l_pid;
 }
 
+/// The lock of this process. The file stays open: closing it would release the lock.
+struct Own {
+  Mutex mutex;
+  std::optional<Descriptor> file GUARDED_BY(mutex);
+};
+
 }  // namespace
 
 std::optional<pid_t> HomeLock::takeOrFindHolder() {
-  static Immortal<Mutex> mutex;
-  static bool isHeld = false;  // guarded by `mutex`
-  const Lock lock(*mutex);
-  if (isHeld) return std::nullopt;
-  const int file =
-      ::open(Directories::inLibrary(kKLVLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivateFile);
-  if (file < 0) return std::nullopt;
+  static ProcessWide<Own> own;
+  const Lock lock(own->mutex);
+  if (own->file) return std::nullopt;
+  Descriptor file(
+      ::open(Directories::inLibrary(kKLVLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivateFile));
+  if (file.get() < 0) return std::nullopt;
   auto region = wholeFile();
-  isHeld = ::fcntl(file, F_SETLK, &region) == 0;
-  if (isHeld) return std::nullopt;  // never closed: closing would release the lock
-  const auto found = holder(file);
-  ::close(file);
-  return found;
+  if (::fcntl(file.get(), F_SETLK, &region) != 0) return holder(file.get());
+  own->file.emplace(std::move(file));
+  return std::nullopt;
 }
 
 std::optional<pid_t> HomeLock::holderOf(const std::string& library) {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 
 namespace kelvo {
@@ -14,7 +14,7 @@ struct Held {
 };
 
 Held& held() {
-  static Immortal<Held> instance;
+  static ProcessWide<Held> instance;
   return *instance;
 }
 

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "platform/Clock.h"
-#include "platform/Immortal.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 #include "platform/ThreadSafety.h"
 #include "platform/TimerService.h"
@@ -46,6 +46,7 @@ void run(const MainQueue::Task& task) {
 class Loop {
  public:
   void add(MainQueue::Task task) EXCLUDES(mutex_) {
+    workBegins();
     const Lock lock(mutex_);
     waiting_.push_back(std::move(task));
     deliver();
@@ -75,17 +76,20 @@ class Loop {
       mutex_.unlock();
       reportingExceptions("The host's post", [&] { host->post([ownTask = std::move(task)] { run(ownTask); }); });
       host.reset();
+      workEnds();  // the rest is the host's
       mutex_.lock();
     }
     forwarding_ = false;
     if (waiting_.empty()) return;
-    if (!running_) running_ = startThread("kelvo.main", [this] { runOwnLoop(); });
+    if (!running_)
+      running_ = startThread(
+          "kelvo.main", [this] { runOwnLoop(); }, [this] { wake(); });
     wake_.notify_one();
   }
 
   void runOwnLoop() EXCLUDES(mutex_) {
     Lock lock(mutex_);
-    while (host_ == nullptr) {
+    while (host_ == nullptr && !threadsMustEnd()) {
       if (waiting_.empty() || forwarding_) {
         lock.wait(wake_);
         continue;
@@ -94,9 +98,15 @@ class Loop {
       lock.unlock();
       run(task);
       task = nullptr;
+      workEnds();
       lock.lock();
     }
     running_ = false;
+  }
+
+  void wake() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    wake_.notify_one();
   }
 
   MainQueue::Task takeFirst() REQUIRES(mutex_) {
@@ -114,7 +124,7 @@ class Loop {
 };
 
 Loop& loop() {
-  static Immortal<Loop> instance;
+  static ProcessWide<Loop> instance;
   return *instance;
 }
 

@@ -2,8 +2,8 @@
 
 #include <exception>
 
-#include "platform/Immortal.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 
 namespace kelvo {
 namespace {
@@ -21,7 +21,7 @@ void call(const NotificationCenter::InfoHandler& handler, const std::any& userIn
 }  // namespace
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-  static Immortal<NotificationCenter> instance;
+  static ProcessWide<NotificationCenter> instance;
   return *instance;
 }
 

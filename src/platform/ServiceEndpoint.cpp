@@ -6,6 +6,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 
 namespace kelvo {
@@ -44,7 +45,7 @@ struct Endpoints {
 };
 
 Endpoints& endpoints() {
-  static Immortal<Endpoints> instance;
+  static ProcessWide<Endpoints> instance;
   return *instance;
 }
 

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 
 namespace kelvo {
 namespace {
@@ -18,6 +19,7 @@ std::atomic<bool> forked{false};
 [[maybe_unused]] const int forkHandler = pthread_atfork(nullptr, nullptr, [] { forked.store(true); });
 
 constinit std::atomic<bool> areHeld{false};
+[[maybe_unused]] const ResetAtEnd reset([] { allowThreads(); });
 
 thread_local bool isOurs = false;
 
@@ -54,15 +56,19 @@ void runThread(const std::string& name, const std::function<void()>& body) {
 
 }  // namespace
 
-bool startThread(const char* name, std::function<void()> body) {
-  if (inForkedChild()) return false;
+bool startThread(const char* name, std::function<void()> body, [[maybe_unused]] std::function<void()> wake) {
+  if (inForkedChild() || threadsMustEnd()) return false;
   std::string shortName = std::string(name).substr(0, kLongestName);
   try {
     const InheritedSignalMask mask;
     std::thread thread([ownName = shortName, ownBody = std::move(body)] { runThread(ownName, ownBody); });
     // The thread sets its name, too. Set here, the name is visible as soon as this function returns.
     pthread_setname_np(thread.native_handle(), shortName.c_str());
+#ifdef KELVO_TESTING
+    context::add(std::move(thread), std::move(wake));
+#else
     thread.detach();
+#endif
     return true;
   } catch (const std::system_error& error) {
     reportProblem("Thread", shortName + " could not be started: " + error.what());
@@ -73,6 +79,12 @@ bool startThread(const char* name, std::function<void()> body) {
 bool inForkedChild() noexcept {
   return forked.load(std::memory_order_relaxed);
 }
+
+#ifdef KELVO_TESTING
+void useInForkedChild() noexcept {
+  forked.store(false);
+}
+#endif
 
 void holdThreads() noexcept {
   areHeld.store(true);

@@ -2,12 +2,31 @@
 
 #include <functional>
 
+#ifdef KELVO_TESTING
+#include "platform/Context.h"
+#endif
+
 namespace kelvo {
 
 /// Starts a detached thread with the name `name`, of which the first 15 characters count. The thread blocks every
 /// asynchronous signal. The host's handlers keep the fault signals: SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP
 /// and SIGSYS. Reports a problem and returns false if the system refuses a thread. Returns false in a forked child.
-bool startThread(const char* name, std::function<void()> body);
+///
+/// In the build for tests, the thread belongs to the context. The end of the context calls `wake`: `body` must then see
+/// that `threadsMustEnd`, and return.
+bool startThread(const char* name, std::function<void()> body, std::function<void()> wake);
+
+#ifdef KELVO_TESTING
+[[nodiscard]] inline bool threadsMustEnd() noexcept {
+  return context::isEnding();
+}
+/// Lets a forked child use the library. For a process that forked while the library had no thread.
+void useInForkedChild() noexcept;
+#else
+[[nodiscard]] constexpr bool threadsMustEnd() noexcept {
+  return false;
+}
+#endif
 
 /// Returns whether this process was forked from a process that had loaded the library. In such a child, no thread of
 /// the library runs and any lock may stay locked forever, so the library must not take a lock or start a thread.

@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 #include "platform/ThreadSafety.h"
 
@@ -24,11 +24,20 @@ class Pool {
   Pool() {
     constexpr std::array<const char*, 2> kNames{"kelvo.pool.1", "kelvo.pool.2"};
     for (std::size_t i = 0; i < kNames.size(); ++i) {
-      startThread(kNames[i], [this, &self = workers_[i]] { work(self); });
+      startThread(
+          kNames[i], [this, &self = workers_[i]] { work(self); }, [this] { wakeAll(); });
     }
+  }
+  Pool(const Pool&) = delete;
+  Pool& operator=(const Pool&) = delete;
+  /// Runs the tasks that are left. Only the end of a context comes here, after its threads have ended.
+  ~Pool() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    while (!tasks_.empty()) runFront();
   }
 
   void post(std::function<void()> task) EXCLUDES(mutex_) {
+    workBegins();
     Lock lock(mutex_);
     tasks_.push_back(std::move(task));
     hasPostponed = postpones;
@@ -72,7 +81,7 @@ class Pool {
   void work(Worker& self) EXCLUDES(mutex_) {
     isWorker = true;
     Lock lock(mutex_);
-    for (;;) {
+    while (!threadsMustEnd()) {
       if (errand_ != nullptr) {
         runUnlocked(std::exchange(errand_, nullptr));
       } else if (deadline_ && *deadline_ <= Clock::monotonic()) {
@@ -83,6 +92,14 @@ class Pool {
       } else {
         sleep(self, lock);
       }
+    }
+  }
+
+  void wakeAll() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    for (Worker& worker : workers_) {
+      worker.sleeps = false;
+      worker.wake.notify_one();
     }
   }
 
@@ -102,6 +119,7 @@ class Pool {
     notify(woken);
     task();
     task = nullptr;  // destroys the captures while the mutex is free
+    workEnds();
     mutex_.lock();
   }
 
@@ -145,7 +163,7 @@ class Pool {
 };
 
 Pool& instance() {
-  static Immortal<Pool> pool;
+  static ProcessWide<Pool> pool;
   return *pool;
 }
 

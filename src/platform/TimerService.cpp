@@ -4,8 +4,8 @@
 #include <map>
 
 #include "platform/Clock.h"
-#include "platform/Immortal.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 #include "platform/ThreadPool.h"
 #include "platform/ThreadSafety.h"
@@ -27,6 +27,11 @@ class Alarms {
   void rearm() EXCLUDES(mutex_) {
     const Lock lock(mutex_);
     arm();
+  }
+
+  [[nodiscard]] std::optional<Clock::Instant> nextDeadline() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    return pending_.empty() ? std::nullopt : std::optional(pending_.begin()->first);
   }
 
   /// Fires the alarms that are due. One thread rings at a time, so that alarms fire in the order of their deadlines.
@@ -67,18 +72,28 @@ class Alarms {
 };
 
 Alarms& alarms() {
-  static Immortal<Alarms> instance;
+  static ProcessWide<Alarms> instance;
   return *instance;
 }
 
 void Alarms::arm() {
-  if (!ringing_ && !pending_.empty()) pool::setAlarm(pending_.begin()->first, [] { alarms().ring(); });
+  if (ringing_ || pending_.empty()) return;
+  const auto first = pending_.begin()->first;
+#ifdef KELVO_TESTING  // time stands still: nobody waits for a later deadline
+  if (first <= Clock::monotonic()) pool::post([] { alarms().ring(); });
+#else
+  pool::setAlarm(first, [] { alarms().ring(); });
+#endif
 }
 
 }  // namespace
 
 void TimerService::schedule(std::chrono::nanoseconds delay, std::function<void()> fire) {
   if (!inForkedChild()) alarms().add(delay, std::move(fire));
+}
+
+std::optional<Clock::Instant> TimerService::nextDeadline() {
+  return inForkedChild() ? std::nullopt : alarms().nextDeadline();
 }
 
 void TimerService::clockMoved() {

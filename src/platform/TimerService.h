@@ -2,6 +2,9 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
+
+#include "platform/Clock.h"
 
 namespace kelvo {
 
@@ -15,6 +18,8 @@ class TimerService {
 
   /// Fires the timers that have become due because a test moved the clock.
   static void clockMoved();
+  /// Returns when the next timer is due, nullopt if there is none.
+  [[nodiscard]] static std::optional<Clock::Instant> nextDeadline();
 };
 
 }  // namespace kelvo

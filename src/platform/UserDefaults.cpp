@@ -10,8 +10,8 @@
 #include "platform/Directories.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Files.h"
-#include "platform/Immortal.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "platform/PropertyList.h"
 #include "platform/ThreadSafety.h"
 
@@ -113,9 +113,11 @@ struct UserDefaults::Impl : std::enable_shared_from_this<Impl> {
 };
 
 UserDefaults& UserDefaults::standard() {
-  static Immortal<UserDefaults> instance(
-      Directories::inLibrary("Preferences/" + Bundle::main().storageName() + ".plist"));
-  return *instance;
+  struct Standard {
+    UserDefaults defaults{Directories::inLibrary("Preferences/" + Bundle::main().storageName() + ".plist")};
+  };
+  static ProcessWide<Standard> instance;
+  return instance->defaults;
 }
 
 UserDefaults::UserDefaults(std::string path) : impl_(std::make_shared<Impl>(std::move(path))) {}

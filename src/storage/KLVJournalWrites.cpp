@@ -8,7 +8,7 @@
 
 #include "journal/KLVJournal.h"
 #include "platform/Files.h"
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 #include "sqlite/FMKLVDatabase.h"
 #include "storage/KLVSchema.h"
@@ -26,7 +26,7 @@ struct Known {
 
 /// What the committed transactions of this process have finished, and those before it.
 Known& known() {
-  static Immortal<Known> instance;
+  static ProcessWide<Known> instance;
   return *instance;
 }
 

@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "platform/ProcessWide.h"
+
 namespace kelvo {
 namespace {
 
@@ -10,6 +12,7 @@ constexpr std::size_t kMostText = 1024 * 1024;
 constexpr std::uint64_t kMostStored = 100 * 1024 * 1024;
 
 std::atomic<const KLVDeliveryRules*> chosen{&KLVDeliveryRules::classic};
+[[maybe_unused]] const ResetAtEnd reset([] { chosen = &KLVDeliveryRules::classic; });
 
 }  // namespace
 

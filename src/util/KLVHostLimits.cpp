@@ -1,6 +1,6 @@
 #include "util/KLVHostLimits.h"
 
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/ThreadSafety.h"
 #include "util/KLVDeliveryRules.h"
 
@@ -12,8 +12,10 @@ struct Chosen {
   KLVHostLimits limits GUARDED_BY(mutex);
 };
 
+[[maybe_unused]] const ResetAtEnd reset([] { KLVHostLimits::choose({}); });
+
 Chosen& chosenLimits() {
-  static Immortal<Chosen> instance;
+  static ProcessWide<Chosen> instance;
   return *instance;
 }
 

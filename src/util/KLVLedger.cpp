@@ -1,8 +1,7 @@
 #include "util/KLVLedger.h"
 
 #include <algorithm>
-
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 
 namespace kelvo {
 namespace {
@@ -95,7 +94,7 @@ KLVLedgerSums KLVLedgerSums::from(const Dictionary& form) {
 }
 
 KLVLedger& KLVLedger::shared() {
-  static Immortal<KLVLedger> instance;
+  static ProcessWide<KLVLedger> instance;
   return *instance;
 }
 

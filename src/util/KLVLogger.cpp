@@ -12,10 +12,11 @@
 #include <deque>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <optional>
 
-#include "platform/Immortal.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "platform/Thread.h"
 #include "platform/ThreadPool.h"
 #include "platform/ThreadSafety.h"
@@ -144,7 +145,9 @@ class Writer {
   using Messages = std::deque<Message>;
 
   void startIfNeeded() REQUIRES(mutex_) {
-    if (!running_ && !threadsAreHeld()) running_ = startThread("kelvo.log", [this] { run(); });
+    if (!running_ && !threadsAreHeld())
+      running_ = startThread(
+          "kelvo.log", [this] { run(); }, [this] { wake(); });
   }
 
   /// While somebody reads, as many messages may wait as calls: a burst makes lines faster than they can be written.
@@ -180,13 +183,19 @@ class Writer {
     onLogThread = false;
   }
 
+  void wake() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    wake_.notify_one();
+  }
+
   void run() EXCLUDES(mutex_) {
     onLogThread = true;
     Lock lock(mutex_);
     for (;;) {
       idle_ = true;
-      while (messages_.empty() && dropped_ == 0) lock.wait(wake_);
+      while (messages_.empty() && dropped_ == 0 && !threadsMustEnd()) lock.wait(wake_);
       idle_ = false;
+      if (messages_.empty() && threadsMustEnd()) return;
       auto batch = takeMessages();
       const auto sink = sink_;
       lock.unlock();
@@ -264,12 +273,17 @@ class Writer {
 };
 
 Writer& writer() {
-  static Immortal<Writer> instance;
+  static ProcessWide<Writer> instance;
   return *instance;
 }
 
 constinit KLVLogRules rules;
 constinit bool understandsEnvironment = true;
+[[maybe_unused]] const ResetAtEnd reset([] {
+  rules.~KLVLogRules();
+  new (&rules) KLVLogRules;
+  understandsEnvironment = rules.obey(::secure_getenv("KELVO_LOG"));
+});
 
 /// Reads the environment before the static initialisers, which may log.
 __attribute__((constructor(101))) void readEnvironment() {

@@ -4,7 +4,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/Files.h"
-#include "platform/Immortal.h"
+#include "platform/ProcessWide.h"
 #include "platform/PropertyList.h"
 #include "platform/ThreadSafety.h"
 #include "util/KLVLogger.h"
@@ -18,7 +18,7 @@ struct Cache {
 };
 
 Cache& cache() {
-  static Immortal<Cache> instance;
+  static ProcessWide<Cache> instance;
   return *instance;
 }
 

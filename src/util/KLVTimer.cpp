@@ -4,8 +4,8 @@
 #include <chrono>
 
 #include "platform/Clock.h"
-#include "platform/Immortal.h"
 #include "platform/MainQueue.h"
+#include "platform/ProcessWide.h"
 
 namespace kelvo {
 namespace {
@@ -13,7 +13,7 @@ constexpr double kLongestInterval = 1e9;  // seconds: about 31 years, which stil
 }
 
 KLVTimer& KLVTimer::sharedTimer() {
-  static Immortal<KLVTimer> instance;
+  static ProcessWide<KLVTimer> instance;
   return *instance;
 }
 

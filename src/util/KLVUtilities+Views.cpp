@@ -10,6 +10,7 @@
 
 #include "kelvo/ViewTree.h"
 #include "platform/HostInterface.h"
+#include "platform/ProcessWide.h"
 #include "util/KLVLogger.h"
 #include "util/KLVUtilities+Cleaning.h"
 #include "util/KLVUtilities+Interface.h"
@@ -43,6 +44,7 @@ constexpr std::string_view kIgnoredClasses[] = {"UIVisualEffect", "UIVisualEffec
                                                 "UIBlurEffect"};
 
 std::atomic<bool> drawnByFramework{false};
+[[maybe_unused]] const ResetAtEnd reset([] { drawnByFramework = false; });
 
 bool isOfClass(const View& view, std::string_view name) {
   if (view.className() == name) return true;

@@ -6,7 +6,9 @@
 
 #include "platform/DispatchQueue.h"
 #include "platform/Problem.h"
+#include "platform/ProcessWide.h"
 #include "util/KLVLogger.h"
+#include "util/KLVObserver.h"
 
 namespace kelvo {
 namespace {
@@ -51,6 +53,16 @@ Mutex KLVWaitingCall::mutex_;
 KLVWaitingCall::Kept* KLVWaitingCall::first_ = nullptr;
 KLVWaitingCall::Kept* KLVWaitingCall::last_ = nullptr;
 
+/// When a context has ended, no ticket is left.
+struct KLVWaitingCall::End {
+  static const ResetAtEnd reset;
+};
+const ResetAtEnd KLVWaitingCall::End::reset([] {
+  refused = unrecorded = waiting_ = 0;
+  journal_ = nullptr;
+  phase_ = Phase::keeps;
+});
+
 KLVWaitingCall::KLVWaitingCall(bool counts, std::uint64_t sequence) noexcept
     : state_(new (std::nothrow) State(counts, sequence)) {}
 
@@ -82,6 +94,7 @@ void KLVWaitingCall::write(State& state, const KLVCallRecord& record, KLVCallJou
 
 void KLVWaitingCall::record(const KLVCallRecord& record) const noexcept {
   if (state_ == nullptr) return;
+  observer::called(record);
   const Phase phase = phase_.load(std::memory_order_acquire);
   if (phase == Phase::ignores) return;
   if (phase == Phase::writes) return write(*state_, record, *journal_.load(std::memory_order_relaxed));

@@ -68,6 +68,7 @@ class KLVWaitingCall {
  private:
   enum class Phase : std::uint8_t { keeps, writes, ignores };
   struct Kept;
+  struct End;
   struct State {
     State(bool itCounts, std::uint64_t entry) noexcept
         : counts(itCounts), isOfEarlierProcess(entry != 0), sequence(entry) {}

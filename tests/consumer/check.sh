@@ -6,6 +6,7 @@
 #   c, rust, go, perl                     build examples/*/hello.*, which must deliver its event; c with both libraries
 #   plugin                                builds examples/nag, whose bundle gets a plug-in in a shared object, and runs it;
 #                                         configures it again with Kelvo as a sub-project
+#   kit                                   builds and runs tests of a host with Kelvo::testing
 #   demo                                  scripts/demo, whose unity build must compile
 #   deb                                   installs the Debian packages, checks them, stores an event with the installed
 #                                         kelvo-server, and removes them
@@ -231,6 +232,12 @@ END
   cmake -S "$work/super" -B "$work/super/build" -G Ninja
   grep "<key>Nag</key><true/>" "$work/super/build/nag/shop.bundle/Info.plist"
   ;;
+kit)
+  cmake -S "$here/kit" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_FLAGS=${strict[*]}"
+  cmake --build "$work"
+  ctest --test-dir "$work" --output-on-failure
+  ! ldd "$work/without_framework" | grep -E 'libkelvo|libcurl'
+  ;;
 demo) "$here/../../scripts/demo" | tee /dev/stderr | grep '2 chunks accepted, 1 of them after a refusal' >/dev/null ;;
 deb)
   ((EUID == 0)) || { echo "only root may install a package"; exit 77; }
@@ -256,6 +263,7 @@ kelvo-dev .*/kelvo/kelvo\.h
 kelvo-dev .*/libkelvo\.so
 kelvo-dev .*/kelvo/KelvoSDK\.h
 kelvo-dev .*/libkelvo\.a
+kelvo-dev .*/libkelvo-testing\.a
 kelvo-dev .*/pkgconfig/kelvo\.pc
 kelvo-tools /usr/bin/kelvo-inspect
 kelvo-tools /usr/bin/kelvo-events

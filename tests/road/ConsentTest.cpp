@@ -95,23 +95,6 @@ INSTANTIATE_TEST_SUITE_P(
                     Undecided{"neverRequired", "", {"ready", "flush 20000"}, false}),
     [](const auto& test) { return test.param.name; });
 
-TEST_F(ConsentRoad, AGrantIsRememberedAndTheNewestHeldCallsArrive) {
-  auto first = host();
-  play(first, {"ready", std::string(kStart) + " held=2", "One", "Two", "Three", "consent granted"});
-  ASSERT_TRUE(first.waitForOutput("status 0 ")) << first.output() << first.errors();
-  play(first, {"Four", "flush 20000", "consent"});
-  end(first);
-  EXPECT_EQ(arrivedEvents(), (Texts{"Two", "Three", "Four"}));
-  EXPECT_EQ(count(first.errors(), "More than 2 calls wait for the user's consent"), 1U) << first.errors();
-  EXPECT_EQ(count(first.output(), "consent 1"), 1U);
-  EXPECT_EQ(consentFile(), R"({"consent":"granted"})");
-
-  auto second = host();
-  play(second, {kStart, "Five", "flush 20000"});
-  end(second);
-  EXPECT_EQ(arrivedEvents().back(), "Five") << "nobody is asked twice";
-}
-
 TEST_F(ConsentRoad, ADenialWritesOneFileAndALaterHostObeysIt) {
   auto first = host();
   play(first, {"ready", kStart, "Event", "attributes secret", "consent denied"});

@@ -1,16 +1,12 @@
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <set>
 
 #include "manners/Manners.h"
-#include "platform/JSON.h"
 #include "road/Road.h"
 
 namespace kelvo::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::int64_t kLongAbsence = 2000;  // seconds; ends a session
 
@@ -51,81 +47,7 @@ class LongLife : public Road {
   std::int64_t shift_ = 0;  // seconds
 };
 
-// --- Outages
-
-class Outage : public LongLife, public testing::WithParamInterface<const char*> {};
-
-TEST_P(Outage, EndsAndTheRunningProcessDelivers) {
-  const std::string end = GetParam();
-  setLogLevel("warn");
-  service.stop();
-  auto host = launch();
-  host.untilReady().call("didBecomeActive").log("Early").call("willResignActive");
-  ASSERT_TRUE(host.waitForError("failed to send chunk")) << host.errors();
-  comeBack();
-  Texts expected{"Early"};
-  if (end == "foreground") host.call("didBecomeActive");
-  if (end == "anotherChunk") {
-    host.log(expected.emplace_back("Later")).call("willResignActive");
-  }
-  EXPECT_TRUE(eventually([&] { return arrivedOnce() == expected; })) << host.errors();
-  EXPECT_EQ(host.quit(), 0) << host.errors();
-}
-
-INSTANTIATE_TEST_SUITE_P(Ends, Outage, testing::Values("anotherChunk", "foreground", "timeOnly"),
-                         [](const auto& test) { return test.param; });
-
-// --- A clock that moves
-
-TEST_F(LongLife, AKioskDeliversTheSessionsBetweenThreeLongAbsencesWithoutARelaunch) {
-  if (kSanitizer == "address") GTEST_SKIP() << "this sanitizer bypasses the preloaded clock";
-  auto host = launch();
-  host.untilReady().call("didBecomeActive");
-  Texts names;
-  for (std::size_t visit = 1; visit <= 4; ++visit) {
-    if (visit > 1) {
-      beAway();
-      host.call("didBecomeActive");
-    }
-    host.log(names.emplace_back("Visit" + std::to_string(visit))).call("willResignActive");
-    ASSERT_TRUE(eventually([&] { return arrivedOnce() == names; })) << visit << host.errors();
-  }
-  EXPECT_TRUE(eventually([&] { return stored("select 1 from sqlite_master where name like 'events%'").size() == 1; }))
-      << "ended sessions are purged once they are delivered";
-  EXPECT_EQ(host.quit(), 0) << host.errors();
-
-  std::set<std::string> sessions;
-  for (const Value& chunk : service.chunks()) {
-    ASSERT_LE(sessions.size(), names.size());
-    const bool isNew = sessions.insert(description(at(chunk, {"session_info", "id"}))).second;
-    EXPECT_EQ(at(chunk, {"chunk_meta", "number"}) == Value(1), isNew) << describingJSONText(chunk);
-    EXPECT_EQ(description(at(chunk, {"session_info", "launch_type"})), sessions.size() == 1 ? "normal" : "restart");
-    EXPECT_LT(at(chunk, {"session_info", "duration"}).asDouble(), kLongAbsence) << "an absence is no use";
-    if (!isNew) continue;
-    const Value reports = at(chunk, {"chunk_details", "system_events"});
-    EXPECT_EQ(at((*reports.get<Array>())[0], {"name"}), Value("FOREGROUND"));
-    EXPECT_EQ(count(describingJSONText(chunk), names[sessions.size() - 1]), 1U) << "a call after FOREGROUND";
-  }
-  EXPECT_EQ(sessions.size(), 4U);
-}
-
-TEST_F(LongLife, UnderClassicRulesASessionAfterALongAbsenceIsNotStored) {
-  if (kSanitizer == "address") GTEST_SKIP() << "this sanitizer bypasses the preloaded clock";
-  auto host = launch("classic");
-  host.untilReady().call("didBecomeActive").log("Before").call("willResignActive");
-  ASSERT_TRUE(service.waitForChunks(1));
-  beAway();
-  host.call("didBecomeActive");
-  const auto sessions = [] {
-    const fs::directory_iterator entries(home() + "/Library");
-    return std::count_if(begin(entries), end(entries),
-                         [](auto& entry) { return fs::exists(entry.path() / "session_info"); });
-  };
-  ASSERT_TRUE(eventually([&] { return sessions() == 2; })) << "the session was restarted";
-  EXPECT_EQ(host.log("After").quit(), 3) << host.errors();
-  EXPECT_EQ(launch("classic").quit(), 0);
-  EXPECT_EQ(arrivedOnce(), Texts{"Before"});
-}
+// --- A suspend
 
 TEST_F(LongLife, ASuspendDuringEightUploadsLosesNothing) {
   Texts names;

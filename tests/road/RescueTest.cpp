@@ -71,16 +71,5 @@ TEST_F(Road, UnderCompleteAProcessThatFindsTheHomeInUseLeavesItsEventsToTheNextL
             R"([{"name":"Rate","count":1,"attributes":{}}])");
 }
 
-TEST_F(Road, UnderCompleteTheUsersIdentifierIsKeptDuringTheStart) {
-  service.answer("/enabled-status", Script::late(std::chrono::milliseconds(300)));
-  auto host = launch({"--app-id", "shop"},
-                     {{"KELVO_BUNDLE", bundle("<key>Off</key><false/>", kDelivery + "complete</string>")}});
-  host.call("setUserIdentifier", R"("identifier": "ann")")
-      .call("setUserCustomInfo", R"("info": {"custom_user_id": "bob"})")
-      .call("setUserIdentifier", R"("identifier": "cem")");
-  EXPECT_EQ(host.untilReady().quit(), 0) << host.errors();
-  EXPECT_EQ(at(service.chunks().back(), {"chunk_details", "user_attributes", "custom_user_id"}), Value("cem"));
-}
-
 }  // namespace
 }  // namespace kelvo::test

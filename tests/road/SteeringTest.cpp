@@ -1,7 +1,5 @@
 #include <filesystem>
-#include <sstream>
 
-#include "platform/JSON.h"
 #include "road/Road.h"
 
 namespace kelvo::test {
@@ -9,49 +7,7 @@ namespace {
 
 using Action = collector::ServiceState::Action;
 
-constexpr const char* kClientEventsFile = "com.kelvo.SDK.clientevents";
 constexpr const char* kActionsFile = "com.kelvo.SDK.v2.rta.config.json";
-
-/// Returns type and name of each event that kelvo-log printed as a line of JSON.
-Texts printedEvents(const std::string& output) {
-  Texts all;
-  std::istringstream lines(output);
-  for (std::string line; std::getline(lines, line);) {
-    if (const auto event = parseJSON(line)) {
-      all.push_back(description(at(*event, {"type"})) + " " + description(at(*event, {"name"})));
-    }
-  }
-  return all;
-}
-
-TEST_F(Road, TheServicesListsDecideIfAnEventIsStoredCountedOrIgnored) {
-  service.state().setClientEvents({"Client", "ClientAndAll"}, {"Agg", "ClientAndAll", "AggAndStop"},
-                                  {"Stop", "ClientAndAll", "AggAndStop"});
-  auto first = launch();
-  first.untilReady();
-  ASSERT_TRUE(eventually([] { return !contentOf(library(kClientEventsFile)).empty(); }));
-  for (const char* type : {"App", "Client", "Agg"}) {
-    first.call("listen", R"("type": ")" + std::string(type) + R"(")");
-  }
-  first.call("listen", R"("identifier": "5___Client")");
-  for (const char* name : {"Plain", "Client", "ClientAndAll", "Agg", "AggAndStop", "Stop"}) first.log(name);
-  first.call("logClientEventWithName", R"("name": "Stop")");
-  EXPECT_EQ(first.quit(), 0) << first.errors();
-  auto events = printedEvents(first.output());
-  std::erase(events, "App klv_app_opened");  // may be delivered before the listener is registered
-  EXPECT_EQ(events, (Texts{"App Plain", "Client Client", "Client Client", "Client ClientAndAll", "Agg Agg",
-                           "Agg AggAndStop", "Client Stop"}));
-  EXPECT_EQ(arrivedEvents(), Texts{"Plain"});
-  EXPECT_EQ(stored("select name, e_count from aggregate_events where attr_key is null order by rowid"),
-            (Texts{"Agg|1", "AggAndStop|1"}));
-  EXPECT_EQ(stored("select name from lifetime_events where name not like 'klv%' order by rowid"),
-            (Texts{"Plain", "Client", "ClientAndAll", "Stop"}));
-
-  auto second = launch();
-  ASSERT_TRUE(second.waitForError("Client events are the same - no need to fetch"));
-  EXPECT_EQ(second.quit(), 0);
-  EXPECT_EQ(service.requests("/client-events?").size(), 1u) << "unchanged lists are not downloaded again";
-}
 
 TEST_F(Road, ActionsFollowTheServiceAndTheCallbackRunsIfThereAreAny) {
   const auto synced = [this] {
