@@ -1,6 +1,7 @@
 # Rules for `cmake --install` and `cpack -G DEB`. The components are also the Debian packages:
 #   kelvo        the shared library
 #   kelvo-c      the C interface to it
+#   python3-kelvo  the package for Python
 #   kelvo-dev    headers, static library, documents, and files for find_package and pkg-config
 #   kelvo-qt     the adapter to Qt
 #   kelvo-tools  the tools and their man pages
@@ -46,6 +47,15 @@ if(TARGET kelvo_qt)
   install(FILES include/kelvo/Qt.h include/kelvo/QtGui.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvo COMPONENT kelvo-qt)
 endif()
 
+if(PROJECT_IS_TOP_LEVEL)
+  list(APPEND packages python3-kelvo)
+  set(python_dir lib/python3/dist-packages)  # Debian's Python looks there, whatever its version is
+  install(DIRECTORY bindings/python/kelvo DESTINATION ${python_dir} COMPONENT python3-kelvo PATTERN __pycache__ EXCLUDE)
+  file(CONFIGURE OUTPUT PKG-INFO CONTENT "Metadata-Version: 2.1\nName: kelvo\nVersion: @PROJECT_VERSION@\n" @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/PKG-INFO DESTINATION ${python_dir} COMPONENT python3-kelvo
+          RENAME kelvo-${PROJECT_VERSION}.egg-info)
+endif()
+
 # kelvo_install_program(<program> <component> <summary>): installs the program and a man page that is its --help. The page is
 # appended to the list <component>_pages.
 function(kelvo_install_program program component summary)
@@ -78,7 +88,8 @@ if(TARGET kelvo-server)
   install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
   install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kelvo-server COMPONENT kelvo-server)
 endif()
-# The targets kelvo, kelvo-c, kelvo-tools and kelvo-server are also components. These are the other two.
+# The targets kelvo, kelvo-c, kelvo-tools and kelvo-server are also components. These are the others.
+add_custom_target(python3-kelvo)
 add_custom_target(kelvo-dev DEPENDS kelvo kelvo-c kelvo_static $<TARGET_NAME_IF_EXISTS:kelvo_testing>)
 if(TARGET kelvo_qt)
   add_custom_target(kelvo-qt DEPENDS kelvo_qt kelvo_qtgui)
@@ -135,6 +146,12 @@ set(CPACK_DEBIAN_KELVO_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/tri
 kelvo_package(kelvo-c libs "kelvo ${same}" "" "client-side analytics for C and other languages (library)"
   "The C interface of Kelvo, for programs in C and bindings to other languages.")
 set(CPACK_DEBIAN_KELVO-C_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+kelvo_package(python3-kelvo python "python3:any (>= 3.9), kelvo-c ${same}" ""
+  "client-side analytics for Python applications"
+  "The package kelvo, in pure Python on top of the C interface.")
+set(CPACK_DEBIAN_PYTHON3-KELVO_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON3-KELVO_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/python3-kelvo/postinst
+                                                     ${PROJECT_SOURCE_DIR}/packaging/python3-kelvo/prerm)
 # The recommended packages are those that a program with the static library links.
 kelvo_package(kelvo-dev libdevel "kelvo ${same}, kelvo-c ${same}"
   "libsqlite3-dev, libcurl4-openssl-dev, libplist-dev, libfmt-dev, pkg-config"

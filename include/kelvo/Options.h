@@ -35,6 +35,10 @@ struct Options {
   /// directory. Overridden by `KELVO_HOME`. Empty: a directory of this program below the user's data directory.
   std::string home{};
 
+  /// Takes the place of the executable's name, which names the default home and the file of the preferences: for a
+  /// program that an interpreter runs. Ignored if the bundle has an identifier, or if it cannot be a file's name.
+  std::string programName{};
+
   /// The host's own id of its user: `KelvoSDK::setUserIdentifier` before anything is sent. Empty: the stored id stays.
   std::string userIdentifier{};
 

@@ -40,6 +40,10 @@ extern "C" {
 
 KELVO_EXPORT_C void kelvo_free(void* text); /* NULL is allowed */
 
+/* Lets no callback of this interface begin any more, and returns once those that run have ended, except those that the
+ * calling thread is in. For a language whose runtime ends before the process does. Blocks. */
+KELVO_EXPORT_C void kelvo_stop_callbacks(void);
+
 /* ---- Start and log -------------------------------------------------------------------------------------------- */
 
 typedef enum kelvo_log_level {
@@ -84,6 +88,7 @@ typedef struct kelvo_options {
   uint64_t max_waiting_calls; /* 0: 100,000; KELVO_NONE: no limit */
   uint64_t max_stored_bytes;  /* 0: the default of the rules of delivery; KELVO_NONE: no limit */
   uint64_t journal_bytes;     /* 0: that of the bundle, else 4 MiB; KELVO_NONE: no journal */
+  const char* program_name;   /* in place of the executable's name */
 } kelvo_options;
 
 /* Starts the library. Returns before the start-up ends. Only the first start of a process counts. */

@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "c/HostCall.h"
 #include "c/Interface.h"
 
 using namespace kelvo;
@@ -77,6 +78,12 @@ void kelvo_mark_as_cordova(void) {
 void kelvo_set_main_loop(kelvo_post_callback post, kelvo_is_current_callback is_current, void* context) {
   if (post == nullptr || is_current == nullptr) return Application::setMainLoop({}, {});
   Application::setMainLoop(
-      [post, context](Task task) { post(runTask, std::make_unique<Task>(std::move(task)).release(), context); },
-      [is_current, context] { return is_current(context); });
+      [post, context](Task task) {
+        const c::HostCall call;
+        if (call.mayBegin()) post(runTask, std::make_unique<Task>(std::move(task)).release(), context);
+      },
+      [is_current, context] {
+        const c::HostCall call;
+        return call.mayBegin() && is_current(context);
+      });
 }

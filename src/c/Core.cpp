@@ -1,6 +1,7 @@
 // The functions of KelvoSDK.h.
 #include <chrono>
 
+#include "c/HostCall.h"
 #include "c/Interface.h"
 #include "kelvo/KelvoSDK.h"
 
@@ -46,6 +47,7 @@ Options optionsOf(const kelvo_options& given) {
   options.serverBaseURL = c::textOrEmpty(known.server_base_url);
   options.caFile = c::textOrEmpty(known.ca_file);
   options.home = c::textOrEmpty(known.home);
+  options.programName = c::textOrEmpty(known.program_name);
   options.userIdentifier = c::textOrEmpty(known.user_identifier);
   options.appName = c::textOrEmpty(known.app_name);
   options.appVersion = c::textOrEmpty(known.app_version);
@@ -127,7 +129,9 @@ void kelvo_initialize_with_id(const char* app_id) {
 void kelvo_on_ready(kelvo_state_callback callback, void* context) {
   if (callback == nullptr) return;
   KelvoSDK::onReady([callback, context](const KelvoSDK::Status& status) {
-    callback(static_cast<kelvo_state>(status.state), status.reason.c_str(), context);
+    if (const c::HostCall call; call.mayBegin()) {
+      callback(static_cast<kelvo_state>(status.state), status.reason.c_str(), context);
+    }
   });
 }
 
@@ -212,7 +216,7 @@ void kelvo_flush(int64_t deadline_ms, kelvo_flush_callback callback, void* conte
   KelvoSDK::flush(std::chrono::milliseconds(deadline_ms), [callback, context](const FlushResult& result) {
     if (callback == nullptr) return;
     const auto converted = asC(result);
-    callback(&converted, context);
+    if (const c::HostCall call; call.mayBegin()) callback(&converted, context);
   });
 }
 

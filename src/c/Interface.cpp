@@ -1,4 +1,5 @@
 #include "c/Interface.h"
+#include "c/HostCall.h"
 
 #include <cstdlib>
 #include <string_view>
@@ -77,6 +78,8 @@ std::optional<LogLevel> logLevel(kelvo_log_level level) noexcept {
 LogSink logSink(kelvo_log_sink sink, void* context) noexcept {
   if (sink == nullptr) return {};
   return [sink, context](LogLevel level, std::string_view line) {
+    const HostCall call;
+    if (!call.mayBegin()) return;
     sink(static_cast<kelvo_log_level>(static_cast<int>(level) + KELVO_LOG_DEBUG), std::string(line).c_str(), context);
   };
 }

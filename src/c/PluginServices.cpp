@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "c/HostCall.h"
 #include "c/Interface.h"
 #include "kelvo/Plugin.h"
 
@@ -39,7 +40,8 @@ class Listener final : public EventListener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
   ~Listener() override {
-    if (release_ != nullptr) release_(context_);
+    const c::HostCall call;
+    if (release_ != nullptr && call.mayBegin()) release_(context_);
   }
 
   void onEvent(const Event& event) override {
@@ -47,7 +49,7 @@ class Listener final : public EventListener {
     const std::string attributes = description(event.attributes);
     const kelvo_event converted{sizeof(kelvo_event), event.name.c_str(), attributes.c_str(), typeOf(event.type),
                                 event.time};
-    callback_(&converted, context_);
+    if (const c::HostCall call; call.mayBegin()) callback_(&converted, context_);
   }
 
  private:
@@ -58,7 +60,9 @@ class Listener final : public EventListener {
 
 std::function<void()> functionOf(kelvo_callback callback, void* context) noexcept {
   if (callback == nullptr) return {};
-  return [callback, context] { callback(context); };
+  return [callback, context] {
+    if (const c::HostCall call; call.mayBegin()) callback(context);
+  };
 }
 
 HTTPCallback functionOf(kelvo_http_callback callback, void* context) noexcept {
@@ -66,7 +70,7 @@ HTTPCallback functionOf(kelvo_http_callback callback, void* context) noexcept {
   return [callback, context](const HTTPAnswer& answer) {
     const kelvo_http_answer converted{sizeof(kelvo_http_answer), answer.status, answer.body.c_str(), answer.body.size(),
                                       answer.error.c_str()};
-    callback(&converted, context);
+    if (const c::HostCall call; call.mayBegin()) callback(&converted, context);
   };
 }
 

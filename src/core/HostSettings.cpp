@@ -89,6 +89,7 @@ void HostSettings::applyOutput(const Options& options) {
 void HostSettings::apply(const Options& options) {
   applyOutput(options);
   ServiceEndpoint::choose(options.serverBaseURL, options.caFile);
+  Directories::nameProgram(options.programName);
   if (!options.home.empty() && !Directories::chooseHome(options.home)) {
     KLV_ERROR("The home {} was chosen too late: {} is in use", options.home, Directories::library());
   }

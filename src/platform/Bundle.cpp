@@ -104,7 +104,12 @@ Bundle::Bundle(std::string directory, const std::string& executableName, std::st
       top_(top.empty() ? directory_ : std::move(top)),
       info_(readInfo(open("Info", "plist"))) {
   const auto* identifier = info_["CFBundleIdentifier"].get<std::string>();
-  storageName_ = identifier != nullptr && isUsableFileName(*identifier) ? *identifier : executableName;
+  hasIdentifier_ = identifier != nullptr && isUsableFileName(*identifier);
+  storageName_ = hasIdentifier_ ? *identifier : executableName;
+}
+
+std::string Bundle::storageName(const std::string& programName) const {
+  return !hasIdentifier_ && isUsableFileName(programName) ? programName : storageName_;
 }
 
 std::optional<Bundle::Resource> Bundle::open(std::string_view name, std::string_view type) const {

@@ -40,6 +40,8 @@ class Bundle {
   [[nodiscard]] const Dictionary& infoDictionary() const noexcept { return info_; }
   /// Returns "CFBundleIdentifier" if that is usable as a file name, else the executable's name.
   [[nodiscard]] const std::string& storageName() const noexcept { return storageName_; }
+  /// The same with `programName` in place of the executable's name, if that is usable as a file name.
+  [[nodiscard]] std::string storageName(const std::string& programName) const;
   /// Opens `<name>.<type>` in the bundle's directory or in its `Resources/`. Returns nullopt if neither has it, or if
   /// it must not be used. An empty `type` means a file without an extension.
   [[nodiscard]] std::optional<Resource> open(std::string_view name, std::string_view type) const;
@@ -50,6 +52,7 @@ class Bundle {
   std::string directory_;
   std::string top_;
   Dictionary info_;
+  bool hasIdentifier_ = false;
   std::string storageName_;
 };
 

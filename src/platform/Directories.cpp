@@ -70,6 +70,15 @@ bool holdsHome(const std::string& directory) {
   return isDirectory(joinPath(directory, "Library/Preferences")) && isDirectory(joinPath(directory, "Documents"));
 }
 
+/// Returns KELVO_HOME, else the home of the program `name`; nullopt if there is none.
+std::optional<std::string> defaultHome(const std::string& name) {
+  if (const auto given = homeOfEnvironment()) return absolutePath(*given);
+  const auto data = sharedDataDirectory();
+  if (!data) return std::nullopt;
+  auto former = joinPath(*data, name);
+  return holdsHome(former) ? former : joinPath(joinPath(*data, "kelvo"), name);
+}
+
 struct Paths {
   std::string library;
   std::string documents;
@@ -133,6 +142,16 @@ class Home {
     return !used_ || used_ == path;
   }
 
+  void name(const std::string& program) EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    if (!used_) programName_ = program;
+  }
+
+  std::string storageName() EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
+    return Bundle::main().storageName(programName_);
+  }
+
   const Paths& paths() EXCLUDES(mutex_) {
     std::call_once(once_, [this] { paths_ = made(use()); });
     return paths_;
@@ -141,7 +160,8 @@ class Home {
   /// Returns the home's path, nullopt if there is none. It is final from now on.
   std::optional<std::string> use() EXCLUDES(mutex_) {
     const Lock lock(mutex_);
-    const auto home = chosen_.empty() || homeOfEnvironment() ? Directories::homeFor(Bundle::main()) : chosen_;
+    const bool isGiven = !chosen_.empty() && !homeOfEnvironment();
+    const auto home = isGiven ? chosen_ : defaultHome(Bundle::main().storageName(programName_));
     used_ = home.value_or("");
     return home;
   }
@@ -149,6 +169,7 @@ class Home {
  private:
   Mutex mutex_;
   std::string chosen_ GUARDED_BY(mutex_);
+  std::string programName_ GUARDED_BY(mutex_);
   std::optional<std::string> used_ GUARDED_BY(mutex_);  // empty text: none; nullopt before the first use
   std::once_flag once_;
   Paths paths_;  // constant once `once_` is done
@@ -163,6 +184,14 @@ Home& processHome() {
 
 bool Directories::chooseHome(const std::string& path) {
   return path.empty() || homeOfEnvironment() || processHome().choose(absolutePath(path));
+}
+
+void Directories::nameProgram(const std::string& name) {
+  processHome().name(name);
+}
+
+std::string Directories::storageName() {
+  return processHome().storageName();
 }
 
 std::optional<std::string> Directories::sharedData() {
@@ -187,11 +216,7 @@ std::optional<std::string> Directories::problem() {
 }
 
 std::optional<std::string> Directories::homeFor(const Bundle& bundle) {
-  if (const auto given = homeOfEnvironment()) return absolutePath(*given);
-  const auto data = sharedDataDirectory();
-  if (!data) return std::nullopt;
-  auto former = joinPath(*data, bundle.storageName());
-  return holdsHome(former) ? former : joinPath(joinPath(*data, "kelvo"), bundle.storageName());
+  return defaultHome(bundle.storageName());
 }
 
 std::string Directories::inLibrary(std::string_view relativePath) {

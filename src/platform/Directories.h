@@ -11,7 +11,7 @@ class Bundle;
 /// The two directories of the home of this process. The first use creates them with mode 0700. Thread-safe.
 ///
 /// The home is `$KELVO_HOME`, else the path of `chooseHome`, else
-/// `${XDG_DATA_HOME:-$HOME/.local/share}/kelvo/<bundle identifier or executable name>`. Former versions had no `kelvo/`
+/// `${XDG_DATA_HOME:-$HOME/.local/share}/kelvo/<storageName>`. Former versions had no `kelvo/`
 /// in this path: a home that they made stays in use. Without `HOME`, the password entry's home directory replaces it.
 /// The library resolves the home once; a linked home directory stays usable. Below it there must be no link. The
 /// effective user must own the home (root may, too) and everything in the two directories, and nobody else may write
@@ -23,6 +23,12 @@ class Directories {
   /// Sets the home of this process, unless the environment names one. An empty path changes nothing. Returns false if
   /// the process uses another home already.
   static bool chooseHome(const std::string& path);
+  /// Names this process in place of its executable, unless the bundle has an identifier. An empty name changes nothing.
+  /// Has no effect once the home is in use.
+  static void nameProgram(const std::string& name);
+  /// Returns the name of this process's default home and preferences: the bundle's identifier, the name of
+  /// `nameProgram`, or the executable's name.
+  static std::string storageName();
 
   /// The paths are absolute and have no trailing slash.
   static const std::string& library();

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <mutex>
 
-#include "platform/Bundle.h"
 #include "platform/Directories.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Files.h"
@@ -114,7 +113,7 @@ struct UserDefaults::Impl : std::enable_shared_from_this<Impl> {
 
 UserDefaults& UserDefaults::standard() {
   struct Standard {
-    UserDefaults defaults{Directories::inLibrary("Preferences/" + Bundle::main().storageName() + ".plist")};
+    UserDefaults defaults{Directories::inLibrary("Preferences/" + Directories::storageName() + ".plist")};
   };
   static ProcessWide<Standard> instance;
   return instance->defaults;

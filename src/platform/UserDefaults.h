@@ -17,7 +17,7 @@ namespace kelvo {
 /// renames it to `<path>.corrupt`, reports a problem and starts empty.
 class UserDefaults {
  public:
-  /// The store of this process: `Library/Preferences/<bundle identifier or executable name>.plist`.
+  /// The store of this process: `Library/Preferences/<Directories::storageName()>.plist`.
   static UserDefaults& standard();
 
   explicit UserDefaults(std::string path);

@@ -4,6 +4,7 @@
 #   shared, static, pkg-config            builds a consumer, which must start from its bundle and deliver its event
 #   checkout, clang                       the same with Kelvo as a sub-project of hosts with unusual settings
 #   c, rust, go, perl                     build examples/*/hello.*, which must deliver its event; c with both libraries
+#   python                                builds a wheel, and runs examples/python/hello.py in a virtual environment with it
 #   plugin                                builds examples/nag, whose bundle gets a plug-in in a shared object, and runs it;
 #                                         configures it again with Kelvo as a sub-project
 #   kit                                   builds and runs tests of a host with Kelvo::testing
@@ -192,6 +193,25 @@ go)
     go build -o "$work/hello" "$examples/go/hello.go"
   with_collector says_hello "$work/hello"
   ;;
+python)
+  python=/usr/bin/python3 checkout=$work/checkout
+  "$python" -W ignore -c 'import setuptools, pip, venv, wheel' || { echo "pip, setuptools, venv or wheel is not installed"; exit 77; }
+  rm -rf "$work" && mkdir -p "$checkout/bindings"
+  cp "$here/../../CMakeLists.txt" "$checkout"
+  cp -r "$here/../../bindings/python" "$checkout/bindings"
+  "$python" -m pip wheel --quiet --no-index --no-deps --no-build-isolation --wheel-dir "$work" "$checkout/bindings/python"
+  "$python" -m venv --without-pip "$work/venv"
+  "$python" -m pip --quiet --python "$work/venv/bin/python" install --no-index "$work"/kelvo-*.whl
+  printf '#!/bin/sh\nexec "%s" -W error "%s"\n' "$work/venv/bin/python" "$examples/python/hello.py" >"$work/hello"
+  chmod +x "$work/hello"
+  KELVO_LIBRARY=$(find "$prefix" -name libkelvo-c.so.1)
+  export KELVO_LIBRARY
+  with_collector says_hello "$work/hello"
+  # The libraries beside the package, as in a program that ships everything.
+  cp -P "$(dirname "$KELVO_LIBRARY")"/libkelvo*.so.* "$(find "$work/venv" -path '*/site-packages/kelvo')"
+  unset KELVO_LIBRARY
+  with_collector says_hello "$work/hello"
+  ;;
 perl) PATH=$prefix/bin:$PATH with_collector says_hello "$examples/perl/hello.pl" ;;
 pkg-config)
   find_with_pkg_config
@@ -251,13 +271,15 @@ deb)
   "$here/../../scripts/postgres" exec --fast bash -euo pipefail -c 'stores_an_event "$work/root/usr/bin"'
   # The project names no mail host and no licence yet. kelvo-dev is left out, because its archive takes over a minute.
   lintian --no-cfg --fail-on error --suppress-tags bogus-mail-host,bogus-mail-host-in-debian-changelog,no-copyright-file \
-    "$work"/package/kelvo_*.deb "$work"/package/kelvo-[cqst]*.deb
+    "$work"/package/kelvo_*.deb "$work"/package/kelvo-[cqst]*.deb \
+    "$work"/package/python3-kelvo_*.deb
   # The package that each of these files is in.
   while read -r package file; do
     "${dpkg[@]}" -L "$package" | grep -qx "$file" || { echo "$package lacks $file"; exit 1; }
   done <<'FILES'
 kelvo .*/libkelvo\.so\.288
 kelvo-c .*/libkelvo-c\.so\.1
+python3-kelvo /usr/lib/python3/dist-packages/kelvo/__init__\.py
 kelvo-dev .*/libkelvo-c\.so
 kelvo-dev .*/kelvo/kelvo\.h
 kelvo-dev .*/libkelvo\.so
@@ -275,7 +297,7 @@ kelvo-server /usr/share/doc/kelvo-server/docs/service-api\.md
 FILES
   names=$("${dpkg[@]}" --get-selections | awk '{print $1}')
   for package in $names; do
-    case $package in kelvo) needs=libcurl4 ;; kelvo-c) needs='kelvo (=' ;; kelvo-dev) needs='kelvo (=' ;; kelvo-qt) needs='kelvo-dev (=' ;;
+    case $package in kelvo) needs=libcurl4 ;; kelvo-c) needs='kelvo (=' ;; python3-kelvo) needs='kelvo-c (=' ;; kelvo-dev) needs='kelvo (=' ;; kelvo-qt) needs='kelvo-dev (=' ;;
       kelvo-server) needs=libpq5 ;; *) needs=libssl3 ;; esac
     dpkg-deb -f "$work/package/${package}_"*.deb Depends | grep -F "$needs"
   done
