@@ -20,5 +20,5 @@ if(imported AND CMAKE_READELF)
 endif()
 # Qt is optional: without it, the adapters to Qt are not built.
 if(KELVO_QT)
-  find_package(Qt6 QUIET COMPONENTS Widgets)
+  find_package(Qt6 QUIET COMPONENTS Widgets OPTIONAL_COMPONENTS Quick)
 endif()

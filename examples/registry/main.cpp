@@ -1,5 +1,5 @@
-// A host that logs through its registry of events, kelvo-events.json. CMake writes "kelvo-events.h" from that file: an event
-// that is not in it, a wrong type, or two arguments in the wrong order do not compile.
+// A host that logs through its registry of events, kelvo-events.json. CMake writes "kelvo-events.h" from that file: an
+// event that is not in it, a wrong type, or two arguments in the wrong order do not compile.
 //
 // Start `kelvo-collector` in one terminal. In another, tell it what to expect, and start this program:
 //   kelvo-events expectations kelvo-events.json | curl -T - http://127.0.0.1:8288/debug/expectations

@@ -5,6 +5,7 @@
 #   checkout, clang                       the same with Kelvo as a sub-project of hosts with unusual settings
 #   c, rust, go, perl                     build examples/*/hello.*, which must deliver its event; c with both libraries
 #   python                                builds a wheel, and runs examples/python/hello.py in a virtual environment with it
+#   quick                                 builds and runs a program in QML; qmllint knows the module
 #   plugin                                builds examples/nag, whose bundle gets a plug-in in a shared object, and runs it;
 #                                         configures it again with Kelvo as a sub-project
 #   kit                                   builds and runs tests of a host with Kelvo::testing
@@ -42,6 +43,13 @@ delivered() {
 arrived() {
   curl -fsS "$KELVO_SERVER_BASE_URL/debug/counts" | python3 -c 'import json, sys
 print(sum(row["count"] for row in json.load(sys.stdin)["byName"] if row["name"] == sys.argv[1]))' "$1"
+}
+
+# greeted PROGRAM: runs a program in QML as `delivered` does, and checks the attributes that QML has set.
+greeted() {
+  delivered "$1"
+  curl -fsS "$KELVO_SERVER_BASE_URL/debug/requests" >"$work/requests.json"
+  python3 "$here/quick/expect.py" <"$work/requests.json"
 }
 
 # first_program PROGRAM: runs the README's first program, which must deliver its event once, before it ends, and print
@@ -213,6 +221,17 @@ python)
   with_collector says_hello "$work/hello"
   ;;
 perl) PATH=$prefix/bin:$PATH with_collector says_hello "$examples/perl/hello.pl" ;;
+quick)
+  rm -rf "$work"
+  cmake -S "$here/quick" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix"
+  cmake --build "$work"
+  # Without an import path, and with the one of the installed module, which is for editors and qmllint.
+  module=$(dirname "$(dirname "$(find "$prefix" -name kelvo.qmltypes)")")
+  export QT_QPA_PLATFORM=offscreen
+  with_collector greeted "$work/consumer"
+  QML2_IMPORT_PATH=$module with_collector greeted "$work/consumer"
+  /usr/lib/qt6/bin/qmllint -I "$module" "$here/quick/Main.qml"
+  ;;
 pkg-config)
   find_with_pkg_config
   mkdir -p "$work"

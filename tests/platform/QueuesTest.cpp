@@ -196,7 +196,11 @@ TEST(Thread, AForkedChildRunsSyncAtOnceAndDropsAsynchronousTasks) {
     queue.after(0s, [&] { dropped = false; });
     MainQueue::async([&] { dropped = false; });
     queue.sync([&] { ran = true; });
-    _exit(ran && dropped && !startThread("never", [] {}, [] {}) ? 0 : 1);
+    _exit(ran && dropped &&
+                  !startThread(
+                      "never", [] {}, [] {})
+              ? 0
+              : 1);
   };
   EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
 }

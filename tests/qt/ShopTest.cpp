@@ -30,15 +30,6 @@ class Shop : public Road {
     std::erase(events, "klv_app_opened");
     return events;
   }
-  /// Returns the value at `key` of every event of `kind` that arrived, in order.
-  [[nodiscard]] Texts arrived(const char* kind, std::string_view key = "name") const {
-    Texts all;
-    for (const Value& chunk : service.chunks()) {
-      const Array events = at(chunk, {"chunk_details", kind}).asArray().value_or(Array());
-      for (const Value& event : events) all.push_back(description(at(event, {key})));
-    }
-    return all;
-  }
 };
 
 TEST_F(Shop, AVisitIsDeliveredAsScreensEventsAndActivity) {

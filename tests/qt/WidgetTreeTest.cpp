@@ -469,6 +469,7 @@ TEST(Attributes, KeepTheTypesOfQt) {
       {QVariantList{1, "two", QVariantMap{{"three", 3}}}, Array{1, "two", Dictionary{{"three", 3}}}},
       {QStringList{"a", "b"}, Array{"a", "b"}},
       {QUrl("https://example.com/"), "https://example.com/"},
+      {QVariant::fromValue(nullptr), nullptr},
       {QVariant(), nullptr}};
   for (const auto& [held, carried] : cases) EXPECT_EQ(qt::attributes({{"key", held}}), (Dictionary{{"key", carried}}));
 }

@@ -70,6 +70,15 @@ Texts Road::arrivedEvents() const {
   return names;
 }
 
+Texts Road::arrived(std::string_view kind, std::string_view key) const {
+  Texts all;
+  for (const Value& chunk : service.chunks()) {
+    const Array events = at(chunk, {"chunk_details", kind}).asArray().value_or(Array());
+    for (const Value& event : events) all.push_back(description(at(event, {key})));
+  }
+  return all;
+}
+
 std::string Road::bundle(const std::string& kelvo, const std::string& more) {
   writeFileForTest(home() + "/app.bundle/Info.plist", R"(<plist version="1.0"><dict>)" + more +
                                                           "<key>Kelvo</key><dict>" + kelvo + "</dict></dict></plist>");

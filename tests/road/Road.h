@@ -126,6 +126,8 @@ class Road : public testing::Test {
   [[nodiscard]] std::vector<std::pair<std::string, std::string>> arrivals() const;
   /// Returns the names in `arrivals`.
   [[nodiscard]] Texts arrivedEvents() const;
+  /// Returns the value at `key` of every event of `kind` ("navigation_events" ...) that arrived, in order.
+  [[nodiscard]] Texts arrived(std::string_view kind, std::string_view key = "name") const;
   /// Writes a bundle and returns its path. `kelvo` is the content of the Info.plist's dictionary "Kelvo"; `more` are
   /// further entries of the Info.plist.
   static std::string bundle(const std::string& kelvo, const std::string& more = {});

@@ -53,6 +53,7 @@ Value valueOf(const QVariant& variant) {
       for (const QVariant& element : variant.toList()) array.append(valueOf(element));
       return array;
     }
+    case QMetaType::Nullptr: return {};  // null in JavaScript
     default: return variant.canConvert<QString>() ? Value(variant.toString().toStdString()) : Value();
   }
 }
