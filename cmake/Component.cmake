@@ -12,6 +12,8 @@ endif()
 # GCC 12 gives false warnings: about an uninitialised index when a std::optional of a std::variant is moved, and about
 # overlapping memory when a literal and a std::string are concatenated.
 target_compile_options(kelvo_flags INTERFACE "$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-restrict>")
+# In a unity build, each source's own names are in what looks like a header.
+target_compile_options(kelvo_flags INTERFACE "$<$<AND:$<COMPILE_LANG_AND_ID:CXX,GNU>,$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-subobject-linkage>")
 if(KELVO_SANITIZE)
   target_compile_options(kelvo_flags INTERFACE -fsanitize=${KELVO_SANITIZE} -fno-omit-frame-pointer
                                                -fno-sanitize-recover=all)

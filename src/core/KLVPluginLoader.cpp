@@ -47,7 +47,7 @@ Classes& classes() {
 }
 
 /// The classes stay: initialisers have registered them.
-[[maybe_unused]] const ResetAtEnd reset([] {
+[[maybe_unused]] const ResetAtEnd classesAreReset([] {
   const Lock lock(classes().mutex);
   classes().awaited.clear();
 });

@@ -13,7 +13,7 @@ namespace {
 
 std::atomic<ScreenSize> screen{ScreenSize{}};
 static_assert(std::atomic<ScreenSize>::is_always_lock_free);
-[[maybe_unused]] const ResetAtEnd reset([] { screen.store({}); });
+[[maybe_unused]] const ResetAtEnd screenIsReset([] { screen.store({}); });
 
 std::string_view unquoted(std::string_view text) {
   const bool quoted = text.size() >= 2 && (text.front() == '"' || text.front() == '\'') && text.back() == text.front();

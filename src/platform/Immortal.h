@@ -5,8 +5,9 @@
 
 namespace kelvo {
 
-/// Holds an object that is never destroyed. Use it as a function-local static for a process-wide object: no destructor
-/// runs at exit, so threads may use the object until the process ends.
+/// Holds an object that is never destroyed. Use it as a function-local static for a constant of the process: no
+/// destructor runs at exit, so threads may use the object until the process ends. For an object with state, use
+/// `ProcessWide`.
 template <class T>
 class Immortal {
  public:

@@ -19,7 +19,7 @@ std::atomic<bool> forked{false};
 [[maybe_unused]] const int forkHandler = pthread_atfork(nullptr, nullptr, [] { forked.store(true); });
 
 constinit std::atomic<bool> areHeld{false};
-[[maybe_unused]] const ResetAtEnd reset([] { allowThreads(); });
+[[maybe_unused]] const ResetAtEnd threadsAreReset([] { allowThreads(); });
 
 thread_local bool isOurs = false;
 

@@ -1,10 +1,10 @@
 #include "platform/Clock.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "platform/Context.h"
 #include "platform/TimerService.h"
+#include "testing/Recording.h"
 
 // The clock of the build for tests: it stands still until a test moves it.
 
@@ -15,10 +15,6 @@ constexpr Date kBegin{std::chrono::seconds(1767268800)};  // 2026-01-01 12:00 UT
 constexpr Clock::Instant kMonotonicBegin{std::chrono::hours(1)};
 
 std::atomic<Clock::Duration::rep> passed{0};  // since the recorder began
-
-void waitForWork() {
-  if (!context::waitUntilIdle()) throw std::runtime_error("The library is still at work after a minute");
-}
 
 }  // namespace
 
@@ -32,11 +28,11 @@ Clock::Instant Clock::monotonic() {
 
 void Clock::advance(Duration step) {
   const Instant target = monotonic() + step;
-  waitForWork();
+  testing::waitForWork();
   for (auto next = TimerService::nextDeadline(); next && *next <= target; next = TimerService::nextDeadline()) {
     passed = (std::max(*next, monotonic()) - kMonotonicBegin).count();
     TimerService::clockMoved();
-    waitForWork();
+    testing::waitForWork();
   }
   passed = (target - kMonotonicBegin).count();
 }

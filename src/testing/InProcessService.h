@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,7 +24,7 @@ class InProcessService {
     std::chrono::nanoseconds after{0};
   };
 
-  /// Processes the request. `limits`, and the client's 30 seconds, end late answers.
+  /// Processes the request. An answer that takes longer than the client's 30 seconds is a time-out.
   [[nodiscard]] Answer answer(const HTTPRequest& request) EXCLUDES(mutex_);
 
   /// Replaces the script of the requests that contain `part`.

@@ -10,7 +10,6 @@ namespace kelvo::testing {
 namespace {
 
 using collector::Script;
-using std::chrono::milliseconds;
 
 constexpr std::size_t kMostCallsInMessage = 20;
 

@@ -12,7 +12,7 @@ constexpr std::size_t kMostText = 1024 * 1024;
 constexpr std::uint64_t kMostStored = 100 * 1024 * 1024;
 
 std::atomic<const KLVDeliveryRules*> chosen{&KLVDeliveryRules::classic};
-[[maybe_unused]] const ResetAtEnd reset([] { chosen = &KLVDeliveryRules::classic; });
+[[maybe_unused]] const ResetAtEnd rulesAreReset([] { chosen = &KLVDeliveryRules::classic; });
 
 }  // namespace
 

@@ -12,7 +12,7 @@ struct Chosen {
   KLVHostLimits limits GUARDED_BY(mutex);
 };
 
-[[maybe_unused]] const ResetAtEnd reset([] { KLVHostLimits::choose({}); });
+[[maybe_unused]] const ResetAtEnd limitsAreReset([] { KLVHostLimits::choose({}); });
 
 Chosen& chosenLimits() {
   static ProcessWide<Chosen> instance;

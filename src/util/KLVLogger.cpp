@@ -279,7 +279,7 @@ Writer& writer() {
 
 constinit KLVLogRules rules;
 constinit bool understandsEnvironment = true;
-[[maybe_unused]] const ResetAtEnd reset([] {
+[[maybe_unused]] const ResetAtEnd sinkIsReset([] {
   rules.~KLVLogRules();
   new (&rules) KLVLogRules;
   understandsEnvironment = rules.obey(::secure_getenv("KELVO_LOG"));

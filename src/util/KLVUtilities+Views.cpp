@@ -44,7 +44,7 @@ constexpr std::string_view kIgnoredClasses[] = {"UIVisualEffect", "UIVisualEffec
                                                 "UIBlurEffect"};
 
 std::atomic<bool> drawnByFramework{false};
-[[maybe_unused]] const ResetAtEnd reset([] { drawnByFramework = false; });
+[[maybe_unused]] const ResetAtEnd frameworkIsReset([] { drawnByFramework = false; });
 
 bool isOfClass(const View& view, std::string_view name) {
   if (view.className() == name) return true;

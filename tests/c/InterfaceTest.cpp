@@ -2,14 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cstdlib>
+#include <chrono>
 #include <cstring>
-#include <functional>
 #include <future>
 #include <mutex>
-#include <set>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "kelvo-collector/http/Server.h"
@@ -97,21 +99,12 @@ TEST_F(Interface, CallsArriveWithTheirAttributes) {
   kelvo_log_device_token_data(token, sizeof token);
   kelvo_log_app_event("Last", nullptr, 0);
   const std::string arrived = delivered();
-  for (const char* part : {
-           R"("text":"grün","integer":-9223372036854775808,"unsigned":18446744073709551615,"number":0.5,"bool":true,)"
-           R"("json":"{\"x\":[1,2]}",)",
-           R"("json_x":[1,2],"later":)",
-           R"({"integer":9007199254740993,"d":"{\"x\":1}",)",
-           R"("Counted")",
-           R"("it broke")",
-           R"("code":7)",
-           R"("plan":"gold")",
-           R"("campaign":"spring")",
-           R"("user-1")",
-           R"("Your basket")",
-           R"("Payment")",
-           R"("AB01")",
-       }) {
+  for (const char* part :
+       {R"("text":"grün","integer":-9223372036854775808,"unsigned":18446744073709551615,"number":0.5,"bool":true,)"
+        R"("json":"{\"x\":[1,2]}",)",
+        R"("json_x":[1,2],"later":)", R"({"integer":9007199254740993,"d":"{\"x\":1}",)", R"("Counted")",
+        R"("it broke")", R"("code":7)", R"("plan":"gold")", R"("campaign":"spring")", R"("user-1")", R"("Your basket")",
+        R"("Payment")", R"("AB01")"}) {
     EXPECT_NE(arrived.find(part), std::string::npos) << part << " in " << arrived;
   }
   EXPECT_TRUE(log.waitFor("<KLV ERROR> kelvo_attributes_set_json: the argument is no JSON: "));
@@ -147,8 +140,30 @@ TEST_F(Interface, BadJSONCostsAnErrorLineAndTheAttributesOnly) {
 
 /// Calls every function with NULL for every pointer.
 void callAllWithNull() {
+  for (const auto call : {kelvo_initialize_with_id, kelvo_set_user_custom_info_json, kelvo_set_session_custom_info_json,
+                          kelvo_set_user_identifier, kelvo_log_screen, kelvo_log_device_token}) {
+    call(nullptr);
+  }
+  for (const auto call : {kelvo_report_custom_error_json, kelvo_will_show, kelvo_did_show, kelvo_show,
+                          kelvo_persist_pid_mid_dict, kelvo_save_frequency_info}) {
+    call(nullptr, nullptr);
+  }
+  for (const auto call : {kelvo_log_app_event, kelvo_log_client_event, kelvo_log_aggregate_event})
+    call(nullptr, nullptr, 0);
+  for (const auto call : {kelvo_log_app_event_json, kelvo_log_client_event_json, kelvo_log_aggregate_event_json}) {
+    call(nullptr, nullptr, 0);
+  }
+  for (const auto call : {kelvo_set_user_custom_info, kelvo_set_session_custom_info}) call(nullptr);
+  for (const auto call : {kelvo_register_for_event_type, kelvo_deregister_for_event_type})
+    call(KELVO_EVENT_APP, nullptr);
+  for (const auto call : {kelvo_register_for_event_key, kelvo_deregister_for_event_key}) call(nullptr, nullptr);
+  for (char* text : {kelvo_get_pid_mid_dict(nullptr), kelvo_identifier_key(KELVO_EVENT_APP, nullptr),
+                     kelvo_retrieve_frequency_info(nullptr), kelvo_get_lifetime_counts(nullptr, 3)}) {
+    EXPECT_EQ(taken(text), std::nullopt);
+  }
+  EXPECT_EQ(taken(kelvo_get_config(nullptr)).value_or("{}"), "{}");
+  EXPECT_EQ(kelvo_get_lifetime_count(nullptr), 0);
   kelvo_free(nullptr);
-  kelvo_initialize_with_id(nullptr);
   kelvo_on_ready(nullptr, nullptr);
   kelvo_write_log_line(KELVO_LOG_ERROR, nullptr);
   kelvo_attributes_free(nullptr);
@@ -156,44 +171,17 @@ void callAllWithNull() {
   kelvo_attributes_set_json(nullptr, nullptr, nullptr);
   auto* empty = kelvo_attributes_create();
   kelvo_attributes_set_integer(empty, nullptr, 1);
-  kelvo_attributes_set_json(empty, "key", nullptr);
   kelvo_attributes_free(empty);
-  for (const auto log : {kelvo_log_app_event, kelvo_log_client_event, kelvo_log_aggregate_event})
-    log(nullptr, nullptr, 0);
-  for (const auto log : {kelvo_log_app_event_json, kelvo_log_client_event_json, kelvo_log_aggregate_event_json}) {
-    log(nullptr, nullptr, 0);
-  }
   kelvo_report_custom_error(nullptr, nullptr);
-  kelvo_report_custom_error_json(nullptr, nullptr);
-  kelvo_set_user_custom_info(nullptr);
-  kelvo_set_user_custom_info_json(nullptr);
-  kelvo_set_session_custom_info(nullptr);
-  kelvo_set_session_custom_info_json(nullptr);
-  kelvo_set_user_identifier(nullptr);
-  kelvo_log_screen(nullptr);
-  for (const auto show : {kelvo_will_show, kelvo_did_show, kelvo_show}) show(nullptr, nullptr);
-  kelvo_log_device_token(nullptr);
   kelvo_log_device_token_data(nullptr, 5);
   kelvo_set_main_loop(nullptr, nullptr, nullptr);
   kelvo_flush(0, nullptr, nullptr);
   kelvo_get_ledger(nullptr, nullptr);
   kelvo_get_sync_data(nullptr, nullptr, nullptr, nullptr);
-  EXPECT_NE(taken(kelvo_get_config(nullptr)), std::nullopt);
-  EXPECT_EQ(taken(kelvo_get_pid_mid_dict(nullptr)), std::nullopt);
-  kelvo_persist_pid_mid_dict(nullptr, nullptr);
-  EXPECT_EQ(taken(kelvo_identifier_key(KELVO_EVENT_APP, nullptr)), std::nullopt);
   kelvo_listener_free(nullptr);
   kelvo_listener_free(kelvo_listener_create(nullptr, nullptr, nullptr));
-  kelvo_register_for_event_type(KELVO_EVENT_APP, nullptr);
-  kelvo_register_for_event_key(nullptr, nullptr);
-  kelvo_deregister_for_event_type(KELVO_EVENT_APP, nullptr);
-  kelvo_deregister_for_event_key(nullptr, nullptr);
   kelvo_dispatch_event(KELVO_EVENT_UNKNOWN, nullptr, nullptr);
   kelvo_dispatch_event_json(KELVO_EVENT_UNKNOWN, nullptr, nullptr);
-  kelvo_save_frequency_info(nullptr, nullptr);
-  EXPECT_EQ(taken(kelvo_retrieve_frequency_info(nullptr)), std::nullopt);
-  EXPECT_EQ(taken(kelvo_get_lifetime_counts(nullptr, 3)), std::nullopt);
-  EXPECT_EQ(kelvo_get_lifetime_count(nullptr), 0);
   kelvo_get_data(nullptr, nullptr, nullptr);
   kelvo_post_data(nullptr, nullptr, nullptr, nullptr, nullptr);
   kelvo_delete_data(nullptr, nullptr, nullptr, nullptr);

@@ -275,7 +275,10 @@ kit)
   cmake -S "$here/kit" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_FLAGS=${strict[*]}"
   cmake --build "$work"
   ctest --test-dir "$work" --output-on-failure
-  ! ldd "$work/without_framework" | grep -E 'libkelvo|libcurl'
+  if ldd "$work/without_framework" | grep -E 'libkelvo|libcurl'; then exit 1; fi
+  # A program with two builds of the library is refused.
+  if cmake "$work" -DKELVO_ALSO=Kelvo::kelvo 2>/dev/null; then exit 1; fi
+  cmake "$work" -DKELVO_ALSO=
   ;;
 demo) "$here/../../scripts/demo" | tee /dev/stderr | grep '2 chunks accepted, 1 of them after a refusal' >/dev/null ;;
 deb)

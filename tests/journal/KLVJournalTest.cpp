@@ -325,11 +325,14 @@ TEST_F(JournalTest, AFileThatCannotBeReadNowWaitsForALaterLaunch) {
   rlimit former{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
   const rlimit none{0, former.rlim_max};
+  const LogCapture log;
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
   const auto entries = open();
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
   EXPECT_TRUE(entries.empty());
   EXPECT_FALSE(journal->isOpen());
+  EXPECT_TRUE(log.waitFor("<KLV ERROR> The journal " + path() + " cannot be read: Too many open files"));
+  EXPECT_EQ(log.count("journal"), 1U) << "no other file takes its place";
   EXPECT_EQ(texts(open()), (Texts{"kept"}));
 }
 

