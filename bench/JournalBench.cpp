@@ -35,7 +35,7 @@ class OpenJournal {
   KLVJournal journal_;
 };
 
-/// Writes and finishes; the pair is the whole cost of a call.
+/// Measures one write and one `finish`: together, they are what the journal costs a call.
 void JournalCall(benchmark::State& state) {
   OpenJournal journal;
   const Dictionary info = attributes(1);

@@ -117,10 +117,10 @@ class Service {
 /// process, and a clock that begins at noon of 1 January 2026 (UTC). Its end leaves no thread, no file and no state
 /// behind.
 ///
-/// One recorder lives at a time. All functions but those of the library itself belong to the thread that made it, and
-/// must not be called in a callback of the library. They throw `std::logic_error` for a wrong use, and
-/// `std::runtime_error` if the library is still at work after a minute. The environment does not steer the library, but
-/// for KELVO_LOG and KELVO_BUNDLE.
+/// One recorder lives at a time. Call its functions on the thread that made it, and not in a callback of the library.
+/// The library's own functions may be called anywhere. The recorder's functions throw `std::logic_error` for a wrong
+/// use, and `std::runtime_error` if the library is still at work after a minute. The environment does not steer the
+/// library, but for KELVO_LOG and KELVO_BUNDLE.
 class Recorder {
  public:
   struct NotStarted {};

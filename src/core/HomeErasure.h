@@ -21,8 +21,8 @@ class HomeErasure {
   /// request that follows it. `appId` is the application that the request is for.
   void begin(const std::string& appId);
   /// Deletes the database, the user defaults, the journal, and everything in Library but the lock and the consent file.
-  /// Never follows a link. Clears the note. Returns false, after one ERROR line, if a file is left: the note then
-  /// stays.
+  /// Never follows a link. Then clears the note. If a file is left, keeps the note, logs one ERROR line and returns
+  /// false.
   [[nodiscard]] bool finish();
 
  private:

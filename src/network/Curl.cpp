@@ -6,7 +6,7 @@
 
 namespace kelvo {
 
-#ifdef KELVO_LIBCURL  // the name of the libcurl to load
+#ifdef KELVO_LIBCURL  // the file name of the libcurl that is loaded at the first request
 
 namespace {
 

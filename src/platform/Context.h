@@ -39,7 +39,7 @@ void end();
 // is none. Work that makes more work begins the new one before it ends itself.
 void workBegins() noexcept;
 void workEnds() noexcept;
-/// Blocks until no work is under way. Returns false if some is left after a minute.
+/// Blocks until no work is under way. Returns false if work is still under way after a minute.
 [[nodiscard]] bool waitUntilIdle();
 
 /// Sets the clock to the time at which each recorder begins.

@@ -17,7 +17,7 @@ constexpr std::size_t kMostKeys = 64;  // in one dictionary, because each is com
 constexpr unsigned char kFirstPrintable = 0x20;
 constexpr unsigned char kFirstMultibyte = 0x80;
 
-/// Whether a character stands for itself in a text.
+/// Tells of each byte whether JSON writes it in a text without an escape.
 constexpr auto kIsPlain = [] {
   std::array<bool, 256> plain{};
   for (std::size_t c = kFirstPrintable; c < kFirstMultibyte; ++c) plain[c] = c != '"' && c != '\\';

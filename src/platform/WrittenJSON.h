@@ -12,7 +12,7 @@ namespace kelvo {
 /// It keeps its memory from one text to the next. Not thread-safe.
 class WrittenJSON {
  public:
-  /// A key without its quotes, escapes included, and the text of its value.
+  /// The key as it is written, with its escapes and without its quotes, and the JSON text of its value.
   struct Member {
     std::string_view key;
     std::string_view value;

@@ -7,7 +7,7 @@
 namespace kelvo::registry {
 namespace {
 
-/// Writes the values of an attribute: an enumeration, and the texts in its order.
+/// Returns an enumeration of the attribute's values, and a list of their texts in the same order.
 std::string writeChoices(const Attribute& attribute) {
   std::string names;
   std::string texts;

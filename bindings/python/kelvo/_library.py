@@ -60,8 +60,8 @@ def ledger_struct(counts: Tuple[str, ...]) -> Any:
     return type("Ledger", (Structure,), {"_fields_": fields})
 
 
-# Functions that only take or copy values keep the interpreter's lock: to release it, and to get it back from a busy
-# thread, takes up to milliseconds. None of them calls back or waits.
+# Functions that only take or copy values keep the interpreter's lock. A function that releases it may wait for
+# milliseconds until a busy thread gives it back. None of these functions calls back or waits.
 _QUICK: Dict[str, Tuple[Any, ...]] = {
     "kelvo_log_app_event_json": (c_char_p, c_char_p, c_uint32),
     "kelvo_log_client_event_json": (c_char_p, c_char_p, c_uint32),

@@ -31,7 +31,8 @@ constexpr auto kCounterparts = std::to_array<std::pair<std::string_view, std::st
     {"ItemView", "UITableView"},
 });
 
-// Parts of Qt's class names that its QML types do not have: "QQuickText" is a Text, "QQuickWindowQmlImpl" a Window.
+// Qt's C++ class names have these parts, and the names of its QML types lack them: the class of a Text is "QQuickText",
+// that of a Window "QQuickWindowQmlImpl".
 constexpr std::string_view kOfQt = "QQuick";
 constexpr std::string_view kOfWindow = "QmlImpl";
 
