@@ -185,10 +185,13 @@ void KLVController::stepB(std::uint64_t generation, const HTTPOutcome& answer) {
   handler->startWithCompletionHandler([this] { controllerSerialQueue_.sync([this] { stepC(); }); });
   controllerSerialQueue_.sync([this] { mergeStoredUser(); });
   auto chunks = KLVChunkManager::initWithConfiguration(manager->configDetails(), *this);
+  std::shared_ptr<KLVSession> running;
   {
     const Lock lock(mutex_);
-    components_.chunkManager = std::move(chunks);
+    components_.chunkManager = chunks;
+    running = components_.session;
   }
+  if (running != nullptr) chunks->startSession(running->identifier());  // if it restarted since the manager asked
   if (erasure_.generation() != generation) return;
   const auto* plugins = Bundle::main().infoDictionary()["Kelvo"].get<Dictionary>();
   pluginManager_.loadPlugins(plugins != nullptr ? std::optional(*plugins) : std::nullopt,

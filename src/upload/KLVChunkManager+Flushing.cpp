@@ -31,6 +31,8 @@ std::vector<KLVEarlierSession> KLVChunkManager::readEarlierSessions() {
   std::set<std::string> running{currentSessionIdentifier_};
   // Asked last: a session that has just been restarted is the controller's before anything of it is stored.
   if (const auto session = delegate_.session()) running.insert(session->identifier());
+  const Lock lock(mutex_);
+  running.insert(announced_.begin(), announced_.end());
   return earlierSessions(stored, running);
 }
 

@@ -127,8 +127,16 @@ void KLVChunkManager::flushPreviousChunks() {
 }
 
 void KLVChunkManager::startSession(const std::string& sid) {
+  {
+    const Lock lock(mutex_);
+    announced_.insert(sid);
+  }
   perform([this, sid] {
     queue_.assertCurrent();
+    {
+      const Lock lock(mutex_);
+      announced_.erase(sid);
+    }
     if (sid == currentSessionIdentifier_) return;
     delegate_.waitUntilDelivered();  // then all events of the session so far are stored
     ended_[currentSessionIdentifier_] = std::exchange(current_, {});

@@ -127,6 +127,9 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   KLVChunkManagerDelegate& delegate_;
   DispatchQueue queue_{"com.kelvo.serial.chunkmanager"};  // the chunk queue
   KLVChunkSender sender_;
+  mutable Mutex mutex_;
+  /// Sessions whose start waits in the queue. None of them is an earlier session yet, even if the next one has begun.
+  std::set<std::string> announced_ GUARDED_BY(mutex_);
   // Queue: the chunk queue.
   bool isRetired_ GUARDED_BY(queue_) = false;
   std::string currentSessionIdentifier_ GUARDED_BY(queue_);

@@ -460,6 +460,24 @@ TEST_F(CompleteChunkManager, RestartsWithANewSession) {
   EXPECT_EQ(happened(), Texts{"purge now"}) << "the running session stays";
 }
 
+TEST_F(CompleteChunkManager, ASessionThatEndsBeforeItsStartIsHandledIsCutOnce) {
+  addEvents("now", 1, 1);
+  addEvents("short", 1, 2);
+  addEvents("later", 1, 1);
+  delegate.running = "later";
+  // The queue is late: both starts wait behind a flush.
+  std::promise<void> late;
+  manager->whenIdle([isLate = late.get_future().share()] { isLate.wait(); });
+  manager->flushPreviousChunks();
+  manager->startSession("short");
+  manager->startSession("later");
+  late.set_value();
+  EXPECT_EQ(happened(), (Texts{"save now_1", "post now_1 of 1", "save short_1", "post short_1 of 2", "save later_1",
+                               "post later_1 of 1"}));
+  answer(2);
+  EXPECT_EQ(happened(), (Texts{"purge now", "purge short"}));
+}
+
 TEST_F(CompleteChunkManager, CutsLongRangesOnceAndKeepsTheRecordsOfTheCut) {
   delegate.eventText = 400 * 1024;
   delegate.sessionRecords = {"now"};
