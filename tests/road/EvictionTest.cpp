@@ -133,7 +133,9 @@ class Eviction : public Road {
   void expectAnExactLedger(const std::string& when) const {
     const auto sum = [&] { return evicted() + waiting() + ledger("accepted") + ledger("notForUpload"); };
     // The library may move events between two reads.
-    EXPECT_TRUE(eventually([&] { return ledger("stored") == sum(); })) << when << ": " << ledger("stored") << " stored, " << sum() << " known\n" << host_->errors();
+    EXPECT_TRUE(eventually([&] { return ledger("stored") == sum(); }))
+        << when << ": " << ledger("stored") << " stored, " << sum() << " known\n"
+        << host_->errors();
   }
 
   /// Notes how far each session is cut.
