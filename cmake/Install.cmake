@@ -39,6 +39,10 @@ endforeach()
 if(KELVO_TEST_KIT AND PROJECT_IS_TOP_LEVEL)
   install(TARGETS kelvo_testing EXPORT KelvoTestingTargets)
   install(EXPORT KelvoTestingTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
+  install(TARGETS kelvo-c-testing EXPORT KelvoCTestingTargets)
+  install(EXPORT KelvoCTestingTargets NAMESPACE Kelvo:: DESTINATION ${package_dir})
+  configure_file(cmake/kelvo-c-testing.pc.in ${PROJECT_BINARY_DIR}/kelvo-c-testing.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/kelvo-c-testing.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endif()
 if(TARGET kelvo_qt)
   list(APPEND packages kelvo-qt)
@@ -95,7 +99,8 @@ if(TARGET kelvo-server)
 endif()
 # The targets kelvo, kelvo-c, kelvo-tools and kelvo-server are also components. These are the others.
 add_custom_target(python3-kelvo)
-add_custom_target(kelvo-dev DEPENDS kelvo kelvo-c kelvo_static $<TARGET_NAME_IF_EXISTS:kelvo_testing>)
+add_custom_target(kelvo-dev DEPENDS kelvo kelvo-c kelvo_static $<TARGET_NAME_IF_EXISTS:kelvo_testing>
+                                   $<TARGET_NAME_IF_EXISTS:kelvo-c-testing>)
 if(TARGET kelvo_qt)
   add_custom_target(kelvo-qt DEPENDS kelvo_qt kelvo_qtgui)
 endif()
@@ -164,7 +169,8 @@ set(CPACK_DEBIAN_PYTHON3-KELVO_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packa
 kelvo_package(kelvo-dev libdevel "kelvo ${same}, kelvo-c ${same}"
   "libsqlite3-dev, libcurl4-openssl-dev, libplist-dev, libfmt-dev, pkg-config"
   "client-side analytics for C++ applications (development)"
-  "Headers, the static library, the documents, and the files for CMake and\npkg-config.")
+  "Headers, the static library, the libraries for tests, the documents, and the\nfiles for CMake and pkg-config.")
+set(CPACK_DEBIAN_KELVO-DEV_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 kelvo_package(kelvo-qt libdevel "kelvo-dev ${same}, qt6-base-dev" ""
   "client-side analytics for C++ applications (adapter to Qt 6)"
   "The adapter reports the windows and the activity of a Qt Widgets application.")

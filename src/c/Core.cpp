@@ -39,33 +39,6 @@ std::optional<std::uint64_t> numberOf(std::uint64_t number) {
   return number == KELVO_NONE ? 0 : number;
 }
 
-/// Returns the options that `given` covers; later members are 0.
-Options optionsOf(const kelvo_options& given) {
-  kelvo_options known{};
-  std::memcpy(&known, &given, std::min(given.size, sizeof known));
-  Options options{c::textOrEmpty(known.app_id)};
-  options.serverBaseURL = c::textOrEmpty(known.server_base_url);
-  options.caFile = c::textOrEmpty(known.ca_file);
-  options.home = c::textOrEmpty(known.home);
-  options.programName = c::textOrEmpty(known.program_name);
-  options.userIdentifier = c::textOrEmpty(known.user_identifier);
-  options.appName = c::textOrEmpty(known.app_name);
-  options.appVersion = c::textOrEmpty(known.app_version);
-  if (known.delivery == KELVO_DELIVERY_CLASSIC) options.delivery = Delivery::classic;
-  if (known.delivery == KELVO_DELIVERY_COMPLETE) options.delivery = Delivery::complete;
-  if (const auto level = c::logLevel(known.log_level)) options.logLevel = *level;
-  options.logSink = c::logSink(known.log_sink, known.log_context);
-  options.farewell = known.farewell;
-  options.consentRequired = known.consent_required;
-  options.maxHeldCalls = numberOf(known.max_held_calls).value_or(options.maxHeldCalls);
-  if (known.max_waiting_calls != 0) options.maxWaitingCalls = known.max_waiting_calls;
-  options.maxStoredBytes = numberOf(known.max_stored_bytes);
-  options.maxStoredDays = known.max_stored_days;
-  options.journalBytes = numberOf(known.journal_bytes);
-  options.sendLedger = known.send_ledger;
-  return options;
-}
-
 kelvo_flush_result asC(const FlushResult& result) {
   kelvo_flush_result to{};
   to.size = sizeof to;
@@ -116,10 +89,39 @@ EventOptions optionsOf(std::uint32_t flags) noexcept {
 
 }  // namespace
 
+std::optional<Options> c::optionsOf(const char* function, const kelvo_options* given) {
+  if (given == nullptr) return Options();
+  if (!covers(function, given->size, kOptionsSize)) return std::nullopt;
+  kelvo_options known{};
+  std::memcpy(&known, given, std::min(given->size, sizeof known));
+  Options options{c::textOrEmpty(known.app_id)};
+  options.serverBaseURL = c::textOrEmpty(known.server_base_url);
+  options.caFile = c::textOrEmpty(known.ca_file);
+  options.home = c::textOrEmpty(known.home);
+  options.programName = c::textOrEmpty(known.program_name);
+  options.userIdentifier = c::textOrEmpty(known.user_identifier);
+  options.appName = c::textOrEmpty(known.app_name);
+  options.appVersion = c::textOrEmpty(known.app_version);
+  if (known.delivery == KELVO_DELIVERY_CLASSIC) options.delivery = Delivery::classic;
+  if (known.delivery == KELVO_DELIVERY_COMPLETE) options.delivery = Delivery::complete;
+  if (const auto level = c::logLevel(known.log_level)) options.logLevel = *level;
+  options.logSink = c::logSink(known.log_sink, known.log_context);
+  options.farewell = known.farewell;
+  options.consentRequired = known.consent_required;
+  options.maxHeldCalls = numberOf(known.max_held_calls).value_or(options.maxHeldCalls);
+  if (known.max_waiting_calls != 0) options.maxWaitingCalls = known.max_waiting_calls;
+  options.maxStoredBytes = numberOf(known.max_stored_bytes);
+  options.maxStoredDays = known.max_stored_days;
+  options.journalBytes = numberOf(known.journal_bytes);
+  options.sendLedger = known.send_ledger;
+  return options;
+}
+
 void kelvo_start(const kelvo_options* options) {
-  if (options == nullptr) return KelvoSDK::start(Options());
-  if (!c::covers(__func__, options->size, kOptionsSize)) return;
-  c::guarded([&] { KelvoSDK::start(optionsOf(*options)); });
+  const char* const function = __func__;
+  c::guarded([&] {
+    if (const auto converted = c::optionsOf(function, options)) KelvoSDK::start(*converted);
+  });
 }
 
 void kelvo_initialize_with_id(const char* app_id) {

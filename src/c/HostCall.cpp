@@ -36,6 +36,10 @@ void HostCall::stop() noexcept {
   for (int now = running.load(); now > ownCalls; now = running.load()) running.wait(now);
 }
 
+void HostCall::allow() noexcept {
+  stopped.store(false);
+}
+
 }  // namespace kelvo::c
 
 void kelvo_stop_callbacks(void) {

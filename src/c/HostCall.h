@@ -2,7 +2,8 @@
 
 namespace kelvo::c {
 
-/// A call into the host's code: every callback of C is inside one. After `stop`, none begins.
+/// A call into the host's code: every callback of C is inside one. After `stop`, none begins
+/// until `allow`.
 ///
 ///     if (const HostCall call; call.mayBegin()) callback(context);
 ///
@@ -18,6 +19,8 @@ class HostCall {
 
   /// Blocks until all calls have ended, except those that the calling thread is in.
   static void stop() noexcept;
+  /// Lets calls begin again, for the next launch in a test.
+  static void allow() noexcept;
 
  private:
   const bool mayBegin_;

@@ -9,6 +9,7 @@
 
 #include "kelvo/Log.h"
 #include "kelvo/Nilable.h"
+#include "kelvo/Options.h"
 #include "kelvo/Value.h"
 #include "kelvo/kelvo.h"
 
@@ -54,6 +55,10 @@ LogSink logSink(kelvo_log_sink sink, void* context) noexcept;
 /// Returns whether `size` covers the `needed` bytes of the first version of a struct. If not, writes one ERROR line
 /// that names `function`.
 bool covers(const char* function, std::size_t size, std::size_t needed) noexcept;
+
+/// Returns the options that `given` covers, the defaults for NULL; later members are 0. nullopt with one ERROR line
+/// that names `function` if its size is too small. Throws `std::bad_alloc`.
+std::optional<Options> optionsOf(const char* function, const kelvo_options* given);
 
 /// Copies `value` to `*to` as far as the size of `*to` reaches, and keeps that size. NULL is left alone.
 template <class Struct>

@@ -130,6 +130,7 @@ std::vector<std::string> Recorder::screens() const {
 }
 
 std::vector<Call> Recorder::calls() const {
+  settle();
   return recording_->calls();
 }
 
