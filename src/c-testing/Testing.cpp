@@ -73,27 +73,27 @@ bool begin(Start&& start) {
 }
 
 std::string required(const char* argument, const char* what) {
-  if (argument == nullptr) throw std::logic_error(std::string("The ") + what + " is NULL");
+  if (argument == nullptr) throw std::logic_error(std::string("The argument ") + what + " is NULL");
   return argument;
 }
 
 Value parsed(const char* json, const char* what) {
   std::string error;
   const auto value = Value::fromJSON(required(json, what), &error);
-  if (!value) throw std::logic_error(std::string("The ") + what + " is no JSON: " + error);
+  if (!value) throw std::logic_error(std::string("The argument ") + what + " is no JSON: " + error);
   return *value;
 }
 
 /// Return the argument's value, an empty one for NULL.
 Dictionary objectOf(const char* json, const char* what) {
   const auto object = json != nullptr ? parsed(json, what).asDictionary() : Dictionary();
-  if (!object) throw std::logic_error(std::string("The ") + what + " is no JSON object");
+  if (!object) throw std::logic_error(std::string("The argument ") + what + " is no JSON object");
   return *object;
 }
 
 Array listOf(const char* json, const char* what) {
   const auto list = json != nullptr ? parsed(json, what).asArray() : Array();
-  if (!list) throw std::logic_error(std::string("The ") + what + " is no JSON list");
+  if (!list) throw std::logic_error(std::string("The argument ") + what + " is no JSON list");
   return *list;
 }
 
@@ -163,7 +163,7 @@ const char* kelvo_testing_message(void) {
 
 bool kelvo_testing_logged(const char* name, const char* json) {
   return used(false, [&](Recorder& recorder) {
-    const auto result = recorder.logged(required(name, "name"), objectOf(json, "attributes"));
+    const auto result = recorder.logged(required(name, "name"), objectOf(json, "json"));
     if (!result) kit().message = result.message();
     return static_cast<bool>(result);
   });
@@ -255,11 +255,11 @@ bool kelvo_testing_set_enabled(bool enabled) {
 
 bool kelvo_testing_set_lists(const char* client, const char* aggregate, const char* ignored) {
   return done([&](Recorder& recorder) {
-    recorder.service().setLists(listOf(client, "list of client events"), listOf(aggregate, "list of aggregates"),
-                                listOf(ignored, "list of ignored events"));
+    recorder.service().setLists(listOf(client, "client"), listOf(aggregate, "aggregate"),
+                                listOf(ignored, "ignored"));
   });
 }
 
 bool kelvo_testing_configure(const char* key, const char* json) {
-  return done([&](Recorder& recorder) { recorder.service().configure(required(key, "key"), parsed(json, "value")); });
+  return done([&](Recorder& recorder) { recorder.service().configure(required(key, "key"), parsed(json, "json")); });
 }

@@ -20,9 +20,11 @@ _tasks: "queue.SimpleQueue[Optional[Tuple[Callable[..., object], Tuple[Any, ...]
 _lock = threading.RLock()
 _thread: Optional[threading.Thread] = None
 _kept: List[Any] = []  # what the library calls: it keeps addresses only
+_run_count = 0  # of tasks that have run
 
 
 def _run() -> None:
+    global _run_count
     while True:
         task = _tasks.get()
         if task is None:
@@ -33,6 +35,7 @@ def _run() -> None:
         except BaseException as error:  # also sys.exit, which would end this thread only
             line = f"a callback of the host has raised {type(error).__name__}: {error}"
             library.kelvo_write_log_line(LEVELS["error"], utf8(line.replace("\0", "")))
+        _run_count += 1
 
 
 def _end() -> None:
@@ -70,6 +73,40 @@ def post(function: Callable[..., object], *arguments: Any) -> None:
     """Has the thread call `function`. Called on a thread of the library."""
     if _tasks.qsize() < _MOST_WAITING:
         _tasks.put((function, arguments))
+
+
+def _finished(seconds: float) -> int:
+    """Waits until all tasks that were posted before have run. Returns how many tasks have ever run."""
+    counts: List[int] = []
+    has_counted = threading.Event()
+
+    def count() -> None:
+        counts.append(_run_count)
+        has_counted.set()
+
+    _tasks.put((count, ()))
+    if not has_counted.wait(seconds):
+        raise RuntimeError(f"a callback is still at work after {seconds:g} seconds")
+    return counts[0]
+
+
+def settle(settle_library: Callable[[], object], seconds: float) -> None:
+    """Waits until neither the library nor a callback has work, by calling `settle_library` as often as needed.
+
+    Raises RuntimeError in a callback, and if the callbacks are still at work after `seconds`.
+    """
+    if is_current():
+        raise RuntimeError("a callback must not wait for the library")
+    if _thread is None:
+        settle_library()
+        return
+    before = _finished(seconds)
+    while True:
+        settle_library()
+        now = _finished(seconds)
+        if now == before + 1:  # only the earlier count has run in between, so no callback gave the library new work
+            return
+        before = now
 
 
 def is_current() -> bool:

@@ -8,6 +8,7 @@ from ctypes import POINTER, Structure, c_bool, c_char, c_char_p, c_int, c_int32,
 from typing import Any, Callable, Dict, Optional, Tuple
 
 NAME = "libkelvo-c.so.1"
+TESTING_NAME = "libkelvo-c-testing.so.1"
 NONE = 2**64 - 1  # a number in `Options`: no limit, no calls, or no journal
 LEVELS = {"debug": 1, "info": 2, "warn": 3, "error": 4, "off": 5}
 
@@ -99,39 +100,39 @@ _RESULTS: Dict[str, Any] = {
 }
 
 
-def _system_has_it() -> bool:
-    """Returns whether the loader will find the library by its name. Loads nothing."""
+def _system_has(name: str) -> bool:
+    """Returns whether the loader will find a library by its name. Loads nothing."""
     places = os.environ.get("LD_LIBRARY_PATH", "").replace(";", ":").split(":")
     places += ["/lib", "/usr/lib", "/lib64", "/usr/lib64"]
-    if any(os.path.exists(os.path.join(place, NAME)) for place in places if place):
+    if any(os.path.exists(os.path.join(place, name)) for place in places if place):
         return True
     try:
         with open("/etc/ld.so.cache", "rb") as cache:
-            return NAME.encode() + b"\0" in cache.read()
+            return name.encode() + b"\0" in cache.read()
     except OSError:
         return False
 
 
-def find() -> str:
-    """Returns what to load: the file that KELVO_LIBRARY names, else the one in this folder, else the system's.
+def find(name: str, variable: str, package: str) -> str:
+    """Returns what to load: the file that the environment's `variable` names, else the one in this folder, else the
+    system's, of the Debian package `package`.
 
     Raises ImportError if there is none. Loads nothing.
     """
     folder = os.path.dirname(os.path.abspath(__file__))
-    beside = os.path.join(folder, NAME)
-    given = os.environ.get("KELVO_LIBRARY")
+    beside = os.path.join(folder, name)
+    given = os.environ.get(variable)
     if given:
         if os.path.exists(given):
             return os.path.abspath(given)
-        raise ImportError(f"KELVO_LIBRARY names no file: {given}")
+        raise ImportError(f"{variable} names no file: {given}")
     if os.path.exists(beside):
         return beside
-    if _system_has_it():
-        return NAME
-    raise ImportError(
-        f"kelvo needs the library {NAME}: install the Debian package kelvo-c, or copy {NAME} and libkelvo.so.* into "
-        f"{folder}, or let KELVO_LIBRARY name the file"
-    )
+    if _system_has(name):
+        return name
+    copied = f"{name} and libkelvo.so.*" if name == NAME else name
+    raise ImportError(f"kelvo needs the library {name}: install the Debian package {package}, or copy {copied} into "
+                      f"{folder}, or let {variable} name the file")
 
 
 class Library:
@@ -142,7 +143,9 @@ class Library:
     """
 
     def __init__(self) -> None:
-        self._path = find()
+        self._path = find(NAME, "KELVO_LIBRARY", "kelvo-c")
+        self._of_kit: Dict[str, Tuple[Any, ...]] = {}
+        self._results = _RESULTS
         self._lock = threading.RLock()  # a signal handler may call in the middle of loading
         # No thread may be in the middle of loading when the process forks.
         os.register_at_fork(before=self._lock.acquire, after_in_parent=self._lock.release,
@@ -156,19 +159,33 @@ class Library:
                 self._load()
         return self.__dict__[name]
 
+    def use_kit(self, functions: Dict[str, Tuple[Any, ...]], results: Dict[str, Any]) -> None:
+        """Has the kit's library, which also has `functions`, loaded in place of the library.
+
+        Raises RuntimeError if the library is loaded already, ImportError if there is no kit.
+        """
+        with self._lock:
+            if "kelvo_start" in self.__dict__:
+                raise RuntimeError(f"kelvo was called before kelvo.testing was imported, so this process has {NAME} "
+                                   f"already: import kelvo.testing first, for example in conftest.py")
+            self._path = find(TESTING_NAME, "KELVO_TESTING_LIBRARY", "kelvo-dev")
+            self._of_kit = functions
+            self._results = {**_RESULTS, **results}
+
     def _load(self) -> None:
         try:
-            if self._path != NAME:  # the loader does not look beside a library for those that it needs
+            # The loader does not look beside a library for those that it needs. The kit's needs none of ours.
+            if os.path.isabs(self._path) and not self._of_kit:
                 for needed in glob.glob(os.path.join(glob.escape(os.path.dirname(self._path)), "libkelvo.so.*")):
                     ctypes.CDLL(needed)
             loaders: Tuple[Tuple[Callable[[str], Any], Dict[str, Tuple[Any, ...]]], ...] = (
-                (ctypes.PyDLL, _QUICK), (ctypes.CDLL, _SLOW))
+                (ctypes.PyDLL, _QUICK), (ctypes.CDLL, {**_SLOW, **self._of_kit}))
             for load, functions in loaders:
                 library = load(self._path)
                 for name, arguments in functions.items():
                     function = getattr(library, name)
                     function.argtypes = arguments
-                    function.restype = _RESULTS.get(name)
+                    function.restype = self._results.get(name)
                     setattr(self, name, function)
         except (OSError, AttributeError) as error:
             raise ImportError(f"kelvo cannot use {self._path}: {error}") from error
