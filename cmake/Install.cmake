@@ -60,9 +60,11 @@ if(PROJECT_IS_TOP_LEVEL)
   list(APPEND packages python3-kelvo)
   set(python_dir lib/python3/dist-packages)  # Debian's Python looks there, whatever its version is
   install(DIRECTORY bindings/python/kelvo DESTINATION ${python_dir} COMPONENT python3-kelvo PATTERN __pycache__ EXCLUDE)
+  install(FILES bindings/python/pytest_kelvo.py DESTINATION ${python_dir} COMPONENT python3-kelvo)
   file(CONFIGURE OUTPUT PKG-INFO CONTENT "Metadata-Version: 2.1\nName: kelvo\nVersion: @PROJECT_VERSION@\n" @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/PKG-INFO DESTINATION ${python_dir} COMPONENT python3-kelvo
-          RENAME kelvo-${PROJECT_VERSION}.egg-info)
+  file(WRITE ${PROJECT_BINARY_DIR}/entry_points.txt "[pytest11]\nkelvo = pytest_kelvo\n")
+  install(FILES ${PROJECT_BINARY_DIR}/PKG-INFO ${PROJECT_BINARY_DIR}/entry_points.txt COMPONENT python3-kelvo
+          DESTINATION ${python_dir}/kelvo-${PROJECT_VERSION}.egg-info)
 endif()
 
 # kelvo_install_program(<program> <component> <summary>): installs the program and a man page that is its --help. The page is

@@ -255,8 +255,7 @@ bool kelvo_testing_set_enabled(bool enabled) {
 
 bool kelvo_testing_set_lists(const char* client, const char* aggregate, const char* ignored) {
   return done([&](Recorder& recorder) {
-    recorder.service().setLists(listOf(client, "client"), listOf(aggregate, "aggregate"),
-                                listOf(ignored, "ignored"));
+    recorder.service().setLists(listOf(client, "client"), listOf(aggregate, "aggregate"), listOf(ignored, "ignored"));
   });
 }
 

@@ -4,11 +4,12 @@
 #   shared, static, pkg-config            builds a consumer, which must start from its bundle and deliver its event
 #   checkout, clang                       the same with Kelvo as a sub-project of hosts with unusual settings
 #   c, rust, go, perl                     build examples/*/hello.*, which must deliver its event; c with both libraries
-#   python                                builds a wheel, and runs examples/python/hello.py in a virtual environment with it
+#   python                                builds a wheel, and runs examples/python/hello.py and a test of a host in a virtual
+#                                         environment with it
 #   quick                                 builds and runs a program in QML; qmllint knows the module
 #   plugin                                builds examples/nag, whose bundle gets a plug-in in a shared object, and runs it;
 #                                         configures it again with Kelvo as a sub-project
-#   kit                                   builds and runs tests of a host with Kelvo::testing
+#   kit, c-kit                            build and run tests of a host with Kelvo::testing, and in C with Kelvo::c_testing
 #   demo                                  scripts/demo, whose unity build must compile
 #   deb                                   installs the Debian packages, checks them, stores an event with the installed
 #                                         kelvo-server, and removes them
@@ -203,7 +204,7 @@ go)
   ;;
 python)
   python=/usr/bin/python3 checkout=$work/checkout
-  "$python" -W ignore -c 'import setuptools, pip, venv, wheel' || { echo "pip, setuptools, venv or wheel is not installed"; exit 77; }
+  "$python" -W ignore -c 'import setuptools, pip, venv, wheel, pytest' || { echo "pip, pytest, setuptools, venv or wheel is not installed"; exit 77; }
   rm -rf "$work" && mkdir -p "$checkout/bindings"
   cp "$here/../../CMakeLists.txt" "$checkout"
   cp -r "$here/../../bindings/python" "$checkout/bindings"
@@ -219,6 +220,15 @@ python)
   cp -P "$(dirname "$KELVO_LIBRARY")"/libkelvo*.so.* "$(find "$work/venv" -path '*/site-packages/kelvo')"
   unset KELVO_LIBRARY
   with_collector says_hello "$work/hello"
+  # A test of a host, with the kit beside the package. The wheel brings its fixture; pytest is the system's.
+  echo /usr/lib/python3/dist-packages >"$(find "$work/venv" -name site-packages)/system.pth"
+  cat >"$work/test_host.py" <<'END'
+import kelvo
+def test_host(kelvo_recorder):
+    kelvo.log("Purchase")
+    assert kelvo_recorder.logged("Purchase")
+END
+  "$work/venv/bin/python" -m pytest -p no:cacheprovider "$work/test_host.py" | grep '1 passed'
   ;;
 perl) PATH=$prefix/bin:$PATH with_collector says_hello "$examples/perl/hello.pl" ;;
 quick)
@@ -280,6 +290,23 @@ kit)
   if cmake "$work" -DKELVO_ALSO=Kelvo::kelvo 2>/dev/null; then exit 1; fi
   cmake "$work" -DKELVO_ALSO=
   ;;
+c-kit)
+  cmake -S "$here/c-kit" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix"
+  cmake --build "$work"
+  ctest --test-dir "$work" --output-on-failure
+  library=$(ldd "$work/checkout_test" | grep -o '/.*/libkelvo-c-testing\.so\.1')
+  if ldd "$work/checkout_test" | grep -E 'libkelvo(-c)?\.so|libcurl'; then exit 1; fi
+  # It exports what its headers declare.
+  diff <(nm -D --defined-only "$library" | sed -n 's/.* \(kelvo_.*\)@@KELVO_C_1$/\1/p') \
+    <(sed -n 's/^KELVO_EXPORT_C .*[ *]\(kelvo_[a-z0-9_]*\)(.*/\1/p' "$prefix"/include/kelvo/kelvo{,-testing}.h | sort)
+  if cmake "$work" -DKELVO_ALSO=Kelvo::c 2>/dev/null; then exit 1; fi
+  cmake "$work" -DKELVO_ALSO=
+  # Without CMake.
+  find_with_pkg_config
+  read -ra flags < <(pkg-config --cflags --libs kelvo-c-testing)
+  cc "$here"/c-kit/*.c -o "$work/test" "${flags[@]}"
+  "$work/test"
+  ;;
 demo) "$here/../../scripts/demo" | tee /dev/stderr | grep '2 chunks accepted, 1 of them after a refusal' >/dev/null ;;
 deb)
   ((EUID == 0)) || { echo "only root may install a package"; exit 77; }
@@ -308,6 +335,9 @@ kelvo-dev .*/libkelvo\.so
 kelvo-dev .*/kelvo/KelvoSDK\.h
 kelvo-dev .*/libkelvo\.a
 kelvo-dev .*/libkelvo-testing\.a
+kelvo-dev .*/libkelvo-c-testing\.so\.1
+python3-kelvo .*/pytest_kelvo\.py
+python3-kelvo .*/kelvo-[0-9.]*\.egg-info/entry_points\.txt
 kelvo-dev .*/pkgconfig/kelvo\.pc
 kelvo-tools /usr/bin/kelvo-inspect
 kelvo-tools /usr/bin/kelvo-events

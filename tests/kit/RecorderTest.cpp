@@ -254,17 +254,19 @@ TEST(RecorderTest, AnErasureEmptiesTheService) {
   EXPECT_EQ(recorder.delivered("New"), 1);
 }
 
-TEST(RecorderTest, ACallbackMustNotWait) {
+TEST(RecorderTest, ACallbackMustNotWaitAndATestWaitsForIt) {
   const Recorder recorder;
   bool hasThrown = false;
   KelvoSDK::onReady([&](const KelvoSDK::Status&) {
+    std::this_thread::sleep_for(10ms);
     try {
       recorder.settle();
     } catch (const std::logic_error&) {
       hasThrown = true;
     }
+    KelvoSDK::logAppEventWithName("Called");
   });
-  recorder.settle();
+  EXPECT_TRUE(recorder.logged("Called"));
   EXPECT_TRUE(hasThrown);
 }
 

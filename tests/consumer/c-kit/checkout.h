@@ -1,0 +1,4 @@
+#pragma once
+
+/* The code under test. */
+void run_checkout(void);
