@@ -83,14 +83,19 @@ def test_the_documents_of_the_service_take_effect_at_the_next_launch(kelvo_recor
 
 def test_recorders_wait_for_the_callbacks_of_the_host_and_leave_nothing():
     refusals = []
+
+    def logs(status):
+        kelvo.log("Ready", state=status.state.name)
+
     def waits(status):
         try:
             recorder.settle()
         except RuntimeError as error:
             refusals.append(str(error))
+
     for turn in range(1, 21):
         with Recorder(start=False) as recorder:
-            kelvo.on_ready(lambda status: time.sleep(0.01) or kelvo.log("Ready", state=status.state.name))
+            kelvo.on_ready(lambda status: time.sleep(0.01) or kelvo.on_ready(logs))
             kelvo.on_ready(waits)
             kelvo.start("shop")
             assert recorder.logged("Ready", state="RUNNING")
