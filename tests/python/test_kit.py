@@ -1,6 +1,7 @@
 """The kit for the tests of a host in Python, as such tests use it: with pytest and its fixture."""
 
 import datetime
+import os
 import pathlib
 import threading
 import time
@@ -111,6 +112,17 @@ def test_recorders_wait_for_the_callbacks_of_the_host_and_leave_nothing():
             recorder.events()
         kelvo.log("Nobody collects this")
     assert {thread.name for thread in threading.enumerate()} == {"MainThread", "kelvo.callbacks"}
+
+
+def test_a_forked_child_leaves_the_recorder_alone(kelvo_recorder):
+    child = os.fork()
+    if child == 0:
+        kelvo_recorder.close()
+        os._exit(0 if os.path.exists(kelvo_recorder.home()) else 1)
+    assert os.waitpid(child, 0)[1] == 0
+    kelvo.log("Event")
+    kelvo_recorder.advance(30)
+    assert kelvo_recorder.delivered("Event") == 1
 
 
 def test_a_failed_test_shows_the_calls_of_the_host(pytester):

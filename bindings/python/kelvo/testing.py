@@ -19,6 +19,7 @@ is collected.
 
 import datetime
 import json
+import os
 from ctypes import c_bool, c_char_p, c_double, c_int, c_int64, c_uint32, c_void_p
 from typing import Any, Dict, Iterable, List, NamedTuple, Optional, Union
 
@@ -148,12 +149,12 @@ class Recorder:
         `start=False`, leaves the start to the code under test."""
         begun = library.kelvo_testing_begin(None) if start else library.kelvo_testing_begin_not_started()
         _check(begun)
-        self._is_open = True
+        self._owner: Optional[int] = os.getpid()
 
     def close(self) -> None:
-        """Ends the library and the recorder. A second call does nothing."""
-        if self._is_open:
-            self._is_open = False
+        """Ends the library and the recorder. A second call does nothing, nor does one in a forked child."""
+        if self._owner == os.getpid():
+            self._owner = None
             try:
                 self.settle()
             finally:
