@@ -291,7 +291,7 @@ kit)
   cmake "$work" -DKELVO_ALSO=
   ;;
 c-kit)
-  cmake -S "$here/c-kit" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix"
+  cmake -S "$here/c-kit" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix" -DKELVO_ALSO=
   cmake --build "$work"
   ctest --test-dir "$work" --output-on-failure
   library=$(ldd "$work/checkout_test" | grep -o '/.*/libkelvo-c-testing\.so\.1')
@@ -300,7 +300,6 @@ c-kit)
   diff <(nm -D --defined-only "$library" | sed -n 's/.* \(kelvo_.*\)@@KELVO_C_1$/\1/p') \
     <(sed -n 's/^KELVO_EXPORT_C .*[ *]\(kelvo_[a-z0-9_]*\)(.*/\1/p' "$prefix"/include/kelvo/kelvo{,-testing}.h | sort)
   if cmake "$work" -DKELVO_ALSO=Kelvo::c 2>/dev/null; then exit 1; fi
-  cmake "$work" -DKELVO_ALSO=
   # Without CMake.
   find_with_pkg_config
   read -ra flags < <(pkg-config --cflags --libs kelvo-c-testing)
