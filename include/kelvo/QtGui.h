@@ -44,6 +44,7 @@ void quitOnSignals() noexcept;
 /// with a qWarning.
 void logAppEventWithName(const QString& name, const QVariantMap& info = {}) noexcept;
 void logClientEventWithName(const QString& name, const QVariantMap& info = {}) noexcept;
+void logAggregateEvent(const QString& name, const QVariantMap& info = {}) noexcept;
 void setUserCustomInfo(const QVariantMap& info) noexcept;
 void setSessionCustomInfo(const QVariantMap& info) noexcept;
 

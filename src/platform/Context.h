@@ -39,8 +39,21 @@ void end();
 // is none. Work that makes more work begins the new one before it ends itself.
 void workBegins() noexcept;
 void workEnds() noexcept;
-/// Blocks until no work is under way. Returns false if work is still under way after a minute.
+/// Blocks until no work is under way, and no event of the event loop makes more. Returns false after a minute.
 [[nodiscard]] bool waitUntilIdle();
+
+/// A host's event loop on the test's thread, which outlives the launches.
+struct EventLoop {
+  std::function<void()> beginLaunch;   ///< gives the loop to the library of the new launch
+  std::function<void()> endLaunch;     ///< does the loop's work at an exit, and takes the loop back
+  std::function<void()> handleEvents;  ///< handles the events that wait now
+};
+
+/// Has each launch begin and end with this loop, and `waitUntilIdle` handle its events. Thread: the test's.
+void setEventLoop(EventLoop loop);
+/// Calls the function of the same name, if there is a loop. Thread: the test's.
+void beginLaunch();
+void endLaunch();
 
 /// Sets the clock to the time at which each recorder begins.
 void restartClock() noexcept;

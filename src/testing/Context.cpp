@@ -27,6 +27,8 @@ struct Present {
   std::vector<Running> threads GUARDED_BY(mutex);
   std::vector<void (*)()> resets GUARDED_BY(mutex);
   std::size_t work GUARDED_BY(mutex) = 0;
+  std::size_t begun GUARDED_BY(mutex) = 0;  // all work so far
+  EventLoop loop;                           // used by the test's thread only
   std::atomic<bool> isEnding{false};
 };
 
@@ -92,6 +94,7 @@ void end() {
 void workBegins() noexcept {
   const Lock lock(present().mutex);
   ++present().work;
+  ++present().begun;
 }
 
 void workEnds() noexcept {
@@ -101,11 +104,32 @@ void workEnds() noexcept {
 
 bool waitUntilIdle() {
   const auto deadline = std::chrono::steady_clock::now() + kLongestWork;
-  Lock lock(present().mutex);
-  while (present().work > 0) {
-    if (!lock.waitUntil(present().idle, deadline)) return present().work == 0;
+  Present& now = present();
+  Lock lock(now.mutex);
+  for (;;) {
+    const std::size_t before = now.begun;
+    while (now.work > 0) {
+      if (!lock.waitUntil(now.idle, deadline)) return now.work == 0;
+    }
+    if (!now.loop.handleEvents) return true;
+    lock.unlock();
+    now.loop.handleEvents();
+    lock.lock();
+    if (now.begun == before) return true;
+    if (std::chrono::steady_clock::now() > deadline) return false;
   }
-  return true;
+}
+
+void setEventLoop(EventLoop loop) {
+  present().loop = std::move(loop);
+}
+
+void beginLaunch() {
+  if (present().loop.beginLaunch) present().loop.beginLaunch();
+}
+
+void endLaunch() {
+  if (present().loop.endLaunch) present().loop.endLaunch();
 }
 
 }  // namespace kelvo::context

@@ -62,6 +62,7 @@ Recording::Recording() {
     presentRecording = nullptr;
     throw;
   }
+  context::endLaunch();
   context::end();  // of what the host did while there was no recorder
   context::restartClock();
 }
@@ -92,6 +93,7 @@ void Recording::beginLaunch() {
   KLVController::sharedController().initialize();
   HostSettings::shared().dropHeldLine();
   KLVLogger::setLogLevel(KLVLogger::Level::error);
+  context::beginLaunch();
   if (!options_) return;
   KelvoSDK::start(*options_);
   waitForWork();
@@ -99,6 +101,7 @@ void Recording::beginLaunch() {
 
 void Recording::endLaunch() {
   static_cast<void>(context::waitUntilIdle());
+  context::endLaunch();
   finishAtExit();
   static_cast<void>(context::waitUntilIdle());
   context::end();

@@ -13,10 +13,12 @@ TEST(RegistryQML, LogsTextsAndNumbersAndRefusesWrongArguments) {
   writeFileForTest(home() + "/modules/Kelvo/qmldir", "module Kelvo\nsingleton Kelvo 1.0 Kelvo.qml\n");
   writeFileForTest(home() + "/modules/Kelvo/Kelvo.qml",
                    "pragma Singleton\nimport QtQml\nQtObject {\n"
-                   "  function log(name, info) { console.log(name + \" \" + JSON.stringify(info)) }\n}\n");
+                   "  function log(name, info) { console.log(name + \" \" + JSON.stringify(info)) }\n"
+                   "  function logAggregate(name, info) { log(\"count of \" + name, info) }\n}\n");
   Program host({KELVO_REGISTRY_QML, KELVO_REGISTRY_FORMS "/KelvoEvents.qml", home() + "/modules", "visit()",
                 "purchase(0, 12.5, 2)", "purchase(2, 3, 1, 'SPRING')", "purchase('book', 3, 1)", "purchase(0, '3', 1)",
-                "purchase(0, 3, 1.5)", "purchase(0, 1001, 1)", "purchase(0, 3, 1, '')"},
+                "purchase(0, 3, 1.5)", "purchase(0, 1001, 1)", "purchase(0, 3, 1, '')",
+                "scroll(1, true)"},
                {{"QT_LOGGING_RULES", "qml.debug=true"}, {"QT_FORCE_STDERR_LOGGING", "1"}});
   const int status = host.wait();
   if (host.output().find("\"QtQml.Models\" is not installed") != std::string::npos) GTEST_SKIP() << host.output();
@@ -24,7 +26,8 @@ TEST(RegistryQML, LogsTextsAndNumbersAndRefusesWrongArguments) {
   EXPECT_EQ(host.errors(),
             "qml: Visit {}\n"
             "qml: Purchase {\"item\":\"book\",\"price\":12.5,\"amount\":2}\n"
-            "qml: Purchase {\"item\":\"e-reader\",\"price\":3,\"amount\":1,\"coupon\":\"SPRING\"}\n");
+            "qml: Purchase {\"item\":\"e-reader\",\"price\":3,\"amount\":1,\"coupon\":\"SPRING\"}\n"
+            "qml: count of Scroll {\"page\":\"basket\",\"fast\":true}\n");
   EXPECT_EQ(host.output(),
             "TypeError: purchase: item is not one of the values\n"
             "TypeError: purchase: price is not a number from 0 to 1000, in EUR\n"

@@ -14,8 +14,7 @@ namespace kelvo::registry {
 /// Returns a C99 header on kelvo/kelvo.h. Its names begin with `space`, joined by "_".
 [[nodiscard]] std::string cForm(const Registry& registry, const std::string& space);
 
-/// Returns a QML type with a function for each event, which calls `Kelvo.log`. Leaves out aggregates, which QML cannot
-/// log.
+/// Returns a QML type with a function for each event, which calls `Kelvo.log` or `Kelvo.logAggregate`.
 [[nodiscard]] std::string qmlForm(const Registry& registry);
 
 /// Returns a page in Markdown.

@@ -47,8 +47,9 @@ std::string writeFunction(const Event& event) {
     body += fmt::format("{}attributes[{}] = {};\n", indent, literal(attribute.name), content);
     if (attribute.isOptional) body += "    }\n";
   }
-  return fmt::format("{}  function {}({}) {{\n    const attributes = {{}};\n{}    Kelvo.log({}, attributes);\n  }}\n",
-                     comments, event.code, parameters, body, literal(event.name));
+  return fmt::format("\n{}  function {}({}) {{\n    const attributes = {{}};\n{}    Kelvo.{}({}, attributes);\n  }}\n",
+                     comments, event.code, parameters, body, event.isAggregate ? "logAggregate" : "log",
+                     literal(event.name));
 }
 
 }  // namespace
@@ -60,10 +61,7 @@ std::string qmlForm(const Registry& registry) {
   for (const Attribute* type : registry.types()) {
     if (!type->choices.empty()) text += writeChoices(*type);
   }
-  for (const Event& event : registry.events) {
-    text += event.isAggregate ? fmt::format("\n  // {} is only counted: QML does not log it.\n", event.name)
-                              : "\n" + writeFunction(event);
-  }
+  for (const Event& event : registry.events) text += writeFunction(event);
   return text + "}\n";
 }
 

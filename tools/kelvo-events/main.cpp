@@ -47,7 +47,7 @@ number or boolean. It may have unit, min and max (integer and number), values
   cpp           a C++17 header with a function for each event and a type for
                 each attribute, in namespace events, or NAME ("shop::events")
   c             the same as a C99 header; NAME, or events, begins its names
-  qml           a QML type with a function for each event but the aggregates
+  qml           a QML type with a function for each event
   page          a page in Markdown for people
   expectations  what kelvo-collector shall expect, and nothing else:
                 kelvo-events expectations FILE | curl -T - URL/debug/expectations

@@ -6,6 +6,7 @@
 #include <QStackedWidget>
 #include <QTabBar>
 #include <QTabWidget>
+#include <QWindow>
 #include <QWizard>
 #include <string>
 
@@ -186,13 +187,16 @@ ScreenFollower::ScreenFollower() {
 }
 
 std::vector<std::shared_ptr<Window>> ScreenFollower::windows() {
-  return visibleWindows();
+  return visibleWidgetWindows();
 }
 
 std::shared_ptr<ViewController> ScreenFollower::screenInFront() {
   QWidget* window = windowInFront(before_ != nullptr ? before_->window() : nullptr);
   if (window == nullptr) return nullptr;
   before_ = pageInFront(window);
+  if (const QWindow* shown = window->windowHandle()) {
+    if (auto inside = screenInside(*shown)) return *inside;  // a page in QML, for example
+  }
   return std::make_shared<ScreenController>(*before_);
 }
 

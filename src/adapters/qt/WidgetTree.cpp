@@ -2,6 +2,8 @@
 
 #include <QApplication>
 #include <QGraphicsOpacityEffect>
+#include <QWindow>
+#include <utility>
 
 #include "adapters/qt/ItemCells.h"
 #include "adapters/qt/WidgetClasses.h"
@@ -50,6 +52,11 @@ class WidgetNode : public Base {
       auto* widget = qobject_cast<QWidget*>(child);
       if (widget != nullptr && !widget->isWindow()) views.push_back(std::make_shared<WidgetNode<View>>(widget));
     }
+    const QWindow* window = widget_->window()->windowHandle();
+    if (window != nullptr && widget_->inherits("QQuickWidget")) {
+      const QRect place(widget_->mapTo(widget_->window(), QPoint()), widget_->size());
+      for (auto& view : viewsInside(*window, place)) views.push_back(std::move(view));
+    }
     return views;
   }
   [[nodiscard]] std::optional<IndexPath> indexPathForCell(const View& cell) const override {
@@ -70,7 +77,7 @@ class WindowNode final : public WidgetNode<Window> {
 
 }  // namespace
 
-std::vector<std::shared_ptr<Window>> visibleWindows() {
+std::vector<std::shared_ptr<Window>> visibleWidgetWindows() {
   std::vector<std::shared_ptr<Window>> windows;
   for (QWidget* widget : QApplication::topLevelWidgets()) {
     if (widget->isVisible()) windows.push_back(std::make_shared<WindowNode>(widget));

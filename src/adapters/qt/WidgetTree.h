@@ -11,6 +11,6 @@ namespace kelvo::qt {
 ///
 /// Each window and view holds its widget weakly, and is an empty, hidden view once the widget is deleted. Thread: the
 /// main thread only; windows and views may be released on any thread.
-[[nodiscard]] std::vector<std::shared_ptr<Window>> visibleWindows();
+[[nodiscard]] std::vector<std::shared_ptr<Window>> visibleWidgetWindows();
 
 }  // namespace kelvo::qt

@@ -1,3 +1,4 @@
+#include <QAbstractEventDispatcher>
 #include <QFontDatabase>
 #include <QFontInfo>
 #include <QScreen>
@@ -11,15 +12,18 @@
 #include "adapters/qtgui/MainLoopRelay.h"
 #include "adapters/qtgui/Screens.h"
 #include "kelvo/QtGui.h"
+#ifdef KELVO_TESTING
+#include "platform/Context.h"
+#endif
 
 namespace kelvo::qt {
 namespace {
 
 /// The state of the adapters for the attached application. Thread: the main thread only.
 struct Attachment {
-  MainLoopRelay* relay = nullptr;                       // nullptr while no application is attached
-  std::vector<std::unique_ptr<MainLoopRelay>> retired;  // of earlier applications; threads may still post to them
-  std::unique_ptr<Foreground> foreground;
+  MainLoopRelay* relay = nullptr;                       // nullptr while the library does not use the application
+  std::vector<std::unique_ptr<MainLoopRelay>> retired;  // closed ones; threads may still post to them
+  std::unique_ptr<Foreground> foreground;               // nullptr while no application is attached
   std::unique_ptr<QTimer> soon;  // delays a report of the screen in front; nullptr until the library has started
   Screens screens;
 };
@@ -80,21 +84,22 @@ class ApplicationTree final : public ViewTree {
   }
 };
 
-/// Called when the application object is destroyed. Reports the background, which also ends the time on the last
-/// screen, and hands the main queue back to the library's own main loop.
-void detach() {
+/// Reports the background, which also ends the time on the last screen, and hands the main queue back to the library's
+/// own main loop. Does nothing if the library does not use the application.
+void disconnectLibrary() {
   Attachment& attached = attachment();
+  if (attached.relay == nullptr) return;
   attached.foreground->end();
   Application::setViewTree(nullptr);
-  attached.screens = {};
+  attached.screens.forgetReported();
   attached.soon.reset();
-  attached.foreground.reset();
   Application::setMainLoop({}, {});
   attached.relay->close();
   attached.retired.emplace_back(std::exchange(attached.relay, nullptr));
 }
 
-void attachOnMainThread(QGuiApplication& application) {
+/// Gives the library the application's main loop, screen size and views.
+void connectLibrary() {
   Attachment& attached = attachment();
   attached.relay = std::make_unique<MainLoopRelay>().release();
   Application::setMainLoop([relay = attached.relay](MainLoopRelay::Task task) { relay->post(std::move(task)); },
@@ -102,9 +107,50 @@ void attachOnMainThread(QGuiApplication& application) {
   if (const QScreen* screen = QGuiApplication::primaryScreen()) {
     Application::setScreenSize(static_cast<float>(screen->size().width()), static_cast<float>(screen->size().height()));
   }
-  attached.foreground = std::make_unique<Foreground>(application, [] { attachment().screens.report(); });
-  qAddPostRoutine(detach);
   Application::setViewTree(std::make_shared<ApplicationTree>());
+}
+
+#ifdef KELVO_TESTING
+
+constexpr int kMostRounds = 20;  // an application may always have another event
+
+/// Handles the events that wait, and those that they make.
+void handleEvents() {
+  if (QCoreApplication::instance() == nullptr || QThread::currentThread() != qApp->thread()) return;
+  auto& events = *QAbstractEventDispatcher::instance();
+  for (int round = 0; round < kMostRounds && events.processEvents(QEventLoop::AllEvents); ++round) {
+  }
+}
+
+/// Has each launch of a recorder use the application, and a recorder's functions handle its events.
+void followLaunches() {
+  context::setEventLoop({connectLibrary, disconnectLibrary, handleEvents});
+}
+
+void followNoLaunches() {
+  context::setEventLoop({});
+}
+
+#else
+
+void followLaunches() {}
+void followNoLaunches() {}
+
+#endif
+
+/// Called when the application object is destroyed.
+void detach() {
+  followNoLaunches();
+  disconnectLibrary();
+  attachment().screens = {};
+  attachment().foreground.reset();
+}
+
+void attachOnMainThread(QGuiApplication& application) {
+  attachment().foreground = std::make_unique<Foreground>(application, [] { attachment().screens.report(); });
+  qAddPostRoutine(detach);
+  connectLibrary();
+  followLaunches();
 }
 
 }  // namespace
@@ -113,7 +159,7 @@ bool attachApplication(QGuiApplication& application) noexcept {
   try {
     if (QThread::currentThread() != application.thread()) {
       qWarning("kelvo::qt::attach was called on another thread than the application's; nothing is attached");
-    } else if (attachment().relay != nullptr) {
+    } else if (attachment().foreground != nullptr) {
       qWarning("kelvo::qt::attach was called before; the second call does nothing");
     } else {
       attachOnMainThread(application);
@@ -136,6 +182,14 @@ void addToolkit(std::unique_ptr<Toolkit> toolkit) {
 
 void screensMayHaveChanged() {
   if (attachment().soon != nullptr) attachment().soon->start();
+}
+
+std::optional<std::shared_ptr<ViewController>> screenInside(const QWindow& window) {
+  return attachment().screens.screenInside(window);
+}
+
+std::vector<std::shared_ptr<View>> viewsInside(const QWindow& window, const QRect& place) {
+  return attachment().screens.viewsInside(window, place);
 }
 
 std::shared_ptr<ViewController> takeScreenInFront() {

@@ -84,6 +84,10 @@ void logClientEventWithName(const QString& name, const QVariantMap& info) noexce
   guarded([&] { KelvoSDK::logClientEventWithName(name.toStdString(), dictionaryOf(info)); });
 }
 
+void logAggregateEvent(const QString& name, const QVariantMap& info) noexcept {
+  guarded([&] { KelvoSDK::logAggregateEvent(name.toStdString(), dictionaryOf(info)); });
+}
+
 void setUserCustomInfo(const QVariantMap& info) noexcept {
   guarded([&] { KelvoSDK::setUserCustomInfo(dictionaryOf(info)); });
 }

@@ -27,6 +27,21 @@ std::vector<std::shared_ptr<Window>> Screens::windows() const {
   return all;
 }
 
+std::optional<std::shared_ptr<ViewController>> Screens::screenInside(const QWindow& window) const {
+  for (const auto& toolkit : toolkits_) {
+    if (auto screen = toolkit->screenInside(window)) return screen;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::shared_ptr<View>> Screens::viewsInside(const QWindow& window, const QRect& place) const {
+  std::vector<std::shared_ptr<View>> all;
+  for (const auto& toolkit : toolkits_) {
+    for (auto& view : toolkit->viewsInside(window, place)) all.push_back(std::move(view));
+  }
+  return all;
+}
+
 std::shared_ptr<ViewController> Screens::inFront() const {
   for (const auto& toolkit : toolkits_) {
     if (auto screen = toolkit->screenInFront()) return screen;

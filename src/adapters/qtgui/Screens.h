@@ -13,8 +13,13 @@ class Screens {
  public:
   void add(std::unique_ptr<Toolkit> toolkit);
   [[nodiscard]] std::vector<std::shared_ptr<Window>> windows() const;
+  /// Return what `Toolkit` says, of all toolkits.
+  [[nodiscard]] std::optional<std::shared_ptr<ViewController>> screenInside(const QWindow& window) const;
+  [[nodiscard]] std::vector<std::shared_ptr<View>> viewsInside(const QWindow& window, const QRect& place) const;
   /// Returns the screen in front and counts it as reported. nullptr if there is none.
   [[nodiscard]] std::shared_ptr<ViewController> take();
+  /// Forgets which screen was reported last: the next report is about a new launch.
+  void forgetReported() { reported_.clear(); }
   /// Reports the screen in front to the library, unless it is the one reported last or there is none.
   void report();
 

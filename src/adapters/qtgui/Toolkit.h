@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QGuiApplication>
+#include <QRect>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "kelvo/ViewTree.h"
@@ -19,6 +21,18 @@ class Toolkit {
   /// Returns the screen in front, nullptr if no window of this toolkit shows one. Screens with the same class name
   /// count as one screen.
   virtual std::shared_ptr<ViewController> screenInFront() = 0;
+
+  // --- What it draws inside of another toolkit's windows.
+  /// Returns the screen that it shows in `window`: nullopt if there is none, nullptr while it changes.
+  virtual std::optional<std::shared_ptr<ViewController>> screenInside(const QWindow& window) {
+    static_cast<void>(window);
+    return std::nullopt;
+  }
+  /// Returns the views that it draws in the area `place` of `window`.
+  virtual std::vector<std::shared_ptr<View>> viewsInside(const QWindow& window, const QRect& place) {
+    static_cast<void>(window), static_cast<void>(place);
+    return {};
+  }
 };
 
 /// Does what `attach` does. Returns false if nothing is attached.
@@ -35,5 +49,9 @@ void screensMayHaveChanged();
 /// Returns the screen in front, nullptr if there is none, and counts it as reported: the library reports this screen
 /// itself.
 [[nodiscard]] std::shared_ptr<ViewController> takeScreenInFront();
+
+/// Return what other toolkits show and draw inside of `window`, as `Toolkit` says.
+[[nodiscard]] std::optional<std::shared_ptr<ViewController>> screenInside(const QWindow& window);
+[[nodiscard]] std::vector<std::shared_ptr<View>> viewsInside(const QWindow& window, const QRect& place);
 
 }  // namespace kelvo::qt

@@ -29,6 +29,7 @@ constexpr auto kCounterparts = std::to_array<std::pair<std::string_view, std::st
     {"DialogButtonBox", "UIStackView"},
     {"GridView", "UICollectionView"},
     {"ItemView", "UITableView"},
+    {"TableView", "UITableView"},
 });
 
 // Qt's C++ class names have these parts, and the names of its QML types lack them: the class of a Text is "QQuickText",

@@ -2,6 +2,7 @@
 
 #include <QGuiApplication>
 #include <QQuickItem>
+#include <QQuickRenderControl>
 #include <QQuickWindow>
 #include <QVariant>
 #include <algorithm>
@@ -14,11 +15,21 @@
 namespace kelvo::qt {
 namespace {
 
-/// The list around an item, and the item's row in it.
+/// The list or table around an item, and the item's number in it.
 struct Row {
   const QQuickItem* list = nullptr;
   int row = -1;
 };
+
+/// Returns the number of the table's delegate `item` in reading order, -1 if it is none.
+int cellOf(const QQuickItem& item, QQuickItem& table) {
+  QPoint cell;
+  QQuickItem* delegate = nullptr;
+  const QPointF centre(item.x() + item.width() / 2, item.y() + item.height() / 2);
+  QMetaObject::invokeMethod(&table, "cellAtPosition", Q_RETURN_ARG(QPoint, cell), Q_ARG(QPointF, centre));
+  QMetaObject::invokeMethod(&table, "itemAtCell", Q_RETURN_ARG(QQuickItem*, delegate), Q_ARG(QPoint, cell));
+  return delegate == &item ? cell.y() * table.property("columns").toInt() + cell.x() : -1;
+}
 
 /// Returns the row of the list's delegate `item`, -1 if it is none: a header or the highlight, for example.
 int rowOf(const QQuickItem& item, QQuickItem& list) {
@@ -30,12 +41,14 @@ int rowOf(const QQuickItem& item, QQuickItem& list) {
   return delegate == &item ? row : -1;
 }
 
-/// Returns the list whose delegate `item` is, with its row. The list is nullptr if `item` is no delegate.
+/// Returns the list or table whose delegate `item` is, with its row. The list is nullptr if `item` is no delegate.
 Row rowOf(const QQuickItem& item) {
   QQuickItem* content = item.parentItem();
   QQuickItem* list = content != nullptr ? content->parentItem() : nullptr;
-  if (list == nullptr || !list->inherits("QQuickItemView")) return {};
-  const int row = rowOf(item, *list);
+  if (list == nullptr) return {};
+  int row = -1;
+  if (list->inherits("QQuickItemView")) row = rowOf(item, *list);
+  if (list->inherits("QQuickTableView") && !list->inherits("QQuickHeaderViewBase")) row = cellOf(item, *list);
   return row < 0 ? Row{} : Row{list, row};
 }
 
@@ -77,7 +90,9 @@ class ItemNode final : public Node<View, QQuickItem> {
   }
   [[nodiscard]] Rect frame() const override {
     if (!object_) return {};
-    const QRectF area = object_->mapRectToScene(object_->boundingRect());
+    QPoint origin;  // of the scene in the window
+    if (object_->window() != nullptr) QQuickRenderControl::renderWindowFor(object_->window(), &origin);
+    const QRectF area = object_->mapRectToScene(object_->boundingRect()).translated(origin);
     return {area.x(), area.y(), area.width(), area.height()};
   }
   [[nodiscard]] std::vector<std::shared_ptr<View>> subviews() const override {
@@ -115,13 +130,28 @@ class WindowNode final : public Node<Window, QQuickWindow> {
 
 }  // namespace
 
-std::vector<std::shared_ptr<Window>> visibleWindows() {
+std::vector<std::shared_ptr<Window>> visibleItemWindows() {
   std::vector<std::shared_ptr<Window>> windows;
   for (QWindow* window : QGuiApplication::topLevelWindows()) {
     auto* items = qobject_cast<QQuickWindow*>(window);
-    if (items != nullptr && items->isVisible()) windows.push_back(std::make_shared<WindowNode>(items));
+    const bool isDrawnElsewhere = items != nullptr && QQuickRenderControl::renderWindowFor(items) != nullptr;
+    if (items != nullptr && items->isVisible() && !isDrawnElsewhere) {
+      windows.push_back(std::make_shared<WindowNode>(items));
+    }
   }
   return windows;
+}
+
+std::vector<std::shared_ptr<View>> itemsInside(const QWindow& window, const QRect& place) {
+  std::vector<std::shared_ptr<View>> views;
+  for (QWindow* each : QGuiApplication::allWindows()) {
+    auto* items = qobject_cast<QQuickWindow*>(each);
+    QPoint origin;
+    if (items == nullptr || !items->isVisible()) continue;
+    if (QQuickRenderControl::renderWindowFor(items, &origin) != &window) continue;
+    if (QRect(origin, items->size()) == place) views.push_back(std::make_shared<ItemNode>(items->contentItem()));
+  }
+  return views;
 }
 
 }  // namespace kelvo::qt

@@ -1,6 +1,7 @@
 #include "adapters/quick/ItemToolkit.h"
 
 #include <QGuiApplication>
+#include <QQuickRenderControl>
 #include <QQuickWindow>
 #include <QVariant>
 #include <algorithm>
@@ -22,6 +23,15 @@ QQuickItem* itemOf(QObject* marked) {
   return marked != nullptr ? marked->property("contentItem").value<QQuickItem*>() : nullptr;
 }
 
+/// Returns the window in which the user sees `item`: that of its scene, or the one around the QQuickWidget that draws
+/// the scene. nullptr if the scene is hidden.
+QWindow* windowOf(const QQuickItem& item) {
+  QQuickWindow* scene = item.window();
+  if (scene == nullptr || !scene->isVisible()) return nullptr;
+  QWindow* around = QQuickRenderControl::renderWindowFor(scene);
+  return around != nullptr ? around : scene;
+}
+
 /// Returns the windows whose screens can be in front, the first one first.
 std::vector<QWindow*> windowsInFront() {
   std::vector<QWindow*> windows;
@@ -34,8 +44,9 @@ std::vector<QWindow*> windowsInFront() {
   return {all.begin(), all.end()};
 }
 
+/// Returns whether the user can see the screen of `window`. A window of widgets is the concern of their toolkit.
 bool isShown(const QWindow& window) {
-  return window.isVisible() && window.visibility() != QWindow::Minimized;
+  return qobject_cast<const QQuickWindow*>(&window) != nullptr && window.isVisible() && window.visibility() != QWindow::Minimized;
 }
 
 class ItemScreen final : public ViewController {
@@ -102,28 +113,41 @@ const ItemToolkit::Mark* ItemToolkit::markInFront(const QWindow& window) const {
   const Mark* front = nullptr;
   for (const Mark& mark : marks_) {
     auto* item = itemOf(mark.object);
-    if (item == nullptr || item->window() != &window || !isInCurrentItems(*item)) continue;
+    if (item == nullptr || windowOf(*item) != &window || !isInCurrentItems(*item)) continue;
     if (front == nullptr || isDrawnAfter(*item, *itemOf(front->object))) front = &mark;
   }
   return front;
 }
 
-std::shared_ptr<ViewController> ItemToolkit::screenInFront() {
+void ItemToolkit::watchMarks() {
   for (const Mark& mark : marks_) {
     if (auto* item = itemOf(mark.object)) watchAround(*item);
   }
+}
+
+std::shared_ptr<ViewController> ItemToolkit::screenInFront() {
+  watchMarks();
   for (const QWindow* window : windowsInFront()) {
     if (!isShown(*window)) continue;
-    const Mark* mark = markInFront(*window);
-    if (mark == nullptr) continue;
-    if (isMoving(*itemOf(mark->object))) return nullptr;
-    return std::make_shared<ItemScreen>(*mark->object, mark->screen);
+    if (auto screen = screenInside(*window)) return *screen;
   }
   return nullptr;
 }
 
+std::optional<std::shared_ptr<ViewController>> ItemToolkit::screenInside(const QWindow& window) {
+  watchMarks();
+  const Mark* mark = markInFront(window);
+  if (mark == nullptr) return std::nullopt;
+  if (isMoving(*itemOf(mark->object))) return nullptr;
+  return std::make_shared<ItemScreen>(*mark->object, mark->screen);
+}
+
+std::vector<std::shared_ptr<View>> ItemToolkit::viewsInside(const QWindow& window, const QRect& place) {
+  return itemsInside(window, place);
+}
+
 std::vector<std::shared_ptr<Window>> ItemToolkit::windows() {
-  return visibleWindows();
+  return visibleItemWindows();
 }
 
 }  // namespace kelvo::qt

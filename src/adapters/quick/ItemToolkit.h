@@ -5,6 +5,7 @@
 #include <QQuickItem>
 #include <QString>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "adapters/qtgui/Toolkit.h"
@@ -35,6 +36,9 @@ class ItemToolkit final : public QObject, public Toolkit {
   /// visible window. Of several in one window, the one that is drawn last counts: the innermost one, or the popup.
   /// Returns nullptr if there is none, or while its container moves from one item to another.
   [[nodiscard]] std::shared_ptr<ViewController> screenInFront() override;
+  /// Of the marked items in the QQuickWidgets of `window`, the one that is drawn last is the screen.
+  [[nodiscard]] std::optional<std::shared_ptr<ViewController>> screenInside(const QWindow& window) override;
+  [[nodiscard]] std::vector<std::shared_ptr<View>> viewsInside(const QWindow& window, const QRect& place) override;
 
  private:
   struct Mark {
@@ -48,6 +52,7 @@ class ItemToolkit final : public QObject, public Toolkit {
   void watch(QObject* object, const char* signal);
   /// Watches everything that can show or hide `item`.
   void watchAround(QQuickItem& item);
+  void watchMarks();
   [[nodiscard]] const Mark* markInFront(const QWindow& window) const;
 
   std::vector<Mark> marks_;

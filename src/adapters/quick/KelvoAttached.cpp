@@ -27,6 +27,10 @@ void KelvoAttached::log(const QString& name, const QVariantMap& info) const {
   logAppEventWithName(name, info);
 }
 
+void KelvoAttached::logAggregate(const QString& name, const QVariantMap& info) const {
+  logAggregateEvent(name, info);
+}
+
 void KelvoAttached::setUserIdentifier(const QString& identifier) const {
   KelvoSDK::setUserIdentifier(identifier.toStdString());
 }

@@ -34,6 +34,7 @@ class KelvoAttached final : public QObject {
   /// Call the functions of `KelvoSDK` with the same meaning; `kelvo::qt::attributes` converts `info`. They work from
   /// every object, and need no screen.
   Q_INVOKABLE void log(const QString& name, const QVariantMap& info = {}) const;
+  Q_INVOKABLE void logAggregate(const QString& name, const QVariantMap& info = {}) const;
   Q_INVOKABLE void setUserIdentifier(const QString& identifier) const;
   Q_INVOKABLE void setUserCustomInfo(const QVariantMap& info) const;
   Q_INVOKABLE void setSessionCustomInfo(const QVariantMap& info) const;

@@ -10,6 +10,7 @@ Window {
         Kelvo.setSessionCustomInfo({table: 7})
         Kelvo.log("Consumed", {linked: true, item: "book", price: 12.5, nothing: null, tags: ["new", 2], of: {page: 7}})
         Kelvo.log("Greeted")
+        Kelvo.logAggregate("Scroll", {page: "home"})
         end.start()
     }
     Timer { id: end; interval: 0; onTriggered: Qt.quit() }
