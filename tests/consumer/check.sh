@@ -10,6 +10,7 @@
 #   plugin                                builds examples/nag, whose bundle gets a plug-in in a shared object, and runs it;
 #                                         configures it again with Kelvo as a sub-project
 #   kit, c-kit                            build and run tests of a host with Kelvo::testing, and in C with Kelvo::c_testing
+#   qt-kit                                builds and runs tests of hosts with Kelvo::qt_testing and Kelvo::quick_testing
 #   demo                                  scripts/demo, whose unity build must compile
 #   deb                                   installs the Debian packages, checks them, stores an event with the installed
 #                                         kelvo-server, and removes them
@@ -305,6 +306,14 @@ c-kit)
   read -ra flags < <(pkg-config --cflags --libs kelvo-c-testing)
   cc "$here"/c-kit/*.c -o "$work/test" "${flags[@]}"
   "$work/test"
+  ;;
+qt-kit)
+  cmake -S "$here/qt-kit" -B "$work" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Werror"
+  cmake --build "$work"
+  QT_QPA_PLATFORM=offscreen ctest --test-dir "$work" --output-on-failure
+  # The adapter of the program's own build does not fit.
+  if cmake "$work" -DKELVO_ALSO=Kelvo::qt 2>/dev/null; then exit 1; fi
+  cmake "$work" -DKELVO_ALSO=
   ;;
 demo) "$here/../../scripts/demo" | tee /dev/stderr | grep '2 chunks accepted, 1 of them after a refusal' >/dev/null ;;
 deb)

@@ -5,6 +5,7 @@
 #include <QQmlContext>
 #include <QQmlExpression>
 #include <QQuickWindow>
+#include <QStandardItemModel>
 #include <QtTest/QTest>
 
 #include "adapters/quick/ItemToolkit.h"
@@ -129,6 +130,8 @@ TEST_F(Items, ASwipeThatReturnsIsNoChange) {
 }
 
 TEST_F(Items, AreFoundByTagIdAndPath) {
+  QStandardItemModel prices(3, 2);
+  engine_->rootContext()->setContextProperty("prices", &prices);
   open(R"(
       component Buy: Button {}
       Column {
@@ -139,7 +142,9 @@ TEST_F(Items, AreFoundByTagIdAndPath) {
           delegate: ItemDelegate { objectName: "row" + index; height: 20 } }
         GridView { width: 100; height: 100; model: 5; cellWidth: 50; cellHeight: 20
           delegate: Text { objectName: "field" + index; text: "field" } }
-        Switch { property int kelvoTag: 18 } })");
+        Switch { property int kelvoTag: 18 }
+        TableView { width: 100; height: 60; rowSpacing: 10; model: prices
+          delegate: Item { implicitWidth: 40; implicitHeight: 20; objectName: "price" + row + column } } })");
   EXPECT_TRUE(QTest::qWaitFor([] { return found("ItemDelegate:2") == "ItemDelegate row2"; }, kPatience));
   EXPECT_EQ(found("17", "t"), "Buy buy");
   EXPECT_EQ(found("Label:0"), "Label heading");
@@ -147,6 +152,7 @@ TEST_F(Items, AreFoundByTagIdAndPath) {
   EXPECT_EQ(found("ListView:2:ItemDelegate:1"), "ItemDelegate row1");
   EXPECT_EQ(found("GridView:3:Text:4"), "Text field4");
   EXPECT_EQ(found("4", "t"), "Text field4") << "the lookup by path set the cell's tag";
+  EXPECT_EQ(found("TableView:5:Item:3"), "Item price11") << "in reading order";
   EXPECT_EQ(found("ItemDelegate:3"), "-");
   run("heading.visible = false; box.opacity = 0");
   EXPECT_EQ(found("ListView:0:ItemDelegate:1"), "ItemDelegate row1") << "hidden and transparent items do not count";

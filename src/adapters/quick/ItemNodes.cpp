@@ -147,7 +147,7 @@ std::vector<std::shared_ptr<View>> itemsInside(const QWindow& window, const QRec
   for (QWindow* each : QGuiApplication::allWindows()) {
     auto* items = qobject_cast<QQuickWindow*>(each);
     QPoint origin;
-    if (items == nullptr || !items->isVisible()) continue;
+    if (items == nullptr || items->visibility() == QWindow::Hidden) continue;  // isVisible is always false
     if (QQuickRenderControl::renderWindowFor(items, &origin) != &window) continue;
     if (QRect(origin, items->size()) == place) views.push_back(std::make_shared<ItemNode>(items->contentItem()));
   }

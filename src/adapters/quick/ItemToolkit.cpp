@@ -27,7 +27,7 @@ QQuickItem* itemOf(QObject* marked) {
 /// the scene. nullptr if the scene is hidden.
 QWindow* windowOf(const QQuickItem& item) {
   QQuickWindow* scene = item.window();
-  if (scene == nullptr || !scene->isVisible()) return nullptr;
+  if (scene == nullptr || scene->visibility() == QWindow::Hidden) return nullptr;  // in a QQuickWidget, isVisible is false
   QWindow* around = QQuickRenderControl::renderWindowFor(scene);
   return around != nullptr ? around : scene;
 }

@@ -16,5 +16,4 @@ TEST_CASE("A failed expectation", "[.]") {
   kelvo::testing::Recorder kelvo;
   runCheckout();
   CHECK(kelvo.logged("Refund"));
-  CHECK_FALSE(kelvo.logged("Purchase"));
 }

@@ -8,6 +8,8 @@ assert "Greeted" in events, events
 expected = {"linked": True, "item": "book", "price": 12.5, "tags": ["new", 2], "of": '{"page":7}'}
 info = {key: value for key, value in events["Consumed"].items() if not key.startswith("klv_")}
 assert info == expected, info
+counts = [c["chunk_details"].get("agg_events") for c in chunks]
+assert [{"name": "Scroll", "count": 1, "attributes": {"page": [["home", 1]]}}] in counts, counts
 users = [c["chunk_details"].get("user_attributes") for c in chunks]
 assert {"custom_user_id": "ann", "plan": "gold"} in users, users
 sessions = [c["session_info"].get("additional_info") for c in chunks]
