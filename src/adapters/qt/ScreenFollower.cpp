@@ -195,7 +195,7 @@ std::shared_ptr<ViewController> ScreenFollower::screenInFront() {
   if (window == nullptr) return nullptr;
   before_ = pageInFront(window);
   if (const QWindow* shown = window->windowHandle()) {
-    if (auto inside = screenInside(*shown)) return *inside;  // a page in QML, for example
+    if (auto inside = embeddedScreen(*shown)) return *inside;  // a page in QML, for example
   }
   return std::make_shared<ScreenController>(*before_);
 }

@@ -55,7 +55,7 @@ class WidgetNode : public Base {
     const QWindow* window = widget_->window()->windowHandle();
     if (window != nullptr && widget_->inherits("QQuickWidget")) {
       const QRect place(widget_->mapTo(widget_->window(), QPoint()), widget_->size());
-      for (auto& view : viewsInside(*window, place)) views.push_back(std::move(view));
+      for (auto& view : embeddedViews(*window, place)) views.push_back(std::move(view));
     }
     return views;
   }

@@ -184,11 +184,11 @@ void screensMayHaveChanged() {
   if (attachment().soon != nullptr) attachment().soon->start();
 }
 
-std::optional<std::shared_ptr<ViewController>> screenInside(const QWindow& window) {
+std::optional<std::shared_ptr<ViewController>> embeddedScreen(const QWindow& window) {
   return attachment().screens.screenInside(window);
 }
 
-std::vector<std::shared_ptr<View>> viewsInside(const QWindow& window, const QRect& place) {
+std::vector<std::shared_ptr<View>> embeddedViews(const QWindow& window, const QRect& place) {
   return attachment().screens.viewsInside(window, place);
 }
 

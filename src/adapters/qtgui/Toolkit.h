@@ -51,7 +51,7 @@ void screensMayHaveChanged();
 [[nodiscard]] std::shared_ptr<ViewController> takeScreenInFront();
 
 /// Return what other toolkits show and draw inside of `window`, as `Toolkit` says.
-[[nodiscard]] std::optional<std::shared_ptr<ViewController>> screenInside(const QWindow& window);
-[[nodiscard]] std::vector<std::shared_ptr<View>> viewsInside(const QWindow& window, const QRect& place);
+[[nodiscard]] std::optional<std::shared_ptr<ViewController>> embeddedScreen(const QWindow& window);
+[[nodiscard]] std::vector<std::shared_ptr<View>> embeddedViews(const QWindow& window, const QRect& place);
 
 }  // namespace kelvo::qt
