@@ -23,10 +23,12 @@ inline constexpr const char* kScreenProperty = "kelvoScreen";
 /// - A screen's name is its property `kScreenProperty`. Without one, a window and a page of one of Qt's own classes are
 ///   named by their object names. All others are named by their classes, without the namespace. A plain QWizardPage has
 ///   the name of its wizard and its id ("Order-2"). The part up to the last "." is ignored.
+/// - A page in a `QQuickWidget` that sets `Kelvo.screen` (CMake target Kelvo::quick) is the screen while it is visible.
 /// - Screens with one name count as one screen: give plain QWidget pages and several windows of one class names.
 /// - A screen's title is the widget's window title, else the tab's text or the wizard page's title, else the title of
 ///   its window.
-/// - Searches for actions see the live widgets, by class, object name (the native id), `kTagProperty` and position. The
+/// - Searches for actions see the live widgets, and the items in a `QQuickWidget`, by class, object name (the native
+/// id), `kTagProperty` and position. The
 ///   rows of item views are cells, in section 0. In a tree, the top-level entry n is row 0 of section n, and its child
 ///   m is row m + 1 of section n; deeper entries are no cells.
 void attach(QApplication& application) noexcept;

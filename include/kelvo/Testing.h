@@ -19,6 +19,10 @@
 ///     runCheckout();
 ///     EXPECT_TRUE(kelvo.logged("Purchase", {{"price", 12.5}}));
 ///
+/// A test of a host with Qt links `Kelvo::qt_testing` or `Kelvo::quick_testing` in place of `Kelvo::qt` or
+/// `Kelvo::quick`. One call of `kelvo::qt::attach` holds for all recorders of the process. The functions of a recorder
+/// that wait also handle the waiting events of Qt. `killed` needs the platform "offscreen".
+///
 /// Without a recorder, this build collects nothing.
 namespace kelvo::testing {
 

@@ -139,6 +139,7 @@ TEST_F(Items, AreFoundByTagIdAndPath) {
         Item { id: box; width: 100; height: 50
           Buy { property int kelvoTag: 17; objectName: "buy" } }  // the box does not count: the button is Column's
         ListView { width: 100; height: 100; model: 3; header: Label { text: "Rows" }
+          highlight: Rectangle {}
           delegate: ItemDelegate { objectName: "row" + index; height: 20 } }
         GridView { width: 100; height: 100; model: 5; cellWidth: 50; cellHeight: 20
           delegate: Text { objectName: "field" + index; text: "field" } }
@@ -154,6 +155,7 @@ TEST_F(Items, AreFoundByTagIdAndPath) {
   EXPECT_EQ(found("4", "t"), "Text field4") << "the lookup by path set the cell's tag";
   EXPECT_EQ(found("TableView:5:Item:3"), "Item price11") << "in reading order";
   EXPECT_EQ(found("ItemDelegate:3"), "-");
+  EXPECT_EQ(found("Rectangle:0"), "-") << "the highlight is at the place of the first row, but is no row";
   run("heading.visible = false; box.opacity = 0");
   EXPECT_EQ(found("ListView:0:ItemDelegate:1"), "ItemDelegate row1") << "hidden and transparent items do not count";
   const auto names = KLVUtilities::getViewWithIdentifier(std::string("18"), "t")->superclassNames();

@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "road/Road.h"
 #include "support/DisplayServer.h"
 
@@ -39,17 +37,6 @@ TEST_F(QuickShop, AVisitIsDeliveredAsScreensEventsAndActivity) {
   visit.closeInput();
   EXPECT_EQ(visit.wait(), 0) << visit.errors();
   EXPECT_EQ(count(visit.errors(), "Ignoring screen notification"), 0U) << visit.errors();
-}
-
-TEST_F(QuickShop, TheEndOfTheWindowsShowsNoScreen) {
-  Program opened = shop({});
-  for (const char* name : {"Tea cup", "brewing"}) opened.writeLine(name);
-  opened.closeInput();
-  EXPECT_EQ(opened.wait(), 0) << opened.errors();
-  auto events = storedEvents();
-  std::erase(events, "klv_app_opened");
-  std::sort(events.begin(), events.end());  // screens and activity take different ways to the database
-  EXPECT_EQ(events, (Texts{"BACKGROUND", "Brewing", "FOREGROUND", "Product", "Products"}));
 }
 
 class QuickShopOnADesktop : public QuickShop, public testing::WithParamInterface<const char*> {};

@@ -17,8 +17,7 @@ TEST(RegistryQML, LogsTextsAndNumbersAndRefusesWrongArguments) {
                    "  function logAggregate(name, info) { log(\"count of \" + name, info) }\n}\n");
   Program host({KELVO_REGISTRY_QML, KELVO_REGISTRY_FORMS "/KelvoEvents.qml", home() + "/modules", "visit()",
                 "purchase(0, 12.5, 2)", "purchase(2, 3, 1, 'SPRING')", "purchase('book', 3, 1)", "purchase(0, '3', 1)",
-                "purchase(0, 3, 1.5)", "purchase(0, 1001, 1)", "purchase(0, 3, 1, '')",
-                "scroll(1, true)"},
+                "purchase(0, 3, 1.5)", "purchase(0, 1001, 1)", "purchase(0, 3, 1, '')", "scroll(1, true)"},
                {{"QT_LOGGING_RULES", "qml.debug=true"}, {"QT_FORCE_STDERR_LOGGING", "1"}});
   const int status = host.wait();
   if (host.output().find("\"QtQml.Models\" is not installed") != std::string::npos) GTEST_SKIP() << host.output();

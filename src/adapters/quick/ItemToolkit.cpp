@@ -27,7 +27,8 @@ QQuickItem* itemOf(QObject* marked) {
 /// the scene. nullptr if the scene is hidden.
 QWindow* windowOf(const QQuickItem& item) {
   QQuickWindow* scene = item.window();
-  if (scene == nullptr || scene->visibility() == QWindow::Hidden) return nullptr;  // in a QQuickWidget, isVisible is false
+  if (scene == nullptr || scene->visibility() == QWindow::Hidden)
+    return nullptr;  // in a QQuickWidget, isVisible is false
   QWindow* around = QQuickRenderControl::renderWindowFor(scene);
   return around != nullptr ? around : scene;
 }
@@ -46,7 +47,8 @@ std::vector<QWindow*> windowsInFront() {
 
 /// Returns whether the user can see the screen of `window`. A window of widgets is the concern of their toolkit.
 bool isShown(const QWindow& window) {
-  return qobject_cast<const QQuickWindow*>(&window) != nullptr && window.isVisible() && window.visibility() != QWindow::Minimized;
+  return qobject_cast<const QQuickWindow*>(&window) != nullptr && window.isVisible() &&
+         window.visibility() != QWindow::Minimized;
 }
 
 class ItemScreen final : public ViewController {

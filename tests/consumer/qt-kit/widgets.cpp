@@ -23,7 +23,8 @@ TEST(ShopTest, ShowsItsPagesAndDeliversThem) {
 
     kelvo.relaunch();  // the end of the launch ends the stretch, and the next one finds the window that is still open
     EXPECT_EQ(kelvo.screens(), (Texts{"Products", "Basket", "Basket"}));
-    for (const char* name : {"Purchase", "Products", "Basket", "BACKGROUND"}) EXPECT_EQ(kelvo.delivered(name), 1) << name;
+    for (const char* name : {"Purchase", "Products", "Basket", "BACKGROUND"})
+      EXPECT_EQ(kelvo.delivered(name), 1) << name;
   }
 }
 
