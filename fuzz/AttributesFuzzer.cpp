@@ -2,7 +2,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include "Fuzzing.h"
+#include "FuzzingInSilence.h"
 #include "core/AttributeFlattening.h"
 #include "records/KLVEvents.h"
 #include "upload/KLVChunkDetails.h"
@@ -71,11 +71,6 @@ Value bodyWith(const Dictionary& attributes, const std::string& name, int depth)
 
 }  // namespace
 }  // namespace kelvo::fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;

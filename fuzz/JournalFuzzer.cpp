@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "Fuzzing.h"
+#include "FuzzingInSilence.h"
 #include "journal/KLVJournalCoding.h"
 #include "journal/KLVJournalReader.h"
 
@@ -48,11 +48,6 @@ void read(std::string_view file) {
 
 }  // namespace
 }  // namespace kelvo::fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   std::string file(reinterpret_cast<const char*>(bytes), size);

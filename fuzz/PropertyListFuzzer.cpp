@@ -1,13 +1,8 @@
 // Fuzzes the reader of property lists: user defaults, Info.plist, and the provisioning profile inside its signature.
 
-#include "Fuzzing.h"
+#include "FuzzingInSilence.h"
 #include "platform/PropertyList.h"
 #include "util/KLVMobileProvision.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;

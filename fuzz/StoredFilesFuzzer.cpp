@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include "Fuzzing.h"
+#include "FuzzingInSilence.h"
 #include "records/KLVAppInfo.h"
 #include "records/KLVChunk.h"
 #include "records/KLVEvent.h"
@@ -44,11 +44,6 @@ void upload(const Dictionary& row) {
 
 }  // namespace
 }  // namespace kelvo::fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelvo::fuzz::silenceLog();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace kelvo;

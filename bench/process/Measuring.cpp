@@ -58,6 +58,11 @@ void printFigure(const std::string& key, double value) {
   std::fflush(stdout);
 }
 
+void endWith(int status) {
+  std::fflush(stdout);
+  std::_Exit(status);
+}
+
 void printPercentiles(const std::vector<double>& sorted) {
   const auto at = [&](double part) {
     return sorted[std::min(sorted.size() - 1, static_cast<std::size_t>(part * static_cast<double>(sorted.size())))];

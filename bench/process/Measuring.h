@@ -31,6 +31,8 @@ std::vector<double> durations(std::size_t count, std::chrono::microseconds pause
 
 /// Prints "key value" for the program that started this process.
 void printFigure(const std::string& key, double value);
+/// Ends the process without its exit hooks, which are not measured.
+[[noreturn]] void endWith(int status);
 /// Prints the figures p50, p99 and p999. `sorted`: not empty.
 void printPercentiles(const std::vector<double>& sorted);
 

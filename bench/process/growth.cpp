@@ -133,7 +133,5 @@ int play(int count, char** arguments) {
 }  // namespace kelvo::bench
 
 int main(int count, char** arguments) {
-  const int result = kelvo::bench::play(count, arguments);
-  std::fflush(stdout);
-  std::_Exit(result);  // skip the exit hooks: they are not measured
+  kelvo::bench::endWith(kelvo::bench::play(count, arguments));
 }

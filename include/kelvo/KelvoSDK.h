@@ -150,10 +150,11 @@ class KELVO_EXPORT KelvoSDK {
   /// Cuts all events of earlier calls into chunks now and posts everything that waits. Calls `callback` once, on a
   /// library queue (before the start and while consent is undecided: on the caller's or the start's thread), as soon as
   /// the service has accepted all of it, nothing more can follow, or `deadline` has passed. A start-up that is under
-  /// way is waited for, within the deadline. With a deadline of 0 or less, the result is the state after the cut. Under
-  /// `complete`, refused chunks are posted again until the deadline, but never before a time that the service asks for;
-  /// under `classic`, the first refusal of a chunk ends the flush. The callback does not come once the process exits.
-  /// An empty `callback` is allowed.
+  /// way is waited for, within the deadline; the cut follows it in any case. With a deadline of 0 or less, the result
+  /// is the state after the cut, or the present one while the start-up is under way. Under `complete`, refused chunks
+  /// are posted again until the deadline, but never before a time that the service asks for; under `classic`, the first
+  /// refusal of a chunk ends the flush. The callback does not come once the process exits. An empty `callback` is
+  /// allowed.
   static void flush(std::chrono::milliseconds deadline, std::function<void(const FlushResult&)> callback) noexcept;
 
   /// As `flush`, and returns the result. This is the only call that blocks: up to `deadline`, and at most one second

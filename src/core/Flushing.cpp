@@ -120,7 +120,7 @@ void Flushing::begin(milliseconds deadline, std::function<void(const FlushResult
   };
   // Not on the caller's thread, because counting reads the database.
   DispatchQueue::global().async([waits, finish, deliver] {
-    if (!waits && !controller().hasStarted()) return finish(End::tooLate);
+    if (!waits && !controller().hasStarted()) finish(End::tooLate);  // the cut follows the start-up
     // Behind a decision about consent that is on its way to the controller's queue: it may begin a start-up.
     controller().performInOrder(
         [deliver] { DispatchQueue::global().async([deliver] { controller().whenStarted(deliver); }); });

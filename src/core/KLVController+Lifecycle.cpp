@@ -72,7 +72,7 @@ void KLVController::startSessionWithLaunchType(const std::optional<std::string>&
   }
   HomeJournal::enter(started->identifier());
   handler->saveSessionInfo(started, started->identifier());
-  if (isWhole && chunks != nullptr) chunks->startSession(started->identifier());
+  if (isWhole && chunks != nullptr) chunks->followSession();
   incrementLifetimeSessionCount(getLifetimeSessionCount());
 }
 

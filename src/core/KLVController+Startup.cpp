@@ -185,27 +185,32 @@ void KLVController::stepB(std::uint64_t generation, const HTTPOutcome& answer) {
   handler->startWithCompletionHandler([this] { controllerSerialQueue_.sync([this] { stepC(); }); });
   controllerSerialQueue_.sync([this] { mergeStoredUser(); });
   auto chunks = KLVChunkManager::initWithConfiguration(manager->configDetails(), *this);
-  std::shared_ptr<KLVSession> running;
   {
     const Lock lock(mutex_);
     components_.chunkManager = chunks;
-    running = components_.session;
   }
-  if (running != nullptr) chunks->startSession(running->identifier());  // if it restarted since the manager asked
+  // The session may have restarted since the manager asked.
+  if (KLVDeliveryRules::current().storesRestartedSessions) chunks->followSession();
   if (erasure_.generation() != generation) return;
   const auto* plugins = Bundle::main().infoDictionary()["Kelvo"].get<Dictionary>();
   pluginManager_.loadPlugins(plugins != nullptr ? std::optional(*plugins) : std::nullopt,
                              manager->configDetails().value_or(Dictionary()));
   sendUserInfo();
   // Not submitted as a host call, which an erasure that has begun meanwhile would keep.
-  controllerSerialQueue_.async([this] {
-    KLVLedger::shared().add(KLVLedgerEntry::logged);
-    appEventSource_.logEvent(std::string(kKLVAppOpened), Dictionary{{"type", "normal"}}, std::nullopt);
-  });
+  controllerSerialQueue_.async([this] { logAppOpened(); });
   KLV_INFO("KelvoiOSSDK ({}) : initialized!", fmt::format("{:.0f}", kKLVSDKVersion));
   updateRetentionDayCount();
   finishStartUp();
   handler->whenReady(announceStorage);
+}
+
+/// Thread: the controller's queue, behind the reports of activity so far.
+void KLVController::logAppOpened() {
+  KLVLedger::shared().add(KLVLedgerEntry::logged);
+  appEventSource_.logEvent(std::string(kKLVAppOpened), Dictionary{{"type", "normal"}}, std::nullopt);
+  if (!KLVDeliveryRules::current().cutsAfterStartInBackground) return;
+  // No chunk manager may have been there to cut at BACKGROUND.
+  if (const auto running = session(); running && running->isInBackground()) deliverNow(false, [](bool) {});
 }
 
 bool KLVController::serviceAllowsCollection(const HTTPOutcome& answer, std::optional<std::string>& hash) {

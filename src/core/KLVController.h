@@ -153,6 +153,7 @@ class KLVController final : public KLVEventListener,
   void startRecords() EXCLUDES(mutex_);
   void mergeStoredUser() EXCLUDES(mutex_, rescueMutex_);
   void sendUserInfo();
+  void logAppOpened();
   void stayTerminated() override;
   void finishStartUp() EXCLUDES(mutex_);
   void setEnabled(bool enabled) EXCLUDES(mutex_);

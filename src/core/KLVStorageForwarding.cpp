@@ -59,7 +59,7 @@ std::optional<AggregateTotals> KLVStorageForwarding::aggregateTotals(const std::
   return handler ? handler->aggregateTotals(sid) : AggregateTotals();
 }
 
-std::vector<std::shared_ptr<KLVChunkMetaInfo>> KLVStorageForwarding::retrieveChunkMetaInfo() {
+std::optional<std::vector<std::shared_ptr<KLVChunkMetaInfo>>> KLVStorageForwarding::retrieveChunkMetaInfo() {
   const auto handler = dataHandler();
   return handler ? handler->retrieveChunkMetaInfo() : std::vector<std::shared_ptr<KLVChunkMetaInfo>>();
 }
@@ -92,11 +92,12 @@ void KLVStorageForwarding::updateChunkMetaInfo(const std::shared_ptr<KLVChunkMet
   }
 }
 
-void KLVStorageForwarding::updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal) {
+void KLVStorageForwarding::updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal,
+                                                 std::function<void()> committed) {
   if (chunk == nullptr) {
     KLV_WARN("cannot update, event is nil");
   } else if (const auto handler = dataHandler()) {
-    handler->updateChunkMetaStatus(chunk, aggregateTotal);
+    handler->updateChunkMetaStatus(chunk, aggregateTotal, std::move(committed));
   }
 }
 

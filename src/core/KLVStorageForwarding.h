@@ -32,7 +32,7 @@ class KLVStorageForwarding : public KLVChunkManagerDelegate {
   std::vector<std::string> getSessionsWithAggregates() override;
   std::vector<std::string> getSessionDirectories() override;
   std::optional<AggregateTotals> aggregateTotals(const std::string& sid) override;
-  std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override;
+  std::optional<std::vector<std::shared_ptr<KLVChunkMetaInfo>>> retrieveChunkMetaInfo() override;
   void saveFrequencyInfo(const Value& info, const std::optional<std::string>& identifier);
   std::optional<Value> retrieveFrequencyConfigWithIdentifier(const std::optional<std::string>& identifier);
   /// As `KLVDataHandler::waiting`.
@@ -51,7 +51,8 @@ class KLVStorageForwarding : public KLVChunkManagerDelegate {
                          const std::optional<Dictionary>& records) override;
   std::optional<Dictionary> retrieveChunkRecords(const std::string& chunkId) override;
   void updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override;
-  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal) override;
+  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal,
+                             std::function<void()> committed) override;
   void deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>& chunk) override;
   void deleteSession(const std::optional<std::string>& identifier) override;
   void deleteItemAtPath(const std::optional<std::string>& path) override;

@@ -113,6 +113,11 @@ void KLVSession::updateEndTime(Date when) {
   addToDuration(foreground_.leave(when));
 }
 
+bool KLVSession::isInBackground() {
+  const Lock lock(timesMutex_);
+  return foreground_.isInBackground();
+}
+
 void KLVSession::continueFrom(const KLVForegroundTime& earlier) {
   const Lock lock(timesMutex_);
   foreground_ = earlier;

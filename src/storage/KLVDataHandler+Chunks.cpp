@@ -94,9 +94,10 @@ void KLVDataHandler::updateChunkMetaInfoTimestamp(std::shared_ptr<KLVChunkMetaIn
   });
 }
 
-void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::int64_t aggregateTotal) {
+void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::int64_t aggregateTotal,
+                                           std::function<void()> committed) {
   if (!chunk) return;
-  writeTogether([&] {
+  const auto mark = [&] {
     jobs_->write([chunk = std::move(chunk), aggregateTotal](KLVPersistantStore& store) {
       const auto rows = store.retrieveDataWithTableName(kKLVChunkMetaInfo, kKLVChunkId, chunk->identifier());
       if (!rows) return false;
@@ -108,7 +109,8 @@ void KLVDataHandler::updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::
              store.removeDataWithTableName(kKLVEvictions, "chunk", stored.id) &&
              noteAggregatesSent(store, stored.sid, aggregateTotal);
     });
-  });
+  };
+  writeTogether(mark, std::move(committed));
 }
 
 void KLVDataHandler::deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk) {
@@ -119,12 +121,14 @@ void KLVDataHandler::deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk) {
   });
 }
 
-std::vector<std::shared_ptr<KLVChunkMetaInfo>> KLVDataHandler::retrieveChunkMetaInfo() {
-  return jobs_->sync([&] {
+std::optional<std::vector<std::shared_ptr<KLVChunkMetaInfo>>> KLVDataHandler::retrieveChunkMetaInfo() {
+  return jobs_->sync([&]() -> std::optional<std::vector<std::shared_ptr<KLVChunkMetaInfo>>> {
     std::vector<std::shared_ptr<KLVChunkMetaInfo>> result;
     auto* store = jobs_->store();
     if (store == nullptr) return result;
-    for (const auto& row : store->retrieveAllDataWithTableName(kKLVChunkMetaInfo)) {
+    const auto rows = store->retrieveAllDataWithTableName(kKLVChunkMetaInfo);
+    if (!rows) return std::nullopt;
+    for (const auto& row : *rows) {
       Dictionary known;
       for (const auto key : {kKLVChunkId, kKLVChunkSid, kKLVChunkCid, kKLVChunkReportingTimes, kKLVChunkStart,
                              kKLVChunkEnd, kKLVChunkStatus}) {

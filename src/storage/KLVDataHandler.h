@@ -91,11 +91,13 @@ class KLVDataHandler : public KLVFileStore {
   void updateChunkMetaInfoTimestamp(std::shared_ptr<KLVChunkMetaInfo> meta);
   /// Marks the row whose id is `chunk`'s identifier as accepted. In the same transaction, notes that the service has
   /// the aggregate counts of the chunk's session up to the sum `aggregateTotal`, and, if the delivery rules say so,
-  /// deletes the chunk's events.
-  void updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::int64_t aggregateTotal);
+  /// deletes the chunk's events. Calls `committed` on the data queue after the commit, never if it fails.
+  void updateChunkMetaStatus(std::shared_ptr<KLVInfo> chunk, std::int64_t aggregateTotal,
+                             std::function<void()> committed = {});
   /// Deletes all rows of the session whose id is `chunk`'s identifier, and their records.
   void deleteChunkMetaInfo(std::shared_ptr<KLVInfo> chunk);
-  std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo();
+  /// Returns the rows of all chunks, nullopt if the read failed.
+  std::optional<std::vector<std::shared_ptr<KLVChunkMetaInfo>>> retrieveChunkMetaInfo();
   /// Counts what the service has not accepted, in all sessions. Returns nullopt if a read failed or there is no
   /// database.
   std::optional<KLVWaiting> waiting();

@@ -190,8 +190,8 @@ std::optional<KLVStoreReads::Rows> KLVStoreReads::retrieveDataForIdentifier(std:
                       joined(conditions, "", " AND ", "{} = '{}'")));
 }
 
-KLVStoreReads::Rows KLVStoreReads::retrieveAllDataWithTableName(std::string_view table) {
-  return rows(sqlText("select * from '{}'", quoted(table))).value_or(Rows());
+std::optional<KLVStoreReads::Rows> KLVStoreReads::retrieveAllDataWithTableName(std::string_view table) {
+  return rows(sqlText("select * from '{}'", quoted(table)));
 }
 
 KLVStoreReads::Rows KLVStoreReads::retrieveSetOfValuesFromTable(std::string_view table, std::string_view key) {

@@ -67,7 +67,7 @@ class KLVStoreReads {
   /// Returns one column of the rows that meet all conditions. Returns nothing if there is no condition.
   [[nodiscard]] std::optional<Rows> retrieveDataForIdentifier(std::string_view column, std::string_view table,
                                                               const Parameters& conditions);
-  [[nodiscard]] Rows retrieveAllDataWithTableName(std::string_view table);
+  [[nodiscard]] std::optional<Rows> retrieveAllDataWithTableName(std::string_view table);
   /// Returns one row for each distinct value of the column `key`.
   [[nodiscard]] Rows retrieveSetOfValuesFromTable(std::string_view table, std::string_view key);
   [[nodiscard]] std::optional<Rows> rows(const KLVSQLText& sql);

@@ -7,8 +7,11 @@
 
 namespace kelvo {
 void KLVChunkManager::flush() {
+  auto stored = readEarlierSessions();
+  hasNotFlushed_ = !stored;
+  if (!stored) return;  // without its rows, a session would be cut anew from its first chunk
   std::vector<KLVEarlierSession> earlier;
-  for (KLVEarlierSession& session : readEarlierSessions()) {
+  for (KLVEarlierSession& session : *stored) {
     if (isEmpty(session)) {
       purge(session.sid);
     } else {
@@ -22,17 +25,21 @@ void KLVChunkManager::flush() {
   }
 }
 
-std::vector<KLVEarlierSession> KLVChunkManager::readEarlierSessions() {
+void KLVChunkManager::flushAgainIfDue() {
+  if (hasNotFlushed_ || !unsettled_.empty()) flush();
+}
+
+std::optional<std::vector<KLVEarlierSession>> KLVChunkManager::readEarlierSessions() {
   KLVStoredSessions stored;
-  stored.rows = storedChunks(delegate_);
+  auto rows = storedChunks(delegate_);
+  if (!rows) return std::nullopt;
+  stored.rows = *std::move(rows);
   stored.withTable = delegate_.getSessions();
   stored.withAggregates = delegate_.getSessionsWithAggregates();
   stored.withDirectory = delegate_.getSessionDirectories();
   std::set<std::string> running{currentSessionIdentifier_};
   // Asked last: a session that has just been restarted is the controller's before anything of it is stored.
   if (const auto session = delegate_.session()) running.insert(session->identifier());
-  const Lock lock(mutex_);
-  running.insert(announced_.begin(), announced_.end());
   return earlierSessions(stored, running);
 }
 

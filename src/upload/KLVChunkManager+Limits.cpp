@@ -15,6 +15,8 @@
 namespace kelvo {
 namespace {
 
+using Sessions = std::vector<KLVEarlierSession>;
+
 constexpr std::chrono::hours kBetweenChecksOfAge(1);
 
 // The size is checked at each cut, and each time that this part of the limit was stored, within these bounds in bytes.
@@ -109,7 +111,7 @@ bool KLVChunkManager::isOlder(const KLVChunkRow& chunk, Date limit) {
 
 std::vector<KLVChunkRow> KLVChunkManager::evictableChunks() {
   std::vector<KLVChunkRow> chunks;
-  for (const KLVChunkRow& row : storedChunks(delegate_)) {
+  for (const KLVChunkRow& row : storedChunks(delegate_).value_or(std::vector<KLVChunkRow>())) {
     if (!row.sent && !sender_.isInFlight(row)) chunks.push_back(row);
   }
   const auto place = [&](const KLVChunkRow& row) {
@@ -122,7 +124,7 @@ std::vector<KLVChunkRow> KLVChunkManager::evictableChunks() {
 
 void KLVChunkManager::cutTails(const std::function<bool(const KLVChunkRow& tail)>& selects) {
   if (KLVDeliveryRules::current().cutsEveryEarlierSession) return;
-  for (const KLVEarlierSession& session : readEarlierSessions()) {
+  for (const KLVEarlierSession& session : readEarlierSessions().value_or(Sessions())) {
     const auto last = delegate_.numberOfEventsWithIdentifier(session.sid);
     Progress progress{session.nextChunk(), session.nextEvent()};
     if (!last || *last < progress.nextEvent) continue;
@@ -158,7 +160,7 @@ void KLVChunkManager::evict(std::vector<KLVChunkRow> chunks, const std::function
     onSettled(chunk);
   }
   if (KLVDeliveryRules::current().cutsEveryEarlierSession) return;
-  for (const KLVEarlierSession& session : readEarlierSessions()) purgeIfSettled(session);
+  for (const KLVEarlierSession& session : readEarlierSessions().value_or(Sessions())) purgeIfSettled(session);
 }
 
 }  // namespace kelvo

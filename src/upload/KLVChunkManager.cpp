@@ -81,7 +81,7 @@ void KLVChunkManager::perform(std::function<void()> work) {
 void KLVChunkManager::sendCurrentChunk() {
   perform([this] {
     queue_.assertCurrent();
-    if (!unsettled_.empty()) flush();
+    flushAgainIfDue();
     enforceLimits();
     const Cut cut = cutCurrentSession();  // the next trigger retries a failed cut
     delegate_.tidy(cut == Cut::nothing);
@@ -92,7 +92,7 @@ void KLVChunkManager::deliverNow(bool waits, std::function<void(bool isCut)> don
   queue_.async([self = shared_from_this(), waits, done = std::move(done)]() mutable {
     self->queue_.assertCurrent();
     if (self->isRetired_) return done(false);
-    if (!self->unsettled_.empty()) self->flush();
+    self->flushAgainIfDue();
     self->enforceLimits();
     const bool isCut = self->cutCurrentSession() != Cut::failed;
     self->sender_.resendNow();
@@ -126,21 +126,15 @@ void KLVChunkManager::flushPreviousChunks() {
   });
 }
 
-void KLVChunkManager::startSession(const std::string& sid) {
-  {
-    const Lock lock(mutex_);
-    announced_.insert(sid);
-  }
-  perform([this, sid] {
+void KLVChunkManager::followSession() {
+  perform([this] {
     queue_.assertCurrent();
-    {
-      const Lock lock(mutex_);
-      announced_.erase(sid);
-    }
-    if (sid == currentSessionIdentifier_) return;
+    // Asked now, not by the caller: meanwhile this session may have ended, too, and then it is an earlier one.
+    const auto session = delegate_.session();
+    if (session == nullptr || session->identifier() == currentSessionIdentifier_) return;
     delegate_.waitUntilDelivered();  // then all events of the session so far are stored
     ended_[currentSessionIdentifier_] = std::exchange(current_, {});
-    currentSessionIdentifier_ = sid;
+    currentSessionIdentifier_ = session->identifier();
     flush();
     sender_.resendWaiting();
   });

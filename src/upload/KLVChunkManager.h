@@ -58,8 +58,9 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   [[nodiscard]] KLVDeliveryState deliveryState() const { return sender_.state(); }
   /// Queues a flush.
   void flushPreviousChunks();
-  /// Makes `sid` the current session. The session so far is cut to its end, and everything unsent is queued.
-  void startSession(const std::string& sid);
+  /// Queues the change to the session of the controller, if that is another one than the current session. The session
+  /// so far is cut to its end, and everything unsent is queued.
+  void followSession();
 
   /// Ends the manager: nothing is cut or posted any more, and pending waits end. Calls `done` on the chunk queue.
   void retire(std::function<void()> done);
@@ -113,7 +114,9 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
 
   // --- Flushing (KLVChunkManager+Flushing.cpp)
   void flush() REQUIRES(queue_);
-  [[nodiscard]] std::vector<KLVEarlierSession> readEarlierSessions() REQUIRES(queue_);
+  void flushAgainIfDue() REQUIRES(queue_);
+  /// Returns nullopt if the chunks' rows cannot be read.
+  [[nodiscard]] std::optional<std::vector<KLVEarlierSession>> readEarlierSessions() REQUIRES(queue_);
   [[nodiscard]] bool isEmpty(const KLVEarlierSession& session) REQUIRES(queue_);
   void flushByCounts(const std::vector<KLVEarlierSession>& earlier) REQUIRES(queue_);
   void purgeIfSettled(const KLVEarlierSession& session) REQUIRES(queue_);
@@ -127,9 +130,6 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   KLVChunkManagerDelegate& delegate_;
   DispatchQueue queue_{"com.kelvo.serial.chunkmanager"};  // the chunk queue
   KLVChunkSender sender_;
-  mutable Mutex mutex_;
-  /// Sessions whose start waits in the queue. None of them is an earlier session yet, even if the next one has begun.
-  std::set<std::string> announced_ GUARDED_BY(mutex_);
   // Queue: the chunk queue.
   bool isRetired_ GUARDED_BY(queue_) = false;
   std::string currentSessionIdentifier_ GUARDED_BY(queue_);
@@ -138,6 +138,7 @@ class KLVChunkManager final : public KLVEventListener, public std::enable_shared
   std::optional<Date> ageChecked_ GUARDED_BY(queue_);
   bool isBeyondLimit_ GUARDED_BY(queue_) = false;       // because chunks in flight stay
   std::set<std::string> unsettled_ GUARDED_BY(queue_);  // those whose cut failed, or whose purge is not committed
+  bool hasNotFlushed_ GUARDED_BY(queue_) = false;       // because the rows could not be read
 };
 
 }  // namespace kelvo

@@ -53,7 +53,8 @@ class KLVChunkManagerDelegate {
   virtual std::vector<std::string> getSessions() = 0;  ///< sessions with an events table
   virtual std::vector<std::string> getSessionsWithAggregates() = 0;
   virtual std::vector<std::string> getSessionDirectories() = 0;  ///< sessions with a directory in Library
-  virtual std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() = 0;
+  /// Returns the rows of all chunks, nullopt if the read failed.
+  virtual std::optional<std::vector<std::shared_ptr<KLVChunkMetaInfo>>> retrieveChunkMetaInfo() = 0;
   /// Inserts the chunk's row, and `records` (the upload forms of its cut) in the same transaction. Blocks. Returns true
   /// once both are committed.
   virtual bool saveChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta,
@@ -62,8 +63,10 @@ class KLVChunkManagerDelegate {
   virtual std::optional<Dictionary> retrieveChunkRecords(const std::string& chunkId) = 0;
   virtual void updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) = 0;
   /// Marks the chunk as accepted. In the same transaction, notes that the service has the aggregate counts of its
-  /// session up to the sum `aggregateTotal`.
-  virtual void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal) = 0;
+  /// session up to the sum `aggregateTotal`. Calls `committed` on the data queue once this is committed, and destroys
+  /// it without a call if it fails.
+  virtual void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t aggregateTotal,
+                                     std::function<void()> committed) = 0;
   virtual void deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>& chunk) = 0;
   virtual void deleteSession(const std::optional<std::string>& identifier) = 0;
   virtual void deleteItemAtPath(const std::optional<std::string>& path) = 0;

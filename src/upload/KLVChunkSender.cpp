@@ -132,8 +132,10 @@ void KLVChunkSender::post(const KLVChunkRow& row, const Array& reportingTimes) {
       KLV_WARN("failed to send chunk - {}, responsecode - {}", chunkId, statusCode);
       return;
     }
-    attempt->accepted = true;
-    delegate_.updateChunkMetaStatus(std::make_shared<KLVChunk>(chunkId), total);
+    // The attempt ends with the commit. If it fails, the row stays unaccepted, so the chunk waits like a refused one.
+    attempt->failure = {FlushOutcome::deadline, 0, "the acceptance of a chunk could not be stored"};
+    delegate_.updateChunkMetaStatus(std::make_shared<KLVChunk>(chunkId), total,
+                                    [attempt, slot] { attempt->accepted = true; });
     KLV_DEBUG("Successfully sent chunk - {}, responsecode - {}", chunkId, statusCode);
   };
   delegate_.postChunk(byReplacing(kKLVSDKChunkURL, "<app-id>", delegate_.applicationIdentifier()),

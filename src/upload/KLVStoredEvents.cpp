@@ -24,9 +24,11 @@ bool readStoredEvents(KLVChunkManagerDelegate& delegate, const std::string& sid,
   return true;
 }
 
-std::vector<KLVChunkRow> storedChunks(KLVChunkManagerDelegate& delegate) {
+std::optional<std::vector<KLVChunkRow>> storedChunks(KLVChunkManagerDelegate& delegate) {
+  const auto metas = delegate.retrieveChunkMetaInfo();
+  if (!metas) return std::nullopt;
   std::vector<KLVChunkRow> rows;
-  for (const auto& meta : delegate.retrieveChunkMetaInfo()) {
+  for (const auto& meta : *metas) {
     const Dictionary info = meta->additionalInfo();
     rows.push_back({info[kKLVChunkSid].asText().value_or(""), info[kKLVChunkCid].asUInt64(),
                     info[kKLVChunkStart].asUInt64(), info[kKLVChunkEnd].asUInt64(), info[kKLVChunkStatus].asBool()});

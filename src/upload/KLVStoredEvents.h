@@ -21,7 +21,7 @@ namespace kelvo {
 [[nodiscard]] std::optional<bool> hasEventsFrom(KLVChunkManagerDelegate& delegate, const std::string& sid,
                                                 std::uint64_t first);
 
-/// Returns the rows of all chunks.
-[[nodiscard]] std::vector<KLVChunkRow> storedChunks(KLVChunkManagerDelegate& delegate);
+/// Returns the rows of all chunks, nullopt if the read failed.
+[[nodiscard]] std::optional<std::vector<KLVChunkRow>> storedChunks(KLVChunkManagerDelegate& delegate);
 
 }  // namespace kelvo

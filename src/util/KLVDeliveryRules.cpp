@@ -24,6 +24,7 @@ constexpr KLVDeliveryRules KLVDeliveryRules::complete{
     .cutsEveryEarlierSession = true,
     .sendsAggregateTails = true,
     .resendsWhileRunning = true,
+    .cutsAfterStartInBackground = true,
     .keepsRecordsOfTheCut = true,
     .keepsEarlyUserIdentifier = true,
     .leavesOutEmptyContainers = true,

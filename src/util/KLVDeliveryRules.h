@@ -23,6 +23,9 @@ struct KLVDeliveryRules {
   bool sendsAggregateTails = false;
   /// Unaccepted chunks are resent while the process runs. Otherwise at the next launch.
   bool resendsWhileRunning = false;
+  /// A host that goes to the background before the start-up has ended gets its cut at the end of the start-up.
+  /// Otherwise at the next trigger.
+  bool cutsAfterStartInBackground = false;
   /// A chunk keeps the user, application and device records of its cut. Otherwise it gets those of each sending.
   bool keepsRecordsOfTheCut = false;
   /// `setUserIdentifier` before the end of the start-up is applied. Otherwise it is refused.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <set>
 
@@ -179,6 +180,32 @@ TEST(DeliveryTest, UnderCompleteTheUsersIdentifierIsKeptDuringTheStart) {
   recorder.advance(31s);
   EXPECT_EQ(at(recorder.service().chunks().back(), {"chunk_details", "user_attributes", "custom_user_id"}),
             Value("cem"));
+}
+
+TEST(DeliveryTest, WhatEndsBeforeTheStartUpHasEndedIsCutAtItsEnd) {
+  const std::function<void()> leave = Application::willResignActive;
+  const std::function<void()> flush = [] { KelvoSDK::flush(0ms, {}); };
+  const struct {
+    kelvo::Delivery delivery;
+    std::function<void()> call;
+    std::size_t chunks;
+  } cases[] = {{kelvo::Delivery::complete, leave, 1},
+               {kelvo::Delivery::complete, flush, 1},
+               {kelvo::Delivery::classic, flush, 1},
+               {kelvo::Delivery::classic, leave, 0}};  // the timer cuts
+  for (const auto& [delivery, call, chunks] : cases) {
+    Recorder recorder{Recorder::NotStarted()};
+    recorder.service().fail("/enabled-status", Fault::late(300ms));
+    KelvoSDK::start(optionsWith(delivery));
+    KelvoSDK::logAppEventWithName("Early");
+    call();
+    recorder.advance(1s);
+    EXPECT_EQ(recorder.service().chunks().size(), chunks);
+    EXPECT_EQ(arrived(recorder), Texts(chunks, "Early"));
+    recorder.advance(30s);
+    EXPECT_EQ(recorder.service().chunks().size(), 1U) << "nothing is left for the timer";
+    EXPECT_EQ(recorder.delivered("klv_app_opened"), 1);
+  }
 }
 
 TEST(DeliveryTest, AGrantIsRememberedAndADenialObeyed) {

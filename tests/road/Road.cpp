@@ -15,6 +15,7 @@ Texts queried(const std::string& file, const std::string& query) {
   sqlite3* database = nullptr;
   sqlite3_open(file.c_str(), &database);
   const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(database, sqlite3_close);
+  sqlite3_busy_timeout(database, 20'000);  // another process may just open or close it
   Texts rows;
   const auto collect = [](void* all, int columns, char** values, char**) {
     std::string row;

@@ -61,7 +61,7 @@ TEST_F(StartedHandler, JobsOfAllKindsRunInTheOrderOfSubmission) {
 TEST_F(StartedHandler, WriteTogetherDeletesAllOrNothing) {
   handler.saveEventInfo(event("a"), "S");
   ASSERT_TRUE(handler.saveChunkMetaInfo(std::make_shared<KLVChunkMetaInfo>("S", 1, 1, 1, Array{5})));
-  const auto kept = [&] { return handler.getSessions().size() + handler.retrieveChunkMetaInfo().size(); };
+  const auto kept = [&] { return handler.getSessions().size() + handler.retrieveChunkMetaInfo()->size(); };
   for (const bool fails : {true, false}) {
     handler.writeTogether([&] {
       handler.deleteSession("S");
@@ -137,7 +137,7 @@ TEST_F(Handler, BeforeTheStartFilesWorkAndWritesOfRowsAreDropped) {
   handler.saveEventInfo(event("a"), "S");
   handler.deleteSession("S");
   EXPECT_EQ(handler.numberOfEventsWithIdentifier("S"), 0U);
-  EXPECT_TRUE(handler.retrieveChunkMetaInfo().empty());
+  EXPECT_TRUE(handler.retrieveChunkMetaInfo()->empty());
   EXPECT_EQ(handler.retrieveLifetimeEventWithName("a"), std::nullopt);
   EXPECT_FALSE(std::filesystem::exists(documents("kelvo-db")));
   handler.saveUserInfo(std::make_shared<KLVUser>("me"));

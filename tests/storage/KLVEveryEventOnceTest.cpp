@@ -128,7 +128,7 @@ TEST_F(EveryEvent, AChunksRowKeepsItsTimesAndTheRecordsOfItsCut) {
   EXPECT_FALSE(handler->saveChunkMetaInfo(chunk("S", 2, 9), records)) << "one id has one content";
   EXPECT_EQ(handler->retrieveChunkRecords("S_1"), records);
   EXPECT_EQ(handler->retrieveChunkRecords("S_2"), std::nullopt);
-  const auto rows = handler->retrieveChunkMetaInfo();
+  const auto rows = handler->retrieveChunkMetaInfo().value();
   ASSERT_EQ(rows.size(), 2U);
   EXPECT_EQ(rows[1]->additionalInfo(),
             (Dictionary{{"sid", "S"}, {"cid", 2}, {"reporting_times", Array{5}}, {"start", 1}, {"end", 4}}));
@@ -287,7 +287,7 @@ TEST_F(EveryEvent, AValueWithAQuoteIsCountedOrRefusedAndNeverRunsAsSQL) {
     }
     EXPECT_EQ(lifetime("plain"), 3);
     EXPECT_EQ(aggregated("plain", "k", "v"), 3);
-    EXPECT_EQ(handler->retrieveChunkMetaInfo().size(), 1U);
+    EXPECT_EQ(handler->retrieveChunkMetaInfo()->size(), 1U);
   }
   KLVDeliveryRules::choose(KLVDeliveryRules::classic);
 }

@@ -90,7 +90,7 @@ const std::vector<StoreOperation>& storeOperations() {
          return s.insertDataWithTableName("events_" + t, Row{{"id", 1}});
        }},
       {"exists", kQuoted, [](Store& s, Text t) { return s.tableExists(t).has_value(); }},
-      {"all of", kQuoted, [](Store& s, Text t) { return s.retrieveAllDataWithTableName("events_" + t).size() == 1; }},
+      {"all of", kQuoted, [](Store& s, Text t) { return s.retrieveAllDataWithTableName("events_" + t)->size() == 1; }},
       {"number of", kQuoted, [](Store& s, Text t) { return s.retrieveNumberOfRecordsInTable("events_" + t) == 1; }},
       {"last of", kQuoted, [](Store& s, Text t) { return s.lastIdentifierInTable("events_" + t) == 1U; }},
       {"drop", kQuoted, [](Store& s, Text t) { return s.removeTableWithName("events_" + t); }},

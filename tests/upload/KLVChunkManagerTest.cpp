@@ -34,7 +34,7 @@ class Delegate final : public KLVChunkManagerDelegate {
   std::size_t eventText = 1;
   static constexpr std::uint64_t kBytesOfAChunk = 100;
   std::uint64_t bytes = 0;
-  bool refusesToPost = false, refusesRows = false, failsReads = false, failsTransactions = false;
+  bool refusesToPost = false, refusesRows = false, failsReads = false, failsRows = false, failsTransactions = false;
 
   Texts done;  ///< the calls of the manager, in order
   std::vector<Dictionary> bodies;
@@ -83,7 +83,8 @@ class Delegate final : public KLVChunkManagerDelegate {
   Texts getSessions() override { return keysOf(sessions); }
   Texts getSessionsWithAggregates() override { return keysOf(aggregates); }
   Texts getSessionDirectories() override { return {directories.begin(), directories.end()}; }
-  std::vector<std::shared_ptr<KLVChunkMetaInfo>> retrieveChunkMetaInfo() override {
+  std::optional<std::vector<std::shared_ptr<KLVChunkMetaInfo>>> retrieveChunkMetaInfo() override {
+    if (failsRows) return std::nullopt;
     std::vector<std::shared_ptr<KLVChunkMetaInfo>> all;
     for (const auto& row : rows) {
       all.push_back(std::make_shared<KLVChunkMetaInfo>(row.sid, row.cid, row.start, row.end, Array{1}));
@@ -107,12 +108,15 @@ class Delegate final : public KLVChunkManagerDelegate {
   void updateChunkMetaInfo(const std::shared_ptr<KLVChunkMetaInfo>& meta) override {
     done.push_back("update " + meta->identifier());
   }
-  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t total) override {
+  void updateChunkMetaStatus(const std::shared_ptr<KLVInfo>& chunk, std::int64_t total,
+                             std::function<void()> committed) override {
+    if (failsTransactions) return;
     for (auto& row : rows) {
       if (KLVChunk::CMID(row.sid, row.cid) != chunk->identifier()) continue;
       row.sent = true;
       if (aggregates.count(row.sid) != 0) aggregates[row.sid].delivered = total;
     }
+    committed();
   }
   void deleteChunkMetaInfo(const std::shared_ptr<KLVInfo>& chunk) override {
     deleteIn(
@@ -454,7 +458,7 @@ TEST_F(CompleteChunkManager, RestartsWithANewSession) {
   addEvents("now", 3, 3);
   addEvents("later", 1, 1);
   delegate.running = "later";
-  manager->startSession("later");
+  manager->followSession();
   EXPECT_EQ(happened(), (Texts{"save now_2", "post now_2 of 1", "save later_1", "post later_1 of 1"}));
   answer(3);
   EXPECT_EQ(happened(), Texts{"purge now"}) << "the running session stays";
@@ -464,18 +468,29 @@ TEST_F(CompleteChunkManager, ASessionThatEndsBeforeItsStartIsHandledIsCutOnce) {
   addEvents("now", 1, 1);
   addEvents("short", 1, 2);
   addEvents("later", 1, 1);
-  delegate.running = "later";
   // The queue is late: both starts wait behind a flush.
   std::promise<void> late;
   manager->whenIdle([isLate = late.get_future().share()] { isLate.wait(); });
   manager->flushPreviousChunks();
-  manager->startSession("short");
-  manager->startSession("later");
+  delegate.running = "short";
+  manager->followSession();
+  delegate.running = "later";
+  manager->followSession();
   late.set_value();
-  EXPECT_EQ(happened(), (Texts{"save now_1", "post now_1 of 1", "save short_1", "post short_1 of 2", "save later_1",
+  EXPECT_EQ(happened(), (Texts{"save short_1", "post short_1 of 2", "save now_1", "post now_1 of 1", "save later_1",
                                "post later_1 of 1"}));
   answer(2);
-  EXPECT_EQ(happened(), (Texts{"purge now", "purge short"}));
+  EXPECT_EQ(happened(), (Texts{"purge short", "purge now"}));
+}
+
+TEST_F(CompleteChunkManager, NumbersAreNotUsedAgainIfTheRowsCannotBeRead) {
+  addEvents("old", 3, 5);  // those of the first chunk, and its row, left with its acceptance
+  addRow("old", 2, 3, 4, false);
+  delegate.failsRows = true;
+  EXPECT_EQ(flushed(), Texts());
+  delegate.failsRows = false;
+  EXPECT_EQ(happened(), (Texts{"update old_2", "post old_2 of 2", "save old_3", "post old_3 of 1"}))
+      << "the next trigger flushes";
 }
 
 TEST_F(CompleteChunkManager, CutsLongRangesOnceAndKeepsTheRecordsOfTheCut) {
@@ -539,6 +554,20 @@ TEST_F(LimitedChunkManager, EvictsWaitingChunksOfEarlierSessionsFirstAndNoneInFl
   manager->deliverNow(false, [&](bool) { posted.set_value(); });
   posted.get_future().wait();
   EXPECT_EQ(delegate.done, resent(7, 8));
+}
+
+TEST_F(LimitedChunkManager, AnAcceptanceThatCannotBeStoredSettlesItsChunkOnce) {
+  flushChunks(2);
+  EXPECT_EQ(happened(), resent(1, 2));
+  delegate.failsTransactions = true;
+  answer(1);
+  happened();
+  delegate.failsTransactions = false;
+  exceedBy(1);
+  EXPECT_EQ(happened(), Texts{"evict old_1"});
+  EXPECT_EQ(happened(), Texts()) << "the other chunk is still in flight";
+  answer(1);
+  EXPECT_EQ(happened(), Texts{"purge old"});
 }
 
 }  // namespace

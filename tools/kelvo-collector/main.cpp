@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +16,7 @@
 #include "kelvo-collector/http/Token.h"
 #include "kelvo-collector/store/Store.h"
 #include "kelvo-service/Documents.h"
+#include "kelvo-service/Parameters.h"
 #include "kelvo-service/ServiceState.h"
 #include "platform/Files.h"
 
@@ -78,12 +78,6 @@ int refuse(std::string_view argument) {
   std::fprintf(stderr, "kelvo-collector: cannot use \"%.*s\"; see kelvo-collector --help\n",
                static_cast<int>(argument.size()), argument.data());
   return kWrongUsage;
-}
-
-template <class Number>
-bool readNumber(std::string_view text, Number least, Number most, Number& number) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc() && end == text.data() + text.size() && number >= least && number <= most;
 }
 
 /// Returns the path of the store's file and makes its directory. Throws std::runtime_error if that fails.
@@ -160,8 +154,8 @@ int main(int count, char** arguments) {
     if (text != nullptr) *text = value;
     const bool isUsable = text != nullptr ? !value.empty()
                           : argument == "--port"
-                              ? readNumber(value, 0, kHighestPort, options.port)
-                              : readNumber(value, std::int64_t{1}, kMostMegabytes, options.keptMegabytes);
+                              ? kelvo::service::readNumber(value, 0, kHighestPort, options.port)
+                              : kelvo::service::readNumber(value, 1, kMostMegabytes, options.keptMegabytes);
     if (!isUsable) return refuse(value);
   }
   if (options.certificate.empty() != options.key.empty()) {

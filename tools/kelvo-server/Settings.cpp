@@ -1,11 +1,12 @@
 #include "kelvo-server/Settings.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <string_view>
+
+#include "kelvo-service/Parameters.h"
 
 namespace kelvo::server {
 namespace {
@@ -16,14 +17,7 @@ struct Flag {
   bool (*read)(Settings&, const std::string&);
 };
 
-template <class Number>
-bool readNumber(std::string_view text, std::uint64_t least, std::uint64_t most, Number& number) {
-  std::uint64_t read = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), read);
-  if (error != std::errc() || end != text.data() + text.size() || read < least || read > most) return false;
-  number = static_cast<Number>(read);
-  return true;
-}
+using service::readNumber;
 
 /// Reads "ADDRESS:PORT"; an IPv6 address may have brackets.
 bool readEndpoint(const std::string& text, Endpoint& endpoint) {

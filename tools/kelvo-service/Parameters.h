@@ -5,8 +5,19 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kelvo::service {
+
+/// Sets `number` and returns true if `text` is an integer from `least` to `most`.
+template <class Number>
+bool readNumber(std::string_view text, std::int64_t least, std::int64_t most, Number& number) {
+  std::int64_t read = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), read);
+  if (error != std::errc() || end != text.data() + text.size() || read < least || read > most) return false;
+  number = static_cast<Number>(read);
+  return true;
+}
 
 /// Reads the decoded parameters of a URL's query. It holds a reference to `pairs`, which must outlive it.
 class Parameters {
@@ -22,13 +33,8 @@ class Parameters {
   }
   /// Returns the value of `name` if it is an integer from `least` to `most`, else nullopt.
   [[nodiscard]] std::optional<std::int64_t> number(const char* name, std::int64_t least, std::int64_t most) const {
-    const std::string digits = text(name);
     std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (error != std::errc() || end != digits.data() + digits.size() || number < least || number > most) {
-      return std::nullopt;
-    }
-    return number;
+    return readNumber(text(name), least, most, number) ? std::optional(number) : std::nullopt;
   }
 
  private:
