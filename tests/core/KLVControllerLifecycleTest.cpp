@@ -7,6 +7,7 @@
 #include "platform/Clock.h"
 #include "platform/MainQueue.h"
 #include "platform/UserDefaults.h"
+#include "support/Eventually.h"
 #include "util/KLVDeliveryRules.h"
 
 namespace kelvo::test {
@@ -39,9 +40,9 @@ class Lifecycle : public CoreTest {
     }
     return all;
   }
-  /// Blocks until the service has an event `name` of `session`, 20 seconds at most.
+  /// Blocks until the service has an event `name` of `session`.
   void waitForEvent(const std::string& session, const std::string& name) {
-    for (int i = 0; i < 2000 && !arrived()[session].events.contains(name); ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_TRUE(eventually([&] { return arrived()[session].events.contains(name); }));
   }
   static std::string nameOf(const Value& event, const std::string& kind) {
     const Dictionary form = event.asDictionary().value();

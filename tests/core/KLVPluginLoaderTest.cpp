@@ -10,6 +10,7 @@
 #include "platform/MainQueue.h"
 #include "platform/ThreadSafety.h"
 #include "platform/UserDefaults.h"
+#include "support/Eventually.h"
 
 namespace kelvo::test {
 namespace {
@@ -107,7 +108,7 @@ TEST_F(Plugins, APlugInThatIsMissingOffLateOrThrowingLeavesTheOthersAlone) {
   for (int time = 0; time < 2; ++time) {
     Plugin::registerClass("Late", []() -> std::shared_ptr<Plugin> { return std::make_shared<Noting>(); });
   }
-  for (int i = 0; i < 10000 && loader.pluginDict().size() < 3; ++i) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(eventually([&] { return loader.pluginDict().size() == 3; }));
   EXPECT_EQ(loader.pluginDict(), (Dictionary{{"ThrowsAtEvents", true}, {"Noting", true}, {"Late", true}}));
   EXPECT_EQ(taken(), Texts{"started with gold"});
   EXPECT_EQ(log.count("<KLV ERROR> Ignoring a second plug-in class called Late"), 1u);

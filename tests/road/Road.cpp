@@ -2,10 +2,8 @@
 
 #include <sqlite3.h>
 
-#include <chrono>
 #include <filesystem>
 #include <memory>
-#include <thread>
 
 #include "platform/JSON.h"
 
@@ -88,15 +86,6 @@ std::string Road::bundle(const std::string& kelvo, const std::string& more) {
 
 void Road::setLogLevel(const std::string& level) {
   writeFileForTest(library("com.kelvo.SDK.config.json"), R"({"enable": true, "log_level": ")" + level + R"("})");
-}
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 Value at(const Value& value, std::initializer_list<std::string_view> path) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +10,7 @@
 #include "kelvo-collector/service/Script.h"
 #include "kelvo-service/ServiceState.h"
 #include "kelvo/Value.h"
+#include "support/Eventually.h"
 #include "support/Program.h"
 #include "support/TestHome.h"
 
@@ -142,9 +142,6 @@ class Road : public testing::Test {
 
 /// Runs an SQL query on the database `file`; see `Road::stored`.
 Texts queried(const std::string& file, const std::string& query);
-
-/// Polls until `condition` is true. Returns false if it is still false after a minute.
-bool eventually(const std::function<bool()>& condition);
 
 /// Returns the member at the end of a path of keys, null if there is none: `at(chunk, {"chunk_meta", "id"})`.
 Value at(const Value& value, std::initializer_list<std::string_view> path);

@@ -2,7 +2,6 @@
 
 #include <curl/curl.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
@@ -114,15 +113,6 @@ void inParallel(int count, const std::function<void(int)>& work) {
   std::vector<std::thread> threads;
   for (int i = 0; i < count; ++i) threads.emplace_back(work, i);
   for (std::thread& thread : threads) thread.join();
-}
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
 }
 
 ServerTest::ServerTest()

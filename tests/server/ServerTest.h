@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kelvo-server/Server.h"
+#include "support/Eventually.h"
 
 namespace kelvo::test {
 
@@ -76,8 +77,5 @@ class ServerTest : public testing::Test {
   const std::string chunks;  ///< path
   std::vector<std::unique_ptr<server::Server>> servers;
 };
-
-/// Blocks until `condition` holds. Returns false if it does not within 20 s.
-[[nodiscard]] bool eventually(const std::function<bool()>& condition);
 
 }  // namespace kelvo::test

@@ -181,15 +181,15 @@ TEST_F(Outages, ADeadlockIsTriedAgain) {
   // The server locks the device, then the session. It waits first, so it is the one that PostgreSQL ends.
   std::thread opposite([&] {
     sql("BEGIN; UPDATE sessions SET seconds = 0 WHERE app = '" + app +
-        "'; SELECT pg_sleep(0.5);"
-        " UPDATE devices SET token = NULL WHERE app = '" +
+        "'; DO $$ BEGIN WHILE NOT EXISTS (SELECT FROM pg_locks WHERE NOT granted) LOOP PERFORM pg_sleep(0.05);"
+        " END LOOP; END $$; UPDATE devices SET token = NULL WHERE app = '" +
         app + "'; COMMIT");
   });
   EXPECT_TRUE(
       eventually([] { return sql("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'PgSleep'") == "1"; }));
   EXPECT_EQ(post(server.port(), ChunkBody{.number = 2}.text()).status, 200);
   opposite.join();
-  EXPECT_GT(deadlocks(), before);
+  EXPECT_TRUE(eventually([&] { return deadlocks() > before; }));
   EXPECT_EQ(count("events"), 4);
 }
 

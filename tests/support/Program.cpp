@@ -9,17 +9,14 @@
 #include <atomic>
 #include <csignal>
 #include <stdexcept>
-#include <thread>
 
+#include "support/Eventually.h"
 #include "support/TestHome.h"
 
 extern char** environ;  // NOLINT: POSIX's own
 
 namespace kelvo::test {
 namespace {
-
-constexpr std::chrono::seconds kLongestWait{20};
-constexpr std::chrono::milliseconds kPollInterval{5};
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> all;
@@ -116,12 +113,7 @@ std::string Program::errors() const {
 }
 
 bool Program::waitFor(std::string (Program::*text)() const, const std::string& part) const {
-  const auto deadline = std::chrono::steady_clock::now() + kLongestWait;
-  while ((this->*text)().find(part) == std::string::npos) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(kPollInterval);
-  }
-  return true;
+  return eventually([&] { return (this->*text)().find(part) != std::string::npos; });
 }
 
 }  // namespace kelvo::test

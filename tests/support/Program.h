@@ -28,7 +28,7 @@ class Program {
   [[nodiscard]] pid_t id() const { return process_; }
   [[nodiscard]] std::string output() const;
   [[nodiscard]] std::string errors() const;
-  /// Blocks until the output (or the errors) contains `text`. Returns false if it does not within 20 seconds.
+  /// Blocks until the output (or the errors) contains `text`. Returns false if it does not within a minute.
   [[nodiscard]] bool waitForOutput(const std::string& text) const { return waitFor(&Program::output, text); }
   [[nodiscard]] bool waitForError(const std::string& text) const { return waitFor(&Program::errors, text); }
 
