@@ -49,45 +49,7 @@ class Lifecycle : public CoreTest {
     const bool isScreen = kind == "navigation_events";
     return description(form["name"]) + (isScreen ? " " + description(form["duration"]) : "");
   }
-  /// The host is away for `time`. The first and the last report come in one go, as after a suspend.
-  static void away(Clock::Duration time) {
-    Application::willResignActive();
-    Clock::advance(time);
-    Application::didBecomeActive();
-    settle();
-  }
 };
-
-TEST_F(Lifecycle, EverySessionAfterALongAbsenceIsWholeIfTheRulesSaySo) {
-  KLVDeliveryRules::choose(KLVDeliveryRules::complete);
-  start();
-  settle();
-  std::vector<std::string> sessions;
-  for (int absence = 0; absence <= 3; ++absence) {
-    if (absence > 0) away(2000s);
-    sessions.push_back(controller().getSessionId().value());
-    KelvoSDK::logAppEventWithName("Event " + std::to_string(absence));
-    Clock::advance(5s);
-  }
-  Application::willResignActive();
-  settle();
-  for (const std::string& session : sessions) waitForEvent(session, "BACKGROUND");
-  const auto all = arrived();
-  ASSERT_EQ(all.size(), 4u);
-  for (int i = 0; i <= 3; ++i) {
-    const Arrived& session = all.at(sessions[i]);
-    // The moving clock may make the timer cut, too: a session has up to one chunk for each of its three events.
-    EXPECT_EQ(session.info.rbegin()->first, static_cast<std::int64_t>(session.info.size()))
-        << "the numbers are 1, 2 ...";
-    EXPECT_LE(session.info.size(), 3U);
-    const Dictionary info = session.info.rbegin()->second;
-    EXPECT_EQ(session.events,
-              (Texts{"Event " + std::to_string(i), "BACKGROUND", i > 0 ? "FOREGROUND" : "klv_app_opened"}));
-    EXPECT_NEAR(info["duration"].asDouble(), 5, 3) << "no absence, and no stretch of another session";
-    EXPECT_EQ(info["launch_type"], Value(i > 0 ? "restart" : "normal"));
-  }
-  EXPECT_EQ(controller().getLifetimeSessionCount(), 4);
-}
 
 TEST_F(Lifecycle, TheEndOfALongAbsenceDividesTheCallsBetweenTheSessions) {
   KLVDeliveryRules::choose(KLVDeliveryRules::complete);

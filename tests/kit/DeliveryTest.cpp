@@ -100,6 +100,7 @@ TEST(DeliveryTest, AKioskDeliversTheSessionsBetweenThreeLongAbsencesWithoutARela
       Application::didBecomeActive();
     }
     KelvoSDK::logAppEventWithName(names.emplace_back("Visit" + std::to_string(visit)));
+    recorder.advance(4s);  // no timer cuts meanwhile
     Application::willResignActive();
     ASSERT_EQ(arrived(recorder), names) << visit;
   }
@@ -111,12 +112,13 @@ TEST(DeliveryTest, AKioskDeliversTheSessionsBetweenThreeLongAbsencesWithoutARela
     const bool isNew = sessions.insert(description(at(chunk, {"session_info", "id"}))).second;
     EXPECT_EQ(at(chunk, {"chunk_meta", "number"}) == Value(1), isNew) << description(chunk);
     EXPECT_EQ(description(at(chunk, {"session_info", "launch_type"})), sessions.size() == 1 ? "normal" : "restart");
-    EXPECT_EQ(at(chunk, {"session_info", "duration"}), Value(0)) << "an absence is no use";
+    EXPECT_EQ(at(chunk, {"session_info", "duration"}), Value(4)) << "no absence, and no stretch of another session";
     if (!isNew) continue;
-    EXPECT_EQ(namesIn(chunk, "system_events").front(), "FOREGROUND");
+    EXPECT_EQ(namesIn(chunk, "system_events"), (Texts{"FOREGROUND", "BACKGROUND"}));
     EXPECT_EQ(namesIn(chunk, "app_events").back(), names[sessions.size() - 1]) << "a call after FOREGROUND";
   }
   EXPECT_EQ(sessions.size(), 4U);
+  EXPECT_EQ(PluginServices::getLifetimeSessionCount(), 4);
 }
 
 TEST(DeliveryTest, UnderClassicRulesASessionAfterALongAbsenceIsNotStored) {
@@ -168,6 +170,28 @@ TEST(DeliveryTest, TheServicesListsDecideIfAnEventIsStoredCountedOrIgnored) {
                           [](const auto& line) { return line.find("/client-events?") != line.npos; }),
             2)
       << "unchanged lists are not downloaded again";
+}
+
+TEST(DeliveryTest, ADownloadedConfigurationAppliesFromTheNextLaunch) {
+  Recorder recorder;
+  recorder.service().configure("enable", false);
+  const auto collects = [&] {
+    recorder.relaunch();
+    return KelvoSDK::flushAndWait(1s).outcome != kelvo::FlushOutcome::notCollecting;
+  };
+  const auto downloads = [&] {
+    const auto requests = recorder.service().requests();
+    return std::count_if(requests.begin(), requests.end(),
+                         [](const auto& line) { return line.find("/v2/api/config/") != line.npos; });
+  };
+  EXPECT_TRUE(collects());
+  EXPECT_EQ(downloads(), 2);
+  EXPECT_FALSE(collects());
+  EXPECT_EQ(downloads(), 2) << "the saved hash is still valid";
+  fs::remove(recorder.home() + "/Library/com.kelvo.SDK.config.json");
+  EXPECT_TRUE(collects());
+  EXPECT_EQ(downloads(), 3) << "a hash does not count without its file";
+  EXPECT_FALSE(collects());
 }
 
 TEST(DeliveryTest, UnderCompleteTheUsersIdentifierIsKeptDuringTheStart) {

@@ -56,18 +56,6 @@ TEST_F(Road, TheLegacySwitchAppliesToOneLaunch) {
   EXPECT_EQ(launch().quit(), 0);
 }
 
-TEST_F(Road, ADownloadedConfigurationAppliesFromTheNextLaunch) {
-  service.state().setConfigurationValue("enable", false);
-  EXPECT_EQ(launch().quit(), 0);
-  EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u);
-  EXPECT_EQ(launch().quit(), 4);
-  EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 1u) << "the saved hash is still valid";
-  std::filesystem::remove(library("com.kelvo.SDK.config.json"));
-  EXPECT_EQ(launch().quit(), 0);
-  EXPECT_EQ(service.requests("/v2/api/config/shop/ios").size(), 2u) << "a hash does not count without its file";
-  EXPECT_EQ(launch().quit(), 4);
-}
-
 TEST_F(Road, TheConfigurationSetsTheLogLevel) {
   const std::tuple<const char*, std::size_t, std::size_t> cases[] = {
       {nullptr, 0, 0}, {"DEBUG", 0, 0}, {"warn", 0, 1}, {"debug", 1, 1}};
