@@ -24,6 +24,7 @@ std::vector<Thread> threadsOfLibrary(const Program& host) {
   const std::string process = std::to_string(host.id());
   for (const auto& entry : std::filesystem::directory_iterator("/proc/" + process + "/task")) {
     const std::string status = contentOf(entry.path() / "status");
+    if (status.empty()) continue;  // the thread has just ended
     const auto field = [&](const char* name) { return linesAfter(std::string(name) + ":\t", status).at(0); };
     const bool isOurs = field("Name").rfind("kelvo.", 0) == 0;
     // The thread sanitizer has a thread with the program's name.
