@@ -124,7 +124,8 @@ TEST_F(Store, OneBadJobOfAGroupFailsAloneAndIsLoggedOnce) {
   jobs[6] = [](auto&) -> bool { throw std::runtime_error("cannot be cleaned"); };
   store->performGrouped(jobs);
   std::string stored;
-  for (const auto& row : store->retrieveAllDataWithTableName("events_S").value()) stored += description(row["id"]);
+  const auto rows = store->retrieveAllDataWithTableName("events_S");
+  for (const auto& row : rows.value()) stored += description(row["id"]);
   EXPECT_EQ(stored, "123689");
   EXPECT_EQ(seenByOthers, 0) << "a group is one transaction";
   EXPECT_EQ(log.count("KLVError 1: "), 1U);
