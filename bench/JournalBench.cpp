@@ -8,6 +8,7 @@
 
 #include "Parts.h"
 #include "journal/KLVJournal.h"
+#include "util/KLVDictionaryCoding.h"
 
 namespace kelvo::bench {
 namespace {
@@ -26,8 +27,8 @@ class OpenJournal {
   ~OpenJournal() { std::filesystem::remove_all(directory_); }
 
   KLVJournal* operator->() { return &journal_; }
-  std::uint64_t write(const Dictionary& info) {
-    return journal_.write(KLVJournalKind::appEvent, 0, Date(), name(1), &info);
+  std::uint64_t write(const std::string& info) {
+    return journal_.write(KLVJournalKind::appEvent, 0, Date(), name(1), info);
   }
 
  private:
@@ -38,7 +39,7 @@ class OpenJournal {
 /// Measures one write and one `finish`: together, they are what the journal costs a call.
 void JournalCall(benchmark::State& state) {
   OpenJournal journal;
-  const Dictionary info = attributes(1);
+  const std::string info = codedForm(attributes(1)).value();
   for (auto _ : state) journal->finish(journal.write(info));
 }
 BENCHMARK(JournalCall);
@@ -46,7 +47,7 @@ BENCHMARK(JournalCall);
 /// Writes alone, until the ring is half full.
 void JournalWrite(benchmark::State& state) {
   OpenJournal journal;
-  const Dictionary info = attributes(1);
+  const std::string info = codedForm(attributes(1)).value();
   std::vector<std::uint64_t> written(4000);
   while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(written.size()))) {
     for (auto& sequence : written) sequence = journal.write(info);
@@ -60,7 +61,7 @@ BENCHMARK(JournalWrite);
 /// One write a millisecond, with cold caches.
 void JournalPacedWrite(benchmark::State& state) {
   OpenJournal journal;
-  const Dictionary info = attributes(1);
+  const std::string info = codedForm(attributes(1)).value();
   for (auto _ : state) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const auto begin = std::chrono::steady_clock::now();

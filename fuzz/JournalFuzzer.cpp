@@ -4,8 +4,8 @@
 #include <string>
 
 #include "FuzzingInSilence.h"
-#include "journal/KLVJournalCoding.h"
 #include "journal/KLVJournalReader.h"
+#include "util/KLVDictionaryCoding.h"
 
 namespace kelvo::fuzz {
 namespace {
@@ -38,11 +38,9 @@ void read(std::string_view file) {
     require(std::string_view(nameOf(entry.call.kind)) != "unknown", "the kind is known");
     if (!entry.call.info) continue;
     callEveryConversion(*entry.call.info);
-    const auto size = codedSize(*entry.call.info);
-    require(size.has_value(), "what was read can be written");
-    std::string form(*size, '\0');
-    encode(*entry.call.info, reinterpret_cast<std::byte*>(form.data()));
-    require(decodeDictionary(form) == entry.call.info, "it reads back");
+    const auto form = codedForm(*entry.call.info);
+    require(form.has_value(), "what was read can be written");
+    require(decodeDictionary(*form) == entry.call.info, "it reads back");
   }
 }
 

@@ -23,9 +23,9 @@ namespace {
 /// Passes the calls of this process on to the journal.
 class Writer final : public KLVCallJournal {
  public:
-  [[nodiscard]] std::uint64_t write(const KLVCallRecord& record) noexcept override {
-    return KLVJournal::shared().write(static_cast<KLVJournalKind>(record.kind), record.flags, record.time, record.text,
-                                      record.info);
+  [[nodiscard]] std::uint64_t write(const KLVCodedCall& call) noexcept override {
+    return KLVJournal::shared().write(static_cast<KLVJournalKind>(call.kind), call.flags, call.time, call.text,
+                                      call.info);
   }
   void finish(std::uint64_t sequence) noexcept override { KLVJournal::shared().finish(sequence); }
 };

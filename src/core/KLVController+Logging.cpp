@@ -19,12 +19,12 @@ namespace {
 
 using Kind = KLVJournalKind;
 
-/// Has the journal keep the call, unless it has no `text`: such a call is refused.
-void record(const KLVWaitingCall& call, Kind kind, Date when, const std::optional<std::string>& text,
-            const std::optional<Dictionary>& info, bool shouldFlatten = false) {
-  if (!text) return;
+/// Returns a call for its ticket. The journal does not keep one without a text: it is refused.
+KLVCallRecord recordOf(Kind kind, const std::optional<std::string>& text, const KLVHostAttributes& info = {},
+                       bool shouldFlatten = false) {
   const std::uint8_t flags = shouldFlatten ? kKLVJournalFlattens : 0;
-  call.record({static_cast<std::uint8_t>(kind), flags, when, text, info ? &*info : nullptr});
+  const auto kept = text ? static_cast<std::uint8_t>(kind) : std::uint8_t{0};
+  return {kept, flags, Clock::now(), text, info.values ? &*info.values : nullptr};
 }
 
 /// Replaces `info` with its clean copy. Returns false, after one ERROR line, if it cannot be cleaned: the caller drops
@@ -39,12 +39,16 @@ bool clean(KLVHostAttributes& info) {
   }
 }
 
-/// The same for an event, which the ledger counts.
-bool cleanEvent(KLVHostAttributes& info) {
-  KLVLedger::shared().add(KLVLedgerEntry::logged);
-  const bool isClean = clean(info);
-  if (!isClean) KLVLedger::shared().add(KLVLedgerEntry::refusedUncleanable);
-  return isClean;
+/// Cleans and admits the call of an event, which the ledger counts. Returns a ticket of no call if it is refused.
+KLVWaitingCall admitEvent(Kind kind, const std::optional<std::string>& name, KLVHostAttributes& info,
+                          bool shouldFlatten = false) {
+  if (!clean(info)) {
+    KLVLedger::shared().refuse(KLVLedgerEntry::refusedUncleanable);
+    return {};
+  }
+  auto call = KLVWaitingCall::admit(recordOf(kind, name, info, shouldFlatten));
+  if (call) KLVLedger::shared().add(KLVLedgerEntry::logged);
+  return call;
 }
 
 void countNameless() {
@@ -58,18 +62,18 @@ bool isCountedAtItsCall(KLVEventType type) {
 
 }  // namespace
 
-void KLVController::setUserIdentifier(std::optional<std::string> identifier) {
+void KLVController::setUserIdentifier(const std::optional<std::string>& identifier) {
   if (!identifier) {
     KLV_ERROR("Identifier passed is nil");
     return;
   }
-  const auto call = KLVWaitingCall::uncounted();
-  record(call, Kind::userIdentifier, Clock::now(), identifier, std::nullopt);
-  submit([this, identifier = *std::move(identifier), call] {
+  auto call = KLVWaitingCall::uncounted(recordOf(Kind::userIdentifier, identifier));
+  if (!call) return;
+  submit([this, call = std::move(call)] {
     const auto state = gateState();
     const bool isEarly = state == CollectionGate::State::idle || state == CollectionGate::State::initialising;
     if (state == CollectionGate::State::running || (isEarly && KLVDeliveryRules::current().keepsEarlyUserIdentifier)) {
-      setAttributes({true, {{"custom_user_id", identifier}}, call});
+      setAttributes({true, {{"custom_user_id", call.text()}}, call});
     } else {
       KLV_ERROR("SDK not enabled - user identifier not set");
     }
@@ -82,50 +86,46 @@ void KLVController::logScreenWithName(const std::optional<std::string>& title) {
     KLV_WARN("Invalid title: {} given", title);
     return;
   }
-  auto call = KLVWaitingCall::admit();
+  auto call = KLVWaitingCall::admit(recordOf(Kind::screen, title));
   if (!call) return;
-  const Date when = Clock::now();
-  record(call, Kind::screen, when, title, std::nullopt);
-  submit([this, title = *title, when,
-          call = std::move(call)] { navigationMonitor_->logScreenWithName(title, when, call); },
+  submit([this, call = std::move(call)] { navigationMonitor_->logScreenWithName(*call.text(), call.time(), call); },
          HeldCalls::Kind::namedScreen);
 }
 
-void KLVController::logClientEventWithName(std::optional<std::string> name, KLVHostAttributes info,
+void KLVController::logClientEventWithName(const std::optional<std::string>& name, KLVHostAttributes info,
                                            bool shouldFlatten) {
-  auto call = KLVWaitingCall::admit();
-  if (!call || !cleanEvent(info)) return;
-  record(call, Kind::clientEvent, Clock::now(), name, info.values, shouldFlatten);
+  auto call = admitEvent(Kind::clientEvent, name, info, shouldFlatten);
+  if (!call) return;
   submit(
-      [this, name = std::move(name), info = std::move(info.values), shouldFlatten, call = std::move(call)] {
+      [this, shouldFlatten, call = std::move(call)] {
+        const auto name = call.text();
         if (!name) {
           countNameless();
           KLV_WARN("Improper app event logged");
           return;
         }
-        clientEventSource_.logEvent(*name, flattened(info.value_or(Dictionary()), shouldFlatten), std::nullopt, call);
+        clientEventSource_.logEvent(*name, flattened(call.attributes(), shouldFlatten), std::nullopt, call);
       },
       HeldCalls::Kind::event);
 }
 
-void KLVController::logAppEventWithName(std::optional<std::string> name, KLVHostAttributes info, bool shouldFlatten,
-                                        bool isAggregate) {
-  auto call = KLVWaitingCall::admit();
-  if (!call || !cleanEvent(info)) return;
-  const Date when = Clock::now();
-  record(call, isAggregate ? Kind::aggregateEvent : Kind::appEvent, when, name, info.values, shouldFlatten);
+void KLVController::logAppEventWithName(const std::optional<std::string>& name, KLVHostAttributes info,
+                                        bool shouldFlatten, bool isAggregate) {
+  auto call = admitEvent(isAggregate ? Kind::aggregateEvent : Kind::appEvent, name, info, shouldFlatten);
+  if (!call) return;
   submit(
-      [this, name = std::move(name), info = std::move(info.values), shouldFlatten, isAggregate, when,
-       call = std::move(call)] {
+      [this, shouldFlatten, isAggregate, call = std::move(call)] {
         if (const auto handler = dataHandler()) handler->catchUp();  // a queued call takes less memory than its event
         const pool::ShortTask shortTask;
+        const auto name = call.text();
         if (!name) {
           countNameless();
           KLV_WARN("Improper app event logged");
           return;
         }
-        Dictionary flat = flattened(info.value_or(Dictionary()), shouldFlatten);
-        if (!isAggregate) return appEventSource_.logEvent(*name, flat, KLVTimer::sharedTimer().timeAt(when), call);
+        Dictionary flat = flattened(call.attributes(), shouldFlatten);
+        const std::int64_t time = KLVTimer::sharedTimer().timeAt(call.time());
+        if (!isAggregate) return appEventSource_.logEvent(*name, flat, time, call);
         const auto event = aggregateEvent(*name, std::move(flat));
         event->setCall(call);
         processAggregateEventWithEvent(event);
@@ -143,14 +143,15 @@ void KLVController::setSessionCustomInfo(KLVHostAttributes info) {
 }
 
 void KLVController::setCustomInfo(KLVHostAttributes info, bool isUser) {
-  const auto call = KLVWaitingCall::admit(false);
-  if (!call || !clean(info)) return;
-  if (info.values && !info.values->empty()) {
-    const auto kind = static_cast<std::uint8_t>(isUser ? Kind::userAttributes : Kind::sessionAttributes);
-    call.record({kind, 0, Clock::now(), std::nullopt, &*info.values});
-  }
-  submit([this, info = std::move(info.values), isUser, call] {
-    if (!info || info->empty()) {
+  if (!clean(info)) return;
+  const bool isEmpty = !info.values || info.values->empty();
+  const auto kind =
+      isEmpty ? std::uint8_t{0} : static_cast<std::uint8_t>(isUser ? Kind::userAttributes : Kind::sessionAttributes);
+  auto call = KLVWaitingCall::admit({kind, 0, Clock::now(), std::nullopt, isEmpty ? nullptr : &*info.values}, false);
+  if (!call) return;
+  submit([this, isUser, call = std::move(call)] {
+    auto attributes = call.attributes();
+    if (attributes.empty()) {
       // Kept: the message is the same if the service allows collection.
       if (isUser) {
         KLV_ERROR("SDK not enabled - user attributes won't get logged");
@@ -159,7 +160,7 @@ void KLVController::setCustomInfo(KLVHostAttributes info, bool isUser) {
       }
       return;
     }
-    setAttributes({isUser, *info, call});
+    setAttributes({isUser, std::move(attributes), call});
   });
 }
 
@@ -178,19 +179,18 @@ void KLVController::setAttributes(const BufferedAttributes& call) {
   }
 }
 
-void KLVController::reportCustomError(std::optional<std::string> error, KLVHostAttributes info) {
-  auto call = KLVWaitingCall::admit();
-  if (!call || !cleanEvent(info)) return;
-  const Date when = Clock::now();
-  record(call, Kind::customError, when, error, info.values);
+void KLVController::reportCustomError(const std::optional<std::string>& error, KLVHostAttributes info) {
+  auto call = admitEvent(Kind::customError, error, info);
+  if (!call) return;
   submit(
-      [this, error = std::move(error), info = std::move(info.values), when, call = std::move(call)] {
+      [this, call = std::move(call)] {
+        const auto error = call.text();
         if (!error) {
           countNameless();
           KLV_WARN("Improper observation reported");
           return;
         }
-        observationSource_.logEvent(*error, info.value_or(Dictionary()), KLVTimer::sharedTimer().timeAt(when), call);
+        observationSource_.logEvent(*error, call.attributes(), KLVTimer::sharedTimer().timeAt(call.time()), call);
       },
       HeldCalls::Kind::event);
 }
@@ -204,9 +204,9 @@ void KLVController::logDeviceToken(const Value& token) {
   } else {
     return runOrHold([] { KLV_WARN("Invalid token object!"); });
   }
-  const auto call = KLVWaitingCall::uncounted();
-  record(call, Kind::deviceToken, Clock::now(), text, std::nullopt);
-  runOrHold([this, text, call] { verifyAndLogDeviceToken(text, call); });
+  runOrHold([this, call = KLVWaitingCall::uncounted(recordOf(Kind::deviceToken, text))] {
+    verifyAndLogDeviceToken(call.text(), call);
+  });
 }
 
 void KLVController::verifyAndLogDeviceToken(const Text& token, const KLVWaitingCall& call) {

@@ -65,13 +65,13 @@ class KLVController final : public KLVEventListener,
   [[nodiscard]] bool leavesEventsToNextLaunch();  ///< without the home, under the rules `complete`
 
   // --- Host calls. `KLVConsentControl` holds each of them until the user has decided.
-  void setUserIdentifier(Text identifier);
+  void setUserIdentifier(const Text& identifier);
   void logScreenWithName(const Text& title);
-  void logClientEventWithName(Text name, KLVHostAttributes info, bool shouldFlatten);
-  void logAppEventWithName(Text name, KLVHostAttributes info, bool shouldFlatten, bool isAggregate);
+  void logClientEventWithName(const Text& name, KLVHostAttributes info, bool shouldFlatten);
+  void logAppEventWithName(const Text& name, KLVHostAttributes info, bool shouldFlatten, bool isAggregate);
   void setUserCustomInfo(KLVHostAttributes info);
   void setSessionCustomInfo(KLVHostAttributes info);
-  void reportCustomError(Text error, KLVHostAttributes info);
+  void reportCustomError(const Text& error, KLVHostAttributes info);
   void logDeviceToken(const Value& token);
   void saveEvent(const EventRef& event, const Text& sessionId);  ///< never buffers it
   void markFatalAndUpdateDuration(std::optional<Date> duration, const Text& sessionId);

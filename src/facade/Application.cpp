@@ -31,8 +31,8 @@ void report(std::string_view notification, std::any userInfo) {
 /// Reports the activity, and records the call.
 void report(std::string_view notification, KLVJournalKind kind) {
   guarded([&] {
-    const KLVActivityReport activity{Clock::now(), KLVWaitingCall::uncounted()};
-    activity.call.record({static_cast<std::uint8_t>(kind), 0, activity.when});
+    const Date when = Clock::now();
+    const KLVActivityReport activity{when, KLVWaitingCall::uncounted({static_cast<std::uint8_t>(kind), 0, when})};
     report(notification, std::any(activity));
   });
 }
@@ -40,11 +40,10 @@ void report(std::string_view notification, KLVJournalKind kind) {
 /// Reports a screen, and records the call if the screen has appeared: only then does it make a stored event.
 void report(std::string_view notification, Screen screen) {
   if (notification == kDidShowViewController && screen.kind != ViewController::Kind::navigation) {
-    const auto call = std::make_shared<const KLVWaitingCall>(KLVWaitingCall::uncounted());
     const auto info = screen.title ? std::optional(Dictionary{{"title", *screen.title}}) : std::nullopt;
-    call->record({static_cast<std::uint8_t>(KLVJournalKind::didShow), 0, screen.reportedAt, screen.className,
-                  info ? &*info : nullptr});
-    screen.call = call;
+    screen.call = std::make_shared<const KLVWaitingCall>(
+        KLVWaitingCall::uncounted({static_cast<std::uint8_t>(KLVJournalKind::didShow), 0, screen.reportedAt,
+                                   screen.className, info ? &*info : nullptr}));
   }
   report(notification, std::any(std::move(screen)));
 }

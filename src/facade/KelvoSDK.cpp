@@ -30,13 +30,13 @@ KLVHostAttributes taken(OptionalDictionary&& info) {
 void logAppEvent(const char* caller, OptionalText&& name, OptionalDictionary&& info, bool shouldFlatten,
                  bool isAggregate) {
   constexpr auto kInfo = KLVLogger::Level::info;
-  auto event = taken(std::move(name));
+  const auto event = taken(std::move(name));
   auto attributes = taken(std::move(info));
   if (KLVLogger::writes(kInfo)) {
     KLVLogger::log(kInfo, caller, __LINE__, "Logging app event for event: {} with Info: {}", event,
                    KLVLogger::hostData(attributes.values));
   }
-  controller().logAppEventWithName(std::move(event), std::move(attributes), shouldFlatten, isAggregate);
+  controller().logAppEventWithName(event, std::move(attributes), shouldFlatten, isAggregate);
 }
 
 }  // namespace
@@ -67,9 +67,9 @@ void KelvoSDK::onReady(std::function<void(const Status&)> callback) noexcept {
 
 void KelvoSDK::setUserIdentifier(OptionalText identifier) noexcept {
   guarded([&] {
-    auto id = taken(std::move(identifier));
+    const auto id = taken(std::move(identifier));
     KLV_INFO("Setting user identifier {}", KLVLogger::hostData(id));
-    controller().setUserIdentifier(std::move(id));
+    controller().setUserIdentifier(id);
   });
 }
 
@@ -99,11 +99,11 @@ void KelvoSDK::setSessionCustomInfo(OptionalDictionary info) noexcept {
 
 void KelvoSDK::reportCustomError(OptionalText error, OptionalDictionary info) noexcept {
   guardedEvent([&] {
-    auto description = taken(std::move(error));
+    const auto description = taken(std::move(error));
     auto attributes = taken(std::move(info));
     KLV_INFO("Reporting custom error: {} and info: {}", KLVLogger::hostData(description),
              KLVLogger::hostData(attributes.values));
-    controller().reportCustomError(std::move(description), std::move(attributes));
+    controller().reportCustomError(description, std::move(attributes));
   });
 }
 
@@ -117,10 +117,10 @@ void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info
 
 void KelvoSDK::logClientEventWithName(OptionalText name, OptionalDictionary info, bool shouldFlatten) noexcept {
   guardedEvent([&] {
-    auto event = taken(std::move(name));
+    const auto event = taken(std::move(name));
     auto attributes = taken(std::move(info));
     KLV_INFO("Logging client event for event: {} with Info: {}", event, KLVLogger::hostData(attributes.values));
-    controller().logClientEventWithName(std::move(event), std::move(attributes), shouldFlatten);
+    controller().logClientEventWithName(event, std::move(attributes), shouldFlatten);
   });
 }
 

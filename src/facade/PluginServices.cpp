@@ -150,9 +150,9 @@ void PluginServices::dispatchEvent(KLVEventType type, OptionalText name, Optiona
       throw;
     }
     const auto given = taken(std::move(name));
-    const auto call = KLVWaitingCall::uncounted();
-    call.record({static_cast<std::uint8_t>(KLVJournalKind::pluginEvent), static_cast<std::uint8_t>(type), Clock::now(),
-                 given, info ? &*info : nullptr});
+    const auto call =
+        KLVWaitingCall::uncounted({static_cast<std::uint8_t>(KLVJournalKind::pluginEvent),
+                                   static_cast<std::uint8_t>(type), Clock::now(), given, info ? &*info : nullptr});
     if (KLVPluginEventSource(controller()).logEvent(type, given, info.value_or(Dictionary()), call)) return;
     KLV_ERROR("Plug-ins dispatch no events of type {}; ignoring {}", stringFromType(type), given);
   });

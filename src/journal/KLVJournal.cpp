@@ -13,6 +13,7 @@
 #include "platform/Files.h"
 #include "platform/ProcessWide.h"
 #include "platform/Thread.h"
+#include "util/KLVDictionaryCoding.h"
 #include "util/KLVLogger.h"
 
 namespace kelvo {
@@ -28,18 +29,38 @@ constexpr std::uint64_t kGap = std::uint64_t{1} << 20;
 constexpr std::uint64_t kGapToUnknown = std::uint64_t{1} << 34;
 constexpr std::uint64_t kLargestFactor = std::uint64_t{1} << 14;
 
-KLVJournalCallView viewOf(const KLVJournalEntry& entry) {
-  const KLVJournalCall& call = entry.call;
-  return {call.kind, call.flags, call.time, entry.session, call.text, call.info ? &*call.info : nullptr};
-}
-
-std::uint64_t slotsFor(const std::vector<KLVJournalEntry>& entries) {
-  std::uint64_t slots = 0;
-  for (const auto& entry : entries) {
-    slots += KLVJournalEntryHeader::slotsFor(KLVJournalRing::contentSize(viewOf(entry)).value_or(0));
+/// Writes earlier entries into a new file.
+class Copy {
+ public:
+  /// `entries` must outlive the copy.
+  explicit Copy(const std::vector<KLVJournalEntry>& entries) : entries_(entries) {
+    for (const auto& entry : entries) {
+      infos_.push_back(entry.call.info ? codedForm(*entry.call.info) : std::nullopt);
+      slots_ += KLVJournalEntryHeader::slotsFor(sizeOf(call(infos_.size() - 1)));
+    }
   }
-  return slots;
-}
+
+  [[nodiscard]] std::uint64_t slots() const noexcept { return slots_; }
+  /// Returns the new numbers.
+  [[nodiscard]] std::vector<std::uint64_t> writeTo(KLVJournalRing& ring) const {
+    std::vector<std::uint64_t> numbers;
+    for (std::size_t i = 0; i < entries_.size(); ++i) numbers.push_back(ring.write(call(i), sizeOf(call(i))));
+    return numbers;
+  }
+
+ private:
+  static std::uint32_t sizeOf(const KLVJournalCallView& call) noexcept {
+    return KLVJournalRing::contentSize(call).value_or(0);
+  }
+  [[nodiscard]] KLVJournalCallView call(std::size_t index) const {
+    const auto& [sequence, session, call] = entries_[index];
+    return {call.kind, call.flags, call.time, session, call.text, infos_[index]};
+  }
+
+  const std::vector<KLVJournalEntry>& entries_;
+  std::vector<std::optional<std::string>> infos_;
+  std::uint64_t slots_ = 0;
+};
 
 /// Returns `bytes` rounded up to whole pages.
 std::uint64_t wholePages(std::uint64_t bytes) {
@@ -134,7 +155,8 @@ std::unique_ptr<KLVJournal::Opened> KLVJournal::make(const KLVJournalSettings& s
                                                      const KLVJournalFormers& formers, std::uint64_t epoch,
                                                      std::uint64_t latest,
                                                      std::vector<KLVJournalEntry>& entries) const {
-  const std::uint64_t needed = kJournalHeaderBytes + slotsFor(entries) * kJournalSlotBytes;
+  const Copy copy(entries);
+  const std::uint64_t needed = kJournalHeaderBytes + copy.slots() * kJournalSlotBytes;
   const std::uint64_t bytes = wholePages(std::max(settings.bytes, needed));
   KLVJournalFileHeader header;
   header.id = randomEpoch();
@@ -157,11 +179,7 @@ std::unique_ptr<KLVJournal::Opened> KLVJournal::make(const KLVJournalSettings& s
     if (!file) continue;
     std::byte* const memory = file->memory();
     auto opened = std::unique_ptr<Opened>(new Opened{place.path, *std::move(file), {memory, header}});
-    std::vector<std::uint64_t> numbers;
-    for (const auto& entry : entries) {
-      const auto view = viewOf(entry);
-      numbers.push_back(opened->ring.write(view, KLVJournalRing::contentSize(view).value_or(0)));
-    }
+    const auto numbers = copy.writeTo(opened->ring);
     if (!opened->file.keep(failure)) continue;
     // A kill before the mark is written leaves a file that does not count, and no call in it. The Library directory's
     // file, if there is one, still has its entries then.
@@ -197,7 +215,7 @@ void KLVJournal::replace(const KLVJournalFormers& formers, std::unique_ptr<Opene
 }
 
 std::uint64_t KLVJournal::write(KLVJournalKind kind, std::uint8_t flags, Date time,
-                                std::optional<std::string_view> text, const Dictionary* info) noexcept {
+                                std::optional<std::string_view> text, std::optional<std::string_view> info) noexcept {
   if (inForkedChild()) return 0;
   KLVJournalRing* const ring = ring_.load(std::memory_order_acquire);
   if (ring == nullptr || !ring->isOpen()) return 0;

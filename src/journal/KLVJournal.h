@@ -71,9 +71,10 @@ class KLVJournal {
 
   /// Copies a call into the journal. Once it returns, a kill cannot lose the call. Returns the entry's number. Returns
   /// 0 if the journal is closed or full, or if the call is larger than a quarter of it. No lock, no system call, no
-  /// allocation. `flags` and `info` as in `KLVJournalCall`; nullopt and nullptr are kept as such.
+  /// allocation. `flags` as in `KLVJournalCall`; `info` in the form of `KLVCodedDictionary`; nullopt is kept as such.
   [[nodiscard]] std::uint64_t write(KLVJournalKind kind, std::uint8_t flags, Date time,
-                                    std::optional<std::string_view> text, const Dictionary* info) noexcept;
+                                    std::optional<std::string_view> text,
+                                    std::optional<std::string_view> info) noexcept;
 
   /// Makes later entries carry the session's id, up to 255 bytes; an empty one means none. One thread at a time.
   void setSession(std::string_view session);

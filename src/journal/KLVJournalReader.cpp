@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "journal/KLVJournalCoding.h"
+#include "util/KLVDictionaryCoding.h"
 #include "util/KLVSanitiser.h"
 
 namespace kelvo {

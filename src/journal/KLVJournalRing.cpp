@@ -4,8 +4,6 @@
 #include <chrono>
 #include <thread>
 
-#include "journal/KLVJournalCoding.h"
-
 namespace kelvo {
 namespace {
 
@@ -47,9 +45,8 @@ std::uint64_t KLVJournalRing::slotsAt(std::uint64_t number) const noexcept {
 }
 
 std::optional<std::uint32_t> KLVJournalRing::contentSize(const KLVJournalCallView& call) noexcept {
-  const auto info = call.info != nullptr ? codedSize(*call.info) : std::optional<std::size_t>(0);
-  if (!info) return std::nullopt;
-  const std::size_t size = call.session.size() + (call.text ? call.text->size() : 0) + *info;
+  const std::size_t size =
+      call.session.size() + (call.text ? call.text->size() : 0) + (call.info ? call.info->size() : 0);
   return size <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(size)) : std::nullopt;
 }
 
@@ -106,14 +103,14 @@ void KLVJournalRing::fill(std::uint64_t number, std::uint32_t size, const KLVJou
   header.kind = static_cast<std::uint8_t>(call.kind);
   header.flags = call.flags;
   if (call.text) header.parts |= EntryHeader::kHasText;
-  if (call.info != nullptr) header.parts |= EntryHeader::kHasInfo;
+  if (call.info) header.parts |= EntryHeader::kHasInfo;
   header.sessionBytes = static_cast<std::uint8_t>(call.session.size());
   header.textBytes = call.text ? static_cast<std::uint32_t>(call.text->size()) : 0;
   std::byte* const slot = slotAt(number);
   std::memcpy(slot + kJournalSummedFrom, &header.sequence, sizeof(header) - kJournalSummedFrom);
   std::byte* next = putText(slot + sizeof(header), call.session);
   if (call.text) next = putText(next, *call.text);
-  if (call.info != nullptr) encode(*call.info, next);
+  if (call.info) putText(next, *call.info);
   const std::size_t summed = sizeof(header) - kJournalSummedFrom + size;
   const std::uint64_t sum = journalChecksum(slot + kJournalSummedFrom, summed) ^ EntryHeader::seal(number);
   std::memcpy(slot + offsetof(EntryHeader, checksum), &sum, sizeof(sum));

@@ -21,7 +21,7 @@ struct KLVJournalCallView {
   Date time{};
   std::string_view session{};  ///< up to 255 bytes
   std::optional<std::string_view> text{};
-  const Dictionary* info = nullptr;
+  std::optional<std::string_view> info{};  ///< in the form of `KLVCodedDictionary`
 };
 
 /// The entries of a journal in memory that is all zeros at first. KLVJournal.h describes the rules. Thread: any.

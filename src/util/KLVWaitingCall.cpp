@@ -1,12 +1,15 @@
 #include "util/KLVWaitingCall.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <exception>
-#include <new>
+#include <string_view>
 
 #include "platform/DispatchQueue.h"
 #include "platform/Problem.h"
 #include "platform/ProcessWide.h"
+#include "util/KLVDictionaryCoding.h"
 #include "util/KLVLogger.h"
 #include "util/KLVObserver.h"
 
@@ -32,26 +35,12 @@ void count(std::atomic<std::size_t>& calls, void (*line)(std::size_t calls)) noe
 
 }  // namespace
 
-/// A record that waits for the journal, in the list of all of them.
-struct KLVWaitingCall::Kept {
-  Kept(State& its, const KLVCallRecord& original) : state(&its), text(original.text.value_or("")), record(original) {
-    if (record.text) record.text = text;
-    if (record.info != nullptr) record.info = &info.emplace(*record.info);
-  }
-  State* state;
-  std::string text;
-  std::optional<Dictionary> info{};
-  KLVCallRecord record;  // of these two
-  Kept* before = nullptr;
-  Kept* after = nullptr;
-};
-
 std::atomic<std::size_t> KLVWaitingCall::waiting_{0};
 std::atomic<KLVWaitingCall::Phase> KLVWaitingCall::phase_{Phase::keeps};
 std::atomic<KLVCallJournal*> KLVWaitingCall::journal_{nullptr};
 Mutex KLVWaitingCall::mutex_;
-KLVWaitingCall::Kept* KLVWaitingCall::first_ = nullptr;
-KLVWaitingCall::Kept* KLVWaitingCall::last_ = nullptr;
+KLVWaitingCall::State* KLVWaitingCall::first_ = nullptr;
+KLVWaitingCall::State* KLVWaitingCall::last_ = nullptr;
 
 /// When a context has ended, no ticket is left.
 struct KLVWaitingCall::End {
@@ -63,16 +52,75 @@ const ResetAtEnd KLVWaitingCall::End::reset([] {
   phase_ = Phase::keeps;
 });
 
-KLVWaitingCall::KLVWaitingCall(bool counts, std::uint64_t sequence) noexcept
-    : state_(new (std::nothrow) State(counts, sequence)) {}
+KLVWaitingCall::State* KLVWaitingCall::State::make(const KLVCallRecord& record) noexcept {
+  const KLVCodedDictionary info(record.info);
+  const std::string_view text = record.text.value_or("");
+  if (!info.size() || std::max(text.size(), *info.size()) > UINT32_MAX) return nullptr;
+  void* const memory = ::operator new(sizeof(State) + text.size() + *info.size(), std::nothrow);
+  if (memory == nullptr) return nullptr;
+  auto* const state = ::new (memory) State;
+  state->kind = record.kind;
+  state->flags = record.flags;
+  state->time = record.time;
+  state->hasText = record.text.has_value();
+  state->textBytes = static_cast<std::uint32_t>(text.size());
+  state->hasInfo = record.info != nullptr;
+  state->infoBytes = static_cast<std::uint32_t>(*info.size());
+  auto* const bytes = reinterpret_cast<std::byte*>(state + 1);
+  if (!text.empty()) std::memcpy(bytes, text.data(), text.size());
+  info.copyTo(bytes + text.size());
+  return state;
+}
 
-KLVWaitingCall KLVWaitingCall::admit(bool isEvent) noexcept {
+KLVCodedCall KLVWaitingCall::State::call() const noexcept {
+  const auto* const bytes = reinterpret_cast<const char*>(this + 1);
+  KLVCodedCall call{kind, flags, time};
+  if (hasText) call.text.emplace(bytes, textBytes);
+  if (hasInfo) call.info.emplace(bytes + textBytes, infoBytes);
+  return call;
+}
+
+KLVWaitingCall KLVWaitingCall::admit(const KLVCallRecord& record, bool isEvent) noexcept {
   KLVWaitingCall call;
   if (waiting_.fetch_add(1, std::memory_order_relaxed) < KLVHostLimits::currentMostWaitingCalls()) {
-    call = KLVWaitingCall(true, 0);
+    call = KLVWaitingCall(State::make(record));
   }
-  if (!call) refuse(isEvent);
+  if (!call) {
+    refuse(isEvent);
+    return call;
+  }
+  call.state_->counts = true;
+  call.record(record);
   return call;
+}
+
+KLVWaitingCall KLVWaitingCall::uncounted(const KLVCallRecord& record) noexcept {
+  KLVWaitingCall call(State::make(record));
+  if (call) call.record(record);
+  return call;
+}
+
+KLVWaitingCall KLVWaitingCall::ofEntry(std::uint64_t sequence) noexcept {
+  KLVWaitingCall call(State::make({}));
+  if (call) {
+    call.state_->isOfEarlierProcess = true;
+    call.state_->sequence = sequence;
+  }
+  return call;
+}
+
+Date KLVWaitingCall::time() const noexcept {
+  return state_ != nullptr ? state_->time : Date();
+}
+
+std::optional<std::string> KLVWaitingCall::text() const {
+  const auto text = state_ != nullptr ? state_->call().text : std::nullopt;
+  return text ? std::optional<std::string>(*text) : std::nullopt;
+}
+
+Dictionary KLVWaitingCall::attributes() const {
+  const auto info = state_ != nullptr ? state_->call().info : std::nullopt;
+  return info ? decodeDictionary(*info).value_or(Dictionary()) : Dictionary();
 }
 
 void KLVWaitingCall::refuse(bool isEvent) noexcept {
@@ -83,8 +131,8 @@ void KLVWaitingCall::refuse(bool isEvent) noexcept {
   });
 }
 
-void KLVWaitingCall::write(State& state, const KLVCallRecord& record, KLVCallJournal& journal) noexcept {
-  const std::uint64_t sequence = journal.write(record);
+void KLVWaitingCall::write(State& state, KLVCallJournal& journal) noexcept {
+  const std::uint64_t sequence = journal.write(state.call());
   state.sequence.store(sequence, std::memory_order_relaxed);
   if (sequence != 0) return;
   count(unrecorded, [](std::size_t calls) {
@@ -92,30 +140,21 @@ void KLVWaitingCall::write(State& state, const KLVCallRecord& record, KLVCallJou
   });
 }
 
+/// Writes the call into the journal, or has it wait until the journal is open.
 void KLVWaitingCall::record(const KLVCallRecord& record) const noexcept {
-  if (state_ == nullptr) return;
+  if (record.kind == 0) return;
   observer::called(record);
   const Phase phase = phase_.load(std::memory_order_acquire);
   if (phase == Phase::ignores) return;
-  if (phase == Phase::writes) return write(*state_, record, *journal_.load(std::memory_order_relaxed));
+  if (phase == Phase::writes) return write(*state_, *journal_.load(std::memory_order_relaxed));
   const Lock lock(mutex_);
-  if (phase_ == Phase::writes) return write(*state_, record, *journal_);
-  if (phase_ == Phase::ignores) return;
-  Kept* kept = nullptr;
-  try {
-    kept = new Kept(*state_, record);
-  } catch (const std::bad_alloc&) {
-    return;  // as with a full journal
-  }
-  kept->before = last_;
-  (last_ != nullptr ? last_->after : first_) = kept;
-  last_ = kept;
-  state_->kept = kept;
+  if (phase_ == Phase::writes) return write(*state_, *journal_);
+  if (phase_ == Phase::keeps) keep(*state_);
 }
 
 void KLVWaitingCall::end(State* state) noexcept {
   if (state->counts) waiting_.fetch_sub(1, std::memory_order_relaxed);
-  if (state->kept.load(std::memory_order_acquire) != nullptr) forget(*state);
+  if (state->isKept.load(std::memory_order_acquire)) forget(*state);
   if (const std::uint64_t sequence = state->sequence.load(std::memory_order_relaxed); sequence != 0) {
     if (auto* journal = journal_.load(std::memory_order_acquire)) journal->finish(sequence);
   }
@@ -133,20 +172,25 @@ void KLVWaitingCall::leaveToNextLaunch() const noexcept {
   if (state_ != nullptr) state_->sequence.store(0, std::memory_order_relaxed);
 }
 
-/// Removes the record of a call that ends, unless the journal has it meanwhile.
+void KLVWaitingCall::keep(State& state) noexcept {
+  state.before = last_;
+  (last_ != nullptr ? last_->after : first_) = &state;
+  last_ = &state;
+  state.isKept = true;
+}
+
+/// Has a call that ends wait no longer, unless the journal has it meanwhile.
 void KLVWaitingCall::forget(State& state) noexcept {
   const Lock lock(mutex_);
-  Kept* const kept = state.kept;
-  if (kept == nullptr) return;
-  (kept->before != nullptr ? kept->before->after : first_) = kept->after;
-  (kept->after != nullptr ? kept->after->before : last_) = kept->before;
-  delete kept;
+  if (!state.isKept) return;
+  (state.before != nullptr ? state.before->after : first_) = state.after;
+  (state.after != nullptr ? state.after->before : last_) = state.before;
 }
 
 void KLVWaitingCall::dropKept() {
   while (first_ != nullptr) {
-    first_->state->kept = nullptr;
-    delete std::exchange(first_, first_->after);
+    State* const state = std::exchange(first_, first_->after);
+    state->isKept.store(false, std::memory_order_release);  // from now on, its last copy may delete it
   }
   last_ = nullptr;
 }
@@ -154,9 +198,7 @@ void KLVWaitingCall::dropKept() {
 void KLVWaitingCall::openJournal(KLVCallJournal& journal) {
   const Lock lock(mutex_);
   journal_ = &journal;
-  for (const Kept* kept = first_; kept != nullptr; kept = kept->after) {
-    write(*kept->state, kept->record, journal);
-  }
+  for (State* state = first_; state != nullptr; state = state->after) write(*state, journal);
   dropKept();
   phase_ = Phase::writes;
 }

@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include "core/CoreTest.h"
 #include "platform/Clock.h"
 #include "platform/HostInterface.h"
@@ -128,6 +130,19 @@ TEST_F(Controller, RefusesMissingArgumentsAndForwardsCompleteCalls) {
   EXPECT_EQ(controller().getLifetimeCountForEvents({}), std::nullopt);
   EXPECT_EQ(controller().getLifetimeCountForEvents({"klv_app_opened", "never"}),
             (Dictionary{{"klv_app_opened", 1}, {"never", 0}}));
+}
+
+TEST_F(Controller, ACallThatWaitsTakesLittleMoreMemoryThanItsData) {
+  const auto log = [](int number) {
+    const Dictionary info{{"item", "book"},    {"shop", "Main Street"}, {"currency", "EUR"},  {"campaign", "spring"},
+                          {"payment", "card"}, {"quantity", 3},         {"position", number}, {"price", 12.5}};
+    controller().logAppEventWithName("Open Item", info, false, false);
+  };
+  constexpr int kCalls = 1000;
+  log(0);
+  const auto before = mallinfo2().uordblks;
+  for (int i = 1; i <= kCalls; ++i) log(i);
+  EXPECT_LT((mallinfo2().uordblks - before) / kCalls, 300U);
 }
 
 TEST_F(Controller, MarksARunningOrAStoredSessionAsCrashed) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,7 @@ class JournalTest : public testing::Test {
     journal = std::make_unique<KLVJournal>();
     return journal->open(settings, epoch, finished.largest(), finished);
   }
-  std::uint64_t write(const std::string& text, const Dictionary* info = nullptr) {
+  std::uint64_t write(const std::string& text, const std::optional<std::string>& info = std::nullopt) {
     return journal->write(KLVJournalKind::appEvent, 0, Date(), text, info);
   }
 

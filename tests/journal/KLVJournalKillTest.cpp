@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "journal/JournalTest.h"
+#include "util/KLVDictionaryCoding.h"
 
 namespace kelvo::test {
 namespace {
@@ -49,7 +50,7 @@ void writeCalls(KLVJournal& journal, Report& report, int thread) {
   std::vector<std::pair<std::uint64_t, int>> waiting;
   for (int call = 0; call < kMostCalls; ++call) {
     const Dictionary info{{"pad", std::string(random() % 300, 'x')}, {"call", call}};
-    const auto number = journal.write(KLVJournalKind::appEvent, 0, Date(), textOf(thread, call), &info);
+    const auto number = journal.write(KLVJournalKind::appEvent, 0, Date(), textOf(thread, call), codedForm(info));
     const auto index = static_cast<std::size_t>(thread);
     if (number == 0) report.isFinishing[index][static_cast<std::size_t>(call)] = true;  // full: it may be lost
     report.returned[index] = call + 1;

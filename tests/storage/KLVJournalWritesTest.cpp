@@ -21,7 +21,7 @@ using Numbers = std::vector<std::uint64_t>;
 
 /// Remembers which calls are finished.
 struct Finished final : KLVCallJournal {
-  [[nodiscard]] std::uint64_t write(const KLVCallRecord& record) noexcept override { return record.flags; }
+  [[nodiscard]] std::uint64_t write(const KLVCodedCall& call) noexcept override { return call.flags; }
   void finish(std::uint64_t number) noexcept override { numbers.push_back(number); }
   Numbers numbers;
 };
@@ -36,11 +36,7 @@ class FinishedCalls : public testing::Test {
   }
   ~FinishedCalls() override { KLVWaitingCall::closeJournal(); }
 
-  static KLVWaitingCall call(std::uint8_t number) {
-    auto made = KLVWaitingCall::uncounted();
-    made.record({.kind = 1, .flags = number});
-    return made;
-  }
+  static KLVWaitingCall call(std::uint8_t number) { return KLVWaitingCall::uncounted({.kind = 1, .flags = number}); }
   static std::shared_ptr<KLVEvent> event(KLVWaitingCall made, KLVEventType type = KLVEventType::app) {
     auto event = std::make_shared<KLVObservationEvent>(type);
     event->setIdentifier("a");
@@ -136,11 +132,7 @@ TEST(FinishedCallsOfADatabase, AreNoneIfItIsDamagedMissingOrOld) {
 TEST(WaitingCall, IsRecordedOnceTheJournalIsOpenIfItStillWaits) {
   Finished journal;
   KLVWaitingCall::suspendJournal();
-  const auto recorded = [](std::uint8_t number) {
-    auto call = KLVWaitingCall::admit();
-    call.record({.kind = 1, .flags = number});
-    return call;
-  };
+  const auto recorded = [](std::uint8_t number) { return KLVWaitingCall::admit({.kind = 1, .flags = number}); };
   auto first = recorded(1), over = recorded(2), last = recorded(3);
   EXPECT_EQ(first.sequence(), 0U);
   over = {};

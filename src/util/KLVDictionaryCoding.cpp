@@ -1,7 +1,6 @@
-#include "journal/KLVJournalCoding.h"
+#include "util/KLVDictionaryCoding.h"
 
 #include <cstring>
-#include <string>
 #include <utility>
 
 namespace kelvo {
@@ -28,94 +27,87 @@ enum class Tag : std::uint8_t {
 constexpr unsigned kBitsOfByte = 7;
 constexpr std::uint64_t kMore = 0x80;  // another byte of the count follows
 
-/// Counts the bytes that a `Writer` writes.
-struct Counter {
+/// Writes to `target` while there is room. Counts all bytes.
+struct Writer {
+  std::byte* const target;
+  const std::size_t room;
   std::size_t size = 0;
 
-  void bytes(const void*, std::size_t count) noexcept { size += count; }
-  void byte(std::uint8_t) noexcept { ++size; }
-};
-
-struct Writer {
-  std::byte* next;
-
   void bytes(const void* source, std::size_t count) noexcept {
-    if (count > 0) std::memcpy(next, source, count);
-    next += count;
+    if (count > 0 && size + count <= room) std::memcpy(target + size, source, count);
+    size += count;
   }
-  void byte(std::uint8_t value) noexcept { *next++ = static_cast<std::byte>(value); }
+  void byte(std::uint8_t value) noexcept {
+    if (size < room) target[size] = static_cast<std::byte>(value);
+    ++size;
+  }
 };
 
-template <class Sink>
-void put(Sink& sink, Tag tag) {
-  sink.byte(static_cast<std::uint8_t>(tag));
+void put(Writer& writer, Tag tag) {
+  writer.byte(static_cast<std::uint8_t>(tag));
 }
 
-template <class Sink>
-void putCount(Sink& sink, std::uint64_t count) {
-  for (; count >= kMore; count >>= kBitsOfByte) sink.byte(static_cast<std::uint8_t>(count | kMore));
-  sink.byte(static_cast<std::uint8_t>(count));
+void putCount(Writer& writer, std::uint64_t count) {
+  for (; count >= kMore; count >>= kBitsOfByte) writer.byte(static_cast<std::uint8_t>(count | kMore));
+  writer.byte(static_cast<std::uint8_t>(count));
 }
 
-template <class Sink, class Bytes>
-void putBytes(Sink& sink, const Bytes& bytes) {
-  putCount(sink, bytes.size());
-  sink.bytes(bytes.data(), bytes.size());
+template <class Bytes>
+void putBytes(Writer& writer, const Bytes& bytes) {
+  putCount(writer, bytes.size());
+  writer.bytes(bytes.data(), bytes.size());
 }
 
-template <class Sink, class Number>
-void putNumber(Sink& sink, Tag tag, Number number) {
-  put(sink, tag);
-  sink.bytes(&number, sizeof(number));
+template <class Number>
+void putNumber(Writer& writer, Tag tag, Number number) {
+  put(writer, tag);
+  writer.bytes(&number, sizeof(number));
 }
 
-template <class Sink>
-bool put(Sink& sink, const Dictionary& dictionary, int levels);
+bool put(Writer& writer, const Dictionary& dictionary, int levels);
 
 /// Returns false if the value has more than `levels` levels.
-template <class Sink>
-bool put(Sink& sink, const Value& value, int levels) {
+bool put(Writer& writer, const Value& value, int levels) {
   if (const auto* text = value.get<std::string>()) {
-    put(sink, Tag::text);
-    putBytes(sink, *text);
+    put(writer, Tag::text);
+    putBytes(writer, *text);
   } else if (const auto* integer = value.get<std::int64_t>()) {
-    putNumber(sink, Tag::integer, *integer);
+    putNumber(writer, Tag::integer, *integer);
   } else if (const auto* large = value.get<std::uint64_t>()) {
-    putNumber(sink, Tag::unsignedInteger, *large);
+    putNumber(writer, Tag::unsignedInteger, *large);
   } else if (const auto* number = value.get<double>()) {
-    putNumber(sink, Tag::number, *number);
+    putNumber(writer, Tag::number, *number);
   } else if (const auto* flag = value.get<bool>()) {
-    put(sink, *flag ? Tag::yes : Tag::no);
+    put(writer, *flag ? Tag::yes : Tag::no);
   } else if (const auto* single = value.get<float>()) {
-    putNumber(sink, Tag::single, *single);
+    putNumber(writer, Tag::single, *single);
   } else if (const auto* inner = value.get<Dictionary>()) {
-    put(sink, Tag::dictionary);
-    return put(sink, *inner, levels);
+    put(writer, Tag::dictionary);
+    return put(writer, *inner, levels);
   } else if (const auto* array = value.get<Array>()) {
     if (levels == 0) return false;
-    put(sink, Tag::array);
-    putCount(sink, array->size());
+    put(writer, Tag::array);
+    putCount(writer, array->size());
     for (const Value& element : *array) {
-      if (!put(sink, element, levels - 1)) return false;
+      if (!put(writer, element, levels - 1)) return false;
     }
   } else if (const auto* data = value.get<Data>()) {
-    put(sink, Tag::data);
-    putBytes(sink, *data);
+    put(writer, Tag::data);
+    putBytes(writer, *data);
   } else if (const auto* date = value.get<Date>()) {
-    putNumber(sink, Tag::date, std::int64_t{date->time_since_epoch().count()});
+    putNumber(writer, Tag::date, std::int64_t{date->time_since_epoch().count()});
   } else {
-    put(sink, Tag::null);
+    put(writer, Tag::null);
   }
   return true;
 }
 
-template <class Sink>
-bool put(Sink& sink, const Dictionary& dictionary, int levels) {
+bool put(Writer& writer, const Dictionary& dictionary, int levels) {
   if (levels == 0) return false;
-  putCount(sink, dictionary.size());
+  putCount(writer, dictionary.size());
   for (const auto& [key, value] : dictionary) {
-    putBytes(sink, key);
-    if (!put(sink, value, levels - 1)) return false;
+    putBytes(writer, key);
+    if (!put(writer, value, levels - 1)) return false;
   }
   return true;
 }
@@ -228,15 +220,31 @@ struct Decoder {
 
 }  // namespace
 
-std::optional<std::size_t> codedSize(const Dictionary& dictionary) noexcept {
-  Counter counter;
-  if (!put(counter, dictionary, kDeepest)) return std::nullopt;
-  return counter.size;
+KLVCodedDictionary::KLVCodedDictionary(const Dictionary* dictionary) noexcept : dictionary_(dictionary) {
+  if (dictionary == nullptr) return;
+  Writer writer{form_.data(), form_.size()};
+  if (put(writer, *dictionary, kDeepest)) {
+    size_ = writer.size;
+  } else {
+    size_.reset();
+  }
 }
 
-void encode(const Dictionary& dictionary, std::byte* target) noexcept {
-  Writer writer{target};
-  static_cast<void>(put(writer, dictionary, kDeepest));
+void KLVCodedDictionary::copyTo(std::byte* target) const noexcept {
+  if (*size_ <= form_.size()) {
+    std::memcpy(target, form_.data(), *size_);
+  } else {
+    Writer writer{target, *size_};
+    static_cast<void>(put(writer, *dictionary_, kDeepest));
+  }
+}
+
+std::optional<std::string> codedForm(const Dictionary& dictionary) {
+  const KLVCodedDictionary coded(&dictionary);
+  if (!coded.size()) return std::nullopt;
+  std::string form(*coded.size(), '\0');
+  coded.copyTo(reinterpret_cast<std::byte*>(form.data()));
+  return form;
 }
 
 std::optional<Dictionary> decodeDictionary(std::string_view bytes) {
