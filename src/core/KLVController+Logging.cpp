@@ -92,12 +92,19 @@ void KLVController::logScreenWithName(const std::optional<std::string>& title) {
          HeldCalls::Kind::namedScreen);
 }
 
+/// Blocks while many events wait to be classified or stored: a call that waits takes less memory than its event.
+void KLVController::waitForEarlierEvents() {
+  eventHandler_.catchUp();
+  if (const auto handler = dataHandler()) handler->catchUp();
+}
+
 void KLVController::logClientEventWithName(const std::optional<std::string>& name, KLVHostAttributes info,
                                            bool shouldFlatten) {
   auto call = admitEvent(Kind::clientEvent, name, info, shouldFlatten);
   if (!call) return;
   submit(
       [this, shouldFlatten, call = std::move(call)] {
+        waitForEarlierEvents();
         const auto name = call.text();
         if (!name) {
           countNameless();
@@ -115,7 +122,7 @@ void KLVController::logAppEventWithName(const std::optional<std::string>& name, 
   if (!call) return;
   submit(
       [this, shouldFlatten, isAggregate, call = std::move(call)] {
-        if (const auto handler = dataHandler()) handler->catchUp();  // a queued call takes less memory than its event
+        waitForEarlierEvents();
         const pool::ShortTask shortTask;
         const auto name = call.text();
         if (!name) {
@@ -184,6 +191,7 @@ void KLVController::reportCustomError(const std::optional<std::string>& error, K
   if (!call) return;
   submit(
       [this, call = std::move(call)] {
+        waitForEarlierEvents();
         const auto error = call.text();
         if (!error) {
           countNameless();

@@ -165,6 +165,7 @@ class KLVController final : public KLVEventListener,
   std::optional<Dictionary> getClientEvents();
   void setCustomInfo(KLVHostAttributes info, bool isUser);
   void setAttributes(const BufferedAttributes& call) EXCLUDES(mutex_);
+  void waitForEarlierEvents() EXCLUDES(mutex_);
   void verifyAndLogDeviceToken(const Text& token, const KLVWaitingCall& call) EXCLUDES(mutex_);
   bool storeRescuedEvents() EXCLUDES(mutex_, rescueMutex_);  ///< returns false if the newest file cannot be renamed
   ListenerRef asListener();

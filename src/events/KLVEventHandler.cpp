@@ -10,6 +10,9 @@
 namespace kelvo {
 namespace {
 
+/// About half a megabyte of memory.
+constexpr std::size_t kMostWaitingEvents = 256;
+
 /// The names of the library's own events, as they may stand in a list.
 constexpr std::string_view kOwnNames[] = {kKLVAppOpened, kKLVForeground, kKLVBackground, "Session", "Chunk"};
 
@@ -72,8 +75,10 @@ void KLVEventHandler::deRegisterIdentifer(std::string key, Listener listener) {
 }
 
 void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
+  waitingEvents_.fetch_add(1, std::memory_order_relaxed);
   queue_.async([this, event = std::move(event)] {
     queue_.assertCurrent();
+    waitingEvents_.fetch_sub(1, std::memory_order_relaxed);
     const pool::ShortTask shortTask;  // listeners have tasks of their own
     if (!classify(*event)) {
       KLVLedger::shared().add(KLVLedgerEntry::ignored);
@@ -83,6 +88,10 @@ void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
     deliver(event, objectsRegisteredOnType_, std::string(stringFromType(event->eventType())));
     deliver(event, objectsRegisteredOnIdentifier_, identifierKey(event->eventType(), event->identifier()));
   });
+}
+
+void KLVEventHandler::catchUp() {
+  if (waitingEvents_.load(std::memory_order_relaxed) > kMostWaitingEvents) queue_.sync([] {});
 }
 
 void KLVEventHandler::whenDelivered(std::function<void()> done) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -31,7 +33,7 @@ class KLVEventHandlerDelegate {
 ///
 /// Classification and deliveries run on one serial queue. Each delivery is a task of its own, so an event that is
 /// already queued is classified before an earlier event is delivered. The bus owns its listeners. A listener is
-/// registered at most once per key. Thread-safe; no method but `waitUntilDelivered` blocks.
+/// registered at most once per key. Thread-safe; only `catchUp` and `waitUntilDelivered` block.
 class KLVEventHandler {
  public:
   using Listener = std::shared_ptr<KLVEventListener>;
@@ -48,6 +50,8 @@ class KLVEventHandler {
   void deRegisterIdentifer(std::string key, Listener listener);
 
   void enqueueEvent(std::shared_ptr<KLVEvent> event);
+  /// Blocks while hundreds of events wait to be classified. Must not be called by a listener.
+  void catchUp();
   /// Sets the event's type by the lists. Returns false if the event is ignored.
   [[nodiscard]] bool classify(KLVEvent& event) const;
 
@@ -103,6 +107,7 @@ class KLVEventHandler {
   Table objectsRegisteredOnType_ GUARDED_BY(queue_);
   Table objectsRegisteredOnIdentifier_ GUARDED_BY(queue_);
 
+  std::atomic<std::size_t> waitingEvents_{0};  ///< that are not classified yet
   DispatchQueue queue_{"com.kelvo.serial.KLVEventHandler"};
 };
 
