@@ -105,13 +105,13 @@ void KLVController::logClientEventWithName(const std::optional<std::string>& nam
   submit(
       [this, shouldFlatten, call = std::move(call)] {
         waitForEarlierEvents();
-        const auto name = call.text();
-        if (!name) {
+        const auto text = call.text();
+        if (!text) {
           countNameless();
           KLV_WARN("Improper app event logged");
           return;
         }
-        clientEventSource_.logEvent(*name, flattened(call.attributes(), shouldFlatten), std::nullopt, call);
+        clientEventSource_.logEvent(*text, flattened(call.attributes(), shouldFlatten), std::nullopt, call);
       },
       HeldCalls::Kind::event);
 }
@@ -124,19 +124,19 @@ void KLVController::logAppEventWithName(const std::optional<std::string>& name, 
       [this, shouldFlatten, isAggregate, call = std::move(call)] {
         waitForEarlierEvents();
         const pool::ShortTask shortTask;
-        const auto name = call.text();
-        if (!name) {
+        const auto text = call.text();
+        if (!text) {
           countNameless();
           KLV_WARN("Improper app event logged");
           return;
         }
         Dictionary flat = flattened(call.attributes(), shouldFlatten);
         const std::int64_t time = KLVTimer::sharedTimer().timeAt(call.time());
-        if (!isAggregate) return appEventSource_.logEvent(*name, flat, time, call);
-        const auto event = aggregateEvent(*name, std::move(flat));
+        if (!isAggregate) return appEventSource_.logEvent(*text, flat, time, call);
+        const auto event = aggregateEvent(*text, std::move(flat));
         event->setCall(call);
         processAggregateEventWithEvent(event);
-        KLV_INFO("Aggregte event logged with name {}", *name);
+        KLV_INFO("Aggregte event logged with name {}", *text);
       },
       HeldCalls::Kind::event);
 }
@@ -192,13 +192,13 @@ void KLVController::reportCustomError(const std::optional<std::string>& error, K
   submit(
       [this, call = std::move(call)] {
         waitForEarlierEvents();
-        const auto error = call.text();
-        if (!error) {
+        const auto text = call.text();
+        if (!text) {
           countNameless();
           KLV_WARN("Improper observation reported");
           return;
         }
-        observationSource_.logEvent(*error, call.attributes(), KLVTimer::sharedTimer().timeAt(call.time()), call);
+        observationSource_.logEvent(*text, call.attributes(), KLVTimer::sharedTimer().timeAt(call.time()), call);
       },
       HeldCalls::Kind::event);
 }

@@ -13,8 +13,8 @@
 namespace kelvo {
 namespace {
 
-/// A few hundred kilobytes of memory, and a few dozen milliseconds of work.
-constexpr std::size_t kMaxWaitingWrites = 2048;
+/// A megabyte of memory, and about ten milliseconds of work.
+constexpr std::size_t kMaxWaitingWrites = 1024;
 
 /// Returns about the size of an event's row in the file.
 std::uint64_t bytesOf(const Dictionary& row) {
