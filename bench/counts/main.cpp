@@ -17,6 +17,7 @@
 #include "upload/KLVChunkDetails.h"
 #include "util/KLVSanitiser.h"
 #include "util/KLVUtilities+Cleaning.h"
+#include "util/KLVWaitingCall.h"
 
 namespace {
 
@@ -56,6 +57,15 @@ void clean() {
   run(kCalls, [&](std::size_t number) {
     const auto taken = sanitisedAttributes(number % 2 == 0 ? good : bad);
     if (!taken.isClean) static_cast<void>(KLVUtilities::dictionaryByRemovingNullsAndEmptyValues(taken.values));
+  });
+}
+
+/// A call on its way through the queues: its data is coded on the caller's thread, and decoded when its turn comes.
+void keepCall() {
+  const Dictionary info = attributes(1);
+  KLVWaitingCall::closeJournal();
+  run(kCalls, [&](std::size_t number) {
+    static_cast<void>(KLVWaitingCall::uncounted({.text = name(number), .info = &info}).attributes());
   });
 }
 
@@ -114,6 +124,8 @@ int main(int count, char** arguments) {
     kelvo::bench::makeAttributes();
   else if (part == "cleaning")
     kelvo::bench::clean();
+  else if (part == "waiting")
+    kelvo::bench::keepCall();
   else if (part == "storing")
     kelvo::bench::storeEvents();
   else if (part == "chunk")

@@ -133,15 +133,15 @@ TEST_F(Controller, RefusesMissingArgumentsAndForwardsCompleteCalls) {
 }
 
 TEST_F(Controller, ACallThatWaitsTakesLittleMoreMemoryThanItsData) {
-  const auto log = [](int number) {
+  const auto logOne = [](int number) {
     const Dictionary info{{"item", "book"},    {"shop", "Main Street"}, {"currency", "EUR"},  {"campaign", "spring"},
                           {"payment", "card"}, {"quantity", 3},         {"position", number}, {"price", 12.5}};
     controller().logAppEventWithName("Open Item", info, false, false);
   };
   constexpr int kCalls = 1000;
-  log(0);
+  logOne(0);
   const auto before = mallinfo2().uordblks;
-  for (int i = 1; i <= kCalls; ++i) log(i);
+  for (int i = 1; i <= kCalls; ++i) logOne(i);
   EXPECT_LT((mallinfo2().uordblks - before) / kCalls, 300U);
 }
 

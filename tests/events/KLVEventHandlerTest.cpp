@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 
 #include "records/KLVEvents.h"
@@ -118,6 +119,28 @@ TEST_F(EventHandler, DeliversToTypeListenersFirstAndToTheExactEventUnderItsNewTy
   bothAreQueued.set_value();
   EXPECT_EQ(happened(), (Texts{"for life Sale", "saved Home", "by type Sale", "exact Sale"}))
       << "both events are classified before the first is delivered";
+}
+
+TEST(BusyEventHandler, HoldsUpAProducerOnlyWhileHundredsOfEventsWait) {
+  struct Counter final : KLVEventHandlerDelegate {
+    void processAggregateEventWithEvent(const std::shared_ptr<KLVEvent>&) override {}
+    void saveEvent(const std::shared_ptr<KLVEvent>&) override { ++saved; }
+    void saveLifetimeEvent(const std::shared_ptr<KLVEvent>&) override {}
+    std::atomic<int> saved{0};
+  } counter;
+  KLVEventHandler bus(counter);
+  const auto enqueue = [&bus](int count) {
+    for (int i = 0; i < count; ++i) bus.enqueueEvent(std::make_shared<KLVEvent>(KLVEventType::app));
+  };
+  std::promise<void> release;
+  bus.whenClassified([held = release.get_future().share()] { held.wait(); });
+  enqueue(200);
+  bus.catchUp();  // must not block, or nobody releases the queue
+  enqueue(9800);
+  release.set_value();
+  bus.catchUp();
+  EXPECT_GE(counter.saved, 9000);
+  bus.waitUntilDelivered();
 }
 
 TEST_F(EventHandler, RemovesIdentifierListenersButKeepsListenersRegisteredByTypeAlone) {
