@@ -91,7 +91,8 @@ void KLVEventHandler::enqueueEvent(std::shared_ptr<KLVEvent> event) {
 }
 
 void KLVEventHandler::catchUp() {
-  if (waitingEvents_.load(std::memory_order_relaxed) > kMostWaitingEvents) queue_.sync([] {});
+  if (waitingEvents_.load(std::memory_order_relaxed) <= kMostWaitingEvents) return;
+  if (waitingDeliveries_ == 0) queue_.sync([] {});  // a listener may take its time
 }
 
 void KLVEventHandler::whenDelivered(std::function<void()> done) {
@@ -141,7 +142,14 @@ void KLVEventHandler::deliver(const std::shared_ptr<KLVEvent>& event, const Tabl
   const auto found = table.find(key);
   if (found == table.end()) return;
   for (const Listener& listener : found->second) {
-    queue_.async([event, listener] { listener->onEvent(event); });
+    ++waitingDeliveries_;
+    queue_.async([this, event, listener] {
+      struct End {
+        std::atomic<std::size_t>& waiting;
+        ~End() { --waiting; }
+      } const end{waitingDeliveries_};
+      listener->onEvent(event);
+    });
   }
 }
 

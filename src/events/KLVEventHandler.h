@@ -50,7 +50,8 @@ class KLVEventHandler {
   void deRegisterIdentifer(std::string key, Listener listener);
 
   void enqueueEvent(std::shared_ptr<KLVEvent> event);
-  /// Blocks while hundreds of events wait to be classified. Must not be called by a listener.
+  /// Blocks while hundreds of events wait to be classified, unless one waits for a listener or is with it. Must not be
+  /// called by a listener.
   void catchUp();
   /// Sets the event's type by the lists. Returns false if the event is ignored.
   [[nodiscard]] bool classify(KLVEvent& event) const;
@@ -108,6 +109,7 @@ class KLVEventHandler {
   Table objectsRegisteredOnIdentifier_ GUARDED_BY(queue_);
 
   std::atomic<std::size_t> waitingEvents_{0};  ///< that are not classified yet
+  std::atomic<std::size_t> waitingDeliveries_{0};
   DispatchQueue queue_{"com.kelvo.serial.KLVEventHandler"};
 };
 
