@@ -28,7 +28,7 @@ constexpr unsigned kBitsOfByte = 7;
 constexpr std::uint64_t kMore = 0x80;  // another byte of the count follows
 
 /// Writes to `target` while there is room. Counts all bytes.
-struct Writer {
+struct Encoder {
   std::byte* const target;
   const std::size_t room;
   std::size_t size = 0;
@@ -43,71 +43,71 @@ struct Writer {
   }
 };
 
-void put(Writer& writer, Tag tag) {
-  writer.byte(static_cast<std::uint8_t>(tag));
+void put(Encoder& encoder, Tag tag) {
+  encoder.byte(static_cast<std::uint8_t>(tag));
 }
 
-void putCount(Writer& writer, std::uint64_t count) {
-  for (; count >= kMore; count >>= kBitsOfByte) writer.byte(static_cast<std::uint8_t>(count | kMore));
-  writer.byte(static_cast<std::uint8_t>(count));
+void putCount(Encoder& encoder, std::uint64_t count) {
+  for (; count >= kMore; count >>= kBitsOfByte) encoder.byte(static_cast<std::uint8_t>(count | kMore));
+  encoder.byte(static_cast<std::uint8_t>(count));
 }
 
 template <class Bytes>
-void putBytes(Writer& writer, const Bytes& bytes) {
-  putCount(writer, bytes.size());
-  writer.bytes(bytes.data(), bytes.size());
+void putBytes(Encoder& encoder, const Bytes& bytes) {
+  putCount(encoder, bytes.size());
+  encoder.bytes(bytes.data(), bytes.size());
 }
 
 template <class Number>
-void putNumber(Writer& writer, Tag tag, Number number) {
-  put(writer, tag);
-  writer.bytes(&number, sizeof(number));
+void putNumber(Encoder& encoder, Tag tag, Number number) {
+  put(encoder, tag);
+  encoder.bytes(&number, sizeof(number));
 }
 
-bool put(Writer& writer, const Dictionary& dictionary, int levels);
+bool put(Encoder& encoder, const Dictionary& dictionary, int levels);
 
 /// Returns false if the value has more than `levels` levels.
-bool put(Writer& writer, const Value& value, int levels) {
+bool put(Encoder& encoder, const Value& value, int levels) {
   if (const auto* text = value.get<std::string>()) {
-    put(writer, Tag::text);
-    putBytes(writer, *text);
+    put(encoder, Tag::text);
+    putBytes(encoder, *text);
   } else if (const auto* integer = value.get<std::int64_t>()) {
-    putNumber(writer, Tag::integer, *integer);
+    putNumber(encoder, Tag::integer, *integer);
   } else if (const auto* large = value.get<std::uint64_t>()) {
-    putNumber(writer, Tag::unsignedInteger, *large);
+    putNumber(encoder, Tag::unsignedInteger, *large);
   } else if (const auto* number = value.get<double>()) {
-    putNumber(writer, Tag::number, *number);
+    putNumber(encoder, Tag::number, *number);
   } else if (const auto* flag = value.get<bool>()) {
-    put(writer, *flag ? Tag::yes : Tag::no);
+    put(encoder, *flag ? Tag::yes : Tag::no);
   } else if (const auto* single = value.get<float>()) {
-    putNumber(writer, Tag::single, *single);
+    putNumber(encoder, Tag::single, *single);
   } else if (const auto* inner = value.get<Dictionary>()) {
-    put(writer, Tag::dictionary);
-    return put(writer, *inner, levels);
+    put(encoder, Tag::dictionary);
+    return put(encoder, *inner, levels);
   } else if (const auto* array = value.get<Array>()) {
     if (levels == 0) return false;
-    put(writer, Tag::array);
-    putCount(writer, array->size());
+    put(encoder, Tag::array);
+    putCount(encoder, array->size());
     for (const Value& element : *array) {
-      if (!put(writer, element, levels - 1)) return false;
+      if (!put(encoder, element, levels - 1)) return false;
     }
   } else if (const auto* data = value.get<Data>()) {
-    put(writer, Tag::data);
-    putBytes(writer, *data);
+    put(encoder, Tag::data);
+    putBytes(encoder, *data);
   } else if (const auto* date = value.get<Date>()) {
-    putNumber(writer, Tag::date, std::int64_t{date->time_since_epoch().count()});
+    putNumber(encoder, Tag::date, std::int64_t{date->time_since_epoch().count()});
   } else {
-    put(writer, Tag::null);
+    put(encoder, Tag::null);
   }
   return true;
 }
 
-bool put(Writer& writer, const Dictionary& dictionary, int levels) {
+bool put(Encoder& encoder, const Dictionary& dictionary, int levels) {
   if (levels == 0) return false;
-  putCount(writer, dictionary.size());
+  putCount(encoder, dictionary.size());
   for (const auto& [key, value] : dictionary) {
-    putBytes(writer, key);
-    if (!put(writer, value, levels - 1)) return false;
+    putBytes(encoder, key);
+    if (!put(encoder, value, levels - 1)) return false;
   }
   return true;
 }
@@ -222,9 +222,9 @@ struct Decoder {
 
 KLVCodedDictionary::KLVCodedDictionary(const Dictionary* dictionary) noexcept : dictionary_(dictionary) {
   if (dictionary == nullptr) return;
-  Writer writer{form_.data(), form_.size()};
-  if (put(writer, *dictionary, kDeepest)) {
-    size_ = writer.size;
+  Encoder encoder{form_.data(), form_.size()};
+  if (put(encoder, *dictionary, kDeepest)) {
+    size_ = encoder.size;
   } else {
     size_.reset();
   }
@@ -234,8 +234,8 @@ void KLVCodedDictionary::copyTo(std::byte* target) const noexcept {
   if (*size_ <= form_.size()) {
     std::memcpy(target, form_.data(), *size_);
   } else {
-    Writer writer{target, *size_};
-    static_cast<void>(put(writer, *dictionary_, kDeepest));
+    Encoder encoder{target, *size_};
+    static_cast<void>(put(encoder, *dictionary_, kDeepest));
   }
 }
 
