@@ -20,6 +20,13 @@ NAMES = ("Search", "Open Item", "Add To Cart", "Remove", "Checkout", "Pay", "Pur
 LOG_LINE = b"Logging app event for event"
 
 
+def loaded_bytes(program):
+    """Returns the size of the program's code, constants and data."""
+    output = subprocess.run(["size", program], capture_output=True, text=True, check=True).stdout
+    text, data = output.splitlines()[1].split()[:2]
+    return int(text) + int(data)
+
+
 class Service:
     """A service for the measured hosts: the collector, or the light one."""
 
@@ -196,9 +203,7 @@ class Build:
 
     def static_size(self):
         """Returns the text and data of a static host in kB."""
-        output = subprocess.run(["size", self.programs / "kelvo-bench-minimal-static"], capture_output=True, text=True, check=True).stdout
-        text, data = output.splitlines()[1].split()[:2]
-        return {"kilobytes": (int(text) + int(data)) / 1e3}
+        return {"kilobytes": loaded_bytes(self.programs / "kelvo-bench-minimal-static") / 1e3}
 
     def limit(self, part):
         with Home() as home:

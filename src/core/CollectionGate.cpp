@@ -1,7 +1,6 @@
 #include "core/CollectionGate.h"
 
-#include <algorithm>
-#include <iterator>
+#include <utility>
 
 #include "util/KLVLogger.h"
 
@@ -125,11 +124,9 @@ bool CollectionGate::admitToken(const std::string& token, bool recordExists, con
 }
 
 std::vector<BufferedAttributes> CollectionGate::takeUserAttributes() {
-  const auto session = std::stable_partition(attributes_.begin(), attributes_.end(),
-                                             [](const BufferedAttributes& call) { return call.isUser; });
-  std::vector<BufferedAttributes> ofUser(std::make_move_iterator(attributes_.begin()),
-                                         std::make_move_iterator(session));
-  attributes_.erase(attributes_.begin(), session);
+  std::vector<BufferedAttributes> ofUser, others;
+  for (auto& call : attributes_) (call.isUser ? ofUser : others).push_back(std::move(call));
+  attributes_ = std::move(others);
   return ofUser;
 }
 

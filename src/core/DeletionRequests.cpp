@@ -46,14 +46,14 @@ void DeletionRequests::beginRoundIfDue() {
     });
   }
   policy_ = policy_.afterStartOfRound(now);
-  round_.assign(waiting_.begin(), waiting_.end());
+  round_.assign(waiting_.rbegin(), waiting_.rend());
   sendNext();
 }
 
 void DeletionRequests::sendNext() {
   if (round_.empty()) return beginRoundIfDue();
-  const KLVDeletion deletion = std::move(round_.front());
-  round_.pop_front();
+  const KLVDeletion deletion = std::move(round_.back());
+  round_.pop_back();
   isUnderWay_ = true;
   std::string path = byReplacing(kKLVSDKUserDeletionURL, "<app-id>", deletion.appId);
   path = byReplacing(path, "<user-id>", deletion.userId);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <deque>
 #include <optional>
 #include <random>
 #include <vector>
@@ -36,8 +35,8 @@ class DeletionRequests {
   KLVPostman postman_;  // without a group: an erasure ends no deletion request
   // Queue: queue_.
   std::vector<KLVDeletion> waiting_ GUARDED_BY(queue_);
-  std::deque<KLVDeletion> round_ GUARDED_BY(queue_);  // those of `waiting_` that this round has yet to send
-  bool isUnderWay_ GUARDED_BY(queue_) = false;        // a request is
+  std::vector<KLVDeletion> round_ GUARDED_BY(queue_);  // those that this round has yet to send, the next one last
+  bool isUnderWay_ GUARDED_BY(queue_) = false;         // a request is
   bool hasWarned_ GUARDED_BY(queue_) = false;
   KLVResendPolicy policy_ GUARDED_BY(queue_);
   std::minstd_rand random_ GUARDED_BY(queue_){std::random_device()()};

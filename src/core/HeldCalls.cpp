@@ -77,8 +77,7 @@ void HeldCalls::trimReports(Calls& dropped) {
   if (reports_ <= kMostReports) return;
   if (std::exchange(warnsOfReports_, false)) KLV_WARN("Keeping only the last {} reports until the start", kMostReports);
   const auto oldest = std::find_if(calls_.begin(), calls_.end(), isReport);
-  dropped.push_back(std::move(*oldest));
-  calls_.erase(oldest);
+  dropped.splice(dropped.end(), calls_, oldest);
   --reports_;
 }
 
@@ -87,8 +86,7 @@ void HeldCalls::trimToLimit(Calls& dropped) {
     if (std::exchange(warnsOfLimit_, false)) {
       KLV_WARN("More than {} calls wait for the user's consent: the oldest are dropped", *limit_);
     }
-    dropped.push_back(std::move(calls_.front()));
-    calls_.pop_front();
+    dropped.splice(dropped.end(), calls_, calls_.begin());
     if (isReport(dropped.back())) --reports_;
     if (!isEvent(dropped.back())) continue;
     --events_;

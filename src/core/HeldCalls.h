@@ -3,8 +3,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <optional>
 
 #include "platform/ThreadSafety.h"
@@ -30,7 +30,7 @@ class HeldCalls {
     std::function<void()> call;
     [[nodiscard]] bool isReport() const noexcept { return kind == Kind::report || kind == Kind::namedScreen; }
   };
-  using Calls = std::deque<Held>;
+  using Calls = std::list<Held>;
   static constexpr std::size_t kMostReports = 1000;
 
   /// Keeps `call`. Returns false, and leaves `call` alone, once `open` was called: one atomic load.

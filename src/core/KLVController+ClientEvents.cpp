@@ -41,7 +41,7 @@ void saveHash(const std::string& hash) {
 
 void KLVController::loadClientAndAggregateEvents() {
   const std::string path = filledIn(kKLVClientEventValidateURL, applicationIdentifier(), deviceInfo());
-  getDataFromURLPath(path, [this](auto data, auto response, auto error) {
+  getDataFromURLPath(path, [this](const auto& data, const auto& response, const auto& error) {
     if (!succeeded(response, error)) {
       if (error) KLV_ERROR("Cound not validate hash: {}", error->localizedDescription);
       KLV_INFO("Booting client events data saved configuration");
@@ -63,7 +63,7 @@ void KLVController::loadClientAndAggregateEvents() {
 
 void KLVController::fetchClientEvents(const std::string& hash) {
   const std::string path = filledIn(kKLVClientEventsURL, applicationIdentifier(), deviceInfo());
-  getDataFromURLPath(path, [this, hash](auto data, auto response, auto error) {
+  getDataFromURLPath(path, [this, hash](const auto& data, const auto& response, const auto& error) {
     if (!succeeded(response, error)) {
       if (error)
         KLV_ERROR("Cound not validate hash: {}", error->localizedDescription);  // Kept: the message of the validation.

@@ -146,7 +146,8 @@ void KLVController::stepA(const std::string& userIdentifier, const HeldCalls::Ca
   if (holder) return finishStartUp();
   const std::string path = byReplacing(kKLVSDKEnableURL, "<app-id>", applicationIdentifier());
   postman_.getDataFromURLPath(
-      fmt::format("{}{:f}", path, kKLVSDKVersion), [this, now = *generation](auto data, auto response, auto error) {
+      fmt::format("{}{:f}", path, kKLVSDKVersion),
+      [this, now = *generation](const auto& data, const auto& response, const auto& error) {
         erasure_.perform(now, [this, now, answer = HTTPOutcome{data, response, error}] { stepB(now, answer); });
       });
 }

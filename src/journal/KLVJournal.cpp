@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <random>
 #include <utility>
 
@@ -112,7 +113,8 @@ std::vector<KLVJournalEntry> KLVJournal::open(const KLVJournalSettings& settings
   const auto formers = KLVJournalFormers::read(journalPlaces(settings));
   torn_ = 0;
   if (!formers.areReadable) return {};
-  std::vector<KLVJournalEntry> known, foreign;
+  std::vector<KLVJournalEntry> all;  // first the foreign ones, then the known ones in their order
+  std::multimap<std::uint64_t, const KLVJournalEntry*> known;  // by number
   for (const auto& file : formers.files) {
     const auto& contents = file.contents;
     torn_ += contents.torn;
@@ -120,18 +122,20 @@ std::vector<KLVJournalEntry> KLVJournal::open(const KLVJournalSettings& settings
     bool isEmpty = true;
     for (const auto& entry : contents.unfinished) {
       if (isKnown && finished.contains(entry.sequence)) continue;
-      (isKnown ? known : foreign).push_back(entry);
       isEmpty = false;
+      if (isKnown) {
+        known.emplace(entry.sequence, &entry);
+      } else {
+        all.push_back(entry);
+      }
     }
     if (isEmpty) file.giveUp();  // on a full disk, its room is needed
   }
-  std::stable_sort(known.begin(), known.end(),
-                   [](const auto& left, const auto& right) { return left.sequence < right.sequence; });
-  std::vector<KLVJournalEntry> all = std::move(foreign);
-  all.insert(all.end(), known.begin(), known.end());
+  const auto foreign = static_cast<std::ptrdiff_t>(all.size());
+  for (const auto& [number, entry] : known) all.push_back(*entry);
   if (settings.bytes == 0 && all.empty()) return {};
   auto opened = make(settings, formers, epoch, latestSequence, all);
-  if (opened == nullptr) return known;
+  if (opened == nullptr) return {all.begin() + foreign, all.end()};
   replace(formers, std::move(opened), epoch, settings.bytes > 0);
   return all;
 }

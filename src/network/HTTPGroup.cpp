@@ -14,10 +14,11 @@ HTTPGroup::~HTTPGroup() {
 }
 
 HTTPCompletion HTTPGroup::guard(HTTPCompletion completion) {
-  return [group = shared_from_this(), completion = std::move(completion)](auto data, auto response, auto error) {
+  return [group = shared_from_this(), completion = std::move(completion)](const auto& data, const auto& response,
+                                                                          const auto& error) {
     if (!group->enter()) return;
     const std::shared_ptr<void> leaving(nullptr, [&group](void*) { group->leave(); });
-    if (completion) completion(std::move(data), std::move(response), std::move(error));
+    if (completion) completion(data, response, error);
   };
 }
 

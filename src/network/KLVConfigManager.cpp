@@ -31,29 +31,30 @@ KLVConfigManager::KLVConfigManager(KLVConfigManagerDelegate& delegate) : delegat
 
 void KLVConfigManager::getAndSaveLatestConfigurationWithCompletionHandler(std::function<void()> completion) {
   const std::string path = byReplacing(kKLVSDKConfigURL, "<app-id>", delegate_.applicationIdentifier());
-  delegate_.getDataFromURLPath(path, [completion = std::move(completion)](auto data, auto response, auto error) {
-    if (!succeeded(response, error)) {
-      KLV_ERROR("Cound not get Configuration: {}", error ? Value(error->localizedDescription) : Value());
-      return;
-    }
-    std::string parseError;
-    const auto result = parseJSON(data.value_or(""), &parseError, kStartUpLimits.values);
-    if (!result) KLV_ERROR("JSON Error: {}", parseError);
-    KLV_DEBUG("Fetch Config response: {}", describe(response));
-    const auto members = Value(result).asDictionary();
-    const Value details = members ? (*members)["details"] : Value();
-    if (details.isNull()) {
-      KLV_WARN("Invalid json result while fetching config: {} with response: {}", result, describe(response));
-      return;
-    }
-    KLV_DEBUG("Recieved Config: {}", result);
-    if (!isValidSDKConfiguration(details)) return;
-    if (!KLVUtilities::saveConfig(jsonText(details), std::string(kKLVSdkConfigLocation))) {
-      KLV_ERROR("Couldn't write sdk config to file");
-      return;
-    }
-    if (completion) completion();
-  });
+  delegate_.getDataFromURLPath(
+      path, [completion = std::move(completion)](const auto& data, const auto& response, const auto& error) {
+        if (!succeeded(response, error)) {
+          KLV_ERROR("Cound not get Configuration: {}", error ? Value(error->localizedDescription) : Value());
+          return;
+        }
+        std::string parseError;
+        const auto result = parseJSON(data.value_or(""), &parseError, kStartUpLimits.values);
+        if (!result) KLV_ERROR("JSON Error: {}", parseError);
+        KLV_DEBUG("Fetch Config response: {}", describe(response));
+        const auto members = Value(result).asDictionary();
+        const Value details = members ? (*members)["details"] : Value();
+        if (details.isNull()) {
+          KLV_WARN("Invalid json result while fetching config: {} with response: {}", result, describe(response));
+          return;
+        }
+        KLV_DEBUG("Recieved Config: {}", result);
+        if (!isValidSDKConfiguration(details)) return;
+        if (!KLVUtilities::saveConfig(jsonText(details), std::string(kKLVSdkConfigLocation))) {
+          KLV_ERROR("Couldn't write sdk config to file");
+          return;
+        }
+        if (completion) completion();
+      });
 }
 
 std::string KLVConfigManager::defaultConfig(const std::string& applicationIdentifier) {

@@ -291,13 +291,12 @@ struct KLVHTTPSession::Impl final : ExitParking::NetworkThread, std::enable_shar
   /// Calls `completion` on the callback queue, unless `outcome` is empty. The request counts as unfinished until
   /// `completion` has returned or thrown.
   void finish(HTTPCompletion completion, HTTPTransfer::Outcome outcome) {
-    callbacks_.async(
-        [self = shared_from_this(), completion = std::move(completion), outcome = std::move(outcome)]() mutable {
-          const std::shared_ptr<Impl> counted(self.get(), [](Impl* impl) { --impl->unfinished_; });
-          if (completion && (outcome.response || outcome.error)) {
-            completion(std::move(outcome.data), std::move(outcome.response), std::move(outcome.error));
-          }
-        });
+    callbacks_.async([self = shared_from_this(), completion = std::move(completion), outcome = std::move(outcome)] {
+      const std::shared_ptr<Impl> counted(self.get(), [](Impl* impl) { --impl->unfinished_; });
+      if (completion && (outcome.response || outcome.error)) {
+        completion(outcome.data, outcome.response, outcome.error);
+      }
+    });
   }
 
   DispatchQueue callbacks_{"com.kelvo.concurrent.KLVPostman.callbacks", DispatchQueue::Kind::concurrent};

@@ -125,9 +125,10 @@ void KLVPostman::sendJSON(HTTPRequest request, SlicedText body, HTTPCompletion c
 void KLVPostman::send(HTTPRequest request, HTTPCompletion completion) {
   request.group = group();
   if (request.group != nullptr) completion = request.group->guard(std::move(completion));
-  sharedSession().start(std::move(request), [completion = std::move(completion)](auto data, auto response, auto error) {
+  sharedSession().start(std::move(request), [completion = std::move(completion)](const auto& data, const auto& response,
+                                                                                 const auto& error) {
     KLV_DEBUG("Response: {}", describe(response));
-    if (completion) completion(std::move(data), std::move(response), std::move(error));
+    if (completion) completion(data, response, error);
   });
 }
 

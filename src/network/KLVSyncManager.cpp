@@ -105,10 +105,11 @@ void KLVSyncManager::getSyncDataForActionType(const std::string& actionType, con
     return byReplacing(text, "<version>", version);
   };
   Sync sync{actionType, filled(isRTA(actionType) ? kKLVSDKRTASyncURL : kKLVSDKSurveySyncURL), std::move(completion)};
-  delegate_.getDataFromURLPath(filled(kKLVSDKSyncValidateURL),
-                               [this, sync = std::move(sync)](auto data, auto response, auto error) {
-                                 onValidated(sync, data, response, error);
-                               });
+  delegate_.getDataFromURLPath(
+      filled(kKLVSDKSyncValidateURL),
+      [this, sync = std::move(sync)](const auto& data, const auto& response, const auto& error) {
+        onValidated(sync, data, response, error);
+      });
 }
 
 void KLVSyncManager::onValidated(const Sync& sync, const Data& data, const Response& response, const Error& error) {
@@ -176,9 +177,10 @@ void KLVSyncManager::fetch(const Sync& sync, const std::string& pids, const std:
                            Dictionary server) {
   const std::string path = sync.fetchPath + pids;
   KLV_DEBUG("URL to fetch action config: {}", path);
-  delegate_.getActionsFromURLPath(
-      path, [this, sync, hash, disk = std::move(disk), server = std::move(server)](
-                auto data, auto response, auto error) { onFetched(sync, hash, disk, server, data, response, error); });
+  delegate_.getActionsFromURLPath(path, [this, sync, hash, disk = std::move(disk), server = std::move(server)](
+                                            const auto& data, const auto& response, const auto& error) {
+    onFetched(sync, hash, disk, server, data, response, error);
+  });
 }
 
 void KLVSyncManager::onFetched(const Sync& sync, const std::string& hash, Dictionary disk, const Dictionary& server,

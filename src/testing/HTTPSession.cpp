@@ -31,11 +31,10 @@ struct KLVHTTPSession::Impl : std::enable_shared_from_this<Impl> {
 
  private:
   void finish(HTTPCompletion completion, HTTPOutcome outcome) {
-    callbacks_.async(
-        [self = shared_from_this(), completion = std::move(completion), outcome = std::move(outcome)]() mutable {
-          const std::shared_ptr<Impl> counted(self.get(), [](Impl* impl) { --impl->unfinished_; });
-          completion(std::move(outcome.data), std::move(outcome.response), std::move(outcome.error));
-        });
+    callbacks_.async([self = shared_from_this(), completion = std::move(completion), outcome = std::move(outcome)] {
+      const std::shared_ptr<Impl> counted(self.get(), [](Impl* impl) { --impl->unfinished_; });
+      completion(outcome.data, outcome.response, outcome.error);
+    });
   }
 
   DispatchQueue callbacks_{"com.kelvo.concurrent.KLVPostman.callbacks", DispatchQueue::Kind::concurrent};

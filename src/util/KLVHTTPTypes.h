@@ -29,8 +29,9 @@ struct HTTPError {
 [[nodiscard]] std::string describe(const std::optional<HTTPResponse>& response);
 
 /// Receives the outcome of a request: either an error, or a response with its body (which may be empty).
-using HTTPCompletion = std::function<void(std::optional<std::string> data, std::optional<HTTPResponse> response,
-                                          std::optional<HTTPError> error)>;
+using HTTPCompletion =
+    std::function<void(const std::optional<std::string>& data, const std::optional<HTTPResponse>& response,
+                       const std::optional<HTTPError>& error)>;
 
 /// The arguments of an `HTTPCompletion`.
 struct HTTPOutcome {

@@ -247,8 +247,8 @@ class Writer {
     waiting.swap(messages_);
     lock.unlock();
     std::move(waiting.begin(), waiting.end(), std::back_inserter(batch));
-    const auto dropped = batch.size() - std::min(batch.size(), kMostUnread);
-    batch.erase(batch.end() - static_cast<std::ptrdiff_t>(dropped), batch.end());
+    std::uint64_t dropped = 0;
+    for (; batch.size() > kMostUnread; ++dropped) batch.pop_back();
     lock.lock();
     dropped_ += dropped;
     lock.unlock();

@@ -62,10 +62,11 @@ class KLVLogger {
   template <class>
   using Text = const std::string&;
 
-  /// `format` takes the arguments' descriptions. `function` is a `__PRETTY_FUNCTION__`; it must live forever.
+  /// `format` takes the arguments' descriptions. `function` is a `__PRETTY_FUNCTION__`; it must live forever. Not
+  /// inline, because a line's place in the library needs less code then.
   template <class... Args>
-  static void log(Level level, const char* function, int line, fmt::format_string<Text<Args>...> format,
-                  Args&&... arguments) {
+  [[gnu::noinline]] static void log(Level level, const char* function, int line,
+                                    fmt::format_string<Text<Args>...> format, Args&&... arguments) {
     std::array<Value, sizeof...(Args)> values{Value(std::forward<Args>(arguments))...};
     write(level, function, line, format, values.data(), values.size());
   }
