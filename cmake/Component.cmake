@@ -29,16 +29,14 @@ function(kelvo_component name)
   add_library(kelvo_${name} STATIC ${sources})
   target_include_directories(kelvo_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
   target_link_libraries(kelvo_${name} PUBLIC ${ARG_LINKS} PRIVATE kelvo_flags)
-  # A release is built for size. Each function gets a section, so that the linker can drop unused ones. Nothing asks for the
-  # type of an object of the library, so its classes have no type information: the name of each lambda's type is long.
+  # A release is built for size. Each function gets a section, so that the linker can drop unused ones.
   target_compile_options(kelvo_${name} PRIVATE
-                         "$<$<CONFIG:Release,MinSizeRel>:-Os;-ffunction-sections;-fdata-sections;-fno-rtti>")
-endfunction()
-
-# kelvo_base_classes(<file> ...): marks sources that define classes from which code outside the library may derive. These
-# classes keep their type information, to which that of the derived class refers.
-function(kelvo_base_classes)
-  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -frtti)
+                         "$<$<CONFIG:Release,MinSizeRel>:-Os;-ffunction-sections;-fdata-sections>")
+  # It compiles the sources of a folder together, unless the project or the folder decides otherwise: the library gets a
+  # twentieth smaller.
+  if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$" AND NOT DEFINED CMAKE_UNITY_BUILD)
+    set_target_properties(kelvo_${name} PROPERTIES UNITY_BUILD ON)
+  endif()
 endfunction()
 
 # kelvo_hot(<file> ...): marks sources whose code runs on the caller's thread in every call. A release builds them for
