@@ -28,9 +28,8 @@ inline constexpr const char* kScreenProperty = "kelvoScreen";
 /// - A screen's title is the widget's window title, else the tab's text or the wizard page's title, else the title of
 ///   its window.
 /// - Searches for actions see the live widgets, and the items in a `QQuickWidget`, by class, object name (the native
-/// id), `kTagProperty` and position. The
-///   rows of item views are cells, in section 0. In a tree, the top-level entry n is row 0 of section n, and its child
-///   m is row m + 1 of section n; deeper entries are no cells.
+///   id), `kTagProperty` and position. The rows of item views are cells, in section 0. In a tree, the top-level entry n
+///   is row 0 of section n, and its child m is row m + 1 of section n; deeper entries are no cells.
 void attach(QApplication& application) noexcept;
 
 }  // namespace kelvo::qt

@@ -21,7 +21,8 @@
 ///
 /// A test of a host with Qt links `Kelvo::qt_testing` or `Kelvo::quick_testing` in place of `Kelvo::qt` or
 /// `Kelvo::quick`. One call of `kelvo::qt::attach` holds for all recorders of the process. The functions of a recorder
-/// that wait also handle the waiting events of Qt. `killed` needs the platform "offscreen".
+/// that wait also handle the waiting events of Qt. `killed` then needs the platform "offscreen": a child process cannot
+/// use the display of its parent.
 ///
 /// Without a recorder, this build collects nothing.
 namespace kelvo::testing {
