@@ -31,7 +31,7 @@ std::vector<double> durations(std::size_t count, std::chrono::microseconds pause
 
 /// Prints "key value" for the program that started this process.
 void printFigure(const std::string& key, double value);
-/// Ends the process without its exit hooks, which are not measured.
+/// Ends the process at once. Its exit hooks do not run, so the bench does not measure them.
 [[noreturn]] void endWith(int status);
 /// Prints the figures p50, p99 and p999. `sorted`: not empty.
 void printPercentiles(const std::vector<double>& sorted);

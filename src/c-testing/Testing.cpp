@@ -24,7 +24,7 @@ namespace {
 
 constexpr double kLongestTime = 1e9;  // seconds
 
-/// What a test in C has between two calls. It is never destroyed, so that no destructor runs at exit.
+/// The state of a test in C between two calls. It is never destroyed, so that no destructor runs at exit.
 struct Kit {
   std::unique_ptr<Recorder> recorder;
   std::string message;

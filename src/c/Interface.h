@@ -18,7 +18,7 @@ struct kelvo_attributes {
   kelvo::Dictionary values;
 };
 
-/// What the functions of the C interface share. Where memory is short, they give nil: nothing throws into C.
+/// The helpers of the C interface. If memory is short, they return nil: no exception enters C.
 namespace kelvo::c {
 
 /// Runs `call`, and drops it if memory is short: nothing else throws here.

@@ -6,7 +6,7 @@
 
 namespace kelvo {
 
-/// What the host and its plug-ins have told the controller about themselves. Thread: any.
+/// Facts about the host that it and its plug-ins have reported to the controller. Thread: any.
 class KLVHostFlags {
  public:
   void markAsCordova() noexcept { isCordova_ = true; }

@@ -8,7 +8,7 @@
 
 namespace kelvo {
 
-/// What a call of the host reported. The numbers are in the file, so they never change. 0 is none of them.
+/// The kind of a host call. The numbers are in the file, so they never change. 0 is none of them.
 enum class KLVJournalKind : std::uint8_t {
   appEvent = 1,           ///< text: the name; info: the attributes
   clientEvent = 2,        ///< text: the name; info: the attributes

@@ -44,9 +44,8 @@ CURLcode initialiseCurl() {
                                 std::calloc);
 }
 
-/// Arranges for OpenSSL to call `parkAtExit` before it frees its data, through OpenSSL's own list of exit handlers.
-/// Registered before OpenSSL initialises, so that it runs before OpenSSL's own exit handler, even if the process exits
-/// in the middle of the initialisation.
+/// Puts `parkAtExit` into OpenSSL's list of exit handlers, so that OpenSSL calls it before it frees its data. This
+/// happens before OpenSSL initialises: then the order holds even if the process exits during the initialisation.
 void parkBeforeOpenSSLEnds() {
   using Register = int (*)(void (*)());
   const auto registerHandler = reinterpret_cast<Register>(Curl::functionBehind("OPENSSL_atexit"));

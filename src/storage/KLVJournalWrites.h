@@ -12,7 +12,7 @@ namespace kelvo {
 
 class FMKLVDatabase;
 
-/// What the database knows of the journal: which calls have their effects in it.
+/// The calls of the journal whose effects are in the database.
 struct KLVFinishedCalls {
   std::uint64_t epoch = 0;  ///< of the numbers; 0: the database knows no journal
   KLVSequenceSet numbers{};

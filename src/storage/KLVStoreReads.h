@@ -20,8 +20,8 @@ namespace kelvo {
 
 /// The reading part of `KLVPersistantStore`, on the connection that the store opens. Thread-safe.
 ///
-/// A read that fails is logged and returns no rows, or 0; one that returns an optional returns nullopt. If the database
-/// is not open, every read returns nothing.
+/// A failed read is logged. It returns nullopt if its type is an optional, else no rows or 0. If the database is not
+/// open, it returns the same without a log line.
 class KLVStoreReads {
  public:
   using Parameters = Dictionary;  ///< from column to value

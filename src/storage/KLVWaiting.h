@@ -9,7 +9,7 @@ namespace kelvo {
 
 class FMKLVDatabase;
 
-/// What a database holds that the service has not accepted. Events are those of the types that chunks carry.
+/// The data of a database that the service has not accepted. Events are those of the types that chunks carry.
 struct KLVWaiting {
   std::uint64_t chunks = 0;
   std::uint64_t events = 0;     ///< in these chunks, and after the last chunk of each session

@@ -86,7 +86,7 @@ void Recording::startWith(Options options) {
   options_ = std::move(options);
 }
 
-/// Does what the load of the library does, and then what the host's `main` does.
+/// Repeats the steps of the library's load, and then those of the host's `main`.
 void Recording::beginLaunch() {
   Directories::chooseHome(home_);
   holdThreads();

@@ -31,7 +31,7 @@ struct KLVStoredSessions {
   std::vector<std::string> withDirectory;
 };
 
-/// What is stored of one session of an earlier process, or of one that has ended.
+/// The stored data of a session that has ended, in this process or an earlier one.
 struct KLVEarlierSession {
   std::string sid;
   bool hasTable = false;

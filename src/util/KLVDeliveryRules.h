@@ -24,7 +24,7 @@ struct KLVDeliveryRules {
   /// Unaccepted chunks are resent while the process runs. Otherwise at the next launch.
   bool resendsWhileRunning = false;
   /// A host that goes to the background before the start-up has ended gets its cut at the end of the start-up.
-  /// Otherwise at the next trigger.
+  /// Otherwise the next trigger cuts.
   bool cutsAfterStartInBackground = false;
   /// A chunk keeps the user, application and device records of its cut. Otherwise it gets those of each sending.
   bool keepsRecordsOfTheCut = false;

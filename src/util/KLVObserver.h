@@ -6,7 +6,7 @@ namespace kelvo {
 
 class KLVInfo;
 
-/// What the build for tests sees of the host's calls. The product has no observer, and no code for it.
+/// Shows the host's calls to the build for tests. The product has no observer, and no code for it.
 namespace observer {
 
 #ifdef KELVO_TESTING

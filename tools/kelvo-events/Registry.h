@@ -8,7 +8,6 @@
 
 namespace kelvo::registry {
 
-/// The type of an attribute.
 enum class Type { text, integer, number, boolean };
 
 /// One of the texts that an attribute may have.

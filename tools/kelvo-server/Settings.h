@@ -14,7 +14,7 @@ struct Endpoint {
   unsigned short port = 0;  ///< 0 for a free one
 };
 
-/// What the flags say, or else the environment, or else the default.
+/// The settings: of the flags, else of the environment, else the defaults.
 struct Settings {
   std::string database;  ///< connection string or URI of libpq
   Endpoint listen{"127.0.0.1", 8288};

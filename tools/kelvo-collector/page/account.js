@@ -1,4 +1,4 @@
-// What a device says about its events, next to what arrived from it.
+// Compares a device's own counts of its events with the events that arrived.
 
 import { h } from "./dom.js";
 import { count, plural } from "./format.js";

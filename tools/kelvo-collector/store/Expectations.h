@@ -61,7 +61,7 @@ class Expectations {
                            std::vector<std::string>& errors);
   /// Returns what `value` should be, empty if it obeys the rule.
   static std::string breachOf(const Rule& rule, const Value& value);
-  /// Returns the value that an aggregate has counted under `text`, in the type that the rule asks for.
+  /// An aggregate counts its values as texts. Returns `text` as a value of the type that the rule asks for.
   static Value countedValue(const Rule& rule, const Value& text);
   /// Returns nullptr if there is none.
   [[nodiscard]] const Expected* expectationOf(const std::string& name) const;
