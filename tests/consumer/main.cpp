@@ -2,13 +2,17 @@
 #include <kelvo/Plugin.h>
 #include <kelvo/ViewTree.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
+namespace {
+std::atomic<bool> isReady{false};
+}
+
 int main() {
-  // The bundle has started the library before main. The device id exists once the start has ended.
-  for (int i = 0; i < 200 && !kelvo::KelvoSDK::getDeviceID(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
+  // The bundle has started the library before main. It is ready once the start has ended.
+  kelvo::KelvoSDK::onReady([](const auto&) { isReady = true; });
+  for (int i = 0; i < 200 && !isReady; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   kelvo::KelvoSDK::logAppEventWithName("Consumed", {{"linked", true}});
 }

@@ -178,11 +178,12 @@ TEST_F(Outages, ADeadlockIsTriedAgain) {
     return std::atoi(sql("SELECT deadlocks FROM pg_stat_database WHERE datname = current_database()").c_str());
   };
   const int before = deadlocks();
-  // The server locks the device, then the session. It waits first, so it is the one that PostgreSQL ends.
+  // The server locks the device, then the session. PostgreSQL ends it, because the other looks for deadlocks later.
   std::thread opposite([&] {
-    sql("BEGIN; UPDATE sessions SET seconds = 0 WHERE app = '" + app +
-        "'; DO $$ BEGIN WHILE NOT EXISTS (SELECT FROM pg_locks WHERE NOT granted) LOOP PERFORM pg_sleep(0.05);"
-        " END LOOP; END $$; UPDATE devices SET token = NULL WHERE app = '" +
+    sql("BEGIN; SET LOCAL deadlock_timeout = '1min'; UPDATE sessions SET seconds = 0 WHERE app = '" + app +
+        "'; DO $$ BEGIN WHILE NOT EXISTS (SELECT FROM pg_locks WHERE NOT granted AND pg_backend_pid() = ANY"
+        "(pg_blocking_pids(pid))) LOOP PERFORM pg_sleep(0.05); END LOOP; END $$; UPDATE devices SET token = NULL"
+        " WHERE app = '" +
         app + "'; COMMIT");
   });
   EXPECT_TRUE(

@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QSocketNotifier>
 #include <QtTest/QTest>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +22,8 @@ namespace {
 constexpr int kPatience = 20000;
 constexpr int kMoreThanASecond = 1100;
 constexpr int kWaitStep = 100;
+
+std::atomic<bool> isReady{false};  ///< the library has started
 
 void click(QWidget* widget) {
   QTest::mouseClick(widget, Qt::LeftButton);
@@ -59,7 +62,8 @@ bool open(QApplication& app, shop::Window& window, const char* steps) {
     if (*step == 'w') QTest::qWait(kWaitStep);
     if (*step == 'k') std::raise(SIGTERM);
   }
-  const bool started = QTest::qWaitFor([] { return kelvo::KelvoSDK::getDeviceID().has_value(); }, kPatience);
+  kelvo::KelvoSDK::onReady([](const auto&) { isReady = true; });
+  const bool started = QTest::qWaitFor([] { return isReady.load(); }, kPatience);
   return started && QTest::qWaitForWindowExposed(&window, kPatience);
 }
 

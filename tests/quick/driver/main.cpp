@@ -8,6 +8,7 @@
 #include <QSocketNotifier>
 #include <QTimer>
 #include <QtTest/QTest>
+#include <atomic>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -20,6 +21,8 @@ namespace {
 // In milliseconds.
 constexpr int kPatience = 20000;
 constexpr int kMoreThanASecond = 1100;
+
+std::atomic<bool> isReady{false};  ///< the library has started
 
 /// Returns the visible item `name` in `around`, nullptr if there is none.
 QQuickItem* itemIn(QQuickItem* around, const QString& name) {
@@ -126,7 +129,8 @@ int main(int argc, char** argv) {
   kelvo::qt::attach(app);
   kelvo::KelvoSDK::initializeKelvoWithID("tea-shop");
   auto engine = std::make_unique<QQmlApplicationEngine>(QUrl("qrc:/shop/Main.qml"));
-  const bool started = QTest::qWaitFor([] { return kelvo::KelvoSDK::getDeviceID().has_value(); }, kPatience);
+  kelvo::KelvoSDK::onReady([](const auto&) { isReady = true; });
+  const bool started = QTest::qWaitFor([] { return isReady.load(); }, kPatience);
   const bool complete = started && isActive("shop") && (argc < 2 || visit());
   std::puts("at rest");
   std::fflush(stdout);
