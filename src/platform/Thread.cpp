@@ -1,6 +1,7 @@
 #include "platform/Thread.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 
 #include <atomic>
@@ -42,9 +43,20 @@ class InheritedSignalMask {
   sigset_t before_;
 };
 
+/// From now on, the calling thread that wakes up takes no processor from a running thread: it waits for a free one, or
+/// for the end of the other's time slice. Otherwise a host call would wake a thread of the library that stops it in its
+/// tracks. A host's own choice, which its threads inherit, stays: real-time policies, and the one for idle times.
+void yieldToHost() {
+  sched_param parameters{};
+  int policy = 0;
+  if (pthread_getschedparam(pthread_self(), &policy, &parameters) != 0 || policy != SCHED_OTHER) return;
+  pthread_setschedparam(pthread_self(), SCHED_BATCH, &parameters);
+}
+
 void runThread(const std::string& name, const std::function<void()>& body) {
   isOurs = true;
   pthread_setname_np(pthread_self(), name.c_str());
+  yieldToHost();
   try {
     body();
   } catch (const std::exception& exception) {

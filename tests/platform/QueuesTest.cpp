@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <array>
@@ -151,6 +153,19 @@ TEST(ThreadPool, AnErrandRunsOnAWokenThreadOnly) {
   while (!pool::runOnWaking(errand)) std::this_thread::yield();
   while (runs == 0) std::this_thread::yield();
   EXPECT_EQ(runs, 1);
+}
+
+TEST(Threads, TakeNoProcessorFromTheHostAndKeepItsOwnPolicy) {
+  for (const auto& [ofHost, expected] : {std::pair{SCHED_OTHER, SCHED_BATCH}, std::pair{SCHED_IDLE, SCHED_IDLE}}) {
+    std::promise<int> policy;
+    std::thread([&, host = ofHost] {
+      const sched_param parameters{};
+      ASSERT_EQ(pthread_setschedparam(pthread_self(), host, &parameters), 0);
+      const auto report = [&] { policy.set_value(sched_getscheduler(0)); };
+      if (!startThread("kelvo.test", report, [] {})) policy.set_value(-1);
+    }).join();
+    EXPECT_EQ(policy.get_future().get(), expected);
+  }
 }
 
 /// A thread that sleeps until an alarm takes on tasks, too; then the other one watches the alarm.
