@@ -195,13 +195,15 @@ class Writer {
       idle_ = true;
       while (messages_.empty() && dropped_ == 0 && !threadsMustEnd()) lock.wait(wake_);
       idle_ = false;
-      if (messages_.empty() && threadsMustEnd()) return;
+      if (messages_.empty() && dropped_ == 0) return;
+      const std::uint64_t takenBefore = taken_;
       auto batch = takeMessages();
       const auto sink = sink_;
       lock.unlock();
       write(batch, sink.get(), true);
       lock.lock();
-      done_ = taken_;
+      // What was dropped meanwhile is not done before the next batch, whose last line says so.
+      done_ = dropped_ > 0 ? takenBefore : taken_;
       written_.notify_all();
     }
   }
