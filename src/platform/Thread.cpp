@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 
 #include <atomic>
 #include <exception>
@@ -43,10 +44,12 @@ class InheritedSignalMask {
   sigset_t before_;
 };
 
-/// From now on, the calling thread that wakes up takes no processor from a running thread: it waits for a free one, or
-/// for the end of the other's time slice. Otherwise a host call would wake a thread of the library that stops it in its
-/// tracks. A host's own choice, which its threads inherit, stays: real-time policies, and the one for idle times.
+/// Gives the calling thread the policy SCHED_BATCH: when it wakes up, it waits for a free processor, or for the end of
+/// another thread's time slice. Otherwise the kernel may stop a thread of the host in the middle of a call, because the
+/// call has just woken this thread. Changes nothing if the thread has inherited a policy other than the default, or if
+/// the process is under a seccomp filter: common filters end a process that sets a policy. A refusal changes nothing.
 void yieldToHost() {
+  if (prctl(PR_GET_SECCOMP) != 0) return;
   sched_param parameters{};
   int policy = 0;
   if (pthread_getschedparam(pthread_self(), &policy, &parameters) != 0 || policy != SCHED_OTHER) return;

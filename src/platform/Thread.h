@@ -10,9 +10,9 @@ namespace kelvo {
 
 /// Starts a detached thread with the name `name`, of which the first 15 characters count. The thread blocks every
 /// asynchronous signal. The host's handlers keep the fault signals: SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP
-/// and SIGSYS. When the thread wakes up, it takes no processor from a running thread, unless the calling thread has a
-/// scheduling policy of its own, which it inherits. Reports a problem and returns false if the system refuses a thread.
-/// Returns false in a forked child.
+/// and SIGSYS. The thread has the policy SCHED_BATCH, so that waking it never stops a thread of the host. It keeps the
+/// policy of the calling thread if that is not the default, or if the process is under a seccomp filter. Reports a
+/// problem and returns false if the system refuses a thread. Returns false in a forked child.
 ///
 /// In the build for tests, the thread belongs to the context. The end of the context calls `wake`: `body` must then see
 /// that `threadsMustEnd`, and return.

@@ -1,13 +1,19 @@
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <deque>
 #include <future>
 #include <latch>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -155,17 +161,42 @@ TEST(ThreadPool, AnErrandRunsOnAWokenThreadOnly) {
   EXPECT_EQ(runs, 1);
 }
 
+/// Returns the policy of a thread of the library that a thread with the policy `ofHost` starts; -1 without a thread.
+int policyOfThread(int ofHost) {
+  const auto policy = std::make_shared<std::promise<int>>();
+  std::thread([policy, ofHost] {
+    const sched_param parameters{};
+    EXPECT_EQ(pthread_setschedparam(pthread_self(), ofHost, &parameters), 0);
+    const auto report = [policy] { policy->set_value(sched_getscheduler(0)); };
+    if (!startThread("kelvo.test", report, [] {})) policy->set_value(-1);
+  }).join();
+  return policy->get_future().get();
+}
+
 TEST(Threads, TakeNoProcessorFromTheHostAndKeepItsOwnPolicy) {
-  for (const auto& [ofHost, expected] : {std::pair{SCHED_OTHER, SCHED_BATCH}, std::pair{SCHED_IDLE, SCHED_IDLE}}) {
-    std::promise<int> policy;
-    std::thread([&, host = ofHost] {
-      const sched_param parameters{};
-      ASSERT_EQ(pthread_setschedparam(pthread_self(), host, &parameters), 0);
-      const auto report = [&] { policy.set_value(sched_getscheduler(0)); };
-      if (!startThread("kelvo.test", report, [] {})) policy.set_value(-1);
-    }).join();
-    EXPECT_EQ(policy.get_future().get(), expected);
-  }
+  if (prctl(PR_GET_SECCOMP) != 0) GTEST_SKIP() << "under a seccomp filter, every policy stays";
+  EXPECT_EQ(policyOfThread(SCHED_OTHER), SCHED_BATCH);
+  EXPECT_EQ(policyOfThread(SCHED_IDLE), SCHED_IDLE);
+}
+
+TEST(ThreadsDeathTest, ASandboxThatForbidsAPolicyDoesNotEndTheHost) {
+  const auto startInSandbox = [] {
+    std::array filter{sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sched_setscheduler, 0, 1),
+                      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+                      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{filter.size(), filter.data()};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+      _exit(1);
+    std::promise<void> started;
+    if (!startThread(
+            "kelvo.test", [&] { started.set_value(); }, [] {}))
+      _exit(2);
+    started.get_future().wait();
+    _exit(0);
+  };
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a new program: a forked child starts no thread
+  EXPECT_EXIT(startInSandbox(), testing::ExitedWithCode(0), "");
 }
 
 /// A thread that sleeps until an alarm takes on tasks, too; then the other one watches the alarm.
