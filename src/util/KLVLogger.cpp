@@ -202,7 +202,7 @@ class Writer {
       lock.unlock();
       write(batch, sink.get(), true);
       lock.lock();
-      // What was dropped meanwhile is not done before the next batch, whose last line says so.
+      // The last line of the next batch counts the lines dropped meanwhile. Until it is written, they are not done.
       done_ = dropped_ > 0 ? takenBefore : taken_;
       written_.notify_all();
     }
@@ -247,6 +247,7 @@ class Writer {
     Lock lock(mutex_);
     isUnread_ = true;
     waiting.swap(messages_);
+    taken_ = accepted_;
     lock.unlock();
     std::move(waiting.begin(), waiting.end(), std::back_inserter(batch));
     std::uint64_t dropped = 0;
