@@ -32,7 +32,7 @@ LedgerCounts ledger() {
 /// long session does not log everything in one burst.
 void longSession(std::size_t events) {
   Options options("bench");
-  options.maxStoredBytes = 0;  // no limit: events come faster than the collector accepts them
+  options.maxStoredBytes = 0;  // no limit: events come faster than the service accepts them
   KelvoSDK::start(options);
   waitFor([] { return ledger().stored > 0; });
   const double cpu = cpuSeconds();

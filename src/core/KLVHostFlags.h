@@ -6,7 +6,7 @@
 
 namespace kelvo {
 
-/// Facts about the host that it and its plug-ins have reported to the controller. Thread: any.
+/// Flags that the host and its plug-ins have set in the controller. Thread: any.
 class KLVHostFlags {
  public:
   void markAsCordova() noexcept { isCordova_ = true; }

@@ -11,7 +11,7 @@
 
 namespace kelvo {
 
-/// The content of a journal's file.
+/// A parsed journal file.
 struct KLVJournalContents {
   std::optional<KLVJournalFileHeader> header{};  ///< nullopt: damaged
   std::uint64_t epoch = 0;                       ///< of the header, else of the latest entry; 0: no entry counts

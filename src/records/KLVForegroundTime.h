@@ -36,7 +36,7 @@ class KLVForegroundTime {
     total_ += stretch;
     return stretch;
   }
-  /// Returns whether the latest report was that the host goes to the background.
+  /// Returns whether the host is in the background, by its latest report.
   [[nodiscard]] bool isInBackground() const noexcept { return left_.has_value(); }
   /// Returns the sum of all stretches that have ended.
   [[nodiscard]] Seconds total() const noexcept { return total_; }

@@ -70,7 +70,7 @@ class KLVSession final : public KLVInfo, public KLVEventListener, public std::en
   /// The host goes to the background: adds the seconds of this stretch in the foreground to the duration. Adds nothing
   /// if the host was there already.
   void updateEndTime(Date when);
-  /// Returns whether the host's latest report was that it goes to the background.
+  /// Returns whether the host is in the background, by its latest report.
   [[nodiscard]] bool isInBackground();
   /// Goes on with the transitions that were reported before the session existed, and adds their time to the duration.
   void continueFrom(const KLVForegroundTime& earlier);

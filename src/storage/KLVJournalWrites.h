@@ -12,7 +12,7 @@ namespace kelvo {
 
 class FMKLVDatabase;
 
-/// The calls of the journal whose effects are in the database.
+/// The numbers of the journal's calls whose effects are stored in the database.
 struct KLVFinishedCalls {
   std::uint64_t epoch = 0;  ///< of the numbers; 0: the database knows no journal
   KLVSequenceSet numbers{};
@@ -22,8 +22,9 @@ struct KLVFinishedCalls {
   [[nodiscard]] static std::optional<KLVFinishedCalls> inDatabase(const std::string& path);
 };
 
-/// Notes in each transaction whose effects it has, as its last statement but one: a kill between the commit and the
-/// marks in the journal then stores nothing twice. Used by one thread at a time, except for the static functions.
+/// Notes in each transaction the calls whose effects it has, as its last statement but one: then a kill between the
+/// commit and the marks in the journal stores nothing twice. Used by one thread at a time, except for the static
+/// functions.
 class KLVJournalWrites {
  public:
   /// The journal is open with this epoch and these finished numbers.

@@ -20,8 +20,8 @@ namespace kelvo {
 
 /// The reading part of `KLVPersistantStore`, on the connection that the store opens. Thread-safe.
 ///
-/// A failed read is logged. It returns nullopt if its type is an optional, else no rows or 0. If the database is not
-/// open, it returns the same without a log line.
+/// A read that fails writes a log line. It returns nullopt where its type is an optional, otherwise no rows or 0. While
+/// the database is closed, reads return the same and write no line.
 class KLVStoreReads {
  public:
   using Parameters = Dictionary;  ///< from column to value

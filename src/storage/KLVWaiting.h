@@ -9,7 +9,7 @@ namespace kelvo {
 
 class FMKLVDatabase;
 
-/// The data of a database that the service has not accepted. Events are those of the types that chunks carry.
+/// Counts of stored data that the service has not accepted yet. Only events of the types that chunks carry count.
 struct KLVWaiting {
   std::uint64_t chunks = 0;
   std::uint64_t events = 0;     ///< in these chunks, and after the last chunk of each session

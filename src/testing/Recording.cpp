@@ -86,7 +86,7 @@ void Recording::startWith(Options options) {
   options_ = std::move(options);
 }
 
-/// Repeats the steps of the library's load, and then those of the host's `main`.
+/// Begins a launch in this process: runs the library's load hook, then the host's start.
 void Recording::beginLaunch() {
   Directories::chooseHome(home_);
   holdThreads();

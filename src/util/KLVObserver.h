@@ -6,7 +6,7 @@ namespace kelvo {
 
 class KLVInfo;
 
-/// Shows the host's calls to the build for tests. The product has no observer, and no code for it.
+/// Tells the test kit of each host call. Only the build for tests has an observer; the product has no code for it.
 namespace observer {
 
 #ifdef KELVO_TESTING

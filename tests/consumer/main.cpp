@@ -11,8 +11,8 @@ std::atomic<bool> isReady{false};
 }
 
 int main() {
-  // The bundle has started the library before main. It is ready once the start has ended.
-  kelvo::KelvoSDK::onReady([](const auto&) { isReady = true; });
+  // The bundle has started the library before main. It collects once the start has ended.
+  kelvo::KelvoSDK::onReady([](const auto& status) { isReady = status.state == kelvo::KelvoSDK::State::running; });
   for (int i = 0; i < 200 && !isReady; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   kelvo::KelvoSDK::logAppEventWithName("Consumed", {{"linked", true}});
 }

@@ -178,7 +178,8 @@ TEST_F(Outages, ADeadlockIsTriedAgain) {
     return std::atoi(sql("SELECT deadlocks FROM pg_stat_database WHERE datname = current_database()").c_str());
   };
   const int before = deadlocks();
-  // The server locks the device, then the session. PostgreSQL ends it, because the other looks for deadlocks later.
+  // The server locks the device, then the session; this transaction locks them the other way round. PostgreSQL ends the
+  // server's, which is the first to look for a deadlock.
   std::thread opposite([&] {
     sql("BEGIN; SET LOCAL deadlock_timeout = '1min'; UPDATE sessions SET seconds = 0 WHERE app = '" + app +
         "'; DO $$ BEGIN WHILE NOT EXISTS (SELECT FROM pg_locks WHERE NOT granted AND pg_backend_pid() = ANY"

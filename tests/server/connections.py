@@ -2,7 +2,7 @@
 """Tests what connections cost and how many kelvo-server keeps.
 
 usage: scripts/postgres exec --fast tests/server/connections.py PROGRAM [COUNT]: opens COUNT idle connections (4,000 without), or
-as many as a process may open files. Few connections tell too little: the server's own memory varies by 3 MB under load.
+as many as a process may open files. It takes thousands, because the server's own memory varies by 3 MB under load.
 """
 import os
 import pathlib
@@ -89,7 +89,7 @@ class Connections(unittest.TestCase):
                         self.assertTrue(is_answered(idle[-1]))
                     return server.bytes()
 
-                before = open_idle_connections(100)  # by then, what the server makes once exists
+                before = open_idle_connections(100)  # the server has then made what it makes only once
                 each = (open_idle_connections(COUNT) - before) / COUNT
                 print(f"an idle connection: {each:.0f} bytes ({name})", file=sys.stderr)
                 self.assertLess(each, most)

@@ -14,7 +14,7 @@ struct Endpoint {
   unsigned short port = 0;  ///< 0 for a free one
 };
 
-/// The settings: of the flags, else of the environment, else the defaults.
+/// The settings of the server. A flag wins over the environment, and the environment over the default.
 struct Settings {
   std::string database;  ///< connection string or URI of libpq
   Endpoint listen{"127.0.0.1", 8288};

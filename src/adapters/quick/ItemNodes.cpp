@@ -52,7 +52,7 @@ Row rowOf(const QQuickItem& item) {
   return row < 0 ? Row{} : Row{list, row};
 }
 
-/// The common part of a window and a view. `Base` is Window or View, `Object` is QQuickWindow or QQuickItem.
+/// Base class of the nodes of windows and items. `Base` is Window or View, `Object` is QQuickWindow or QQuickItem.
 template <class Base, class Object>
 class Node : public Base {
  public:
@@ -90,7 +90,7 @@ class ItemNode final : public Node<View, QQuickItem> {
   }
   [[nodiscard]] Rect frame() const override {
     if (!object_) return {};
-    QPoint origin;  // the place of the scene in the window
+    QPoint origin;  // of the scene, in the coordinates of the window
     if (object_->window() != nullptr) QQuickRenderControl::renderWindowFor(object_->window(), &origin);
     const QRectF area = object_->mapRectToScene(object_->boundingRect()).translated(origin);
     return {area.x(), area.y(), area.width(), area.height()};

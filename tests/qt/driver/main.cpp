@@ -23,7 +23,7 @@ constexpr int kPatience = 20000;
 constexpr int kMoreThanASecond = 1100;
 constexpr int kWaitStep = 100;
 
-std::atomic<bool> isReady{false};  ///< the library has started
+std::atomic<bool> isReady{false};  ///< the library collects
 
 void click(QWidget* widget) {
   QTest::mouseClick(widget, Qt::LeftButton);
@@ -62,7 +62,7 @@ bool open(QApplication& app, shop::Window& window, const char* steps) {
     if (*step == 'w') QTest::qWait(kWaitStep);
     if (*step == 'k') std::raise(SIGTERM);
   }
-  kelvo::KelvoSDK::onReady([](const auto&) { isReady = true; });
+  kelvo::KelvoSDK::onReady([](const auto& status) { isReady = status.state == kelvo::KelvoSDK::State::running; });
   const bool started = QTest::qWaitFor([] { return isReady.load(); }, kPatience);
   return started && QTest::qWaitForWindowExposed(&window, kPatience);
 }

@@ -22,7 +22,7 @@ namespace {
 constexpr int kPatience = 20000;
 constexpr int kMoreThanASecond = 1100;
 
-std::atomic<bool> isReady{false};  ///< the library has started
+std::atomic<bool> isReady{false};  ///< the library collects
 
 /// Returns the visible item `name` in `around`, nullptr if there is none.
 QQuickItem* itemIn(QQuickItem* around, const QString& name) {
@@ -129,7 +129,7 @@ int main(int argc, char** argv) {
   kelvo::qt::attach(app);
   kelvo::KelvoSDK::initializeKelvoWithID("tea-shop");
   auto engine = std::make_unique<QQmlApplicationEngine>(QUrl("qrc:/shop/Main.qml"));
-  kelvo::KelvoSDK::onReady([](const auto&) { isReady = true; });
+  kelvo::KelvoSDK::onReady([](const auto& status) { isReady = status.state == kelvo::KelvoSDK::State::running; });
   const bool started = QTest::qWaitFor([] { return isReady.load(); }, kPatience);
   const bool complete = started && isActive("shop") && (argc < 2 || visit());
   std::puts("at rest");
